@@ -1,0 +1,18 @@
+# TARN_SANITIZE, TARN_FUZZ and TARN_COVERAGE reach every target, the tests' own code included.
+if(TARN_SANITIZE)
+  add_compile_options(-fsanitize=${TARN_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${TARN_SANITIZE})
+  if(TARN_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()
+if(TARN_FUZZ)
+  # The fuzz targets add libFuzzer's main; all else only carries the instrumentation.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+if(TARN_COVERAGE)
+  add_compile_options(--coverage -O0)
+  add_link_options(--coverage)
+endif()

@@ -1,0 +1,294 @@
+#include "logging/log.h"
+
+#include <syslog.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "logging/log_guards.h"
+#include "logging/sys_log.h"
+
+namespace vald {
+
+namespace {
+
+// The highest level that is sent to the system log once the log is open, and on the console path.
+constexpr int kHighestToSyslog = Log::kInfo;
+constexpr int kHighestToConsoleSyslog = Log::kNotice;
+
+const char* LevelWord(int level) {
+    switch (level) {
+        case Log::kError:
+            return "Error: ";
+        case Log::kWarning:
+            return "Warning: ";
+        case Log::kInfo:
+            return "Info: ";
+        case Log::kNotice:
+            return "Notice: ";
+        default:
+            return "Debug: ";
+    }
+}
+
+// Deliberate: before the log is open an error has the priority of its name, unlike in SysLog,
+// where the level is the priority. Start-up trouble is to be found by its ordinary priority.
+int ConsolePriority(int level) {
+    switch (level) {
+        case Log::kError:
+            return LOG_ERR;
+        case Log::kWarning:
+            return LOG_WARNING;
+        default:
+            return LOG_INFO;
+    }
+}
+
+}  // namespace
+
+Log* Log::m_pLog = nullptr;
+std::atomic<bool> Log::m_bInitialized{false};
+std::atomic<int> Log::m_iLogLevel{kNotice};
+const char* Log::m_sAppName = "QOR";
+std::atomic<Log::ConsoleCallback> Log::m_pfnVLogToConsole{nullptr};
+std::atomic<bool> Log::m_sendErrorsToConsole{false};
+std::atomic<bool> Log::m_sendWarningsToConsole{false};
+std::atomic<bool> Log::m_sendInfosToConsole{false};
+
+// ---------------------------------------------------------------------------------------------
+// The static level functions
+//
+// Deliberate: on the console path errors, warnings and notices go to the callback and infos do not,
+// nor does Critical. Once the log is open the callback takes levels 1 to 3, by whatever function.
+
+void Log::Debug(const char* format, ...) {
+    if (!Passes(kDebug)) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    VWriteStatic(kDebug, format, args, nullptr);
+    va_end(args);
+}
+
+void Log::Info(const char* format, ...) {
+    if (!Passes(kInfo)) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    VWriteStatic(kInfo, format, args, nullptr);
+    va_end(args);
+}
+
+void Log::Notice(const char* format, ...) {
+    if (!Passes(kNotice)) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    VWriteStatic(kNotice, format, args, &m_sendInfosToConsole);
+    va_end(args);
+}
+
+void Log::Warning(const char* format, ...) {
+    if (!Passes(kWarning)) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    VWriteStatic(kWarning, format, args, &m_sendWarningsToConsole);
+    va_end(args);
+}
+
+void Log::Error(const char* format, ...) {
+    if (!Passes(kError)) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    VWriteStatic(kError, format, args, &m_sendErrorsToConsole);
+    va_end(args);
+}
+
+void Log::Critical(const char* format, ...) {
+    if (!Passes(kError)) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    VWriteStatic(kError, format, args, nullptr);
+    va_end(args);
+}
+
+void Log::Fatal(const char* format, ...) {
+    if (!Passes(kError)) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    VWriteStatic(kError, format, args, nullptr);
+    va_end(args);
+}
+
+void Log::WriteConsole(int level, const char* format, ...) {
+    if (!Passes(level) || level > kHighestToConsoleSyslog) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    VWriteConsole(level, format, args, false);
+    va_end(args);
+}
+
+void Log::VWriteStatic(int level, const char* format, va_list args,
+                       const std::atomic<bool>* toCallback) {
+    if (m_pLog != nullptr && m_bInitialized.load(std::memory_order_acquire)) {
+        m_pLog->VWrite(level, format, args);
+        return;
+    }
+    va_list forConsole;
+    va_copy(forConsole, args);
+    VWriteConsole(level, format, forConsole, false);
+    va_end(forConsole);
+    VCallBack(toCallback, level, format, args);
+}
+
+void Log::VCallBack(const std::atomic<bool>* chosen, int level, const char* format, va_list args) {
+    const ConsoleCallback callback = m_pfnVLogToConsole.load(std::memory_order_acquire);
+    if (callback == nullptr || chosen == nullptr || !chosen->load(std::memory_order_relaxed)) {
+        return;
+    }
+    const ErrnoKeeper keeper;
+    callback(level, format, args);
+}
+
+void Log::VWriteConsole(int level, const char* format, va_list args, bool appendErrno) {
+    const ErrnoKeeper keeper;
+    char text[8192] = "";
+    vsnprintf(text, sizeof text, format, args);
+    if (appendErrno) {
+        char reason[128];
+        const size_t length = strlen(text);
+        snprintf(text + length, sizeof text - length, ": %s",
+                 strerror_r(keeper.Kept(), reason, sizeof reason));
+    }
+
+    const Uninterrupted uninterrupted;
+    if (level <= kHighestToConsoleSyslog) {
+        if (m_pLog != nullptr && m_pLog->m_syslog != nullptr) {
+            m_pLog->m_syslog->Write(level, "%s", text);
+        } else {
+            syslog(ConsolePriority(level), "%s", text);
+        }
+    }
+    fprintf(stderr, "%s%s\n", LevelWord(level), text);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Level and callback
+
+void Log::SetLevel(int level) {
+    m_iLogLevel.store(level, std::memory_order_relaxed);
+    if (m_pLog == nullptr) {
+        return;
+    }
+    if (m_pLog->m_syslog != nullptr) {
+        m_pLog->m_syslog->SetLevel(level);
+    }
+    m_pLog->m_file.SetLevel(level);
+}
+
+void Log::SetConsole(ConsoleCallback callback, bool errors, bool warnings, bool infos) {
+    const bool given = callback != nullptr;
+    m_sendErrorsToConsole.store(given && errors, std::memory_order_relaxed);
+    m_sendWarningsToConsole.store(given && warnings, std::memory_order_relaxed);
+    m_sendInfosToConsole.store(given && infos, std::memory_order_relaxed);
+    m_pfnVLogToConsole.store(callback, std::memory_order_release);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The singleton
+
+Log* Log::Create() {
+    m_pLog = new Log;
+    return m_pLog;
+}
+
+void Log::Destroy() {
+    delete m_pLog;
+    m_pLog = nullptr;
+}
+
+Log::~Log() {
+    Close();
+}
+
+void Log::Write(int level, const char* format, ...) {
+    if (!Passes(level)) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    VWrite(level, format, args);
+    va_end(args);
+}
+
+void Log::VWrite(int level, const char* format, va_list args) {
+    if (!Passes(level)) {
+        return;
+    }
+    va_list copy;
+    if (m_syslog != nullptr && level <= kHighestToSyslog) {
+        va_copy(copy, args);
+        m_syslog->VWrite(level, format, copy);
+        va_end(copy);
+    }
+    const std::atomic<bool>* chosen = nullptr;
+    if (level == kError) {
+        chosen = &m_sendErrorsToConsole;
+    } else if (level == kWarning) {
+        chosen = &m_sendWarningsToConsole;
+    } else if (level == kInfo) {
+        chosen = &m_sendInfosToConsole;
+    }
+    va_copy(copy, args);
+    VCallBack(chosen, level, format, copy);
+    va_end(copy);
+    m_file.VWrite(level, format, args);
+}
+
+void Log::Open(const char* appName, const char* file, int level, int maxFileSize, int maxFiles) {
+    SetLevel(level);
+    if (appName != nullptr) {
+        if (*appName != '\0') {
+            m_sAppName = appName;
+        }
+        m_file.Initialize(file != nullptr ? file : "", level);
+        if (!m_file.SetLimits(static_cast<unsigned>(maxFileSize),
+                              static_cast<unsigned>(maxFiles))) {
+            // Deliberate: the message names the application and not the file, and operators search
+            // for it in this form. It takes the console path, since the log is not open yet.
+            Warning("Unable to initialize log file: %s", appName);
+        }
+    }
+    m_syslog = SysLog::GetInstance();
+    m_syslog->Initialize(appName != nullptr ? appName : "", level);
+    m_bInitialized.store(true, std::memory_order_release);
+}
+
+void Log::Reopen(const char* appName, const char* file, int level, int maxFileSize, int maxFiles) {
+    Close();
+    m_bInitialized.store(false, std::memory_order_release);
+    Open(appName, file, level, maxFileSize, maxFiles);
+}
+
+void Log::Close() {
+    if (m_syslog != nullptr) {
+        SysLog::Release();
+        m_syslog = nullptr;
+    }
+    m_file.Close();
+}
+
+}  // namespace vald

@@ -1,0 +1,179 @@
+#include "logging/log_file.h"
+
+#include <fcntl.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "logging/log_guards.h"
+
+namespace vald {
+
+namespace {
+
+// The length of what snprintf put into a buffer of this size, given its result.
+size_t Fitted(int printed, size_t size) {
+    return printed < 0 ? 0 : std::min(static_cast<size_t>(printed), size - 1);
+}
+
+}  // namespace
+
+LogFile::~LogFile() {
+    Close();
+    pthread_mutex_destroy(&m_mutex);
+}
+
+void LogFile::Initialize(const std::string& path, int level) {
+    SetLevel(level);
+    m_path = path;
+}
+
+bool LogFile::SetLimits(unsigned maxSize, unsigned maxFiles) {
+    if (maxSize == 0 || maxFiles == 0) {
+        return false;
+    }
+    const ErrnoKeeper keeper;
+    const LogLock lock(m_mutex);
+    m_size = 0;
+    m_maxSize = maxSize;
+    m_maxFiles = maxFiles;
+    return OpenWithRotation();
+}
+
+int LogFile::Write(int level, const char* format, ...) {
+    if (!Passes(level)) {
+        return 0;
+    }
+    va_list args;
+    va_start(args, format);
+    const int result = VWrite(level, format, args);
+    va_end(args);
+    return result;
+}
+
+int LogFile::VWrite(int level, const char* format, va_list args) {
+    if (!Passes(level)) {
+        return 0;
+    }
+    const ErrnoKeeper keeper;
+    const LogLock lock(m_mutex);
+    BuildLine(format, args);
+    return WriteLine(m_buffer);
+}
+
+void LogFile::Close() {
+    const ErrnoKeeper keeper;
+    const LogLock lock(m_mutex);
+    CloseFile();
+}
+
+void LogFile::Flush() {
+    const ErrnoKeeper keeper;
+    const LogLock lock(m_mutex);
+    if (m_fd != -1) {
+        fsync(m_fd);
+    }
+}
+
+size_t LogFile::BuildPrefix(char* out, size_t size, const char* tag) {
+    timeval now{};
+    if (gettimeofday(&now, nullptr) != 0) {
+        now = {};
+    }
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    size_t length = strftime(out, size, "%Y/%m/%d %H:%M:%S", &local);
+    length += Fitted(snprintf(out + length, size - length, ".%3.3ld T:%2.2lu ",
+                              static_cast<long>(now.tv_usec / 1000), pthread_self()),
+                     size - length);
+    if (tag != nullptr) {
+        length += Fitted(snprintf(out + length, size - length, "%s\t", tag), size - length);
+    }
+    return length;
+}
+
+// Deliberate: a line that does not fit is cut without a mark. An attentive reader sees it by its
+// length, and the parsers of the collecting hosts take the line as it is.
+void LogFile::BuildLine(const char* format, va_list args) {
+    static constexpr char kFailed[] = ">>>";
+    static constexpr size_t kFailedAt = 2040;
+    static_assert(kFailedAt + sizeof kFailed <= sizeof m_buffer);
+
+    const size_t prefix = m_timestamps ? BuildPrefix(m_buffer, sizeof m_buffer, nullptr) : 0;
+    m_buffer[prefix] = '\0';
+    if (vsnprintf(m_buffer + prefix, sizeof m_buffer - prefix, format, args) == -1) {
+        // Deliberate: the mark has a fixed place, so it shows only where the text that was
+        // formatted before the failure filled the buffer that far.
+        memcpy(m_buffer + kFailedAt, kFailed, sizeof kFailed);
+    }
+}
+
+int LogFile::WriteLine(const char* text) {
+    if (m_fd == -1 || text == nullptr) {
+        return kDropped;
+    }
+    // The size is tested before the line, so a file exceeds its limit by one line at most.
+    // Deliberate: a rotation that fails leaves the file closed for good, since a file that cannot
+    // be rotated would otherwise grow without a limit and fill the disk.
+    if (m_size > m_maxSize && !OpenWithRotation()) {
+        return kRotateFailed;
+    }
+    const ssize_t written = write(m_fd, text, strlen(text));
+    if (written > 0) {
+        m_size += static_cast<uint32_t>(written);
+    }
+    const ssize_t lineFeed = write(m_fd, "\n", 1);
+    if (lineFeed > 0) {
+        m_size += static_cast<uint32_t>(lineFeed);
+    }
+    return written > 0 ? static_cast<int>(written) : 0;
+}
+
+bool LogFile::OpenWithRotation() {
+    CloseFile();
+    if (!Rotate()) {
+        return false;
+    }
+    m_size = 0;
+    m_fd = open(m_path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    return m_fd != -1;
+}
+
+// Moves every file one number up, the oldest out. Deliberate: a gap left by a missing source moves
+// along and is not closed, so that a number tells the age of a file.
+bool LogFile::Rotate() const {
+    for (uint32_t i = m_maxFiles - 1; i >= 1; --i) {
+        const std::string source = i == 1 ? m_path : RotatedName(i - 1);
+        if (access(source.c_str(), F_OK) != 0) {
+            continue;
+        }
+        const std::string target = RotatedName(i);
+        if (access(target.c_str(), F_OK) == 0 && remove(target.c_str()) != 0) {
+            return false;
+        }
+        if (rename(source.c_str(), target.c_str()) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The path may be of any length; only the number has a form.
+std::string LogFile::RotatedName(uint32_t index) const {
+    char ending[16];
+    snprintf(ending, sizeof ending, ".%03u", index);
+    return m_path + ending;
+}
+
+void LogFile::CloseFile() {
+    if (m_fd != -1) {
+        close(m_fd);
+        m_fd = -1;
+    }
+}
+
+}  // namespace vald
