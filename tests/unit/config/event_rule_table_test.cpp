@@ -1,0 +1,381 @@
+#include "config/event_rule_table.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <thread>
+#include <vector>
+
+// These replace the operators of the whole program: they count, and they fail on demand, which the
+// shared count of tests/support does not.
+namespace {
+
+thread_local unsigned t_allocations = 0;
+thread_local unsigned t_failAfter = 0;  // 0: allocations succeed; n: the n-th from now fails
+
+void* CountedAllocation(std::size_t size) {
+    ++t_allocations;
+    void* const memory = t_failAfter == 1 ? nullptr : std::malloc(size);
+    t_failAfter -= t_failAfter != 0 ? 1 : 0;
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+    return CountedAllocation(size);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+namespace {
+
+class EventRuleTableTest : public testing::Test {
+  protected:
+    EventRuleTableTest() { table.Initialize(); }
+
+    void Enter(uint32_t id, const std::string& eventName = "name") {
+        table.SetEventName(id, eventName);
+        ASSERT_TRUE(table.Commit());
+    }
+
+    // The name under which an id stands in the table, "-" if it is not there.
+    std::string NameOf(uint32_t id) {
+        const std::shared_ptr<Node> node = table.Find(id);
+        return node ? node->eventName : "-";
+    }
+
+    std::string Dumped() {
+        testing::internal::CaptureStdout();
+        table.Dump();
+        return testing::internal::GetCapturedStdout();
+    }
+
+    EventRuleTable table;
+};
+
+using EventRuleTablePending = EventRuleTableTest;
+using EventRuleTableCommit = EventRuleTableTest;
+using EventRuleTableFind = EventRuleTableTest;
+using EventRuleTableRemove = EventRuleTableTest;
+using EventRuleTableClear = EventRuleTableTest;
+using EventRuleTableDump = EventRuleTableTest;
+using EventRuleTableThreads = EventRuleTableTest;
+
+TEST_F(EventRuleTablePending, IsAbsentAtFirst) {
+    EXPECT_EQ(table.PendingId(), 0U);
+}
+
+TEST_F(EventRuleTablePending, StartsWithEveryFieldZeroOrEmpty) {
+    table.SetSeverity(7, 0);
+    ASSERT_TRUE(table.Commit());
+    const auto node = table.Find(7);
+    ASSERT_TRUE(node);
+    EXPECT_EQ(node->link, nullptr);
+    EXPECT_EQ(node->id, 7U);
+    EXPECT_EQ(node->severity, 0U);
+    EXPECT_EQ(node->rule, "");
+    EXPECT_EQ(node->eventName, "");
+    EXPECT_EQ(node->userResponse, "");
+    EXPECT_EQ(node->userResponseFlags, 0U);
+    EXPECT_EQ(node->responseFlags, 0U);
+    EXPECT_TRUE(node->blockRules.empty());
+}
+
+TEST_F(EventRuleTablePending, GathersWhatTheSettersOfOneIdWrite) {
+    EXPECT_TRUE(table.SetSeverity(7, 3));
+    EXPECT_TRUE(table.SetRule(7, "rule"));
+    EXPECT_TRUE(table.SetEventName(7, "name"));
+    EXPECT_TRUE(table.SetUserResponse(7, "response"));
+    EXPECT_TRUE(table.SetUserResponseFlags(7, 0x41));
+    EXPECT_TRUE(table.SetResponseFlags(7, 0x0C));
+    EXPECT_TRUE(table.AddBlockRule(7, {1, 2, 3}));
+    EXPECT_TRUE(table.AddBlockRule(7, {4, 5, 6}));
+    EXPECT_EQ(table.PendingId(), 7U);
+    ASSERT_TRUE(table.Commit());
+
+    const auto node = table.Find(7);
+    ASSERT_TRUE(node);
+    EXPECT_EQ(node->severity, 3U);
+    EXPECT_EQ(node->rule, "rule");
+    EXPECT_EQ(node->eventName, "name");
+    EXPECT_EQ(node->userResponse, "response");
+    EXPECT_EQ(node->userResponseFlags, 0x41U);
+    EXPECT_EQ(node->responseFlags, 0x0CU);
+    ASSERT_EQ(node->blockRules.size(), 2U);
+    EXPECT_EQ(node->blockRules.front().flags, 1U);
+    EXPECT_EQ(node->blockRules.front().duration, 2U);
+    EXPECT_EQ(node->blockRules.front().rateLimit, 3U);
+    EXPECT_EQ(node->blockRules.back().flags, 4U);
+}
+
+TEST_F(EventRuleTablePending, IsLostWhenASetterNamesAnotherId) {
+    table.SetEventName(7, "seven");
+    table.SetEventName(8, "eight");
+    EXPECT_EQ(table.PendingId(), 8U);
+    ASSERT_TRUE(table.Commit());
+    EXPECT_EQ(NameOf(7), "-");
+    EXPECT_EQ(NameOf(8), "eight");
+}
+
+TEST_F(EventRuleTableCommit, SucceedsWithNothingPending) {
+    EXPECT_TRUE(table.Commit());
+    EXPECT_EQ(table.NodeCount(), 0U);
+}
+
+TEST_F(EventRuleTableCommit, MovesThePendingNodeIntoTheTable) {
+    Enter(7, "seven");
+    EXPECT_EQ(table.PendingId(), 0U);
+    EXPECT_EQ(NameOf(7), "seven");
+    EXPECT_EQ(table.NodeCount(), 1U);
+}
+
+TEST_F(EventRuleTableCommit, RefusesAnIdThatIsInTheTableAndKeepsItPending) {
+    Enter(7, "first");
+    table.SetEventName(7, "second");
+    EXPECT_FALSE(table.Commit());
+    EXPECT_EQ(NameOf(7), "first");
+    EXPECT_EQ(table.PendingId(), 7U);
+    EXPECT_EQ(table.NodeCount(), 1U);
+}
+
+TEST_F(EventRuleTableCommit, RefusedNodeIsDiscardedByASetterForAnotherId) {
+    Enter(7, "first");
+    table.SetEventName(7, "second");
+    ASSERT_FALSE(table.Commit());
+    Enter(8, "eight");
+    ASSERT_TRUE(table.Remove(7));
+    EXPECT_TRUE(table.Commit());
+    EXPECT_EQ(NameOf(7), "-");
+}
+
+TEST_F(EventRuleTableCommit, RefusedNodeEntersOnceItsIdIsFree) {
+    Enter(7, "first");
+    table.SetEventName(7, "second");
+    ASSERT_FALSE(table.Commit());
+    table.Clear();
+    EXPECT_TRUE(table.Commit());
+    EXPECT_EQ(NameOf(7), "second");
+}
+
+TEST_F(EventRuleTableCommit, OrdersTheKeysOfOneBucketWhicheverCameFirst) {
+    for (const auto& order : {std::vector<uint32_t>{1, 257, 513}, {513, 257, 1}, {257, 1, 513}}) {
+        table.Clear();
+        for (const uint32_t id : order) {
+            Enter(id);
+        }
+        const std::string dump = Dumped();
+        const std::size_t first = dump.find("ID:1\n");
+        const std::size_t second = dump.find("ID:257\n");
+        const std::size_t third = dump.find("ID:513\n");
+        ASSERT_NE(third, std::string::npos);
+        EXPECT_LT(first, second);
+        EXPECT_LT(second, third);
+    }
+}
+
+TEST_F(EventRuleTableCommit, ComparesKeysAsUnsigned) {
+    Enter(0xFFFFFF01, "top");
+    Enter(1, "bottom");
+    const std::string dump = Dumped();
+    EXPECT_LT(dump.find("ID:1\n"), dump.find("ID:4294967041\n"));
+}
+
+TEST_F(EventRuleTableCommit, ReleasesTheLockAndKeepsTheNodeWhenAllocationFails) {
+    table.SetEventName(7, "seven");
+    t_failAfter = 1;
+    EXPECT_THROW((void)table.Commit(), std::bad_alloc);
+    EXPECT_EQ(NameOf(7), "-") << "a lock left behind would hang here";
+    EXPECT_EQ(table.PendingId(), 7U);
+    EXPECT_TRUE(table.Commit());
+    EXPECT_EQ(NameOf(7), "seven");
+    EXPECT_EQ(table.NodeCount(), 1U);
+}
+
+TEST_F(EventRuleTableFind, YieldsNothingForAnIdThatIsOnlyPending) {
+    table.SetEventName(7, "seven");
+    EXPECT_EQ(table.Find(7), nullptr);
+}
+
+TEST_F(EventRuleTableFind, YieldsNothingForAnAbsentIdOfAFilledBucket) {
+    Enter(1);
+    Enter(513);
+    EXPECT_EQ(table.Find(257), nullptr);
+    EXPECT_EQ(table.Find(769), nullptr);
+}
+
+TEST_F(EventRuleTableFind, AllocatesNothing) {
+    for (uint32_t id = 1; id <= 2000; ++id) {
+        Enter(id);
+    }
+    const unsigned before = t_allocations;
+    const auto hit = table.Find(1999);
+    const auto miss = table.Find(5000);
+    EXPECT_EQ(t_allocations, before);
+    EXPECT_TRUE(hit);
+    EXPECT_FALSE(miss);
+}
+
+TEST_F(EventRuleTableFind, ReferenceStaysReadableAfterClear) {
+    Enter(7, "seven");
+    const auto node = table.Find(7);
+    table.Clear();
+    ASSERT_TRUE(node);
+    EXPECT_EQ(node.use_count(), 1);
+    EXPECT_EQ(node->eventName, "seven");
+}
+
+TEST_F(EventRuleTableRemove, LeavesTheOtherKeyOfTheBucket) {
+    Enter(1, "one");
+    Enter(257, "other");
+    EXPECT_TRUE(table.Remove(1));
+    EXPECT_EQ(NameOf(1), "-");
+    EXPECT_EQ(NameOf(257), "other");
+    EXPECT_EQ(table.NodeCount(), 1U);
+}
+
+TEST_F(EventRuleTableRemove, TellsThatAnIdIsAbsent) {
+    Enter(1);
+    EXPECT_FALSE(table.Remove(257));
+    EXPECT_EQ(table.NodeCount(), 1U);
+}
+
+TEST_F(EventRuleTableClear, EmptiesEveryBucket) {
+    for (uint32_t id = 1; id <= 600; ++id) {
+        Enter(id);
+    }
+    table.Clear();
+    EXPECT_EQ(table.NodeCount(), 0U);
+    EXPECT_EQ(NameOf(256), "-");
+    EXPECT_EQ(NameOf(511), "-");
+}
+
+TEST_F(EventRuleTableClear, KeepsThePendingNode) {
+    table.SetEventName(7, "seven");
+    table.Clear();
+    EXPECT_EQ(table.PendingId(), 7U);
+    ASSERT_TRUE(table.Commit());
+    EXPECT_EQ(NameOf(7), "seven");
+}
+
+TEST_F(EventRuleTableClear, OfOneBucketLeavesTheOthers) {
+    Enter(1);
+    Enter(257);
+    Enter(2, "two");
+    table.ClearBucket(513);
+    EXPECT_EQ(NameOf(1), "-");
+    EXPECT_EQ(NameOf(257), "-");
+    EXPECT_EQ(NameOf(2), "two");
+    EXPECT_EQ(table.NodeCount(), 1U);
+}
+
+TEST_F(EventRuleTableDump, ShowsAnEmptyTableAsItsFrame) {
+    EXPECT_EQ(Dumped(),
+              "-----------------------------\n"
+              "Bucket Size: 256\n"
+              "Node Count: 0\n"
+              "-----------------------------\n"
+              "-----------------------------\n");
+}
+
+TEST_F(EventRuleTableDump, ShowsEveryFieldUnderItsShortName) {
+    table.SetSeverity(258, 2);
+    table.SetRule(258, "alert tcp");
+    table.SetEventName(258, "A name");
+    table.SetUserResponse(258, "LOGEVIDENCE");
+    table.SetUserResponseFlags(258, 0x41);
+    table.SetResponseFlags(258, 0x0C);
+    table.AddBlockRule(258, {0x101, 60, 10});
+    table.AddBlockRule(258, {5, 0, 0});
+    ASSERT_TRUE(table.Commit());
+    EXPECT_EQ(Dumped(),
+              "-----------------------------\n"
+              "Bucket Size: 256\n"
+              "Node Count: 1\n"
+              "-----------------------------\n"
+              "Bucket[2] => \n"
+              "    (  ID:258\n"
+              "       SV:2\n"
+              "       RL:alert tcp\n"
+              "       EN:A name\n"
+              "       UR:LOGEVIDENCE\n"
+              "       URF:65\n"
+              "       R:12\n"
+              "       QR:( BF:257, BD:60, RL:10 )->( BF:5, BD:0, RL:0 )->\n"
+              "    ) -> \n"
+              "\n"
+              "-----------------------------\n");
+}
+
+// A cancel that is pending may land at any write, and a table of this size takes several.
+TEST_F(EventRuleTableDump, IsCompleteOnAThreadThatIsBeingCancelled) {
+    for (uint32_t id = 1; id <= 256; ++id) {
+        Enter(id, std::string(100, 'x'));
+    }
+    const std::string whole = Dumped();
+    void* result = nullptr;
+    pthread_t thread;
+    const auto run = [](void* dumped) -> void* {
+        pthread_cancel(pthread_self());
+        static_cast<EventRuleTable*>(dumped)->Dump();
+        pthread_testcancel();
+        return nullptr;
+    };
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(pthread_create(&thread, nullptr, run, &table), 0);
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), whole);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+}
+
+// Four readers look up while the one writer empties and fills the table. Whatever they find is
+// whole; under the thread sanitizer this also proves the hand-over.
+TEST_F(EventRuleTableThreads, ReadersFindWholeNodesWhileTheWriterReloads) {
+    constexpr uint32_t kIds = 512;
+    std::atomic<bool> stop = false;
+    std::atomic<unsigned> torn = 0;
+    std::atomic<unsigned> found = 0;
+    std::vector<std::thread> readers;
+    for (int reader = 0; reader < 4; ++reader) {
+        readers.emplace_back([&] {
+            for (uint32_t id = 1; !stop.load(); id = id % kIds + 1) {
+                const auto node = table.Find(id);
+                if (!node) {
+                    continue;
+                }
+                ++found;
+                if (node->id != id || node->eventName != std::to_string(id) ||
+                    node->blockRules.size() != 1 || node->blockRules.front().duration != id) {
+                    ++torn;
+                }
+            }
+        });
+    }
+    for (int reload = 0; reload < 20 || (found.load() == 0 && reload < 100000); ++reload) {
+        table.Clear();
+        for (uint32_t id = 1; id <= kIds; ++id) {
+            table.SetEventName(id, std::to_string(id));
+            table.AddBlockRule(id, {1, id, 0});
+            ASSERT_TRUE(table.Commit());
+        }
+    }
+    stop = true;
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+    EXPECT_EQ(torn.load(), 0U);
+    EXPECT_GT(found.load(), 0U);
+    EXPECT_EQ(table.NodeCount(), kIds);
+}
+
+}  // namespace
