@@ -1,0 +1,154 @@
+// Messages by the million through a ring of the event queue's size, between ShmEventPipe in one
+// process and a peer written from the format alone in another, first one way and then the other.
+// Every message is checked for its number and its checksum.
+//
+//   ring_exchange [messages]     ten million when nothing is given
+
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "channels/shm_event_pipe.h"
+#include "independent_ring.h"
+#include "ring_traffic.h"
+
+namespace {
+
+constexpr std::uint32_t kTenMillion = 10000000;
+constexpr std::uint32_t kFileSize = 0x40000;
+constexpr std::uint32_t kLargest = 60000;
+constexpr std::uint32_t kSeed = 4711;
+
+bool PipeWrites(const std::string& path, std::uint32_t messages) {
+    ShmEventPipe pipe(WRITER, path, kFileSize);
+    if (!pipe.Open(true)) {
+        return false;
+    }
+    RingTraffic traffic(kSeed);
+    for (std::uint32_t number = 0; number < messages; ++number) {
+        std::vector<unsigned char> message = traffic.Next(kLargest);
+        const auto length = static_cast<std::uint32_t>(message.size());
+        const iovec pieces[] = {{message.data(), 8}, {message.data() + 8, length - 8}};
+        const auto write = [&] {
+            return number % 2 == 0 ? pipe.write(message.data(), &length) : pipe.write(pieces, 2);
+        };
+        ShmPipeResult result = write();
+        while (result == PIPE_FULL) {
+            sched_yield();
+            result = write();
+        }
+        if (result != PIPE_OK) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool PipeReads(const std::string& path, std::uint32_t messages) {
+    ShmEventPipe pipe(READER, path, kFileSize);
+    if (!pipe.Open(true)) {
+        return false;
+    }
+    std::vector<unsigned char> message(kLargest);
+    for (std::uint32_t number = 0; number < messages;) {
+        std::uint32_t size = kLargest;
+        std::uint32_t status = 0;
+        if (pipe.read(message.data(), &size, &status) == PIPE_OK) {
+            if (!RingTraffic::IsIntact({message.data(), size}, number++)) {
+                std::fprintf(stderr, "message %u is not the one that was sent\n", number - 1);
+                return false;
+            }
+        } else if (status == READ_EMPTY) {
+            sched_yield();
+        } else {
+            std::fprintf(stderr, "message %u: read status %u\n", number, status);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool PeerWrites(const std::string& path, std::uint32_t messages) {
+    IndependentRing peer(path);
+    RingTraffic traffic(kSeed);
+    for (std::uint32_t number = 0; number < messages; ++number) {
+        const std::vector<unsigned char>& message = traffic.Next(kLargest);
+        while (!peer.Put(message)) {
+            sched_yield();
+        }
+    }
+    return true;
+}
+
+bool PeerReads(const std::string& path, std::uint32_t messages) {
+    IndependentRing peer(path);
+    std::vector<unsigned char> message;
+    for (std::uint32_t number = 0; number < messages; ++number) {
+        while (!peer.Take(message)) {
+            sched_yield();
+        }
+        if (!RingTraffic::IsIntact(message, number)) {
+            std::fprintf(stderr, "message %u is not the one that was sent\n", number);
+            return false;
+        }
+    }
+    return true;
+}
+
+using Side = bool (*)(const std::string& path, std::uint32_t messages);
+
+// Runs each side in a process of its own and returns whether both ended well. A side that fails
+// leaves the other one waiting, so the first to end decides for both.
+bool Exchange(const char* title, Side writer, Side reader, std::uint32_t messages) {
+    const std::string path =
+        std::filesystem::temp_directory_path() / ("ring-exchange-" + std::to_string(getpid()));
+    const auto start = std::chrono::steady_clock::now();
+    bool sound = ShmEventPipe(WRITER, path, kFileSize).Create();
+    pid_t children[2] = {};
+    const Side sides[2] = {writer, reader};
+    for (int i = 0; i < 2; ++i) {
+        children[i] = fork();
+        if (children[i] == 0) {
+            try {
+                _exit(sides[i](path, messages) ? 0 : 1);
+            } catch (const std::exception& error) {
+                std::fprintf(stderr, "%s\n", error.what());
+                _exit(1);
+            }
+        }
+    }
+    for (int ended = 0; ended < 2; ++ended) {
+        int status = 0;
+        const pid_t child = waitpid(-1, &status, 0);
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+            sound = false;
+            kill(child == children[0] ? children[1] : children[0], SIGKILL);
+        }
+    }
+    std::filesystem::remove(path);
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+    std::printf("%s: %u messages, %.1f s, %s\n", title, messages, seconds.count(),
+                sound ? "all intact" : "FAILED");
+    std::fflush(stdout);
+    return sound;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const auto messages =
+        argc > 1 ? static_cast<std::uint32_t>(std::strtoul(argv[1], nullptr, 10)) : kTenMillion;
+    bool sound = Exchange("pipe to peer", PipeWrites, PeerReads, messages);
+    sound = Exchange("peer to pipe", PeerWrites, PipeReads, messages) && sound;
+    return sound ? EXIT_SUCCESS : EXIT_FAILURE;
+}
