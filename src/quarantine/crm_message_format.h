@@ -1,0 +1,45 @@
+#pragma once
+
+// A text message to the CRM, as one datagram on its message socket: this header, then the text.
+// docs/formats/crm_message.md tells the whole of it. All words are in host byte order.
+//
+// Threads: no state; anyone may include it.
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+namespace tarn::crm {
+
+inline constexpr std::uint16_t kMessageType = 1237;
+
+enum class MessageKind : std::uint32_t { Error = 0, Information = 1 };
+
+// A text goes out with the byte behind its last counted one, so 512 counted bytes make 513.
+inline constexpr std::size_t kTextLimit = 512;
+inline constexpr std::size_t kTextBytes = kTextLimit + 1;
+
+struct MessageHeader {
+    std::uint32_t reserved;  // always 0
+    std::uint16_t type;      // kMessageType
+    std::uint16_t length;    // bytes of the datagram, this header included
+    std::uint32_t time;      // seconds since the epoch, lower 32 bits
+    std::uint32_t zero;      // always 0
+    MessageKind kind;
+};
+
+inline constexpr std::size_t kMessageBytes = sizeof(MessageHeader) + kTextBytes;
+
+static_assert(sizeof(MessageHeader) == 20);
+static_assert(offsetof(MessageHeader, reserved) == 0);
+static_assert(offsetof(MessageHeader, type) == 4);
+static_assert(offsetof(MessageHeader, length) == 6);
+static_assert(offsetof(MessageHeader, time) == 8);
+static_assert(offsetof(MessageHeader, zero) == 12);
+static_assert(offsetof(MessageHeader, kind) == 16);
+static_assert(std::is_trivially_copyable_v<MessageHeader>);
+static_assert(std::is_standard_layout_v<MessageHeader>);
+static_assert(std::has_unique_object_representations_v<MessageHeader>);
+static_assert(kMessageBytes == 533);
+
+}  // namespace tarn::crm

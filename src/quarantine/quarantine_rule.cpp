@@ -1,0 +1,235 @@
+#include "quarantine/quarantine_rule.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "logging/log.h"
+
+namespace {
+
+using vald::Log;
+
+constexpr int kIpv4 = 4;
+constexpr int kIpv6 = 6;
+
+std::string TextOf(in_addr_t networkOrder) {
+    char text[INET_ADDRSTRLEN] = "";
+    if (networkOrder != 0) {
+        inet_ntop(AF_INET, &networkOrder, text, sizeof(text));
+    }
+    return text;
+}
+
+std::string TextOf(QuarantineRule::Ipv6Bytes address) {
+    char text[INET6_ADDRSTRLEN] = "";
+    if (std::any_of(address.begin(), address.end(), [](std::uint8_t byte) { return byte != 0; })) {
+        inet_ntop(AF_INET6, address.data(), text, sizeof(text));
+    }
+    return text;
+}
+
+std::string TextOf(const char* address) {
+    return address == nullptr ? "" : address;
+}
+
+// The lower half of a time, which is all that the messages show of it.
+int Lower32(std::time_t time) {
+    return static_cast<int>(static_cast<std::uint32_t>(time));
+}
+
+}  // namespace
+
+int QuarantineRule::SetIpVersion(int version) {
+    if (version != kIpv4 && version != kIpv6) {
+        Log::GetInstance()->Write(Log::kError, "Invalid IP version: %d", version);
+        return -1;
+    }
+    m_ipVersion = version;
+    return 0;
+}
+
+int QuarantineRule::SetExpiration(std::time_t expiration) {
+    if (expiration == 0) {
+        Log::GetInstance()->Write(Log::kWarning, "Expiration time must not be zero.");
+        return -1;
+    }
+    m_expiration = expiration;
+    return 0;
+}
+
+int QuarantineRule::SetIntruderAddress(std::string address) {
+    m_intruderAddress = std::move(address);
+    return 0;
+}
+
+int QuarantineRule::SetVictimAddress(std::string address) {
+    m_victimAddress = std::move(address);
+    return 0;
+}
+
+int QuarantineRule::SetIntruderAddress(const char* address) {
+    return SetIntruderAddress(TextOf(address));
+}
+
+int QuarantineRule::SetVictimAddress(const char* address) {
+    return SetVictimAddress(TextOf(address));
+}
+
+int QuarantineRule::SetIntruderAddress(in_addr_t networkOrder) {
+    return SetIntruderAddress(TextOf(networkOrder));
+}
+
+int QuarantineRule::SetVictimAddress(in_addr_t networkOrder) {
+    return SetVictimAddress(TextOf(networkOrder));
+}
+
+int QuarantineRule::SetIntruderAddress(Ipv6Bytes address) {
+    return SetIntruderAddress(TextOf(address));
+}
+
+int QuarantineRule::SetVictimAddress(Ipv6Bytes address) {
+    return SetVictimAddress(TextOf(address));
+}
+
+int QuarantineRule::SetProtocol(int protocol) {
+    m_protocol = protocol;
+    return 0;
+}
+
+int QuarantineRule::SetIcmpType(std::uint16_t type) {
+    m_icmpType = type;
+    return 0;
+}
+
+int QuarantineRule::SetIcmpCode(std::uint16_t code) {
+    m_icmpCode = code;
+    return 0;
+}
+
+int QuarantineRule::SetSourcePort(std::uint16_t port) {
+    m_sourcePort = port;
+    return 0;
+}
+
+int QuarantineRule::SetDestinationPort(std::uint16_t port) {
+    m_destinationPort = port;
+    return 0;
+}
+
+int QuarantineRule::SetCounter(std::uint32_t counter) {
+    m_counter = counter;
+    return 0;
+}
+
+int QuarantineRule::ToString(std::string& out) const {
+    std::string text;
+    if (!AppendFamily(text)) {
+        return -1;
+    }
+    if (!m_intruderAddress.empty()) {
+        text += " intruder addr " + m_intruderAddress;
+    }
+    if (!m_victimAddress.empty()) {
+        text += " victim addr " + m_victimAddress;
+    }
+    if (!AppendProtocol(text)) {
+        return -1;
+    }
+    if (m_counter != 0) {
+        text += " counter " + std::to_string(m_counter) + "b";
+    }
+    if (!AppendExpiration(text)) {
+        return -1;
+    }
+    out = std::move(text);
+    Log::GetInstance()->Write(Log::kDebug, "Quarantine rule constructed: %s", out.c_str());
+    return 0;
+}
+
+bool QuarantineRule::AppendFamily(std::string& text) const {
+    switch (m_ipVersion) {
+        case kIpv4:
+            text += "ip";
+            return true;
+        case kIpv6:
+            text += "ipv6";
+            return true;
+        default:
+            Log::GetInstance()->Write(
+                Log::kError, "Unable to produce quarantine rule for IP version %d.", m_ipVersion);
+            return false;
+    }
+}
+
+bool QuarantineRule::AppendProtocol(std::string& text) const {
+    switch (m_protocol) {
+        case 0:
+            return true;
+        case IPPROTO_ICMP:
+        case IPPROTO_ICMPV6:
+            if ((m_protocol == IPPROTO_ICMP) != (m_ipVersion == kIpv4)) {
+                Log::GetInstance()->Write(Log::kError,
+                                          "Invalid IP version (%d) and protocol (%d) combination.",
+                                          m_ipVersion, m_protocol);
+                return false;
+            }
+            text += m_protocol == IPPROTO_ICMP ? " icmp" : " icmpv6";
+            AppendIcmpFields(text);
+            return true;
+        case IPPROTO_TCP:
+            text += " tcp";
+            AppendPorts(text);
+            return true;
+        case IPPROTO_UDP:
+            text += " udp";
+            AppendPorts(text);
+            return true;
+        default:
+            // The security manager takes any protocol by number, so the rule stands.
+            Log::GetInstance()->Write(Log::kInfo, "Unrecognized protocol number %d.", m_protocol);
+            text += " proto " + std::to_string(m_protocol);
+            return true;
+    }
+}
+
+void QuarantineRule::AppendIcmpFields(std::string& text) const {
+    if (m_icmpType <= kIcmpFieldMax) {
+        text += " type " + std::to_string(m_icmpType);
+    }
+    if (m_icmpCode <= kIcmpFieldMax) {
+        text += " code " + std::to_string(m_icmpCode);
+    }
+}
+
+// Deliberate: a port that was never set is written as 0, for the security manager expects both
+// port fields with TCP and UDP.
+void QuarantineRule::AppendPorts(std::string& text) const {
+    text += " src port " + std::to_string(m_sourcePort);
+    text += " dst port " + std::to_string(m_destinationPort);
+}
+
+bool QuarantineRule::AppendExpiration(std::string& text) const {
+    if (m_expiration == 0) {
+        Log::GetInstance()->Write(Log::kError, "Quarantine rule must have an expiration time.");
+        return false;
+    }
+    std::tm utc{};
+    if (gmtime_r(&m_expiration, &utc) == nullptr) {
+        Log::GetInstance()->Write(Log::kError, "Invalid expiration time (%d) for quarantine rule.",
+                                  Lower32(m_expiration));
+        return false;
+    }
+    char buffer[255];
+    if (std::strftime(buffer, sizeof(buffer), "%Y-%m-%dT%H:%M:%SZ", &utc) == 0) {
+        Log::GetInstance()->Write(
+            Log::kError,
+            "strftime() failed to create expiration time (%d) for quarantine rule in RFC-3339 format.",
+            Lower32(m_expiration));
+        return false;
+    }
+    text += " expires ";
+    text += buffer;
+    return true;
+}

@@ -1,0 +1,73 @@
+#pragma once
+
+// The parts of one blocking rule and the line of text that the security manager takes for it. The
+// event policy makes one on the stack for each block rule, fills it, asks for the text and throws
+// it away. docs/formats/quarantine_rule.md tells the text piece by piece.
+//
+// Threads: not shared; each rule belongs to the thread that processes the event.
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <ctime>
+#include <span>
+#include <string>
+
+class QuarantineRule {
+  public:
+    using Ipv6Bytes = std::span<const std::uint8_t, 16>;
+
+    // 4 or 6. Returns 0, or -1 for any other number, which leaves the version as it was.
+    [[nodiscard]] int SetIpVersion(int version);
+
+    // Seconds since the epoch. Returns 0, or -1 for the time 0, which leaves the field as it was.
+    [[nodiscard]] int SetExpiration(std::time_t expiration);
+
+    // An address as text, which is stored unchanged; empty or null means none. Returns 0.
+    int SetIntruderAddress(std::string address);
+    int SetVictimAddress(std::string address);
+    int SetIntruderAddress(const char* address);
+    int SetVictimAddress(const char* address);
+
+    // An IPv4 address in network byte order; 0 means none. Returns 0.
+    int SetIntruderAddress(in_addr_t networkOrder);
+    int SetVictimAddress(in_addr_t networkOrder);
+
+    // An IPv6 address in network byte order; all zero means none. Returns 0.
+    int SetIntruderAddress(Ipv6Bytes address);
+    int SetVictimAddress(Ipv6Bytes address);
+
+    // Plain stores that take any value. Each returns 0.
+    int SetProtocol(int protocol);  // IP protocol number, 0 for none
+    int SetIcmpType(std::uint16_t type);
+    int SetIcmpCode(std::uint16_t code);
+    int SetSourcePort(std::uint16_t port);
+    int SetDestinationPort(std::uint16_t port);
+    int SetCounter(std::uint32_t counter);  // rate limit, 0 for none
+
+    // Builds the text. Returns 0 with the text in out, or -1 for a rule that cannot be written,
+    // which is logged and leaves out as it was. The rule itself never changes.
+    [[nodiscard]] int ToString(std::string& out) const;
+
+  private:
+    static constexpr std::uint16_t kIcmpFieldNotSet = 0xFFFF;
+    static constexpr std::uint16_t kIcmpFieldMax = 0xFF;  // whatever is above counts as not set
+
+    // Each appends its piece; false when the rule cannot have that piece.
+    bool AppendFamily(std::string& text) const;
+    bool AppendProtocol(std::string& text) const;
+    bool AppendExpiration(std::string& text) const;
+    void AppendIcmpFields(std::string& text) const;
+    void AppendPorts(std::string& text) const;
+
+    std::int32_t m_ipVersion = 0;
+    std::string m_intruderAddress;
+    std::string m_victimAddress;
+    std::int32_t m_protocol = 0;
+    std::uint16_t m_icmpType = kIcmpFieldNotSet;
+    std::uint16_t m_icmpCode = kIcmpFieldNotSet;
+    std::uint16_t m_sourcePort = 0;
+    std::uint16_t m_destinationPort = 0;
+    std::uint32_t m_counter = 0;
+    std::time_t m_expiration = 0;  // 0 means not set
+};
