@@ -1,0 +1,668 @@
+#include "snort/snort_event_reader.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "allocation_count.h"
+#include "config/config.h"
+#include "events/event_bridge.h"
+#include "private_channel.h"
+#include "temp_dir.h"
+#include "unified2_records.h"
+#include "unit/snort/log_questions.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TARN_TEST_SANITIZED
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TARN_TEST_SANITIZED
+#endif
+#endif
+
+namespace {
+
+using u2test::Alert;
+using u2test::Bytes;
+using u2test::ExtraData;
+using u2test::Framed;
+using u2test::Packet;
+
+using Ids = std::vector<uint32_t>;
+
+// A reader on a FIFO of its own, with this test as the sensor at the other end. The bridge of these
+// tests is not initialised, so it refuses every event, and the dump that precedes the hand-over
+// shows what was to be handed over.
+class SnortEventReaderTest : public testing::Test {
+  protected:
+    SnortEventReaderTest() {
+        Config::s_logLevel = 5;
+        m_reader = std::make_unique<SnortEventReader>(m_path.c_str());
+        EXPECT_TRUE(m_reader->CreateFifo());
+    }
+    ~SnortEventReaderTest() override {
+        StopSensor();
+        Config::s_logLevel = 3;
+    }
+
+    // A sensor that can write before the reader has opened its end.
+    void StartSensor() { m_sensor = open(m_path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC); }
+    void StopSensor() {
+        if (m_sensor != -1) {
+            close(m_sensor);
+            m_sensor = -1;
+        }
+    }
+
+    void Write(const Bytes& bytes) {
+        if (m_sensor == -1) {
+            StartSensor();
+        }
+        ASSERT_EQ(write(m_sensor, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    }
+
+    // Writes one record and has it read.
+    template <typename Record>
+    void Send(const Record& record) {
+        Write(Framed(record));
+        EXPECT_TRUE(m_reader->ReadEvent(10));
+    }
+    void SendAlert(uint32_t eventId) { Send(Alert{.eventId = eventId}); }
+
+    // A wait that ends without data.
+    void QuietSecond() {
+        if (m_sensor == -1) {
+            StartSensor();
+        }
+        EXPECT_FALSE(m_reader->ReadEvent(0));
+    }
+
+    // The ids of the alerts handed over so far, in order.
+    [[nodiscard]] Ids HandedOver() const {
+        Ids ids;
+        const std::string title = "Type: Event ";
+        for (const std::string& line : m_log.Lines()) {
+            if (line.starts_with(title)) {
+                ids.push_back(static_cast<uint32_t>(std::stoul(line.substr(title.size()))));
+            }
+        }
+        return ids;
+    }
+
+    [[nodiscard]] std::vector<std::string> Lines() const { return m_log.Lines(); }
+
+    // Asks for a writer's end, which there is only with a reader. The sensor must be stopped, since
+    // its end is one of both.
+    [[nodiscard]] bool ReaderHasTheFifoOpen() const {
+        const int probe = open(m_path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (probe == -1) {
+            return false;
+        }
+        close(probe);
+        return true;
+    }
+
+    [[nodiscard]] long FailedPackets(uint32_t eventId) const {
+        return m_log.CountAt(
+            3, "Failed to associate alert event " + std::to_string(eventId) +
+                   " with packet event. Packet event reported from Snort doesn't match "
+                   "previous alert event");
+    }
+    [[nodiscard]] long FailedExtraData(uint32_t eventId, size_t pending) const {
+        return m_log.CountAt(
+            3, "Failed to associate alert event " + std::to_string(eventId) +
+                   " with extra data event. Number of pending events: " + std::to_string(pending));
+    }
+    [[nodiscard]] long Positions(uint32_t eventId, int position) const {
+        return m_log.Count(
+            "Incoming event ID: " + std::to_string(eventId) +
+            ", assocated to position in pending events: " + std::to_string(position));
+    }
+
+    TempDir m_folder;
+    QuestionedLog m_log;
+    std::string m_path = m_folder.File("alerts.fifo");
+    std::unique_ptr<SnortEventReader> m_reader;
+    int m_sensor = -1;
+};
+
+using SnortEventReaderOpening = SnortEventReaderTest;
+using SnortEventReaderFraming = SnortEventReaderTest;
+using SnortEventReaderPending = SnortEventReaderTest;
+using SnortEventReaderPackets = SnortEventReaderTest;
+using SnortEventReaderExtraData = SnortEventReaderTest;
+using SnortEventReaderHandOver = SnortEventReaderTest;
+
+// ---- Opening ----
+
+TEST_F(SnortEventReaderOpening, OpensTheFifoWithoutWaitingForAWriter) {
+    EXPECT_FALSE(m_reader->ReadEvent(0));
+    EXPECT_EQ(m_log.Count("Opening file: " + m_path), 1);
+    EXPECT_EQ(m_log.Count("File is opened, waiting for Snort events"), 1);
+    EXPECT_FALSE(m_reader->ReadEvent(0));
+    EXPECT_EQ(m_log.Count("Opening file: " + m_path), 1);
+}
+
+TEST_F(SnortEventReaderOpening, TriesAgainAfterAFailedOpen) {
+    ASSERT_EQ(unlink(m_path.c_str()), 0);
+    EXPECT_FALSE(m_reader->ReadEvent(0));
+    EXPECT_FALSE(m_reader->ReadEvent(0));
+    EXPECT_EQ(
+        m_log.CountAt(1, "Open file error: " + m_path + ", reason: No such file or directory"), 2);
+    ASSERT_TRUE(m_reader->CreateFifo());
+    SendAlert(1);
+}
+
+TEST_F(SnortEventReaderOpening, FailedOpenKeepsThePendingAlerts) {
+    SendAlert(1);
+    StopSensor();
+    EXPECT_FALSE(m_reader->ReadEvent(10));  // end of file
+    ASSERT_EQ(unlink(m_path.c_str()), 0);
+    EXPECT_FALSE(m_reader->ReadEvent(0));
+    EXPECT_TRUE(HandedOver().empty());
+    ASSERT_TRUE(m_reader->CreateFifo());
+    QuietSecond();
+    EXPECT_EQ(HandedOver(), Ids{1});
+}
+
+TEST_F(SnortEventReaderOpening, ReopensForANewWriterAfterTheEndOfFile) {
+    SendAlert(1);
+    QuietSecond();
+    StopSensor();
+    EXPECT_FALSE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.Count("Read EOF in SNORT event"), 1);
+    EXPECT_FALSE(ReaderHasTheFifoOpen());
+
+    SendAlert(2);
+    QuietSecond();
+    EXPECT_EQ(HandedOver(), (Ids{1, 2}));
+    EXPECT_EQ(m_log.Count("Opening file: "), 2);
+}
+
+TEST_F(SnortEventReaderOpening, DescriptorIsNotInheritedByOtherPrograms) {
+    StartSensor();
+    const int next = dup(m_sensor);
+    ASSERT_NE(next, -1);
+    close(next);
+    EXPECT_FALSE(m_reader->ReadEvent(0));  // opens at the number that is free now
+    EXPECT_NE(fcntl(next, F_GETFD) & FD_CLOEXEC, 0);
+}
+
+// ---- Framing ----
+
+TEST_F(SnortEventReaderFraming, HandlesOneRecordACall) {
+    Bytes two = Framed(Alert{.eventId = 1});
+    u2test::Append(two, Framed(Alert{.eventId = 2}));
+    Write(two);
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.Count("Got Snort event, Header: Type = 104, Length = 60"), 1);
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.Count("Got Snort event, Header: Type = 104, Length = 60"), 2);
+    EXPECT_EQ(m_log.Count("Partial event read"), 0);
+}
+
+TEST_F(SnortEventReaderFraming, TakesTheIpv6Alert) {
+    Alert alert = u2test::AlertIpv6();
+    alert.eventId = 9;
+    Send(alert);
+    QuietSecond();
+    EXPECT_EQ(HandedOver(), Ids{9});
+    EXPECT_EQ(m_log.Count("  ip_source          = 2001:db8::1"), 1);
+}
+
+TEST_F(SnortEventReaderFraming, IgnoresWhatARecordHasBeyondItsType) {
+    Bytes payload = Alert{.eventId = 3}.Payload();
+    payload.resize(124, 0x55);
+    Write(Framed(104, payload));
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    QuietSecond();
+    EXPECT_EQ(HandedOver(), Ids{3});
+}
+
+TEST_F(SnortEventReaderFraming, ReadsOnInStepAfterARecordOfAnotherType) {
+    Write(Framed(7, Bytes(52, 0xFF)));
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.Count("Unsupported event type: 7"), 1);
+    Write(Framed(0xFFFFFFFF, Bytes{}));
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.Count("Unsupported event type: 4294967295"), 1);
+    SendAlert(1);
+    QuietSecond();
+    EXPECT_EQ(HandedOver(), Ids{1});
+}
+
+TEST_F(SnortEventReaderFraming, KeepsTheLineFeedOfTheUnsupportedTypeMessage) {
+    Write(Framed(72, Bytes(4)));
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    const std::vector<std::string> lines = Lines();
+    const auto message = std::find(lines.begin(), lines.end(), "Unsupported event type: 72");
+    ASSERT_NE(message, lines.end());
+    ASSERT_NE(message + 1, lines.end());
+    EXPECT_EQ(message[1], "");
+}
+
+TEST_F(SnortEventReaderFraming, TellsAnUnsupportedTypeAtNoticeLevel) {
+    vald::Log::SetLevel(vald::Log::kInfo);
+    Write(Framed(72, Bytes(4)));
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.Count("Unsupported event type"), 0);
+    vald::Log::SetLevel(vald::Log::kNotice);
+    Write(Framed(72, Bytes(4)));
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.Count("Unsupported event type"), 1);
+}
+
+TEST_F(SnortEventReaderFraming, ZeroLengthAlertIsAnAlertOfZeros) {
+    Write(Framed(104, Bytes{}));
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    QuietSecond();
+    EXPECT_EQ(HandedOver(), Ids{0});
+    EXPECT_EQ(m_log.Count("  ip_source          = 0.0.0.0"), 1);
+}
+
+TEST_F(SnortEventReaderFraming, ZeroLengthIpv6AlertIsAnAlertOfZeros) {
+    Write(Framed(105, Bytes{}));
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    QuietSecond();
+    EXPECT_EQ(m_log.Count("  ip_source          = ::"), 1);
+}
+
+TEST_F(SnortEventReaderFraming, ZeroLengthPacketIsAPacketOfZeros) {
+    SendAlert(0);
+    Write(Framed(2, Bytes{}));
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.CountAt(2, "Packet length doesn't match to the receive payload"), 1);
+    QuietSecond();
+    EXPECT_EQ(m_log.Count("Type: Packet 0 ---"), 1);
+}
+
+TEST_F(SnortEventReaderFraming, ShortAlertReadsAsZerosBeyondItsEnd) {
+    Bytes payload = Alert{.eventId = 5, .vlanId = 300}.Payload();
+    payload.resize(50);
+    Write(Framed(104, payload));
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    QuietSecond();
+    EXPECT_EQ(HandedOver(), Ids{5});
+    EXPECT_EQ(m_log.Count("  ip_protocol        = 6"), 1);
+    EXPECT_EQ(m_log.Count("  vlanId             = 0"), 1);
+}
+
+TEST_F(SnortEventReaderFraming, KeepsThrowingOnExtraDataThatCannotCountItself) {
+    SendAlert(1);
+    Write(Framed(ExtraData{.claimedLength = 7}));
+    EXPECT_THROW(m_reader->ReadEvent(10), std::length_error);
+    Write(Framed(110, Bytes{}));
+    EXPECT_THROW(m_reader->ReadEvent(10), std::length_error);
+}
+
+TEST_F(SnortEventReaderFraming, KeepsLosingARecordWhoseTailIsNotThereYet) {
+    Bytes record = Framed(Alert{.eventId = 1});
+    const Bytes tail(record.begin() + 40, record.end());
+    record.resize(40);
+    Write(record);
+    EXPECT_FALSE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.CountAt(2, "Partial event read: 32"), 1);
+    EXPECT_EQ(m_log.CountAt(1, "Read event error, reason: Resource temporarily unavailable"), 1);
+
+    // The tail that comes later is taken for a header: a priority of 0 and the address 10.1.2.3.
+    Write(tail);
+    EXPECT_FALSE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.Count("Opening file: "), 2);
+    EXPECT_EQ(m_log.Count("Got Snort event, Header: Type = 0, Length = 167838211"), 1);
+}
+
+TEST_F(SnortEventReaderFraming, EndOfFileInAPayloadKeepsThePendingAlerts) {
+    SendAlert(1);
+    Bytes record = Framed(Alert{.eventId = 2});
+    record.resize(20);
+    Write(record);
+    StopSensor();
+    EXPECT_FALSE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.CountAt(2, "Partial event read: 12"), 1);
+    EXPECT_EQ(m_log.Count("Read EOF in SNORT event"), 1);
+    EXPECT_TRUE(HandedOver().empty());
+    QuietSecond();
+    EXPECT_EQ(HandedOver(), Ids{1});
+}
+
+TEST_F(SnortEventReaderFraming, EndOfFileInAHeaderKeepsThePendingAlerts) {
+    SendAlert(1);
+    Write(Bytes{0, 0, 0});
+    StopSensor();
+    EXPECT_FALSE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.CountAt(2, "Partial event read: 3"), 1);
+    EXPECT_TRUE(HandedOver().empty());
+}
+
+TEST_F(SnortEventReaderFraming, KeepsLoggingTheLastPieceOfASplitRecordToo) {
+    StartSensor();
+    // Each write is then one packet of the pipe, and each read takes one.
+    if (fcntl(m_sensor, F_SETFL, O_NONBLOCK | O_DIRECT) == -1) {
+        GTEST_SKIP() << "this kernel has no packets in a FIFO";
+    }
+    const Bytes record = Framed(Alert{.eventId = 1});
+    Write({record.begin(), record.begin() + 8});
+    Write({record.begin() + 8, record.begin() + 40});
+    Write({record.begin() + 40, record.end()});
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.CountAt(2, "Partial event read: 32"), 1);
+    EXPECT_EQ(m_log.CountAt(2, "Partial event read: 28"), 1);
+    QuietSecond();
+    EXPECT_EQ(HandedOver(), Ids{1});
+}
+
+TEST_F(SnortEventReaderFraming, AbsurdLengthCostsOnlyTheBytesThatArrive) {
+    Bytes record;
+    u2test::Put32(record, 2);
+    u2test::Put32(record, 0x40000000);
+    record.resize(100);
+    Write(record);
+    rusage before{};
+    getrusage(RUSAGE_SELF, &before);
+    EXPECT_FALSE(m_reader->ReadEvent(10));
+    rusage after{};
+    getrusage(RUSAGE_SELF, &after);
+#ifndef TARN_TEST_SANITIZED
+    constexpr long kKilobytes = 64 * 1024;
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, kKilobytes);
+#endif
+    SendAlert(1);
+    QuietSecond();
+    EXPECT_EQ(HandedOver(), Ids{1});
+}
+
+#ifndef TARN_TEST_SANITIZED
+// The sanitizers' own memory has no place under such a limit.
+TEST_F(SnortEventReaderFraming, KeepsThePayloadUnreadWhenThereIsNoMemoryForIt) {
+    Bytes record;
+    u2test::Put32(record, 2);
+    u2test::Put32(record, 0xFFFFFFFF);
+    u2test::Put32(record, 7);
+    u2test::Put32(record, 0);
+    Write(record);
+    rlimit former{};
+    ASSERT_EQ(getrlimit(RLIMIT_AS, &former), 0);
+    rlimit tight = former;
+    tight.rlim_cur = rlim_t{2} << 30;
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &tight), 0);
+    EXPECT_FALSE(m_reader->ReadEvent(10));
+    setrlimit(RLIMIT_AS, &former);
+    EXPECT_EQ(m_log.CountAt(1, "Unable to allocate memory: 4294967295 bytes"), 1);
+
+    EXPECT_TRUE(m_reader->ReadEvent(10));
+    EXPECT_EQ(m_log.Count("Opening file: "), 1);
+    EXPECT_EQ(m_log.Count("Got Snort event, Header: Type = 7, Length = 0"), 1);
+}
+#endif
+
+// ---- The pending list ----
+
+TEST_F(SnortEventReaderPending, HundredAndTwentyNinthAlertPushesTheFirstOut) {
+    for (uint32_t id = 1; id <= 128; ++id) {
+        SendAlert(id);
+    }
+    EXPECT_TRUE(HandedOver().empty());
+    SendAlert(129);
+    EXPECT_EQ(HandedOver(), Ids{1});
+    QuietSecond();
+    Ids all;
+    for (uint32_t id = 1; id <= 129; ++id) {
+        all.push_back(id);
+    }
+    EXPECT_EQ(HandedOver(), all);
+}
+
+TEST_F(SnortEventReaderPending, AlertThatPushesAnotherOutAllocatesItsOwnObjectOnly) {
+    for (uint32_t id = 1; id <= 128; ++id) {
+        SendAlert(id);
+    }
+    vald::Log::SetLevel(0);
+    Config::s_logLevel = 0;
+    for (uint32_t id = 129; id <= 160; ++id) {
+        Write(Framed(Alert{.eventId = id}));
+        const uint64_t before = AllocationCount();
+        EXPECT_TRUE(m_reader->ReadEvent(10));
+        EXPECT_LE(AllocationCount() - before, 1U);
+    }
+}
+
+TEST_F(SnortEventReaderPending, QuietSecondForwardsAllInOrderOfArrival) {
+    for (const uint32_t id : {5U, 3U, 9U}) {
+        SendAlert(id);
+    }
+    QuietSecond();
+    EXPECT_EQ(HandedOver(), (Ids{5, 3, 9}));
+    QuietSecond();
+    EXPECT_EQ(HandedOver().size(), 3U);
+}
+
+TEST_F(SnortEventReaderPending, FailedWaitForwardsAll) {
+    SendAlert(1);
+    EXPECT_FALSE(m_reader->ReadEvent(-1));
+    EXPECT_EQ(m_log.CountAt(1, "Select FDs error, reason: Invalid argument"), 1);
+    EXPECT_EQ(HandedOver(), Ids{1});
+}
+
+TEST_F(SnortEventReaderPending, KeepsNothingOfAPendingAlertWhenDestroyed) {
+    SendAlert(1);
+    m_reader.reset();
+    StopSensor();
+    EXPECT_TRUE(HandedOver().empty());
+    EXPECT_FALSE(ReaderHasTheFifoOpen());
+}
+
+// ---- Packets ----
+
+TEST_F(SnortEventReaderPackets, AttachToTheNewestAlert) {
+    SendAlert(1);
+    SendAlert(2);
+    Send(Packet{.eventId = 2});
+    EXPECT_EQ(m_log.Count("Associate alert event 2 with packet event"), 1);
+    QuietSecond();
+    const auto lines = Lines();
+    const auto second = std::find(lines.begin(), lines.end(),
+                                  "Type: Event 2 -------------------------------------------");
+    EXPECT_NE(std::find(second, lines.end(),
+                        "Type: Packet 2 -------------------------------------------"),
+              lines.end());
+}
+
+TEST_F(SnortEventReaderPackets, WithoutAPendingAlertAreRefused) {
+    Send(Packet{.eventId = 1});
+    EXPECT_EQ(FailedPackets(1), 1);
+}
+
+TEST_F(SnortEventReaderPackets, OfAnOlderAlertAreRefusedAndChangeNoAlert) {
+    SendAlert(1);
+    SendAlert(2);
+    Send(Packet{.eventId = 1});
+    EXPECT_EQ(FailedPackets(1), 1);
+    QuietSecond();
+    EXPECT_EQ(m_log.Count("Type: Packet"), 0);
+}
+
+TEST_F(SnortEventReaderPackets, LaterPacketTakesThePlaceOfTheEarlier) {
+    SendAlert(1);
+    Send(Packet{.eventId = 1, .data = {0x11}});
+    Send(Packet{.eventId = 1, .data = {0x22}});
+    QuietSecond();
+    EXPECT_EQ(m_log.Count("Type: Packet 1 ---"), 1);
+    EXPECT_EQ(m_log.Count("    0: 22 "), 1);
+}
+
+TEST_F(SnortEventReaderPackets, ArriveTooLateForAForwardedAlert) {
+    SendAlert(1);
+    QuietSecond();
+    Send(Packet{.eventId = 1});
+    EXPECT_EQ(FailedPackets(1), 1);
+}
+
+// ---- Extra data ----
+
+TEST_F(SnortEventReaderExtraData, AttachesToTheAlertBeforeTheNewest) {
+    for (uint32_t id = 11; id <= 15; ++id) {
+        SendAlert(id);
+    }
+    Send(ExtraData{.eventId = 14});
+    EXPECT_EQ(Positions(14, 3), 1);
+    EXPECT_EQ(m_log.Count("Associate alert event 14 with extra data event"), 1);
+    QuietSecond();
+    const auto lines = Lines();
+    const auto extra = std::find(lines.begin(), lines.end(),
+                                 "Type: Extra Data 14 -------------------------------------------");
+    ASSERT_NE(extra, lines.end());
+    EXPECT_EQ(
+        std::count_if(lines.begin(), extra,
+                      [](const std::string& line) { return line.starts_with("Type: Event"); }),
+        4);
+}
+
+TEST_F(SnortEventReaderExtraData, FindsItsAlertAcrossTheWrapOfTheIds) {
+    for (const uint32_t id : {65535U, 0U, 1U, 2U}) {
+        SendAlert(id);
+    }
+    Send(ExtraData{.eventId = 65535});
+    EXPECT_EQ(Positions(65535, 0), 1);
+    EXPECT_EQ(m_log.Count("Associate alert event 65535 with extra data event"), 1);
+}
+
+TEST_F(SnortEventReaderExtraData, FarLargerIdYieldsAPositionBehindTheEndOfTheList) {
+    SendAlert(1);
+    const uint32_t id = 1 + 65536 + 10;  // a distance of -10, a position of 10
+    Send(ExtraData{.eventId = id});
+    EXPECT_EQ(Positions(id, 10), 1);
+    EXPECT_EQ(m_log.Count("Out of the range of pending events"), 0);
+    EXPECT_EQ(FailedExtraData(id, 1), 1);
+}
+
+TEST_F(SnortEventReaderExtraData, KeepsTheRangeLimitOfAFullListForAShorterOne) {
+    SendAlert(1);
+    const uint32_t last = 1 + 65536 + 127;
+    Send(ExtraData{.eventId = last});
+    EXPECT_EQ(Positions(last, 127), 1);
+    EXPECT_EQ(m_log.Count("Out of the range of pending events"), 0);
+    Send(ExtraData{.eventId = last + 1});
+    EXPECT_EQ(
+        m_log.CountAt(3, "Out of the range of pending events, position in pending events: 128"), 1);
+    EXPECT_EQ(FailedExtraData(last, 1), 1);
+    EXPECT_EQ(FailedExtraData(last + 1, 1), 1);
+}
+
+TEST_F(SnortEventReaderExtraData, OfAForwardedAlertIsOutOfRange) {
+    SendAlert(5);
+    Send(ExtraData{.eventId = 4});
+    EXPECT_EQ(
+        m_log.CountAt(3, "Out of the range of pending events, position in pending events: -1"), 1);
+    EXPECT_EQ(FailedExtraData(4, 1), 1);
+}
+
+TEST_F(SnortEventReaderExtraData, WithAnEmptyListFailsWithoutAPosition) {
+    Send(ExtraData{.eventId = 4});
+    EXPECT_EQ(FailedExtraData(4, 0), 1);
+    EXPECT_EQ(m_log.Count("Incoming event ID"), 0);
+}
+
+TEST_F(SnortEventReaderExtraData, KeepsLookingOnlyAtThePositionOfTheId) {
+    for (const uint32_t id : {1U, 2U, 4U}) {  // 3 is missing
+        SendAlert(id);
+    }
+    Send(ExtraData{.eventId = 2});  // at position 1, but 4 - 2 makes it 0
+    EXPECT_EQ(Positions(2, 0), 1);
+    EXPECT_EQ(FailedExtraData(2, 3), 1);
+    QuietSecond();
+    EXPECT_EQ(m_log.Count("Type: Extra Data"), 0);
+}
+
+TEST_F(SnortEventReaderExtraData, OfAnUnsupportedKindCountsAsAssociatedAndIsDropped) {
+    SendAlert(1);
+    Send(ExtraData{.eventId = 1, .type = 13});
+    EXPECT_EQ(m_log.Count("Associate alert event 1 with extra data event"), 1);
+    EXPECT_EQ(m_log.CountAt(3, "Unsupported ExtraData type receive from Snort"), 1);
+    EXPECT_EQ(m_log.Count("Failed to associate"), 0);
+    QuietSecond();
+    EXPECT_EQ(m_log.Count("Type: Extra Data"), 0);
+}
+
+TEST_F(SnortEventReaderExtraData, IdsFarApartNeverLeaveTheList) {
+    SendAlert(0x80000000);
+    for (const uint32_t id : {0U, 1U, 0x7FFFFFFFU, 0xFFFFFFFFU, 0x80000001U}) {
+        Send(ExtraData{.eventId = id});
+        EXPECT_EQ(FailedExtraData(id, 1), 1) << id;
+    }
+}
+
+TEST_F(SnortEventReaderExtraData, FindsItsAlertAfterTheListHasTurned) {
+    for (uint32_t id = 1; id <= 200; ++id) {
+        SendAlert(id);
+    }
+    Send(ExtraData{.eventId = 73});
+    EXPECT_EQ(Positions(73, 0), 1);
+    EXPECT_EQ(m_log.Count("Associate alert event 73 with extra data event"), 1);
+    Send(ExtraData{.eventId = 72});
+    EXPECT_EQ(FailedExtraData(72, 128), 1);
+}
+
+// ---- Handing over ----
+
+TEST_F(SnortEventReaderHandOver, RefusedAlertIsDroppedAndTheFlushGoesOn) {
+    SendAlert(1);
+    SendAlert(2);
+    QuietSecond();
+    EXPECT_EQ(m_log.Count("Sending event to event bridge"), 2);
+    EXPECT_EQ(m_log.CountAt(2, "Unable to process event."), 2);
+    QuietSecond();
+    EXPECT_EQ(m_log.Count("Sending event to event bridge"), 2);
+}
+
+TEST_F(SnortEventReaderHandOver, DumpsTheAlertBeforeAtTheDebugLevelOnly) {
+    SendAlert(1);
+    Config::s_logLevel = 4;
+    QuietSecond();
+    EXPECT_TRUE(HandedOver().empty());
+    EXPECT_EQ(m_log.Count("Sending event to event bridge"), 1);
+}
+
+TEST_F(SnortEventReaderHandOver, BridgeOwnsTheAlertsThatItTakes) {
+    const PrivateChannel channel;
+    Config::s_debugSingle = 0;
+    EventBridge* bridge = EventBridge::GetInstance();
+    ASSERT_EQ(bridge->Initialize(), 0);
+    for (uint32_t id = 1; id <= 131; ++id) {
+        SendAlert(id);
+    }
+    m_reader.reset();  // the 128 still pending go with it
+    EXPECT_EQ(m_log.Count("Unable to process event."), 0);
+    bridge->Finalize();
+    EXPECT_EQ(m_log.CountAt(3, "EventBridge drops 3 queued events during finalizing."), 1);
+    bridge->Release();
+}
+
+TEST_F(SnortEventReaderHandOver, HoldsAReferenceOfTheBridgeForItsLife) {
+    EventBridge* bridge = EventBridge::GetInstance();
+    bridge->Release();
+    // The reader's own reference keeps it: the same instance, not a new one.
+    EXPECT_EQ(EventBridge::GetInstance(), bridge);
+    bridge->Release();
+}
+
+// ---- The singleton ----
+
+TEST(SnortEventReaderInstance, IsOneUntilReleased) {
+    SnortEventReader* reader = SnortEventReader::Instance();
+    ASSERT_NE(reader, nullptr);
+    EXPECT_EQ(SnortEventReader::Instance(), reader);
+    SnortEventReader::ReleaseInstance();
+    SnortEventReader::ReleaseInstance();
+    EXPECT_NE(SnortEventReader::Instance(), nullptr);
+    SnortEventReader::ReleaseInstance();
+}
+
+}  // namespace
