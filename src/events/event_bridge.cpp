@@ -1,0 +1,260 @@
+#include "events/event_bridge.h"
+
+#include <cerrno>
+#include <memory>
+
+#include <sys/time.h>
+
+#include "config/config.h"
+#include "events/crm_event_producer.h"
+#include "logging/cancellation.h"
+#include "logging/log.h"
+#include "snort/unified2_events.h"
+
+using vald::Log;
+
+namespace {
+
+int32_t NextSlot(int32_t index) {
+    return (index + 1) & (EventBridge::kRingSize - 1);
+}
+
+class Locked {
+  public:
+    explicit Locked(pthread_mutex_t& mutex) : m_mutex(mutex) { pthread_mutex_lock(&m_mutex); }
+    ~Locked() { pthread_mutex_unlock(&m_mutex); }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+
+  private:
+    pthread_mutex_t& m_mutex;
+};
+
+}  // namespace
+
+// The consumer's position while it drains. It goes back to the bridge on every way out, that of a
+// cancelled thread included, so that Finalize finds the queued events from there on.
+class EventBridge::Consumer {
+  public:
+    explicit Consumer(EventBridge& bridge) : m_bridge(bridge), m_index(bridge.m_head) {}
+    ~Consumer() { m_bridge.m_head = m_index; }
+    Consumer(const Consumer&) = delete;
+    Consumer& operator=(const Consumer&) = delete;
+
+    // Takes the event out of its slot. Null when the slot holds none.
+    std::unique_ptr<U2AlertEvent> Take() {
+        // Acquire: pairs with the release in EnqueueEvent.
+        auto& slot = m_bridge.m_queue[static_cast<size_t>(m_index)];
+        return std::unique_ptr<U2AlertEvent>(slot.exchange(nullptr, std::memory_order_acquire));
+    }
+
+    void Advance() {
+        m_index = NextSlot(m_index);
+        const Locked lock(m_bridge.m_mutex);
+        // Release: a producer that sees the room finds the slot cleared.
+        m_bridge.m_count.fetch_sub(1, std::memory_order_release);
+    }
+
+  private:
+    EventBridge& m_bridge;
+    int32_t m_index;
+};
+
+EventBridge* EventBridge::s_instance = nullptr;
+
+EventBridge::~EventBridge() {
+    pthread_cond_destroy(&m_notEmpty);
+    pthread_mutex_destroy(&m_mutex);
+}
+
+EventBridge* EventBridge::GetInstance() {
+    if (s_instance == nullptr) {
+        s_instance = new EventBridge;
+    } else {
+        s_instance->m_refCount.fetch_add(1, std::memory_order_relaxed);
+    }
+    return s_instance;
+}
+
+void EventBridge::Release() {
+    // Acquire and release: the last holder sees what the others did before they let go.
+    if (m_refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) {
+        return;
+    }
+    s_instance = nullptr;
+    Finalize();
+    delete this;
+}
+
+int EventBridge::Initialize() {
+    Log& log = *Log::GetInstance();
+    if (m_initialized) {
+        log.Write(5, "EventBridge::Initialize() is called but was already initialized.");
+        return 0;
+    }
+    log.Write(5, "Initializing EventBridge.");
+
+    m_producer = CrmEventProducer::GetInstance();
+    if (m_producer->Open(Config::s_engineCrm) != 0) {
+        log.Write(1, "EventBridge failed to initialize CrmEventProducer.");
+        m_producer->Release();
+        m_producer = nullptr;
+        return -1;
+    }
+
+    m_head = 0;
+    m_tail = 0;
+    m_count.store(0, std::memory_order_relaxed);
+
+    m_multiThreaded = Config::s_debugSingle == 0;
+    if (m_multiThreaded) {
+        log.Write(5, "EventBridge is initialized for multiple thread mode.");
+    } else {
+        log.Write(5, "EventBridge is initialized for single thread mode.");
+    }
+
+    m_initialized = true;
+    return 0;
+}
+
+void EventBridge::Finalize() {
+    if (!m_initialized) {
+        return;
+    }
+    // First of all, so that queued events are dropped and not sent.
+    m_producer->Release();
+    m_producer = nullptr;
+
+    const int32_t queued = m_count.load(std::memory_order_relaxed);
+    if (queued > 0) {
+        Log::GetInstance()->Write(3, "EventBridge drops %d queued events during finalizing.",
+                                  queued);
+    }
+    // Every slot, since an event that a stray wake-up has left behind is no longer counted.
+    for (int32_t slots = 0; slots < kRingSize; ++slots) {
+        auto& slot = m_queue[static_cast<size_t>(m_head)];
+        delete slot.exchange(nullptr, std::memory_order_acquire);
+        m_head = NextSlot(m_head);
+    }
+    m_count.store(-1, std::memory_order_relaxed);  // until the next Initialize
+
+    m_initialized = false;
+}
+
+int EventBridge::ProcessEvent(U2AlertEvent* event) {
+    if (!m_initialized) {
+        Log::GetInstance()->Write(1, "EventBridge::ProcessEvent() is called before Initialized().");
+        return -1;
+    }
+    return m_multiThreaded ? EnqueueEvent(event) : SendEvent(event);
+}
+
+int EventBridge::SendEvent(U2AlertEvent* event) {
+    Log& log = *Log::GetInstance();
+    if (!m_initialized) {
+        log.Write(1, "EventBridge::SendEvent() is called before Initialize().");
+        return -1;
+    }
+    if (m_multiThreaded) {
+        log.Write(3, "Request unqueued event processing while multi-threading is enabled.");
+    }
+    if (event == nullptr) {
+        log.Write(2, "Ignoring NULL event from sending to CRM.");
+        return -1;
+    }
+    if (ProcessOneEvent(event) != 0) {
+        log.Write(2, "EventBridge failed to process event.");
+        return -2;
+    }
+    log.Write(5, "EventBridge processed one event synchronized.");
+    delete event;
+    return 0;
+}
+
+int EventBridge::EnqueueEvent(U2AlertEvent* event) {
+    Log& log = *Log::GetInstance();
+    if (!m_initialized) {
+        log.Write(1, "EventBridge::EnqueueEvent() is called before Initialize().");
+        return -1;
+    }
+    if (!m_multiThreaded) {
+        log.Write(1,
+                  "Attempt to access EventBridge event queue while multi-threading is disabled.");
+        return -1;
+    }
+    if (event == nullptr) {
+        log.Write(2, "Ignoring NULL event from enqueuing.");
+        return 1;
+    }
+    // Acquire: pairs with the release in Consumer::Advance. The count can only fall meanwhile.
+    if (m_count.load(std::memory_order_acquire) == kRingSize) {
+        log.Write(2, "EventBridge event queue is full.");
+        return 2;
+    }
+
+    m_queue[static_cast<size_t>(m_tail)].store(event, std::memory_order_release);
+    m_tail = NextSlot(m_tail);
+
+    const Locked lock(m_mutex);
+    m_count.fetch_add(1, std::memory_order_relaxed);
+    pthread_cond_signal(&m_notEmpty);
+    return 0;
+}
+
+int EventBridge::ProcessEventQueue(int32_t maximum, uint32_t seconds) {
+    Log& log = *Log::GetInstance();
+    if (!m_initialized) {
+        log.Write(1, "EventBridge::ProcessEventQueue() is called before Initialize().");
+        return -1;
+    }
+    if (!m_multiThreaded) {
+        log.Write(1, "Attempt to access EventBridge event queue while multithreading is disabled.");
+        return -1;
+    }
+
+    int processed = 0;
+    {
+        Consumer consumer(*this);
+        for (int32_t left = maximum; left != 0; left -= left > 0 ? 1 : 0) {
+            if (!WaitForEvent(seconds)) {
+                break;
+            }
+            // Out of its slot before it is worked off: a cancel inside deletes it once.
+            std::unique_ptr<U2AlertEvent> event = consumer.Take();
+            if (event == nullptr) {
+                log.Write(
+                    1,
+                    "NULL event extracted from EventBridge event queue. Something wrong happened.");
+            } else if (ProcessOneEvent(event.get()) == 0) {
+                ++processed;
+            } else {
+                log.Write(2, "EventBridge failed to process queued event.");
+            }
+            event.reset();
+            consumer.Advance();
+        }
+    }
+    if (processed > 0) {
+        log.Write(5, "EventBridge processed %d events from queue.", processed);
+    }
+    return processed;
+}
+
+// False when nothing came in time.
+bool EventBridge::WaitForEvent(uint32_t seconds) {
+    const Locked lock(m_mutex);
+    if (m_count.load(std::memory_order_relaxed) != 0) {
+        return true;
+    }
+    timeval now;
+    gettimeofday(&now, nullptr);
+    timespec deadline;
+    deadline.tv_sec = now.tv_sec + static_cast<time_t>(seconds);
+    deadline.tv_nsec = now.tv_usec * 1000;
+
+    // The one place where a cancel may land; the wait takes the mutex again before it unwinds.
+    const CancellationOn window;
+    // Deliberate: a wake-up counts as an event without another look at the count. One that comes
+    // with nothing in the ring is reported by the caller and takes one off the count.
+    return pthread_cond_timedwait(&m_notEmpty, &m_mutex, &deadline) != ETIMEDOUT;
+}

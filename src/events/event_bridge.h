@@ -1,0 +1,92 @@
+#pragma once
+
+// EventBridge: stands between the Snort readers and everything that acts on an event.
+//
+// A reader hands it a finished alert. In single thread mode the bridge works it off on the caller's
+// thread; in multiple thread mode it puts it in a fixed ring that EventThread drains. What is done
+// with one event is in event_policy.cpp.
+//
+// Owner: its holders, by reference count. TarnEngine takes the first reference and gives back the
+// last one; EventThread holds one of its own while it runs.
+//
+// Threads: one producer (ProcessEvent, on the main thread) and one consumer (ProcessEventQueue, on
+// the event thread). The producer alone touches m_tail, the consumer alone m_head; a slot is handed
+// over by the count, which changes under m_mutex only. The lock is never held while an event is
+// processed. Initialize, Finalize and the last Release run while the consumer does not. A consumer
+// whose owner has switched cancellation off can be cancelled while it waits for an event; it then
+// leaves the lock free and the ring as it stands.
+
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+class CrmEventProducer;
+class U2AlertEvent;
+
+class EventBridge {
+  public:
+    static constexpr int32_t kRingSize = 1024;  // events; a power of two
+
+    EventBridge(const EventBridge&) = delete;
+    EventBridge& operator=(const EventBridge&) = delete;
+
+    // The instance, with one more reference held. A new one is not initialised. Never null.
+    [[nodiscard]] static EventBridge* GetInstance();
+    // Gives one reference back; the last one finalises and frees the instance.
+    void Release();
+
+    // Opens the way to the CRM, empties the ring, and takes the mode from the configuration: 0,
+    // also when that was done already. -1 when the CRM channel cannot be opened.
+    [[nodiscard]] int Initialize();
+    // Closes the ways out and deletes the events still queued, unsent. Does nothing on a bridge
+    // that is not initialised.
+    void Finalize();
+
+    // Takes an event: 0 means that the bridge has it, or has processed and deleted it. With any
+    // other result, which is that of SendEvent or EnqueueEvent or -1, it stays the caller's.
+    [[nodiscard]] int ProcessEvent(U2AlertEvent* event);
+
+    // Works the event off on this thread. 0 done and deleted; -1 not initialised or no event; -2
+    // the event could not be processed. With other results than 0 it stays the caller's.
+    [[nodiscard]] int SendEvent(U2AlertEvent* event);
+
+    // Puts the event in the ring. 0 queued; 1 no event; 2 the ring is full; -1 not initialised or
+    // not in multiple thread mode. With other results than 0 it stays the caller's.
+    [[nodiscard]] int EnqueueEvent(U2AlertEvent* event);
+
+    // Works off events from the ring, at most `maximum` of them, or without limit when that is
+    // negative, and leaves once nothing came for `seconds`. The number of events that were
+    // processed without error, or -1 when not initialised or not in multiple thread mode.
+    [[nodiscard]] int ProcessEventQueue(int32_t maximum, uint32_t seconds);
+
+  private:
+    friend class EventBridgePeer;  // tests
+
+    class Consumer;
+
+    EventBridge() = default;
+    ~EventBridge();
+
+    // event_policy.cpp. Turns the event into a report and sends it: 0, or -2 when there is no
+    // report or it could not be sent. The event is only read. Faults on a signature without an
+    // entry.
+    [[nodiscard]] int ProcessOneEvent(U2AlertEvent* event);
+
+    [[nodiscard]] bool WaitForEvent(uint32_t seconds);
+
+    static EventBridge* s_instance;  // owned by its references
+
+    std::atomic<uint32_t> m_refCount{1};
+    std::atomic<bool> m_initialized{false};
+    CrmEventProducer* m_producer = nullptr;  // counted; null while not initialised
+    std::atomic<bool> m_multiThreaded{false};
+    std::array<std::atomic<U2AlertEvent*>, kRingSize> m_queue{};  // owned; a slot is null when free
+    int32_t m_head = 0;  // next slot to read, 0 to kRingSize - 1
+    int32_t m_tail = 0;  // next slot to write, 0 to kRingSize - 1
+    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t m_notEmpty = PTHREAD_COND_INITIALIZER;
+    // Events in the ring: changed under m_mutex, read by the producer without it.
+    std::atomic<int32_t> m_count{0};
+};

@@ -1,0 +1,108 @@
+#pragma once
+
+// A bridge on a CRM channel of the test's own, with a rule table of two signatures.
+//
+// Threads: the test's main thread, unless a test says otherwise.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "config/config.h"
+#include "config/event_rule_table.h"
+#include "events/event_bridge.h"
+#include "independent_ring.h"
+#include "log_capture.h"
+#include "private_channel.h"
+#include "test_alert.h"
+
+// Reaches what no operation shows.
+class EventBridgePeer {
+  public:
+    static void WakeUpForNothing(EventBridge& bridge) { pthread_cond_signal(&bridge.m_notEmpty); }
+    static int32_t Count(EventBridge& bridge) { return bridge.m_count.load(); }
+    static bool LockIsFree(EventBridge& bridge) {
+        if (pthread_mutex_trylock(&bridge.m_mutex) != 0) {
+            return false;
+        }
+        pthread_mutex_unlock(&bridge.m_mutex);
+        return true;
+    }
+    // Holds the ring's lock while it lives.
+    class Lock {
+      public:
+        explicit Lock(EventBridge& bridge) : m_bridge(bridge) {
+            pthread_mutex_lock(&m_bridge.m_mutex);
+        }
+        ~Lock() { pthread_mutex_unlock(&m_bridge.m_mutex); }
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+
+      private:
+        EventBridge& m_bridge;
+    };
+};
+
+class EventBridgeFixture : public testing::Test {
+  protected:
+    static constexpr uint32_t kKnown = 1000;
+    static constexpr uint32_t kKnownWithRaw = 1001;
+    static constexpr uint32_t kUnknown = 4711;
+
+    static void SetUpTestSuite() {
+        static const bool once = (Config::Initialize(), true);
+        (void)once;
+    }
+
+    void SetUp() override {
+        TestAlert::ResetCounts();
+        Set("se.1000.msg", "Known");
+        Set("se.1000.severity", "high");
+        Set("se.1000.rule", "alert tcp");
+        Set("se.1000.user.response", "DISPLAY:WithoutRaw");
+        Set("se.1001.msg", "With raw packet");
+        Set("se.1001.severity", "low");
+        Set("se.1001.user.response", "WithRaw");
+        Set("se.1001.rule", "alert udp");
+        ASSERT_TRUE(Config::s_eventTable.Commit());
+        m_bridge = EventBridge::GetInstance();
+    }
+
+    void TearDown() override {
+        if (m_bridge != nullptr) {
+            m_bridge->Release();
+        }
+        Config::s_eventTable.Clear();
+        Config::s_debugSingle = 0;
+        EXPECT_EQ(0, TestAlert::s_alive) << "every event has found its end";
+    }
+
+    static void Set(const char* name, const char* value) {
+        ASSERT_TRUE(Config::ApplyEventSetting(name, value)) << name;
+    }
+
+    void InitializeForThreads() {
+        Config::s_debugSingle = 0;
+        ASSERT_EQ(0, m_bridge->Initialize());
+    }
+
+    void InitializeForOneThread() {
+        Config::s_debugSingle = 1;
+        ASSERT_EQ(0, m_bridge->Initialize());
+    }
+
+    // The messages in the channel's first ring, oldest first.
+    std::vector<std::vector<unsigned char>> Reports() {
+        IndependentRing ring(m_channel.RingBase() + "-0");
+        std::vector<std::vector<unsigned char>> reports;
+        for (std::vector<unsigned char> message; ring.Take(message);) {
+            reports.push_back(message);
+        }
+        return reports;
+    }
+
+    PrivateChannel m_channel;
+    EventBridge* m_bridge = nullptr;
+};

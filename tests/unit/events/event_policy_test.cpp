@@ -1,0 +1,156 @@
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "bridge_fixture.h"
+#include "channels/event_report_format.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Bytes = std::vector<unsigned char>;
+
+uint32_t WordAt(const Bytes& bytes, size_t offset) {
+    uint32_t word = 0;
+    memcpy(&word, &bytes.at(offset), sizeof(word));
+    return word;
+}
+
+std::string TextAt(const Bytes& bytes, size_t offsetField) {
+    return reinterpret_cast<const char*>(&bytes.at(32 + WordAt(bytes, offsetField)));
+}
+
+bool Holds(const Bytes& bytes, const std::string& text) {
+    return std::string(bytes.begin(), bytes.end()).find(text) != std::string::npos;
+}
+
+class EventPolicy : public EventBridgeFixture {
+  protected:
+    void SetUp() override {
+        EventBridgeFixture::SetUp();
+        InitializeForOneThread();
+    }
+};
+
+TEST_F(EventPolicy, FillsTheReportFromTheEntry) {
+    ASSERT_EQ(0, m_bridge->ProcessEvent(new TestAlert(kKnown)));
+    const auto reports = Reports();
+    ASSERT_EQ(1u, reports.size());
+    EXPECT_EQ("Known:high", TextAt(reports[0], 16));
+    EXPECT_EQ("DISPLAY:WithoutRaw", TextAt(reports[0], 12));
+    EXPECT_EQ(0u, WordAt(reports[0], 24)) << "nothing was blocked";
+    EXPECT_EQ(kKnown, WordAt(reports[0], 32 + 28));
+    using namespace std::string_literals;
+    EXPECT_TRUE(Holds(reports[0], "Rule\0alert tcp\0\0"s));
+}
+
+TEST_F(EventPolicy, SendsThePacketOnlyWhereTheEntryAsksForIt) {
+    ASSERT_EQ(0, m_bridge->ProcessEvent(new TestAlert(kKnown)));
+    ASSERT_EQ(0, m_bridge->ProcessEvent(new TestAlert(kKnownWithRaw)));
+    const auto reports = Reports();
+    ASSERT_EQ(2u, reports.size());
+    EXPECT_FALSE(Holds(reports[0], "\xde\xad\xbf"));
+    EXPECT_TRUE(Holds(reports[1], "\xde\xad\xbf"));
+    EXPECT_EQ(kChunkPacket, WordAt(reports[1], WordAt(reports[1], 4)));
+}
+
+TEST_F(EventPolicy, AsksTheAlertForItsPacket) {
+    TestAlert event(kKnown);
+    event.m_refusesReport = true;
+    EXPECT_EQ(-2, m_bridge->SendEvent(&event));
+    EXPECT_TRUE(event.m_askedForPacket);
+}
+
+TEST_F(EventPolicy, EntryWithoutSeverityIsSentAsLow) {
+    Set("se.1002.msg", "No severity");
+    ASSERT_TRUE(Config::s_eventTable.Commit());
+    const LogCapture log(2);
+    ASSERT_EQ(0, m_bridge->ProcessEvent(new TestAlert(1002)));
+    EXPECT_EQ("No severity:low", TextAt(Reports().at(0), 16));
+    EXPECT_THAT(log.Messages(), ElementsAre("Unknown event severity, send as low."));
+}
+
+TEST_F(EventPolicy, EventWithoutAReportIsGivenUp) {
+    TestAlert event(kKnown);
+    event.m_refusesReport = true;
+    const LogCapture log(2);
+    EXPECT_EQ(-2, m_bridge->SendEvent(&event));
+    EXPECT_THAT(
+        log.Messages(),
+        ElementsAre("EventBridge failed to create CrmEventSource instance from U2AlertEvent.",
+                    "EventBridge failed to process event."));
+    EXPECT_THAT(Reports(), IsEmpty());
+}
+
+TEST_F(EventPolicy, ReportThatFindsNoRoomIsLost) {
+    {
+        IndependentRing ring(m_channel.RingBase() + "-0");
+        // Word 0 is the read index: behind the write index by less than a report, the ring is full.
+        ring.Poke(0, 64);
+    }
+    TestAlert event(kKnown);
+    const LogCapture log(2);
+    EXPECT_EQ(-2, m_bridge->SendEvent(&event));
+    EXPECT_THAT(log.Messages(), ElementsAre("Unable to dispatch CRM events.",
+                                            "EventBridge failed to process event."));
+}
+
+// --- a signature that is not in the table -----------------------------------------------------
+
+void DefaultFaults() {
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+    signal(SIGSEGV, SIG_DFL);
+}
+
+TEST_F(EventPolicy, KeepsFaultingOnAnUnknownSignatureAfterTwoLogLines) {
+    const LogCapture log(2);
+    EXPECT_EXIT(
+        {
+            DefaultFaults();
+            (void)m_bridge->ProcessEvent(new TestAlert(kUnknown));
+        },
+        testing::KilledBySignal(SIGSEGV), testing::Not(testing::HasSubstr("runtime error")));
+    EXPECT_THAT(log.Messages(),
+                ElementsAre("Cannot get response setting for issue '4711'",
+                            "Fail to look up Snort event 4711 from TaRN rule configuration."));
+    EXPECT_THAT(Reports(), IsEmpty());
+}
+
+TEST_F(EventPolicy, KeepsFaultingOnAnUnknownSignatureFromTheRing) {
+    m_bridge->Finalize();
+    InitializeForThreads();
+    EXPECT_EXIT(
+        {
+            DefaultFaults();
+            (void)m_bridge->ProcessEvent(new TestAlert(kUnknown));
+            (void)m_bridge->ProcessEventQueue(1, 1);
+        },
+        testing::KilledBySignal(SIGSEGV), testing::Not(testing::HasSubstr("runtime error")));
+    EXPECT_THAT(Reports(), IsEmpty());
+}
+
+// The address of the fault tells that it was the entry that was read.
+void OnFault(int, siginfo_t* info, void*) {
+    const bool nearNull = reinterpret_cast<uintptr_t>(info->si_addr) < 4096;
+    _exit(nearNull ? 77 : 78);
+}
+
+TEST_F(EventPolicy, FaultOfAnUnknownSignatureReachesTheDaemonsHandler) {
+    EXPECT_EXIT(
+        {
+            struct sigaction action {};
+            action.sa_flags = SA_SIGINFO;
+            action.sa_sigaction = &OnFault;
+            sigaction(SIGSEGV, &action, nullptr);
+            (void)m_bridge->ProcessEvent(new TestAlert(kUnknown));
+        },
+        testing::ExitedWithCode(77), testing::Not(testing::HasSubstr("runtime error")));
+}
+
+}  // namespace

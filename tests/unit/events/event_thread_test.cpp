@@ -1,0 +1,148 @@
+#include "events/event_thread.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "config/config.h"
+#include "events/event_bridge.h"
+#include "log_capture.h"
+#include "logging/log.h"
+#include "private_channel.h"
+
+namespace {
+
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+constexpr unsigned kLongMs = 60000;
+
+// A bridge in multiple thread mode on a CRM channel of this test process's own.
+class EventThreadTest : public ::testing::Test {
+  protected:
+    EventThreadTest() : m_bridge(EventBridge::GetInstance()) {}
+    ~EventThreadTest() override { m_bridge->Release(); }
+
+    void InitializeBridge() { ASSERT_EQ(m_bridge->Initialize(), 0); }
+
+    PrivateChannel m_channel;
+    EventBridge* m_bridge;
+};
+
+TEST_F(EventThreadTest, StopEndsAThreadThatWaitsInTheBridge) {
+    InitializeBridge();
+    EventThread thread("eventthread", 0, 0);
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.AwaitBegun(kLongMs));
+    const auto start = steady_clock::now();
+    // A stop that comes before the body has cleared the flag is lost, so ask until it is heard.
+    do {
+        EXPECT_EQ(thread.Stop(), 1);
+    } while (!thread.Join(1500, nullptr));
+    EXPECT_LT(steady_clock::now() - start, seconds(10));
+    EXPECT_EQ(thread.ExitCode(), EventThread::kExitStopped);
+}
+
+TEST_F(EventThreadTest, ExitsWithTwoWhenTheBridgeIsNotInitialised) {
+    EventThread thread("eventthread", 0, 0);
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_EQ(thread.ExitCode(), EventThread::kExitBridgeRefused);
+}
+
+TEST_F(EventThreadTest, WorksASecondTimeAfterAStop) {
+    EventThread thread("eventthread", 0, 0);
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    InitializeBridge();
+    ASSERT_TRUE(thread.Start(false));
+    do {
+        thread.Stop();
+    } while (!thread.Join(1500, nullptr));
+    EXPECT_EQ(thread.ExitCode(), EventThread::kExitStopped);
+}
+
+TEST_F(EventThreadTest, SuspendsAndResumes) {
+    InitializeBridge();
+    EventThread thread("eventthread", 0, 0);
+    EXPECT_FALSE(thread.WaitSuspended(0));
+    ASSERT_TRUE(thread.Start(false));
+    thread.Suspend();
+    ASSERT_TRUE(thread.WaitSuspended(kLongMs));
+    EXPECT_TRUE(thread.IsRunning());
+    thread.Resume();
+    do {
+        thread.Stop();
+    } while (!thread.Join(1500, nullptr));
+    EXPECT_EQ(thread.ExitCode(), EventThread::kExitStopped);
+}
+
+TEST_F(EventThreadTest, StopWakesASuspendedThreadWhichLogsThatItResumed) {
+    InitializeBridge();
+    const LogCapture log(5);
+    EventThread thread("eventthread", 0, 0);
+    ASSERT_TRUE(thread.Start(false));
+    thread.Suspend();
+    ASSERT_TRUE(thread.WaitSuspended(kLongMs));
+    thread.Stop();
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_EQ(thread.ExitCode(), EventThread::kExitStopped);
+    EXPECT_TRUE(log.Contains(" suspended."));
+    EXPECT_TRUE(log.Contains(" resumed."));
+    EXPECT_TRUE(log.Contains(" exiting: 0"));
+}
+
+TEST_F(EventThreadTest, KeepsCpuZeroUnbound) {
+    const LogCapture log(5);
+    EventThread thread("eventthread", 0, 0);
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_TRUE(log.Contains("event thread "));
+    EXPECT_FALSE(log.Contains("CPU"));
+}
+
+TEST_F(EventThreadTest, RunsOnWhenTheCpuDoesNotExist) {
+    const LogCapture log(5);
+    EventThread thread("eventthread", 0, 1023);
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_TRUE(log.Contains("Unable to assign event thread "));
+    EXPECT_TRUE(log.Contains(" to CPU 1023"));
+    EXPECT_EQ(thread.ExitCode(), EventThread::kExitBridgeRefused);
+}
+
+TEST_F(EventThreadTest, BindsToACpuAboveZero) {
+    if (sysconf(_SC_NPROCESSORS_ONLN) < 2) {
+        GTEST_SKIP() << "this machine has one CPU";
+    }
+    const LogCapture log(5);
+    EventThread thread("eventthread", 0, 1);
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_TRUE(log.Contains("Assigned event thread "));
+}
+
+TEST_F(EventThreadTest, ForceQuitEndsAWaitingThreadAndGivesItsReferenceBack) {
+    InitializeBridge();
+    for (int i = 0; i < 200; ++i) {
+        EventThread thread("eventthread", 0, 0);
+        ASSERT_TRUE(thread.Start(false));
+        ASSERT_TRUE(thread.AwaitBegun(kLongMs));
+        thread.ForceQuit();
+        ASSERT_TRUE(thread.Settle(0));
+        EXPECT_FALSE(thread.IsRunning());
+    }
+    // Had a reference been kept, the last Release would not have closed the bridge.
+    m_bridge->Finalize();
+    EXPECT_EQ(m_bridge->ProcessEventQueue(0, 0), -1);
+}
+
+TEST_F(EventThreadTest, ForceQuitLeavesAnIdleThreadAlone) {
+    EventThread thread("eventthread", 0, 0);
+    thread.ForceQuit();
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_TRUE(thread.Settle(0));
+}
+
+}  // namespace
