@@ -1,0 +1,68 @@
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "daemon/engine.h"
+
+namespace {
+
+// Deliberate: a file name that is empty or looks like an option is passed over without a word, and
+// the default path stays.
+void TakeFileName(std::string& target, const char* argument) {
+    if (argument != nullptr && argument[0] != '\0' && argument[0] != '-') {
+        target = argument;
+    }
+}
+
+}  // namespace
+
+bool TarnEngine::ParseOptions(int argc, char** argv) {
+    opterr = 0;
+    optind = 0;  // begins a scan afresh
+    for (;;) {
+        const int option = getopt(argc, argv, "c:n:dvh");
+        switch (option) {
+            case -1:
+                return true;
+            case 'c':
+                TakeFileName(m_configFile, optarg);
+                break;
+            case 'n':
+                TakeFileName(m_eventConfigFile, optarg);
+                break;
+            case 'd':
+                m_runAsDaemon = true;
+                break;
+            case 'v':
+                ShowVersion();
+                exit(0);
+            case 'h':
+                ShowUsage();
+                exit(0);
+            default:
+                fprintf(stderr, "Error: Unrecognized option: -%c\n",
+                        option == '?' ? optopt : option);
+                ShowUsage();
+                return false;
+        }
+    }
+}
+
+void TarnEngine::ShowVersion() const {
+    fprintf(stderr, "%s%s\n", m_appName.c_str(), GetVersion().c_str());
+}
+
+void TarnEngine::ShowUsage() const {
+    // Deliberate: the line names -m and -s, and ParseOptions refuses both.
+    fprintf(
+        stderr,
+        "Usage: %s -c <tarn_config_file> -n <snort_event_config_file> [-d] [-m] [-s] [-v] [-h]\n",
+        m_appName.c_str());
+    fprintf(stderr, "The options are as follows:\n");
+    fprintf(stderr, "-c\t Specifies the %s configuration file name.\n", m_appName.c_str());
+    fprintf(stderr, "-n\t Specifies the snort configuration file name.\n");
+    fprintf(stderr, "-d\t Running the application as a daemon.\n");
+    fprintf(stderr, "-v\t Displays version information.\n");
+    fprintf(stderr, "-h\t Displays help information.\n");
+}

@@ -1,0 +1,16 @@
+#include "daemon/engine.h"
+
+namespace {
+
+// Marks by which a binary is identified on disk; nothing reads them at run time.
+[[gnu::used]] const char kNameMark[] = "@(#)!QORNAME!tarn!QORNAME!";
+[[gnu::used]] const char kVersionMark[] = "@(#)!QORVER!1.0.116.251!QORVER!";
+[[gnu::used]] const char kSpecialMark[] = "@(#)!QORSPECIAL!!QORSPECIAL!";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int status = TarnEngine::Instance()->Main(argc, argv);
+    TarnEngine::ReleaseInstance();
+    return status;
+}

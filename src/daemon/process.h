@@ -1,0 +1,31 @@
+#pragma once
+
+// Free functions of the process frame: the daemon step and the PID file with its running-copy
+// test. They log nothing; the caller reports.
+//
+// Threads: for the main thread, Daemonize before any other thread exists.
+
+#include <sys/types.h>
+
+// Leaves the terminal: forks if `fork` is true (the parent ends with status 0, a failed fork with
+// status 1), starts a session, changes to "/", sets the umask to 022 and points descriptors 0, 1
+// and 2 at the null device.
+void Daemonize(bool fork);
+
+// Writes the process number in decimal and a line end. False only if the file cannot be opened.
+[[nodiscard]] bool WritePidFile(const char* path);
+
+// 0, or -1 with errno.
+int RemovePidFile(const char* path);
+
+// Whether the process that the PID file names is alive. `pid`, unless null, receives the number in
+// the file, and stays as it was when there is no file.
+[[nodiscard]] bool IsProcessRunning(const char* name, const char* pidFile, int* pid);
+
+// Whether a process with this number is alive and, as far as the inodes of its executable and of
+// the file `name` in the current directory tell, is an instance of `name`.
+[[nodiscard]] bool IsProcessAlive(const char* name, int pid);
+
+// Sends SIGTERM to the running copy and waits for its end at most `seconds` seconds. True if there
+// was none or if it went in time.
+[[nodiscard]] bool StopProcess(const char* name, const char* pidFile, unsigned seconds);

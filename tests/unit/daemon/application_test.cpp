@@ -1,0 +1,217 @@
+#include "daemon/application.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Records the order of the calls and gives the results that the test names.
+class RecordingApplication : public Application {
+  public:
+    int Initialize(int /*argc*/, char** /*argv*/) override {
+        m_calls.emplace_back("initialize");
+        return m_initializeResult;
+    }
+    int Terminate() override {
+        m_calls.emplace_back("terminate");
+        return 99;  // nobody looks at it
+    }
+    int Run() override {
+        m_calls.emplace_back("run");
+        return m_run();
+    }
+    int RunAlternate() override {
+        m_calls.emplace_back("alternate");
+        s_term = 1;
+        return Application::RunAlternate();
+    }
+    void UseAlternate() { m_useAlternateRun = true; }
+    [[nodiscard]] std::string ProgramName() const { return m_programName; }
+    [[nodiscard]] std::string ErrorText() const { return m_errorText; }
+
+    std::vector<std::string> m_calls;
+    int m_initializeResult = 0;
+    std::function<int()> m_run = [] {
+        s_term = 1;
+        return 0;
+    };
+};
+
+using Calls = std::vector<std::string>;
+
+// Main changes the signal mask and the handlers of the process, so each case runs in a child whose
+// exit status is 0 when the case held.
+int InChild(const std::function<bool()>& holds) {
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(holds() ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}
+
+int CallMain(Application& application, const char* argv0 = "/usr/sbin/tarn") {
+    std::string name = argv0;
+    std::vector<char*> argv{name.data(), nullptr};
+    return application.Main(1, argv.data());
+}
+
+TEST(ApplicationMain, RunsUntilATerminationIsSeen) {
+    EXPECT_EQ(InChild([] {
+                  RecordingApplication app;
+                  int runs = 0;
+                  app.m_run = [&runs] {
+                      if (++runs == 3) {
+                          Application::s_term = 1;
+                      }
+                      return 0;
+                  };
+                  return CallMain(app) == 0 &&
+                         app.m_calls == Calls{"initialize", "run", "run", "run", "terminate"} &&
+                         app.ProgramName() == "tarn";
+              }),
+              0);
+}
+
+TEST(ApplicationMain, GivesStatusFourAfterAFailedInitializeAndStillTerminates) {
+    EXPECT_EQ(InChild([] {
+                  RecordingApplication app;
+                  app.m_initializeResult = -1;
+                  return CallMain(app) == 4 && app.m_calls == Calls{"initialize", "terminate"} &&
+                         Application::s_term == 1;
+              }),
+              0);
+}
+
+TEST(ApplicationMain, ReturnsWhatAFailedRunReturned) {
+    EXPECT_EQ(
+        InChild([] {
+            RecordingApplication app;
+            app.m_run = [] { return 4; };
+            return CallMain(app) == 4 && app.m_calls == Calls{"initialize", "run", "terminate"};
+        }),
+        0);
+}
+
+TEST(ApplicationMain, TakesTheAlternateRunWhenItIsSelected) {
+    EXPECT_EQ(InChild([] {
+                  RecordingApplication app;
+                  app.UseAlternate();
+                  return CallMain(app, "tarn") == 0 &&
+                         app.m_calls == Calls{"initialize", "alternate", "terminate"} &&
+                         app.ProgramName() == "tarn";
+              }),
+              0);
+}
+
+TEST(ApplicationSignals, LeavesExactlyTheHandledSignalsAndAbortUnblocked) {
+    EXPECT_EQ(InChild([] {
+                  RecordingApplication app;
+                  if (app.InstallSignals() != 0 || !app.ErrorText().empty()) {
+                      return false;
+                  }
+                  sigset_t mask;
+                  sigprocmask(SIG_SETMASK, nullptr, &mask);
+                  for (const int sig :
+                       {SIGABRT, SIGINT, SIGQUIT, SIGTERM, SIGBUS, SIGFPE, SIGILL, SIGSEGV}) {
+                      if (sigismember(&mask, sig) != 0) {
+                          return false;
+                      }
+                  }
+                  for (const int sig : {SIGHUP, SIGPIPE, SIGUSR1, SIGUSR2, SIGALRM, SIGCHLD}) {
+                      if (sigismember(&mask, sig) != 1) {
+                          return false;
+                      }
+                  }
+                  return true;
+              }),
+              0);
+}
+
+TEST(ApplicationSignals, InstallsTheFaultHandlersWithTheResetFlagAlone) {
+    EXPECT_EQ(InChild([] {
+                  RecordingApplication app;
+                  (void)app.InstallSignals();
+                  for (const int sig : {SIGBUS, SIGFPE, SIGILL, SIGSEGV}) {
+                      struct sigaction action {};
+                      sigaction(sig, nullptr, &action);
+                      const auto flags = static_cast<unsigned>(action.sa_flags);
+                      if ((flags & SA_RESETHAND) == 0 || (flags & SA_SIGINFO) != 0) {
+                          return false;
+                      }
+                  }
+                  for (const int sig : {SIGINT, SIGQUIT, SIGTERM}) {
+                      struct sigaction action {};
+                      sigaction(sig, nullptr, &action);
+                      if ((action.sa_flags & SA_SIGINFO) == 0) {
+                          return false;
+                      }
+                  }
+                  return true;
+              }),
+              0);
+}
+
+TEST(ApplicationSignals, EachTerminationSignalSetsTheFlag) {
+    for (const int sig : {SIGINT, SIGQUIT, SIGTERM}) {
+        EXPECT_EQ(InChild([sig] {
+                      RecordingApplication app;
+                      (void)app.InstallSignals();
+                      raise(sig);
+                      return Application::s_term == 1;
+                  }),
+                  0)
+            << sig;
+    }
+}
+
+TEST(ApplicationSignals, AnUnknownSignalIsOnlyStored) {
+    EXPECT_EQ(InChild([] {
+                  Application::SignalHandler(SIGUSR1, nullptr, nullptr);
+                  return Application::s_other == SIGUSR1 && Application::s_term == 0;
+              }),
+              0);
+}
+
+TEST(ApplicationSignals, AFaultLogsItsMessageAndStackAndKillsTheProcess) {
+    for (const auto& [sig, name] : {std::pair{SIGSEGV, "SEGV"}, std::pair{SIGBUS, "BUS"},
+                                    std::pair{SIGFPE, "FPE"}, std::pair{SIGILL, "ILL"}}) {
+        std::array<int, 2> ends{};
+        ASSERT_EQ(pipe(ends.data()), 0);
+        fflush(nullptr);
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            dup2(ends[1], STDERR_FILENO);
+            RecordingApplication app;
+            (void)app.InstallSignals();
+            raise(sig);
+            _exit(0);
+        }
+        close(ends[1]);
+        std::string text;
+        std::array<char, 4096> piece{};
+        for (ssize_t n = 0; (n = read(ends[0], piece.data(), piece.size())) > 0;) {
+            text.append(piece.data(), static_cast<size_t>(n));
+        }
+        close(ends[0]);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status));
+        EXPECT_EQ(WTERMSIG(status), sig);
+        EXPECT_NE(text.find("Received " + std::string(name) + " signal\n"), std::string::npos);
+        EXPECT_NE(text.find("Stacktrace ("), std::string::npos) << text;
+        EXPECT_NE(text.find(" frames):\n"), std::string::npos) << text;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,110 @@
+#include "daemon/engine.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+namespace {
+
+class EngineTest : public ::testing::Test {
+  protected:
+    ~EngineTest() override { TarnEngine::ReleaseInstance(); }
+
+    static bool Parse(std::vector<std::string> words) {
+        words.insert(words.begin(), "tarn");
+        std::vector<char*> argv;
+        for (std::string& word : words) {
+            argv.push_back(word.data());
+        }
+        argv.push_back(nullptr);
+        TarnEngine::Instance()->SetAppName(argv[0]);
+        return TarnEngine::Instance()->ParseOptions(static_cast<int>(words.size()), argv.data());
+    }
+
+    // What ParseOptions writes to standard error.
+    static std::string ParseError(const std::vector<std::string>& words) {
+        testing::internal::CaptureStderr();
+        EXPECT_FALSE(Parse(words));
+        return testing::internal::GetCapturedStderr();
+    }
+};
+
+const std::string kUsage =
+    "Usage: tarn -c <tarn_config_file> -n <snort_event_config_file> [-d] [-m] [-s] [-v] [-h]\n"
+    "The options are as follows:\n"
+    "-c\t Specifies the tarn configuration file name.\n"
+    "-n\t Specifies the snort configuration file name.\n"
+    "-d\t Running the application as a daemon.\n"
+    "-v\t Displays version information.\n"
+    "-h\t Displays help information.\n";
+
+TEST_F(EngineTest, IsOneInstanceUntilItIsReleased) {
+    TarnEngine* const engine = TarnEngine::Instance();
+    EXPECT_EQ(TarnEngine::Instance(), engine);
+    EXPECT_EQ(engine->GetAppName(), "unknown");
+    TarnEngine::ReleaseInstance();
+    TarnEngine::ReleaseInstance();
+    EXPECT_EQ(TarnEngine::Instance()->GetAppName(), "unknown");
+}
+
+TEST_F(EngineTest, TakesTheLastPathComponentAsItsName) {
+    TarnEngine* const engine = TarnEngine::Instance();
+    engine->SetAppName("/usr/sbin/tarn");
+    EXPECT_EQ(engine->GetAppName(), "tarn");
+    engine->SetAppName("tarnx");
+    EXPECT_EQ(engine->GetAppName(), "tarnx");
+    EXPECT_EQ(TarnEngine::GetVersion(), "1.0.116.251");
+}
+
+TEST_F(EngineTest, SplicesTheInstanceNumberIntoThePidFileName) {
+    EXPECT_EQ(TarnEngine::PidFilePath("/var/run/tarn.pid", 0), "/var/run/tarn0.pid");
+    EXPECT_EQ(TarnEngine::PidFilePath("/var/run/tarn.pid", 12), "/var/run/tarn12.pid");
+    EXPECT_EQ(TarnEngine::PidFilePath("/var/run/tarn", 3), "/var/run/tarn3");
+    EXPECT_EQ(TarnEngine::PidFilePath("/var/run.d/tarn", 3), "/var/run.d/tarn3");
+    EXPECT_EQ(TarnEngine::PidFilePath("a.b.pid", 1), "a.b1.pid");
+}
+
+TEST_F(EngineTest, AcceptsEveryKnownOption) {
+    EXPECT_TRUE(Parse({}));
+    EXPECT_TRUE(Parse({"-c", "/tmp/a.conf", "-n", "/tmp/b.conf", "-d"}));
+}
+
+TEST_F(EngineTest, PassesOverAFileNameThatLooksLikeAnOption) {
+    EXPECT_TRUE(Parse({"-c", "-x"}));
+    EXPECT_TRUE(Parse({"-n", ""}));
+}
+
+TEST_F(EngineTest, NamesTheOptionThatLacksItsArgument) {
+    EXPECT_EQ(ParseError({"-c"}), "Error: Unrecognized option: -c\n" + kUsage);
+    EXPECT_EQ(ParseError({"-n"}), "Error: Unrecognized option: -n\n" + kUsage);
+}
+
+TEST_F(EngineTest, KeepsRefusingTheOptionsThatOnlyTheUsageNames) {
+    EXPECT_EQ(ParseError({"-m"}), "Error: Unrecognized option: -m\n" + kUsage);
+    EXPECT_EQ(ParseError({"-s"}), "Error: Unrecognized option: -s\n" + kUsage);
+}
+
+TEST_F(EngineTest, HelpEndsTheProcessWithStatusZero) {
+    EXPECT_EXIT((void)Parse({"-h"}), testing::ExitedWithCode(0), "Usage: tarn -c");
+}
+
+TEST_F(EngineTest, VersionFollowsTheNameWithoutABlank) {
+    EXPECT_EXIT((void)Parse({"-v"}), testing::ExitedWithCode(0), "tarn1.0.116.251\n");
+}
+
+int MainWithOption(std::string option) {
+    std::string name = "tarn";
+    std::vector<char*> argv;
+    argv.push_back(name.data());
+    argv.push_back(option.data());
+    argv.push_back(nullptr);
+    return TarnEngine::Instance()->Main(2, argv.data());
+}
+
+TEST_F(EngineTest, AnUnknownOptionFailsTheStartWithStatusFour) {
+    EXPECT_EXIT(exit(MainWithOption("-x")), testing::ExitedWithCode(4), "Unrecognized option: -x");
+}
+
+}  // namespace
