@@ -1,0 +1,49 @@
+# Completion of tarnctl(1) for bash.
+
+_tarnctl() {
+    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+    local command='' word
+    for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+        case $word in
+            crm | replay)
+                command=$word
+                break
+                ;;
+        esac
+    done
+
+    COMPREPLY=()
+    case $previous in
+        --channel | --count | --timeout | --loop | --wait) return ;;
+        --rate)
+            mapfile -t COMPREPLY < <(compgen -W 'max' -- "$current")
+            return
+            ;;
+        --fifo)
+            compopt -o filenames
+            mapfile -t COMPREPLY < <(compgen -f -- "$current")
+            return
+            ;;
+    esac
+
+    case $command in
+        crm)
+            mapfile -t COMPREPLY < <(
+                compgen -W '--channel --json --count --timeout --fresh --help' -- "$current"
+            )
+            ;;
+        replay)
+            if [[ $current == -* ]]; then
+                mapfile -t COMPREPLY < <(
+                    compgen -W '--rate --loop --fifo --wait --json --help' -- "$current"
+                )
+            else
+                compopt -o filenames
+                mapfile -t COMPREPLY < <(compgen -f -- "$current")
+            fi
+            ;;
+        *) mapfile -t COMPREPLY < <(compgen -W 'crm replay --help --version' -- "$current") ;;
+    esac
+}
+
+complete -F _tarnctl tarnctl

@@ -1,0 +1,271 @@
+#!/usr/bin/env python3
+"""How the daemon starts, refuses to start, and stops; its exit status, texts and PID file."""
+
+import os
+import signal
+from pathlib import Path
+
+import harness
+from harness import ALERT_FIFO, CONFIG, ERROR_FIFO, EVENT_CONFIG, PID_FILE
+
+USAGE = """\
+Usage: tarn -c <tarn_config_file> -n <snort_event_config_file> [-d] [-m] [-s] [-v] [-h]
+The options are as follows:
+-c\t Specifies the tarn configuration file name.
+-n\t Specifies the snort configuration file name.
+-d\t Running the application as a daemon.
+-v\t Displays version information.
+-h\t Displays help information.
+"""
+NOT_A_FIFO = "Fatal error: %s is already created by SNORT, reader won't work. Please remove it manually"
+
+
+def running_copies():
+    """Every process that runs the daemon's binary, zombies left out."""
+    binary = os.path.realpath(os.environ["TARN_BINARY"])
+    found = []
+    for entry in Path("/proc").iterdir():
+        try:
+            if entry.name.isdigit() and os.readlink(entry / "exe") == binary:
+                found.append(int(entry.name))
+        except OSError:
+            pass  # It has ended, or is a kernel thread's.
+    return found
+
+
+class Lifecycle(harness.DaemonTest):
+    def setUp(self):
+        super().setUp()
+        self.addCleanup(self.end_copies)
+
+    def end_copies(self):
+        for pid in running_copies():
+            os.kill(pid, signal.SIGKILL)
+        harness.wait_for(lambda: not running_copies(), "the daemons to be gone")
+
+    def assert_in_order(self, expected, messages):
+        """Each of `expected` stands in `messages`, in that order."""
+        position = 0
+        for text in expected:
+            self.assertIn(text, messages[position:], f"after {expected[:expected.index(text)]}")
+            position = messages.index(text, position) + 1
+
+    def fails(self, *arguments, **options):
+        """Runs a daemon that is to refuse its start, and returns what it wrote on standard error."""
+        daemon = self.daemon(*arguments, **options)
+        self.assertEqual(daemon.wait(), 4)
+        self.assert_clean_errors(daemon)
+        return daemon.errors()
+
+    def check_stop(self, number, message):
+        daemon = self.daemon().ready()
+        harness.wait_log("File is opened, waiting for Snort events")
+        daemon.idle()
+        self.assertEqual(PID_FILE.read_text(), f"{daemon.pid}\n")
+        self.assertEqual(daemon.stop(number), 0)
+        self.assertFalse(PID_FILE.exists())
+        self.assert_clean_errors(daemon)
+        self.assert_in_order([
+            f"Using config file {CONFIG}, snort config file {EVENT_CONFIG}",
+            "tarn.log.level = 5",
+            "Initializing Channel to Packet Logging Daemon",
+            "Initializing EventBridge.",
+            "EventBridge is initialized for multiple thread mode.",
+            "Want to start EVENT thread",
+            "Want to start ERROR thread",
+            f"Creating FIFO: {ALERT_FIFO}",
+            f"Creating FIFO: {ERROR_FIFO}",
+            "Enter event reader loop...",
+            f"Opening file: {ALERT_FIFO}",
+            "File is opened, waiting for Snort events",
+            message,
+            "Exit event reader loop...",
+            "Error thread is running, stop it",
+            "EVENT thread is running, stop it",
+            "Terminate TaRN",
+            "Number of Control Messages Attempted: 0.",
+            "Number of Start Offending Packet Capture message failures: 0.",
+            "Number of Frames not sent to packet logging daemon: 0.",
+            "Number of Control Messages Skipped due to throttling: 0.",
+            "tarn exiting",
+        ], harness.log_messages())
+        self.assertEqual(harness.log_messages()[-1], "tarn exiting")
+
+    def test_stops_on_a_termination_signal(self):
+        self.check_stop(signal.SIGTERM, "Received TERM signal")
+
+    def test_stops_on_an_interrupt(self):
+        self.check_stop(signal.SIGINT, "Received INT signal")
+
+    def test_stops_on_a_quit_without_a_core(self):
+        self.check_stop(signal.SIGQUIT, "Received QUIT signal")
+
+    def test_tells_the_start_on_standard_error_and_the_end_in_the_system_log(self):
+        daemon = self.daemon().ready()
+        lines = daemon.errors().splitlines()
+        self.assertEqual(lines[0], "Notice: tarn starting")
+        self.assertIn(lines[1:], ([], ["Warning: Unable to increase packet processing priority"]))
+        self.assertEqual(daemon.stop(), 0)
+        harness.wait_for(lambda: any("tarn exiting" in line for line in self.system_log.lines()),
+                         "the last line in the system log")
+        log = self.system_log.lines()
+        self.assertTrue(any(line.startswith("<14>") and line.endswith("tarn starting")
+                            for line in log), log)
+        self.assertTrue(any(line.startswith("<131>") and
+                            line.endswith(f"tarn[{daemon.pid}]: tarn exiting") for line in log), log)
+
+    def test_runs_one_thread_less_in_single_thread_mode(self):
+        harness.write_config(debug__single=1)
+        daemon = self.daemon().ready()
+        harness.wait_for(lambda: daemon.threads() == 2, "main and the error thread")
+        self.assertEqual(daemon.stop(), 0)
+        self.assertNotIn("Want to start EVENT thread", harness.log_messages())
+
+    def test_shows_its_usage(self):
+        daemon = self.daemon("-h")
+        self.assertEqual(daemon.wait(), 0)
+        self.assertEqual(daemon.errors(), USAGE)
+
+    def test_shows_its_version(self):
+        daemon = self.daemon("-v")
+        self.assertEqual(daemon.wait(), 0)
+        self.assertEqual(daemon.errors(), "tarn1.0.116.251\n")
+
+    def test_refuses_an_unknown_option(self):
+        self.assertEqual(self.fails("-x"), "Error: Unrecognized option: -x\n" + USAGE
+                         + "Info: tarn exiting\n")
+
+    def test_keeps_refusing_an_option_that_its_usage_names(self):
+        for letter in "ms":
+            self.assertIn(f"Error: Unrecognized option: -{letter}\n", self.fails(f"-{letter}"))
+
+    def test_refuses_an_option_without_its_argument(self):
+        for letter in "cn":
+            self.assertIn(f"Error: Unrecognized option: -{letter}\n{USAGE}",
+                          self.fails(f"-{letter}"))
+
+    def test_ignores_a_file_name_that_looks_like_an_option(self):
+        daemon = self.daemon("-c", "-x", "-n", "-y").ready()
+        self.assertEqual(daemon.stop(), 0)
+        self.assertIn(f"Using config file {CONFIG}, snort config file {EVENT_CONFIG}",
+                      harness.log_messages())
+
+    def test_takes_other_configuration_files(self):
+        CONFIG.rename("/etc/qor/other.conf")
+        EVENT_CONFIG.rename("/etc/qor/other_event.conf")
+        daemon = self.daemon("-c", "/etc/qor/other.conf", "-n", "/etc/qor/other_event.conf").ready()
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_refuses_a_second_copy(self):
+        first = self.daemon().ready()
+        self.assertEqual(self.fails(), "Notice: tarn starting\n"
+                         f"Error: Process tarn with PID {first.pid} is already running. Exiting.\n"
+                         "Info: tarn exiting\n")
+        self.assertEqual(PID_FILE.read_text(), f"{first.pid}\n")
+        self.assertEqual(first.stop(), 0)
+
+    def test_starts_over_a_pid_file_that_names_nobody(self):
+        for text in ("0\n", "nobody\n", "", "4194305\n"):
+            with self.subTest(text=text):
+                PID_FILE.write_text(text)
+                harness.LOG.unlink(missing_ok=True)
+                daemon = self.daemon().ready()
+                self.assertEqual(PID_FILE.read_text(), f"{daemon.pid}\n")
+                self.assertEqual(daemon.stop(), 0)
+
+    def test_runs_on_without_a_pid_file(self):
+        PID_FILE.mkdir()
+        daemon = self.daemon().ready()
+        self.assertIn(f"Warning: Unable to create PID file: {PID_FILE}\n", daemon.errors())
+        self.assertEqual(daemon.stop(), 0)
+        self.assertTrue(PID_FILE.is_dir())
+
+    def test_refuses_a_missing_configuration(self):
+        for path in (CONFIG, EVENT_CONFIG):
+            with self.subTest(path=path):
+                text = path.read_text()
+                path.unlink()
+                self.assertIn(f'Error: Cannot obtain file status for "{path}".\n', self.fails())
+                self.assertFalse(PID_FILE.exists())
+                path.write_text(text)
+
+    def test_refuses_a_configuration_that_is_no_regular_file(self):
+        mode = os.stat("/etc/qor").st_mode
+        for option in "cn":
+            self.assertIn(f'Error: Invalid file status mode {mode} for "/etc/qor".\n',
+                          self.fails(f"-{option}", "/etc/qor"))
+
+    def test_refuses_a_fifo_that_is_a_plain_file(self):
+        for path in (ALERT_FIFO, ERROR_FIFO):
+            with self.subTest(path=path):
+                path.write_text("from the sensor")
+                self.fails()
+                self.assertIn(NOT_A_FIFO % path, harness.log_messages())
+                self.assertEqual(path.read_text(), "from the sensor")
+                self.assertFalse(PID_FILE.exists())
+                path.unlink()
+                harness.LOG.unlink()
+
+    def test_refuses_a_fifo_that_cannot_be_made(self):
+        ALERT_FIFO.parent.rmdir()
+        self.addCleanup(ALERT_FIFO.parent.mkdir)
+        self.fails()
+        self.assertIn(f"Cannot create FIFO: {ALERT_FIFO}, reason: No such file or directory",
+                      harness.log_messages())
+
+    def test_keeps_the_fifos_of_an_earlier_run(self):
+        self.assertEqual(self.daemon().ready().stop(), 0)
+        before = ALERT_FIFO.stat().st_ino
+        harness.LOG.unlink()
+        self.assertEqual(self.daemon().ready().stop(), 0)
+        self.assertEqual(ALERT_FIFO.stat().st_ino, before)
+        self.assertIn(f"FIFO: {ALERT_FIFO} is already existed", harness.log_messages())
+
+    def test_refuses_a_queue_that_cannot_be_opened(self):
+        os.unlink(self.crm.path)
+        os.mkdir(self.crm.path)
+        self.fails()
+        for message in ("CRM communication channel cannot be opened.",
+                        "EventBridge failed to initialize CrmEventProducer.",
+                        "Error starting the engine"):
+            self.assertIn(message, harness.log_messages())
+
+    def test_keeps_the_parents_number_in_the_pid_file_of_a_background_daemon(self):
+        parent = self.daemon("-d")
+        self.assertEqual(parent.wait(), 0)
+        harness.wait_log(harness.READY)
+        pid, = running_copies()
+        self.assertNotEqual(pid, parent.pid)
+        self.assertEqual(PID_FILE.read_text(), f"{parent.pid}\n")
+        self.assertEqual(os.getsid(pid), pid)
+        self.assertEqual(os.readlink(f"/proc/{pid}/cwd"), "/")
+        for descriptor in range(3):
+            self.assertEqual(os.readlink(f"/proc/{pid}/fd/{descriptor}"), "/dev/null")
+
+        # Nobody has that number any more, so a second copy starts.
+        second = self.daemon()
+        harness.wait_for(lambda: len(running_copies()) == 2 and PID_FILE.read_text()
+                         == f"{second.pid}\n", "the second copy")
+        harness.wait_log(harness.READY)
+        self.assertEqual(second.stop(), 0)
+        os.kill(pid, signal.SIGTERM)
+        harness.wait_for(lambda: not running_copies(), "the background daemon to stop")
+
+    def test_keeps_resolving_a_relative_path_from_the_root_in_the_background(self):
+        self.assertEqual(self.daemon("-d", "-c", "tarn.conf", cwd=CONFIG.parent).wait(), 0)
+        harness.wait_for(lambda: not running_copies(), "the daemon to give up")
+        harness.wait_for(lambda: any('Cannot obtain file status for "tarn.conf".' in line
+                                     for line in self.system_log.lines()), "its reason")
+        self.daemon("-c", "tarn.conf", cwd=CONFIG.parent).ready()
+
+    def test_closes_every_descriptor_that_it_was_started_with(self):
+        descriptor = os.open("/dev/null", os.O_RDONLY)
+        self.addCleanup(os.close, descriptor)
+        os.set_inheritable(descriptor, True)
+        daemon = self.daemon(pass_fds=(descriptor,)).ready()
+        self.assertEqual(daemon.descriptors().count("/dev/null"), 1, "standard input alone")
+        self.assertEqual(daemon.stop(), 0)
+
+
+if __name__ == "__main__":
+    harness.main()

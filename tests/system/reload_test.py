@@ -1,0 +1,341 @@
+#!/usr/bin/env python3
+"""What a hangup does and what it leaves alone, object by object, and fifty of them under load."""
+
+import os
+import signal
+import socket
+import threading
+from pathlib import Path
+
+import harness
+from crm import CrmReader, Entry, expected_message
+from harness import ALERT_FIFO, CONFIG, EVENT_CONFIG, PID_FILE
+from unified2 import Alert, build_alert, build_packet, records
+
+RELOADED = "Configuration reloaded."
+
+
+class LoadThread(threading.Thread):
+    """A sensor that writes alerts on and on, whatever becomes of the FIFO's other end."""
+
+    def __init__(self, signature):
+        super().__init__(daemon=True)
+        self.signature = signature
+        self.written = 0  # an alert's time is its number, by which its report is known again
+        self._ending = threading.Event()
+
+    def record(self, number):
+        return build_alert(number & 0xFFFF, self.signature, second=number)
+
+    def run(self):
+        descriptor = None
+        while not self._ending.wait(0.001):
+            try:
+                if descriptor is None:
+                    descriptor = os.open(ALERT_FIFO, os.O_WRONLY | os.O_NONBLOCK)
+                os.write(descriptor, self.record(self.written))
+                self.written += 1
+            except BlockingIOError:
+                pass  # The daemon is between two cycles and the FIFO is full.
+            except OSError:
+                # The reader is away; what it has not read is gone with it.
+                if descriptor is not None:
+                    os.close(descriptor)
+                    descriptor = None
+        if descriptor is not None:
+            os.close(descriptor)
+
+    def end(self):
+        self._ending.set()
+        self.join()
+
+
+class SilentManager:
+    """A security manager that takes every rule and never answers."""
+
+    def __init__(self):
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self._socket.bind("/var/tmp/.secmgrsock")
+        self._socket.listen(16)
+
+    def close(self):
+        self._socket.close()
+
+
+class Reload(harness.DaemonTest):
+    def hang_up(self, daemon, cycle):
+        daemon.send(signal.SIGHUP)
+        daemon.ready(cycle)
+
+    def one_report(self, feeder, number, signature=7):
+        """Feeds one alert and returns the message that comes of it, or None."""
+        feeder.write(build_alert(number, signature, second=number))
+        messages = self.crm.collect(1)
+        return messages[0] if messages else None
+
+    def expected(self, number, entry, signature=7):
+        (record_type, payload), = records(build_alert(number, signature, second=number))
+        return expected_message(Alert(record_type, payload), entry)
+
+    def test_fifty_hangups_under_load_cost_nothing(self):
+        entry = Entry("Load", 2, "rule", "DISPLAY:WithRaw")
+        harness.write_events({7: entry})
+        harness.write_config(log__maxfilesize=2000000000)
+        daemon = self.daemon().ready()
+        load = LoadThread(7)
+        load.start()
+        self.addCleanup(load.end)
+
+        def settled():
+            """Descriptors and threads of a running cycle, with the FIFO open."""
+            descriptors = daemon.descriptors()
+            return (descriptors, daemon.threads()) if str(ALERT_FIFO) in descriptors else None
+
+        self.hang_up(daemon, 2)
+        before = harness.wait_for(lambda: settled() and settled()[1] == 3 and settled(),
+                                  "all threads")
+        messages = []
+        for cycle in range(3, 53):
+            self.hang_up(daemon, cycle)
+            # Each cycle is to carry events: an alert leaves the pending list behind 128 others.
+            came = self.crm.collect(1)
+            self.assertTrue(came, f"no report in cycle {cycle}")
+            messages += came
+        harness.wait_for(lambda: settled() == before, f"{before} again, not {settled()}")
+        load.end()
+        self.assertEqual(daemon.stop(), 0)
+        self.assert_clean_errors(daemon)
+
+        messages += self.crm.drain()
+        last = -1
+        for message in messages:
+            number = int.from_bytes(message[32 + 128:32 + 136], "little")
+            self.assertGreater(number, last, "in order, and no alert twice")
+            self.assertLess(number, load.written)
+            (record_type, payload), = records(load.record(number))
+            self.assertEqual(message, expected_message(Alert(record_type, payload), entry))
+            last = number
+        self.assertEqual(harness.count_log("Received HUP signal"), 51)
+
+    def test_goes_round_with_no_file_changed(self):
+        daemon = self.daemon().ready()
+        self.hang_up(daemon, 2)
+        for message in ("EventBridge is initialized for multiple thread mode.",
+                        "Want to start EVENT thread", f"Opening file: {ALERT_FIFO}"):
+            harness.wait_log(message, 2)
+        self.assertEqual(harness.count_log(RELOADED), 0)
+        self.assertEqual(harness.count_log("Want to start ERROR thread"), 1)
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_reads_the_configuration_again_only_when_its_time_differs(self):
+        harness.write_config(evidencelog__suppress=4, evidencelog__maxfiles=21)
+        daemon = self.daemon().ready()
+        times = CONFIG.stat()
+        CONFIG.write_text("tarn.evidencelog.suppress = 8\n")
+        os.utime(CONFIG, ns=(times.st_atime_ns, times.st_mtime_ns))
+        self.hang_up(daemon, 2)
+        self.assertEqual(harness.count_log(RELOADED), 0)
+
+        # Backwards is a difference too. The key that has gone keeps its value, and the evidence
+        # settings go to the packet log's interface again.
+        os.utime(CONFIG, (1000, 1000))
+        self.hang_up(daemon, 3)
+        messages = harness.log_messages()
+        reloaded = messages[messages.index(RELOADED):]
+        self.assertIn("tarn.evidencelog.suppress = 8", reloaded)
+        self.assertIn("tarn.evidencelog.maxfiles = 21", reloaded)
+        self.assertIn("Log evidence throttling set to to 8 seconds.", messages)
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_leaves_a_changed_file_alone_until_the_hangup(self):
+        entry = Entry("First", 1, "rule", "DISPLAY:WithoutRaw")
+        changed = Entry("Second", 3, "other rule", "DISPLAY:WithoutRaw")
+        harness.write_events({7: entry})
+        daemon = self.daemon().ready()
+        feeder = self.feeder()
+        harness.write_events({7: changed})
+        self.assertEqual(self.one_report(feeder, 1), self.expected(1, entry))
+        self.hang_up(daemon, 2)
+        self.assertEqual(self.one_report(self.feeder(), 2), self.expected(2, changed))
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_rebuilds_the_event_table(self):
+        entry = Entry("Kept", 1, "rule", "DISPLAY:WithoutRaw")
+        harness.write_events({7: entry, 8: entry})
+        daemon = self.daemon().ready()
+        harness.write_events({7: entry, 9: entry})
+        self.hang_up(daemon, 2)
+        self.assertEqual(self.one_report(self.feeder(), 1, 9), self.expected(1, entry, 9))
+        self.feeder().write(build_alert(2, 8))
+        self.assertEqual(daemon.wait(), -signal.SIGSEGV, "8 is unknown by now")
+
+    def test_reads_the_state_file_before_a_changed_file(self):
+        daemon = self.daemon().ready()
+        Path("/etc/qor/tarn.state").write_text("tarn.evidencelog.maxkbytes = 77\n")
+        self.hang_up(daemon, 2)
+        self.assertEqual(harness.count_log("tarn.evidencelog.maxkbytes = 77"), 0)
+        harness.write_config()
+        self.hang_up(daemon, 3)
+        self.assertEqual(harness.count_log("tarn.evidencelog.maxkbytes = 77"), 1)
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_applies_the_log_level_at_once(self):
+        daemon = self.daemon().ready()
+        harness.write_config(level=4)
+        daemon.send(signal.SIGHUP)
+        harness.wait_log(RELOADED)
+        self.assertEqual(daemon.stop(), 0)
+        messages = harness.log_messages()
+        self.assertNotIn("tarn.log.level = 4", messages, "the dump is a debug message")
+        self.assertEqual(messages.count(harness.READY), 1)
+
+    def test_changes_the_crm_channel(self):
+        entry = Entry("Moved", 1, "rule", "DISPLAY:WithoutRaw")
+        harness.write_events({7: entry})
+        daemon = self.daemon().ready()
+        harness.write_config(engine__crm=5)
+        other = CrmReader(5)
+        self.addCleanup(other.close)
+        self.hang_up(daemon, 2)
+        self.feeder().write(build_alert(1, 7, second=1))
+        self.assertEqual(other.collect(1), [self.expected(1, entry)])
+        self.assertIsNone(self.crm.read())
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_changes_between_the_two_thread_modes(self):
+        daemon = self.daemon().ready()
+        harness.wait_for(lambda: daemon.threads() == 3, "both threads")
+        harness.write_config(debug__single=1)
+        self.hang_up(daemon, 2)
+        self.assertEqual(daemon.threads(), 2)
+        harness.write_config(debug__single=0)
+        self.hang_up(daemon, 3)
+        harness.wait_for(lambda: daemon.threads() == 3, "the event thread again")
+        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(harness.count_log("EventBridge is initialized for single thread mode."), 1)
+
+    def test_keeps_the_error_thread_and_restarts_the_event_thread(self):
+        daemon = self.daemon().ready()
+        harness.wait_for(lambda: daemon.threads() == 3, "both threads")
+        before = set(daemon.tasks())
+        self.hang_up(daemon, 2)
+        harness.wait_for(lambda: daemon.threads() == 3, "both threads")
+        after = set(daemon.tasks())
+        self.assertEqual(len(before & after), 2, "main and the error thread")
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_keeps_the_event_threads_processor(self):
+        harness.write_config(engine__cpu=1)
+        daemon = self.daemon().ready()
+        assigned = ("to CPU 1", "to CPU 2")
+
+        def lines(text):
+            return [message for message in harness.log_messages()
+                    if "event thread" in message and message.endswith(text)]
+
+        harness.wait_for(lambda: len(lines(assigned[0])) == 1, "the first binding")
+        harness.write_config(engine__cpu=2)
+        self.hang_up(daemon, 2)
+        harness.wait_for(lambda: len(lines(assigned[0])) == 2, "the same object's binding")
+        self.assertEqual(lines(assigned[1]), [])
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_leaves_the_open_log_and_the_main_threads_processor_alone(self):
+        daemon = self.daemon().ready()
+        processors = os.sched_getaffinity(daemon.pid)
+        harness.write_config(log__file="/cache/qor/other.log", log__maxfilesize=100, snort__cpu=1)
+        self.hang_up(daemon, 2)
+        harness.wait_log("tarn.log.file = /cache/qor/other.log")
+        self.assertEqual(os.sched_getaffinity(daemon.pid), processors)
+        self.assertEqual(daemon.stop(), 0)
+        self.assertFalse(Path("/cache/qor/other.log").exists())
+        self.assertEqual(harness.log_files(), [harness.LOG], "no rotation at the new size")
+
+    def test_leaves_the_pid_file_alone(self):
+        daemon = self.daemon().ready()
+        PID_FILE.write_text("left alone\n")
+        self.hang_up(daemon, 2)
+        self.assertEqual(PID_FILE.read_text(), "left alone\n")
+        self.assertEqual(daemon.stop(), 0)
+        self.assertFalse(PID_FILE.exists())
+
+    def test_drops_queued_events_and_replaces_a_thread_that_does_not_stop(self):
+        entry = Entry("Blocked", 1, "rule", "DISPLAY:WithoutRaw")
+        EVENT_CONFIG.write_text(harness.event_lines(
+            7, entry, "response = quarantine-traffic",
+            "quarantine.rule = quarantine-intruder-address, duration: 60"))
+        manager = SilentManager()
+        self.addCleanup(manager.close)
+        daemon = self.daemon().ready()
+        feeder = self.feeder()
+        for number in range(5):
+            feeder.write(build_alert(number, 7, second=number))
+        waiting = "DbtComm opened command channel."
+        harness.wait_log(waiting)
+        harness.wait_for(lambda: harness.count_log("Sending event to event bridge") == 5,
+                         "all five in the bridge")
+        self.hang_up(daemon, 2)
+        messages = harness.log_messages()
+        self.assertIn("Event thread join timeout exceeded", messages)
+        dropped = [message for message in messages if message.startswith("EventBridge drops")]
+        self.assertIn(dropped, (["EventBridge drops 4 queued events during finalizing."],
+                                ["EventBridge drops 5 queued events during finalizing."]))
+        self.assertIsNone(self.crm.read())
+        manager.close()
+        self.hang_up(daemon, 3)
+        self.assertEqual(self.one_report(self.feeder(), 9), self.expected(9, entry))
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_releases_what_is_pending_when_the_hangup_interrupts_the_wait(self):
+        entry = Entry("Pending", 1, "rule", "DISPLAY:WithoutRaw")
+        harness.write_events({7: entry})
+        harness.write_config(debug__single=1)
+        daemon = self.daemon().ready()
+        self.feeder().write(build_alert(1, 7, second=1) + build_packet(1, b"packet"))
+        harness.wait_log("Associate alert event 1 with packet event")
+        harness.wait_for(daemon.main_thread_sleeps, "the reader to wait again")
+        self.hang_up(daemon, 2)
+        self.assertEqual(self.crm.drain(), [self.expected(1, entry)])
+        self.assertEqual(daemon.stop(), 0)
+
+    def check_gone(self, path):
+        daemon = self.daemon().ready().idle()
+        path.unlink()
+        self.hang_up_and_fail(daemon, f'Cannot obtain file status for "{path}".')
+
+    def hang_up_and_fail(self, daemon, message):
+        self.assertIsNone(daemon.process.poll(), "not before the hangup")
+        daemon.send(signal.SIGHUP)
+        self.assertEqual(daemon.wait(), 4)
+        messages = harness.log_messages()
+        self.assertIn(message, messages)
+        self.assertIn("Error thread is still alive. Force quit it.", messages)
+        self.assertEqual(messages[-1], "tarn exiting")
+        self.assertFalse(PID_FILE.exists())
+        self.assert_clean_errors(daemon)
+
+    def test_ends_when_the_configuration_has_gone(self):
+        self.check_gone(CONFIG)
+
+    def test_ends_when_the_event_configuration_has_gone(self):
+        self.check_gone(EVENT_CONFIG)
+
+    def test_ends_when_the_configuration_is_no_file_any_more(self):
+        daemon = self.daemon().ready().idle()
+        CONFIG.unlink()
+        CONFIG.mkdir()
+        self.hang_up_and_fail(
+            daemon, f'Invalid file status mode {CONFIG.stat().st_mode} for "{CONFIG}".')
+
+    def test_ends_when_a_fifo_has_become_a_file(self):
+        daemon = self.daemon().ready().idle()
+        ALERT_FIFO.unlink()
+        ALERT_FIFO.write_text("a file")
+        daemon.send(signal.SIGHUP)
+        self.assertEqual(daemon.wait(), 4)
+        self.assertIn("Error thread is still alive. Force quit it.", harness.log_messages())
+        self.assert_clean_errors(daemon)
+
+
+if __name__ == "__main__":
+    harness.main()

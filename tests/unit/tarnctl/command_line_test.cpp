@@ -1,0 +1,77 @@
+#include "tarnctl/command_line.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <vector>
+
+#include "tarnctl/exit_status.h"
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace tarnctl {
+namespace {
+
+class CommandLineTest : public testing::Test {
+  protected:
+    int Run(std::vector<std::string> words) {
+        words.insert(words.begin(), "tarnctl");
+        std::vector<char*> arguments;
+        for (std::string& word : words) {
+            arguments.push_back(word.data());
+        }
+        return RunCommandLine(static_cast<int>(arguments.size()), arguments.data(), m_out, m_err);
+    }
+
+    std::ostringstream m_out;
+    std::ostringstream m_err;
+};
+
+TEST_F(CommandLineTest, ShowsHelpWithTheSubCommandsAndExamples) {
+    EXPECT_EQ(Run({"--help"}), kExitFine);
+    EXPECT_THAT(m_out.str(), HasSubstr("crm"));
+    EXPECT_THAT(m_out.str(), HasSubstr("replay"));
+    EXPECT_THAT(m_out.str(), HasSubstr("Examples:"));
+}
+
+TEST_F(CommandLineTest, ShowsTheVersion) {
+    EXPECT_EQ(Run({"--version"}), kExitFine);
+    EXPECT_THAT(m_out.str(), StartsWith("tarnctl 1."));
+}
+
+TEST_F(CommandLineTest, ShowsExamplesInTheHelpOfEachSubCommand) {
+    for (const char* const command : {"crm", "replay"}) {
+        m_out.str("");
+        EXPECT_EQ(Run({command, "--help"}), kExitFine);
+        EXPECT_THAT(m_out.str(), HasSubstr("Examples:\n  tarnctl " + std::string(command)));
+    }
+}
+
+class WrongCommandLine : public CommandLineTest,
+                         public testing::WithParamInterface<std::vector<std::string>> {};
+
+TEST_P(WrongCommandLine, IsAUsageError) {
+    EXPECT_EQ(Run(GetParam()), kExitUsage);
+    EXPECT_EQ(m_out.str(), "");
+    EXPECT_NE(m_err.str(), "");
+}
+
+using Words = std::vector<std::string>;
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, WrongCommandLine,
+    testing::Values(Words{}, Words{"play"}, Words{"crm", "--none"}, Words{"crm", "--channel", "-1"},
+                    Words{"crm", "--count", "0"}, Words{"crm", "--timeout", "soon"},
+                    Words{"replay"}, Words{"replay", "f", "--rate", "0"},
+                    Words{"replay", "f", "--rate", "fast"}, Words{"replay", "f", "--rate", "-5"},
+                    Words{"replay", "f", "--loop", "0"}, Words{"replay", "f", "g"},
+                    Words{"crm", "replay", "f"}));
+
+TEST_F(CommandLineTest, RunsTheSubCommandWithItsOptions) {
+    EXPECT_EQ(Run({"replay", "--rate", "max", "--fifo", "/none/fifo", "/none/file"}), kExitFailure);
+    EXPECT_EQ(m_err.str(), "tarnctl replay: /none/file: No such file or directory\n");
+}
+
+}  // namespace
+}  // namespace tarnctl

@@ -1,0 +1,198 @@
+#!/usr/bin/env python3
+"""Tests of the checks: each finds its fault in a small tree and is silent without it.
+
+The first argument is the compiler.
+"""
+
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+HERE = pathlib.Path(__file__).parent
+sys.path.insert(0, str(HERE))
+
+import formats_against_pages  # noqa: E402
+import include_direction  # noqa: E402
+
+COMPILER = 'c++'
+
+ORDER = include_direction.Order('''
+order low middle high   # lowest first
+free high/gate.h
+free high/thread.h
+format */*_format.h
+knot low/tied.cpp high/wanted.h
+apart middle/alone*.* low/log*.h
+''')
+
+
+class Tree(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = pathlib.Path(folder.name)
+
+    def write(self, name, text):
+        path = self.root / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(text, encoding='utf-8')
+
+
+class IncludeDirection(Tree):
+    def header(self, name, *included):
+        self.write(name, '#pragma once\n' + ''.join(f'#include "{i}"\n' for i in included))
+
+    def faults(self):
+        return list(include_direction.faults_of(self.root, ORDER))
+
+    def assert_one_fault(self, text):
+        faults = self.faults()
+        self.assertEqual(len(faults), 1, faults)
+        self.assertIn(text, faults[0])
+
+    def test_lets_includes_point_downwards(self):
+        self.header('low/a.h')
+        self.header('middle/b.h', 'low/a.h')
+        self.header('high/c.h', 'middle/b.h', 'low/a.h')
+        self.assertEqual(self.faults(), [])
+
+    def test_finds_an_include_that_points_upwards(self):
+        self.header('middle/b.h')
+        self.header('low/a.h', 'middle/b.h')
+        self.assert_one_fault('low/a.h:2: includes "middle/b.h" but points upwards')
+
+    def test_lets_anyone_include_what_is_free(self):
+        self.header('high/gate.h')
+        self.header('low/a.h', 'high/gate.h')
+        self.assertEqual(self.faults(), [])
+
+    def test_lets_what_is_free_include_only_what_else_is(self):
+        self.header('low/a.h')
+        self.header('high/thread.h', 'high/gate.h')
+        self.header('high/gate.h')
+        self.assertEqual(self.faults(), [])
+        self.header('high/thread.h', 'low/a.h')
+        self.assert_one_fault('may include only what else is')
+
+    def test_lets_anyone_include_a_format_and_a_format_only_formats(self):
+        self.header('high/x_format.h')
+        self.header('low/y_format.h', 'high/x_format.h')
+        self.header('low/a.h', 'high/x_format.h')
+        self.assertEqual(self.faults(), [])
+        self.header('low/y_format.h', 'low/a.h')
+        self.assert_one_fault('may include formats only')
+
+    def test_lets_the_tied_source_include_upwards_and_no_other(self):
+        self.header('high/wanted.h')
+        self.write('low/tied.cpp', '#include "high/wanted.h"\n')
+        self.assertEqual(self.faults(), [])
+        self.header('low/tied.h', 'high/wanted.h')
+        self.assertEqual(len(self.faults()), 2)  # the header's include, and the header not first
+
+    def test_keeps_apart_what_stands_alone(self):
+        self.header('low/log.h')
+        self.header('middle/alone.h', 'low/log.h')
+        self.assert_one_fault('stands apart')
+
+    def test_finds_what_every_file_keeps_to(self):
+        self.write('low/a.h', '')
+        self.assert_one_fault('no #pragma once')
+        self.header('low/a.h')
+        self.write('low/a.cpp', '#include <vector>\n#include "low/a.h"\n')
+        self.assert_one_fault('own header first')
+        self.write('low/a.cpp', '#include "a.h"\n')
+        self.assertTrue(any('is no path from src/' in fault for fault in self.faults()))
+        self.write('low/a.cpp', '#include <low/a.h>\n')
+        self.assert_one_fault('belongs in quotes')
+
+    def test_refuses_a_list_that_it_does_not_understand(self):
+        with self.assertRaises(ValueError):
+            include_direction.Order('knot only_one\n')
+
+
+HEADER = '''#pragma once
+#include <cstdint>
+namespace x {
+struct Head { uint16_t type; uint16_t reserved; };
+}
+struct Message { x::Head head; uint32_t words[2]; };
+'''
+PAGE = '''# Message
+
+<!-- check: Message from low/message_format.h -->
+
+| Offset | Size | Field | Meaning |
+|---|---|---|---|
+| 0 | 2 | `head.type` | 1237 |
+| 2 | 2 | `head.reserved` | 0 |
+| 4 | 0x8 | `words` | two of them |
+| 12 | n | text | the text behind it |
+'''
+
+
+class FormatsAgainstPages(Tree):
+    def run_on(self, page):
+        self.write('src/low/message_format.h', HEADER)
+        self.write('pages/message.md', page)
+        return subprocess.run(
+            [sys.executable, '-B', HERE / 'formats_against_pages.py', '--pages',
+             self.root / 'pages', '--source', self.root / 'src', '--compiler', COMPILER,
+             '--output', self.root / 'generated.cpp'],
+            capture_output=True, text=True, check=False)
+
+    def assert_fault(self, page, text):
+        result = self.run_on(page)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn(text, result.stdout + result.stderr)
+
+    def test_is_silent_where_page_and_compiler_agree(self):
+        result = self.run_on(PAGE)
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        self.assertIn('1 tables, 3 fields compared', result.stdout)
+
+    def test_finds_a_wrong_offset(self):
+        page = PAGE.replace('| 0 | 2 | `head.type`', '| 0 | 2 | `head.reserved`')
+        self.assert_fault(page.replace('| 2 | 2 | `head.reserved`', '| 2 | 2 | `head.type`'),
+                          'message.md:7: Message, head.reserved: the offset is not 0')
+
+    def test_finds_a_wrong_size(self):
+        self.assert_fault(PAGE.replace('0x8', '4'), 'the size is not 4')
+
+    def test_finds_a_table_that_ends_too_early(self):
+        self.assert_fault(PAGE.replace('`words`', 'words'), 'does not end at 4')
+
+    def test_finds_a_gap_between_rows(self):
+        self.assert_fault(PAGE.replace('| 2 | 2 | `head.reserved` | 0 |\n', ''),
+                          '`words` begins at 4, not at 2')
+
+    def test_finds_a_member_that_does_not_exist(self):
+        self.assert_fault(PAGE.replace('head.type', 'head.kind'), 'kind')
+
+    def test_finds_a_mark_without_a_table(self):
+        self.assert_fault(PAGE.split('|', maxsplit=1)[0], 'no table follows')
+
+    def test_finds_a_mark_that_is_misspelt(self):
+        self.assert_fault(PAGE.replace(' from ', ' in '), 'is no mark of the form')
+
+    def test_finds_a_table_without_a_mark(self):
+        page = PAGE.replace('<!-- check: Message from low/message_format.h -->', '')
+        self.assert_fault(page, 'a table of offsets without a mark')
+        self.assert_fault(page, 'low/message_format.h: no page of the formats')
+
+    def test_takes_a_table_that_is_excused(self):
+        extra = PAGE[PAGE.index('| Offset'):]
+        page = PAGE + '\n<!-- unchecked: the bytes of a peer, no struct of ours -->\n\n' + extra
+        self.assertEqual(self.run_on(page).returncode, 0)
+
+    def test_reads_numbers_in_both_forms_and_nothing_else(self):
+        self.assertEqual(formats_against_pages.number_of('12'), 12)
+        self.assertEqual(formats_against_pages.number_of('`0x1c`'), 28)
+        self.assertIsNone(formats_against_pages.number_of('12 to 15'))
+
+
+if __name__ == '__main__':
+    if len(sys.argv) > 1:
+        COMPILER = sys.argv.pop(1)
+    unittest.main()

@@ -1,0 +1,46 @@
+#include "tarnctl/command_line.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+
+#include "tarnctl/crm_command.h"
+#include "tarnctl/exit_status.h"
+#include "tarnctl/replay_command.h"
+#include "tarnctl/stop_signals.h"
+
+namespace tarnctl {
+
+int RunCommandLine(int argc, char** argv, std::ostream& out, std::ostream& err) {
+    CLI::App app("The companion command of tarn: watches and feeds a running daemon.", "tarnctl");
+    app.set_version_flag("--version", "tarnctl " TARNCTL_VERSION);
+    app.require_subcommand(1);
+    app.footer(R"(Exit status: 0 fine, 1 the work could not be done, 2 the command line is wrong.
+
+Examples:
+  tarnctl crm --timeout 10 &
+  tarnctl replay samples/sensor-302-alerts.u2
+  tarnctl replay --help)");
+
+    CrmOptions crm;
+    ReplayOptions replay;
+    replay.isTerminal = isatty(STDERR_FILENO) == 1;
+    const CLI::App* const crmCommand = AddCrmCommand(app, crm);
+    const CLI::App* const replayCommand = AddReplayCommand(app, replay);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& fault) {
+        return app.exit(fault, out, err) == 0 ? kExitFine : kExitUsage;
+    }
+
+    CatchStopSignals();
+    if (crmCommand->parsed()) {
+        return RunCrm(crm, out, err);
+    }
+    if (replayCommand->parsed()) {
+        return RunReplay(replay, out, err);
+    }
+    return kExitUsage;
+}
+
+}  // namespace tarnctl

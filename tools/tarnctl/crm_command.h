@@ -1,0 +1,29 @@
+#pragma once
+
+// `tarnctl crm`: stands in for the CRM and shows the reports that come out of the daemon.
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+namespace tarnctl {
+
+struct CrmOptions {
+    int channel = 2;                // the default of tarn.engine.crm
+    bool json = false;              // JSON lines instead of lines for a person
+    bool fresh = false;             // what waits already is thrown away
+    uint64_t count = 0;             // ends after this many reports; 0: no end
+    double timeout = 0.0;           // ends after this many quiet seconds; 0: no end
+    std::string queueName = "CRM";  // not an option; tests use a queue of their own
+};
+
+// Declares the sub-command with its options, which are stored in `options` when it is parsed.
+CLI::App* AddCrmCommand(CLI::App& app, CrmOptions& options);
+
+// Reads until the options' end or StopRequested(). Reports go to `out`, all else to `err`. Returns
+// an exit status: a failure when the queue cannot be read, when `out` does not take a report, or
+// when a message was malformed.
+[[nodiscard]] int RunCrm(const CrmOptions& options, std::ostream& out, std::ostream& err);
+
+}  // namespace tarnctl

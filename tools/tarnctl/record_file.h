@@ -1,0 +1,75 @@
+#pragma once
+
+// Reads a unified2 file record by record.
+//
+// A file is a plain sequence of records: type and length, both big-endian 32-bit, then `length`
+// bytes. There is no magic, so the first record has to tell a unified2 file from a foreign one: a
+// type that unified2 knows, and for the types that the daemon takes at least the bytes that the
+// type needs. Behind the first record only the length is trusted to be odd: whatever is there is
+// handed on, since a daemon must cope with it.
+//
+// Threads: one at a time.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tarnctl {
+
+enum class RecordResult {
+    kRecord,     // a whole record
+    kEnd,        // the file ends where a record ends
+    kTruncated,  // the file ends within a record
+    kForeign,    // the first record is none of unified2
+    kTooLong,    // the record is longer than kLongest
+    kFailed,     // the file cannot be read
+};
+
+class RecordFile {
+  public:
+    // The longest payload, in bytes. Packets end at 64 KiB; this is what a pipe can be stretched
+    // to.
+    static constexpr uint32_t kLongest = 1U << 24;
+
+    RecordFile() = default;
+    ~RecordFile();
+    RecordFile(const RecordFile&) = delete;
+    RecordFile& operator=(const RecordFile&) = delete;
+
+    // Opens a plain file. False with the reason in Error().
+    [[nodiscard]] bool Open(const std::string& path);
+
+    // Reads the next record. On anything but kRecord and kEnd, Error() says why, and where.
+    [[nodiscard]] RecordResult Next();
+
+    // Back to the first record. False with the reason in Error().
+    [[nodiscard]] bool Rewind();
+
+    // The record that Next() read last: its type, whether it is an alert, its place in the file,
+    // and all its bytes, header included.
+    [[nodiscard]] uint32_t Type() const { return m_type; }
+    [[nodiscard]] bool IsAlert() const;
+    [[nodiscard]] uint64_t Offset() const { return m_recordOffset; }
+    [[nodiscard]] const std::vector<std::byte>& Bytes() const { return m_record; }
+
+    [[nodiscard]] uint64_t Size() const { return m_size; }          // bytes of the file
+    [[nodiscard]] uint64_t Position() const { return m_position; }  // bytes read so far
+    [[nodiscard]] const std::string& Error() const { return m_error; }
+
+  private:
+    // Reads `length` bytes to `to`. Returns how many came before the end of the file, or -1.
+    [[nodiscard]] int64_t Read(std::byte* to, std::size_t length);
+    RecordResult Fail(RecordResult result, const std::string& reason);
+
+    int m_fd = -1;  // owned
+    std::string m_path;
+    uint64_t m_size = 0;
+    uint64_t m_position = 0;
+    uint64_t m_recordOffset = 0;
+    uint32_t m_type = 0;
+    std::vector<std::byte> m_record;
+    std::string m_error;
+};
+
+}  // namespace tarnctl
