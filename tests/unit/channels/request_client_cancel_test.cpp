@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <functional>
 #include <future>
 
+#include "bound_socket.h"
 #include "channels/request_client.h"
 #include "logging/cancellation.h"
 #include "request_client_fixture.h"
@@ -89,17 +87,14 @@ TEST_F(RequestClientCancel, LandsInABodyThatNeverComes) {
 
 TEST_F(RequestClientCancel, LandsInAConnectWithoutALimit) {
     const std::size_t before = OpenDescriptors();
-    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, m_path.c_str(), sizeof(address.sun_path) - 1);
-    ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
-    ASSERT_EQ(0, listen(listener, 0));
-    ASSERT_TRUE(m_client.Connect(m_path.c_str(), 1));  // now the backlog is full
-    EXPECT_TRUE(IsCancelledIn(
-        [&](RequestClient& client) { (void)client.Connect(m_path.c_str(), 0); }, [] {}));
-    m_client.Disconnect();
-    close(listener);
+    {
+        const BoundSocket listener(SOCK_STREAM, m_path);
+        ASSERT_EQ(0, listen(listener.Descriptor(), 0));
+        ASSERT_TRUE(m_client.Connect(m_path.c_str(), 1));  // now the backlog is full
+        EXPECT_TRUE(IsCancelledIn(
+            [&](RequestClient& client) { (void)client.Connect(m_path.c_str(), 0); }, [] {}));
+        m_client.Disconnect();
+    }
     EXPECT_EQ(before, OpenDescriptors());
 }
 

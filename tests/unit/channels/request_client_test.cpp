@@ -6,16 +6,15 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <functional>
 #include <future>
 #include <utility>
 
+#include "bound_socket.h"
 #include "golden_bytes.h"
 #include "request_client_fixture.h"
 
@@ -73,14 +72,9 @@ TEST_F(RequestClientConnect, ReportsAPathWithNoSocket) {
 }
 
 TEST_F(RequestClientConnect, ReportsAPeerThatRefuses) {
-    const int bound = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, m_path.c_str(), sizeof(address.sun_path) - 1);
-    ASSERT_EQ(0, bind(bound, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    const BoundSocket bound(SOCK_STREAM, m_path);
     EXPECT_FALSE(m_client.Connect(m_path.c_str(), 1));
     EXPECT_THAT(m_reports, ElementsAre("1 Unable to connect socket, reason: Connection refused"));
-    close(bound);
 }
 
 TEST_F(RequestClientConnect, ReportsWhenThereIsNoDescriptorLeft) {
