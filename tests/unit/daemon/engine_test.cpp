@@ -71,7 +71,7 @@ TEST_F(EngineTest, AcceptsEveryKnownOption) {
     EXPECT_TRUE(Parse({"-c", "/tmp/a.conf", "-n", "/tmp/b.conf", "-d"}));
 }
 
-TEST_F(EngineTest, PassesOverAFileNameThatLooksLikeAnOption) {
+TEST_F(EngineTest, KeepsTheDefaultForAFileNameThatLooksLikeAnOption) {
     EXPECT_TRUE(Parse({"-c", "-x"}));
     EXPECT_TRUE(Parse({"-n", ""}));
 }

@@ -6,33 +6,24 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
+
+#include "file_text.h"
+#include "temp_dir.h"
 
 namespace {
 
 class ProcessTest : public ::testing::Test {
   protected:
-    ProcessTest() {
-        std::string name = std::filesystem::temp_directory_path() / "tarn-process-XXXXXX";
-        m_folder = mkdtemp(name.data());
-        m_pidFile = m_folder / "tarn0.pid";
-    }
-    ~ProcessTest() override { std::filesystem::remove_all(m_folder); }
+    void WriteFile(const std::string& text) const { ::WriteFile(m_pidFile, text); }
+    [[nodiscard]] std::string ReadFile() const { return ::ReadFile(m_pidFile); }
 
-    void WriteFile(const std::string& text) const { std::ofstream(m_pidFile) << text; }
-    [[nodiscard]] std::string ReadFile() const {
-        std::ostringstream text;
-        text << std::ifstream(m_pidFile).rdbuf();
-        return text.str();
-    }
-
-    std::filesystem::path m_folder;
-    std::filesystem::path m_pidFile;
+    const TempDir m_folder;
+    const std::string m_pidFile = m_folder.File("tarn0.pid");
 };
 
 // A child that sleeps until a signal ends it.
@@ -73,7 +64,7 @@ TEST_F(ProcessTest, PidFileReplacesALongerOne) {
 }
 
 TEST_F(ProcessTest, PidFileInAMissingFolderFails) {
-    EXPECT_FALSE(WritePidFile((m_folder / "missing" / "tarn0.pid").c_str()));
+    EXPECT_FALSE(WritePidFile(m_folder.File("missing/tarn0.pid").c_str()));
 }
 
 TEST_F(ProcessTest, RemovingThePidFileUnlinksIt) {
@@ -113,7 +104,7 @@ TEST_F(ProcessTest, OnlyTheFirst79BytesOfAPidFileCount) {
     EXPECT_FALSE(IsProcessRunning("tarn", m_pidFile.c_str(), nullptr));
 }
 
-TEST_F(ProcessTest, ALiveProcessOfAnotherNameIsAliveWhenTheNameCannotBeFound) {
+TEST_F(ProcessTest, KeepsTakingAnyLiveProcessForACopyWhenTheNameCannotBeFound) {
     const SleepingChild child;
     WriteFile(std::to_string(child.Pid()));
     int pid = 0;
@@ -123,8 +114,7 @@ TEST_F(ProcessTest, ALiveProcessOfAnotherNameIsAliveWhenTheNameCannotBeFound) {
 
 TEST_F(ProcessTest, AnotherExecutableUnderTheNumberIsNoRunningCopyWhenTheNameIsFound) {
     const SleepingChild child;
-    const std::filesystem::path other = m_folder / "other";
-    std::ofstream(other) << "x";
+    const std::string other = m_folder.Write("other", "x");
     EXPECT_FALSE(IsProcessAlive(other.c_str(), child.Pid()));
     EXPECT_TRUE(IsProcessAlive("/proc/self/exe", child.Pid()));
 }
@@ -194,7 +184,7 @@ TEST_F(ProcessTest, StoppingWithZeroSecondsFailsAtOnce) {
 TEST_F(ProcessTest, DaemonizeLeavesTheTerminalAndTheFolder) {
     const pid_t parent = fork();
     ASSERT_GE(parent, 0);
-    const std::string report = m_folder / "report";
+    const std::string report = m_folder.File("report");
     if (parent == 0) {
         Daemonize(true);  // the parent of the two leaves here with status 0
         std::array<char, 64> null{};
@@ -213,9 +203,7 @@ TEST_F(ProcessTest, DaemonizeLeavesTheTerminalAndTheFolder) {
     for (int i = 0; i < 10000 && !std::filesystem::exists(report); ++i) {
         usleep(1000);
     }
-    std::ostringstream text;
-    text << std::ifstream(report).rdbuf();
-    EXPECT_EQ(text.str(), "/dev/null / 18 1");
+    EXPECT_EQ(::ReadFile(report), "/dev/null / 18 1");
 }
 
 }  // namespace

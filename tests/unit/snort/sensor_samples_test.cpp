@@ -7,14 +7,13 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "config/config.h"
+#include "file_text.h"
 #include "snort/snort_event_reader.h"
 #include "temp_dir.h"
 #include "unit/snort/log_questions.h"
@@ -62,8 +61,7 @@ class SensorSamples : public testing::TestWithParam<Sample> {
     ~SensorSamples() override { Config::s_logLevel = 3; }
 
     std::map<uint32_t, int> Play(const std::string& file) const {
-        std::ifstream stream(file, std::ios::binary);
-        const std::string bytes{std::istreambuf_iterator<char>(stream), {}};
+        const std::string bytes = ReadFile(file);
         const TempDir folder;
         const std::string path = folder.File("alerts.fifo");
         SnortEventReader reader(path.c_str());

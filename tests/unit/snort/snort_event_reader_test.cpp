@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -16,9 +15,8 @@
 #include "config/config.h"
 #include "events/event_bridge.h"
 #include "private_channel.h"
-#include "temp_dir.h"
 #include "unified2_records.h"
-#include "unit/snort/log_questions.h"
+#include "unit/snort/event_reader_fixture.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define TARN_TEST_SANITIZED
@@ -36,109 +34,10 @@ using u2test::ExtraData;
 using u2test::Framed;
 using u2test::Packet;
 
-using Ids = std::vector<uint32_t>;
-
-// A reader on a FIFO of its own, with this test as the sensor at the other end. The bridge of these
-// tests is not initialised, so it refuses every event, and the dump that precedes the hand-over
-// shows what was to be handed over.
-class SnortEventReaderTest : public testing::Test {
-  protected:
-    SnortEventReaderTest() {
-        Config::s_logLevel = 5;
-        m_reader = std::make_unique<SnortEventReader>(m_path.c_str());
-        EXPECT_TRUE(m_reader->CreateFifo());
-    }
-    ~SnortEventReaderTest() override {
-        StopSensor();
-        Config::s_logLevel = 3;
-    }
-
-    // A sensor that can write before the reader has opened its end.
-    void StartSensor() { m_sensor = open(m_path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC); }
-    void StopSensor() {
-        if (m_sensor != -1) {
-            close(m_sensor);
-            m_sensor = -1;
-        }
-    }
-
-    void Write(const Bytes& bytes) {
-        if (m_sensor == -1) {
-            StartSensor();
-        }
-        ASSERT_EQ(write(m_sensor, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    }
-
-    // Writes one record and has it read.
-    template <typename Record>
-    void Send(const Record& record) {
-        Write(Framed(record));
-        EXPECT_TRUE(m_reader->ReadEvent(10));
-    }
-    void SendAlert(uint32_t eventId) { Send(Alert{.eventId = eventId}); }
-
-    // A wait that ends without data.
-    void QuietSecond() {
-        if (m_sensor == -1) {
-            StartSensor();
-        }
-        EXPECT_FALSE(m_reader->ReadEvent(0));
-    }
-
-    // The ids of the alerts handed over so far, in order.
-    [[nodiscard]] Ids HandedOver() const {
-        Ids ids;
-        const std::string title = "Type: Event ";
-        for (const std::string& line : m_log.Lines()) {
-            if (line.starts_with(title)) {
-                ids.push_back(static_cast<uint32_t>(std::stoul(line.substr(title.size()))));
-            }
-        }
-        return ids;
-    }
-
-    [[nodiscard]] std::vector<std::string> Lines() const { return m_log.Lines(); }
-
-    // Asks for a writer's end, which there is only with a reader. The sensor must be stopped, since
-    // its end is one of both.
-    [[nodiscard]] bool ReaderHasTheFifoOpen() const {
-        const int probe = open(m_path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-        if (probe == -1) {
-            return false;
-        }
-        close(probe);
-        return true;
-    }
-
-    [[nodiscard]] long FailedPackets(uint32_t eventId) const {
-        return m_log.CountAt(
-            3, "Failed to associate alert event " + std::to_string(eventId) +
-                   " with packet event. Packet event reported from Snort doesn't match "
-                   "previous alert event");
-    }
-    [[nodiscard]] long FailedExtraData(uint32_t eventId, size_t pending) const {
-        return m_log.CountAt(
-            3, "Failed to associate alert event " + std::to_string(eventId) +
-                   " with extra data event. Number of pending events: " + std::to_string(pending));
-    }
-    [[nodiscard]] long Positions(uint32_t eventId, int position) const {
-        return m_log.Count(
-            "Incoming event ID: " + std::to_string(eventId) +
-            ", assocated to position in pending events: " + std::to_string(position));
-    }
-
-    TempDir m_folder;
-    QuestionedLog m_log;
-    std::string m_path = m_folder.File("alerts.fifo");
-    std::unique_ptr<SnortEventReader> m_reader;
-    int m_sensor = -1;
-};
-
 using SnortEventReaderOpening = SnortEventReaderTest;
 using SnortEventReaderFraming = SnortEventReaderTest;
 using SnortEventReaderPending = SnortEventReaderTest;
 using SnortEventReaderPackets = SnortEventReaderTest;
-using SnortEventReaderExtraData = SnortEventReaderTest;
 using SnortEventReaderHandOver = SnortEventReaderTest;
 
 // ---- Opening ----
@@ -503,111 +402,6 @@ TEST_F(SnortEventReaderPackets, ArriveTooLateForAForwardedAlert) {
     QuietSecond();
     Send(Packet{.eventId = 1});
     EXPECT_EQ(FailedPackets(1), 1);
-}
-
-// ---- Extra data ----
-
-TEST_F(SnortEventReaderExtraData, AttachesToTheAlertBeforeTheNewest) {
-    for (uint32_t id = 11; id <= 15; ++id) {
-        SendAlert(id);
-    }
-    Send(ExtraData{.eventId = 14});
-    EXPECT_EQ(Positions(14, 3), 1);
-    EXPECT_EQ(m_log.Count("Associate alert event 14 with extra data event"), 1);
-    QuietSecond();
-    const auto lines = Lines();
-    const auto extra = std::find(lines.begin(), lines.end(),
-                                 "Type: Extra Data 14 -------------------------------------------");
-    ASSERT_NE(extra, lines.end());
-    EXPECT_EQ(
-        std::count_if(lines.begin(), extra,
-                      [](const std::string& line) { return line.starts_with("Type: Event"); }),
-        4);
-}
-
-TEST_F(SnortEventReaderExtraData, FindsItsAlertAcrossTheWrapOfTheIds) {
-    for (const uint32_t id : {65535U, 0U, 1U, 2U}) {
-        SendAlert(id);
-    }
-    Send(ExtraData{.eventId = 65535});
-    EXPECT_EQ(Positions(65535, 0), 1);
-    EXPECT_EQ(m_log.Count("Associate alert event 65535 with extra data event"), 1);
-}
-
-TEST_F(SnortEventReaderExtraData, FarLargerIdYieldsAPositionBehindTheEndOfTheList) {
-    SendAlert(1);
-    const uint32_t id = 1 + 65536 + 10;  // a distance of -10, a position of 10
-    Send(ExtraData{.eventId = id});
-    EXPECT_EQ(Positions(id, 10), 1);
-    EXPECT_EQ(m_log.Count("Out of the range of pending events"), 0);
-    EXPECT_EQ(FailedExtraData(id, 1), 1);
-}
-
-TEST_F(SnortEventReaderExtraData, KeepsTheRangeLimitOfAFullListForAShorterOne) {
-    SendAlert(1);
-    const uint32_t last = 1 + 65536 + 127;
-    Send(ExtraData{.eventId = last});
-    EXPECT_EQ(Positions(last, 127), 1);
-    EXPECT_EQ(m_log.Count("Out of the range of pending events"), 0);
-    Send(ExtraData{.eventId = last + 1});
-    EXPECT_EQ(
-        m_log.CountAt(3, "Out of the range of pending events, position in pending events: 128"), 1);
-    EXPECT_EQ(FailedExtraData(last, 1), 1);
-    EXPECT_EQ(FailedExtraData(last + 1, 1), 1);
-}
-
-TEST_F(SnortEventReaderExtraData, OfAForwardedAlertIsOutOfRange) {
-    SendAlert(5);
-    Send(ExtraData{.eventId = 4});
-    EXPECT_EQ(
-        m_log.CountAt(3, "Out of the range of pending events, position in pending events: -1"), 1);
-    EXPECT_EQ(FailedExtraData(4, 1), 1);
-}
-
-TEST_F(SnortEventReaderExtraData, WithAnEmptyListFailsWithoutAPosition) {
-    Send(ExtraData{.eventId = 4});
-    EXPECT_EQ(FailedExtraData(4, 0), 1);
-    EXPECT_EQ(m_log.Count("Incoming event ID"), 0);
-}
-
-TEST_F(SnortEventReaderExtraData, KeepsLookingOnlyAtThePositionOfTheId) {
-    for (const uint32_t id : {1U, 2U, 4U}) {  // 3 is missing
-        SendAlert(id);
-    }
-    Send(ExtraData{.eventId = 2});  // at position 1, but 4 - 2 makes it 0
-    EXPECT_EQ(Positions(2, 0), 1);
-    EXPECT_EQ(FailedExtraData(2, 3), 1);
-    QuietSecond();
-    EXPECT_EQ(m_log.Count("Type: Extra Data"), 0);
-}
-
-TEST_F(SnortEventReaderExtraData, OfAnUnsupportedKindCountsAsAssociatedAndIsDropped) {
-    SendAlert(1);
-    Send(ExtraData{.eventId = 1, .type = 13});
-    EXPECT_EQ(m_log.Count("Associate alert event 1 with extra data event"), 1);
-    EXPECT_EQ(m_log.CountAt(3, "Unsupported ExtraData type receive from Snort"), 1);
-    EXPECT_EQ(m_log.Count("Failed to associate"), 0);
-    QuietSecond();
-    EXPECT_EQ(m_log.Count("Type: Extra Data"), 0);
-}
-
-TEST_F(SnortEventReaderExtraData, IdsFarApartNeverLeaveTheList) {
-    SendAlert(0x80000000);
-    for (const uint32_t id : {0U, 1U, 0x7FFFFFFFU, 0xFFFFFFFFU, 0x80000001U}) {
-        Send(ExtraData{.eventId = id});
-        EXPECT_EQ(FailedExtraData(id, 1), 1) << id;
-    }
-}
-
-TEST_F(SnortEventReaderExtraData, FindsItsAlertAfterTheListHasTurned) {
-    for (uint32_t id = 1; id <= 200; ++id) {
-        SendAlert(id);
-    }
-    Send(ExtraData{.eventId = 73});
-    EXPECT_EQ(Positions(73, 0), 1);
-    EXPECT_EQ(m_log.Count("Associate alert event 73 with extra data event"), 1);
-    Send(ExtraData{.eventId = 72});
-    EXPECT_EQ(FailedExtraData(72, 128), 1);
 }
 
 // ---- Handing over ----

@@ -1,0 +1,59 @@
+#include "snort/snort_error_parser.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "snort/text_buffer.h"
+
+namespace {
+
+constexpr std::string_view kRulesError = "ERROR: /etc/snort/rules/snort.rules";
+constexpr std::string_view kConfigurationError = "ERROR: /etc/snort/qor-snort.conf";
+static_assert(kRulesError.size() == 35 && kConfigurationError.size() == 32);
+
+// What stands between the first and the second "(", or up to the end of the line.
+std::string BehindParenthesis(std::string_view line) {
+    const size_t first = line.find('(');
+    if (first == std::string_view::npos) {
+        return {};
+    }
+    line.remove_prefix(first + 1);
+    return std::string(line.substr(0, line.find('(')));
+}
+
+// Snort's form is the file name, the line number in parentheses, a blank, and the text.
+//
+// Deliberate: the line is cut at parentheses and nowhere else, so a text that contains "(" ends
+// there, and of one that contains ")" only what follows the last one is left. An empty part cannot
+// lose its blank and throws, which ends the thread that reads the lines.
+void ParseRulesError(std::string_view line, long* lineNumber, char* reason, int reasonSize) {
+    const std::string piece = BehindParenthesis(line);
+    size_t end = piece.find(')');
+    *lineNumber = static_cast<std::int32_t>(std::strtol(piece.substr(0, end).c_str(), nullptr, 10));
+    while (end != std::string::npos && end + 1 < piece.size()) {
+        const size_t begin = end + 1;
+        end = piece.find(')', begin);
+        FillText(reason, reasonSize, piece.substr(begin, end - begin).substr(1));
+    }
+}
+
+}  // namespace
+
+int ParseSnortError(const char* line, int* kind, long* lineNumber, char* reason, int* reasonSize) {
+    *kind = kSnortErrorOther;
+    *lineNumber = 0;
+    const std::string_view text = line;
+    if (text.starts_with(kRulesError)) {
+        *kind = kSnortErrorInRules;
+        FillText(reason, *reasonSize, {});
+        ParseRulesError(text, lineNumber, reason, *reasonSize);
+        return 0;
+    }
+    if (text.starts_with(kConfigurationError)) {
+        *kind = kSnortErrorInConfiguration;
+    }
+    FillText(reason, *reasonSize, text);
+    return 0;
+}

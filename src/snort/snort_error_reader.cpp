@@ -1,0 +1,229 @@
+#include "snort/snort_error_reader.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+#include "logging/cancellation.h"
+#include "logging/log.h"
+#include "snort/rule_lookup.h"
+#include "snort/snort_error_parser.h"
+
+namespace {
+
+using vald::Log;
+
+constexpr unsigned kRetrySeconds = 1;
+constexpr int kReasonSize = 256;
+constexpr int kSidSize = 64;
+constexpr int kRuleMessageSize = 256;
+
+// The engine and the error thread both ask for the instance, whichever comes first. Nothing that
+// can wait is done with the mutex held.
+std::mutex s_instanceMutex;
+SnortErrorReader* s_instance = nullptr;  // owned; guarded by s_instanceMutex
+
+// A line as getdelim allocates it.
+struct LineBuffer {
+    LineBuffer() = default;
+    ~LineBuffer() { std::free(text); }
+    LineBuffer(const LineBuffer&) = delete;
+    LineBuffer& operator=(const LineBuffer&) = delete;
+
+    char* text = nullptr;  // owned
+    size_t capacity = 0;
+};
+
+}  // namespace
+
+SnortErrorReader* SnortErrorReader::Instance() {
+    const std::lock_guard<std::mutex> lock(s_instanceMutex);
+    if (s_instance == nullptr) {
+        s_instance = new SnortErrorReader();
+    }
+    return s_instance;
+}
+
+void SnortErrorReader::ReleaseInstance() {
+    ReplaceInstance(nullptr);
+}
+
+void SnortErrorReader::ReplaceInstance(std::unique_ptr<SnortErrorReader> reader) {
+    std::unique_ptr<SnortErrorReader> former;  // goes when the lock has gone: it logs as it closes
+    const std::lock_guard<std::mutex> lock(s_instanceMutex);
+    former.reset(std::exchange(s_instance, reader.release()));
+}
+
+SnortErrorReader::SnortErrorReader(const char* path, const char* messageSocket,
+                                   const char* rulesPath)
+    : SnortReaderBase(path),
+      m_pMsgComm(std::make_unique<MsgComm>(messageSocket)),
+      m_rulesPath(rulesPath) {}
+
+// The base closes the descriptor.
+SnortErrorReader::~SnortErrorReader() = default;
+
+bool SnortErrorReader::ReadErrors(long timeoutSeconds) {
+    // No line is read before the last message has gone out, so that none is lost.
+    if (!m_message.empty() && !SendMessage(kRetrySeconds)) {
+        return false;
+    }
+    if (m_fd < 0 && !OpenFifo()) {
+        return false;
+    }
+    // Deliberate: it is the FIFO that is waited for. Lines that came with an earlier one in a
+    // single read wait in the stream until the FIFO stirs again: for more lines or a writer's end.
+    if (WaitReadable(timeoutSeconds) <= 0) {
+        return false;
+    }
+    std::string line;
+    if (!ReadLine(&line)) {
+        return false;
+    }
+    Process(line);
+    (void)SendMessage(kRetrySeconds);  // a failed send is repeated by the next pass
+    return true;
+}
+
+bool SnortErrorReader::OpenFifo() {
+    Log* const log = Log::GetInstance();
+    log->Write(5, "Opening file: %s", m_path.c_str());
+    m_fd = open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (m_fd < 0) {
+        const int error = errno;
+        // Deliberate: the next pass tries again at once, since the engine makes the FIFO a moment
+        // after it has started the thread.
+        log->Write(1, "Open file error: %s, reason: %s", m_path.c_str(), strerror(error));
+        return false;
+    }
+    // The base may close the descriptor under the stream, when a wait fails, and its number may be
+    // another file's by the time the stream is closed. A stream of fdopen would then close that
+    // file; this one only ever reads.
+    cookie_io_functions_t operations{};
+    operations.read = &SnortErrorReader::ReadDescriptor;
+    m_pFile.reset(fopencookie(this, "r", operations));
+    if (m_pFile == nullptr) {
+        const int error = errno;
+        log->Write(1, "fdopen error, reason: %s", strerror(error));
+        Close();
+        return false;
+    }
+    log->Write(5, "File is opened, waiting for Snort errors");
+    return true;
+}
+
+ssize_t SnortErrorReader::ReadDescriptor(void* self, char* buffer, size_t size) {
+    return read(static_cast<SnortErrorReader*>(self)->m_fd, buffer, size);
+}
+
+// A line whose end has not come yet is delivered as far as it goes, and its rest as the next one.
+bool SnortErrorReader::ReadLine(std::string* line) {
+    LineBuffer buffer;
+    clearerr(m_pFile.get());  // such a line leaves a mark by which the next read would fail
+    const ssize_t length = getdelim(&buffer.text, &buffer.capacity, '\n', m_pFile.get());
+    if (length < 0) {
+        const int error = errno;
+        // A writer's end leaves no errno of its own; it counts as the one by which a stream says
+        // that it stands on a FIFO.
+        const int reason = feof(m_pFile.get()) != 0 ? ESPIPE : error;
+        if (reason != ESPIPE) {
+            Log::GetInstance()->Write(1, "getline error, reason: %s", strerror(reason));
+        } else if (Log::Passes(Log::kDebug)) {
+            Log::GetInstance()->Write(5, "Get EOF in SNORT stderr, please igore the reason: %s",
+                                      strerror(reason));
+        }
+        m_pFile.reset();
+        Close();
+        return false;
+    }
+    Log::GetInstance()->Write(5, "### Debug Snort stderr ### %s", buffer.text);
+    line->assign(buffer.text, static_cast<size_t>(length));
+    return true;
+}
+
+bool SnortErrorReader::SendMessage(unsigned sleepSeconds) {
+    Log* const log = Log::GetInstance();
+    if (!m_pMsgComm->IsOpen() && m_pMsgComm->Open() < 0) {
+        log->Write(1, "Cannot open MsgComm");
+        return false;
+    }
+    const int result = m_isError ? m_pMsgComm->SendErrorMessage(m_message.c_str())
+                                 : m_pMsgComm->SendInfoMessage(m_message.c_str());
+    if (result < 0) {
+        log->Write(2, "Send SNORT message failed, sleep and retry");
+        m_pMsgComm->Close();
+        const CancellationOn window;
+        sleep(sleepSeconds);
+        return false;
+    }
+    log->Write(5, "Send SNORT message successfully");
+    m_message.clear();
+    return true;
+}
+
+void SnortErrorReader::Process(const std::string& line) {
+    if (line.empty()) {
+        return;
+    }
+    Log* const log = Log::GetInstance();
+    m_message = line;
+    if (!line.starts_with("ERROR:")) {
+        log->Write(3, "[SNORT INFO] %s", m_message.c_str());
+        m_isError = false;
+        return;
+    }
+    // Deliberate: the sentence below takes this one's place, so that the CRM gets the reason in
+    // Snort's own words. It goes out only when a line cannot be described at all.
+    if (line.find("Config option \"interface\" requires arguments.") != std::string::npos) {
+        m_message = "No valid interface is selected in SNORT Configuration";
+    }
+    m_message = DescribeError(line);
+    log->Write(3, "[SNORT ERROR] %s", m_message.c_str());
+    m_isError = true;
+}
+
+std::string SnortErrorReader::DescribeError(const std::string& line) const {
+    Log* const log = Log::GetInstance();
+    int kind = kSnortErrorOther;
+    long lineNumber = 0;
+    std::array<char, kReasonSize> reason{};
+    int reasonSize = kReasonSize;
+    ParseSnortError(line.c_str(), &kind, &lineNumber, reason.data(), &reasonSize);
+    switch (kind) {
+        case kSnortErrorInRules:
+            log->Write(5, "[SNORT ERROR] SnortHandler::Process: Error in rules file");
+            return DescribeRuleError(lineNumber, reason.data());
+        case kSnortErrorInConfiguration:
+            log->Write(5, "[SNORT ERROR] SnortHandler::Process: Error in config file");
+            return std::string("ERROR in SNORT configuration. Reason: ") + reason.data();
+        default:
+            log->Write(5, "[SNORT ERROR] SnortHandler::Process: Error occurred");
+            return std::string("ERROR in SNORT. Reason: ") + reason.data();
+    }
+}
+
+std::string SnortErrorReader::DescribeRuleError(long lineNumber, const char* reason) const {
+    Log* const log = Log::GetInstance();
+    std::array<char, kSidSize> sid{};
+    std::array<char, kRuleMessageSize> message{};
+    int sidSize = kSidSize;
+    int messageSize = kRuleMessageSize;
+    if (LookupRuleByLine(m_rulesPath.c_str(), &lineNumber, sid.data(), &sidSize, message.data(),
+                         &messageSize) != kRuleFound) {
+        log->Write(5, "[SNORT ERROR] SnortHandler::Process: Cannot find rule SID by line number %d",
+                   static_cast<int>(lineNumber));
+        return std::string("ERROR in SNORT rule. Error: ") + reason;
+    }
+    log->Write(
+        5,
+        "[SNORT ERROR] SnortHandler::Process: Rule error found - SID: %s, MSG: '%s', Error: '%s'",
+        sid.data(), message.data(), reason);
+    return std::string("ERROR in SNORT rule. SID: ") + sid.data() + ", Msg: \"" + message.data() +
+           "\",  Reason: " + reason;
+}

@@ -1,0 +1,205 @@
+#include "snort/snort_error_thread.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "crm_message_socket.h"
+#include "snort/snort_error_reader.h"
+#include "unit/snort/error_fifo.h"
+#include "unit/snort/log_questions.h"
+
+namespace {
+
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+constexpr unsigned kLongMs = 60000;
+
+class SnortErrorThreadTest : public testing::Test {
+  protected:
+    ~SnortErrorThreadTest() override { SnortErrorReader::ReleaseInstance(); }
+
+    // The thread's instance is to be the reader of this test's FIFO.
+    void UsePrivateReader() { SnortErrorReader::ReplaceInstance(m_fifo.MakeReader()); }
+
+    // Starts the thread and waits until it reads the FIFO.
+    void StartReading(SnortErrorThread& thread) {
+        m_fifo.Make();
+        UsePrivateReader();
+        ASSERT_TRUE(thread.Start(false));
+        while (!m_fifo.OpenWriter()) {
+            sched_yield();
+        }
+    }
+
+    static void StopAndJoin(SnortErrorThread& thread) {
+        EXPECT_EQ(thread.Stop(), 1);
+        ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    }
+
+    QuestionedLog m_log;
+    ErrorFifo m_fifo;
+};
+
+TEST_F(SnortErrorThreadTest, SendsWhatItReads) {
+    const CrmMessageSocket crm(m_fifo.m_socket);
+    SnortErrorThread thread("snorterrorthread", 0);
+    StartReading(thread);
+    ASSERT_TRUE(m_fifo.Write("ERROR: x\n"));
+    EXPECT_EQ(crm.Take(kLongMs), "E ERROR in SNORT. Reason: ERROR: x\n");
+    StopAndJoin(thread);
+    EXPECT_EQ(thread.ExitCode(), 1);
+    EXPECT_EQ(m_log.Count("Snort error thread "), 2);
+    EXPECT_EQ(m_log.Count(" starting."), 1);
+    EXPECT_EQ(m_log.Count(" exiting"), 1);
+}
+
+TEST_F(SnortErrorThreadTest, HearsAStopWithinASecondOfWaiting) {
+    SnortErrorThread thread("snorterrorthread", 0);
+    StartReading(thread);
+    const auto start = steady_clock::now();
+    StopAndJoin(thread);
+    EXPECT_LT(steady_clock::now() - start, seconds(10));
+}
+
+TEST_F(SnortErrorThreadTest, HearsAStopWhileTheFifoIsMissing) {
+    UsePrivateReader();
+    SnortErrorThread thread("snorterrorthread", 0);
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.AwaitBegun(kLongMs));
+    // A stop that comes before the body has cleared the flag is lost, so ask until it is heard.
+    do {
+        EXPECT_EQ(thread.Stop(), 1);
+    } while (!thread.Join(100, nullptr));
+    EXPECT_EQ(thread.ExitCode(), 1);
+}
+
+TEST_F(SnortErrorThreadTest, HearsAStopWhileTheCrmIsMissing) {
+    SnortErrorThread thread("snorterrorthread", 0);
+    StartReading(thread);
+    ASSERT_TRUE(m_fifo.Write("hello\n"));
+    while (m_log.Count("Send SNORT message failed, sleep and retry") == 0) {
+        sched_yield();
+    }
+    const auto start = steady_clock::now();
+    StopAndJoin(thread);
+    EXPECT_LT(steady_clock::now() - start, seconds(10));
+}
+
+TEST_F(SnortErrorThreadTest, ReleasesTheReaderWithItsMessageWhenItEnds) {
+    SnortErrorThread thread("snorterrorthread", 0);
+    StartReading(thread);
+    ASSERT_TRUE(m_fifo.Write("hello\n"));
+    while (m_log.Count("Send SNORT message failed, sleep and retry") == 0) {
+        sched_yield();
+    }
+    StopAndJoin(thread);
+    EXPECT_EQ(SnortErrorReader::Instance()->Message(), "");
+}
+
+TEST_F(SnortErrorThreadTest, WorksASecondTimeAfterAStop) {
+    const CrmMessageSocket crm(m_fifo.m_socket);
+    SnortErrorThread thread("snorterrorthread", 0);
+    for (const char* const line : {"one\n", "two\n"}) {
+        StartReading(thread);
+        ASSERT_TRUE(m_fifo.Write(line));
+        EXPECT_EQ(crm.Take(kLongMs), std::string("I ") + line);
+        StopAndJoin(thread);
+    }
+}
+
+TEST_F(SnortErrorThreadTest, KeepsTheLineThatEndedItForTheNextStart) {
+    const CrmMessageSocket crm(m_fifo.m_socket);
+    const std::string line = "ERROR: /etc/snort/rules/snort.rules(1)) text\n";
+    SnortErrorThread thread("snorterrorthread", 0);
+    StartReading(thread);
+    ASSERT_TRUE(m_fifo.Write(line));
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_TRUE(thread.IsFinished());
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_EQ(crm.Take(), "");
+    EXPECT_EQ(m_log.Count(" exiting"), 0);
+
+    ASSERT_TRUE(thread.Start(false));
+    EXPECT_EQ(crm.Take(kLongMs), "I " + line);
+    ASSERT_TRUE(m_fifo.Write("next\n"));
+    EXPECT_EQ(crm.Take(kLongMs), "I next\n");
+    StopAndJoin(thread);
+}
+
+TEST_F(SnortErrorThreadTest, KeepsCpuZeroUnbound) {
+    SnortErrorThread thread("snorterrorthread", 0);
+    StartReading(thread);
+    StopAndJoin(thread);
+    EXPECT_EQ(m_log.Count("CPU"), 0);
+}
+
+TEST_F(SnortErrorThreadTest, RunsOnWhenTheCpuDoesNotExist) {
+    for (const int cpu : {1023, 5000}) {
+        SnortErrorThread thread("snorterrorthread", cpu);
+        StartReading(thread);
+        StopAndJoin(thread);
+        EXPECT_EQ(m_log.Count(" to CPU " + std::to_string(cpu)), 1);
+    }
+    EXPECT_EQ(m_log.Count("Unable to assign Snort error thread "), 2);
+}
+
+TEST_F(SnortErrorThreadTest, BindsToACpuAboveZero) {
+    if (sysconf(_SC_NPROCESSORS_ONLN) < 2) {
+        GTEST_SKIP() << "this machine has one CPU";
+    }
+    SnortErrorThread thread("snorterrorthread", 1);
+    StartReading(thread);
+    StopAndJoin(thread);
+    EXPECT_EQ(m_log.Count("Assigned Snort error thread "), 1);
+}
+
+TEST_F(SnortErrorThreadTest, ForceQuitEndsAThreadThatWaitsForTheFifo) {
+    SnortErrorThread thread("snorterrorthread", 0);
+    StartReading(thread);
+    thread.ForceQuit();
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_TRUE(thread.Settle(0));
+    EXPECT_FALSE(m_fifo.OpenWriter()) << "the reader is released and its FIFO closed";
+}
+
+TEST_F(SnortErrorThreadTest, ForceQuitEndsAThreadThatPausesAfterAFailedSend) {
+    SnortErrorThread thread("snorterrorthread", 0);
+    StartReading(thread);
+    ASSERT_TRUE(m_fifo.Write("hello\n"));
+    while (m_log.Count("Send SNORT message failed, sleep and retry") == 0) {
+        sched_yield();
+    }
+    thread.ForceQuit();
+    EXPECT_TRUE(thread.Settle(0));
+    EXPECT_EQ(SnortErrorReader::Instance()->Message(), "");
+}
+
+TEST_F(SnortErrorThreadTest, ForceQuitEndsAThreadThatNeverWaits) {
+    for (int i = 0; i < 50; ++i) {
+        UsePrivateReader();  // of a FIFO that is not there
+        SnortErrorThread thread("snorterrorthread", 0);
+        ASSERT_TRUE(thread.Start(false));
+        ASSERT_TRUE(thread.AwaitBegun(kLongMs));
+        thread.ForceQuit();
+        ASSERT_TRUE(thread.Settle(0));
+        EXPECT_FALSE(thread.IsRunning());
+    }
+}
+
+TEST_F(SnortErrorThreadTest, ForceQuitLeavesAnIdleThreadAlone) {
+    UsePrivateReader();
+    SnortErrorReader* const reader = SnortErrorReader::Instance();
+    SnortErrorThread thread("snorterrorthread", 0);
+    thread.ForceQuit();
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_TRUE(thread.Settle(0));
+    EXPECT_EQ(SnortErrorReader::Instance(), reader);
+}
+
+}  // namespace
