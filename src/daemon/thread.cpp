@@ -13,6 +13,13 @@ constexpr unsigned kCancelLimitMs = 2000;
 
 }  // namespace
 
+bool BindCallingThreadToCpu(int cpu) {
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    CPU_SET(static_cast<size_t>(cpu), &cpus);  // beyond the set's 1024 it sets nothing
+    return pthread_setaffinity_np(pthread_self(), sizeof(cpus), &cpus) == 0;
+}
+
 Thread::Thread(const char* name) : m_name(name) {
     m_doneGate.Init();
     m_doneGate.Close();
@@ -63,12 +70,9 @@ bool Thread::Start(bool detached) {
     return true;
 }
 
-// A cancel unwinds without an exception object, which the sanitizer takes for a null reference.
-__attribute__((no_sanitize(
-    "null")))  // A forced unwind carries no object, so the reference to it is a null one, which the
-// undefined-behaviour sanitizer takes for a slip of ours.
-__attribute__((no_sanitize("undefined"))) void*
-Thread::EntryPoint(void* self) {
+// A forced unwind carries no exception object, so the reference that catches it is a null one,
+// which the undefined-behaviour sanitizer would take for a slip.
+__attribute__((no_sanitize("null"))) void* Thread::EntryPoint(void* self) {
     auto* const thread = static_cast<Thread*>(self);
     thread->m_running.store(true, std::memory_order_release);
     thread->m_begunGate.Open(true);

@@ -17,6 +17,10 @@
 
 #include "daemon/gate.h"
 
+// Binds the calling thread to one CPU, a number from 0. False when the system refuses or has no
+// such CPU.
+[[nodiscard]] bool BindCallingThreadToCpu(int cpu);
+
 class Thread {
   public:
     explicit Thread(const char* name);

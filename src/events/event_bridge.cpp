@@ -5,6 +5,7 @@
 
 #include <sys/time.h>
 
+#include "channels/packet_log_ctrl_if.h"
 #include "config/config.h"
 #include "events/crm_event_producer.h"
 #include "logging/cancellation.h"
@@ -113,6 +114,15 @@ int EventBridge::Initialize() {
         log.Write(5, "EventBridge is initialized for single thread mode.");
     }
 
+    if (m_packetLog == nullptr) {
+        m_packetLog = PacketLogCtrl::PacketLogCtrlIF::GetInstance();
+    }
+    if (m_packetLog == nullptr) {
+        log.Write(
+            1,
+            "Packet engine cannot get instance  of Packet Logging Daemon Interface.  Packet Logging will be disabled.");
+    }
+
     m_initialized = true;
     return 0;
 }
@@ -138,6 +148,10 @@ void EventBridge::Finalize() {
     }
     m_count.store(-1, std::memory_order_relaxed);  // until the next Initialize
 
+    if (m_packetLog != nullptr) {
+        m_packetLog->Release();
+        m_packetLog = nullptr;
+    }
     m_initialized = false;
 }
 

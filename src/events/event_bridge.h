@@ -21,9 +21,18 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <list>
 
+#include "quarantine/dbt_comm.h"
+
+struct BlockRule;
 class CrmEventProducer;
+class CrmEventSource;
 class U2AlertEvent;
+
+namespace PacketLogCtrl {
+class PacketLogCtrlIF;
+}
 
 class EventBridge {
   public:
@@ -73,6 +82,12 @@ class EventBridge {
     // report or it could not be sent. The event is only read. Faults on a signature without an
     // entry.
     [[nodiscard]] int ProcessOneEvent(U2AlertEvent* event);
+    // Tries each block rule in its order: 0 when at least one quarantine rule was added, else 1.
+    [[nodiscard]] int ApplyQuarantinePolicy(const CrmEventSource* source, uint32_t responseFlags,
+                                            const std::list<BlockRule>& blockRules);
+    // 0 the security manager has added the rule; 1 the block rule does not apply to this event; -1
+    // the rule could not be made or was not added.
+    [[nodiscard]] int QuarantineByRule(const CrmEventSource* source, const BlockRule* blockRule);
 
     [[nodiscard]] bool WaitForEvent(uint32_t seconds);
 
@@ -82,6 +97,8 @@ class EventBridge {
     std::atomic<bool> m_initialized{false};
     CrmEventProducer* m_producer = nullptr;  // counted; null while not initialised
     std::atomic<bool> m_multiThreaded{false};
+    PacketLogCtrl::PacketLogCtrlIF* m_packetLog = nullptr;  // counted; null while not initialised
+    DbtComm m_dbtComm;  // connects at the first quarantine rule and stays connected
     std::array<std::atomic<U2AlertEvent*>, kRingSize> m_queue{};  // owned; a slot is null when free
     int32_t m_head = 0;  // next slot to read, 0 to kRingSize - 1
     int32_t m_tail = 0;  // next slot to write, 0 to kRingSize - 1

@@ -2,8 +2,6 @@
 
 #include <csignal>
 
-#include <sched.h>
-
 #include "events/event_bridge.h"
 #include "logging/cancellation.h"
 #include "logging/log.h"
@@ -91,11 +89,8 @@ void EventThread::BindToCpu() const {
     if (m_cpu <= 0) {
         return;
     }
-    cpu_set_t cpus;
-    CPU_ZERO(&cpus);
-    CPU_SET(static_cast<size_t>(m_cpu), &cpus);
     const auto self = static_cast<unsigned long>(pthread_self());
-    if (pthread_setaffinity_np(pthread_self(), sizeof(cpus), &cpus) == 0) {
+    if (BindCallingThreadToCpu(m_cpu)) {
         Log::GetInstance()->Write(5, "Assigned event thread %lu to CPU %d", self, m_cpu);
     } else {
         Log::GetInstance()->Write(2, "Unable to assign event thread %lu to CPU %d", self, m_cpu);

@@ -8,8 +8,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
+#include <string>
 #include <vector>
 
+#include "channels/packet_log_ctrl_if.h"
 #include "config/config.h"
 #include "config/event_rule_table.h"
 #include "events/event_bridge.h"
@@ -22,6 +25,24 @@
 class EventBridgePeer {
   public:
     static void WakeUpForNothing(EventBridge& bridge) { pthread_cond_signal(&bridge.m_notEmpty); }
+    static PacketLogCtrl::PacketLogCtrlIF* PacketLog(EventBridge& bridge) {
+        return bridge.m_packetLog;
+    }
+    // Gives the reference back, as if Initialize had not got one.
+    static void DropPacketLog(EventBridge& bridge) {
+        bridge.m_packetLog->Release();
+        bridge.m_packetLog = nullptr;
+    }
+    // Speaks to a stand-in for the security manager from here on.
+    static void SetSecurityManager(EventBridge& bridge, const std::string& socketPath,
+                                   int32_t timeoutSeconds) {
+        std::destroy_at(&bridge.m_dbtComm);
+        std::construct_at(&bridge.m_dbtComm, socketPath, timeoutSeconds);
+    }
+    static int QuarantineByRule(EventBridge& bridge, const CrmEventSource& source,
+                                const BlockRule& blockRule) {
+        return bridge.QuarantineByRule(&source, &blockRule);
+    }
     static int32_t Count(EventBridge& bridge) { return bridge.m_count.load(); }
     static bool LockIsFree(EventBridge& bridge) {
         if (pthread_mutex_trylock(&bridge.m_mutex) != 0) {

@@ -16,6 +16,7 @@
 #include "golden_bytes.h"
 #include "log_capture.h"
 #include "report_samples.h"
+#include "word_at.h"
 
 namespace {
 
@@ -33,12 +34,6 @@ Bytes Gathered(const CrmEventMessage& message) {
 
 Bytes Gathered(const CrmEventSource& source) {
     return Gathered(CrmEventMessage(source));
-}
-
-uint32_t WordAt(const Bytes& bytes, size_t offset) {
-    uint32_t word = 0;
-    memcpy(&word, &bytes.at(offset), sizeof(word));
-    return word;
 }
 
 // The texts of the report chunk by their offsets, in the order of the header.

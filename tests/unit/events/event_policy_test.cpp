@@ -8,18 +8,14 @@
 
 #include "bridge_fixture.h"
 #include "channels/event_report_format.h"
+#include "packet_log_daemon.h"
+#include "word_at.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Bytes = std::vector<unsigned char>;
-
-uint32_t WordAt(const Bytes& bytes, size_t offset) {
-    uint32_t word = 0;
-    memcpy(&word, &bytes.at(offset), sizeof(word));
-    return word;
-}
 
 std::string TextAt(const Bytes& bytes, size_t offsetField) {
     return reinterpret_cast<const char*>(&bytes.at(32 + WordAt(bytes, offsetField)));
@@ -151,6 +147,87 @@ TEST_F(EventPolicy, FaultOfAnUnknownSignatureReachesTheDaemonsHandler) {
             (void)m_bridge->ProcessEvent(new TestAlert(kUnknown));
         },
         testing::ExitedWithCode(77), testing::Not(testing::HasSubstr("runtime error")));
+}
+
+// --- packets for the packet logging daemon ----------------------------------------------------
+
+class EventPolicyPacketLog : public EventBridgeFixture {
+  protected:
+    static constexpr uint32_t kLogged = 1002;
+    static constexpr uint32_t kLoggedByConnection = 1003;
+
+    void SetUp() override {
+        EventBridgeFixture::SetUp();
+        Set("se.1002.msg", "Logged");
+        Set("se.1002.user.response", "LOGEVIDENCE");
+        Set("se.1003.msg", "Logged by connection");
+        Set("se.1003.user.response", "LOGEVIDENCE Connection");
+        ASSERT_TRUE(Config::s_eventTable.Commit());
+        InitializeForOneThread();
+        PacketLogCtrl::PacketLogCtrlIFPeer::SetDestination(PacketLog(), m_dir.File("packetLog"));
+        ASSERT_EQ(0, PacketLog().OpenControlChannel());
+    }
+    PacketLogCtrl::PacketLogCtrlIF& PacketLog() { return *EventBridgePeer::PacketLog(*m_bridge); }
+
+    TempDir m_dir;
+};
+
+TEST_F(EventPolicyPacketLog, AsksForThePacketOfAnEntryThatNamesNoScope) {
+    const PacketLogDaemon daemon(m_dir.File("packetLog"));
+    for (const uint32_t signature : {kKnown, kLogged, kKnownWithRaw, kLoggedByConnection}) {
+        ASSERT_EQ(0, m_bridge->ProcessEvent(new TestAlert(signature)));
+    }
+    const Bytes datagram = daemon.Take();
+    ASSERT_LT(128u, datagram.size());
+    EXPECT_EQ(4u, WordAt(datagram, 0));
+    EXPECT_EQ(0u, WordAt(datagram, 24)) << "the packet hash";
+    EXPECT_EQ(kLogged, WordAt(datagram, 28));
+    EXPECT_STREQ("SNORT", reinterpret_cast<const char*>(&datagram[32]));
+    EXPECT_EQ(datagram.size() - 128, WordAt(datagram, 92));
+    EXPECT_TRUE(Holds(Bytes(datagram.begin() + 128, datagram.end()), "\xde\xad\xbf"));
+    EXPECT_THAT(daemon.Take(), IsEmpty());
+    EXPECT_EQ(4u, Reports().size()) << "with or without, the report goes out";
+}
+
+TEST_F(EventPolicyPacketLog, SendsTheReportThoughNobodyTakesThePacket) {
+    ASSERT_EQ(0, m_bridge->ProcessEvent(new TestAlert(kLogged)));
+    EXPECT_EQ(1u, PacketLog().m_uFailOffendingPacket);
+    const auto reports = Reports();
+    ASSERT_EQ(1u, reports.size());
+    EXPECT_EQ(Bytes(8, 0), Bytes(reports[0].begin() + 32 + 224, reports[0].begin() + 32 + 232))
+        << "the user string is the copy's";
+}
+
+TEST_F(EventPolicyPacketLog, IsNotAskedForASignatureWithoutAnEntry) {
+    const PacketLogDaemon daemon(m_dir.File("packetLog"));
+    EXPECT_EXIT(
+        {
+            DefaultFaults();
+            (void)m_bridge->ProcessEvent(new TestAlert(kUnknown));
+        },
+        testing::KilledBySignal(SIGSEGV), "");
+    EXPECT_THAT(daemon.Take(), IsEmpty());
+}
+
+TEST_F(EventPolicyPacketLog, KeepsFaultingWithoutTheInterface) {
+    EventBridgePeer::DropPacketLog(*m_bridge);
+    EXPECT_EQ(0, m_bridge->ProcessEvent(new TestAlert(kKnown))) << "where it is not needed";
+    EXPECT_EXIT(
+        {
+            DefaultFaults();
+            (void)m_bridge->ProcessEvent(new TestAlert(kLogged));
+        },
+        testing::KilledBySignal(SIGSEGV), testing::Not(testing::HasSubstr("runtime error")));
+    EXPECT_EQ(1u, Reports().size()) << "no report of the second one";
+}
+
+TEST_F(EventPolicyPacketLog, HoldsOneReferenceBetweenInitializeAndFinalize) {
+    EXPECT_EQ(1, PacketLogCtrl::PacketLogCtrlIFPeer::RefCount());
+    EXPECT_EQ(0, m_bridge->Initialize());
+    EXPECT_EQ(1, PacketLogCtrl::PacketLogCtrlIFPeer::RefCount());
+    m_bridge->Finalize();
+    EXPECT_EQ(0, PacketLogCtrl::PacketLogCtrlIFPeer::RefCount());
+    EXPECT_EQ(nullptr, EventBridgePeer::PacketLog(*m_bridge));
 }
 
 }  // namespace
