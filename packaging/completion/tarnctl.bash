@@ -5,7 +5,7 @@ _tarnctl() {
     local command='' word
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         case $word in
-            crm | replay)
+            crm | messages | packetlog | replay)
                 command=$word
                 break
                 ;;
@@ -14,7 +14,12 @@ _tarnctl() {
 
     COMPREPLY=()
     case $previous in
-        --channel | --count | --timeout | --loop | --wait) return ;;
+        --channel | --count | --timeout | --loop | --wait | --linktype | --ring | --drop) return ;;
+        --dir)
+            compopt -o filenames
+            mapfile -t COMPREPLY < <(compgen -d -- "$current")
+            return
+            ;;
         --rate)
             mapfile -t COMPREPLY < <(compgen -W 'max' -- "$current")
             return
@@ -32,6 +37,17 @@ _tarnctl() {
                 compgen -W '--channel --json --count --timeout --fresh --help' -- "$current"
             )
             ;;
+        messages)
+            mapfile -t COMPREPLY < <(
+                compgen -W '--json --count --timeout --help' -- "$current"
+            )
+            ;;
+        packetlog)
+            mapfile -t COMPREPLY < <(
+                compgen -W '--dir --json --linktype --ring --drop --stop-reading --count --timeout --help' \
+                    -- "$current"
+            )
+            ;;
         replay)
             if [[ $current == -* ]]; then
                 mapfile -t COMPREPLY < <(
@@ -42,7 +58,7 @@ _tarnctl() {
                 mapfile -t COMPREPLY < <(compgen -f -- "$current")
             fi
             ;;
-        *) mapfile -t COMPREPLY < <(compgen -W 'crm replay --help --version' -- "$current") ;;
+        *) mapfile -t COMPREPLY < <(compgen -W 'crm messages packetlog replay --help --version' -- "$current") ;;
     esac
 }
 

@@ -4,23 +4,35 @@
 #include <new>
 
 // These replace the operators of every program that asks for the count, and of no other: the
-// linker takes this file out of the library for the sake of AllocationCount only. They are weak for
+// linker takes this file out of the library for the sake of its functions only. They are weak for
 // the sanitizers' sake, whose own ones come first then and count nothing.
 
 namespace {
-thread_local std::uint64_t s_count = 0;
-}
+
+thread_local std::uint64_t t_count = 0;
+thread_local bool t_nextFails = false;
+
+}  // namespace
 
 std::uint64_t AllocationCount() {
-    return s_count;
+    return t_count;
+}
+
+bool FailNextAllocation() {
+    const std::uint64_t before = t_count;
+    ::operator delete(::operator new(1));
+    t_nextFails = t_count != before;
+    return t_nextFails;
 }
 
 __attribute__((weak)) void* operator new(std::size_t size) {
-    ++s_count;
-    if (void* const memory = std::malloc(size == 0 ? 1 : size)) {
-        return memory;
+    ++t_count;
+    void* const memory = t_nextFails ? nullptr : std::malloc(size == 0 ? 1 : size);
+    t_nextFails = false;
+    if (memory == nullptr) {
+        throw std::bad_alloc();
     }
-    throw std::bad_alloc();
+    return memory;
 }
 __attribute__((weak)) void operator delete(void* memory) noexcept {
     std::free(memory);

@@ -11,7 +11,6 @@
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -23,9 +22,11 @@
 #include <thread>
 #include <vector>
 
+#include "bound_socket.h"
+
 class StreamPeer {
   public:
-    using Bytes = std::vector<std::uint8_t>;
+    using Bytes = BoundSocket::Bytes;
 
     // One connection, closed at the end of its script.
     class Session {
@@ -99,14 +100,9 @@ class StreamPeer {
 
     // The first connection gets the first script, and so on; the last one serves all that follow.
     StreamPeer(std::string path, std::vector<Script> scripts)
-        : m_path(std::move(path)), m_scripts(std::move(scripts)) {
-        m_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, m_path.c_str(), sizeof(address.sun_path) - 1);
-        if (bind(m_listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-            listen(m_listener, 16) != 0) {
-            throw std::runtime_error("no stand-in at " + m_path);
+        : m_listener(SOCK_STREAM, std::move(path)), m_scripts(std::move(scripts)) {
+        if (listen(m_listener.Descriptor(), 16) != 0) {
+            throw std::runtime_error("the stand-in cannot listen");
         }
         m_thread = std::thread([this] { Run(); });
     }
@@ -117,9 +113,7 @@ class StreamPeer {
         const std::uint64_t one = 1;
         (void)!write(m_stop, &one, sizeof(one));
         m_thread.join();
-        close(m_listener);
         close(m_stop);
-        unlink(m_path.c_str());
     }
     StreamPeer(const StreamPeer&) = delete;
     StreamPeer& operator=(const StreamPeer&) = delete;
@@ -137,11 +131,11 @@ class StreamPeer {
   private:
     void Run() {
         for (std::size_t turn = 0;; ++turn) {
-            pollfd fds[] = {{m_listener, POLLIN, 0}, {m_stop, POLLIN, 0}};
+            pollfd fds[] = {{m_listener.Descriptor(), POLLIN, 0}, {m_stop, POLLIN, 0}};
             if (poll(fds, 2, -1) <= 0 || fds[1].revents != 0) {
                 return;
             }
-            const int fd = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
+            const int fd = accept4(m_listener.Descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
             if (fd < 0) {
                 return;
             }
@@ -151,9 +145,8 @@ class StreamPeer {
         }
     }
 
-    const std::string m_path;
+    const BoundSocket m_listener;
     const std::vector<Script> m_scripts;
-    int m_listener = -1;
     int m_stop = eventfd(0, EFD_CLOEXEC);
     mutable std::mutex m_mutex;
     std::vector<Bytes> m_requests;

@@ -8,9 +8,9 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
+
+#include "file_text.h"
 
 class TempDir {
   public:
@@ -35,15 +35,12 @@ class TempDir {
 
     // Writes a file in the directory and yields its path.
     std::string Write(const std::string& name, const std::string& content) const {
-        std::ofstream(File(name), std::ios::binary | std::ios::trunc) << content;
+        WriteFile(File(name), content);
         return File(name);
     }
 
     // The content of a file in the directory; empty if there is none.
-    std::string Read(const std::string& name) const {
-        std::ifstream file(File(name), std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string Read(const std::string& name) const { return ReadFile(File(name)); }
 
   private:
     std::filesystem::path m_path;

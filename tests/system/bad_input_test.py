@@ -111,8 +111,8 @@ class BadInput(harness.DaemonTest):
 
     def test_an_empty_packet_finds_no_alert(self):
         self.feeder().write(frame(PACKET, b""))
-        harness.wait_log("Failed to associate alert event 0 with packet event. Packet event reported "
-                         "from Snort doesn't match previous alert event")
+        harness.wait_log("Failed to associate alert event 0 with packet event. Packet event "
+                         "reported from Snort doesn't match previous alert event")
         self.assert_still_reports()
 
     def test_a_packet_longer_than_its_record_reads_as_zeros_behind_its_end(self):

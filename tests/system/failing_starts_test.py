@@ -10,7 +10,7 @@ import time
 import harness
 from harness import ALERT_FIFO, ERROR_FIFO
 
-STARTS = int(os.environ.get("TARN_FAILING_STARTS", "200"))
+STARTS = int(os.environ.get("TARN_FAILING_STARTS", "1000"))
 # Two joins of two seconds are the most that a stop waits, plus what a busy machine takes.
 LIMIT = 4.0 + harness.PATIENCE / 3
 

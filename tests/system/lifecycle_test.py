@@ -17,7 +17,8 @@ The options are as follows:
 -v\t Displays version information.
 -h\t Displays help information.
 """
-NOT_A_FIFO = "Fatal error: %s is already created by SNORT, reader won't work. Please remove it manually"
+NOT_A_FIFO = ("Fatal error: %s is already created by SNORT, reader won't work. "
+              "Please remove it manually")
 
 
 def running_copies():
@@ -51,7 +52,7 @@ class Lifecycle(harness.DaemonTest):
             position = messages.index(text, position) + 1
 
     def fails(self, *arguments, **options):
-        """Runs a daemon that is to refuse its start, and returns what it wrote on standard error."""
+        """Runs a daemon that is to refuse its start; returns what came on standard error."""
         daemon = self.daemon(*arguments, **options)
         self.assertEqual(daemon.wait(), 4)
         self.assert_clean_errors(daemon)
@@ -83,7 +84,7 @@ class Lifecycle(harness.DaemonTest):
             "Error thread is running, stop it",
             "EVENT thread is running, stop it",
             "Terminate TaRN",
-            "Number of Control Messages Attempted: 0.",
+            "Number of Control Messages Attempted: 1.",
             "Number of Start Offending Packet Capture message failures: 0.",
             "Number of Frames not sent to packet logging daemon: 0.",
             "Number of Control Messages Skipped due to throttling: 0.",
@@ -112,7 +113,8 @@ class Lifecycle(harness.DaemonTest):
         self.assertTrue(any(line.startswith("<14>") and line.endswith("tarn starting")
                             for line in log), log)
         self.assertTrue(any(line.startswith("<131>") and
-                            line.endswith(f"tarn[{daemon.pid}]: tarn exiting") for line in log), log)
+                            line.endswith(f"tarn[{daemon.pid}]: tarn exiting")
+                            for line in log), log)
 
     def test_runs_one_thread_less_in_single_thread_mode(self):
         harness.write_config(debug__single=1)

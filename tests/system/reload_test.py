@@ -286,6 +286,25 @@ class Reload(harness.DaemonTest):
         self.assertEqual(self.one_report(self.feeder(), 9), self.expected(9, entry))
         self.assertEqual(daemon.stop(), 0)
 
+    def test_keeps_losing_a_hangup_that_comes_while_the_engine_restarts(self):
+        # A security manager that never answers holds the event thread for the whole of its join,
+        # and that is when the second hangup comes.
+        EVENT_CONFIG.write_text(harness.event_lines(
+            7, Entry("Blocked", 1, "rule", "DISPLAY:WithoutRaw"), "response = quarantine-traffic",
+            "quarantine.rule = quarantine-intruder-address, duration: 60"))
+        manager = SilentManager()
+        self.addCleanup(manager.close)
+        daemon = self.daemon().ready()
+        self.feeder().write(build_alert(1, 7, second=1))
+        harness.wait_log("DbtComm opened command channel.")
+        daemon.send(signal.SIGHUP)
+        harness.wait_log("EVENT thread is running, stop it")
+        daemon.send(signal.SIGHUP)
+        harness.wait_log("Received HUP signal", 2)
+        daemon.ready(2)
+        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(harness.count_log(harness.READY), 2, "one cycle came of both")
+
     def test_releases_what_is_pending_when_the_hangup_interrupts_the_wait(self):
         entry = Entry("Pending", 1, "rule", "DISPLAY:WithoutRaw")
         harness.write_events({7: entry})

@@ -1,0 +1,250 @@
+#!/usr/bin/env python3
+"""Snort's error output on its way to the CRM: every kind of line, a CRM that comes and goes, and
+what becomes of the error thread when the daemon starts, reloads and stops."""
+
+import os
+import select
+import signal
+import socket
+import struct
+import time
+from pathlib import Path
+
+import harness
+from crm import Entry
+from harness import ERROR_FIFO, EVENT_CONFIG
+from unified2 import build_alert
+
+CRM_SOCKET = Path("/etc/crm/AuxThread_crmMQ")
+RULES = Path("/etc/snort/rules/snort.rules")
+OPENED = "File is opened, waiting for Snort errors"
+EOF = "Get EOF in SNORT stderr, please igore the reason: Illegal seek"
+NOT_SENT = "Send SNORT message failed, sleep and retry"
+STILL_ALIVE = "Error thread is still alive. Force quit it."
+ERROR, INFORMATION = 0, 1
+
+RULE_LINES = """\
+# the sensor's rules
+alert tcp any any -> any any (msg:"Bad thing"; sid:1000002; rev:1;)
+alert tcp any any -> any any (msg:"No signature";)
+alert tcp any any -> any any (sid:1000004;)
+alert tcp any any -> any any (MSG: "In capitals" ; SID: 1000005 ;)
+"""
+
+
+class MessageQueue:
+    """Stands in for the CRM at its message socket."""
+
+    def __init__(self):
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._socket.bind(str(CRM_SOCKET))
+
+    def take(self, seconds=harness.PATIENCE):
+        """Kind and text of the next message, its header checked; None when none comes in time."""
+        if not select.select([self._socket], [], [], seconds)[0]:
+            return None
+        message = self._socket.recv(2000)
+        reserved, kind_of, length, when, zero, kind = struct.unpack_from("=IHHIII", message)
+        assert (reserved, kind_of, length, zero) == (0, 1237, len(message), 0), message
+        assert abs(when - time.time()) < 60, message
+        assert message[-1] == 0 or len(message) == 533, message
+        return kind, message[20:].rstrip(b"\0").decode()
+
+    def close(self):
+        """Goes and leaves its socket's file behind, as a receiver that crashed does."""
+        self._socket.close()
+
+
+class SnortErrors(harness.DaemonTest):
+    def setUp(self):
+        super().setUp()
+        RULES.write_text(RULE_LINES)
+        self.open_writers = set()
+        self.addCleanup(lambda: [writer.close() for writer in self.open_writers])
+
+    def message_queue(self):
+        CRM_SOCKET.unlink(missing_ok=True)
+        queue = MessageQueue()
+        self.addCleanup(queue.close)
+        return queue
+
+    def snort(self):
+        """Snort's end of the error FIFO."""
+        snort = harness.Feeder(ERROR_FIFO)
+        self.open_writers.add(snort)
+        return snort
+
+    def end(self, snort):
+        self.open_writers.remove(snort)
+        snort.close()
+
+    def ready_daemon(self):
+        daemon = self.daemon().ready()
+        harness.wait_log(OPENED)
+        return daemon
+
+    def stop_in_time(self, daemon, seconds):
+        began = time.monotonic()
+        self.assertEqual(daemon.stop(), 0)
+        self.assertLess(time.monotonic() - began, seconds + harness.PATIENCE / 6)
+        self.assert_clean_errors(daemon)
+
+    def test_makes_a_sentence_of_every_kind_of_line(self):
+        cases = (
+            ("Commencing packet processing (pid=1)\n",
+             INFORMATION, "Commencing packet processing (pid=1)\n"),
+            ("\n", INFORMATION, "\n"),
+            (" ERROR: a blank first\n", INFORMATION, " ERROR: a blank first\n"),
+            ("ERROR: Can't start DAQ (-1)!\n",
+             ERROR, "ERROR in SNORT. Reason: ERROR: Can't start DAQ (-1)!\n"),
+            ('ERROR: Config option "interface" requires arguments.\n', ERROR,
+             'ERROR in SNORT. Reason: ERROR: Config option "interface" requires arguments.\n'),
+            ("ERROR: /etc/snort/qor-snort.conf(3) bad\n", ERROR,
+             "ERROR in SNORT configuration. Reason: ERROR: /etc/snort/qor-snort.conf(3) bad\n"),
+            ("ERROR: /etc/snort/rules/snort.rules(2) unknown option\n", ERROR,
+             'ERROR in SNORT rule. SID: 1000002, Msg: "Bad thing",  Reason: unknown option\n'),
+            ("ERROR: /etc/snort/rules/snort.rules(5) unknown option (or not)\n", ERROR,
+             'ERROR in SNORT rule. SID: 1000005, Msg: "In capitals",  Reason: unknown option '),
+            ("ERROR: /etc/snort/rules/snort.rules(3) no signature\n", ERROR,
+             "ERROR in SNORT rule. Error: no signature\n"),
+            ("ERROR: /etc/snort/rules/snort.rules(4) no message\n", ERROR,
+             "ERROR in SNORT rule. Error: no message\n"),
+            ("ERROR: /etc/snort/rules/snort.rules(6) behind the end\n", ERROR,
+             "ERROR in SNORT rule. Error: behind the end\n"),
+            ("x" * 600 + "\n", INFORMATION, "x" * 513),
+        )
+        queue = self.message_queue()
+        daemon = self.ready_daemon()
+        snort = self.snort()
+        for line, kind, text in cases:
+            snort.write(line.encode())
+            self.assertEqual(queue.take(), (kind, text))
+        self.assertIsNone(queue.take(0), "each once")
+        self.stop_in_time(daemon, 2)
+
+    def test_loses_no_message_while_the_crm_comes_and_goes(self):
+        daemon = self.ready_daemon()
+        snort = self.snort()
+        for number in range(3):
+            snort.write(f"line {number}\n".encode())
+            harness.wait_log(NOT_SENT, number + 1)
+        queue = self.message_queue()
+        self.end(snort)  # which lets go the lines that wait behind the first one
+        for number in range(3):
+            self.assertEqual(queue.take(), (INFORMATION, f"line {number}\n"))
+
+        queue.close()
+        before = harness.count_log(NOT_SENT)
+        snort = self.snort()
+        snort.write(b"line 3\n")
+        harness.wait_log(NOT_SENT, before + 1)
+        snort.write(b"line 4\n")
+        queue = self.message_queue()
+        self.assertEqual(queue.take(), (INFORMATION, "line 3\n"))
+        self.assertEqual(queue.take(), (INFORMATION, "line 4\n"))
+        self.assertIsNone(queue.take(0), "each once")
+        self.stop_in_time(daemon, 2)
+
+    def test_serves_one_writer_after_the_other(self):
+        queue = self.message_queue()
+        daemon = self.ready_daemon()
+        for number in range(1, 4):
+            snort = self.snort()
+            snort.write(b"begins\nmore\nends without a newline")
+            self.end(snort)
+            for text in ("begins\n", "more\n", "ends without a newline"):
+                self.assertEqual(queue.take(), (INFORMATION, text))
+            harness.wait_log(EOF, number)
+            harness.wait_log(OPENED, number + 1)
+        self.stop_in_time(daemon, 2)
+        self.assertFalse(any("getline error" in line for line in harness.log_messages()))
+
+    def test_waits_for_its_fifo_to_be_made(self):
+        queue = self.message_queue()
+        daemon = self.ready_daemon()
+        snort = self.snort()
+        snort.write(b"there\n")
+        self.assertEqual(queue.take(), (INFORMATION, "there\n"))
+        # The FIFO goes, which the thread notices when it opens it again.
+        ERROR_FIFO.unlink()
+        self.end(snort)
+        missing = f"Open file error: {ERROR_FIFO}, reason: No such file or directory"
+        harness.wait_log(missing)
+        os.mkfifo(ERROR_FIFO)
+        snort = self.snort()
+        snort.write(b"there again\n")
+        self.assertEqual(queue.take(), (INFORMATION, "there again\n"))
+        self.stop_in_time(daemon, 2)
+
+    def test_stops_while_the_crm_is_missing(self):
+        daemon = self.ready_daemon()
+        self.snort().write(b"nobody listens\n")
+        harness.wait_log(NOT_SENT, 2)
+        self.stop_in_time(daemon, 2)
+        self.assertNotIn(STILL_ALIVE, harness.log_messages())
+
+    def test_stops_while_the_fifo_is_missing(self):
+        daemon = self.ready_daemon()
+        ERROR_FIFO.unlink()
+        snort = os.open(f"/proc/{daemon.pid}/fd/{self.descriptor(daemon)}", os.O_WRONLY)
+        os.close(snort)  # the end of a writer: the thread closes the FIFO and misses it
+        harness.wait_log(f"Open file error: {ERROR_FIFO}, reason: No such file or directory")
+        self.stop_in_time(daemon, 2)
+        self.assertNotIn(STILL_ALIVE, harness.log_messages())
+
+    @staticmethod
+    def descriptor(daemon):
+        """The number under which the daemon has the error FIFO open."""
+        folder = Path(f"/proc/{daemon.pid}/fd")
+        return next(entry.name for entry in folder.iterdir()
+                    if os.readlink(entry).startswith(str(ERROR_FIFO)))
+
+    def test_a_hangup_leaves_the_thread_and_its_descriptors_alone(self):
+        queue = self.message_queue()
+        daemon = self.ready_daemon()
+        snort = self.snort()
+        snort.write(b"before\n")
+        self.assertEqual(queue.take(), (INFORMATION, "before\n"))
+
+        tasks, descriptor = set(daemon.tasks()), self.descriptor(daemon)
+        for cycle in range(2, 5):
+            daemon.send(signal.SIGHUP)
+            daemon.ready(cycle)
+            harness.wait_for(lambda: daemon.threads() == 3, "the event thread again")
+            self.assertEqual(self.descriptor(daemon), descriptor)
+            self.assertGreaterEqual(len(tasks & set(daemon.tasks())), 2,
+                                    "main and the error thread")
+            snort.write(f"cycle {cycle}\n".encode())
+            self.assertEqual(queue.take(), (INFORMATION, f"cycle {cycle}\n"))
+        self.assertEqual(harness.count_log("Want to start ERROR thread"), 1)
+        self.assertEqual(harness.count_log(OPENED), 1)
+        self.stop_in_time(daemon, 2)
+        self.assertEqual(harness.count_log("Error thread is running, stop it"), 1)
+
+    def test_keeps_quitting_the_thread_by_force_when_the_termination_comes_within_a_hangup(self):
+        # A security manager that never answers holds the event thread for the whole of its join,
+        # and that is when the termination comes: the error thread has not been told to stop.
+        EVENT_CONFIG.write_text(harness.event_lines(
+            7, Entry("Blocked", 1, "rule", "DISPLAY:WithoutRaw"), "response = quarantine-traffic",
+            "quarantine.rule = quarantine-intruder-address, duration: 60"))
+        manager = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.addCleanup(manager.close)
+        manager.bind("/var/tmp/.secmgrsock")
+        manager.listen(1)
+        daemon = self.ready_daemon()
+        self.feeder().write(build_alert(1, 7, second=1))
+        harness.wait_log("DbtComm opened command channel.")
+        daemon.send(signal.SIGHUP)
+        harness.wait_log("EVENT thread is running, stop it")
+        daemon.send(signal.SIGTERM)
+        self.assertEqual(daemon.wait(), 0)
+        messages = harness.log_messages()
+        self.assertIn("Event thread join timeout exceeded", messages)
+        self.assertIn(STILL_ALIVE, messages)
+        self.assertNotIn("Error thread is running, stop it", messages)
+        self.assertEqual(messages[-1], "tarn exiting")
+        self.assert_clean_errors(daemon)
+
+
+if __name__ == "__main__":
+    harness.main()
