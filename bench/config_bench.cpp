@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "allocation_count.h"
 #include "config/config.h"
 #include "config/event_rule_table.h"
 
@@ -39,9 +40,11 @@ void FindHit(benchmark::State& state) {
     const auto count = static_cast<uint32_t>(state.range(0));
     const auto table = FilledTable(count);
     std::minstd_rand random;
+    const uint64_t before = AllocationCount();
     for (auto _ : state) {
         benchmark::DoNotOptimize(table->Find(kFirstId + static_cast<uint32_t>(random()) % count));
     }
+    state.counters["allocations"] = static_cast<double>(AllocationCount() - before);
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(FindHit)->Arg(256)->Arg(10000)->Arg(50000);

@@ -5,7 +5,7 @@ _tarnctl() {
     local command='' word
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         case $word in
-            crm | messages | packetlog | replay)
+            crm | messages | packetlog | replay | secmgr)
                 command=$word
                 break
                 ;;
@@ -14,7 +14,7 @@ _tarnctl() {
 
     COMPREPLY=()
     case $previous in
-        --channel | --count | --timeout | --loop | --wait | --linktype | --ring | --drop) return ;;
+        --channel | --count | --timeout | --loop | --wait | --linktype | --ring | --drop | --fail-first | --never) return ;;
         --dir)
             compopt -o filenames
             mapfile -t COMPREPLY < <(compgen -d -- "$current")
@@ -24,7 +24,11 @@ _tarnctl() {
             mapfile -t COMPREPLY < <(compgen -W 'max' -- "$current")
             return
             ;;
-        --fifo)
+        --answer)
+            mapfile -t COMPREPLY < <(compgen -W 'close silent short long 3 15' -- "$current")
+            return
+            ;;
+        --fifo | --never-file)
             compopt -o filenames
             mapfile -t COMPREPLY < <(compgen -f -- "$current")
             return
@@ -58,7 +62,13 @@ _tarnctl() {
                 mapfile -t COMPREPLY < <(compgen -f -- "$current")
             fi
             ;;
-        *) mapfile -t COMPREPLY < <(compgen -W 'crm messages packetlog replay --help --version' -- "$current") ;;
+        secmgr)
+            mapfile -t COMPREPLY < <(
+                compgen -W '--json --count --timeout --answer --fail-first --nft --flush --never --never-file --help' \
+                    -- "$current"
+            )
+            ;;
+        *) mapfile -t COMPREPLY < <(compgen -W 'crm messages packetlog replay secmgr --help --version' -- "$current") ;;
     esac
 }
 

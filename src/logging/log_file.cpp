@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -122,15 +124,16 @@ int LogFile::WriteLine(const char* text) {
     if (m_size > m_maxSize && !OpenWithRotation()) {
         return kRotateFailed;
     }
-    const ssize_t written = write(m_fd, text, strlen(text));
-    if (written > 0) {
-        m_size += static_cast<uint32_t>(written);
+    static char lineFeed[] = "\n";
+    const size_t length = strlen(text);
+    const std::array<iovec, 2> pieces{iovec{const_cast<char*>(text), length}, iovec{lineFeed, 1}};
+    const ssize_t written = writev(m_fd, pieces.data(), pieces.size());
+    if (written <= 0) {
+        return 0;
     }
-    const ssize_t lineFeed = write(m_fd, "\n", 1);
-    if (lineFeed > 0) {
-        m_size += static_cast<uint32_t>(lineFeed);
-    }
-    return written > 0 ? static_cast<int>(written) : 0;
+    m_size += static_cast<uint32_t>(written);
+    // The line feed does not count.
+    return static_cast<int>(std::min(static_cast<size_t>(written), length));
 }
 
 bool LogFile::OpenWithRotation() {

@@ -6,7 +6,12 @@
 
 #include "tarnctl/crm_command.h"
 #include "tarnctl/exit_status.h"
+#include "tarnctl/messages_command.h"
+#ifdef TARNCTL_WITH_PCAP
+#include "tarnctl/packetlog_command.h"
+#endif
 #include "tarnctl/replay_command.h"
+#include "tarnctl/secmgr_command.h"
 #include "tarnctl/stop_signals.h"
 
 namespace tarnctl {
@@ -23,10 +28,18 @@ Examples:
   tarnctl replay --help)");
 
     CrmOptions crm;
+    MessagesOptions messages;
     ReplayOptions replay;
+    SecmgrOptions secmgr;
     replay.isTerminal = isatty(STDERR_FILENO) == 1;
     const CLI::App* const crmCommand = AddCrmCommand(app, crm);
+    const CLI::App* const messagesCommand = AddMessagesCommand(app, messages);
+#ifdef TARNCTL_WITH_PCAP
+    PacketLogOptions packetLog;
+    const CLI::App* const packetLogCommand = AddPacketLogCommand(app, packetLog);
+#endif
     const CLI::App* const replayCommand = AddReplayCommand(app, replay);
+    const CLI::App* const secmgrCommand = AddSecmgrCommand(app, secmgr);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& fault) {
@@ -37,8 +50,19 @@ Examples:
     if (crmCommand->parsed()) {
         return RunCrm(crm, out, err);
     }
+    if (messagesCommand->parsed()) {
+        return RunMessages(messages, out, err);
+    }
+#ifdef TARNCTL_WITH_PCAP
+    if (packetLogCommand->parsed()) {
+        return RunPacketLog(packetLog, out, err);
+    }
+#endif
     if (replayCommand->parsed()) {
         return RunReplay(replay, out, err);
+    }
+    if (secmgrCommand->parsed()) {
+        return RunSecmgr(secmgr, out, err);
     }
     return kExitUsage;
 }

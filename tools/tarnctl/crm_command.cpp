@@ -1,7 +1,5 @@
 #include "tarnctl/crm_command.h"
 
-#include <algorithm>
-#include <chrono>
 #include <ostream>
 #include <span>
 
@@ -10,6 +8,7 @@
 #include "tarnctl/crm_message.h"
 #include "tarnctl/crm_report_text.h"
 #include "tarnctl/exit_status.h"
+#include "tarnctl/quiet_time.h"
 #include "tarnctl/stop_signals.h"
 
 namespace tarnctl {
@@ -24,18 +23,14 @@ Examples:
   tarnctl crm --json | jq .report.issueId  one JSON object a line
   tarnctl crm --channel 3 --fresh          channel 3, without what waits there already)";
 
-using Clock = std::chrono::steady_clock;
-
-// A stop signal that comes just before a wait is noticed this much later.
-constexpr std::chrono::milliseconds kLongestWait{200};
-
 class CrmMonitor {
   public:
     CrmMonitor(const CrmOptions& options, std::ostream& out, std::ostream& err)
         : m_options(options),
           m_out(out),
           m_err(err),
-          m_channel(options.channel, options.queueName.c_str()) {}
+          m_channel(options.channel, options.queueName.c_str()),
+          m_quiet(options.timeout) {}
 
     int Run() {
         if (!m_channel.Open()) {
@@ -47,10 +42,10 @@ class CrmMonitor {
         }
         Say("reading channel " + std::to_string(m_options.channel) +
             "; what is shown is consumed and reaches no other reader");
-        m_lastNews = Clock::now();
+        m_quiet.Restart();
         while (!m_failed && !IsDone()) {
             if (!ReadOne()) {
-                m_channel.Wait(TimeToWait());
+                m_channel.Wait(m_quiet.TimeToWait());
             }
         }
         Say(Counted(m_reports, "report") +
@@ -63,20 +58,7 @@ class CrmMonitor {
 
     [[nodiscard]] bool IsDone() const {
         return StopRequested() || (m_options.count > 0 && m_reports >= m_options.count) ||
-               (m_options.timeout > 0 && QuietTimeLeft().count() <= 0);
-    }
-
-    [[nodiscard]] Clock::duration QuietTimeLeft() const {
-        const std::chrono::duration<double> timeout(m_options.timeout);
-        return m_lastNews + std::chrono::duration_cast<Clock::duration>(timeout) - Clock::now();
-    }
-
-    [[nodiscard]] std::chrono::milliseconds TimeToWait() const {
-        if (m_options.timeout <= 0) {
-            return kLongestWait;
-        }
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(QuietTimeLeft());
-        return std::clamp(left, std::chrono::milliseconds(0), kLongestWait);
+               m_quiet.IsOver();
     }
 
     void DiscardWaiting() {
@@ -95,7 +77,7 @@ class CrmMonitor {
         CrmOrigin origin{m_options.channel, 0};
         switch (m_channel.Next(bytes, origin.ring)) {
             case CrmChannel::ReadResult::kMessage:
-                m_lastNews = Clock::now();
+                m_quiet.Restart();
                 Show(origin, bytes);
                 return true;
             case CrmChannel::ReadResult::kDamaged:
@@ -139,7 +121,7 @@ class CrmMonitor {
     std::ostream& m_out;
     std::ostream& m_err;
     CrmChannel m_channel;
-    Clock::time_point m_lastNews;
+    QuietTime m_quiet;
     uint64_t m_reports = 0;
     uint64_t m_malformed = 0;
     bool m_failed = false;

@@ -3,13 +3,12 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
 #include <nlohmann/json.hpp>
-#include <string_view>
+
+#include "tarnctl/text_forms.h"
 
 namespace tarnctl {
 namespace {
@@ -27,32 +26,6 @@ std::string Ipv6Text(const uint8_t (&bytes)[16]) {
     std::array<char, INET6_ADDRSTRLEN> text = {};
     inet_ntop(AF_INET6, bytes, text.data(), text.size());
     return text.data();
-}
-
-std::string TimeText(uint64_t seconds) {
-    const auto time = static_cast<time_t>(seconds);
-    tm parts = {};
-    std::array<char, 64> text = {};
-    if (localtime_r(&time, &parts) == nullptr ||
-        strftime(text.data(), text.size(), "%F %T", &parts) == 0) {
-        return std::to_string(seconds);
-    }
-    return text.data();
-}
-
-std::string ForTerminal(std::string_view text) {
-    std::string safe;
-    for (const char letter : text) {
-        const auto byte = static_cast<unsigned char>(letter);
-        if (byte >= 0x20 && byte < 0x7F && byte != '\\') {
-            safe += letter;
-            continue;
-        }
-        std::array<char, 8> escape = {};
-        std::snprintf(escape.data(), escape.size(), "\\x%02X", byte);
-        safe += escape.data();
-    }
-    return safe;
 }
 
 std::string ProtocolText(uint16_t protocol) {
@@ -86,18 +59,6 @@ std::string EndpointText(const EventReport& report, uint32_t ip, const uint8_t (
 bool IsIcmp(const EventReport& report) {
     return report.etherType == kEtherTypeIpv6 ? report.ipProtocol == IPPROTO_ICMPV6
                                               : report.ipProtocol == IPPROTO_ICMP;
-}
-
-// JSON texts are Unicode and the strings of a report need not be. The encoder refuses such a
-// string, and then its bytes are given instead of something that only resembles them.
-Json TextAsJson(std::string_view text) {
-    Json value = text;
-    try {
-        (void)value.dump();  // only to learn whether it can be encoded
-    } catch (const Json::type_error&) {
-        value = Json{{"base64", Base64(std::as_bytes(std::span(text.data(), text.size())))}};
-    }
-    return value;
 }
 
 Json HexAsJson(std::span<const uint8_t> bytes) {
@@ -248,24 +209,6 @@ std::string MalformedAsJson(const CrmOrigin& origin, const std::string& reason,
         {"bytes", Base64(bytes)},
     }
         .dump();
-}
-
-std::string Base64(std::span<const std::byte> bytes) {
-    static constexpr char kDigits[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    for (std::size_t at = 0; at < bytes.size(); at += 3) {
-        const std::size_t count = std::min<std::size_t>(3, bytes.size() - at);
-        uint32_t group = 0;
-        for (std::size_t i = 0; i < 3; ++i) {
-            group = group << 8 | (i < count ? std::to_integer<uint32_t>(bytes[at + i]) : 0U);
-        }
-        for (std::size_t i = 0; i < 4; ++i) {
-            text += i <= count ? kDigits[group >> (18 - 6 * i) & 0x3F] : '=';
-        }
-    }
-    return text;
 }
 
 }  // namespace tarnctl

@@ -31,7 +31,4 @@ struct CrmOrigin {
 [[nodiscard]] std::string MalformedAsJson(const CrmOrigin& origin, const std::string& reason,
                                           std::span<const std::byte> bytes);
 
-// RFC 4648, with padding.
-[[nodiscard]] std::string Base64(std::span<const std::byte> bytes);
-
 }  // namespace tarnctl

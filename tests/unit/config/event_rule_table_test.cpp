@@ -4,39 +4,12 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <new>
+#include <string>
 #include <thread>
 #include <vector>
 
-// These replace the operators of the whole program: they count, and they fail on demand, which the
-// shared count of tests/support does not.
-namespace {
-
-thread_local unsigned t_allocations = 0;
-thread_local unsigned t_failAfter = 0;  // 0: allocations succeed; n: the n-th from now fails
-
-void* CountedAllocation(std::size_t size) {
-    ++t_allocations;
-    void* const memory = t_failAfter == 1 ? nullptr : std::malloc(size);
-    t_failAfter -= t_failAfter != 0 ? 1 : 0;
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return CountedAllocation(size);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
+#include "allocation_count.h"
 
 namespace {
 
@@ -193,7 +166,9 @@ TEST_F(EventRuleTableCommit, ComparesKeysAsUnsigned) {
 
 TEST_F(EventRuleTableCommit, ReleasesTheLockAndKeepsTheNodeWhenAllocationFails) {
     table.SetEventName(7, "seven");
-    t_failAfter = 1;
+    if (!FailNextAllocation()) {
+        GTEST_SKIP() << "the allocator of a sanitizer does not fail";
+    }
     EXPECT_THROW((void)table.Commit(), std::bad_alloc);
     EXPECT_EQ(NameOf(7), "-") << "a lock left behind would hang here";
     EXPECT_EQ(table.PendingId(), 7U);
@@ -218,10 +193,10 @@ TEST_F(EventRuleTableFind, AllocatesNothing) {
     for (uint32_t id = 1; id <= 2000; ++id) {
         Enter(id);
     }
-    const unsigned before = t_allocations;
+    const uint64_t before = AllocationCount();
     const auto hit = table.Find(1999);
     const auto miss = table.Find(5000);
-    EXPECT_EQ(t_allocations, before);
+    EXPECT_EQ(AllocationCount(), before);
     EXPECT_TRUE(hit);
     EXPECT_FALSE(miss);
 }

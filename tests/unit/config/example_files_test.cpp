@@ -2,10 +2,10 @@
 
 #include <gmock/gmock.h>
 
-#include <fstream>
-#include <iterator>
+#include <string>
 
 #include "config_fixture.h"
+#include "file_text.h"
 
 namespace {
 
@@ -14,9 +14,9 @@ using testing::IsEmpty;
 using ExampleFiles = ConfigFixture;
 
 std::string Example(const std::string& name) {
-    std::ifstream file(std::string(TARN_SOURCE_DIR "/packaging/examples/") + name);
-    EXPECT_TRUE(file) << name;
-    return {std::istreambuf_iterator<char>(file), {}};
+    const std::string content = ReadFile(TARN_SOURCE_DIR "/packaging/examples/" + name);
+    EXPECT_NE(content, "") << name;
+    return content;
 }
 
 TEST_F(ExampleFiles, MainFileHoldsEveryKeyWithItsStartValue) {

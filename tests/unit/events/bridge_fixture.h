@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,6 +39,11 @@ class EventBridgePeer {
                                    int32_t timeoutSeconds) {
         std::destroy_at(&bridge.m_dbtComm);
         std::construct_at(&bridge.m_dbtComm, socketPath, timeoutSeconds);
+    }
+    static int ApplyQuarantinePolicy(EventBridge& bridge, const CrmEventSource& source,
+                                     uint32_t responseFlags,
+                                     const std::list<BlockRule>& blockRules) {
+        return bridge.ApplyQuarantinePolicy(&source, responseFlags, blockRules);
     }
     static int QuarantineByRule(EventBridge& bridge, const CrmEventSource& source,
                                 const BlockRule& blockRule) {

@@ -23,9 +23,10 @@ using Lines = std::vector<std::string>;
 constexpr uint32_t kIssue = 1100;
 constexpr uint64_t kEventTime = 1794495600;  // 2026-11-12T15:00:00Z
 
-std::string Formatted(const char* format, uint32_t number) {
-    char text[200];
-    std::snprintf(text, sizeof(text), format, number);
+// A number as the messages show flags.
+std::string Hex4(uint32_t number) {
+    char text[16];
+    std::snprintf(text, sizeof(text), "0x%04x", number);
     return text;
 }
 
@@ -193,7 +194,7 @@ struct Expected {
 Expected Expect(const Kind& kind, uint32_t bits, bool isConnected) {
     Expected expected;
     Lines& lines = expected.lines;
-    lines.push_back(Formatted("Quarantine by rule: 0x%04x", bits));
+    lines.push_back("Quarantine by rule: " + Hex4(bits));
     if ((bits & kIntruderSubnet) != 0) {
         lines.push_back(
             "Don't know how to deal with quarantine-intruder-subnet. Treat it as "
@@ -216,7 +217,7 @@ Expected Expect(const Kind& kind, uint32_t bits, bool isConnected) {
     });
     if (!fit->fits) {
         expected.result = 1;
-        lines.push_back(Formatted("Ignoring invalid block rule (0x%04x)", bits) +
+        lines.push_back("Ignoring invalid block rule (" + Hex4(bits) + ")" +
                         (kind.isIcmp ? " for ICMP event (" : " for non-ICMP event (") +
                         std::to_string(kind.protocol) + ").");
         return expected;
@@ -271,7 +272,7 @@ TEST_P(QuarantineCombination, FollowsTheTableForEachSetOfBits) {
     const std::unique_ptr<CrmEventSource> source(MakeSource(kind.version, kind.protocol));
     std::size_t sent = 0;
     for (uint32_t bits = 0; bits <= 0x1FF; ++bits) {
-        SCOPED_TRACE(Formatted("bits 0x%03x", bits));
+        SCOPED_TRACE(Hex4(bits));
         const Expected expected = Expect(kind, bits, sent > 0);
         BlockRule rule;
         rule.flags = bits;
@@ -290,7 +291,7 @@ TEST_P(QuarantineCombination, FollowsTheTableForEachSetOfBits) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, QuarantineCombination, testing::ValuesIn(kKinds),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& kind) { return std::string(kind.param.name); });
 
 // --- one event
 // ------------------------------------------------------------------------------------
@@ -337,16 +338,22 @@ TEST_F(QuarantinePolicy, NoBlockRulesMeansNoTrafficAndNoBlockedStatus) {
     EXPECT_THAT(Texts(), IsEmpty());
 }
 
-TEST_F(QuarantinePolicy, ResponseForIcmpDoesNotCountForOtherTraffic) {
-    Block("quarantine-icmp-traffic", {"quarantine-intruder-address"});
-    EXPECT_EQ(0u, BlockedStatusOf(4, 6));
-    EXPECT_THAT(Texts(), IsEmpty());
-}
-
-TEST_F(QuarantinePolicy, ResponseForOtherTrafficDoesNotCountForIcmp) {
-    Block("quarantine-traffic", {"quarantine-intruder-address"});
-    EXPECT_EQ(0u, BlockedStatusOf(6, 58));
-    EXPECT_THAT(Texts(), IsEmpty());
+// Bit 0x04 is for all but ICMP, bit 0x08 for ICMP, which is protocol 1 or 58 in either version.
+TEST_F(QuarantinePolicy, ResponseCountsForItsOwnKindOfTraffic) {
+    BlockRule rule;
+    rule.flags = kIntruderAddress;
+    for (const Kind& kind : kKinds) {
+        const std::unique_ptr<CrmEventSource> source(MakeSource(kind.version, kind.protocol));
+        for (uint32_t response = 0; response <= 0x0F; ++response) {
+            const bool isAsked = (response & (kind.isIcmp ? 0x08U : 0x04U)) != 0;
+            const bool isAdded = isAsked && kind.piece != nullptr;
+            const std::size_t before = m_manager.Requests().size();
+            EXPECT_EQ(isAdded ? 0 : 1,
+                      EventBridgePeer::ApplyQuarantinePolicy(*m_bridge, *source, response, {rule}))
+                << kind.name << ", response " << response;
+            EXPECT_EQ(before + (isAdded ? 1 : 0), m_manager.Requests().size());
+        }
+    }
 }
 
 // A wrong protocol for the version still is ICMP, and is only found out when the text is made.

@@ -412,7 +412,7 @@ TEST_F(DbtCommOpen, FailsWithoutAManager) {
 TEST_F(DbtCommOpen, PassesTheClientsReportsToTheLogUnchanged) {
     const Lines log = LevelledMessages([&] {
         StreamPeer peer(m_path, [](Session& session) {
-            session.Read(1);  // what is left unread makes the close a reset
+            session.Read(9);  // both sends are done, and what is left unread makes the close a reset
             session.Send({1, 2, 3, 4});
         });
         DbtComm channel(m_path, kPlentyOfTime);

@@ -12,9 +12,11 @@
 #include <string>
 #include <vector>
 
+#include "bound_socket.h"
 #include "golden_bytes.h"
 #include "levelled_log.h"
 #include "temp_dir.h"
+#include "word_at.h"
 
 namespace {
 
@@ -22,37 +24,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 using Bytes = std::vector<std::uint8_t>;
-
-// The CRM's end of the message socket.
-class Crm {
-  public:
-    explicit Crm(const std::string& path) : m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-        EXPECT_EQ(0, bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
-    }
-    ~Crm() { close(m_fd); }
-    Crm(const Crm&) = delete;
-    Crm& operator=(const Crm&) = delete;
-
-    // The next message; empty when there is none.
-    Bytes Take() const {
-        Bytes message(2000);
-        const ssize_t length = recv(m_fd, message.data(), message.size(), MSG_DONTWAIT);
-        message.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
-        return message;
-    }
-
-  private:
-    int m_fd;
-};
-
-std::uint32_t WordAt(const Bytes& message, std::size_t offset) {
-    std::uint32_t word = 0;
-    std::memcpy(&word, message.data() + offset, sizeof(word));
-    return word;
-}
 
 // The number that the next descriptor gets, which is that of the channel's socket.
 std::string NextDescriptor() {
@@ -65,14 +36,13 @@ class MsgCommTest : public testing::Test {
   protected:
     // The message of a text, whose time must lie in the span of the call.
     Bytes MessageOf(const char* text, bool isError) {
-        const Crm crm(m_path);
+        const BoundSocket crm(SOCK_DGRAM, m_path);
         const std::time_t before = std::time(nullptr);
         EXPECT_EQ(0, m_channel.Open());
         EXPECT_EQ(0, isError ? m_channel.SendErrorMessage(text) : m_channel.SendInfoMessage(text));
         const std::time_t after = std::time(nullptr);
         m_channel.Close();
         const Bytes message = crm.Take();
-        unlink(m_path.c_str());
         EXPECT_GE(message.size(), 21U);
         EXPECT_GE(WordAt(message, 8), static_cast<std::uint32_t>(before));
         EXPECT_LE(WordAt(message, 8), static_cast<std::uint32_t>(after));
@@ -142,13 +112,12 @@ TEST_F(MsgCommMessage, OfA511ByteTextIsWhole) {
 TEST_F(MsgCommSend, LogsTheAttempt) {
     std::string fd;
     const std::vector<std::string> log = LevelledMessages([&] {
-        const Crm crm(m_path);
+        const BoundSocket crm(SOCK_DGRAM, m_path);
         fd = NextDescriptor();
         EXPECT_EQ(0, m_channel.Open());
         EXPECT_EQ(0, m_channel.Send("abc", 3));
         EXPECT_EQ((Bytes{'a', 'b', 'c'}), crm.Take());
         m_channel.Close();
-        unlink(m_path.c_str());
     });
     EXPECT_THAT(log, ElementsAre("5 MsgComm opened message channel by fd = " + fd,
                                  "5 MsgComm attempts to send 3 bytes of data via fd " + fd,
@@ -156,7 +125,7 @@ TEST_F(MsgCommSend, LogsTheAttempt) {
 }
 
 TEST_F(MsgCommSend, SendsNothingBeforeOpen) {
-    const Crm crm(m_path);
+    const BoundSocket crm(SOCK_DGRAM, m_path);
     EXPECT_THAT(LevelledMessages([&] {
                     EXPECT_EQ(-1, m_channel.Send("abc", 3));
                     EXPECT_EQ(-1, m_channel.SendErrorMessage("abc"));
@@ -175,7 +144,7 @@ TEST_F(MsgCommSend, KeepsMinusOneForTheBytesOfAFailedSend) {
 }
 
 TEST_F(MsgCommSend, DoesNotWaitForACrmThatIsFull) {
-    const Crm crm(m_path);
+    const BoundSocket crm(SOCK_DGRAM, m_path);
     ASSERT_EQ(0, m_channel.Open());
     int sent = 0;
     while (m_channel.SendErrorMessage("abc") == 0) {
@@ -190,12 +159,11 @@ TEST_F(MsgCommSend, DoesNotWaitForACrmThatIsFull) {
 TEST_F(MsgCommSend, ReachesACrmThatCameBack) {
     ASSERT_EQ(0, m_channel.Open());
     {
-        const Crm crm(m_path);
+        const BoundSocket crm(SOCK_DGRAM, m_path);
         EXPECT_EQ(0, m_channel.Send("a", 1));
     }
     EXPECT_EQ(-1, m_channel.Send("b", 1));
-    unlink(m_path.c_str());
-    const Crm crm(m_path);
+    const BoundSocket crm(SOCK_DGRAM, m_path);
     EXPECT_EQ(0, m_channel.Send("c", 1));
     EXPECT_EQ(Bytes{'c'}, crm.Take());
 }

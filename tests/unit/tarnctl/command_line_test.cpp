@@ -32,6 +32,7 @@ class CommandLineTest : public testing::Test {
 TEST_F(CommandLineTest, ShowsHelpWithTheSubCommandsAndExamples) {
     EXPECT_EQ(Run({"--help"}), kExitFine);
     EXPECT_THAT(m_out.str(), HasSubstr("crm"));
+    EXPECT_THAT(m_out.str(), HasSubstr("messages"));
     EXPECT_THAT(m_out.str(), HasSubstr("replay"));
     EXPECT_THAT(m_out.str(), HasSubstr("Examples:"));
 }
@@ -42,7 +43,7 @@ TEST_F(CommandLineTest, ShowsTheVersion) {
 }
 
 TEST_F(CommandLineTest, ShowsExamplesInTheHelpOfEachSubCommand) {
-    for (const char* const command : {"crm", "replay"}) {
+    for (const char* const command : {"crm", "messages", "replay", "secmgr"}) {
         m_out.str("");
         EXPECT_EQ(Run({command, "--help"}), kExitFine);
         EXPECT_THAT(m_out.str(), HasSubstr("Examples:\n  tarnctl " + std::string(command)));
@@ -63,10 +64,13 @@ INSTANTIATE_TEST_SUITE_P(
     Kinds, WrongCommandLine,
     testing::Values(Words{}, Words{"play"}, Words{"crm", "--none"}, Words{"crm", "--channel", "-1"},
                     Words{"crm", "--count", "0"}, Words{"crm", "--timeout", "soon"},
-                    Words{"replay"}, Words{"replay", "f", "--rate", "0"},
-                    Words{"replay", "f", "--rate", "fast"}, Words{"replay", "f", "--rate", "-5"},
-                    Words{"replay", "f", "--loop", "0"}, Words{"replay", "f", "g"},
-                    Words{"crm", "replay", "f"}));
+                    Words{"messages", "--count", "0"}, Words{"messages", "f"}, Words{"replay"},
+                    Words{"replay", "f", "--rate", "0"}, Words{"replay", "f", "--rate", "fast"},
+                    Words{"replay", "f", "--rate", "-5"}, Words{"replay", "f", "--loop", "0"},
+                    Words{"replay", "f", "g"}, Words{"crm", "replay", "f"},
+                    Words{"secmgr", "--answer", "15x"}, Words{"secmgr", "--fail-first", "0"},
+                    Words{"secmgr", "--flush"}, Words{"secmgr", "--never", "10.0.0.1"},
+                    Words{"secmgr", "--nft", "--never", "10.0.0.1/8"}));
 
 TEST_F(CommandLineTest, RunsTheSubCommandWithItsOptions) {
     EXPECT_EQ(Run({"replay", "--rate", "max", "--fifo", "/none/fifo", "/none/file"}), kExitFailure);

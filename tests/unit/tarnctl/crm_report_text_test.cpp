@@ -137,17 +137,5 @@ TEST(MalformedJson, KeepsTheBytesAndTheReason) {
     EXPECT_EQ(object["bytes"], "AQI=");
 }
 
-TEST(Base64Text, PadsTheLastGroup) {
-    const auto text = [](std::string_view plain) {
-        return Base64(std::as_bytes(std::span(plain.data(), plain.size())));
-    };
-    EXPECT_EQ(text(""), "");
-    EXPECT_EQ(text("f"), "Zg==");
-    EXPECT_EQ(text("fo"), "Zm8=");
-    EXPECT_EQ(text("foo"), "Zm9v");
-    EXPECT_EQ(text("foob"), "Zm9vYg==");
-    EXPECT_EQ(text("\xFB\xFF\xFE"), "+//+");
-}
-
 }  // namespace
 }  // namespace tarnctl

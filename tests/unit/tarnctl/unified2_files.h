@@ -9,14 +9,20 @@
 #include <span>
 #include <string>
 
+#include "unified2_records.h"
+
+inline std::string AsText(const u2test::Bytes& bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
 inline std::string BigEndianWord(uint32_t value) {
-    return {static_cast<char>(value >> 24U), static_cast<char>(value >> 16U & 0xFFU),
-            static_cast<char>(value >> 8U & 0xFFU), static_cast<char>(value & 0xFFU)};
+    u2test::Bytes bytes;
+    u2test::Put32(bytes, value);
+    return AsText(bytes);
 }
 
 inline std::string Record(uint32_t type, std::size_t length, char filler = 'x') {
-    return BigEndianWord(type) + BigEndianWord(static_cast<uint32_t>(length)) +
-           std::string(length, filler);
+    return AsText(u2test::Framed(type, u2test::Bytes(length, static_cast<uint8_t>(filler))));
 }
 
 inline std::string Alert(char filler = 'a') {

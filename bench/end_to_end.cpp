@@ -1,0 +1,313 @@
+// The processes around a daemon that is measured end to end: the sensor that feeds the alert
+// FIFO, the loop that the daemon is held against, and the CRM and the system log that take
+// what it writes. The script end_to_end.py starts them.
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "snort/unified2_format.h"
+#include "tarnctl/crm_channel.h"
+#include "tarnctl/record_file.h"
+#include "tarnctl/stop_signals.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Record = std::vector<std::byte>;
+
+[[noreturn]] void Fail(const std::string& what) {
+    std::fprintf(stderr, "tarn_end_to_end: %s\n", what.c_str());
+    std::exit(1);
+}
+
+void PinTo(int cpu) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    if (sched_setaffinity(0, sizeof(set), &set) != 0) {
+        Fail("cannot run on CPU " + std::to_string(cpu));
+    }
+}
+
+void TakePriority(int niceness) {
+    if (setpriority(PRIO_PROCESS, 0, niceness) != 0) {
+        Fail("cannot take the priority " + std::to_string(niceness));
+    }
+}
+
+uint32_t TypeOf(const Record& record) {
+    unified2::RecordHeader header;
+    std::memcpy(&header, record.data(), sizeof(header));
+    return header.type.HostOrder();
+}
+
+bool IsAlert(const Record& record) {
+    const uint32_t type = TypeOf(record);
+    return type == unified2::kAlertIpv4 || type == unified2::kAlertIpv6;
+}
+
+std::vector<Record> RecordsOf(const char* path) {
+    tarnctl::RecordFile file;
+    std::vector<Record> records;
+    if (!file.Open(path)) {
+        Fail(file.Error());
+    }
+    tarnctl::RecordResult result = file.Next();
+    for (; result == tarnctl::RecordResult::kRecord; result = file.Next()) {
+        records.push_back(file.Bytes());
+    }
+    if (result != tarnctl::RecordResult::kEnd || records.empty()) {
+        Fail(std::string(path) + ": " + file.Error());
+    }
+    return records;
+}
+
+// Leaves out extra data of the kinds that the daemon does not take: each costs it a line in the log
+// and one in the system log, at the default level, which is another figure than that of its reader.
+std::vector<Record> OfKnownKinds(const std::vector<Record>& records) {
+    std::vector<Record> known;
+    for (const Record& record : records) {
+        if (TypeOf(record) == unified2::kExtraData) {
+            unified2::ExtraData extra;
+            std::memcpy(&extra, &record[sizeof(unified2::RecordHeader)], sizeof(extra));
+            const uint32_t kind = extra.type.HostOrder();
+            if (kind != unified2::kHttpUri && kind != unified2::kHttpHostname) {
+                continue;
+            }
+        }
+        known.push_back(record);
+    }
+    return known;
+}
+
+// Makes the stream of a troublesome sensor: behind each packet it comes again, which takes the
+// place of the first, and once more under an id that no alert has, which the daemon refuses.
+std::vector<Record> WithStrayPackets(const std::vector<Record>& records) {
+    constexpr uint32_t kNoAlert = 0x7FFF0000;
+    std::vector<Record> mixed;
+    for (const Record& record : records) {
+        mixed.push_back(record);
+        if (TypeOf(record) == unified2::kPacket) {
+            mixed.push_back(record);
+            Record stray = record;
+            unified2::Packet packet;
+            std::memcpy(&packet, &stray[sizeof(unified2::RecordHeader)], sizeof(packet));
+            packet.eventId = unified2::Big32::FromHostOrder(kNoAlert);
+            std::memcpy(&stray[sizeof(unified2::RecordHeader)], &packet, sizeof(packet));
+            mixed.push_back(stray);
+        }
+    }
+    return mixed;
+}
+
+// The writing end of the FIFO. The reader loses a record whose tail is not there yet, so each one
+// goes in whole. Back pressure paces it: a write waits for room.
+class Sensor {
+  public:
+    explicit Sensor(const char* fifo) : m_fd(open(fifo, O_WRONLY | O_CLOEXEC)) {
+        if (m_fd == -1 || fcntl(m_fd, F_GETPIPE_SZ) < kPipeBytes) {
+            Fail(std::string("no FIFO to feed at ") + fifo);
+        }
+    }
+    ~Sensor() { close(m_fd); }
+    Sensor(const Sensor&) = delete;
+    Sensor& operator=(const Sensor&) = delete;
+
+    void Send(const Record& record) const {
+        if (record.size() > PIPE_BUF) {
+            // A pipe has sixteen pages. A record goes into the last page if it fits in there, so
+            // any two neighbours hold more than a page of bytes: with this many unread ten pages
+            // are taken at most, and one more whose head has been read.
+            WaitUntilUnread(5 * PIPE_BUF);
+            if (record.size() > 5 * PIPE_BUF) {
+                Fail("a record is too long for the pipe");
+            }
+        }
+        if (write(m_fd, record.data(), record.size()) != static_cast<ssize_t>(record.size())) {
+            Fail("the reader is gone");
+        }
+    }
+    void Drain() const { WaitUntilUnread(0); }
+
+  private:
+    static constexpr int kPipeBytes = 16 * PIPE_BUF;
+
+    void WaitUntilUnread(int limit) const {
+        int unread = 0;
+        while (ioctl(m_fd, FIONREAD, &unread) == 0 && unread > limit) {
+            std::this_thread::sleep_for(std::chrono::microseconds(20));
+        }
+    }
+
+    int m_fd;
+};
+
+// Writes `warmUp` records and then `count` more, of the stream as it is ("plain"), of the kinds
+// that the daemon takes ("known"), or mixed with strays ("strays", where alerts count and not
+// records). Prints a word when the first are read, and then how many records the reader took and in
+// how many seconds. The FIFO stays open until standard input ends.
+int Feed(const char* fifo, const char* file, uint64_t warmUp, uint64_t count,
+         const std::string& kind) {
+    const bool strays = kind == "strays";
+    std::vector<Record> records = RecordsOf(file);
+    if (strays) {
+        records = WithStrayPackets(records);
+    } else if (kind == "known") {
+        records = OfKnownKinds(records);
+    } else if (kind != "plain") {
+        Fail("no feed of the kind " + kind);
+    }
+    const Sensor sensor(fifo);
+    size_t next = 0;
+    const auto send = [&](uint64_t wanted) {
+        uint64_t sent = 0;
+        for (uint64_t counted = 0; counted < wanted; ++sent) {
+            const Record& record = records[next];
+            sensor.Send(record);
+            counted += !strays || IsAlert(record) ? 1 : 0;
+            next = (next + 1) % records.size();
+        }
+        sensor.Drain();
+        return sent;
+    };
+    send(warmUp);
+    std::puts("warm");
+    std::fflush(stdout);
+    const auto start = Clock::now();
+    const uint64_t sent = send(count);
+    const std::chrono::duration<double> taken = Clock::now() - start;
+    std::printf("%llu %.6f\n", static_cast<unsigned long long>(sent), taken.count());
+    std::fflush(stdout);
+    while (std::getchar() != EOF) {
+    }
+    return 0;
+}
+
+// The least that a reader of the FIFO can do: a select, two reads and the memory for the payload.
+int ReadBare(const char* fifo) {
+    const int fd = open(fifo, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd == -1) {
+        Fail(std::string("no FIFO to read at ") + fifo);
+    }
+    for (;;) {
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(fd, &set);
+        timeval timeout = {1, 0};
+        if (select(fd + 1, &set, nullptr, nullptr, &timeout) <= 0) {
+            continue;
+        }
+        unified2::RecordHeader header;
+        const ssize_t got = read(fd, &header, sizeof(header));
+        if (got == 0) {
+            return 0;  // the sensor has ended
+        }
+        const uint32_t length = header.length.HostOrder();
+        void* const payload = malloc(length);
+        if (got != sizeof(header) || payload == nullptr ||
+            read(fd, payload, length) != static_cast<ssize_t>(length)) {
+            Fail("a record was not whole");
+        }
+        free(payload);
+    }
+}
+
+// Takes every report until it is told to stop. It looks into the ring by the clock: a reader that
+// slept on the semaphore would be woken for each report, and the wake-up is the kernel's work.
+int DrainRing(int channel) {
+    tarnctl::CatchStopSignals();
+    tarnctl::CrmChannel crm(channel);
+    if (!crm.Open()) {
+        Fail(crm.Error());
+    }
+    std::puts("ready");
+    std::fflush(stdout);
+    uint64_t reports = 0;
+    while (!tarnctl::StopRequested()) {
+        std::span<const std::byte> bytes;
+        int ring = 0;
+        switch (crm.Next(bytes, ring)) {
+            case tarnctl::CrmChannel::ReadResult::kMessage:
+                ++reports;
+                break;
+            case tarnctl::CrmChannel::ReadResult::kEmpty:
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                break;
+            default:
+                Fail(crm.Error());
+        }
+    }
+    std::printf("%llu\n", static_cast<unsigned long long>(reports));
+    return 0;
+}
+
+// Takes every line of the system log. Without anybody there each line would cost the daemon a new
+// attempt to connect.
+int TakeSystemLog(const char* path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    unlink(path);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        Fail(std::string("no system log at ") + path);
+    }
+    std::puts("ready");
+    std::fflush(stdout);
+    tarnctl::CatchStopSignals();
+    char line[4096];
+    while (!tarnctl::StopRequested()) {
+        (void)!recv(fd, line, sizeof(line), 0);
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 4) {
+        std::fputs(
+            "usage: tarn_end_to_end CPU NICENESS feed FIFO FILE WARM-UP COUNT plain|known|strays\n"
+            "       tarn_end_to_end CPU NICENESS bare FIFO\n"
+            "       tarn_end_to_end CPU NICENESS drain CHANNEL\n"
+            "       tarn_end_to_end CPU NICENESS log SOCKET\n",
+            stderr);
+        return 2;
+    }
+    PinTo(std::stoi(argv[1]));
+    TakePriority(std::stoi(argv[2]));
+    const std::string role = argv[3];
+    char** const arguments = argv + 4;
+    const int count = argc - 4;
+    if (role == "feed" && count == 5) {
+        return Feed(arguments[0], arguments[1], std::stoull(arguments[2]),
+                    std::stoull(arguments[3]), arguments[4]);
+    }
+    if (role == "bare" && count == 1) {
+        return ReadBare(arguments[0]);
+    }
+    if (role == "drain" && count == 1) {
+        return DrainRing(std::stoi(arguments[0]));
+    }
+    if (role == "log" && count == 1) {
+        return TakeSystemLog(arguments[0]);
+    }
+    Fail("no role " + role + " with " + std::to_string(count) + " arguments");
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+// What the security manager has to tell, in words or as JSON.
+//
+// Threads: pure functions.
+
+#include <ctime>
+#include <string>
+
+#include "tarnctl/quarantine_text.h"
+#include "tarnctl/rule_table.h"
+#include "tarnctl/secmgr_answer.h"
+#include "tarnctl/secmgr_frames.h"
+
+namespace tarnctl {
+
+// A request and what became of it.
+struct SecmgrOutcome {
+    SecmgrRequest request;
+    bool isRule = false;  // the text is a rule; only then the parts count
+    QuarantineParts parts;
+    SecmgrAnswer answer;
+    bool accepted = false;
+    std::string reason;  // why it was not accepted
+};
+
+// Local time, what became of it, issue, flags and rule. No line end.
+[[nodiscard]] std::string OutcomeAsLine(const SecmgrOutcome& outcome, time_t now);
+
+// Flags, issue ID, rule text and its parts; the answer, and why. No line end.
+[[nodiscard]] std::string OutcomeAsJson(const SecmgrOutcome& outcome);
+
+// A request that is none. No line end.
+[[nodiscard]] std::string MalformedRequestAsJson(const std::string& reason);
+
+// A rule in force: issue, seconds left, how often it was asked for, text.
+[[nodiscard]] std::string RuleInForceAsLine(const RuleInForce& rule, time_t now);
+
+}  // namespace tarnctl

@@ -1,0 +1,39 @@
+#pragma once
+
+// A text message for the CRM, taken apart and put in words. docs/formats/crm_message.md tells the
+// datagram.
+//
+// Threads: pure functions.
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace tarnctl {
+
+struct TextMessage {
+    uint32_t time = 0;  // seconds since the epoch
+    bool isError = false;
+    std::string text;  // without its NUL
+};
+
+// Fills `message`. Returns an empty text, or the reason why the bytes are no message.
+[[nodiscard]] std::string DecodeTextMessage(std::span<const std::byte> bytes, TextMessage& message);
+
+// Time (local), kind and text, whose newline at the end is left out; bytes that would act on a
+// terminal are written as \xNN. No line end.
+[[nodiscard]] std::string TextMessageAsLine(const TextMessage& message);
+
+// The three fields, the text as it came. No line end.
+[[nodiscard]] std::string TextMessageAsJson(const TextMessage& message);
+
+// A datagram that is no message: the reason and all its bytes, as pairs of hexadecimal digits.
+[[nodiscard]] std::string StrangeDatagramAsLine(const std::string& reason,
+                                                std::span<const std::byte> bytes);
+
+// The same as JSON, with the bytes in base64. No line end.
+[[nodiscard]] std::string StrangeDatagramAsJson(const std::string& reason,
+                                                std::span<const std::byte> bytes);
+
+}  // namespace tarnctl
