@@ -179,7 +179,7 @@ class SecurityManager {
 
     void TellExpired() {
         for (const RuleInForce& rule : m_table.DropExpired(std::time(nullptr))) {
-            Say("no longer in force: issue " + std::to_string(rule.issueId) + "  " + rule.text);
+            Say("no longer in force: SID " + std::to_string(rule.issueId) + "  " + rule.text);
         }
     }
 

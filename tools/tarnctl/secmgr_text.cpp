@@ -32,7 +32,7 @@ Json PartsAsJson(const QuarantineParts& parts) {
 std::string OutcomeAsLine(const SecmgrOutcome& outcome, time_t now) {
     std::string line = TimeText(static_cast<uint64_t>(now));
     line += outcome.accepted ? "  accepted" : "  not accepted (" + outcome.reason + ")";
-    line += "  issue " + std::to_string(outcome.request.issueId);
+    line += "  SID " + std::to_string(outcome.request.issueId);
     line += "  flags " + std::to_string(outcome.request.flags);
     line += "  " + ForTerminal(outcome.request.text);
     if (outcome.accepted && outcome.parts.expiration <= now) {

@@ -33,7 +33,7 @@ struct SecmgrOutcome {
 // A request that is none. No line end.
 [[nodiscard]] std::string MalformedRequestAsJson(const std::string& reason);
 
-// A rule in force: issue, seconds left, how often it was asked for, text.
+// A rule in force: signature, seconds left, how often it was asked for, text.
 [[nodiscard]] std::string RuleInForceAsLine(const RuleInForce& rule, time_t now);
 
 }  // namespace tarnctl

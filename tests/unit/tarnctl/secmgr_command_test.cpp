@@ -114,7 +114,7 @@ TEST_F(SecmgrCommandTest, AcceptsARuleAndShowsIt) {
     const std::string rule = LiveRule();
     EXPECT_EQ(Run([&] { EXPECT_EQ(Client(m_options.socketPath).Ask(rule, 77), kAdded); }),
               kExitFine);
-    EXPECT_THAT(m_out.str(), EndsWith("  accepted  issue 77  flags 1  " + rule + "\n"));
+    EXPECT_THAT(m_out.str(), EndsWith("  accepted  SID 77  flags 1  " + rule + "\n"));
     EXPECT_THAT(m_err.str(), HasSubstr("serving at " + m_options.socketPath));
     EXPECT_THAT(m_err.str(), HasSubstr("tarnctl secmgr: 1 rule in force\n"));
     EXPECT_THAT(m_err.str(), HasSubstr("s left  asked for 1 time  " + rule));
