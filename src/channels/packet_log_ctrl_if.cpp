@@ -153,7 +153,9 @@ std::int32_t PacketLogCtrlIF::Initialize() {
 void PacketLogCtrlIF::SizeSendBuffer() const {
     Log* const pLog = Log::GetInstance();
     const int iWanted = static_cast<int>(m_uBufferCtrlSize);
-    if (setsockopt(m_iSocket, SOL_SOCKET, SO_SNDBUF, &iWanted, sizeof iWanted) != 0) {
+    // While sending is off there is no socket, and descriptor 0 belongs to somebody else.
+    if (m_iSocket == 0 ||
+        setsockopt(m_iSocket, SOL_SOCKET, SO_SNDBUF, &iWanted, sizeof iWanted) != 0) {
         pLog->Write(
             Log::kDebug,
             "Failed setting log evidence control channel size to %d.  System will operate normally.",

@@ -284,13 +284,16 @@ int TarnEngine::StartEngine() {
             log->Write(1, "Event thread is running which should not be. Try stop it to fix this.");
             m_eventThread->Stop();
             JoinOrQuitEventThread();
+            if (m_threadAbandoned) {  // a second thread would take from the same ring
+                return kStatusFailed;
+            }
         }
         if (m_eventThread == nullptr) {
             MakeEventThread();
         }
         log->Write(5, "Want to start EVENT thread");
-        (void)m_eventThread->Start(
-            false);  // a thread that did not start is seen at the next reload
+        // A thread that did not start is seen at the next reload.
+        (void)m_eventThread->Start(false);
     }
     if (!m_errorThread->IsRunning()) {
         log->Write(5, "Want to start ERROR thread");

@@ -6,8 +6,8 @@
 // A hangup patches nothing in place. It ends the reader loop, the event side is taken down, and
 // the frame calls Run again, which brings it back up with whatever files have changed.
 //
-// Owns the threads, one reference of EventBridge and the PID file. main() owns the engine through
-// Instance and ReleaseInstance.
+// Owns the threads, one reference each of EventBridge and PacketLogCtrlIF, and the PID file. main()
+// owns the engine through Instance and ReleaseInstance.
 //
 // Threads: everything here runs on the main thread, which is also the reader of the alert FIFO;
 // OnHangup runs in a signal handler and only sets a flag. The worker threads do not see the engine.

@@ -31,7 +31,7 @@ void Daemonize(bool fork) {
             exit(0);
         }
     }
-    (void)setsid();  // fails only for a process group leader, which is then a session's leader
+    (void)setsid();  // fails only for a process group leader, which a child never is
     if (chdir("/") != 0) {
         // The root directory is always there; nothing follows from a failure.
     }

@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 #include <sched.h>
 
+#include <cerrno>
 #include <stdexcept>
 
 namespace {
@@ -137,13 +138,19 @@ void Thread::Cancel() {
     if (m_handle == 0 || m_joined) {
         return;
     }
-    // While the done gate is closed and held the thread cannot get past its last lines, so the
-    // handle names a live thread even when it is detached already.
-    const bool cancelled = m_doneGate.WhileClosed([this] { pthread_cancel(m_handle); });
+    OnLiveHandle([this] { pthread_cancel(m_handle); });
     if (!m_detached && pthread_detach(m_handle) == 0) {
         m_detached = true;
     }
-    (void)cancelled;  // nothing reports whether the cancel came in time
+}
+
+// While the done gate is closed and held the thread cannot get past its last lines, so the handle
+// names a live thread even when it is detached.
+template <typename Action>
+void Thread::OnLiveHandle(Action action) {
+    if (m_handle != 0) {
+        (void)m_doneGate.WhileClosed(action);  // a thread that has finished is left alone
+    }
 }
 
 bool Thread::CancelAndJoin() {
@@ -157,13 +164,16 @@ bool Thread::CancelAndJoin() {
 int Thread::SetPriority(int priority) {
     sched_param parameters{};
     parameters.sched_priority = priority;
-    return pthread_setschedparam(m_handle, SCHED_FIFO, &parameters);
+    int failure = ESRCH;
+    OnLiveHandle([&] { failure = pthread_setschedparam(m_handle, SCHED_FIFO, &parameters); });
+    return failure;
 }
 
 int Thread::GetPriority(int* priority) {
     int policy = 0;
     sched_param parameters{};
-    const int failure = pthread_getschedparam(m_handle, &policy, &parameters);
+    int failure = ESRCH;
+    OnLiveHandle([&] { failure = pthread_getschedparam(m_handle, &policy, &parameters); });
     if (failure == 0) {
         *priority = parameters.sched_priority;
     }
@@ -173,6 +183,9 @@ int Thread::GetPriority(int* priority) {
 bool Thread::AwaitBegun(unsigned timeoutMs) {
     if (m_handle == 0) {
         return false;
+    }
+    if (m_joined) {  // after a restart that failed there is nothing to wait for
+        return m_begunGate.IsOpen();
     }
     return m_begunGate.Wait(timeoutMs);
 }

@@ -6,8 +6,9 @@
 // The owner of a Thread makes sure that its thread has ended before it destroys the object: see
 // Settle. The destructor neither stops nor cancels nor joins.
 //
-// Threads: one owner thread calls Start, Join, Cancel, AwaitBegun and Settle. IsRunning,
-// IsFinished and ExitCode may be read by any thread at any time; the new thread writes them.
+// Threads: one owner thread calls Start, Join, Cancel, SetPriority, GetPriority, AwaitBegun and
+// Settle. IsRunning, IsFinished and ExitCode may be read by any thread at any time; the new thread
+// writes them.
 
 #include <pthread.h>
 
@@ -39,8 +40,8 @@ class Thread {
     // refuses. A detached thread stays marked as detached for good, also for later starts.
     [[nodiscard]] bool Start(bool detached);
 
-    // True if the thread ended within the time. `result`, unless null, receives the exit code,
-    // but not from a detached thread.
+    // True if the thread ended within timeoutMs milliseconds. `result`, unless null, receives the
+    // exit code, but not from a detached thread.
     [[nodiscard]] bool Join(unsigned timeoutMs, void** result);
     // The same without a limit.
     [[nodiscard]] bool Join(void** result);
@@ -48,15 +49,16 @@ class Thread {
     // Detaches the thread and cancels it. A thread that has already finished is left alone.
     void Cancel();
 
-    // Both return 0 or an errno value. The priority is one of SCHED_FIFO.
+    // Both return 0 or an errno value, ESRCH without a thread that runs. SetPriority makes the
+    // thread one of SCHED_FIFO.
     [[nodiscard]] int SetPriority(int priority);
     [[nodiscard]] int GetPriority(int* priority);
 
-    // Waits until a thread that Start has made has come to its first line. False when none was
-    // made, or when the time ran out.
+    // Waits at most timeoutMs milliseconds until a thread that Start has made has come to its first
+    // line. False when none was made, or when the time ran out.
     [[nodiscard]] bool AwaitBegun(unsigned timeoutMs);
-    // Waits until no thread can touch this object any more, so that it may be destroyed. True at
-    // once when none was ever made; false when the time ran out.
+    // Waits at most timeoutMs milliseconds until no thread can touch this object any more, so that
+    // it may be destroyed. True at once when none was ever made; false when the time ran out.
     [[nodiscard]] bool Settle(unsigned timeoutMs);
 
     // True from the first line of the new thread until Run has returned.
@@ -77,6 +79,10 @@ class Thread {
 
   private:
     void MarkFinished();
+    // Calls `action` if m_handle names a thread that has not finished, and keeps it from finishing
+    // meanwhile.
+    template <typename Action>
+    void OnLiveHandle(Action action);
 
     std::string m_name;
     pthread_t m_handle = 0;

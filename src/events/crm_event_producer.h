@@ -48,6 +48,8 @@ class CrmEventProducer {
     [[nodiscard]] int Send(const iovec* pieces, int32_t count, uint32_t ring);
 
   private:
+    friend class CrmEventProducerPeer;  // tests
+
     CrmEventProducer();
     ~CrmEventProducer();
 

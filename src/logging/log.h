@@ -14,8 +14,9 @@
 //
 // Every operation leaves errno as it found it, and none is a cancellation point.
 //
-// Threads: GetInstance, Destroy, Open, Reopen and Close belong to the main thread while no other
-// thread runs. Everything else may be called by any thread, and by the daemon's signal handlers.
+// Threads: the first GetInstance, Destroy, Open, Reopen and Close belong to the main thread while
+// no other thread runs. All else may be called by any thread, and all but GetInstance by the
+// daemon's signal handlers.
 
 #include <atomic>
 #include <cstdarg>

@@ -35,7 +35,7 @@ class Uninterrupted {
     Uninterrupted() {
         sigset_t signals;
         sigemptyset(&signals);
-        for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+        for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR2}) {
             sigaddset(&signals, signal);
         }
         pthread_sigmask(SIG_BLOCK, &signals, &m_former);

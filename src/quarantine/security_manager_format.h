@@ -4,7 +4,7 @@
 // and the one command that is in use, adding quarantine rules. docs/formats/security_manager.md
 // tells the whole of it, docs/formats/quarantine_rule.md the text that it carries.
 //
-// A request is a FrameHeader and a body, an answer the same the other way round. All words are 32
+// A request is a RequestHeader and a body, an answer a ResponseHeader and a body. All words are 32
 // bits in host byte order, since both ends run on one machine.
 //
 // Threads: no state; anyone may include it.

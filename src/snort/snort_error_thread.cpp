@@ -1,6 +1,7 @@
 #include "snort/snort_error_thread.h"
 
 #include <pthread.h>
+
 #include "logging/cancellation.h"
 #include "logging/log.h"
 #include "snort/snort_error_reader.h"

@@ -135,9 +135,15 @@ class Feeder:
     def write(self, record):
         # Beyond PIPE_BUF a write is only whole while the pipe has room for all of it.
         if len(record) > select.PIPE_BUF:
-            wait_for(lambda: self.unread() == 0, "the FIFO to be drained")
-        written = os.write(self._fd, record)
+            self.drained()
+        written = wait_for(lambda: self._write(record), "the daemon to open its end again")
         assert written == len(record), f"{written} of {len(record)} bytes written"
+
+    def _write(self, record):
+        try:
+            return os.write(self._fd, record)
+        except BrokenPipeError:
+            return 0  # The daemon has given its end up and is about to open it anew.
 
     def drained(self):
         wait_for(lambda: self.unread() == 0, "the FIFO to be drained")

@@ -123,6 +123,24 @@ class Lifecycle(harness.DaemonTest):
         self.assertEqual(daemon.stop(), 0)
         self.assertNotIn("Want to start EVENT thread", harness.log_messages())
 
+    def test_logs_no_step_of_the_start_above_the_level(self):
+        harness.write_config(level=4)
+        daemon = self.daemon()
+        self.feeder()  # opens once the reader loop has
+        self.assertEqual(daemon.stop(), 0)
+        messages = harness.log_messages()
+        self.assertRegex(messages[0], "^tarn base address: 0x[0-9a-f]+$")
+        for step in ("Using config file", "Set CPU affinity", "Initializing Channel",
+                     "Want to start", "Enter event reader loop...", "Terminate TaRN"):
+            self.assertNotIn(step, harness.log_text())
+        self.assertEqual(messages[-1], "tarn exiting")
+
+    def test_carries_its_marks(self):
+        binary = Path(os.environ["TARN_BINARY"]).read_bytes()
+        for mark in (b"@(#)!QORNAME!tarn!QORNAME!", b"@(#)!QORVER!1.0.116.251!QORVER!",
+                     b"@(#)!QORSPECIAL!!QORSPECIAL!"):
+            self.assertIn(mark + b"\0", binary)
+
     def test_shows_its_usage(self):
         daemon = self.daemon("-h")
         self.assertEqual(daemon.wait(), 0)

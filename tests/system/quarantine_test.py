@@ -371,12 +371,14 @@ class Quarantine(harness.DaemonTest):
     def test_a_silent_manager_holds_up_neither_the_reader_nor_the_stop(self):
         manager = self.manager(None)
         self.start()
+        began = time.monotonic()
         # One in the manager's hands, 1024 in the ring, 128 pending, and some that are lost.
         for _ in range(1 + 1024 + 128 + 50):
             self.feed.write(self.alert())
         self.feed.drained()
         harness.wait_log("EventBridge event queue is full.", 40)
-        self.assertLessEqual(len(manager.frames), 2, "the first rule is still being sent")
+        rules = 1 + int((time.monotonic() - began) / 10)  # as many as two time limits each allow
+        self.assertLessEqual(len(manager.frames), 2 * rules, "a rule was given up too early")
         started = time.monotonic()
         self.assertEqual(self.running.stop(), 0)
         patience = 1 if "TARN_TEST_PATIENCE" not in os.environ else 10

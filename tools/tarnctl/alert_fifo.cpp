@@ -12,6 +12,7 @@
 #include <cstring>
 #include <thread>
 
+#include "tarnctl/failure_text.h"
 #include "tarnctl/stop_signals.h"
 
 namespace tarnctl {
@@ -46,7 +47,7 @@ FifoResult AlertFifo::Open() {
         if (stat(m_path.c_str(), &status) != 0) {
             failure = errno;
         } else if (!S_ISFIFO(status.st_mode)) {
-            return Fail("not a FIFO");
+            return Fail("not a FIFO; name the alert FIFO with --fifo");
         } else {
             m_fd = open(m_path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
             if (m_fd != -1) {
@@ -55,14 +56,17 @@ FifoResult AlertFifo::Open() {
             failure = errno;
         }
         if (failure != ENOENT && failure != ENXIO && failure != EINTR) {
-            return Fail(std::strerror(failure));
+            m_error = FailureText(m_path, failure);
+            return FifoResult::kFailed;
         }
         if (StopRequested()) {
             return FifoResult::kStopped;
         }
         if (Clock::now() >= deadline) {
-            return Fail(failure == ENXIO ? "nobody is reading: is tarn running?"
-                                         : "no such FIFO: tarn makes it when it starts");
+            return Fail(
+                failure == ENXIO
+                    ? "nobody is reading; start tarn, or wait for it with --wait"
+                    : "no such FIFO; start tarn, which makes it, or wait for it with --wait");
         }
         std::this_thread::sleep_for(kReaderPoll);
     }
@@ -87,7 +91,7 @@ FifoResult AlertFifo::Send(std::span<const std::byte> record) {
         if (count != -1) {
             return Fail("the pipe took " + std::to_string(count) + " of " +
                         std::to_string(record.size()) +
-                        " bytes of a record: somebody else is writing into it");
+                        " bytes of a record; stop whoever else writes into it");
         } else if (errno == EAGAIN) {
             waited = WaitFor(Wait::kRoom);
         } else if (errno == EPIPE) {
@@ -134,7 +138,7 @@ FifoResult AlertFifo::WaitFor(Wait what) {
             unread = now;
         } else if (Clock::now() - moved > m_limits.stall) {
             return Fail("the reader takes nothing: " + std::to_string(unread) +
-                        " bytes stand unread");
+                        " bytes stand unread; see the log of tarn");
         }
     }
     return unread == -1 ? Fail(std::strerror(errno)) : FifoResult::kDone;
@@ -154,7 +158,7 @@ FifoResult AlertFifo::WaitForReader() {
         }
         if (Clock::now() >= deadline) {
             return Fail("the reader is gone, with " + std::to_string(std::max(0, Unread())) +
-                        " bytes unread");
+                        " bytes unread; start tarn and play again");
         }
         std::this_thread::sleep_for(kReaderPoll);
     }
@@ -171,7 +175,7 @@ bool AlertFifo::EnsureCapacity(std::size_t length) {
     const int failure = length <= INT_MAX ? errno : EINVAL;
     (void)Fail("a record of " + std::to_string(length) + " bytes does not fit into the pipe of " +
                std::to_string(capacity) + " bytes, which cannot be enlarged: " +
-               std::strerror(failure) + " (see /proc/sys/fs/pipe-max-size)");
+               std::strerror(failure) + "; run this as root or raise /proc/sys/fs/pipe-max-size");
     return false;
 }
 

@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <utility>
+
+#include "tarnctl/failure_text.h"
 
 namespace tarnctl {
 namespace {
@@ -51,6 +52,7 @@ CaptureFiles::File CaptureFiles::OpenFile(const std::string& path, bool append) 
                      : pcap_dump_open(m_format.get(), path.c_str()));
     if (file == nullptr) {
         m_error = pcap_geterr(m_format.get());
+        m_error += "; name a directory with --dir that this user may write into";
     }
     return file;
 }
@@ -64,7 +66,7 @@ bool CaptureFiles::Put(pcap_dumper_t* file, const CapturedPacket& packet) {
     header.len = std::max<bpf_u_int32>(packet.length, header.caplen);
     pcap_dump(reinterpret_cast<u_char*>(file), &header,
               reinterpret_cast<const u_char*>(packet.bytes.data()));
-    return pcap_dump_flush(file) == 0 || Fail(std::string("writing: ") + std::strerror(errno));
+    return pcap_dump_flush(file) == 0 || Fail(FailureText(m_directory, errno));
 }
 
 bool CaptureFiles::Rotate(uint32_t event, EventFiles& files, uint32_t maxFiles) {
@@ -78,7 +80,7 @@ bool CaptureFiles::Rotate(uint32_t event, EventFiles& files, uint32_t maxFiles) 
         for (uint32_t age = files.rotated + 1; age > 0; --age) {
             const std::string from = PathOf(event, age - 1);
             if (std::rename(from.c_str(), PathOf(event, age).c_str()) != 0 && errno != ENOENT) {
-                return Fail(from + ": " + std::strerror(errno));
+                return Fail(FailureText(from, errno));
             }
         }
         ++files.rotated;

@@ -13,6 +13,7 @@
 #include <ctime>
 
 #include "paths.h"
+#include "tarnctl/failure_text.h"
 
 namespace tarnctl {
 namespace {
@@ -75,25 +76,29 @@ bool CrmChannel::Open() {
     const std::string& path = m_pair->m_aPipes[0].m_strPath;
     m_lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kRingMode);
     if (m_lock == -1) {
-        return Fail(path + ": " + std::strerror(errno));
+        return Fail(FailureText(path, errno));
     }
     if (flock(m_lock, LOCK_EX | LOCK_NB) != 0) {
-        return Fail(errno == EWOULDBLOCK ? path + ": another tarnctl is reading this channel"
-                                         : path + ": " + std::strerror(errno));
+        const int error = errno;
+        return Fail(error == EWOULDBLOCK
+                        ? path + ": another tarnctl reads this channel; stop it first"
+                        : FailureText(path, error));
     }
 
     sem_t* const made = sem_open(m_queue.m_strSemName.c_str(), O_CREAT, kSemaphoreMode, 0);
     if (made == SEM_FAILED) {
-        return Fail("semaphore " + m_queue.m_strSemName + ": " + std::strerror(errno));
+        return Fail(FailureText("semaphore " + m_queue.m_strSemName, errno));
     }
     s_ringReport.clear();
     const int result = m_queue.Open();
     sem_close(made);
     if (result > 0) {
-        return Fail("semaphore " + m_queue.m_strSemName + ": " + std::strerror(result));
+        return Fail(FailureText("semaphore " + m_queue.m_strSemName, result));
     }
     if (result != 0) {
-        return Fail("the rings " + path + " and -1 cannot be opened: " + s_ringReport);
+        return Fail(
+            "the rings " + path +
+            " and -1 cannot be opened; run this as the user that tarn runs as: " + s_ringReport);
     }
     m_buffer = std::make_unique_for_overwrite<std::byte[]>(kEventQueueFirstRingSize);
     return true;
@@ -116,8 +121,10 @@ CrmChannel::ReadResult CrmChannel::Next(std::span<const std::byte>& bytes, int& 
                 break;
         }
         if (status == READ_EMPTY && IsStuck(pipe)) {
-            m_error = pipe.m_strPath +
-                      ": the ring is stuck at a message of no bytes, which nothing moves";
+            m_error =
+                pipe.m_strPath +
+                ": the ring is stuck at a message of no bytes, which nothing moves; stop tarn, remove "
+                "the file and start tarn again";
             return ReadResult::kStuck;
         }
     }

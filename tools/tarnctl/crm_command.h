@@ -3,18 +3,16 @@
 // `tarnctl crm`: stands in for the CRM and shows the reports that come out of the daemon.
 
 #include <CLI/CLI.hpp>
-#include <cstdint>
 #include <iosfwd>
 #include <string>
 
+#include "tarnctl/monitor.h"
+
 namespace tarnctl {
 
-struct CrmOptions {
+struct CrmOptions : MonitorOptions {
     int channel = 2;                // the default of tarn.engine.crm
-    bool json = false;              // JSON lines instead of lines for a person
     bool fresh = false;             // what waits already is thrown away
-    uint64_t count = 0;             // ends after this many reports; 0: no end
-    double timeout = 0.0;           // ends after this many quiet seconds; 0: no end
     std::string queueName = "CRM";  // not an option; tests use a queue of their own
 };
 

@@ -200,8 +200,8 @@ std::string ReportAsJson(const CrmOrigin& origin, const CrmMessage& message) {
         .dump();
 }
 
-std::string MalformedAsJson(const CrmOrigin& origin, const std::string& reason,
-                            std::span<const std::byte> bytes) {
+std::string MalformedReportAsJson(const CrmOrigin& origin, const std::string& reason,
+                                  std::span<const std::byte> bytes) {
     return Json{
         {"channel", origin.channel},
         {"ring", origin.ring},

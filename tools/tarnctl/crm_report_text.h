@@ -28,7 +28,7 @@ struct CrmOrigin {
 [[nodiscard]] std::string ReportAsJson(const CrmOrigin& origin, const CrmMessage& message);
 
 // A message that could not be decoded: the reason and all its bytes in base64. No line end.
-[[nodiscard]] std::string MalformedAsJson(const CrmOrigin& origin, const std::string& reason,
-                                          std::span<const std::byte> bytes);
+[[nodiscard]] std::string MalformedReportAsJson(const CrmOrigin& origin, const std::string& reason,
+                                                std::span<const std::byte> bytes);
 
 }  // namespace tarnctl

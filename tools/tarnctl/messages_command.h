@@ -4,18 +4,15 @@
 // daemon, which are what it makes of Snort's error output.
 
 #include <CLI/CLI.hpp>
-#include <cstdint>
 #include <iosfwd>
 #include <string>
 
 #include "paths.h"
+#include "tarnctl/monitor.h"
 
 namespace tarnctl {
 
-struct MessagesOptions {
-    bool json = false;     // JSON lines instead of lines for a person
-    uint64_t count = 0;    // ends after this many messages; 0: no end
-    double timeout = 0.0;  // ends after this many quiet seconds; 0: no end
+struct MessagesOptions : MonitorOptions {
     // Not an option; tests use a socket of their own.
     std::string socketPath = tarn::paths::kCrmMessageSocket;
 };

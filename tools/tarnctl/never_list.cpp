@@ -7,10 +7,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <fstream>
 #include <memory>
 
+#include "tarnctl/failure_text.h"
 #include "tarnctl/text_forms.h"
 
 namespace tarnctl {
@@ -61,7 +61,8 @@ std::string NeverList::Add(const std::string& text) {
     Network network = {AF_UNSPEC, {}, 0, text};
     network.family = ParseAddress(text.substr(0, slash), network.bytes);
     if (network.family == AF_UNSPEC) {
-        return "\"" + ForTerminal(text) + "\" is no address and no network";
+        return "\"" + ForTerminal(text) +
+               "\" is no address and no network; write it as 10.0.0.1 or 10.0.0.0/24";
     }
     const unsigned bits = BitsOf(network.family);
     network.prefix = bits;
@@ -75,7 +76,7 @@ std::string NeverList::Add(const std::string& text) {
     }
     for (unsigned place = network.prefix; place < bits; ++place) {
         if (BitAt(network.bytes, place)) {
-            return "\"" + text + "\" has bits behind its prefix";
+            return "\"" + text + "\" has bits behind its prefix; clear them or lengthen it";
         }
     }
     const auto isSame = [&](const Network& known) { return known.text == text; };
@@ -88,18 +89,19 @@ std::string NeverList::Add(const std::string& text) {
 std::string NeverList::AddFile(const std::string& path) {
     std::ifstream file(path);
     if (!file) {
-        return path + ": " + std::strerror(errno);
+        return FailureText(path, errno);
     }
     int number = 0;
     for (std::string line; std::getline(file, line);) {
         ++number;
         const std::string entry = Trimmed(line);
-        const std::string reason = entry.empty() ? "" : Add(entry);
+        std::string reason = entry.empty() ? "" : Add(entry);
         if (!reason.empty()) {
-            return path + ", line " + std::to_string(number) + ": " + reason;
+            return reason.insert(0, path + ", line " + std::to_string(number) + ": ");
         }
     }
-    return file.bad() ? path + ": cannot be read" : "";
+    return file.bad() ? path + ": cannot be read; name a file with one address or network a line"
+                      : "";
 }
 
 void NeverList::AddHostAddresses() {

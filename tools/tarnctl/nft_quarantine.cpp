@@ -107,7 +107,7 @@ std::string NftQuarantine::Run(const std::string& script) const {
     const int error = posix_spawn(&child, m_command.c_str(), actions.Get(), nullptr,
                                   arguments.data(), environment.data());
     if (error != 0) {
-        return m_command + ": " + std::strerror(error);
+        return m_command + ": " + std::strerror(error) + "; install nftables";
     }
     int status = 0;
     while (waitpid(child, &status, 0) == -1) {

@@ -9,18 +9,14 @@
 #include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <ostream>
 #include <span>
 
 #include "channels/packet_log_format.h"
 #include "channels/shm_event_pipe.h"
 #include "tarnctl/capture_files.h"
 #include "tarnctl/counted.h"
-#include "tarnctl/exit_status.h"
 #include "tarnctl/message_socket.h"
 #include "tarnctl/packet_log_message.h"
-#include "tarnctl/quiet_time.h"
-#include "tarnctl/stop_signals.h"
 #include "tarnctl/text_forms.h"
 
 namespace tarnctl {
@@ -40,53 +36,38 @@ Examples:
 // A ring tells nobody that something waits, so it is looked at this often.
 constexpr std::chrono::milliseconds kRingWait{10};
 
-class PacketLogMonitor {
+class PacketLogMonitor final : public Monitor {
   public:
     PacketLogMonitor(const PacketLogOptions& options, std::ostream& out, std::ostream& err)
-        : m_options(options),
-          m_out(out),
-          m_err(err),
-          m_socket(options.socketPath),
-          m_files(options.directory, options.linkType),
-          m_quiet(options.timeout) {}
-
-    int Run() {
-        if (!m_files.Open()) {
-            return Refuse(m_files.Error());
-        }
-        if (m_options.ring >= 0 && !OpenRing()) {
-            return kExitFailure;
-        }
-        if (!m_socket.Open()) {
-            return Refuse(m_socket.Error());
-        }
-        Say("receiving at " + m_options.socketPath);
-        m_quiet.Restart();
-        while (!m_failed && !IsDone()) {
-            Receive();
-        }
-        Say(Counted(m_messages, "message") + ", " + Counted(m_records, "record") + ", " +
-            Counted(m_packets, "packet") +
-            (m_dropped > 0 ? ", " + std::to_string(m_dropped) + " dropped" : std::string()) +
-            (m_malformed > 0 ? ", " + std::to_string(m_malformed) + " malformed" : std::string()));
-        return m_failed || m_malformed > 0 ? kExitFailure : kExitFine;
-    }
+        : Monitor("packetlog", "message", options, out, err),
+          m_options(options),
+          m_files(options.directory, options.linkType) {}
 
   private:
-    void Say(const std::string& text) { m_err << "tarnctl packetlog: " << text << std::endl; }
-
-    int Refuse(const std::string& reason) {
-        Say(reason);
-        return kExitFailure;
+    // The socket comes first: it tells whether another receiver is there, whose files must not be
+    // begun anew.
+    std::string Begin() override {
+        std::string obstacle = m_socket.Open(m_options.socketPath);
+        if (obstacle.empty() && m_options.ring >= 0) {
+            obstacle = OpenRing();
+        }
+        if (obstacle.empty() && !m_files.Open()) {
+            obstacle = m_files.Error();
+        }
+        if (obstacle.empty()) {
+            Say("receiving at " + m_options.socketPath);
+        }
+        return obstacle;
     }
 
-    [[nodiscard]] bool IsDone() const {
-        return StopRequested() ||
-               (m_options.count > 0 && m_messages + m_records >= m_options.count) ||
-               m_quiet.IsOver();
+    [[nodiscard]] std::string Counts() const override {
+        return Counted(Taken() - m_records, "message") + ", " + Counted(m_records, "record") +
+               ", " + Counted(m_packets, "packet") +
+               (m_dropped > 0 ? ", " + std::to_string(m_dropped) + " dropped" : std::string());
     }
 
-    bool OpenRing() {
+    // Returns an empty string, or the reason why the ring cannot be drained.
+    std::string OpenRing() {
         std::string path = m_options.ringPath;
         if (path.empty()) {
             char text[64];
@@ -96,29 +77,26 @@ class PacketLogMonitor {
         m_ring = std::make_unique<ShmEventPipe>(READER, path, kPacketLogRingSize);
         m_record = std::make_unique<std::byte[]>(kPacketLogRingSize);
         if (!m_ring->Open(true)) {
-            Say(path + ": the ring cannot be mapped");
-            return false;
+            return path + ": the ring cannot be mapped; run this as the writer's user";
         }
         // Two readers of one ring would take each other's records.
         if (flock(m_ring->m_iFd, LOCK_EX | LOCK_NB) != 0) {
-            Say(path + ": another tarnctl reads this ring");
-            return false;
+            return path + ": another tarnctl reads this ring; stop it first";
         }
-        return true;
+        return "";
     }
 
-    void Receive() {
-        std::chrono::milliseconds wait = m_quiet.TimeToWait();
+    void Serve(std::chrono::milliseconds time) override {
         if (m_ring != nullptr) {
-            wait = TakeRecord() ? std::chrono::milliseconds(0) : std::min(wait, kRingWait);
+            time = TakeRecord() ? std::chrono::milliseconds(0) : std::min(time, kRingWait);
         }
         if (m_options.stopReading) {
-            poll(nullptr, 0, static_cast<int>(wait.count()));
+            poll(nullptr, 0, static_cast<int>(time.count()));
             return;
         }
         std::span<const std::byte> datagram;
-        if (!m_failed && !IsDone() && m_socket.Next(datagram, wait)) {
-            m_quiet.Restart();
+        if (!IsDone() && m_socket.Next(datagram, time)) {
+            HasNews();
             if (m_dropped < m_options.drop) {
                 ++m_dropped;
             } else {
@@ -131,11 +109,11 @@ class PacketLogMonitor {
         PacketLogMessage message;
         const std::string reason = DecodePacketLogMessage(datagram, message);
         if (!reason.empty()) {
-            SkipMalformed("datagram", reason, datagram);
+            TellMalformed("message", reason, datagram, MalformedAsJson(reason, datagram));
             return;
         }
-        ++m_messages;
-        Write(m_options.json ? message.json : message.line);
+        CountOne();
+        Write(WritesJson() ? message.json : message.line);
         Keep(message.packet);
     }
 
@@ -146,24 +124,24 @@ class PacketLogMonitor {
             case PIPE_OK:
                 break;
             case PIPE_ERROR:
-                ++m_malformed;
-                Say("the ring is damaged; what waited in it is lost");
+                TellDamaged("the ring is damaged; what waited in it is lost");
                 return false;
             default:
                 return false;
         }
-        m_quiet.Restart();
+        HasNews();
         const std::span bytes(m_record.get(), size);
         PacketLogRecord record;
         if (bytes.size() < sizeof(record)) {
-            SkipMalformed("record", "shorter than 72 bytes", bytes);
+            SkipRecord("shorter than 72 bytes", bytes);
             return true;
         }
         std::memcpy(&record, bytes.data(), sizeof(record));
         if (record.uRecordType != 0) {
-            SkipMalformed("record", "unknown type " + std::to_string(record.uRecordType), bytes);
+            SkipRecord("unknown type " + std::to_string(record.uRecordType), bytes);
             return true;
         }
+        CountOne();
         ++m_records;
         const auto packet = bytes.subspan(sizeof(record));
         Write(RecordText(record, packet));
@@ -186,7 +164,7 @@ class PacketLogMonitor {
         fields["reserved"] = record.uReserved;
         fields["flags"] = record.uFlags;
         fields["adapterId"] = record.uAdapterID;
-        if (m_options.json) {
+        if (WritesJson()) {
             if (!packet.empty()) {
                 fields["packet"] = Base64(packet);
             }
@@ -201,45 +179,22 @@ class PacketLogMonitor {
         }
         ++m_packets;
         if (!m_files.Write(packet)) {
-            Say(m_files.Error());
-            m_failed = true;
+            Fail(m_files.Error());
         }
     }
 
-    void SkipMalformed(const std::string& what, const std::string& reason,
-                       std::span<const std::byte> bytes) {
-        ++m_malformed;
-        Say("malformed " + what + " of " + Counted(bytes.size(), "byte") + " skipped: " + reason);
-        if (m_options.json) {
-            nlohmann::ordered_json fields;
-            fields["malformed"] = reason;
-            fields["bytes"] = Base64(bytes);
-            Write(fields.dump());
-        }
-    }
-
-    void Write(const std::string& line) {
-        m_out << line << std::endl;
-        if (!m_out && !m_failed) {
-            Say("the output takes no more; the last message was received and not shown");
-            m_failed = true;
-        }
+    void SkipRecord(const std::string& reason, std::span<const std::byte> bytes) {
+        TellMalformed("record", reason, bytes, MalformedAsJson(reason, bytes));
     }
 
     const PacketLogOptions& m_options;
-    std::ostream& m_out;
-    std::ostream& m_err;
     MessageSocket m_socket;
     CaptureFiles m_files;
     std::unique_ptr<ShmEventPipe> m_ring;   // null: none is drained
     std::unique_ptr<std::byte[]> m_record;  // as large as the ring
-    QuietTime m_quiet;
-    uint64_t m_messages = 0;
-    uint64_t m_records = 0;
+    uint64_t m_records = 0;                 // of all that was taken
     uint64_t m_packets = 0;
     uint64_t m_dropped = 0;
-    uint64_t m_malformed = 0;
-    bool m_failed = false;
 };
 
 }  // namespace
@@ -251,8 +206,8 @@ CLI::App* AddPacketLogCommand(CLI::App& app, PacketLogOptions& options) {
         ->type_name("DIR")
         ->required()
         ->check(CLI::ExistingDirectory);
-    command->add_flag("--json", options.json,
-                      "One JSON object a line, with every field and the packet in base64");
+    AddMonitorOptions(*command, options, "messages and records",
+                      "every field and the packet in base64");
     command->add_option("--linktype", options.linkType, "Link type of the capture files")
         ->type_name("N")
         ->check(CLI::Range(0, 65535))
@@ -265,12 +220,6 @@ CLI::App* AddPacketLogCommand(CLI::App& app, PacketLogOptions& options) {
         ->check(CLI::PositiveNumber);
     command->add_flag("--stop-reading", options.stopReading,
                       "Be there and never read, so that the socket fills");
-    command->add_option("--count", options.count, "End after N messages and records")
-        ->type_name("N")
-        ->check(CLI::PositiveNumber);
-    command->add_option("--timeout", options.timeout, "End after S quiet seconds")
-        ->type_name("S")
-        ->check(CLI::PositiveNumber);
     command->footer(kExamples);
     return command;
 }

@@ -10,18 +10,16 @@
 #include <string>
 
 #include "paths.h"
+#include "tarnctl/monitor.h"
 
 namespace tarnctl {
 
-struct PacketLogOptions {
+struct PacketLogOptions : MonitorOptions {
     std::string directory;     // of the capture files; there already
-    bool json = false;         // JSON lines instead of lines for a person
     int linkType = 1;          // of the capture files; 1 is Ethernet
     int ring = -1;             // number of the writer whose ring is drained as well; -1: none
     uint64_t drop = 0;         // so many of the first datagrams are read and thrown away
     bool stopReading = false;  // the socket is there and nothing is ever read from it
-    uint64_t count = 0;        // ends after this many messages and records; 0: no end
-    double timeout = 0.0;      // ends after this many quiet seconds; 0: no end
     std::string socketPath = tarn::paths::kPacketLogSocket;  // not options; tests use their own
     std::string ringPath;                                    // empty: the ring of that number
 };

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "snort/unified2_format.h"
+#include "tarnctl/failure_text.h"
 
 namespace tarnctl {
 namespace {
@@ -38,16 +39,16 @@ bool RecordFile::Open(const std::string& path) {
     m_path = path;
     m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (m_fd == -1) {
-        m_error = path + ": " + std::strerror(errno);
+        m_error = FailureText(path, errno);
         return false;
     }
     struct stat status = {};
     if (fstat(m_fd, &status) != 0) {
-        m_error = path + ": " + std::strerror(errno);
+        m_error = FailureText(path, errno);
         return false;
     }
     if (!S_ISREG(status.st_mode)) {
-        m_error = path + " is not a plain file";
+        m_error = path + " is not a plain file; copy what it holds into one first";
         return false;
     }
     m_size = static_cast<uint64_t>(status.st_size);
@@ -115,7 +116,8 @@ RecordResult RecordFile::Next() {
     if (m_recordOffset == 0 && !IsPlausibleFirstRecord(m_type, length)) {
         return Fail(RecordResult::kForeign,
                     "not a unified2 file: its first record would be of type " +
-                        std::to_string(m_type) + " with " + std::to_string(length) + " bytes");
+                        std::to_string(m_type) + " with " + std::to_string(length) +
+                        " bytes; name a file that the sensor wrote");
     }
 
     // The claim is held against the file before a buffer of that size is made.

@@ -85,7 +85,7 @@ class Replay {
     // Notes why the FIFO did not do what it was asked. True when it did.
     bool Accept(FifoResult result) {
         if (result == FifoResult::kStopped) {
-            m_error = "interrupted, the rest has not been sent";
+            m_error = "interrupted; the rest has not been sent";
         } else if (result == FifoResult::kFailed) {
             m_error = m_fifo.Error();
         }
@@ -125,6 +125,9 @@ class Replay {
                     break;
                 case RecordResult::kEnd:
                     return true;
+                case RecordResult::kTruncated:
+                    m_error = m_file.Error() + "; what stands before it was sent";
+                    return false;
                 default:
                     m_error = m_file.Error();
                     return false;

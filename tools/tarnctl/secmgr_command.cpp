@@ -2,20 +2,18 @@
 
 #include <algorithm>
 #include <ctime>
-#include <ostream>
+#include <string>
 
 #include "quarantine/security_manager_format.h"
 #include "tarnctl/counted.h"
-#include "tarnctl/exit_status.h"
 #include "tarnctl/never_list.h"
 #include "tarnctl/nft_quarantine.h"
-#include "tarnctl/quiet_time.h"
 #include "tarnctl/rule_table.h"
 #include "tarnctl/secmgr_answer.h"
 #include "tarnctl/secmgr_server.h"
 #include "tarnctl/secmgr_text.h"
-#include "tarnctl/stop_signals.h"
 #include "tarnctl/table_signal.h"
+#include "tarnctl/text_forms.h"
 
 namespace tarnctl {
 namespace {
@@ -34,51 +32,17 @@ Examples:
   tarnctl secmgr --answer 3                   refuse every rule
   tarnctl secmgr --nft --never 10.0.0.0/24    cut off what the rules name, but never that network)";
 
-class SecurityManager {
+class SecurityManager final : public Monitor {
   public:
     SecurityManager(const SecmgrOptions& options, std::ostream& out, std::ostream& err)
-        : m_options(options),
-          m_out(out),
-          m_err(err),
-          m_quiet(options.timeout),
+        : Monitor("secmgr", "rule", options, out, err),
+          m_options(options),
           m_nft(options.nftCommand) {}
 
-    int Run() {
-        const std::string obstacle = Begin();
-        if (!obstacle.empty()) {
-            Say(obstacle);
-            return kExitFailure;
-        }
-        m_quiet.Restart();
-        while (!m_failed && !IsDone()) {
-            Serve();
-            TellExpired();
-            if (TakeTableRequest()) {
-                TellTable();
-            }
-        }
-        TellTable();
-        if (m_options.nft && m_options.flush) {
-            TellFailureOf(m_nft.Remove());
-        }
-        Say(Counted(m_requests, "rule") + ", " + std::to_string(m_accepted) + " accepted" +
-            (m_malformed > 0 ? ", " + Counted(m_malformed, "malformed request") : std::string()));
-        return m_failed || m_malformed > 0 ? kExitFailure : kExitFine;
-    }
-
   private:
-    void Say(const std::string& text) { m_err << "tarnctl secmgr: " << text << std::endl; }
-
-    void TellFailureOf(const std::string& reason) {
-        if (!reason.empty()) {
-            Say(reason);
-            m_failed = true;
-        }
-    }
-
     // The socket comes first: it tells whether another manager is there, whose table of nftables
     // must not be touched.
-    std::string Begin() {
+    std::string Begin() override {
         if (!m_options.answer.empty() && !ParseAnswer(m_options.answer, m_wrongAnswer)) {
             return "--answer: \"" + m_options.answer + "\" is no answer";
         }
@@ -103,16 +67,31 @@ class SecurityManager {
         return reason;
     }
 
-    [[nodiscard]] bool IsDone() const {
-        return StopRequested() || (m_options.count > 0 && m_requests >= m_options.count) ||
-               m_quiet.IsOver();
+    void Serve(std::chrono::milliseconds time) override {
+        ServeClients(time);
+        TellExpired();
+        if (TakeTableRequest()) {
+            TellTable();
+        }
     }
 
-    void Serve() {
+    void End() override {
+        TellTable();
+        const std::string reason = m_options.nft && m_options.flush ? m_nft.Remove() : "";
+        if (!reason.empty()) {
+            Fail(reason);
+        }
+    }
+
+    [[nodiscard]] std::string Counts() const override {
+        return Counted(Taken(), "rule") + ", " + std::to_string(m_accepted) + " accepted";
+    }
+
+    void ServeClients(std::chrono::milliseconds time) {
         SecmgrOutcome outcome;
-        switch (m_server.Next(outcome.request, m_quiet.TimeToWait())) {
+        switch (m_server.Next(outcome.request, time)) {
             case SecmgrServer::Result::kRequest:
-                m_quiet.Restart();
+                HasNews();
                 Decide(outcome);
                 if (!m_server.Answer(outcome.answer)) {
                     Say("the client did not take the answer");
@@ -120,12 +99,10 @@ class SecurityManager {
                 Show(outcome);
                 break;
             case SecmgrServer::Result::kMalformed:
-                m_quiet.Restart();
-                ++m_malformed;
-                Say("malformed request, connection closed: " + m_server.Error());
-                if (m_options.json) {
-                    Write(MalformedRequestAsJson(m_server.Error()));
-                }
+                HasNews();
+                TellMalformed("request", m_server.Error() + "; its connection is closed",
+                              m_server.Malformed(),
+                              MalformedAsJson(m_server.Error(), m_server.Malformed()));
                 break;
             case SecmgrServer::Result::kNothing:
                 break;
@@ -133,7 +110,7 @@ class SecurityManager {
     }
 
     void Decide(SecmgrOutcome& outcome) {
-        ++m_requests;
+        CountOne();
         const std::string fault = ParseQuarantineText(outcome.request.text, outcome.parts);
         outcome.isRule = fault.empty();
         if (AnswersWrongly()) {
@@ -151,8 +128,7 @@ class SecurityManager {
         const bool isTold = !m_options.answer.empty() || m_options.failFirst > 0;
         const bool isRight = m_wrongAnswer.kind == SecmgrAnswer::Kind::kStatus &&
                              m_wrongAnswer.status == tarn::secmgr::kStatusAdded;
-        return isTold && !isRight &&
-               (m_options.failFirst == 0 || m_requests <= m_options.failFirst);
+        return isTold && !isRight && (m_options.failFirst == 0 || Taken() <= m_options.failFirst);
     }
 
     // Returns an empty string, or the reason why the rule is refused.
@@ -174,7 +150,8 @@ class SecurityManager {
     }
 
     void Show(const SecmgrOutcome& outcome) {
-        Write(m_options.json ? OutcomeAsJson(outcome) : OutcomeAsLine(outcome, std::time(nullptr)));
+        const time_t now = std::time(nullptr);
+        Write(WritesJson() ? OutcomeAsJson(outcome, now) : OutcomeAsLine(outcome, now));
     }
 
     void TellExpired() {
@@ -192,27 +169,13 @@ class SecurityManager {
         }
     }
 
-    void Write(const std::string& line) {
-        m_out << line << std::endl;
-        if (!m_out && !m_failed) {
-            Say("the output takes no more; the last rule was answered and not shown");
-            m_failed = true;
-        }
-    }
-
     const SecmgrOptions& m_options;
-    std::ostream& m_out;
-    std::ostream& m_err;
-    QuietTime m_quiet;
     SecmgrAnswer m_wrongAnswer{SecmgrAnswer::Kind::kClose, 0};
     SecmgrServer m_server;
     RuleTable m_table;
     NeverList m_never;
     NftQuarantine m_nft;
-    uint64_t m_requests = 0;
     uint64_t m_accepted = 0;
-    uint64_t m_malformed = 0;
-    bool m_failed = false;
 };
 
 std::string CheckAnswer(const std::string& word) {
@@ -229,14 +192,7 @@ std::string CheckNeverEntry(const std::string& entry) {
 CLI::App* AddSecmgrCommand(CLI::App& app, SecmgrOptions& options) {
     CLI::App* command = app.add_subcommand(
         "secmgr", "Show the quarantine rules that tarn sends to the security manager");
-    command->add_flag("--json", options.json,
-                      "One JSON object a line, with the rule's text and its parts");
-    command->add_option("--count", options.count, "End after N rules")
-        ->type_name("N")
-        ->check(CLI::PositiveNumber);
-    command->add_option("--timeout", options.timeout, "End after S quiet seconds")
-        ->type_name("S")
-        ->check(CLI::PositiveNumber);
+    AddMonitorOptions(*command, options, "rules", "the rule's text and its parts");
     command
         ->add_option("--answer", options.answer,
                      "Answer wrongly on purpose: a status N (15 is right, others refuse), close "

@@ -10,13 +10,11 @@
 #include <vector>
 
 #include "paths.h"
+#include "tarnctl/monitor.h"
 
 namespace tarnctl {
 
-struct SecmgrOptions {
-    bool json = false;                   // JSON lines instead of lines for a person
-    uint64_t count = 0;                  // ends after this many rules; 0: no end
-    double timeout = 0.0;                // ends after this many quiet seconds; 0: no end
+struct SecmgrOptions : MonitorOptions {
     std::string answer;                  // as for ParseAnswer; empty: as a manager should
     uint64_t failFirst = 0;              // only so many rules get that answer; 0: all
     bool nft = false;                    // quarantine is made real

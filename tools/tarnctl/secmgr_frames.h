@@ -34,8 +34,10 @@ class SecmgrFrames {
 
     [[nodiscard]] Result Next(SecmgrRequest& request);
 
-    // Bytes that belong to no whole request yet.
-    [[nodiscard]] std::size_t Waiting() const { return m_bytes.size(); }
+    // Bytes that belong to no whole request yet, or to none at all; they stay until the next call.
+    [[nodiscard]] std::span<const std::byte> Waiting() const {
+        return std::as_bytes(std::span(m_bytes));
+    }
 
     [[nodiscard]] const std::string& Error() const { return m_error; }
 

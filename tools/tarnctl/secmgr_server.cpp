@@ -6,11 +6,11 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <iterator>
+#include <utility>
 #include <vector>
 
-#include "tarnctl/counted.h"
+#include "tarnctl/failure_text.h"
 
 namespace tarnctl {
 namespace {
@@ -28,7 +28,7 @@ SecmgrServer::~SecmgrServer() {
 std::string SecmgrServer::Open(const std::string& path) {
     std::string reason = m_socket.Open(path, SOCK_STREAM | SOCK_NONBLOCK);
     if (reason.empty() && listen(m_socket.Descriptor(), kBacklog) != 0) {
-        reason = path + ": " + std::strerror(errno);
+        reason = FailureText(path, errno);
     }
     return reason;
 }
@@ -55,7 +55,7 @@ SecmgrServer::Result SecmgrServer::FromWhatIsThere(SecmgrRequest& request) {
                 m_asked = true;
                 return Result::kRequest;
             case SecmgrFrames::Result::kMalformed:
-                m_error = client->frames.Error();
+                KeepMalformed(*client, client->frames.Error());
                 Close(client);
                 return Result::kMalformed;
             case SecmgrFrames::Result::kNeedsMore:
@@ -65,14 +65,22 @@ SecmgrServer::Result SecmgrServer::FromWhatIsThere(SecmgrRequest& request) {
             ++client;
             continue;
         }
-        const std::size_t waiting = client->frames.Waiting();
+        const bool endedWithin = !client->frames.Waiting().empty();
+        if (endedWithin) {
+            KeepMalformed(*client, "the connection ended within it");
+        }
         client = Close(client);
-        if (waiting > 0) {
-            m_error = "the connection ended after " + Counted(waiting, "byte") + " of a request";
+        if (endedWithin) {
             return Result::kMalformed;
         }
     }
     return Result::kNothing;
+}
+
+void SecmgrServer::KeepMalformed(const Client& client, std::string reason) {
+    const std::span<const std::byte> bytes = client.frames.Waiting();
+    m_error = std::move(reason);
+    m_malformed.assign(bytes.begin(), bytes.end());
 }
 
 void SecmgrServer::Wait(std::chrono::milliseconds time) {

@@ -8,7 +8,9 @@
 #include <chrono>
 #include <cstddef>
 #include <list>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "tarnctl/secmgr_answer.h"
 #include "tarnctl/secmgr_frames.h"
@@ -21,7 +23,7 @@ class SecmgrServer {
     enum class Result {
         kNothing,    // nothing came within the time, or something that is no whole request yet
         kRequest,    // to be answered with Answer()
-        kMalformed,  // a connection was closed for what Error() tells
+        kMalformed,  // a connection was closed for what Error() and Malformed() tell
     };
 
     SecmgrServer() = default;
@@ -40,6 +42,8 @@ class SecmgrServer {
     bool Answer(const SecmgrAnswer& answer);
 
     [[nodiscard]] const std::string& Error() const { return m_error; }
+    // What had come of it and was not taken out.
+    [[nodiscard]] std::span<const std::byte> Malformed() const { return m_malformed; }
     [[nodiscard]] std::size_t Connections() const { return m_clients.size(); }
 
   private:
@@ -51,6 +55,7 @@ class SecmgrServer {
     using Clients = std::list<Client>;
 
     [[nodiscard]] Result FromWhatIsThere(SecmgrRequest& request);
+    void KeepMalformed(const Client& client, std::string reason);
     void Wait(std::chrono::milliseconds time);
     void Accept();
     // False when the connection has ended.
@@ -61,6 +66,7 @@ class SecmgrServer {
     Clients m_clients;     // the one that was served last is the last
     bool m_asked = false;  // the last client has a request to be answered
     std::string m_error;
+    std::vector<std::byte> m_malformed;
 };
 
 }  // namespace tarnctl

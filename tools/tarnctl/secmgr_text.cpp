@@ -41,8 +41,9 @@ std::string OutcomeAsLine(const SecmgrOutcome& outcome, time_t now) {
     return line;
 }
 
-std::string OutcomeAsJson(const SecmgrOutcome& outcome) {
-    return Json{{"flags", outcome.request.flags},
+std::string OutcomeAsJson(const SecmgrOutcome& outcome, time_t now) {
+    return Json{{"time", now},
+                {"flags", outcome.request.flags},
                 {"issueId", outcome.request.issueId},
                 {"rule", TextAsJson(outcome.request.text)},
                 {"parts", outcome.isRule ? PartsAsJson(outcome.parts) : Json()},
@@ -52,12 +53,8 @@ std::string OutcomeAsJson(const SecmgrOutcome& outcome) {
         .dump();
 }
 
-std::string MalformedRequestAsJson(const std::string& reason) {
-    return Json{{"malformed", reason}}.dump();
-}
-
 std::string RuleInForceAsLine(const RuleInForce& rule, time_t now) {
-    return "issue " + std::to_string(rule.issueId) + "  " +
+    return "SID " + std::to_string(rule.issueId) + "  " +
            std::to_string(rule.parts.expiration - now) + " s left  asked for " +
            Counted(rule.asked, "time") + "  " + rule.text;
 }

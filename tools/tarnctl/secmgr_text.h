@@ -24,16 +24,13 @@ struct SecmgrOutcome {
     std::string reason;  // why it was not accepted
 };
 
-// Local time, what became of it, issue, flags and rule. No line end.
+// Local time, what became of it, SID, flags and rule. No line end.
 [[nodiscard]] std::string OutcomeAsLine(const SecmgrOutcome& outcome, time_t now);
 
-// Flags, issue ID, rule text and its parts; the answer, and why. No line end.
-[[nodiscard]] std::string OutcomeAsJson(const SecmgrOutcome& outcome);
+// Time, flags, issue ID, rule text and its parts; the answer, and why. No line end.
+[[nodiscard]] std::string OutcomeAsJson(const SecmgrOutcome& outcome, time_t now);
 
-// A request that is none. No line end.
-[[nodiscard]] std::string MalformedRequestAsJson(const std::string& reason);
-
-// A rule in force: signature, seconds left, how often it was asked for, text.
+// A rule in force: SID, seconds left, how often it was asked for, text.
 [[nodiscard]] std::string RuleInForceAsLine(const RuleInForce& rule, time_t now);
 
 }  // namespace tarnctl

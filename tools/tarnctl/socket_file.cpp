@@ -5,7 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+
+#include "tarnctl/failure_text.h"
 
 namespace tarnctl {
 namespace {
@@ -26,23 +27,24 @@ int Probe(const sockaddr_un& address, int type) {
 }
 
 // Removes a name that a receiver left behind. Returns an empty string when the name is free.
-std::string MakeWay(const sockaddr_un& address, int type) {
+std::string MakeWay(const std::string& path, const sockaddr_un& address, int type) {
     struct stat file = {};
-    if (lstat(address.sun_path, &file) != 0) {
+    if (lstat(path.c_str(), &file) != 0) {
         const int error = errno;
-        return error == ENOENT ? "" : std::strerror(error);
+        return error == ENOENT ? "" : FailureText(path, error);
     }
     if (!S_ISSOCK(file.st_mode)) {
-        return "is there already and is no socket";
+        return path + ": is there already and is no socket; move it away first";
     }
+    // Who gets EPROTOTYPE has found a receiver too, of another kind of socket.
     const int error = Probe(address, type);
-    if (error == 0) {
-        return "another receiver is there already";
+    if (error == 0 || error == EPROTOTYPE) {
+        return path + ": another receiver is there already; stop it first";
     }
     if (error != ECONNREFUSED) {
-        return std::strerror(error);
+        return FailureText(path, error);
     }
-    return unlink(address.sun_path) == 0 ? "" : std::strerror(errno);
+    return unlink(path.c_str()) == 0 ? "" : FailureText(path, errno);
 }
 
 }  // namespace
@@ -63,16 +65,16 @@ std::string SocketFile::Open(const std::string& path, int type) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof(address.sun_path)) {
-        return path + ": " + std::strerror(ENAMETOOLONG);
+        return FailureText(path, ENAMETOOLONG);
     }
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    const std::string obstacle = MakeWay(address, type);
+    std::string obstacle = MakeWay(path, address, type);
     if (!obstacle.empty()) {
-        return path + ": " + obstacle;
+        return obstacle;
     }
     const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
     if (fd == -1) {
-        return path + ": " + std::strerror(errno);
+        return FailureText(path, errno);
     }
     // The mode set before the name is made is the one that the file gets.
     if (fchmod(fd, kForItsUserOnly) != 0 ||
@@ -80,7 +82,7 @@ std::string SocketFile::Open(const std::string& path, int type) {
         lstat(path.c_str(), &m_file) != 0) {
         const int error = errno;
         close(fd);
-        return path + ": " + std::strerror(error);
+        return FailureText(path, error);
     }
     m_fd = fd;
     m_path = path;

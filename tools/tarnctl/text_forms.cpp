@@ -65,4 +65,18 @@ std::string Base64(std::span<const std::byte> bytes) {
     return text;
 }
 
+std::string HexDigits(std::span<const std::byte> bytes) {
+    std::string text;
+    for (const std::byte byte : bytes) {
+        std::array<char, 4> digits = {};
+        std::snprintf(digits.data(), digits.size(), " %02x", std::to_integer<unsigned>(byte));
+        text += digits.data();
+    }
+    return text;
+}
+
+std::string MalformedAsJson(const std::string& reason, std::span<const std::byte> bytes) {
+    return nlohmann::ordered_json{{"malformed", reason}, {"bytes", Base64(bytes)}}.dump();
+}
+
 }  // namespace tarnctl

@@ -25,4 +25,11 @@ namespace tarnctl {
 // RFC 4648, with padding.
 [[nodiscard]] std::string Base64(std::span<const std::byte> bytes);
 
+// A blank and two hexadecimal digits for each byte.
+[[nodiscard]] std::string HexDigits(std::span<const std::byte> bytes);
+
+// What came and was not what it should be: the reason, and the bytes in base64. No line end.
+[[nodiscard]] std::string MalformedAsJson(const std::string& reason,
+                                          std::span<const std::byte> bytes);
+
 }  // namespace tarnctl

@@ -1,7 +1,5 @@
 #include "tarnctl/text_message.h"
 
-#include <array>
-#include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <string_view>
@@ -78,21 +76,6 @@ std::string TextMessageAsJson(const TextMessage& message) {
         {"text", TextAsJson(message.text)},
     }
         .dump();
-}
-
-std::string StrangeDatagramAsLine(const std::string& reason, std::span<const std::byte> bytes) {
-    std::string line =
-        "malformed message of " + Counted(bytes.size(), "byte") + " skipped: " + reason + ":";
-    for (const std::byte byte : bytes) {
-        std::array<char, 4> digits = {};
-        std::snprintf(digits.data(), digits.size(), " %02x", std::to_integer<unsigned>(byte));
-        line += digits.data();
-    }
-    return line;
-}
-
-std::string StrangeDatagramAsJson(const std::string& reason, std::span<const std::byte> bytes) {
-    return Json{{"malformed", reason}, {"bytes", Base64(bytes)}}.dump();
 }
 
 }  // namespace tarnctl

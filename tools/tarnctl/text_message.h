@@ -28,12 +28,4 @@ struct TextMessage {
 // The three fields, the text as it came. No line end.
 [[nodiscard]] std::string TextMessageAsJson(const TextMessage& message);
 
-// A datagram that is no message: the reason and all its bytes, as pairs of hexadecimal digits.
-[[nodiscard]] std::string StrangeDatagramAsLine(const std::string& reason,
-                                                std::span<const std::byte> bytes);
-
-// The same as JSON, with the bytes in base64. No line end.
-[[nodiscard]] std::string StrangeDatagramAsJson(const std::string& reason,
-                                                std::span<const std::byte> bytes);
-
 }  // namespace tarnctl

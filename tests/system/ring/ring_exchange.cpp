@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -107,6 +106,15 @@ bool PeerReads(const std::string& path, std::uint32_t messages) {
 
 using Side = bool (*)(const std::string& path, std::uint32_t messages);
 
+[[noreturn]] void RunAndExit(Side side, const std::string& path, std::uint32_t messages) {
+    try {
+        _exit(side(path, messages) ? 0 : 1);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        _exit(1);
+    }
+}
+
 // Runs each side in a process of its own and returns whether both ended well. A side that fails
 // leaves the other one waiting, so the first to end decides for both.
 bool Exchange(const char* title, Side writer, Side reader, std::uint32_t messages) {
@@ -114,26 +122,30 @@ bool Exchange(const char* title, Side writer, Side reader, std::uint32_t message
         std::filesystem::temp_directory_path() / ("ring-exchange-" + std::to_string(getpid()));
     const auto start = std::chrono::steady_clock::now();
     bool sound = ShmEventPipe(WRITER, path, kFileSize).Create();
-    pid_t children[2] = {};
-    const Side sides[2] = {writer, reader};
-    for (int i = 0; i < 2; ++i) {
-        children[i] = fork();
-        if (children[i] == 0) {
-            try {
-                _exit(sides[i](path, messages) ? 0 : 1);
-            } catch (const std::exception& error) {
-                std::fprintf(stderr, "%s\n", error.what());
-                _exit(1);
-            }
+    std::vector<pid_t> running;
+    for (const Side side : {writer, reader}) {
+        const pid_t child = sound ? fork() : -1;
+        if (child == 0) {
+            RunAndExit(side, path, messages);
+        }
+        sound = child > 0;
+        if (sound) {
+            running.push_back(child);
         }
     }
-    for (int ended = 0; ended < 2; ++ended) {
+    while (!running.empty()) {
+        if (!sound) {
+            for (const pid_t child : running) {
+                kill(child, SIGKILL);
+            }
+        }
         int status = 0;
         const pid_t child = waitpid(-1, &status, 0);
-        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-            sound = false;
-            kill(child == children[0] ? children[1] : children[0], SIGKILL);
+        if (child == -1) {
+            return false;
         }
+        std::erase(running, child);
+        sound = sound && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     }
     std::filesystem::remove(path);
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;

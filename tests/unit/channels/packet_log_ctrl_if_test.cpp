@@ -128,26 +128,26 @@ TEST_F(PacketLogCtrlIF, DoesNotLoseASocketThatCameAsDescriptorZero) {
 }
 
 TEST_F(PacketLogCtrlIF, ReportsThatThereIsNoSocketToHave) {
-    EXPECT_THAT(LevelledMessages([this] {
-                    rlimit former{};
-                    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &former));
-                    const int next = dup(STDERR_FILENO);
-                    close(next);
-                    const rlimit none{static_cast<rlim_t>(next), former.rlim_max};
-                    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-                    const int opened = m_control->OpenControlChannel();
-                    const int initialized = m_control->Initialize();
-                    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &former));
-                    EXPECT_EQ(-1, opened);
-                    EXPECT_EQ(-1, initialized);
-                    EXPECT_EQ(0, Peer::Socket(*m_control));
-                }),
-                ElementsAre("1 socket() failed trying to initialize the control channel to the "
-                            "daemon..  errno=24",
-                            "1 socket() error: Too many open files",
-                            "1 socket() failed trying to initialize the control channel to the "
-                            "daemon..  errno=24",
-                            "1 socket() error: Too many open files"));
+    EXPECT_THAT(
+        LevelledMessages([this] {
+            rlimit former{};
+            ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &former));
+            const int next = dup(STDERR_FILENO);
+            close(next);
+            const rlimit none{static_cast<rlim_t>(next), former.rlim_max};
+            ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+            const int opened = m_control->OpenControlChannel();
+            const int initialized = m_control->Initialize();
+            ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &former));
+            EXPECT_EQ(-1, opened);
+            EXPECT_EQ(-1, initialized);
+            EXPECT_EQ(0, Peer::Socket(*m_control));
+        }),
+        ElementsAre(
+            "1 socket() failed trying to initialize the control channel to the daemon..  errno=24",
+            "1 socket() error: Too many open files",
+            "1 socket() failed trying to initialize the control channel to the daemon..  errno=24",
+            "1 socket() error: Too many open files"));
 }
 
 TEST_F(PacketLogCtrlIF, WithoutASocketFailsAndLeavesDescriptorZeroAlone) {
@@ -174,10 +174,10 @@ TEST_F(PacketLogCtrlIF, InitializeOpensSizesAndGreets) {
         ASSERT_EQ(0,
                   getsockopt(Peer::Socket(*m_control), SOL_SOCKET, SO_SNDBUF, &adjusted, &bytes));
     });
-    EXPECT_THAT(log, ElementsAre("5 Log evidence throttling set to to 5 seconds.",
-                                 "5 After adjustment, the log evidnece control channel size was "
-                                 "set to " +
-                                     std::to_string(adjusted) + "."));
+    EXPECT_THAT(
+        log, ElementsAre("5 Log evidence throttling set to to 5 seconds.",
+                         "5 After adjustment, the log evidnece control channel size was set to " +
+                             std::to_string(adjusted) + "."));
     EXPECT_THAT(daemon.TakeTypes(), ElementsAre(1, 1)) << "each run greets, on the one socket";
 }
 
@@ -187,17 +187,44 @@ TEST_F(PacketLogCtrlIF, InitializeGoesOnWithABufferThatCannotBeSized) {
     const auto log = LevelledMessages([this] { EXPECT_EQ(0, m_control->Initialize()); });
     ASSERT_GE(log.size(), 2U);
     EXPECT_EQ(
-        "5 Failed setting log evidence control channel size to 262142.  System will operate "
-        "normally.",
+        "5 Failed setting log evidence control channel size to 262142.  System will operate normally.",
         log[1]);
+}
+
+TEST_F(PacketLogCtrlIF, InitializeThatIsDisabledLeavesDescriptorZeroAlone) {
+    int ends[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends));
+    const auto size = [&ends] {
+        int bytes = 0;
+        socklen_t length = sizeof(bytes);
+        EXPECT_EQ(0, getsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &bytes, &length));
+        return bytes;
+    };
+    ASSERT_EQ(1, m_control->SetIntParameter("engine.logevidence.bufferctrlsize", 6000));
+    m_control->m_bEnabled = false;
+    const int before = size();
+    const int standardInput = dup(STDIN_FILENO);
+    dup2(ends[0], STDIN_FILENO);
+    EXPECT_THAT(
+        LevelledMessages([this] { EXPECT_EQ(0, m_control->Initialize()); }),
+        ElementsAre(
+            "3 Protection is disabled, so not initializing the control channel to the packet logging daemon.",
+            "5 Log evidence throttling set to to 5 seconds.",
+            "5 Failed setting log evidence control channel size to 6000.  System will operate normally."));
+    dup2(standardInput, STDIN_FILENO);
+    EXPECT_EQ(before, size());
+    for (const int fd : {standardInput, ends[0], ends[1]}) {
+        close(fd);
+    }
 }
 
 TEST_F(PacketLogCtrlIF, ThatIsDisabledSendsAndOpensNothing) {
     const PacketLogDaemon daemon(Path());
     m_control->m_bEnabled = false;
-    EXPECT_THAT(LevelledMessages([this] { EXPECT_EQ(0, m_control->OpenControlChannel()); }),
-                ElementsAre("3 Protection is disabled, so not initializing the control channel to "
-                            "the packet logging daemon."));
+    EXPECT_THAT(
+        LevelledMessages([this] { EXPECT_EQ(0, m_control->OpenControlChannel()); }),
+        ElementsAre(
+            "3 Protection is disabled, so not initializing the control channel to the packet logging daemon."));
     EXPECT_EQ(0, Peer::Socket(*m_control));
     m_control->m_bEnabled = true;
     Open();
@@ -233,9 +260,10 @@ TEST_F(PacketLogCtrlIF, SendsALengthOf128WithoutAnyZeros) {
 TEST_F(PacketLogCtrlIF, RefusesALengthOf129AndDoesNotCountIt) {
     Open();
     const PacketLogDaemon daemon(Path());
-    EXPECT_THAT(LevelledMessages([this] { EXPECT_EQ(-1, Send(14, 0, 129)); }),
-                ElementsAre("1 Message type 14 not being sent.  It exceeds the allowable length of "
-                            "128 by 1 bytes."));
+    EXPECT_THAT(
+        LevelledMessages([this] { EXPECT_EQ(-1, Send(14, 0, 129)); }),
+        ElementsAre(
+            "1 Message type 14 not being sent.  It exceeds the allowable length of 128 by 1 bytes."));
     EXPECT_EQ(0U, m_control->m_uAttempted);
     EXPECT_THAT(daemon.TakeTypes(), IsEmpty());
 }
@@ -260,11 +288,11 @@ TEST_F(PacketLogCtrlIF, SendsAPayloadWithType4Alone) {
 
 TEST_F(PacketLogCtrlIF, TriesEachMessageTwice) {
     Open();
-    EXPECT_THAT(LevelledMessages([this] { EXPECT_EQ(ENOENT, Send(2, 0)); }),
-                ElementsAre("5 Error sending control message of type 2 to the packet logging "
-                            "daemon.  Message: No such file or directory",
-                            "5 Error sending control message of type 2 to the packet logging "
-                            "daemon.  Message: No such file or directory"));
+    EXPECT_THAT(
+        LevelledMessages([this] { EXPECT_EQ(ENOENT, Send(2, 0)); }),
+        ElementsAre(
+            "5 Error sending control message of type 2 to the packet logging daemon.  Message: No such file or directory",
+            "5 Error sending control message of type 2 to the packet logging daemon.  Message: No such file or directory"));
     EXPECT_EQ(2U, m_control->m_uAttempted) << "one for each of two runs";
     EXPECT_EQ(2U, m_control->m_uFailNewConnection);
 }

@@ -276,9 +276,11 @@ TEST_F(PacketLogSettings, ThatFailAreLoggedAsWarnings) {
             "Failed sending the DPC Enabled state change message to the packet logging daemon.",
             "Failed to send the RPC config change message to packet logging daemon.",
             "Failed to send the DPC config change message to packet logging daemon."));
-    EXPECT_THAT(log, Contains("5 Error sending control message of type 6 to the packet logging "
-                              "daemon.  Message: No such file or directory")
-                         .Times(2));
+    EXPECT_THAT(
+        log,
+        Contains(
+            "5 Error sending control message of type 6 to the packet logging daemon.  Message: No such file or directory")
+            .Times(2));
 }
 
 TEST_F(PacketLogSettings, PutTheRollingInterfacesIntoTheMaskWhileTheyAreOn) {

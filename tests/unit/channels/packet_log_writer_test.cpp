@@ -73,13 +73,14 @@ TEST(PacketLogWriter, StartsWithoutInstanceAndPipe) {
 }
 
 TEST(PacketLogWriter, OpenPipeBeforeInitializeFails) {
-    EXPECT_EQ(LevelledMessages([] {
-                  PacketLogWriter writer;
-                  EXPECT_FALSE(writer.OpenPipe());
-                  EXPECT_EQ(writer.m_pPipe, nullptr);
-              }),
-              Lines{"1 Error Initializing the PacketLog Writer for instance 65535.  Initialize() "
-                    "wasn't called."});
+    EXPECT_EQ(
+        LevelledMessages([] {
+            PacketLogWriter writer;
+            EXPECT_FALSE(writer.OpenPipe());
+            EXPECT_EQ(writer.m_pPipe, nullptr);
+        }),
+        Lines{
+            "1 Error Initializing the PacketLog Writer for instance 65535.  Initialize() wasn't called."});
 }
 
 TEST(PacketLogWriter, WritePacketBeforeOpenPipeSendsNothing) {

@@ -319,8 +319,10 @@ TEST_F(RequestClientInterrupted, ReadsOnAfterAnyNumberOfInterruptions) {
     for (const bool asRecords : {false, true}) {
         m_client.Disconnect();
         m_peer.reset();
-        ConnectTo([](Session& session) {
+        std::promise<void> headerSent;
+        ConnectTo([&headerSent](Session& session) {
             session.SendWords(0, 4);
+            headerSent.set_value();
             session.AwaitTaken();
             const int before = s_interruptions;
             while (s_interruptions < before + 8) {
@@ -329,6 +331,7 @@ TEST_F(RequestClientInterrupted, ReadsOnAfterAnyNumberOfInterruptions) {
             session.Send({1, 2, 3, 4});
             session.StaySilent();
         });
+        headerSent.get_future().wait();  // or five interruptions might end the wait for it
         const Interruptions interruptions;
         EXPECT_TRUE(asRecords ? ReceiveRecords(1) : Receive());
         EXPECT_EQ(12U, m_size);

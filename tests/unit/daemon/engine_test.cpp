@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "logging/log.h"
+
 namespace {
 
 class EngineTest : public ::testing::Test {
@@ -94,17 +96,38 @@ TEST_F(EngineTest, VersionFollowsTheNameWithoutABlank) {
     EXPECT_EXIT((void)Parse({"-v"}), testing::ExitedWithCode(0), "tarn1.0.116.251\n");
 }
 
-int MainWithOption(std::string option) {
-    std::string name = "tarn";
+int MainWith(std::vector<std::string> words) {
+    words.insert(words.begin(), "tarn");
     std::vector<char*> argv;
-    argv.push_back(name.data());
-    argv.push_back(option.data());
+    for (std::string& word : words) {
+        argv.push_back(word.data());
+    }
     argv.push_back(nullptr);
-    return TarnEngine::Instance()->Main(2, argv.data());
+    return TarnEngine::Instance()->Main(static_cast<int>(words.size()), argv.data());
 }
 
 TEST_F(EngineTest, AnUnknownOptionFailsTheStartWithStatusFour) {
-    EXPECT_EXIT(exit(MainWithOption("-x")), testing::ExitedWithCode(4), "Unrecognized option: -x");
+    EXPECT_EXIT(exit(MainWith({"-x"})), testing::ExitedWithCode(4), "Unrecognized option: -x");
+}
+
+TEST_F(EngineTest, ATerminationSignalDuringTheStartEndsItWithStatusZeroAndWithoutTerminate) {
+    EXPECT_EXIT(
+        {
+            Application::s_term = 1;
+            exit(MainWith({}) + 1);
+        },
+        testing::ExitedWithCode(0),
+        "^Notice: tarn starting\nNotice: Termination signal received, exiting\\.\n$");
+}
+
+TEST_F(EngineTest, OnlyAHangupCountsAsOne) {
+    testing::internal::CaptureStderr();
+    vald::Log::SetLevel(vald::Log::kDebug);
+    TarnEngine::Instance()->OnHangup(SIGHUP, nullptr, nullptr);
+    TarnEngine::Instance()->OnHangup(SIGUSR1, nullptr, nullptr);
+    vald::Log::SetLevel(vald::Log::kNotice);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Debug: Received HUP signal\nDebug: Received signal 10\n");
 }
 
 }  // namespace

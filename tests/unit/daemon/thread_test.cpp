@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -104,6 +105,61 @@ TEST(ThreadStart, WorksAgainForAFinishedThreadThatNobodyJoined) {
     EXPECT_EQ(runs, 20);
 }
 
+// While this object lives no thread can be made: none gets a stack of this size.
+class NoNewThreads {
+  public:
+    NoNewThreads() {
+        pthread_getattr_default_np(&m_former);
+        pthread_attr_t huge;
+        pthread_attr_init(&huge);
+        pthread_attr_setstacksize(&huge, size_t{1} << 60);
+        pthread_setattr_default_np(&huge);
+        pthread_attr_destroy(&huge);
+    }
+    ~NoNewThreads() {
+        pthread_setattr_default_np(&m_former);
+        pthread_attr_destroy(&m_former);
+    }
+    NoNewThreads(const NoNewThreads&) = delete;
+    NoNewThreads& operator=(const NoNewThreads&) = delete;
+
+  private:
+    pthread_attr_t m_former{};
+};
+
+TEST(ThreadStart, ThatFailsOpensTheGateAndMayBeTriedAgain) {
+    ScriptedThread thread([] { return 5; });
+    {
+        const NoNewThreads none;
+        ASSERT_FALSE(thread.Start(true));
+    }
+    EXPECT_EQ(thread.Handle(), 0U);
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_FALSE(thread.IsFinished());
+    EXPECT_TRUE(thread.Join(nullptr)) << "a waiter on a detached thread does not hang";
+    ASSERT_TRUE(thread.Start(true));
+    while (!thread.IsFinished()) {
+        usleep(100);
+    }
+    EXPECT_EQ(thread.ExitCode(), 5);
+    ASSERT_TRUE(thread.Settle(kLongMs));
+}
+
+TEST(ThreadStart, KeepsRefusingAfterARestartThatFailed) {
+    ScriptedThread thread([] { return 5; });
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(nullptr));
+    {
+        const NoNewThreads none;
+        ASSERT_FALSE(thread.Start(false));
+    }
+    EXPECT_NE(thread.Handle(), 0U);
+    EXPECT_FALSE(thread.IsFinished());
+    EXPECT_FALSE(thread.AwaitBegun(kLongMs)) << "there is nothing to wait for";
+    EXPECT_FALSE(thread.Start(false));
+    EXPECT_TRUE(thread.Settle(0));
+}
+
 TEST(ThreadJoin, OfZeroMillisecondsFailsAtOnceOnARunningThread) {
     ScriptedThread* self = nullptr;
     ScriptedThread thread([&self] { return self->WaitForStop(); });
@@ -178,12 +234,9 @@ TEST(ThreadBody, ThatThrowsKeepsTheFormerExitCode) {
 }
 
 TEST(ThreadCancel, EndsTheThreadAndOpensTheGate) {
-    ScriptedThread thread([] {
-        for (;;) {
-            pause();
-        }
-        return 0;
-    });
+    ScriptedThread* self = nullptr;
+    ScriptedThread thread([&self] { return self->WaitForStop(); });
+    self = &thread;
     ASSERT_TRUE(thread.Start(false));
     ASSERT_TRUE(thread.AwaitBegun(kLongMs));
     thread.Cancel();
@@ -252,6 +305,18 @@ TEST(ThreadPriority, ReportsWhatTheSystemSays) {
     EXPECT_EQ(thread.SetPriority(1000), EINVAL);
     thread.Stop();
     ASSERT_TRUE(thread.Join(nullptr));
+}
+
+TEST(ThreadPriority, IsRefusedWithoutAThreadThatRuns) {
+    ScriptedThread thread([] { return 0; });
+    int priority = -1;
+    EXPECT_EQ(thread.SetPriority(1), ESRCH);
+    EXPECT_EQ(thread.GetPriority(&priority), ESRCH);
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(nullptr));
+    EXPECT_EQ(thread.SetPriority(1), ESRCH);
+    EXPECT_EQ(thread.GetPriority(&priority), ESRCH);
+    EXPECT_EQ(priority, -1);
 }
 
 }  // namespace

@@ -13,13 +13,23 @@
 #include <string>
 #include <vector>
 
+#include "channels/event_queue.h"
 #include "channels/shm_event_pipe.h"
 #include "events/crm_event_source.h"
 #include "golden_bytes.h"
 #include "independent_ring.h"
+#include "levelled_log.h"
 #include "log_capture.h"
 #include "private_channel.h"
 #include "report_samples.h"
+
+// Reaches what no operation shows.
+class CrmEventProducerPeer {
+  public:
+    static ShmReportCallback QueueReport(const CrmEventProducer& producer) {
+        return producer.m_queue->m_pfnLog;
+    }
+};
 
 namespace {
 
@@ -200,6 +210,19 @@ TEST_F(CrmEventProducerTest, ReportsArriveInTheFirstRingByteForByte) {
 TEST_F(CrmEventProducerTest, DispatchOnAClosedChannelGivesTheProducersResult) {
     const CrmEventSource source = samples::Minimal();
     EXPECT_EQ(1, source.Dispatch(m_producer.get()));
+}
+
+TEST_F(CrmEventProducerTest, QueueReportsGoToTheLogAtTheLevelsOfTheLog) {
+    ASSERT_EQ(0, m_producer->Open(m_channel.Id()));
+    const ShmReportCallback report = CrmEventProducerPeer::QueueReport(*m_producer);
+    ASSERT_NE(nullptr, report);
+    const auto lines = LevelledMessages([&] {
+        for (const int64_t level : {0, 1, 2, 3, 4, 5, 6, 1000}) {
+            EXPECT_EQ(1, report("Class", "Method", level, "report %d", static_cast<int>(level)));
+        }
+    });
+    EXPECT_THAT(lines, testing::ElementsAre("1 report 1", "2 report 2", "3 report 3", "3 report 4",
+                                            "5 report 5", "5 report 6", "5 report 1000"));
 }
 
 const std::vector<std::string> kDump = {

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -14,6 +15,7 @@
 
 #include "bridge_fixture.h"
 #include "events/crm_event_producer.h"
+#include "levelled_log.h"
 #include "logging/cancellation.h"
 
 namespace {
@@ -210,6 +212,56 @@ TEST_F(EventBridgeTest, KeepsSendingUnqueuedInMultipleThreadMode) {
     EXPECT_THAT(log.Messages(),
                 ElementsAre("Request unqueued event processing while multi-threading is enabled."));
     EXPECT_EQ(1u, Reports().size());
+}
+
+// --- the log ----------------------------------------------------------------------------------
+
+TEST_F(EventBridgeTest, EveryMessageHasItsLevel) {
+    const auto lines = LevelledMessages([this] {
+        TestAlert refused(kKnown);
+        refused.m_refusesReport = true;
+        EXPECT_EQ(-1, m_bridge->ProcessEvent(&refused));
+        EXPECT_EQ(-1, m_bridge->SendEvent(&refused));
+        EXPECT_EQ(-1, m_bridge->EnqueueEvent(&refused));
+        EXPECT_EQ(-1, m_bridge->ProcessEventQueue(1, 0));
+        InitializeForThreads();
+        EXPECT_EQ(0, m_bridge->Initialize());
+        EXPECT_EQ(-1, m_bridge->SendEvent(nullptr));
+        EXPECT_EQ(-2, m_bridge->SendEvent(&refused));
+        EXPECT_EQ(1, m_bridge->EnqueueEvent(nullptr));
+        EnqueueOneThatFails();
+        EXPECT_EQ(0, m_bridge->ProcessEventQueue(1, 0));
+        Enqueue(1);
+        m_bridge->Finalize();
+        InitializeForOneThread();
+        EXPECT_EQ(-1, m_bridge->EnqueueEvent(&refused));
+        EXPECT_EQ(-1, m_bridge->ProcessEventQueue(1, 0));
+        m_bridge->Finalize();
+    });
+    std::vector<std::string> own;
+    std::copy_if(lines.begin(), lines.end(), std::back_inserter(own), [](const std::string& line) {
+        return line.find("PacketLogCtrlIF") == std::string::npos;
+    });
+    EXPECT_THAT(
+        own,
+        ElementsAre(
+            "1 EventBridge::ProcessEvent() is called before Initialized().",
+            "1 EventBridge::SendEvent() is called before Initialize().",
+            "1 EventBridge::EnqueueEvent() is called before Initialize().",
+            "1 EventBridge::ProcessEventQueue() is called before Initialize().",
+            "5 Initializing EventBridge.", "5 EventBridge is initialized for multiple thread mode.",
+            "5 EventBridge::Initialize() is called but was already initialized.",
+            "3 Request unqueued event processing while multi-threading is enabled.",
+            "2 Ignoring NULL event from sending to CRM.",
+            "3 Request unqueued event processing while multi-threading is enabled.",
+            "2 EventBridge failed to create CrmEventSource instance from U2AlertEvent.",
+            "2 EventBridge failed to process event.", "2 Ignoring NULL event from enqueuing.",
+            "2 EventBridge failed to create CrmEventSource instance from U2AlertEvent.",
+            "2 EventBridge failed to process queued event.",
+            "3 EventBridge drops 1 queued events during finalizing.", "5 Initializing EventBridge.",
+            "5 EventBridge is initialized for single thread mode.",
+            "1 Attempt to access EventBridge event queue while multi-threading is disabled.",
+            "1 Attempt to access EventBridge event queue while multithreading is disabled."));
 }
 
 // --- the ring ---------------------------------------------------------------------------------

@@ -11,6 +11,7 @@
 
 #include "bridge_fixture.h"
 #include "config/event_rule_node.h"
+#include "levelled_log.h"
 #include "stream_peer.h"
 
 namespace {
@@ -133,8 +134,7 @@ class QuarantinePolicy : public EventBridgeFixture {
                          }};
 };
 
-// --- every combination of bits against every kind of event
-// ----------------------------------------
+// --- every combination of bits against every kind of event --------------------------------------
 
 // What the block rules say, in their own words: the bits, and what each puts into the rule.
 constexpr uint32_t kIntruderAddress = 0x001;
@@ -293,8 +293,7 @@ TEST_P(QuarantineCombination, FollowsTheTableForEachSetOfBits) {
 INSTANTIATE_TEST_SUITE_P(Kinds, QuarantineCombination, testing::ValuesIn(kKinds),
                          [](const auto& kind) { return std::string(kind.param.name); });
 
-// --- one event
-// ------------------------------------------------------------------------------------
+// --- one event ----------------------------------------------------------------------------------
 
 TEST_F(QuarantinePolicy, SendsFlagsIssueAndText) {
     const std::unique_ptr<CrmEventSource> source(MakeSource(4, 6));
@@ -312,6 +311,42 @@ TEST_F(QuarantinePolicy, SendsFlagsIssueAndText) {
     EXPECT_EQ(0, std::memcmp(frame.data(), words.data(), 16));
     EXPECT_EQ(text, TextOf(frame));
     EXPECT_EQ(0, frame.back());
+}
+
+TEST_F(QuarantinePolicy, EveryMessageHasItsLevel) {
+    const std::unique_ptr<CrmEventSource> tcp(MakeSource(4, 6));
+    const std::unique_ptr<CrmEventSource> icmp(MakeSource(6, 1));
+    Answer({3});
+    BlockRule rule;
+    const auto lines = LevelledMessages([&] {
+        rule.flags = kIntruderSubnet | kVictimSubnet | kIssueId;
+        EXPECT_EQ(-1, ByRule(*tcp, rule));  // refused by the manager
+        rule.flags = kIcmpType;
+        EXPECT_EQ(1, ByRule(*tcp, rule));
+        EXPECT_EQ(-1, ByRule(*icmp, rule));  // the protocol of the other version
+        rule.flags = kVictimPort;
+        EXPECT_EQ(1, ByRule(*icmp, rule));
+    });
+    Lines own;
+    for (const std::string& line : lines) {
+        for (const char* const start : {"Quarantine by", "Don't", "Ignoring", "Block", "Fail to"}) {
+            if (line.substr(2).starts_with(start)) {
+                own.push_back(line.substr(0, line.find('.')));
+            }
+        }
+    }
+    EXPECT_THAT(own, ElementsAre("5 Quarantine by rule: 0x01c0",
+                                 "3 Don't know how to deal with quarantine-intruder-subnet",
+                                 "3 Don't know how to deal with quarantine-victim-subnet",
+                                 "5 Ignoring issue ID blocking for Snort event",
+                                 "3 Block duration is not assigned",
+                                 "1 Fail to add quarantine rule ip intruder addr 10",
+                                 "5 Quarantine by rule: 0x0010",
+                                 "5 Ignoring invalid block rule (0x0010) for non-ICMP event (6)",
+                                 "5 Quarantine by rule: 0x0010", "3 Block duration is not assigned",
+                                 "1 Fail to construct quarantine rule string",
+                                 "5 Quarantine by rule: 0x0008",
+                                 "5 Ignoring invalid block rule (0x0008) for ICMP event (1)"));
 }
 
 TEST_F(QuarantinePolicy, IntruderAddressWithoutADurationEndsAnHourAfterTheEvent) {
@@ -423,8 +458,7 @@ TEST_F(QuarantinePolicy, ConnectionStaysFromRuleToRule) {
     EXPECT_EQ(1, std::count(lines.begin(), lines.end(), "DbtComm opened command channel."));
 }
 
-// --- oddities
-// -------------------------------------------------------------------------------------
+// --- oddities -----------------------------------------------------------------------------------
 
 TEST_F(QuarantinePolicy, KeepsShowingTheConfiguredFlagsOfAnInvalidRule) {
     const std::unique_ptr<CrmEventSource> source(MakeSource(4, 6));

@@ -177,7 +177,7 @@ TEST_F(SysLogWrite, HoldsSignalsAndCancelsBackWhileItIsInTheSystemLog) {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
     });
     SysLog::GetInstance()->Error("text");
-    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR2}) {
         EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
     }
     EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0);

@@ -186,8 +186,7 @@ TEST_F(DbtCommAddQuarantineRules, AbortsWhenTheManagerIsNotThere) {
             Lines{"1 DbtComm command channel cannot to opened.", kSendFails[1]} + kWillRetry +
             Lines{"3 DbtComm attempts to close command channel but it was not opened."} +
             openFails +
-            Lines{"1 DbtComm aborts retry because command channel cannot to "
-                  "reopened."}));
+            Lines{"1 DbtComm aborts retry because command channel cannot to reopened."}));
 }
 
 TEST_F(DbtCommAddQuarantineRules, GivesUpWhenTheManagerStaysSilentTwice) {
@@ -412,7 +411,8 @@ TEST_F(DbtCommOpen, FailsWithoutAManager) {
 TEST_F(DbtCommOpen, PassesTheClientsReportsToTheLogUnchanged) {
     const Lines log = LevelledMessages([&] {
         StreamPeer peer(m_path, [](Session& session) {
-            session.Read(9);  // both sends are done, and what is left unread makes the close a reset
+            session.Read(
+                9);  // both sends are done, and what is left unread makes the close a reset
             session.Send({1, 2, 3, 4});
         });
         DbtComm channel(m_path, kPlentyOfTime);

@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "bound_socket.h"
 #include "crm_message_socket.h"
 #include "logging/cancellation.h"
 #include "unit/snort/error_fifo.h"
@@ -88,9 +89,10 @@ TEST_F(SnortErrorReaderProcess, DescribesAnErrorInTheRulesByTheRule) {
               "ERROR in SNORT rule. SID: 1000012, Msg: \"Bad thing\",  Reason: unknown option\n");
     EXPECT_TRUE(m_reader->IsError());
     EXPECT_EQ(m_log.Count("[SNORT ERROR] SnortHandler::Process: Error in rules file"), 1);
-    EXPECT_EQ(m_log.Count("[SNORT ERROR] SnortHandler::Process: Rule error found - SID: 1000012, "
-                          "MSG: 'Bad thing', Error: 'unknown option"),
-              1);
+    EXPECT_EQ(
+        m_log.Count(
+            "[SNORT ERROR] SnortHandler::Process: Rule error found - SID: 1000012, MSG: 'Bad thing', Error: 'unknown option"),
+        1);
 }
 
 TEST_F(SnortErrorReaderProcess, DescribesAnErrorInTheRulesWithoutTheRuleWhenItIsNotFound) {
@@ -104,6 +106,14 @@ TEST_F(SnortErrorReaderProcess, DescribesAnErrorInTheRulesWithoutTheRuleWhenItIs
     EXPECT_EQ(
         m_log.Count("[SNORT ERROR] SnortHandler::Process: Cannot find rule SID by line number 12"),
         2);
+}
+
+TEST_F(SnortErrorReaderProcess, KeepsARuleFileThatCannotBeOpenedForARuleWithEmptyPlaces) {
+    const BoundSocket rules(SOCK_STREAM, m_fifo.m_rules);  // is there, and no user can open it
+    m_reader->Process(kRulesError + "(12) unknown option\n");
+    EXPECT_EQ(m_reader->Message(),
+              "ERROR in SNORT rule. SID: , Msg: \"\",  Reason: unknown option\n");
+    EXPECT_TRUE(m_reader->IsError());
 }
 
 TEST_F(SnortErrorReaderProcess, KeepsSnortsOwnWordsForAMissingInterface) {

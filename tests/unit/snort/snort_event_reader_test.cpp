@@ -424,6 +424,21 @@ TEST_F(SnortEventReaderHandOver, DumpsTheAlertBeforeAtTheDebugLevelOnly) {
     EXPECT_EQ(m_log.Count("Sending event to event bridge"), 1);
 }
 
+TEST_F(SnortEventReaderHandOver, SaysOnlyTheRefusalBelowTheDebugLevel) {
+    vald::Log::SetLevel(vald::Log::kNotice);
+    Config::s_logLevel = vald::Log::kNotice;
+    SendAlert(1);
+    Send(Packet{.eventId = 1});
+    Send(ExtraData{.eventId = 1});
+    QuietSecond();
+    StopSensor();
+    EXPECT_FALSE(m_reader->ReadEvent(10));  // end of file
+    const std::vector<std::string> lines = {
+        "Creating FIFO: " + m_path,  // before the level was set
+        "EventBridge::ProcessEvent() is called before Initialized().", "Unable to process event."};
+    EXPECT_EQ(Lines(), lines);
+}
+
 TEST_F(SnortEventReaderHandOver, BridgeOwnsTheAlertsThatItTakes) {
     const PrivateChannel channel;
     Config::s_debugSingle = 0;
@@ -440,11 +455,21 @@ TEST_F(SnortEventReaderHandOver, BridgeOwnsTheAlertsThatItTakes) {
 }
 
 TEST_F(SnortEventReaderHandOver, HoldsAReferenceOfTheBridgeForItsLife) {
+    const PrivateChannel channel;
+    Config::s_debugSingle = 0;
+    // A new instance is not initialised, so the result tells it from the one that was kept.
+    const auto initialised = [] {
+        EventBridge* bridge = EventBridge::GetInstance();
+        const int result = bridge->ProcessEventQueue(0, 0);
+        bridge->Release();
+        return result == 0;
+    };
     EventBridge* bridge = EventBridge::GetInstance();
+    ASSERT_EQ(bridge->Initialize(), 0);
     bridge->Release();
-    // The reader's own reference keeps it: the same instance, not a new one.
-    EXPECT_EQ(EventBridge::GetInstance(), bridge);
-    bridge->Release();
+    EXPECT_TRUE(initialised());
+    m_reader.reset();
+    EXPECT_FALSE(initialised());
 }
 
 // ---- The singleton ----

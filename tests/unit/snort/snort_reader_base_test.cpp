@@ -222,6 +222,18 @@ TEST_F(SnortReaderBaseWaitReadable, KeepsClosingTheFifoWhenASignalInterrupts) {
     close(m_writer);
 }
 
+TEST_F(SnortReaderBaseTest, SaysNothingOfTheUsualBelowTheDebugLevel) {
+    vald::Log::SetLevel(vald::Log::kNotice);
+    auto reader = OpenedReader();
+    EXPECT_TRUE(reader->CreateFifo());
+    {
+        const Interruptions interruptions;
+        EXPECT_EQ(reader->WaitReadable(60), -1);
+    }
+    EXPECT_TRUE(m_log.Lines().empty());
+    close(m_writer);
+}
+
 TEST_F(SnortReaderBaseWaitReadable, LogsAnyOtherFailureAndCloses) {
     auto reader = OpenedReader();
     const int fd = reader->Fd();

@@ -34,14 +34,15 @@ class AlertFifoTest : public testing::Test {
 TEST_F(AlertFifoTest, SaysThatTheFifoIsMissing) {
     AlertFifo fifo(m_path, m_limits);
     EXPECT_EQ(fifo.Open(), FifoResult::kFailed);
-    EXPECT_EQ(fifo.Error(), m_path + ": no such FIFO: tarn makes it when it starts");
+    EXPECT_EQ(fifo.Error(),
+              m_path + ": no such FIFO; start tarn, which makes it, or wait for it with --wait");
 }
 
 TEST_F(AlertFifoTest, SaysThatThePathIsNoFifoAndLeavesTheFileAlone) {
     m_dir.Write("alerts.fifo", "kept");
     AlertFifo fifo(m_path, m_limits);
     EXPECT_EQ(fifo.Open(), FifoResult::kFailed);
-    EXPECT_EQ(fifo.Error(), m_path + ": not a FIFO");
+    EXPECT_EQ(fifo.Error(), m_path + ": not a FIFO; name the alert FIFO with --fifo");
     EXPECT_EQ(m_dir.Read("alerts.fifo"), "kept");
 }
 
@@ -49,7 +50,7 @@ TEST_F(AlertFifoTest, SaysThatNobodyReads) {
     MakeFifo();
     AlertFifo fifo(m_path, m_limits);
     EXPECT_EQ(fifo.Open(), FifoResult::kFailed);
-    EXPECT_EQ(fifo.Error(), m_path + ": nobody is reading: is tarn running?");
+    EXPECT_EQ(fifo.Error(), m_path + ": nobody is reading; start tarn, or wait for it with --wait");
 }
 
 TEST_F(AlertFifoTest, WaitsForAReaderWhenItIsToldTo) {
@@ -147,7 +148,8 @@ TEST_F(AlertFifoTest, SaysThatTheReaderIsGone) {
     ASSERT_EQ(fifo.Send(AsBytes(Alert())), FifoResult::kDone);
     reader.Close();
     EXPECT_EQ(fifo.Send(AsBytes(Alert())), FifoResult::kFailed);
-    EXPECT_EQ(fifo.Error(), m_path + ": the reader is gone, with 68 bytes unread");
+    EXPECT_EQ(fifo.Error(),
+              m_path + ": the reader is gone, with 68 bytes unread; start tarn and play again");
 }
 
 TEST_F(AlertFifoTest, KeepsTheBytesForAReaderThatComesBack) {
@@ -179,7 +181,8 @@ TEST_F(AlertFifoTest, SaysHowMuchAReaderThatLeavesHasNotTaken) {
     ASSERT_EQ(reader.ReadNow(8).size(), 8U);
     reader.Close();
     EXPECT_EQ(fifo.Drain(), FifoResult::kFailed);
-    EXPECT_EQ(fifo.Error(), m_path + ": the reader is gone, with 60 bytes unread");
+    EXPECT_EQ(fifo.Error(),
+              m_path + ": the reader is gone, with 60 bytes unread; start tarn and play again");
 }
 
 TEST_F(AlertFifoTest, GivesAReaderUpThatTakesNothing) {
@@ -190,7 +193,8 @@ TEST_F(AlertFifoTest, GivesAReaderUpThatTakesNothing) {
     ASSERT_EQ(fifo.Open(), FifoResult::kDone);
     ASSERT_EQ(fifo.Send(AsBytes(Alert())), FifoResult::kDone);
     EXPECT_EQ(fifo.Drain(), FifoResult::kFailed);
-    EXPECT_EQ(fifo.Error(), m_path + ": the reader takes nothing: 68 bytes stand unread");
+    EXPECT_EQ(fifo.Error(),
+              m_path + ": the reader takes nothing: 68 bytes stand unread; see the log of tarn");
 }
 
 // The flag stays set for the life of a process, so this case has one of its own.

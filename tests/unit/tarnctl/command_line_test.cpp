@@ -14,6 +14,12 @@ using testing::StartsWith;
 namespace tarnctl {
 namespace {
 
+constexpr const char* kCommands[] = {"crm", "messages",
+#ifdef TARNCTL_WITH_PCAP
+                                     "packetlog",
+#endif
+                                     "replay", "secmgr"};
+
 class CommandLineTest : public testing::Test {
   protected:
     int Run(std::vector<std::string> words) {
@@ -31,9 +37,9 @@ class CommandLineTest : public testing::Test {
 
 TEST_F(CommandLineTest, ShowsHelpWithTheSubCommandsAndExamples) {
     EXPECT_EQ(Run({"--help"}), kExitFine);
-    EXPECT_THAT(m_out.str(), HasSubstr("crm"));
-    EXPECT_THAT(m_out.str(), HasSubstr("messages"));
-    EXPECT_THAT(m_out.str(), HasSubstr("replay"));
+    for (const char* const command : kCommands) {
+        EXPECT_THAT(m_out.str(), HasSubstr("\n  " + std::string(command) + " "));
+    }
     EXPECT_THAT(m_out.str(), HasSubstr("Examples:"));
 }
 
@@ -43,7 +49,7 @@ TEST_F(CommandLineTest, ShowsTheVersion) {
 }
 
 TEST_F(CommandLineTest, ShowsExamplesInTheHelpOfEachSubCommand) {
-    for (const char* const command : {"crm", "messages", "replay", "secmgr"}) {
+    for (const char* const command : kCommands) {
         m_out.str("");
         EXPECT_EQ(Run({command, "--help"}), kExitFine);
         EXPECT_THAT(m_out.str(), HasSubstr("Examples:\n  tarnctl " + std::string(command)));
@@ -74,7 +80,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(CommandLineTest, RunsTheSubCommandWithItsOptions) {
     EXPECT_EQ(Run({"replay", "--rate", "max", "--fifo", "/none/fifo", "/none/file"}), kExitFailure);
-    EXPECT_EQ(m_err.str(), "tarnctl replay: /none/file: No such file or directory\n");
+    EXPECT_EQ(m_err.str(),
+              "tarnctl replay: /none/file: No such file or directory; make the directory "
+              "/none first\n");
 }
 
 }  // namespace

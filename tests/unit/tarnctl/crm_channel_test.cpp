@@ -117,7 +117,7 @@ TEST_F(CrmChannelTest, RefusesASecondReaderOfTheSameChannel) {
     ASSERT_TRUE(first.Open());
     CrmChannel second(TestChannel::kChannel, m_daemon.Name());
     EXPECT_FALSE(second.Open());
-    EXPECT_THAT(second.Error(), HasSubstr("another tarnctl is reading this channel"));
+    EXPECT_THAT(second.Error(), HasSubstr("another tarnctl reads this channel; stop it first"));
 }
 
 TEST_F(CrmChannelTest, TellsOfALengthWordThatCannotBeAndGoesOn) {

@@ -131,7 +131,7 @@ TEST_F(CrmCommandTest, FailsWhenTheOutputTakesNoMore) {
     ASSERT_TRUE(m_daemon.Send(Report(1)) && m_daemon.Send(Report(2)));
     m_out.setstate(std::ios::badbit);
     EXPECT_EQ(Run(), kExitFailure);
-    EXPECT_THAT(m_err.str(), HasSubstr("the last report was consumed and not shown"));
+    EXPECT_THAT(m_err.str(), HasSubstr("the last report was taken and not shown"));
     EXPECT_EQ(m_daemon.Posts(), 1);
 }
 

@@ -132,7 +132,7 @@ TEST(ReportJson, ListsThePairsWhenANameIsNoUnicode) {
 
 TEST(MalformedJson, KeepsTheBytesAndTheReason) {
     const CrmBytes bytes = {std::byte{1}, std::byte{2}};
-    const json object = json::parse(MalformedAsJson({2, 0}, "too short", bytes));
+    const json object = json::parse(MalformedReportAsJson({2, 0}, "too short", bytes));
     EXPECT_EQ(object["malformed"], "too short");
     EXPECT_EQ(object["bytes"], "AQI=");
 }

@@ -114,14 +114,15 @@ TEST_F(MessagesCommandTest, SkipsWhatIsNoMessageWithItsBytesAndShowsTheNext) {
 TEST_F(MessagesCommandTest, FailsWhenTheSocketCannotBeHad) {
     m_options.socketPath = m_dir.File("none/crm");
     EXPECT_EQ(Run(), kExitFailure);
-    EXPECT_EQ(m_err.str(),
-              "tarnctl messages: " + m_options.socketPath + ": No such file or directory\n");
+    EXPECT_EQ(m_err.str(), "tarnctl messages: " + m_options.socketPath +
+                               ": No such file or directory; make the directory " +
+                               m_dir.File("none") + " first\n");
 }
 
 TEST_F(MessagesCommandTest, FailsWhenTheOutputTakesNoMore) {
     m_out.setstate(std::ios::badbit);
     EXPECT_EQ(RunWith([](MsgComm&) {}), kExitFailure);
-    EXPECT_THAT(m_err.str(), HasSubstr("the last message was received and not shown"));
+    EXPECT_THAT(m_err.str(), HasSubstr("the last message was taken and not shown"));
 }
 
 // The flag stays set for the life of a process, so this case has one of its own.

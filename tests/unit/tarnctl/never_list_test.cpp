@@ -36,13 +36,16 @@ TEST(NeverList, CoversAFamilyByAPrefixOfZeroAndNotTheOther) {
 
 TEST(NeverList, RefusesWhatIsNoAddress) {
     for (const char* const text : {"", "host", "10.0.0", "10.0.0.1.2", "/8", "2001:db8::g"}) {
-        EXPECT_THAT(NeverList().Add(text), EndsWith("is no address and no network")) << text;
+        EXPECT_THAT(NeverList().Add(text),
+                    EndsWith("is no address and no network; write it as 10.0.0.1 or 10.0.0.0/24"))
+            << text;
     }
     for (const char* const text :
          {"10.0.0.0/33", "10.0.0.0/", "10.0.0.0/8x", "10.0.0.0/-1", "2001:db8::/129"}) {
         EXPECT_THAT(NeverList().Add(text), HasSubstr("has no prefix length up to")) << text;
     }
-    EXPECT_EQ(NeverList().Add("10.0.0.1/8"), "\"10.0.0.1/8\" has bits behind its prefix");
+    EXPECT_EQ(NeverList().Add("10.0.0.1/8"),
+              "\"10.0.0.1/8\" has bits behind its prefix; clear them or lengthen it");
 }
 
 TEST(NeverListFile, TakesOneEntryALine) {
@@ -59,8 +62,11 @@ TEST(NeverListFile, TellsTheLineThatIsWrong) {
     const TempDir dir;
     const std::string path = dir.Write("never", "10.0.0.1\n10.0.0.x\n");
     EXPECT_EQ(NeverList().AddFile(path),
-              path + ", line 2: \"10.0.0.x\" is no address and no network");
-    EXPECT_THAT(NeverList().AddFile(dir.File("none")), EndsWith("No such file or directory"));
+              path +
+                  ", line 2: \"10.0.0.x\" is no address and no network; write it as 10.0.0.1 "
+                  "or 10.0.0.0/24");
+    EXPECT_THAT(NeverList().AddFile(dir.File("none")),
+                EndsWith("No such file or directory; check the name"));
 }
 
 TEST(NeverListHost, CoversLoopbackAlways) {

@@ -194,7 +194,8 @@ TEST_F(PacketLogCommand, ReportsAndSkipsWhatIsNoMessage) {
     EXPECT_EQ(kExitFailure, Run({std::string(127, '\0'), Bare(static_cast<LogControlType>(5)),
                                  wrongLength, wrongSize, Bare(kType15) + "x", Bare(kType16)},
                                 1));
-    EXPECT_THAT(m_err.str(), HasSubstr("datagram of 127 bytes skipped: shorter than 128 bytes\n"));
+    EXPECT_THAT(m_err.str(),
+                HasSubstr("malformed message of 127 bytes skipped: shorter than 128 bytes\n"));
     EXPECT_THAT(m_err.str(), HasSubstr("unknown type 5\n"));
     EXPECT_THAT(m_err.str(), HasSubstr("type 1 with a length of 9 and not 8\n"));
     EXPECT_THAT(m_err.str(), HasSubstr("a captured size of 3 and 2 bytes of packet\n"));

@@ -136,7 +136,8 @@ TEST_F(RecordFileTest, NamesAFileThatIsNotThere) {
 
 TEST_F(RecordFileTest, TakesPlainFilesOnly) {
     EXPECT_FALSE(m_file.Open(m_dir.Path()));
-    EXPECT_THAT(m_file.Error(), EndsWith(" is not a plain file"));
+    EXPECT_THAT(m_file.Error(),
+                EndsWith(" is not a plain file; copy what it holds into one first"));
 }
 
 }  // namespace

@@ -83,7 +83,7 @@ TEST_F(ReplayTest, SendsWhatIsWholeOfATruncatedFileAndSaysWhereItEnds) {
     EXPECT_EQ(Play(Alert() + Packet(100).substr(0, 20)), kExitFailure);
     EXPECT_EQ(m_received, Alert());
     EXPECT_THAT(m_err.str(), HasSubstr("the file is truncated: the record at offset 68 has 12 of "
-                                       "128 bytes of payload\n"));
+                                       "128 bytes of payload; what stands before it was sent\n"));
     EXPECT_THAT(m_out.str(), StartsWith("sent 1 record with 1 alert, 68 bytes"));
 }
 
@@ -109,7 +109,8 @@ TEST_F(ReplayTest, FailsWithoutAReader) {
     m_options.file = m_dir.Write("alerts.u2", Alert());
     m_options.json = true;
     EXPECT_EQ(RunReplay(m_options, m_out, m_err), kExitFailure);
-    EXPECT_THAT(m_err.str(), HasSubstr("nobody is reading: is tarn running?"));
+    EXPECT_THAT(m_err.str(),
+                HasSubstr("nobody is reading; start tarn, or wait for it with --wait"));
     EXPECT_THAT(std::string(json::parse(m_out.str())["error"]), HasSubstr("nobody is reading"));
 }
 
@@ -135,7 +136,7 @@ TEST_F(ReplayTest, FailsWhenItIsInterrupted) {
             std::raise(SIGTERM);
             const int status = RunReplay(m_options, m_out, m_err);
             _exit(status == kExitFailure &&
-                          m_err.str().find("interrupted, the rest has not") != std::string::npos
+                          m_err.str().find("interrupted; the rest has not") != std::string::npos
                       ? 0
                       : 1);
         },

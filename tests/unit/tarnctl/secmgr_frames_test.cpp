@@ -28,7 +28,7 @@ TEST(SecmgrFrames, TakesARequestThatCameByteByByte) {
     EXPECT_EQ(request.flags, 1U);
     EXPECT_EQ(request.issueId, 7U);
     EXPECT_EQ(request.text, "ip");
-    EXPECT_EQ(frames.Waiting(), 0U);
+    EXPECT_TRUE(frames.Waiting().empty());
 }
 
 TEST(SecmgrFrames, TakesSeveralRequestsOutOfOnePiece) {
@@ -40,7 +40,7 @@ TEST(SecmgrFrames, TakesSeveralRequestsOutOfOnePiece) {
     ASSERT_EQ(frames.Next(request), Result::kRequest);
     EXPECT_EQ(request.text, "two");
     EXPECT_EQ(frames.Next(request), Result::kNeedsMore);
-    EXPECT_EQ(frames.Waiting(), 1U);
+    EXPECT_EQ(frames.Waiting().size(), 1U);
 }
 
 TEST(SecmgrFrames, TakesTheLongestBodyAndNoLonger) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -29,6 +30,16 @@ TEST(ForTerminalText, WritesWhatWouldActOnATerminalAsNumbers) {
 TEST(TextAsJsonValue, IsTheTextOrItsBytesWhereItIsNoUnicode) {
     EXPECT_EQ(TextAsJson("\xC3\xA4 \"x\"").dump(), "\"\xC3\xA4 \\\"x\\\"\"");
     EXPECT_EQ(TextAsJson("\xFF").dump(), "{\"base64\":\"/w==\"}");
+}
+
+TEST(Bytes, AreShownAsPairsOfDigits) {
+    const std::array<std::byte, 3> bytes = {std::byte{0x00}, std::byte{0x1B}, std::byte{0xFF}};
+    EXPECT_EQ(HexDigits(bytes), " 00 1b ff");
+}
+
+TEST(MalformedJson, HoldsTheReasonAndAllBytes) {
+    const std::array<std::byte, 2> bytes = {std::byte{1}, std::byte{2}};
+    EXPECT_EQ(MalformedAsJson("it is odd", bytes), R"({"malformed":"it is odd","bytes":"AQI="})");
 }
 
 }  // namespace

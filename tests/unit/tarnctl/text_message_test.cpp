@@ -99,13 +99,5 @@ TEST(TextMessageJson, HoldsTheTextAsItCame) {
               json({{"base64", "/w=="}}));
 }
 
-TEST(StrangeDatagram, IsShownWithAllItsBytes) {
-    const std::byte bytes[] = {std::byte{0}, std::byte{0xAB}};
-    EXPECT_EQ(StrangeDatagramAsLine("it is odd", bytes),
-              "malformed message of 2 bytes skipped: it is odd: 00 ab");
-    EXPECT_EQ(json::parse(StrangeDatagramAsJson("it is odd", bytes)),
-              json({{"malformed", "it is odd"}, {"bytes", "AKs="}}));
-}
-
 }  // namespace
 }  // namespace tarnctl
