@@ -24,6 +24,26 @@ __attribute__((format(printf, 3, 4))) void LogClientReport(std::uint64_t, std::u
     va_end(args);
 }
 
+// A cancelled exchange leaves its answer, or half of one, on the way, and the next rule would take
+// it for its own. The socket is therefore given up while the cancelled thread unwinds; the channel
+// stays marked as open, and the next rule fails to send, resets it and is retried.
+class ClosedOnUnwinding {
+  public:
+    explicit ClosedOnUnwinding(RequestClient& client) : m_client(&client) {}
+    ~ClosedOnUnwinding() {
+        if (m_client != nullptr) {
+            m_client->Disconnect();
+        }
+    }
+    ClosedOnUnwinding(const ClosedOnUnwinding&) = delete;
+    ClosedOnUnwinding& operator=(const ClosedOnUnwinding&) = delete;
+
+    void Done() { m_client = nullptr; }
+
+  private:
+    RequestClient* m_client;
+};
+
 }  // namespace
 
 DbtComm::DbtComm(std::string socketPath, std::int32_t timeoutSeconds)
@@ -44,7 +64,10 @@ int DbtComm::Open() {
             Log::kInfo, "DbtComm attempts to open command channel but it has been opened already.");
         return 0;
     }
-    if (!m_client.Connect(m_socketPath.c_str(), m_timeout)) {
+    ClosedOnUnwinding guard(m_client);
+    const bool connected = m_client.Connect(m_socketPath.c_str(), m_timeout);
+    guard.Done();
+    if (!connected) {
         Log::GetInstance()->Write(Log::kError, "DbtComm failed to open command channel.");
         return -1;
     }
@@ -80,8 +103,13 @@ int DbtComm::SendCommand(std::uint32_t command, const void* payload, std::size_t
         Log::GetInstance()->Write(Log::kError, "DbtComm failed to send command.");
         return -1;
     }
-    if (response != nullptr && responseLength != nullptr &&
-        !m_client.ReceiveResponse(response, responseLength, m_timeout)) {
+    if (response == nullptr || responseLength == nullptr) {
+        return 0;
+    }
+    ClosedOnUnwinding guard(m_client);
+    const bool received = m_client.ReceiveResponse(response, responseLength, m_timeout);
+    guard.Done();
+    if (!received) {
         Log::GetInstance()->Write(Log::kError, "DbtComm failed to receive command response.");
         return -1;
     }

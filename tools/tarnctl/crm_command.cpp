@@ -7,6 +7,7 @@
 #include "tarnctl/crm_channel.h"
 #include "tarnctl/crm_message.h"
 #include "tarnctl/crm_report_text.h"
+#include "tarnctl/number_checks.h"
 
 namespace tarnctl {
 namespace {
@@ -101,7 +102,7 @@ CLI::App* AddCrmCommand(CLI::App& app, CrmOptions& options) {
         app.add_subcommand("crm", "Show the event reports that tarn sends to the CRM");
     command->add_option("--channel", options.channel, "CRM channel, as tarn.engine.crm")
         ->type_name("N")
-        ->check(CLI::NonNegativeNumber)
+        ->check(ZeroOrMore())
         ->capture_default_str();
     AddMonitorOptions(*command, options, "reports", "every field and the packet in base64");
     command->add_flag("--fresh", options.fresh,

@@ -4,6 +4,7 @@
 
 #include "tarnctl/counted.h"
 #include "tarnctl/exit_status.h"
+#include "tarnctl/number_checks.h"
 #include "tarnctl/stop_signals.h"
 
 namespace tarnctl {
@@ -13,10 +14,10 @@ void AddMonitorOptions(CLI::App& command, MonitorOptions& options, const std::st
     command.add_flag("--json", options.json, "One JSON object a line, with " + members);
     command.add_option("--count", options.count, "End after N " + things)
         ->type_name("N")
-        ->check(CLI::PositiveNumber);
+        ->check(AboveZero());
     command.add_option("--timeout", options.timeout, "End after S quiet seconds")
         ->type_name("S")
-        ->check(CLI::PositiveNumber);
+        ->check(AboveZero());
 }
 
 Monitor::Monitor(const char* name, const char* thing, const MonitorOptions& options,

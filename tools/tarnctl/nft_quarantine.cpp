@@ -118,8 +118,10 @@ std::string NftQuarantine::Run(const std::string& script) const {
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
         return "";
     }
-    const std::string words_of_nft = errors.FirstLine();
-    return "nft: " + (words_of_nft.empty() ? "ended without a word" : words_of_nft);
+    const std::string told = errors.FirstLine();
+    const bool isForbidden = told.find(std::strerror(EPERM)) != std::string::npos;
+    return "nft: " + (told.empty() ? "ended without a word" : told) +
+           (isForbidden ? "; run this as root or with CAP_NET_ADMIN" : "");
 }
 
 }  // namespace tarnctl

@@ -16,6 +16,7 @@
 #include "tarnctl/capture_files.h"
 #include "tarnctl/counted.h"
 #include "tarnctl/message_socket.h"
+#include "tarnctl/number_checks.h"
 #include "tarnctl/packet_log_message.h"
 #include "tarnctl/text_forms.h"
 
@@ -214,10 +215,10 @@ CLI::App* AddPacketLogCommand(CLI::App& app, PacketLogOptions& options) {
         ->capture_default_str();
     command->add_option("--ring", options.ring, "Drain the ring of writer N as well")
         ->type_name("N")
-        ->check(CLI::NonNegativeNumber);
+        ->check(ZeroOrMore());
     command->add_option("--drop", options.drop, "Read the first N datagrams and throw them away")
         ->type_name("N")
-        ->check(CLI::PositiveNumber);
+        ->check(AboveZero());
     command->add_flag("--stop-reading", options.stopReading,
                       "Be there and never read, so that the socket fills");
     command->footer(kExamples);

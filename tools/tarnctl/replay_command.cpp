@@ -12,6 +12,7 @@
 #include "tarnctl/alert_fifo.h"
 #include "tarnctl/counted.h"
 #include "tarnctl/exit_status.h"
+#include "tarnctl/number_checks.h"
 #include "tarnctl/pacer.h"
 #include "tarnctl/progress_bar.h"
 #include "tarnctl/record_file.h"
@@ -41,8 +42,9 @@ std::string ParseRate(const std::string& text, double& rate) {
         return {};
     }
     const bool isNumber = CLI::detail::lexical_cast(text, rate);
-    return isNumber && rate > 0 && rate <= 1e9 ? std::string()
-                                               : "--rate: " + text + " is neither max nor above 0";
+    return isNumber && rate > 0 && rate <= 1e9
+               ? std::string()
+               : "--rate: " + text + " is neither max nor a number above 0";
 }
 
 class Replay {
@@ -57,7 +59,9 @@ class Replay {
 
     int Run() {
         auto started = Clock::now();
-        if (!m_file.Open(m_options.file)) {
+        // A file that is none is told as such, whether or not anybody reads the FIFO.
+        if (!m_file.Open(m_options.file) || m_file.Next() == RecordResult::kForeign ||
+            !m_file.Rewind()) {
             m_error = m_file.Error();
         } else if (Accept(m_fifo.Open())) {
             started = Clock::now();
@@ -208,13 +212,13 @@ CLI::App* AddReplayCommand(CLI::App& app, ReplayOptions& options) {
         ->default_str("500");
     command->add_option("--loop", options.loop, "Play the file N times")
         ->type_name("N")
-        ->check(CLI::PositiveNumber)
+        ->check(AboveZero())
         ->capture_default_str();
     command->add_option("--fifo", options.fifo, "Write to PATH instead of tarn's alert FIFO")
         ->type_name("PATH");
     command->add_option("--wait", options.wait, "Wait up to S seconds for the FIFO and its reader")
         ->type_name("S")
-        ->check(CLI::NonNegativeNumber);
+        ->check(ZeroOrMore());
     command->add_flag("--json", options.json, "Print the summary as a JSON object");
     command->footer(kExamples);
     return command;

@@ -8,6 +8,7 @@
 #include "tarnctl/counted.h"
 #include "tarnctl/never_list.h"
 #include "tarnctl/nft_quarantine.h"
+#include "tarnctl/number_checks.h"
 #include "tarnctl/rule_table.h"
 #include "tarnctl/secmgr_answer.h"
 #include "tarnctl/secmgr_server.h"
@@ -204,7 +205,7 @@ CLI::App* AddSecmgrCommand(CLI::App& app, SecmgrOptions& options) {
         ->add_option("--fail-first", options.failFirst,
                      "Answer only the first N rules wrongly, with close unless --answer is given")
         ->type_name("N")
-        ->check(CLI::PositiveNumber);
+        ->check(AboveZero());
     CLI::Option* const nft = command->add_flag(
         "--nft", options.nft, "Put the rules into force with nftables, in the table inet tarn");
     command->add_flag("--flush", options.flush, "Remove that table at the end")->needs(nft);

@@ -381,6 +381,35 @@ TEST_F(DbtCommSendCommand, LetsACancelLandWhileTheManagerIsSilent) {
     EXPECT_EQ("DbtComm closed command channel.", log.Messages().back());
 }
 
+TEST_F(DbtCommSendCommand, LeavesTheLateAnswerOfACancelledRuleBehind) {
+    std::promise<void> asked;
+    std::promise<void> cancelled;
+    StreamPeer peer(m_path, std::vector<Script>{[&](Session& session) {
+                                                    session.ReadRequest();
+                                                    asked.set_value();
+                                                    cancelled.get_future().wait();
+                                                    session.SendWords(3, 0);
+                                                },
+                                                [](Session& session) {
+                                                    session.ReadRequest();
+                                                    session.SendWords(15, 0);
+                                                }});
+    DbtComm channel(m_path, kPlentyOfTime);
+    pthread_t thread{};
+    const auto run = [](void* target) -> void* {
+        const CancellationOff outsideTheWaits;
+        (void)static_cast<DbtComm*>(target)->AddQuarantineRules(kFlags, kRule, kIssueId, 0);
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, run, &channel));
+    asked.get_future().wait();
+    ASSERT_EQ(0, pthread_cancel(thread));
+    ASSERT_EQ(0, pthread_join(thread, nullptr));
+    cancelled.set_value();
+    EXPECT_EQ(0, channel.AddQuarantineRules(kFlags, kRule, kIssueId, 0))
+        << "the refusal was the cancelled rule's";
+}
+
 // ---- Open and Close ----
 
 TEST_F(DbtCommOpen, TakesAnOpenChannelForASuccess) {
@@ -411,8 +440,8 @@ TEST_F(DbtCommOpen, FailsWithoutAManager) {
 TEST_F(DbtCommOpen, PassesTheClientsReportsToTheLogUnchanged) {
     const Lines log = LevelledMessages([&] {
         StreamPeer peer(m_path, [](Session& session) {
-            session.Read(
-                9);  // both sends are done, and what is left unread makes the close a reset
+            // Both sends are done then, and what is left unread makes the close a reset.
+            session.Read(9);
             session.Send({1, 2, 3, 4});
         });
         DbtComm channel(m_path, kPlentyOfTime);

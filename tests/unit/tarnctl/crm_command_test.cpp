@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "lines_of.h"
 #include "tarnctl/exit_status.h"
 #include "tarnctl/stop_signals.h"
 #include "test_channel.h"
@@ -26,14 +27,7 @@ class CrmCommandTest : public testing::Test {
         m_options.timeout = 0.01;
     }
     int Run() { return RunCrm(m_options, m_out, m_err); }
-    std::vector<std::string> Lines() const {
-        std::vector<std::string> lines;
-        std::istringstream text(m_out.str());
-        for (std::string line; std::getline(text, line);) {
-            lines.push_back(line);
-        }
-        return lines;
-    }
+    std::vector<std::string> Lines() const { return LinesOf(m_out); }
     static CrmBytes Report(uint32_t sid) {
         CrmMessage message = SampleMessage();
         message.report.issueId = sid;
@@ -106,7 +100,7 @@ TEST_F(CrmCommandTest, SkipsAMalformedReportWithItsReasonAndShowsTheNext) {
     EXPECT_EQ(Run(), kExitFailure);
     ASSERT_EQ(Lines().size(), 1U);
     EXPECT_THAT(Lines()[0], HasSubstr("  SID 2  "));
-    EXPECT_THAT(m_err.str(), HasSubstr("tarnctl crm: ring -0: malformed report of " +
+    EXPECT_THAT(m_err.str(), HasSubstr("tarnctl crm: malformed report in ring -0 of " +
                                        std::to_string(broken.size()) +
                                        " bytes skipped: the end chunk is missing\n"));
     EXPECT_THAT(m_err.str(), EndsWith("tarnctl crm: 1 report, 1 malformed\n"));

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "lines_of.h"
 #include "quarantine/msg_comm.h"
 #include "tarnctl/exit_status.h"
 #include "tarnctl/stop_signals.h"
@@ -50,14 +51,7 @@ class MessagesCommandTest : public testing::Test {
         return status;
     }
 
-    std::vector<std::string> Lines() const {
-        std::vector<std::string> lines;
-        std::istringstream text(m_out.str());
-        for (std::string line; std::getline(text, line);) {
-            lines.push_back(line);
-        }
-        return lines;
-    }
+    std::vector<std::string> Lines() const { return LinesOf(m_out); }
 
     TempDir m_dir;
     MessagesOptions m_options;

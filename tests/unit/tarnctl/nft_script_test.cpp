@@ -63,21 +63,21 @@ INSTANTIATE_TEST_SUITE_P(
                          {"ip_saddr_100b", "ip saddr", "10.0.0.1", 100}}));
 
 TEST(NftScript, MakesAFreshTableAtBothHooks) {
-    EXPECT_EQ(NftFreshTable(),
-              "add table inet tarn\n"
-              "delete table inet tarn\n"
-              "table inet tarn {\n"
-              "    chain quarantine {\n"
-              "    }\n"
-              "    chain prerouting {\n"
-              "        type filter hook prerouting priority raw; policy accept;\n"
-              "        jump quarantine\n"
-              "    }\n"
-              "    chain output {\n"
-              "        type filter hook output priority raw; policy accept;\n"
-              "        jump quarantine\n"
-              "    }\n"
-              "}\n");
+    EXPECT_EQ(NftFreshTable(), R"(add table inet tarn
+delete table inet tarn
+table inet tarn {
+    chain quarantine {
+    }
+    chain prerouting {
+        type filter hook prerouting priority raw; policy accept;
+        jump quarantine
+    }
+    chain output {
+        type filter hook output priority raw; policy accept;
+        jump quarantine
+    }
+}
+)");
     EXPECT_EQ(NftNoTable(), "add table inet tarn\ndelete table inet tarn\n");
 }
 

@@ -21,6 +21,7 @@
 #include "channels/packet_log_control_format.h"
 #include "channels/packet_log_writer.h"
 #include "channels/shm_event_pipe.h"
+#include "lines_of.h"
 #include "tarnctl/capture_files.h"
 #include "tarnctl/exit_status.h"
 #include "temp_dir.h"
@@ -124,14 +125,7 @@ class PacketLogCommand : public testing::Test {
         return status;
     }
 
-    std::vector<std::string> Lines() const {
-        std::vector<std::string> lines;
-        std::istringstream text(m_out.str());
-        for (std::string line; std::getline(text, line);) {
-            lines.push_back(line);
-        }
-        return lines;
-    }
+    std::vector<std::string> Lines() const { return LinesOf(m_out); }
 
     TempDir m_dir;
     PacketLogOptions m_options;
@@ -230,6 +224,7 @@ TEST_F(PacketLogCommand, IsRefusedWhereAnotherReceives) {
     ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
     EXPECT_EQ(kExitFailure, RunPacketLog(m_options, m_out, m_err));
     EXPECT_THAT(m_err.str(), HasSubstr("another receiver"));
+    EXPECT_FALSE(std::filesystem::exists(m_dir.File("all.pcap"))) << "it would be the other's";
     close(fd);
 }
 
