@@ -74,8 +74,8 @@ std::string NftQuarantine::Open() {
 
 std::string NftQuarantine::Apply(const QuarantineParts& parts, int64_t seconds) {
     const NftElement element = ToNftElement(parts);
-    const bool isNewSet = m_sets.count(element.set) == 0;
-    const std::string reason =
+    const bool isNewSet = !m_sets.contains(element.set);
+    std::string reason =
         Run((isNewSet ? NftAddSet(element) : std::string()) + NftAddElement(element, seconds));
     if (reason.empty()) {
         m_sets.insert(element.set);
