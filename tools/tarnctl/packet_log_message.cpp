@@ -194,7 +194,7 @@ std::string DecodePacketLogMessage(std::span<const std::byte> datagram, PacketLo
         return "type " + std::to_string(head.uType) + " with a length of " +
                std::to_string(head.uLength) + " and not " + std::to_string(kind->length);
     }
-    const std::string reason = CheckPayload(datagram, head.uType);
+    std::string reason = CheckPayload(datagram, head.uType);
     if (!reason.empty()) {
         return reason;
     }
