@@ -6,12 +6,14 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <functional>
 #include <future>
+#include <string>
 #include <utility>
 
 #include "bound_socket.h"
@@ -48,15 +50,26 @@ using RequestClientConnect = RequestClientTest;
 using RequestClientSendRequest = RequestClientTest;
 using RequestClientTransact = RequestClientTest;
 
+// Tells one open descriptor from another under the same number: the peer is a thread of this
+// process and may be given a number as soon as it is free. 0 when nothing is open there.
+ino_t InodeAt(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 ? status.st_ino : 0;
+}
+
 TEST_F(RequestClientConnect, GivesABlockingSocketThatNoChildInherits) {
-    StreamPeer peer(m_path, [](Session& session) { session.StaySilent(); });
     for (const std::int32_t timeout : {-1, 0, 1}) {
+        // A peer for each, since one that ends a session closes a descriptor when it likes.
+        const std::string path = m_path + std::to_string(timeout);
+        StreamPeer peer(path, [](Session& session) { session.StaySilent(); });
         const int fd = NextDescriptor();
-        ASSERT_TRUE(m_client.Connect(m_path.c_str(), timeout));
+        ASSERT_TRUE(m_client.Connect(path.c_str(), timeout));
         EXPECT_EQ(0, fcntl(fd, F_GETFL) & O_NONBLOCK);
         EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD));
+        const ino_t socket = InodeAt(fd);
+        EXPECT_NE(0U, socket);
         m_client.Disconnect();
-        EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+        EXPECT_NE(socket, InodeAt(fd));
     }
     EXPECT_THAT(m_reports, IsEmpty());
 }
@@ -154,11 +167,14 @@ TEST_F(RequestClientConnect, KeepsNoHoldOnADescriptorOfAnEarlierConnect) {
 TEST_F(RequestClientConnect, DisconnectsInTheDestructor) {
     StreamPeer peer(m_path, [](Session& session) { session.StaySilent(); });
     const int fd = NextDescriptor();
+    ino_t socket = 0;
     {
         RequestClient client;
         ASSERT_TRUE(client.Connect(m_path.c_str(), 1));
+        socket = InodeAt(fd);
     }
-    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+    EXPECT_NE(0U, socket);
+    EXPECT_NE(socket, InodeAt(fd));
 }
 
 TEST_F(RequestClientConnect, ReportsNothingWithoutACallback) {
