@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "allocation_count.h"
 #include "config/config.h"
 #include "config/event_rule_table.h"
+#include "support/allocation_count.h"
 
 namespace {
 

@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "channels/event_queue.h"
-#include "channels/shm_event_pipe.h"
-#include "events/crm_event_message.h"
-#include "events/crm_event_producer.h"
-#include "events/crm_event_source.h"
+#include "crm/crm_event_message.h"
+#include "crm/crm_event_producer.h"
+#include "crm/crm_event_source.h"
 #include "paths.h"
+#include "ring/event_queue.h"
+#include "ring/shm_event_pipe.h"
 
 namespace {
 

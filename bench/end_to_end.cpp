@@ -22,10 +22,10 @@
 #include <thread>
 #include <vector>
 
-#include "snort/unified2_format.h"
-#include "tarnctl/crm_channel.h"
-#include "tarnctl/record_file.h"
-#include "tarnctl/stop_signals.h"
+#include "tarnctl/common/record_file.h"
+#include "tarnctl/common/stop_signals.h"
+#include "tarnctl/crm/crm_channel.h"
+#include "unified2/unified2_format.h"
 
 namespace {
 

@@ -21,7 +21,7 @@ TREE = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(TREE / "tests" / "system"))
 
 import harness  # noqa: E402
-from crm import Entry  # noqa: E402
+from peers.crm import Entry  # noqa: E402
 
 STREAM = TREE / "samples" / "sensor-302-alerts.u2"
 SIGNATURES = [*range(1000001, 1000007), *range(1000010, 1000013), 1000020, 1000021, 1000030]

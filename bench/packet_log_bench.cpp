@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "channels/connection_hash.h"
-#include "channels/packet_log_writer.h"
-#include "channels/shm_event_pipe.h"
+#include "packet_log/connection_hash.h"
+#include "packet_log/packet_log_writer.h"
+#include "ring/shm_event_pipe.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "channels/packet_log_ctrl_if.h"
+#include "packet_log/packet_log_ctrl_if.h"
 
 namespace PacketLogCtrl {
 

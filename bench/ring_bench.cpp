@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "channels/shm_event_pipe.h"
+#include "ring/shm_event_pipe.h"
 
 namespace {
 

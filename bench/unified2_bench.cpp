@@ -16,11 +16,11 @@
 #include <vector>
 
 #include "config/config.h"
-#include "events/crm_event_source.h"
+#include "crm/crm_event_source.h"
 #include "logging/log.h"
 #include "snort/snort_event_reader.h"
-#include "snort/unified2_events.h"
-#include "snort/unified2_format.h"
+#include "unified2/unified2_events.h"
+#include "unified2/unified2_format.h"
 
 namespace {
 

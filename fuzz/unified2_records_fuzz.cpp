@@ -8,10 +8,10 @@
 #include <memory>
 #include <stdexcept>
 
-#include "events/crm_event_source.h"
+#include "crm/crm_event_source.h"
 #include "logging/log.h"
-#include "snort/unified2_events.h"
-#include "snort/unified2_format.h"
+#include "unified2/unified2_events.h"
+#include "unified2/unified2_format.h"
 
 namespace {
 

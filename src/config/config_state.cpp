@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "config/config.h"
-#include "config/log_at.h"
+#include "logging/log_at.h"
 
 void Config::Save() {
     std::ofstream file(s_stateFile, std::ios::out | std::ios::trunc);

@@ -2,7 +2,7 @@
 
 #include <iostream>
 
-#include "logging/cancellation.h"
+#include "threads/cancellation.h"
 
 bool EventRuleTable::Commit() {
     if (!m_pPending) {

@@ -8,12 +8,12 @@
 #include <cstring>
 #include <utility>
 
-#include "channels/packet_log_ctrl_if.h"
 #include "config/config.h"
 #include "daemon/process.h"
 #include "events/event_bridge.h"
 #include "events/event_thread.h"
 #include "logging/log.h"
+#include "packet_log/packet_log_ctrl_if.h"
 #include "paths.h"
 #include "snort/snort_error_reader.h"
 #include "snort/snort_error_thread.h"

@@ -5,12 +5,12 @@
 
 #include <sys/time.h>
 
-#include "channels/packet_log_ctrl_if.h"
 #include "config/config.h"
-#include "events/crm_event_producer.h"
-#include "logging/cancellation.h"
+#include "crm/crm_event_producer.h"
 #include "logging/log.h"
-#include "snort/unified2_events.h"
+#include "packet_log/packet_log_ctrl_if.h"
+#include "threads/cancellation.h"
+#include "unified2/unified2_events.h"
 
 using vald::Log;
 

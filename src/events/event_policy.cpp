@@ -7,15 +7,15 @@
 #include <memory>
 #include <string>
 
-#include "channels/packet_log_ctrl_if.h"
 #include "config/config.h"
 #include "config/event_rule_node.h"
-#include "events/crm_event_producer.h"
-#include "events/crm_event_source.h"
+#include "crm/crm_event_producer.h"
+#include "crm/crm_event_source.h"
 #include "events/event_bridge.h"
 #include "logging/log.h"
+#include "packet_log/packet_log_ctrl_if.h"
 #include "quarantine/quarantine_rule.h"
-#include "snort/unified2_events.h"
+#include "unified2/unified2_events.h"
 
 using vald::Log;
 

@@ -3,8 +3,8 @@
 #include <csignal>
 
 #include "events/event_bridge.h"
-#include "logging/cancellation.h"
 #include "logging/log.h"
+#include "threads/cancellation.h"
 
 using vald::Log;
 

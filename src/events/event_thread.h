@@ -12,7 +12,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "daemon/thread.h"
+#include "threads/thread.h"
 
 class EventBridge;
 

@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <initializer_list>
 
-#include "logging/cancellation.h"
+#include "threads/cancellation.h"
 
 // Puts errno back, so that a caller may log first and look at errno afterwards.
 class ErrnoKeeper {

@@ -6,9 +6,9 @@
 #include <new>
 #include <utility>
 
-#include "logging/cancellation.h"
 #include "logging/log.h"
 #include "quarantine/security_manager_format.h"
+#include "threads/cancellation.h"
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include <cstdint>
 #include <string>
 
-#include "channels/request_client.h"
 #include "paths.h"
+#include "quarantine/request_client.h"
 
 class DbtComm {
   public:

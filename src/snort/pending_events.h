@@ -14,7 +14,7 @@
 #include <memory>
 #include <utility>
 
-#include "snort/unified2_events.h"
+#include "unified2/unified2_events.h"
 
 struct PendingEvent {
     uint32_t eventId = 0;                 // the alert's, in host order

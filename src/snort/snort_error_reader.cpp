@@ -10,10 +10,10 @@
 #include <mutex>
 #include <utility>
 
-#include "logging/cancellation.h"
 #include "logging/log.h"
 #include "snort/rule_lookup.h"
 #include "snort/snort_error_parser.h"
+#include "threads/cancellation.h"
 
 namespace {
 

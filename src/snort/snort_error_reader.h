@@ -19,8 +19,8 @@
 #include <memory>
 #include <string>
 
+#include "crm/msg_comm.h"
 #include "paths.h"
-#include "quarantine/msg_comm.h"
 #include "snort/snort_reader_base.h"
 
 class SnortErrorReader : public SnortReaderBase {

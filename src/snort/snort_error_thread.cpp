@@ -2,9 +2,9 @@
 
 #include <pthread.h>
 
-#include "logging/cancellation.h"
 #include "logging/log.h"
 #include "snort/snort_error_reader.h"
+#include "threads/cancellation.h"
 
 using vald::Log;
 

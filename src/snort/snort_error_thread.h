@@ -11,7 +11,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "daemon/thread.h"
+#include "threads/thread.h"
 
 class SnortErrorThread : public Thread {
   public:

@@ -12,7 +12,7 @@
 #include "events/event_bridge.h"
 #include "logging/log.h"
 #include "paths.h"
-#include "snort/unified2_format.h"
+#include "unified2/unified2_format.h"
 
 namespace {
 

@@ -18,7 +18,7 @@
 
 #include "snort/pending_events.h"
 #include "snort/snort_reader_base.h"
-#include "snort/unified2_events.h"
+#include "unified2/unified2_events.h"
 
 class EventBridge;
 

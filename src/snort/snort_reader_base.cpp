@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "logging/cancellation.h"
 #include "logging/log.h"
+#include "threads/cancellation.h"
 
 namespace {
 

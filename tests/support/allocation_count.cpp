@@ -1,4 +1,4 @@
-#include "allocation_count.h"
+#include "support/allocation_count.h"
 
 #include <cstdlib>
 #include <new>

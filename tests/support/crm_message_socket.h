@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
-#include "bound_socket.h"
-#include "quarantine/crm_message_format.h"
+#include "crm/crm_message_format.h"
+#include "support/bound_socket.h"
 
 class CrmMessageSocket {
   public:

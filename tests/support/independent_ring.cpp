@@ -1,4 +1,4 @@
-#include "independent_ring.h"
+#include "support/independent_ring.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

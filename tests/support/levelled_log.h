@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "log_capture.h"
 #include "logging/log.h"
+#include "support/log_capture.h"
 
 namespace levelled_log {
 

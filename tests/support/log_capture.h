@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "logging/log.h"
-#include "temp_dir.h"
+#include "support/temp_dir.h"
 
 class LogCapture {
   public:

@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "bound_socket.h"
-#include "channels/packet_log_ctrl_if.h"
-#include "temp_dir.h"
-#include "word_at.h"
+#include "packet_log/packet_log_ctrl_if.h"
+#include "support/bound_socket.h"
+#include "support/temp_dir.h"
+#include "support/word_at.h"
 
 class PacketLogDaemon {
   public:

@@ -17,9 +17,9 @@
 #include <utility>
 #include <vector>
 
-#include "channels/request_client.h"
-#include "stream_peer.h"
-#include "temp_dir.h"
+#include "quarantine/request_client.h"
+#include "support/stream_peer.h"
+#include "support/temp_dir.h"
 
 constexpr std::int32_t kLimit = 1;          // seconds, where the limit is meant to run out
 constexpr std::int32_t kPlentyOfTime = 60;  // where it is not

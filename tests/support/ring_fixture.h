@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "channels/shm_event_pipe.h"
-#include "temp_dir.h"
+#include "ring/shm_event_pipe.h"
+#include "support/temp_dir.h"
 
 using Bytes = std::vector<unsigned char>;
 

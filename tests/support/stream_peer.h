@@ -22,7 +22,7 @@
 #include <thread>
 #include <vector>
 
-#include "bound_socket.h"
+#include "support/bound_socket.h"
 
 class StreamPeer {
   public:

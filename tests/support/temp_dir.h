@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <string>
 
-#include "file_text.h"
+#include "support/file_text.h"
 
 class TempDir {
   public:

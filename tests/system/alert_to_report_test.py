@@ -5,7 +5,7 @@ import os
 from pathlib import Path
 
 import harness
-from crm import Entry, expected_message, parse_event_file
+from peers.crm import Entry, expected_message, parse_event_file
 from unified2 import ALERT_IPV4, ALERT_IPV6, Association, alerts_of, frame, records
 
 # The alerts under way are kept below the ring's 1024 and above the pending list's 128, so that

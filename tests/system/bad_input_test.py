@@ -7,8 +7,8 @@ import signal
 import struct
 
 import harness
-from crm import Entry, expected_message
 from harness import ALERT_FIFO
+from peers.crm import Entry, expected_message
 from unified2 import (ALERT_IPV4, ALERT_IPV6, EXTRA_DATA, HOST_NAME, PACKET, alerts_of, build_alert,
                       build_extra_data, build_packet, frame, records)
 

@@ -11,9 +11,9 @@ from contextlib import contextmanager
 from pathlib import Path
 
 import harness
-from crm import Entry
 from harness import ALERT_FIFO, ERROR_FIFO, EVENT_CONFIG
 from load import LoadThread
+from peers.crm import Entry
 
 ROUNDS = int(os.environ.get("TARN_FAILING_STARTS", "1000"))
 A_RELOAD_IN = 20  # rounds; a reload takes many times what a start takes

@@ -24,7 +24,7 @@ import time
 import unittest
 from pathlib import Path
 
-from crm import CrmReader
+from peers.crm import CrmReader
 
 CONFIG = Path("/etc/qor/tarn/tarn.conf")
 EVENT_CONFIG = Path("/etc/qor/tarn/tarn_event.conf")

@@ -11,9 +11,9 @@ import threading
 from pathlib import Path
 
 import harness
-import packet_log
-from crm import Entry, parse_event_file
-from packet_log import PacketLogger, bare, expected_capture
+from peers import packet_logger
+from peers.crm import Entry, parse_event_file
+from peers.packet_logger import PacketLogger, bare, expected_capture
 from unified2 import (ALERT_IPV4, ALERT_IPV6, PENDING_LIMIT, Association, alerts_of, build_alert,
                       build_packet, frame, records)
 
@@ -120,8 +120,8 @@ class PacketLog(harness.DaemonTest):
                   lambda: len(logger.datagrams) - 1)
         self.assertEqual(daemon.stop(), 0)
         logger.close()
-        self.assertEqual(logger.datagrams[0], bare(packet_log.ENGINE_STARTING))
-        self.assertEqual(logger.datagrams[-1], bare(packet_log.ENGINE_SHUTTING_DOWN))
+        self.assertEqual(logger.datagrams[0], bare(packet_logger.ENGINE_STARTING))
+        self.assertEqual(logger.datagrams[-1], bare(packet_logger.ENGINE_SHUTTING_DOWN))
         captures = logger.datagrams[1:-1]
         self.assertEqual(len(captures), len(alerts))
         for number, (capture, alert) in enumerate(zip(captures, alerts)):
@@ -159,7 +159,7 @@ class PacketLog(harness.DaemonTest):
             process.stderr.close()
 
         self.addCleanup(end)
-        harness.wait_for(lambda: os.path.exists(packet_log.PATH), "tarnctl to listen")
+        harness.wait_for(lambda: os.path.exists(packet_logger.PATH), "tarnctl to listen")
         return process, directory, lines, reader
 
     def test_the_capture_files_of_tarnctl_hold_the_streams_packets(self):
@@ -201,7 +201,7 @@ class PacketLog(harness.DaemonTest):
         self.reports(3)
         self.assertEqual(daemon.stop(), 0)
         logger.close()
-        captures = logger.of_type(packet_log.OFFENDING_PACKET)
+        captures = logger.of_type(packet_logger.OFFENDING_PACKET)
         self.assertEqual([capture[128:] for capture in captures], [b"\0\xff" * 700])
         self.assertEqual(counters(), (2, 0, 0, 0))
 
@@ -230,7 +230,7 @@ class PacketLog(harness.DaemonTest):
         self.reports(2)
         self.assertEqual(daemon.stop(), 0)
         logger.close()
-        captures = logger.of_type(packet_log.OFFENDING_PACKET)
+        captures = logger.of_type(packet_logger.OFFENDING_PACKET)
         self.assertEqual([capture[128:] for capture in captures], [b"after it"])
         self.assertEqual(counters(), (4, 1, 0, 1))
 
@@ -287,7 +287,7 @@ class PacketLog(harness.DaemonTest):
         types = [struct.unpack_from("<I", datagram)[0] for datagram in logger.datagrams]
         self.assertEqual(types, [1, 4, 1, 4, 12])
         settings = [struct.unpack_from("<3I", capture, 8) for capture in logger.of_type(4)]
-        self.assertEqual(settings, [packet_log.SETTINGS, (0, 7, 9)])
+        self.assertEqual(settings, [packet_logger.SETTINGS, (0, 7, 9)])
         self.assertEqual(counters(), (4, 0, 0, 0))
 
 

@@ -9,21 +9,19 @@ import os
 import signal
 import socket
 import struct
-import threading
 import time
 from pathlib import Path
 
 import harness
-from crm import Entry, expected_message
 from harness import TREE, log_messages, wait_for
+from peers.crm import Entry, expected_message
+from peers.security_manager import ADDED, SOCKET, SecurityManager
 from unified2 import alerts_of, build_alert
 
-SOCKET = Path("/var/tmp/.secmgrsock")
 SIGNATURE, TWO_RULES, PLAIN = 1100, 1101, 1102
 ENTRY = Entry("Blocked", 3, "the rule", "DISPLAY:WithoutRaw")
 SECOND = 1794495600  # 2026-11-12T15:00:00Z
 TEXT = "ip intruder addr 10.1.2.3 tcp src port 0 dst port 80 expires 2026-11-12T15:10:00Z"
-ADDED = struct.pack("=II", 15, 0)
 
 # What the daemon says of a rule, apart from what it says of everything else.
 SUBJECTS = ("DbtComm ", "Quarantine ", "issueIdRef=", "Invalid response", "Failed to add",
@@ -57,81 +55,6 @@ def rule_frame(text=TEXT, issue=SIGNATURE):
     return struct.pack("=II", 11, len(body)) + body
 
 
-class Manager:
-    """A security manager that answers each request as it is told; the last word holds for good.
-
-    A word is a byte string to answer with, `None` for silence, or a tuple of a byte string and
-    "close". Requests are kept whole and in order.
-    """
-
-    def __init__(self, *words):
-        self._words = list(words)
-        self.frames = []
-        self.connections = 0
-        self.closed = 0
-        SOCKET.unlink(missing_ok=True)
-        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self._listener.bind(str(SOCKET))
-        self._listener.listen(8)
-        self._open = []
-        self._thread = threading.Thread(target=self._serve, daemon=True)
-        self._thread.start()
-
-    def _serve(self):
-        while True:
-            try:
-                connection, _ = self._listener.accept()
-            except OSError:
-                return
-            self.connections += 1
-            self._open.append(connection)
-            threading.Thread(target=self._session, args=(connection,), daemon=True).start()
-
-    def _session(self, connection):
-        try:
-            while self._answer(connection):
-                pass
-        except OSError:
-            pass
-        connection.close()
-        self.closed += 1
-
-    def _answer(self, connection):
-        header = self._read(connection, 8)
-        if len(header) < 8:
-            return False
-        frame = header + self._read(connection, struct.unpack("=II", header)[1])
-        word = self._words.pop(0) if len(self._words) > 1 else self._words[0]
-        self.frames.append(frame)
-        if isinstance(word, tuple):
-            connection.sendall(word[0])
-            return False
-        if word is not None:
-            connection.sendall(word)
-        return True
-
-    @staticmethod
-    def _read(connection, length):
-        data = b""
-        while len(data) < length:
-            piece = connection.recv(length - len(data))
-            if not piece:
-                break
-            data += piece
-        return data
-
-    def close(self):
-        self._listener.shutdown(socket.SHUT_RDWR)
-        self._listener.close()
-        self._thread.join()
-        for connection in self._open:
-            try:
-                connection.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
-        SOCKET.unlink(missing_ok=True)
-
-
 class Quarantine(harness.DaemonTest):
     def setUp(self):
         super().setUp()
@@ -146,7 +69,7 @@ class Quarantine(harness.DaemonTest):
         self.events = 0
 
     def manager(self, *words):
-        manager = Manager(*words)
+        manager = SecurityManager(*words)
         self.addCleanup(manager.close)
         return manager
 
@@ -225,7 +148,7 @@ class Quarantine(harness.DaemonTest):
 
     def test_one_accepted_rule_of_two_is_enough(self):
         for words in ((struct.pack("=II", 3, 0), ADDED), (ADDED, struct.pack("=II", 3, 0))):
-            manager = Manager(*words)
+            manager = SecurityManager(*words)
             self.start()
             self.report_of(5, TWO_RULES)
             self.assertEqual(len(manager.frames), 2)
@@ -264,7 +187,7 @@ class Quarantine(harness.DaemonTest):
                    "DbtComm aborts retry because command channel cannot to reopened.", GIVEN_UP)
 
     def test_a_manager_that_left_its_socket_behind(self):
-        Manager(ADDED).close()
+        SecurityManager(ADDED).close()
         left = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         left.bind(str(SOCKET))
         left.close()
@@ -341,7 +264,7 @@ class Quarantine(harness.DaemonTest):
         self.finish()
 
     def test_a_manager_that_went_away_and_comes_back(self):
-        manager = Manager(ADDED)
+        manager = SecurityManager(ADDED)
         self.start()
         self.report_of(5)
         manager.close()

@@ -3,28 +3,16 @@
 
 import os
 import signal
-import socket
 from pathlib import Path
 
 import harness
-from crm import CrmReader, Entry, expected_message
 from harness import ALERT_FIFO, CONFIG, EVENT_CONFIG, PID_FILE
 from load import LoadThread
+from peers.crm import CrmReader, Entry, expected_message
+from peers.security_manager import SilentSecurityManager
 from unified2 import Alert, build_alert, build_packet, records
 
 RELOADED = "Configuration reloaded."
-
-
-class SilentManager:
-    """A security manager that takes every rule and never answers."""
-
-    def __init__(self):
-        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self._socket.bind("/var/tmp/.secmgrsock")
-        self._socket.listen(16)
-
-    def close(self):
-        self._socket.close()
 
 
 class Reload(harness.DaemonTest):
@@ -229,7 +217,7 @@ class Reload(harness.DaemonTest):
         EVENT_CONFIG.write_text(harness.event_lines(
             7, entry, "response = quarantine-traffic",
             "quarantine.rule = quarantine-intruder-address, duration: 60"))
-        manager = SilentManager()
+        manager = SilentSecurityManager()
         self.addCleanup(manager.close)
         daemon = self.daemon().ready()
         feeder = self.feeder()
@@ -257,7 +245,7 @@ class Reload(harness.DaemonTest):
         EVENT_CONFIG.write_text(harness.event_lines(
             7, Entry("Blocked", 1, "rule", "DISPLAY:WithoutRaw"), "response = quarantine-traffic",
             "quarantine.rule = quarantine-intruder-address, duration: 60"))
-        manager = SilentManager()
+        manager = SilentSecurityManager()
         self.addCleanup(manager.close)
         daemon = self.daemon().ready()
         self.feeder().write(build_alert(1, 7, second=1))

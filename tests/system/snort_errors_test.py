@@ -3,25 +3,23 @@
 what becomes of the error thread when the daemon starts, reloads and stops."""
 
 import os
-import select
 import signal
 import socket
-import struct
 import time
 from pathlib import Path
 
 import harness
-from crm import Entry
 from harness import ERROR_FIFO, EVENT_CONFIG
+from peers.crm import Entry
+from peers.messages import ERROR, INFORMATION, MessageQueue
+from peers.messages import SOCKET as CRM_SOCKET
 from unified2 import build_alert
 
-CRM_SOCKET = Path("/etc/crm/AuxThread_crmMQ")
 RULES = Path("/etc/snort/rules/snort.rules")
 OPENED = "File is opened, waiting for Snort errors"
 EOF = "Get EOF in SNORT stderr, please igore the reason: Illegal seek"
 NOT_SENT = "Send SNORT message failed, sleep and retry"
 STILL_ALIVE = "Error thread is still alive. Force quit it."
-ERROR, INFORMATION = 0, 1
 
 RULE_LINES = """\
 # the sensor's rules
@@ -30,29 +28,6 @@ alert tcp any any -> any any (msg:"No signature";)
 alert tcp any any -> any any (sid:1000004;)
 alert tcp any any -> any any (MSG: "In capitals" ; SID: 1000005 ;)
 """
-
-
-class MessageQueue:
-    """Stands in for the CRM at its message socket."""
-
-    def __init__(self):
-        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self._socket.bind(str(CRM_SOCKET))
-
-    def take(self, seconds=harness.PATIENCE):
-        """Kind and text of the next message, its header checked; None when none comes in time."""
-        if not select.select([self._socket], [], [], seconds)[0]:
-            return None
-        message = self._socket.recv(2000)
-        reserved, kind_of, length, when, zero, kind = struct.unpack_from("=IHHIII", message)
-        assert (reserved, kind_of, length, zero) == (0, 1237, len(message), 0), message
-        assert abs(when - time.time()) < 60, message
-        assert message[-1] == 0 or len(message) == 533, message
-        return kind, message[20:].rstrip(b"\0").decode()
-
-    def close(self):
-        """Goes and leaves its socket's file behind, as a receiver that crashed does."""
-        self._socket.close()
 
 
 class SnortErrors(harness.DaemonTest):

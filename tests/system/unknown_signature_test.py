@@ -4,7 +4,7 @@
 import signal
 
 import harness
-from crm import Entry
+from peers.crm import Entry
 from unified2 import build_alert
 
 

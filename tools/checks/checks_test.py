@@ -20,10 +20,7 @@ COMPILER = 'c++'
 
 ORDER = include_direction.Order('''
 order low middle high   # lowest first
-free high/gate.h
-free high/thread.h
-format */*_format.h
-knot low/tied.cpp high/wanted.h
+shared common rules
 apart middle/alone*.* low/log*.h
 ''')
 
@@ -41,11 +38,18 @@ class Tree(unittest.TestCase):
 
 
 class IncludeDirection(Tree):
-    def header(self, name, *included):
-        self.write(name, '#pragma once\n' + ''.join(f'#include "{i}"\n' for i in included))
+    def write(self, name, text):
+        super().write(f'src/{name}', text)
+
+    def header(self, name, *included, root='src'):
+        super().write(f'{root}/{name}',
+                      '#pragma once\n' + ''.join(f'#include "{i}"\n' for i in included))
+
+    def tool(self, name, *included):
+        self.header(name, *included, root='tools')
 
     def faults(self):
-        return list(include_direction.faults_of(self.root, ORDER))
+        return list(include_direction.faults_of(self.root / 'src', ORDER, self.root / 'tools'))
 
     def assert_one_fault(self, text):
         faults = self.faults()
@@ -63,38 +67,59 @@ class IncludeDirection(Tree):
         self.header('low/a.h', 'middle/b.h')
         self.assert_one_fault('low/a.h:2: includes "middle/b.h" but points upwards')
 
-    def test_lets_anyone_include_what_is_free(self):
-        self.header('high/gate.h')
-        self.header('low/a.h', 'high/gate.h')
+    def test_lets_anyone_include_what_lies_at_the_top(self):
+        self.header('paths.h')
+        self.header('low/a.h', 'paths.h')
         self.assertEqual(self.faults(), [])
+        self.header('paths.h', 'low/a.h')
+        self.assert_one_fault('points upwards')
 
-    def test_lets_what_is_free_include_only_what_else_is(self):
+    def test_finds_a_folder_that_the_order_does_not_name(self):
         self.header('low/a.h')
-        self.header('high/thread.h', 'high/gate.h')
-        self.header('high/gate.h')
-        self.assertEqual(self.faults(), [])
-        self.header('high/thread.h', 'low/a.h')
-        self.assert_one_fault('may include only what else is')
+        self.header('other/b.h', 'low/a.h')
+        self.assert_one_fault('a folder that the order does not name')
 
-    def test_lets_anyone_include_a_format_and_a_format_only_formats(self):
-        self.header('high/x_format.h')
-        self.header('low/y_format.h', 'high/x_format.h')
-        self.header('low/a.h', 'high/x_format.h')
+    def test_lets_a_format_include_only_formats(self):
+        self.header('low/a.h')
+        self.header('low/x_format.h')
+        self.header('low/y_format.h', 'low/x_format.h')
         self.assertEqual(self.faults(), [])
         self.header('low/y_format.h', 'low/a.h')
         self.assert_one_fault('may include formats only')
 
-    def test_lets_the_tied_source_include_upwards_and_no_other(self):
-        self.header('high/wanted.h')
-        self.write('low/tied.cpp', '#include "high/wanted.h"\n')
+    def test_lets_sub_commands_include_what_is_shared_and_the_daemon(self):
+        self.header('low/a.h')
+        self.tool('tarnctl/common/c.h', 'low/a.h')
+        self.tool('tarnctl/rules/r.h', 'tarnctl/common/c.h')
+        self.tool('tarnctl/one/o.h', 'tarnctl/common/c.h', 'tarnctl/rules/r.h', 'low/a.h')
+        self.tool('tarnctl/main.h', 'tarnctl/one/o.h')
         self.assertEqual(self.faults(), [])
-        self.header('low/tied.h', 'high/wanted.h')
-        self.assertEqual(len(self.faults()), 2)  # the header's include, and the header not first
+
+    def test_finds_a_sub_command_that_includes_another(self):
+        self.tool('tarnctl/one/o.h')
+        self.tool('tarnctl/two/t.h', 'tarnctl/one/o.h')
+        self.assert_one_fault('belongs to another sub-command')
+
+    def test_finds_what_is_shared_pointing_upwards(self):
+        self.tool('tarnctl/rules/r.h')
+        self.tool('tarnctl/common/c.h', 'tarnctl/rules/r.h')
+        self.assert_one_fault('points upwards')
+        self.tool('tarnctl/common/c.h', 'tarnctl/one/o.h')
+        self.tool('tarnctl/one/o.h')
+        self.assert_one_fault('belongs to another sub-command')
+        self.tool('tarnctl/common/c.h', 'tarnctl/top.h')
+        self.tool('tarnctl/top.h')
+        self.assert_one_fault('points upwards')
+
+    def test_finds_a_daemon_that_includes_its_tools(self):
+        self.tool('tarnctl/common/c.h')
+        self.header('high/a.h', 'tarnctl/common/c.h')
+        self.assert_one_fault('knows nothing of its tools')
 
     def test_keeps_apart_what_stands_alone(self):
         self.header('low/log.h')
         self.header('middle/alone.h', 'low/log.h')
-        self.assert_one_fault('stands apart')
+        self.assert_one_fault('has to do without it')
 
     def test_finds_what_every_file_keeps_to(self):
         self.write('low/a.h', '')
@@ -103,13 +128,13 @@ class IncludeDirection(Tree):
         self.write('low/a.cpp', '#include <vector>\n#include "low/a.h"\n')
         self.assert_one_fault('own header first')
         self.write('low/a.cpp', '#include "a.h"\n')
-        self.assertTrue(any('is no path from src/' in fault for fault in self.faults()))
+        self.assertTrue(any('is no path from src/ or tools/' in fault for fault in self.faults()))
         self.write('low/a.cpp', '#include <low/a.h>\n')
         self.assert_one_fault('belongs in quotes')
 
     def test_refuses_a_list_that_it_does_not_understand(self):
         with self.assertRaises(ValueError):
-            include_direction.Order('knot only_one\n')
+            include_direction.Order('apart only_one\n')
 
 
 HEADER = '''#pragma once

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Checks that the includes of src/ point the way that include_order.txt tells.
+"""Checks that the includes of src/ and tools/tarnctl/ point the way that include_order.txt says.
 
-Also checks what every file of src/ keeps to: includes are written as paths from src/ and name a
-file that is there, a source includes its own header first, and a header has #pragma once.
+Also checks what every file keeps to: includes are written as paths from src/ or tools/ and name a
+file that exists, a source includes its own header first, and a header has #pragma once.
 """
 
 import argparse
@@ -12,6 +12,7 @@ import re
 import sys
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]')
+TOOL = 'tarnctl'
 
 
 class Order:
@@ -19,9 +20,7 @@ class Order:
 
     def __init__(self, text):
         self.folders = []
-        self.free = []
-        self.formats = []
-        self.knots = []
+        self.shared = []
         self.apart = []
         for number, line in enumerate(text.splitlines(), 1):
             words = line.split('#', 1)[0].split()
@@ -30,40 +29,51 @@ class Order:
             kind, rest = words[0], words[1:]
             if kind == 'order':
                 self.folders = rest
-            elif kind == 'free' and len(rest) == 1:
-                self.free += rest
-            elif kind == 'format' and len(rest) == 1:
-                self.formats += rest
-            elif kind == 'knot' and len(rest) == 2:
-                self.knots.append(tuple(rest))
+            elif kind == 'shared':
+                self.shared = rest
             elif kind == 'apart' and len(rest) >= 2:
                 self.apart.append((rest[0], rest[1:]))
             else:
                 raise ValueError(f'line {number} of the list is not understood: {line}')
 
     def rank(self, file):
-        folder = file.split('/')[0]
+        """The place of a file of src/ in the order; what lies at the top, as paths.h, is lowest."""
+        folder, _, rest = file.partition('/')
+        if not rest:
+            return -1
         return self.folders.index(folder) if folder in self.folders else None
-
-    def is_format(self, file):
-        return any(fnmatch.fnmatch(file, pattern) for pattern in self.formats)
 
     def fault(self, file, included):
         """Why `file` may not include `included`; None if it may."""
-        if file in self.free and included not in self.free:
-            return 'is for everyone and may include only what else is'
-        if self.is_format(file) and not self.is_format(included):
+        if fnmatch.fnmatch(file, '*_format.h') and not fnmatch.fnmatch(included, '*_format.h'):
             return 'is a format and may include formats only'
         for pattern, refused in self.apart:
             if fnmatch.fnmatch(file, pattern):
                 if any(fnmatch.fnmatch(included, name) for name in refused):
-                    return 'stands apart from that'
-        if included in self.free or self.is_format(included) or (file, included) in self.knots:
-            return None
+                    return 'has to do without it'
+        if file.startswith(TOOL + '/'):
+            return self._fault_of_tool(file, included)
+        if included.startswith(TOOL + '/'):
+            return 'is part of the daemon, which knows nothing of its tools'
         mine, other = self.rank(file), self.rank(included)
         if mine is None or other is None:
             return 'lies in a folder that the order does not name'
         return 'points upwards' if other > mine else None
+
+    def _fault_of_tool(self, file, included):
+        """Sub-commands include themselves, the shared folders and src/; the top includes all."""
+        if not included.startswith(TOOL + '/') or file.count('/') == 1:
+            return None
+        if included.count('/') == 1:
+            return 'points upwards'
+        mine, other = file.split('/')[1], included.split('/')[1]
+        if mine == other:
+            return None
+        if other not in self.shared:
+            return 'belongs to another sub-command'
+        if mine in self.shared and self.shared.index(other) > self.shared.index(mine):
+            return 'points upwards'
+        return None
 
 
 def includes_of(text):
@@ -74,25 +84,30 @@ def includes_of(text):
             yield number, match.group(1) == '"', match.group(2)
 
 
-def faults_of(source, order):
-    """Every fault of a tree of sources, as one line of text each."""
-    files = sorted(p for p in source.rglob('*') if p.suffix in ('.h', '.cpp'))
-    names = {p.relative_to(source).as_posix() for p in files}
-    for path in files:
-        file = path.relative_to(source).as_posix()
+def files_of(root):
+    return [path for path in sorted(root.rglob('*')) if path.suffix in ('.h', '.cpp')]
+
+
+def faults_of(source, order, tools=None):
+    """Every fault of the sources below `source`, and of tools/tarnctl/, as one line of text each."""
+    files = {path.relative_to(source).as_posix(): path for path in files_of(source)}
+    if tools is not None:
+        files |= {path.relative_to(tools).as_posix(): path
+                  for path in files_of(tools / TOOL)}
+    for file, path in files.items():
         text = path.read_text(encoding='utf-8')
         if path.suffix == '.h' and not re.search(r'^#pragma once$', text, re.MULTILINE):
             yield f'{file}: has no #pragma once'
         included = list(includes_of(text))
         own = file[:-len('.cpp')] + '.h'
-        if path.suffix == '.cpp' and own in names and (not included or included[0][2] != own):
+        if path.suffix == '.cpp' and own in files and (not included or included[0][2] != own):
             yield f'{file}: does not include its own header first'
         for number, quoted, name in included:
             if not quoted:
-                if name in names:
+                if name in files:
                     yield f'{file}:{number}: <{name}> is the project\'s and belongs in quotes'
-            elif name not in names:
-                yield f'{file}:{number}: "{name}" is no path from src/'
+            elif name not in files:
+                yield f'{file}:{number}: "{name}" is no path from src/ or tools/'
             else:
                 fault = order.fault(file, name)
                 if fault:
@@ -102,10 +117,12 @@ def faults_of(source, order):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument('--source', type=pathlib.Path, required=True, help='the folder src')
+    parser.add_argument('--tools', type=pathlib.Path, help='the folder tools')
     parser.add_argument('--order', type=pathlib.Path,
                         default=pathlib.Path(__file__).with_name('include_order.txt'))
     options = parser.parse_args()
-    faults = list(faults_of(options.source, Order(options.order.read_text(encoding='utf-8'))))
+    order = Order(options.order.read_text(encoding='utf-8'))
+    faults = list(faults_of(options.source, order, options.tools))
     for fault in faults:
         print(fault)
     return 1 if faults else 0

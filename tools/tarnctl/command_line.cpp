@@ -4,15 +4,15 @@
 
 #include <CLI/CLI.hpp>
 
-#include "tarnctl/crm_command.h"
-#include "tarnctl/exit_status.h"
-#include "tarnctl/messages_command.h"
+#include "tarnctl/common/exit_status.h"
+#include "tarnctl/crm/crm_command.h"
+#include "tarnctl/messages/messages_command.h"
 #ifdef TARNCTL_WITH_PCAP
-#include "tarnctl/packetlog_command.h"
+#include "tarnctl/packetlog/packetlog_command.h"
 #endif
-#include "tarnctl/replay_command.h"
-#include "tarnctl/secmgr_command.h"
-#include "tarnctl/stop_signals.h"
+#include "tarnctl/common/stop_signals.h"
+#include "tarnctl/replay/replay_command.h"
+#include "tarnctl/secmgr/secmgr_command.h"
 
 namespace tarnctl {
 

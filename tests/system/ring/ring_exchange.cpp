@@ -17,9 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "channels/shm_event_pipe.h"
-#include "independent_ring.h"
-#include "ring_traffic.h"
+#include "ring/shm_event_pipe.h"
+#include "support/independent_ring.h"
+#include "support/ring_traffic.h"
 
 namespace {
 

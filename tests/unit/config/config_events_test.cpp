@@ -3,7 +3,7 @@
 
 #include <gmock/gmock.h>
 
-#include "config_fixture.h"
+#include "unit/config/config_fixture.h"
 
 namespace {
 

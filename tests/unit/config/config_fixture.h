@@ -9,8 +9,8 @@
 
 #include "config/config.h"
 #include "config/event_rule_table.h"
-#include "log_capture.h"
-#include "temp_dir.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 class ConfigFixture : public testing::Test {
   protected:

@@ -1,6 +1,6 @@
 #include <gmock/gmock.h>
 
-#include "config_fixture.h"
+#include "unit/config/config_fixture.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "config_fixture.h"
+#include "unit/config/config_fixture.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "allocation_count.h"
+#include "support/allocation_count.h"
 
 namespace {
 

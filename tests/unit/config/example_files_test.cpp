@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "config_fixture.h"
-#include "file_text.h"
+#include "support/file_text.h"
+#include "unit/config/config_fixture.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <fstream>
 #include <string>
 
-#include "file_text.h"
-#include "temp_dir.h"
+#include "support/file_text.h"
+#include "support/temp_dir.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "stderr_capture.h"
+#include "support/stderr_capture.h"
 
 namespace {
 

@@ -13,14 +13,14 @@
 #include <string>
 #include <vector>
 
-#include "channels/packet_log_ctrl_if.h"
 #include "config/config.h"
 #include "config/event_rule_table.h"
 #include "events/event_bridge.h"
-#include "independent_ring.h"
-#include "log_capture.h"
-#include "private_channel.h"
-#include "test_alert.h"
+#include "packet_log/packet_log_ctrl_if.h"
+#include "support/independent_ring.h"
+#include "support/log_capture.h"
+#include "support/private_channel.h"
+#include "unit/events/test_alert.h"
 
 // Reaches what no operation shows.
 class EventBridgePeer {

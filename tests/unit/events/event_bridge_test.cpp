@@ -13,10 +13,10 @@
 #include <thread>
 #include <vector>
 
-#include "bridge_fixture.h"
-#include "events/crm_event_producer.h"
-#include "levelled_log.h"
-#include "logging/cancellation.h"
+#include "crm/crm_event_producer.h"
+#include "support/levelled_log.h"
+#include "threads/cancellation.h"
+#include "unit/events/bridge_fixture.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "bridge_fixture.h"
-#include "channels/event_report_format.h"
-#include "levelled_log.h"
-#include "packet_log_daemon.h"
-#include "word_at.h"
+#include "crm/event_report_format.h"
+#include "support/levelled_log.h"
+#include "support/packet_log_daemon.h"
+#include "support/word_at.h"
+#include "unit/events/bridge_fixture.h"
 
 namespace {
 

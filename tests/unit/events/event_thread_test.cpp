@@ -9,10 +9,10 @@
 
 #include "config/config.h"
 #include "events/event_bridge.h"
-#include "levelled_log.h"
-#include "log_capture.h"
 #include "logging/log.h"
-#include "private_channel.h"
+#include "support/levelled_log.h"
+#include "support/log_capture.h"
+#include "support/private_channel.h"
 
 namespace {
 

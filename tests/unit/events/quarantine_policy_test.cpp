@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "bridge_fixture.h"
 #include "config/event_rule_node.h"
-#include "levelled_log.h"
-#include "stream_peer.h"
+#include "support/levelled_log.h"
+#include "support/stream_peer.h"
+#include "unit/events/bridge_fixture.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <functional>
 
-#include "events/crm_event_source.h"
-#include "snort/unified2_events.h"
+#include "crm/crm_event_source.h"
+#include "unified2/unified2_events.h"
 
 class TestAlert : public U2AlertEvent {
   public:

@@ -13,8 +13,8 @@
 #include <regex>
 #include <string>
 
-#include "file_text.h"
-#include "temp_dir.h"
+#include "support/file_text.h"
+#include "support/temp_dir.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "file_text.h"
 #include "logging/sys_log.h"
-#include "stderr_capture.h"
-#include "temp_dir.h"
+#include "support/file_text.h"
+#include "support/stderr_capture.h"
+#include "support/temp_dir.h"
 #include "unit/logging/log_peer.h"
 #include "unit/logging/syslog_stand_in.h"
 

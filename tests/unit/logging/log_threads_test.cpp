@@ -12,10 +12,10 @@
 #include <thread>
 #include <vector>
 
-#include "file_text.h"
 #include "logging/log.h"
 #include "logging/log_file.h"
-#include "temp_dir.h"
+#include "support/file_text.h"
+#include "support/temp_dir.h"
 #include "unit/logging/log_peer.h"
 #include "unit/logging/syslog_stand_in.h"
 

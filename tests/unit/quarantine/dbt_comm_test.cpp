@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "golden_bytes.h"
-#include "levelled_log.h"
-#include "logging/cancellation.h"
-#include "stream_peer.h"
-#include "temp_dir.h"
+#include "support/golden_bytes.h"
+#include "support/levelled_log.h"
+#include "support/stream_peer.h"
+#include "support/temp_dir.h"
+#include "threads/cancellation.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <regex>
 #include <string>
 
-#include "levelled_log.h"
+#include "support/levelled_log.h"
 
 namespace {
 

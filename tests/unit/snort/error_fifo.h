@@ -13,7 +13,7 @@
 #include <string>
 
 #include "snort/snort_error_reader.h"
-#include "temp_dir.h"
+#include "support/temp_dir.h"
 
 class ErrorFifo {
   public:

@@ -15,8 +15,8 @@
 
 #include "config/config.h"
 #include "snort/snort_event_reader.h"
-#include "temp_dir.h"
-#include "unified2_records.h"
+#include "support/temp_dir.h"
+#include "support/unified2_records.h"
 #include "unit/snort/log_questions.h"
 
 using Ids = std::vector<uint32_t>;

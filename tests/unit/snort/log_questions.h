@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "levelled_log.h"
-#include "log_capture.h"
+#include "support/levelled_log.h"
+#include "support/log_capture.h"
 
 class QuestionedLog {
   public:

@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "config/config.h"
-#include "file_text.h"
 #include "snort/snort_event_reader.h"
-#include "temp_dir.h"
+#include "support/file_text.h"
+#include "support/temp_dir.h"
 #include "unit/snort/log_questions.h"
 
 namespace {

@@ -10,9 +10,9 @@
 #include <string>
 #include <thread>
 
-#include "bound_socket.h"
-#include "crm_message_socket.h"
-#include "logging/cancellation.h"
+#include "support/bound_socket.h"
+#include "support/crm_message_socket.h"
+#include "threads/cancellation.h"
 #include "unit/snort/error_fifo.h"
 #include "unit/snort/log_questions.h"
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
-#include "crm_message_socket.h"
 #include "snort/snort_error_reader.h"
+#include "support/crm_message_socket.h"
 #include "unit/snort/error_fifo.h"
 #include "unit/snort/log_questions.h"
 

@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "allocation_count.h"
 #include "config/config.h"
 #include "events/event_bridge.h"
-#include "private_channel.h"
-#include "unified2_records.h"
+#include "support/allocation_count.h"
+#include "support/private_channel.h"
+#include "support/unified2_records.h"
 #include "unit/snort/event_reader_fixture.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

@@ -16,7 +16,7 @@
 #include <memory>
 #include <string>
 
-#include "temp_dir.h"
+#include "support/temp_dir.h"
 #include "unit/snort/log_questions.h"
 
 namespace {

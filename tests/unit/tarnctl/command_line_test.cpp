@@ -6,7 +6,7 @@
 #include <sstream>
 #include <vector>
 
-#include "tarnctl/exit_status.h"
+#include "tarnctl/common/exit_status.h"
 
 using testing::HasSubstr;
 using testing::StartsWith;

@@ -1,0 +1,114 @@
+#pragma once
+
+// CrmEventSource: one event on its way to the CRM - the fixed report, the strings, the packet and
+// the name-value pairs that go with it.
+//
+// A U2AlertEvent makes it and fills in what the record says, EventBridge adds what the rule table
+// says, and Dispatch sends it. The message's bytes are told in crm/event_report_format.h.
+//
+// Owner: EventBridge::ProcessOneEvent, for the processing of one event. The packet's bytes belong
+// to the alert, which outlives the report, unless CopyPacket made a private copy.
+//
+// Threads: one thread from beginning to end.
+
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "crm/event_report_format.h"
+#include "crm/packet_info_format.h"
+
+class CrmEventMessage;
+class CrmEventProducer;
+
+class CrmEventSource {
+  public:
+    using NameValues = std::map<std::string, std::string>;  // ordered by the key's bytes
+
+    explicit CrmEventSource(int ipVersion);
+    // Copies strings and pairs. The copy owns no packet: its packet data stays the borrowed
+    // pointer of the original, and must not be used beyond what that pointer lives for.
+    CrmEventSource(const CrmEventSource& other);
+    CrmEventSource& operator=(const CrmEventSource&) = delete;
+    ~CrmEventSource() = default;
+
+    // The setters return 0, unless told otherwise.
+
+    // 6 means IPv6, any other number IPv4.
+    int SetIpVersion(int version);
+    int SetProtocol(unsigned short protocol);
+    int SetIcmp(uint8_t type, uint8_t code);
+
+    // The source is the intruder and the destination the victim, in all of these. Ports are in host
+    // order; an IPv4 address is in network order, an IPv6 address sixteen bytes in network order.
+    int SetSourcePort(unsigned short port);
+    int SetDestinationPort(unsigned short port);
+    int SetSourceIp(uint32_t networkOrder);
+    int SetDestinationIp(uint32_t networkOrder);
+    int SetSourceIpv6(const uint8_t* address);
+    int SetDestinationIpv6(const uint8_t* address);
+    // Address and port of an AF_INET or AF_INET6 socket address: 0. Any other family: 1, and
+    // nothing changes. The IP version is left to SetIpVersion.
+    int SetSource(const sockaddr* address);
+    int SetDestination(const sockaddr* address);
+
+    int SetIssueId(uint32_t issueId);
+    int SetVlanId(uint32_t vlanId);
+    int SetEventTime(uint64_t seconds);  // since the epoch
+    int SetSeverity(uint32_t severity);  // EventSeverity
+    int SetBlockedStatus(uint32_t status);
+    int SetEventName(const std::string& name);
+    // Takes over the text, and from the bit kUserResponseWithRaw of the flags whether the packet
+    // goes into the message.
+    int SetUserResponse(uint32_t flags, const std::string& text);
+
+    // Borrows `length` bytes at `data`. A null pointer or a length of 0 means no packet; the time
+    // is stored all the same. Releases an earlier private copy.
+    int SetPacket(const uint8_t* data, uint32_t length, uint32_t seconds, uint32_t microseconds);
+    // Makes a private copy of the packet, if there is one and it isn't private already.
+    int CopyPacket();
+
+    // Inserts the pair, or replaces the value of an existing key.
+    int AddNameValue(const std::string& key, const std::string& value);
+    int ClearNameValues();
+
+    [[nodiscard]] int GetIpVersion() const;  // 4 or 6
+    [[nodiscard]] unsigned short GetProtocol() const { return m_report.ipProtocol; }
+    [[nodiscard]] uint8_t GetIcmpType() const { return m_report.icmpType; }
+    [[nodiscard]] uint8_t GetIcmpCode() const { return m_report.icmpCode; }
+    [[nodiscard]] unsigned short GetIntruderPort() const { return m_report.intruderPort; }
+    [[nodiscard]] unsigned short GetVictimPort() const { return m_report.victimPort; }
+    [[nodiscard]] uint32_t GetIssueId() const { return m_report.issueId; }
+    [[nodiscard]] uint32_t GetVlanId() const { return m_report.vlanId; }
+    [[nodiscard]] uint64_t GetStartTime() const { return m_report.startTime; }
+    [[nodiscard]] const std::string& GetEventName() const { return m_eventName; }
+    // The address in text form: 0, or -1 when there is no text for it; `text` then stays.
+    [[nodiscard]] int GetIntruderAddressText(std::string& text) const;
+    [[nodiscard]] int GetVictimAddressText(std::string& text) const;
+
+    [[nodiscard]] const EventReport& GetReport() const { return m_report; }
+    [[nodiscard]] const PacketInfo& GetPacket() const { return m_packet; }
+
+    // Builds the message and sends it on ring 0: the result of CrmEventProducer::Send. Copies
+    // neither the packet nor the strings; the message is a list of pointers into this object.
+    [[nodiscard]] int Dispatch(CrmEventProducer* producer) const;
+
+  private:
+    friend class CrmEventMessage;
+
+    void LogReport(const CrmEventMessage& message) const;
+
+    EventReport m_report;
+    std::string m_eventName = "Unnamed Snort Event";
+    std::string m_userResponse;
+    uint32_t m_severity = 0;
+    uint32_t m_blockedStatus = 0;
+    bool m_sendRaw = false;  // the packet goes into the message
+    PacketInfo m_packet;     // what the packet logging interface gets
+    PacketChunk m_rawChunk;  // a second copy of the packet's fields, as it stands on the wire
+    std::unique_ptr<uint8_t[]> m_ownedPacket;
+    NameValues m_nameValues;
+};

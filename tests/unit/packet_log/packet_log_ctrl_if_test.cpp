@@ -1,0 +1,560 @@
+// The instance, the channel, and the sending of one message whatever it says.
+
+#include "packet_log/packet_log_ctrl_if.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/allocation_count.h"
+#include "support/levelled_log.h"
+#include "support/packet_log_daemon.h"
+
+namespace {
+
+using PacketLogCtrl::kAllInterfaces;
+using PacketLogCtrl::LogControlMessage;
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// A message of any type and length, with room for all that a length may claim.
+struct Raw {
+    LogControlMessage head;
+    std::uint8_t body[240] = {};
+};
+
+class PacketLogCtrlIF : public PacketLogFixture {
+  protected:
+    int Send(std::uint32_t type, std::uint32_t now, std::uint32_t length = 8) {
+        const Raw raw{{type, length}};
+        return m_control->SendControlMessage(&raw.head, nullptr, now);
+    }
+    void FailAt(std::uint32_t now) {
+        ASSERT_EQ(ENOENT, Send(4, now)) << "nobody is there yet";
+        ASSERT_EQ(now, Peer::LastFailTime(*m_control));
+    }
+};
+
+// --- instance ------------------------------------------------------------------------------------
+
+TEST_F(PacketLogCtrlIF, IsOneAndCounted) {
+    EXPECT_EQ(m_control, Control::GetInstance());
+    EXPECT_EQ(2, Peer::RefCount());
+    EXPECT_EQ(1, m_control->Release());
+    EXPECT_TRUE(Peer::HasConnections());
+    EXPECT_EQ(0, m_control->Release());
+    EXPECT_FALSE(Peer::Exists());
+    EXPECT_FALSE(Peer::HasConnections()) << "the map goes with the instance";
+    EXPECT_EQ(0U, Control::ConnectionCount());
+    m_control = Control::GetInstance();
+    EXPECT_EQ(1, Peer::RefCount()) << "and a new one comes after it";
+}
+
+TEST_F(PacketLogCtrlIF, LogsTheCountThatWasThereBefore) {
+    EXPECT_THAT(LevelledMessages([] { Control::GetInstance()->Release(); }),
+                ElementsAre("5 PacketLogCtrlIF::GetInstance(). count=1"));
+}
+
+TEST_F(PacketLogCtrlIF, IsCountedRightByEightThreads) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([] {
+            for (int i = 0; i < 500; ++i) {
+                Control::GetInstance()->Release();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(1, Peer::RefCount());
+}
+
+TEST_F(PacketLogCtrlIF, SpeaksToTheFixedSocket) {
+    EXPECT_EQ(0, m_control->Release());
+    m_control = Control::GetInstance();
+    EXPECT_STREQ("/var/run/packetLog", Peer::Address(*m_control).sun_path);
+    EXPECT_EQ(20U, Peer::AddressLength(*m_control)) << "the NUL is not counted";
+}
+
+TEST_F(PacketLogCtrlIF, SaysGoodByeWithTheLastRelease) {
+    Open();
+    const PacketLogDaemon daemon(Path());
+    EXPECT_EQ(0, m_control->Release());
+    m_control = nullptr;
+    EXPECT_THAT(daemon.TakeTypes(), ElementsAre(12));
+}
+
+// --- channel -------------------------------------------------------------------------------------
+
+TEST_F(PacketLogCtrlIF, OpensOneSocketThatAChildDoesNotInherit) {
+    Open();
+    const int fd = Peer::Socket(*m_control);
+    EXPECT_GT(fd, 0);
+    EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD));
+    Open();
+    EXPECT_EQ(fd, Peer::Socket(*m_control));
+    m_control->Shutdown();
+    EXPECT_EQ(0, Peer::Socket(*m_control));
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+    m_control->Shutdown();
+}
+
+TEST_F(PacketLogCtrlIF, DoesNotLoseASocketThatCameAsDescriptorZero) {
+    const PacketLogDaemon daemon(Path());
+    const int standardInput = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    EXPECT_EQ(0, m_control->OpenControlChannel());
+    EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD)) << "descriptor 0 is free again";
+    dup2(standardInput, STDIN_FILENO);
+    close(standardInput);
+    EXPECT_GT(Peer::Socket(*m_control), 0);
+    EXPECT_EQ(FD_CLOEXEC, fcntl(Peer::Socket(*m_control), F_GETFD));
+    EXPECT_EQ(0, m_control->SendType15());
+    EXPECT_THAT(daemon.TakeTypes(), ElementsAre(15));
+}
+
+TEST_F(PacketLogCtrlIF, ReportsThatThereIsNoSocketToHave) {
+    EXPECT_THAT(
+        LevelledMessages([this] {
+            rlimit former{};
+            ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &former));
+            const int next = dup(STDERR_FILENO);
+            close(next);
+            const rlimit none{static_cast<rlim_t>(next), former.rlim_max};
+            ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+            const int opened = m_control->OpenControlChannel();
+            const int initialized = m_control->Initialize();
+            ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &former));
+            EXPECT_EQ(-1, opened);
+            EXPECT_EQ(-1, initialized);
+            EXPECT_EQ(0, Peer::Socket(*m_control));
+        }),
+        ElementsAre(
+            "1 socket() failed trying to initialize the control channel to the daemon..  errno=24",
+            "1 socket() error: Too many open files",
+            "1 socket() failed trying to initialize the control channel to the daemon..  errno=24",
+            "1 socket() error: Too many open files"));
+}
+
+TEST_F(PacketLogCtrlIF, WithoutASocketFailsAndLeavesDescriptorZeroAlone) {
+    int ends[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, ends));
+    const int standardInput = dup(STDIN_FILENO);
+    dup2(ends[0], STDIN_FILENO);
+    EXPECT_EQ(ENOTSOCK, Send(4, 0));
+    char byte = 0;
+    EXPECT_EQ(-1, recv(ends[1], &byte, 1, MSG_DONTWAIT));
+    dup2(standardInput, STDIN_FILENO);
+    for (const int fd : {standardInput, ends[0], ends[1]}) {
+        close(fd);
+    }
+    EXPECT_EQ(1U, m_control->m_uFailOffendingPacket);
+}
+
+TEST_F(PacketLogCtrlIF, InitializeOpensSizesAndGreets) {
+    const PacketLogDaemon daemon(Path());
+    int adjusted = 0;
+    const auto log = LevelledMessages([&] {
+        EXPECT_EQ(0, m_control->Initialize());
+        socklen_t bytes = sizeof(adjusted);
+        ASSERT_EQ(0,
+                  getsockopt(Peer::Socket(*m_control), SOL_SOCKET, SO_SNDBUF, &adjusted, &bytes));
+    });
+    EXPECT_THAT(
+        log, ElementsAre("5 Log evidence throttling set to to 5 seconds.",
+                         "5 After adjustment, the log evidnece control channel size was set to " +
+                             std::to_string(adjusted) + "."));
+    EXPECT_THAT(daemon.TakeTypes(), ElementsAre(1, 1)) << "each run greets, on the one socket";
+}
+
+TEST_F(PacketLogCtrlIF, InitializeGoesOnWithABufferThatCannotBeSized) {
+    const int plain = memfd_create("no socket", MFD_CLOEXEC);
+    Peer::Socket(*m_control) = plain;
+    const auto log = LevelledMessages([this] { EXPECT_EQ(0, m_control->Initialize()); });
+    ASSERT_GE(log.size(), 2U);
+    EXPECT_EQ(
+        "5 Failed setting log evidence control channel size to 262142.  System will operate normally.",
+        log[1]);
+}
+
+TEST_F(PacketLogCtrlIF, InitializeThatIsDisabledLeavesDescriptorZeroAlone) {
+    int ends[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends));
+    const auto size = [&ends] {
+        int bytes = 0;
+        socklen_t length = sizeof(bytes);
+        EXPECT_EQ(0, getsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &bytes, &length));
+        return bytes;
+    };
+    ASSERT_EQ(1, m_control->SetIntParameter("engine.logevidence.bufferctrlsize", 6000));
+    m_control->m_bEnabled = false;
+    const int before = size();
+    const int standardInput = dup(STDIN_FILENO);
+    dup2(ends[0], STDIN_FILENO);
+    EXPECT_THAT(
+        LevelledMessages([this] { EXPECT_EQ(0, m_control->Initialize()); }),
+        ElementsAre(
+            "3 Protection is disabled, so not initializing the control channel to the packet logging daemon.",
+            "5 Log evidence throttling set to to 5 seconds.",
+            "5 Failed setting log evidence control channel size to 6000.  System will operate normally."));
+    dup2(standardInput, STDIN_FILENO);
+    EXPECT_EQ(before, size());
+    for (const int fd : {standardInput, ends[0], ends[1]}) {
+        close(fd);
+    }
+}
+
+TEST_F(PacketLogCtrlIF, ThatIsDisabledSendsAndOpensNothing) {
+    const PacketLogDaemon daemon(Path());
+    m_control->m_bEnabled = false;
+    EXPECT_THAT(
+        LevelledMessages([this] { EXPECT_EQ(0, m_control->OpenControlChannel()); }),
+        ElementsAre(
+            "3 Protection is disabled, so not initializing the control channel to the packet logging daemon."));
+    EXPECT_EQ(0, Peer::Socket(*m_control));
+    m_control->m_bEnabled = true;
+    Open();
+    m_control->m_bEnabled = false;
+    EXPECT_EQ(0, Send(4, 1));
+    EXPECT_EQ(0, Send(4, 1, 129));
+    EXPECT_EQ(0, m_control->SendType15());
+    EXPECT_EQ(0, m_control->SendType16());
+    EXPECT_EQ(0, m_control->SendReloadEventsMessage());
+    EXPECT_EQ(0, m_control->SendText("x"));
+    EXPECT_EQ(0, m_control->SendConnectionCaptureNotice(1, 1));
+    EXPECT_EQ(0, m_control->SendInterfaceCaptureSettings(0, 1, 1));
+    EXPECT_EQ(0, m_control->SendInterfaceCapture(1, 1, 1, "x"));
+    m_control->SendOffendingPacketCapture(nullptr, nullptr, 0);
+    EXPECT_EQ(0, m_control->Initialize());
+    EXPECT_EQ(0U, m_control->m_uAttempted);
+    EXPECT_THAT(daemon.TakeTypes(), IsEmpty());
+}
+
+// --- length --------------------------------------------------------------------------------------
+
+TEST_F(PacketLogCtrlIF, SendsALengthOf128WithoutAnyZeros) {
+    Open();
+    const PacketLogDaemon daemon(Path());
+    Raw raw{{14, 128}};
+    std::memset(raw.body, 0xAB, sizeof(raw.body));
+    EXPECT_EQ(0, m_control->SendControlMessage(&raw.head, nullptr, 0));
+    const Datagram datagram = daemon.Take();
+    ASSERT_EQ(128U, datagram.size());
+    EXPECT_THAT(Datagram(datagram.begin() + 8, datagram.end()), Each(0xAB));
+}
+
+TEST_F(PacketLogCtrlIF, RefusesALengthOf129AndDoesNotCountIt) {
+    Open();
+    const PacketLogDaemon daemon(Path());
+    EXPECT_THAT(
+        LevelledMessages([this] { EXPECT_EQ(-1, Send(14, 0, 129)); }),
+        ElementsAre(
+            "1 Message type 14 not being sent.  It exceeds the allowable length of 128 by 1 bytes."));
+    EXPECT_EQ(0U, m_control->m_uAttempted);
+    EXPECT_THAT(daemon.TakeTypes(), IsEmpty());
+}
+
+TEST_F(PacketLogCtrlIF, SendsAPayloadWithType4Alone) {
+    Open();
+    const PacketLogDaemon daemon(Path());
+    const std::uint8_t payload[] = {1, 2, 3};
+    PacketLogCtrl::LogControlMessage_OffendingPacketCapture message;
+    message.iCapturedSize = 3;
+    for (std::uint32_t type = 0; type <= 18; ++type) {
+        message.head.uType = type;
+        EXPECT_EQ(0, m_control->SendControlMessage(&message.head, payload, 0));
+        EXPECT_EQ(type == 4 ? 131U : 128U, daemon.Take().size()) << "type " << type;
+    }
+    message.head = {4, 92};
+    EXPECT_EQ(0, m_control->SendControlMessage(&message.head, payload, 0));
+    EXPECT_EQ(128U, daemon.Take().size()) << "too short to hold a captured size";
+}
+
+// --- failures ------------------------------------------------------------------------------------
+
+TEST_F(PacketLogCtrlIF, TriesEachMessageTwice) {
+    Open();
+    EXPECT_THAT(
+        LevelledMessages([this] { EXPECT_EQ(ENOENT, Send(2, 0)); }),
+        ElementsAre(
+            "5 Error sending control message of type 2 to the packet logging daemon.  Message: No such file or directory",
+            "5 Error sending control message of type 2 to the packet logging daemon.  Message: No such file or directory"));
+    EXPECT_EQ(2U, m_control->m_uAttempted) << "one for each of two runs";
+    EXPECT_EQ(2U, m_control->m_uFailNewConnection);
+}
+
+TEST_F(PacketLogCtrlIF, CountsFailuresByType) {
+    Open();
+    for (std::uint32_t type = 0; type <= 18; ++type) {
+        EXPECT_EQ(ENOENT, Send(type, 0));
+    }
+    EXPECT_EQ(1U, m_control->m_uFailNewConnection);
+    EXPECT_EQ(1U, m_control->m_uFailInterfaceCapture);
+    EXPECT_EQ(1U, m_control->m_uFailOffendingPacket);
+    EXPECT_EQ(1U, m_control->m_uFailConfigureRolling);
+    EXPECT_EQ(1U, m_control->m_uFailStartDrop);
+    EXPECT_EQ(1U, m_control->m_uFailConnectionNotice);
+    EXPECT_EQ(19U, m_control->m_uAttempted);
+    EXPECT_EQ(0U, m_control->m_uThrottled);
+    EXPECT_EQ(0U, Peer::LastFailTime(*m_control)) << "a message without a time starts no quiet";
+}
+
+TEST_F(PacketLogCtrlIF, ReachesADaemonThatCameBack) {
+    Open();
+    {
+        const PacketLogDaemon daemon(Path());
+        EXPECT_EQ(0, Send(15, 0));
+    }
+    EXPECT_EQ(ENOENT, Send(15, 0));
+    const PacketLogDaemon daemon(Path());
+    EXPECT_EQ(0, Send(15, 0));
+    EXPECT_THAT(daemon.TakeTypes(), ElementsAre(15));
+}
+
+TEST_F(PacketLogCtrlIF, OfADaemonThatDiedWithItsSocketLeftGivesRefused) {
+    Open();
+    const int dead = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un address = Peer::Address(*m_control);
+    ASSERT_EQ(0, bind(dead, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    close(dead);
+    EXPECT_EQ(ECONNREFUSED, Send(15, 0));
+    unlink(Path().c_str());
+}
+
+TEST_F(PacketLogCtrlIF, DoesNotWaitForAFullSocket) {
+    Open();
+    const PacketLogDaemon daemon(Path());
+    std::uint32_t sent = 0;
+    while (Send(15, 0) == 0) {
+        ASSERT_LT(++sent, 100000U);
+    }
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(EAGAIN, Send(4, 1000));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
+    EXPECT_EQ(1U, m_control->m_uFailOffendingPacket);
+    EXPECT_EQ(sent, daemon.TakeTypes().size()) << "what went in stays in";
+    EXPECT_EQ(0, Send(15, 0)) << "there is room again";
+}
+
+// --- throttling ----------------------------------------------------------------------------------
+
+TEST_F(PacketLogCtrlIF, IsQuietUntilTheIntervalHasPassedInPacketTime) {
+    Open();
+    FailAt(1000);
+    const PacketLogDaemon daemon(Path());
+    EXPECT_EQ(-2, Send(4, 1000));
+    EXPECT_EQ(-2, Send(2, 1004));
+    EXPECT_EQ(2U, m_control->m_uThrottled);
+    EXPECT_EQ(0, Send(4, 1005)) << "exactly the interval";
+    EXPECT_EQ(-2, Send(4, 1004)) << "the clock is the packets', and nothing ends the quiet";
+    EXPECT_EQ(0, Send(4, 1006));
+    EXPECT_THAT(daemon.TakeTypes(), ElementsAre(4, 4));
+    EXPECT_EQ(6U, m_control->m_uAttempted) << "skipped messages are attempts, too";
+    EXPECT_EQ(1U, m_control->m_uFailOffendingPacket);
+}
+
+TEST_F(PacketLogCtrlIF, IsNotQuietForAPacketFromBeforeTheFailure) {
+    Open();
+    FailAt(1000);
+    const PacketLogDaemon daemon(Path());
+    EXPECT_EQ(0, Send(4, 999)) << "the unsigned distance is huge";
+}
+
+TEST_F(PacketLogCtrlIF, KeepsTheFirstSecondsOfTimeQuiet) {
+    Open();
+    const PacketLogDaemon daemon(Path());
+    EXPECT_EQ(-2, Send(4, 4)) << "no failure yet stands as one at 0";
+    EXPECT_EQ(0, Send(4, 5));
+}
+
+TEST_F(PacketLogCtrlIF, IsNeverQuietForAMessageWithoutATime) {
+    Open();
+    FailAt(1000);
+    const PacketLogDaemon daemon(Path());
+    EXPECT_EQ(0, Send(4, 0));
+    EXPECT_EQ(0U, m_control->m_uThrottled);
+}
+
+TEST_F(PacketLogCtrlIF, KeepsSendingNoticesInTheQuietPeriod) {
+    Open();
+    FailAt(1000);
+    const PacketLogDaemon daemon(Path());
+    EXPECT_EQ(0, m_control->SendConnectionCaptureNotice(7, 1001));
+    EXPECT_EQ(2U, m_control->m_uAttempted);
+    EXPECT_EQ(0U, m_control->m_uThrottled);
+    EXPECT_THAT(daemon.TakeTypes(), ElementsAre(13));
+}
+
+TEST_F(PacketLogCtrlIF, WithAnIntervalOfZeroIsNeverQuiet) {
+    ASSERT_EQ(1, m_control->SetIntParameter("engine.logevidence.suppress", 0));
+    Open();
+    FailAt(1000);
+    const PacketLogDaemon daemon(Path());
+    EXPECT_EQ(0, Send(4, 1000));
+    EXPECT_EQ(0U, m_control->m_uThrottled);
+}
+
+TEST_F(PacketLogCtrlIF, SkipsAPacketWithoutTouchingTheSocket) {
+    Open();
+    FailAt(1000);
+    PacketInfo packet;
+    packet.uSeconds = 1001;
+    m_control->SendOffendingPacketCapture(nullptr, &packet, 0);
+    EXPECT_EQ(1U, m_control->m_uThrottled);
+    EXPECT_EQ(1U, m_control->m_uFailOffendingPacket) << "it would have failed again";
+}
+
+// --- counts --------------------------------------------------------------------------------------
+
+TEST_F(PacketLogCtrlIF, CountsOfEightThreadsAddUp) {
+    Open();
+    constexpr std::uint32_t kThreads = 8;
+    constexpr std::uint32_t kEach = 40;
+    std::vector<std::thread> threads;
+    for (std::uint32_t t = 0; t < kThreads; ++t) {
+        threads.emplace_back([this, t] {
+            for (std::uint32_t i = 0; i < kEach; ++i) {
+                m_control->SendOffendingPacketCapture(nullptr, nullptr, 0);
+                (void)m_control->SendConnectionCaptureNotice(i, 0);
+                (void)m_control->CountFrameNotSent(t * kEach + i);
+                (void)m_control->ConsumeInterfaceCount(t);
+                EventReport report;
+                report.ipProtocol = 6;
+                bool isNew = false;
+                std::uint16_t captureId = 0;
+                std::uint64_t connection = 0;
+                EXPECT_EQ(1, m_control->SendNewConnectionCapture(&report, nullptr, isNew, captureId,
+                                                                 connection));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(3 * kThreads * kEach, m_control->m_uAttempted);
+    EXPECT_EQ(kThreads * kEach, m_control->m_uFailOffendingPacket);
+    EXPECT_EQ(kThreads * kEach, m_control->m_uFailConnectionNotice);
+    EXPECT_EQ(kThreads * kEach, m_control->m_uFailNewConnection);
+    EXPECT_EQ(kThreads * kEach, m_control->m_uFramesNotSent);
+    EXPECT_EQ(kThreads * kEach + 1, Peer::NextCaptureId(*m_control));
+}
+
+TEST_F(PacketLogCtrlIF, EightThreadsReachTheDaemonWithWholeDatagrams) {
+    Open();
+    const PacketLogDaemon daemon(Path());
+    std::atomic<bool> done{false};
+    std::uint32_t received = 0;
+    std::thread reader([&] {
+        for (;;) {
+            const bool last = done.load();
+            const Datagram datagram = daemon.Take();
+            if (!datagram.empty()) {
+                ++received;
+                ASSERT_EQ(128U + WordAt(datagram, 92), datagram.size());
+                for (std::size_t at = 128; at < datagram.size(); ++at) {
+                    ASSERT_EQ(datagram[96], datagram[at]);  // the thread's own byte
+                }
+            } else if (last) {
+                return;
+            }
+        }
+    });
+    std::vector<std::thread> threads;
+    for (std::uint8_t t = 101; t <= 108; ++t) {
+        threads.emplace_back([this, t] {
+            const std::vector<std::uint8_t> data(t * 10U, t);
+            PacketInfo packet;
+            packet.iCapturedSize = static_cast<std::int32_t>(data.size());
+            packet.uSeconds = t;
+            packet.pData = data.data();
+            for (int i = 0; i < 100; ++i) {
+                m_control->SendOffendingPacketCapture(nullptr, &packet, 0);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(800U,
+              received + m_control->m_uFailOffendingPacket.load() + m_control->m_uThrottled.load());
+    EXPECT_GT(received, 0U);
+}
+
+TEST_F(PacketLogCtrlIF, CountsFramesThatWereNotSent) {
+    EXPECT_EQ(1U, m_control->CountFrameNotSent(17));
+    EXPECT_EQ(2U, m_control->CountFrameNotSent(18));
+    EXPECT_EQ(18U, Peer::LastFrameNotSent(*m_control));
+    EXPECT_EQ(2U, m_control->m_uFramesNotSent);
+}
+
+TEST_F(PacketLogCtrlIF, RaisesAnInterfaceToTheCountAndNotBeyond) {
+    Open();
+    const PacketLogDaemon daemon(Path());
+    Peer::InterfaceCount(*m_control, 4) = 250;
+    EXPECT_EQ(0, m_control->SendInterfaceCapture(3, 1, 1000, nullptr));
+    EXPECT_EQ(100, Peer::InterfaceCount(*m_control, 3));
+    EXPECT_EQ(0, Peer::InterfaceCount(*m_control, 2));
+    EXPECT_EQ(0, m_control->SendInterfaceCapture(kAllInterfaces, 1, 1000, nullptr));
+    for (std::size_t interface = 0; interface < 16; ++interface) {
+        EXPECT_EQ(interface == 4 ? 250 : 100, Peer::InterfaceCount(*m_control, interface));
+    }
+    EXPECT_EQ(0, m_control->SendInterfaceCapture(16, 1, 1000, nullptr)) << "beyond the counts";
+}
+
+TEST_F(PacketLogCtrlIF, RaisesNothingWhenTheCaptureDidNotGoOut) {
+    Open();
+    EXPECT_EQ(ENOENT, m_control->SendInterfaceCapture(3, 1, 1000, nullptr));
+    EXPECT_EQ(0, Peer::InterfaceCount(*m_control, 3));
+    EXPECT_EQ(-2, m_control->SendInterfaceCapture(3, 1, 1000, nullptr));
+    EXPECT_EQ(1U, m_control->m_uFailInterfaceCapture);
+}
+
+TEST_F(PacketLogCtrlIF, ConsumesAnInterfaceDownToZeroAndRestsThere) {
+    Peer::InterfaceCount(*m_control, 0) = 2;
+    EXPECT_EQ(1, m_control->ConsumeInterfaceCount(0));
+    EXPECT_EQ(0, m_control->ConsumeInterfaceCount(0));
+    EXPECT_EQ(0, m_control->ConsumeInterfaceCount(0));
+    EXPECT_EQ(0, Peer::InterfaceCount(*m_control, 0));
+    EXPECT_EQ(0, m_control->ConsumeInterfaceCount(16));
+}
+
+TEST_F(PacketLogCtrlIF, AllocatesNothingForAPacket) {
+    Open();
+    const PacketLogDaemon daemon(Path());
+    const std::vector<std::uint8_t> data(1514, 0x5A);
+    EventReport report;
+    report.userString = "SNORT";
+    PacketInfo packet;
+    packet.iCapturedSize = 1514;
+    packet.uSeconds = 1000;
+    packet.pData = data.data();
+    const std::uint64_t before = AllocationCount();
+    m_control->SendOffendingPacketCapture(&report, &packet, 0);
+    const std::uint64_t sent = AllocationCount();
+    Peer::SetDestination(*m_control, m_dir.File("nobody"));
+    const std::uint64_t between = AllocationCount();
+    m_control->SendOffendingPacketCapture(&report, &packet, 0);
+    m_control->SendOffendingPacketCapture(&report, &packet, 0);
+    EXPECT_EQ(before, sent);
+    EXPECT_EQ(between, AllocationCount()) << "nor for one that fails or is skipped";
+    EXPECT_EQ(1642U, daemon.Take().size());
+    EXPECT_EQ(1U, m_control->m_uThrottled);
+}
+
+}  // namespace

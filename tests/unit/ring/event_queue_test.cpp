@@ -1,0 +1,318 @@
+#include "ring/event_queue.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+#include "support/ring_fixture.h"
+
+namespace {
+
+// A queue name of this process's own, and nothing of it left behind.
+class EventQueueTest : public testing::Test {
+  protected:
+    EventQueueTest() { Clear(); }
+    ~EventQueueTest() override { Clear(); }
+
+    std::string Ring(int index, int ring) const {
+        return "/var/tmp/EventQueue" + m_name + std::to_string(index) + "-" + std::to_string(ring);
+    }
+    std::string Semaphore() const { return "/EventQueue" + m_name + ".sem"; }
+
+    // The mode that a queue gives its semaphore lets only a privileged process attach to it again,
+    // so the tests that attach twice bring one of their own.
+    void MakeSemaphore(unsigned posts = 0) const {
+        sem_t* const semaphore = sem_open(Semaphore().c_str(), O_CREAT, 0600, posts);
+        ASSERT_NE(semaphore, SEM_FAILED);
+        sem_close(semaphore);
+    }
+    bool SemaphoreExists() const {
+        return std::filesystem::exists("/dev/shm/sem." + Semaphore().substr(1));
+    }
+
+    void Clear() const {
+        for (int index = 0; index < 16; ++index) {
+            std::filesystem::remove_all(Ring(index, 0));
+            std::filesystem::remove_all(Ring(index, 1));
+        }
+        sem_unlink(Semaphore().c_str());
+    }
+
+    static void Send(EventQueue& queue, std::size_t ring, const Bytes& message) {
+        const auto length = static_cast<std::uint32_t>(message.size());
+        ASSERT_EQ(queue.m_pairs[0]->m_aPipes[ring].write(message.data(), &length), PIPE_OK);
+        ASSERT_EQ(sem_post(queue.m_pSem), 0);
+    }
+
+    static Bytes Receive(EventQueue& queue, std::size_t pair, std::size_t ring) {
+        Bytes message(4096);
+        std::uint32_t size = 4096;
+        (void)queue.m_pairs[pair]->m_aPipes[ring].read(message.data(), &size);
+        message.resize(size);
+        return message;
+    }
+
+    const std::string m_name = "Test" + std::to_string(getpid()) + "x";
+    const char* const m_szName = m_name.c_str();
+};
+
+using EventQueueWriter = EventQueueTest;
+using EventQueueReader = EventQueueTest;
+using EventQueueOpen = EventQueueTest;
+using EventQueueDestroy = EventQueueTest;
+using ShmEventPipePairTest = EventQueueTest;
+
+}  // namespace
+
+TEST_F(EventQueueWriter, HasThePairOfItsIndexAlone) {
+    const EventQueue queue("CRM", 3, 1);
+    EXPECT_EQ(queue.m_uReserved, 0U);
+    EXPECT_EQ(queue.m_uPairCount, 1U);
+    ASSERT_EQ(queue.m_pairs.size(), 1U);
+    EXPECT_EQ(queue.m_strSemName, "/EventQueueCRM.sem");
+    EXPECT_EQ(queue.m_pSem, nullptr);
+    EXPECT_EQ(queue.m_iWriterSide, 1);
+    EXPECT_EQ(queue.m_pfnLog, nullptr);
+    const ShmEventPipePair& pair = *queue.m_pairs[0];
+    EXPECT_EQ(pair.m_eRole, WRITER);
+    EXPECT_EQ(pair.m_aPipes[0].m_eRole, WRITER);
+    EXPECT_EQ(pair.m_aPipes[0].m_strPath, "/var/tmp/EventQueueCRM3-0");
+    EXPECT_EQ(pair.m_aPipes[0].m_uSize, 8388608U);
+    EXPECT_EQ(pair.m_aPipes[1].m_eRole, WRITER);
+    EXPECT_EQ(pair.m_aPipes[1].m_strPath, "/var/tmp/EventQueueCRM3-1");
+    EXPECT_EQ(pair.m_aPipes[1].m_uSize, 262144U);
+    EXPECT_EQ(pair.m_aPipes[0].m_pfnLog, nullptr);
+}
+
+TEST_F(EventQueueWriter, PutsIndexAndSuffixBehindTheNameWithNoSeparator) {
+    const EventQueue queue("CRM", 12, 1);
+    EXPECT_EQ(queue.m_pairs[0]->m_aPipes[0].m_strPath, "/var/tmp/EventQueueCRM12-0");
+}
+
+TEST_F(EventQueueWriter, LeavesTheFilesOfAnEarlierRun) {
+    std::ofstream(Ring(3, 0)) << "earlier";
+    const EventQueue queue(m_szName, 3, 1);
+    EXPECT_TRUE(std::filesystem::exists(Ring(3, 0)));
+}
+
+TEST_F(EventQueueReader, HasOnePairForEachIndexBelowItsCount) {
+    const EventQueue queue(m_szName, EventQueue::ForReader::kTag, 3);
+    EXPECT_EQ(queue.m_uPairCount, 3U);
+    ASSERT_EQ(queue.m_pairs.size(), 3U);
+    EXPECT_EQ(queue.m_strSemName, Semaphore());
+    EXPECT_EQ(queue.m_iWriterSide, 0);
+    for (int index = 0; index < 3; ++index) {
+        const ShmEventPipePair& pair = *queue.m_pairs[static_cast<std::size_t>(index)];
+        EXPECT_EQ(pair.m_eRole, READER);
+        EXPECT_EQ(pair.m_aPipes[0].m_strPath, Ring(index, 0));
+        EXPECT_EQ(pair.m_aPipes[1].m_strPath, Ring(index, 1));
+        EXPECT_EQ(pair.m_aPipes[1].m_eRole, READER);
+    }
+}
+
+TEST_F(EventQueueReader, RemovesTheFilesOfAnEarlierRun) {
+    std::ofstream(Ring(0, 0)) << "earlier";
+    std::ofstream(Ring(1, 1)) << "earlier";
+    std::ofstream(Ring(2, 0)) << "not this reader's";
+    const EventQueue queue(m_szName, EventQueue::ForReader::kTag, 2);
+    EXPECT_FALSE(std::filesystem::exists(Ring(0, 0)));
+    EXPECT_FALSE(std::filesystem::exists(Ring(1, 1)));
+    EXPECT_TRUE(std::filesystem::exists(Ring(2, 0)));
+}
+
+TEST_F(EventQueueReader, WithACountOfZeroOpensTheSemaphoreAlone) {
+    EventQueue queue(m_szName, EventQueue::ForReader::kTag, 0);
+    EXPECT_EQ(queue.m_uPairCount, 0U);
+    EXPECT_EQ(queue.Open(), 0);
+    EXPECT_NE(queue.m_pSem, nullptr);
+    EXPECT_TRUE(SemaphoreExists());
+}
+
+TEST_F(EventQueueOpen, MakesSemaphoreAndBothRings) {
+    EventQueue queue(m_szName, 4, 1);
+    EXPECT_EQ(queue.Open(), 0);
+    EXPECT_EQ(std::filesystem::file_size(Ring(4, 0)), 8388608U);
+    EXPECT_EQ(std::filesystem::file_size(Ring(4, 1)), 262144U);
+    int posts = -1;
+    EXPECT_EQ(sem_getvalue(queue.m_pSem, &posts), 0);
+    EXPECT_EQ(posts, 0);
+}
+
+TEST_F(EventQueueOpen, KeepsMakingASemaphoreThatOnlyOthersMayWrite) {
+    const mode_t former = umask(0);
+    EventQueue queue(m_szName, 4, 1);
+    EXPECT_EQ(queue.Open(), 0);
+    umask(former);
+    struct stat status {};
+    ASSERT_EQ(stat(("/dev/shm/sem." + Semaphore().substr(1)).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 2U);
+}
+
+TEST_F(EventQueueOpen, AttachesToASemaphoreThatExists) {
+    MakeSemaphore(5);
+    EventQueue queue(m_szName, 4, 1);
+    ASSERT_EQ(queue.Open(), 0);
+    int posts = 0;
+    EXPECT_EQ(sem_getvalue(queue.m_pSem, &posts), 0);
+    EXPECT_EQ(posts, 5);
+}
+
+TEST_F(EventQueueOpen, ReturnsTheErrnoOfTheSemaphoreAndOpensNoRing) {
+    const std::string bad = m_name + "/";
+    EventQueue queue(bad.c_str(), 4, 1);
+    EXPECT_EQ(queue.Open(), EINVAL);
+    EXPECT_EQ(queue.m_pSem, nullptr);
+    EXPECT_FALSE(queue.m_pairs[0]->m_aPipes[0].m_bMapped);
+}
+
+TEST_F(EventQueueOpen, GoesOnPastARingThatFails) {
+    std::filesystem::create_directory(Ring(0, 0));
+    EventQueue queue(m_szName, EventQueue::ForReader::kTag, 2);
+    EXPECT_EQ(queue.Open(), -1);
+    EXPECT_FALSE(queue.m_pairs[0]->m_aPipes[0].m_bMapped);
+    EXPECT_TRUE(queue.m_pairs[0]->m_aPipes[1].m_bMapped);
+    EXPECT_TRUE(queue.m_pairs[1]->m_aPipes[0].m_bMapped);
+}
+
+TEST_F(EventQueueOpen, AgainKeepsOneSemaphore) {
+    MakeSemaphore();
+    EventQueue queue(m_szName, EventQueue::ForReader::kTag, 0);
+    ASSERT_EQ(queue.Open(), 0);
+    ASSERT_EQ(queue.Open(), 0);
+    EXPECT_EQ(sem_post(queue.m_pSem), 0);
+    EXPECT_EQ(sem_trywait(queue.m_pSem), 0);
+}
+
+TEST_F(EventQueueOpen, LetsTwoWritersShareASemaphoreAndNoRing) {
+    MakeSemaphore();
+    EventQueue reader(m_szName, EventQueue::ForReader::kTag, 2);
+    EventQueue first(m_szName, 0, 1);
+    EventQueue second(m_szName, 1, 1);
+    ASSERT_EQ(reader.Open(), 0);
+    ASSERT_EQ(first.Open(), 0);
+    ASSERT_EQ(second.Open(), 0);
+    Send(first, 0, {1, 2, 3});
+    Send(second, 1, {4, 5});
+    EXPECT_EQ(sem_trywait(reader.m_pSem), 0);
+    EXPECT_EQ(sem_trywait(reader.m_pSem), 0);
+    EXPECT_EQ(sem_trywait(reader.m_pSem), -1);
+    EXPECT_EQ(Receive(reader, 0, 0), (Bytes{1, 2, 3}));
+    EXPECT_EQ(Receive(reader, 0, 1), Bytes{});
+    EXPECT_EQ(Receive(reader, 1, 0), Bytes{});
+    EXPECT_EQ(Receive(reader, 1, 1), (Bytes{4, 5}));
+}
+
+TEST_F(EventQueueOpen, InEitherOrderJoinsWriterAndReader) {
+    MakeSemaphore();
+    EventQueue reader(m_szName, EventQueue::ForReader::kTag, 1);
+    EventQueue writer(m_szName, 0, 1);
+    ASSERT_EQ(writer.Open(), 0);
+    Send(writer, 0, {9});
+    ASSERT_EQ(reader.Open(), 0);
+    EXPECT_EQ(sem_trywait(reader.m_pSem), 0);
+    EXPECT_EQ(Receive(reader, 0, 0), Bytes{9});
+}
+
+TEST_F(EventQueueOpen, KeepsPostsThatNobodyTookAcrossARestart) {
+    MakeSemaphore();
+    {
+        EventQueue writer(m_szName, 0, 1);
+        ASSERT_EQ(writer.Open(), 0);
+        Send(writer, 0, {9});
+    }
+    EventQueue writer(m_szName, 0, 1);
+    ASSERT_EQ(writer.Open(), 0);
+    int posts = 0;
+    EXPECT_EQ(sem_getvalue(writer.m_pSem, &posts), 0);
+    EXPECT_EQ(posts, 1);
+}
+
+TEST_F(EventQueueDestroy, OfAWriterLeavesTheSemaphore) {
+    EventQueue queue(m_szName, 0, 1);
+    ASSERT_EQ(queue.Open(), 0);
+    EXPECT_EQ(queue.Destroy(), 0);
+    EXPECT_TRUE(SemaphoreExists());
+    EXPECT_TRUE(std::filesystem::exists(Ring(0, 0)));
+}
+
+TEST_F(EventQueueDestroy, OfAReaderRemovesTheSemaphoreAndLeavesFilesThatOpenMade) {
+    EventQueue queue(m_szName, EventQueue::ForReader::kTag, 1);
+    ASSERT_EQ(queue.Open(), 0);
+    EXPECT_EQ(queue.Destroy(), 0);
+    EXPECT_FALSE(SemaphoreExists());
+    EXPECT_TRUE(std::filesystem::exists(Ring(0, 0)));
+}
+
+TEST_F(EventQueueDestroy, GoesOnPastARingThatFails) {
+    EventQueue queue(m_szName, EventQueue::ForReader::kTag, 2);
+    ASSERT_TRUE(queue.m_pairs[0]->m_aPipes[0].Create());
+    ASSERT_TRUE(queue.m_pairs[1]->m_aPipes[1].Create());
+    std::filesystem::remove(Ring(0, 0));
+    EXPECT_EQ(queue.Destroy(), 1);
+    EXPECT_FALSE(std::filesystem::exists(Ring(1, 1)));
+}
+
+TEST_F(EventQueueDestroy, ByTheDestructorRemovesNothing) {
+    { EXPECT_EQ(EventQueue(m_szName, EventQueue::ForReader::kTag, 1).Open(), 0); }
+    EXPECT_TRUE(SemaphoreExists());
+    EXPECT_TRUE(std::filesystem::exists(Ring(0, 0)));
+    EXPECT_TRUE(std::filesystem::exists(Ring(0, 1)));
+}
+
+TEST_F(EventQueueOpen, FollowedByCloseUnmapsEveryRingAndKeepsTheSemaphore) {
+    EventQueue queue(m_szName, EventQueue::ForReader::kTag, 2);
+    ASSERT_EQ(queue.Open(), 0);
+    EXPECT_EQ(queue.Close(), 0);
+    for (const auto& pair : queue.m_pairs) {
+        EXPECT_FALSE(pair->m_aPipes[0].m_bMapped);
+        EXPECT_FALSE(pair->m_aPipes[1].m_bMapped);
+    }
+    ASSERT_NE(queue.m_pSem, nullptr);
+    EXPECT_EQ(sem_post(queue.m_pSem), 0);
+}
+
+TEST_F(EventQueueOpen, FollowedByACloseThatFailsGoesOnToTheOtherRings) {
+    EventQueue queue(m_szName, EventQueue::ForReader::kTag, 2);
+    ASSERT_EQ(queue.Open(), 0);
+    ShmEventPipe& failing = queue.m_pairs[0]->m_aPipes[0];
+    void* const map = failing.m_pMap;
+    failing.m_pMap = static_cast<std::byte*>(map) + 4;
+    EXPECT_EQ(queue.Close(), 1);
+    failing.m_pMap = map;
+    EXPECT_FALSE(queue.m_pairs[0]->m_aPipes[1].m_bMapped);
+    EXPECT_FALSE(queue.m_pairs[1]->m_aPipes[0].m_bMapped);
+}
+
+TEST_F(ShmEventPipePairTest, KeepsTakingTheSecondRingsSizeFirst) {
+    const ShmEventPipePair pair(READER, "/tmp/base", 101, 202, false);
+    EXPECT_EQ(pair.m_aPipes[0].m_strPath, "/tmp/base-0");
+    EXPECT_EQ(pair.m_aPipes[0].m_uSize, 204U);
+    EXPECT_EQ(pair.m_aPipes[1].m_strPath, "/tmp/base-1");
+    EXPECT_EQ(pair.m_aPipes[1].m_uSize, 104U);
+}
+
+TEST_F(ShmEventPipePairTest, RemovesStaleFilesOnlyWhenAsked) {
+    const std::string base = Ring(0, 0).substr(0, Ring(0, 0).size() - 2);
+    std::ofstream(Ring(0, 0)) << "stale";
+    std::ofstream(Ring(0, 1)) << "stale";
+    { const ShmEventPipePair pair(WRITER, base.c_str(), 64, 64, false); }
+    EXPECT_TRUE(std::filesystem::exists(Ring(0, 0)));
+    { const ShmEventPipePair pair(WRITER, base.c_str(), 64, 64, true); }
+    EXPECT_FALSE(std::filesystem::exists(Ring(0, 0)));
+    EXPECT_FALSE(std::filesystem::exists(Ring(0, 1)));
+}
+
+TEST_F(ShmEventPipePairTest, AppliesEveryOperationToBothRings) {
+    const std::string base = Ring(0, 0).substr(0, Ring(0, 0).size() - 2);
+    std::filesystem::create_directory(Ring(0, 0));
+    ShmEventPipePair pair(WRITER, base.c_str(), 64, 64, false);
+    EXPECT_EQ(pair.Open(), 1);
+    EXPECT_TRUE(pair.m_aPipes[1].m_bMapped);
+    EXPECT_EQ(pair.Close(), 0);
+    EXPECT_EQ(pair.Destroy(), 0);
+}

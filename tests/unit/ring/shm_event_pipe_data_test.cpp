@@ -1,0 +1,196 @@
+#include "ring/shm_event_pipe.h"
+
+#include <gtest/gtest.h>
+
+#include "support/independent_ring.h"
+#include "support/ring_fixture.h"
+
+namespace {
+
+constexpr std::uint32_t kFileSize = 72;  // a ring of 64 bytes
+constexpr std::uint32_t kRing = kFileSize - 8;
+
+}  // namespace
+
+class ShmEventPipeWrite : public RingTest {
+  protected:
+    ShmEventPipe m_writer{WRITER, m_path, kFileSize};
+    ShmEventPipe m_reader{READER, m_path, kFileSize};
+    const bool m_open = m_writer.Open(true) && m_reader.Open(true);
+    IndependentRing m_raw{m_path};  // throws when there is no file
+};
+using ShmEventPipeRead = ShmEventPipeWrite;
+
+TEST_F(ShmEventPipeWrite, AcceptsUpToEightBytesLessThanAnEmptyRing) {
+    EXPECT_EQ(Write(m_writer, Counting(kRing - 8)), PIPE_OK);
+    EXPECT_EQ(Read(m_reader).message, Counting(kRing - 8));
+}
+
+TEST_F(ShmEventPipeWrite, KeepsCallingAMessageOfNearlyTheRingFullForEver) {
+    for (std::uint32_t length = kRing - 7; length <= kRing; ++length) {
+        EXPECT_EQ(Write(m_writer, Counting(length)), PIPE_FULL) << length;
+    }
+    EXPECT_EQ(Write(m_writer, Counting(kRing + 1)), PIPE_ERROR);
+    EXPECT_EQ(m_raw.Bytes(), Bytes(kFileSize, 0));
+}
+
+TEST_F(ShmEventPipeWrite, RefusesAMessageThatWouldMeetTheReadIndex) {
+    ASSERT_EQ(Write(m_writer, Counting(28)), PIPE_OK);  // 32 of 64 bytes
+    const Bytes before = m_raw.Bytes();
+    EXPECT_EQ(Write(m_writer, Counting(28)), PIPE_FULL);
+    EXPECT_EQ(m_raw.Bytes(), before);
+    EXPECT_EQ(Write(m_writer, Counting(24)), PIPE_OK);
+}
+
+TEST_F(ShmEventPipeWrite, WrapsToZeroWhenTheRoundedEndIsTheEndOfTheRing) {
+    m_raw.Poke(0, 40);
+    m_raw.Poke(4, 40);
+    ASSERT_EQ(Write(m_writer, Counting(18)), PIPE_OK);  // 40 + 4 + 18 rounds up to 64
+    EXPECT_EQ(m_raw.Word(4), 0U);
+    EXPECT_EQ(Read(m_reader).message, Counting(18));
+    EXPECT_EQ(m_raw.Word(0), 0U);
+}
+
+TEST_F(ShmEventPipeWrite, PutsTheWholeBodyAtTheStartWhenTheLengthWordIsTheLastWord) {
+    m_raw.Poke(0, kRing - 4);
+    m_raw.Poke(4, kRing - 4);
+    ASSERT_EQ(Write(m_writer, Counting(6)), PIPE_OK);
+    const Bytes file = m_raw.Bytes();
+    EXPECT_EQ(m_raw.Word(8 + kRing - 4), 6U);
+    EXPECT_EQ(Bytes(file.begin() + 8, file.begin() + 14), Counting(6));
+    EXPECT_EQ(Read(m_reader).message, Counting(6));
+}
+
+TEST_F(ShmEventPipeWrite, WritesZeroesAsPadding) {
+    m_raw.Fill(0x33);
+    m_raw.Poke(0, 56);
+    m_raw.Poke(4, 56);
+    ASSERT_EQ(Write(m_writer, Counting(1)), PIPE_OK);
+    const Bytes file = m_raw.Bytes();
+    EXPECT_EQ(Bytes(file.end() - 8, file.end()), (Bytes{1, 0, 0, 0, 1, 0, 0, 0}));
+}
+
+TEST_F(ShmEventPipeWrite, KeepsAcceptingAMessageOfNoBytesThatBlocksTheReader) {
+    const std::uint32_t zero = 0;
+    const iovec nothing[] = {{nullptr, 0}, {nullptr, 0}};
+    const auto stuck = [&](ShmPipeResult result) {
+        EXPECT_EQ(result, PIPE_OK);
+        EXPECT_EQ(m_raw.Word(4), 4U);
+        EXPECT_EQ(Write(m_writer, Counting(3)), PIPE_OK);
+        EXPECT_EQ(Read(m_reader), (Outcome{PIPE_NO_DATA, READ_EMPTY, {}}));
+        EXPECT_EQ(Read(m_reader), (Outcome{PIPE_NO_DATA, READ_EMPTY, {}}));
+        EXPECT_EQ(m_raw.Word(0), 0U);
+        EXPECT_TRUE(m_writer.Reset());
+        EXPECT_EQ(Write(m_writer, Counting(3)), PIPE_OK);
+        EXPECT_EQ(Read(m_reader).message, Counting(3));
+        EXPECT_TRUE(m_writer.Reset());
+    };
+    stuck(m_writer.write(nullptr, &zero));
+    stuck(m_writer.write(nothing, 2));
+    stuck(m_writer.write(nothing, 0));
+    stuck(m_writer.write(nothing, -1));
+}
+
+TEST_F(ShmEventPipeWrite, SkipsEmptyPiecesWithNoAddress) {
+    Bytes first = Counting(3);
+    Bytes second = Counting(4, 4);
+    const iovec pieces[] = {{nullptr, 0}, {first.data(), 3}, {nullptr, 0}, {second.data(), 4}};
+    ASSERT_EQ(m_writer.write(pieces, 4), PIPE_OK);
+    EXPECT_EQ(Read(m_reader).message, Counting(7));
+}
+
+TEST_F(ShmEventPipeWrite, TakesNoMoreThanTheSumOfLengthsInThirtyTwoBits) {
+    Bytes first = Counting(8);
+    // The second piece claims all of 32 bits and 5 bytes; the sum keeps 3 + 5 of them.
+    const iovec pieces[] = {{first.data(), 3}, {&first[3], 0x100000005U}, {&first[0], 0}};
+    ASSERT_EQ(m_writer.write(pieces, 2), PIPE_OK);
+    EXPECT_EQ(m_raw.Word(8), 8U);
+    EXPECT_EQ(Read(m_reader).message, Counting(8));
+    const iovec wrapped[] = {{first.data(), 0x80000000U}, {first.data(), 0x80000000U}};
+    ASSERT_EQ(m_writer.write(wrapped, 2), PIPE_OK);
+    EXPECT_EQ(m_raw.Word(4), 16U);
+}
+
+TEST_F(ShmEventPipeWrite, FailsOnAReaderAndChangesNothing) {
+    const Bytes before = m_raw.Bytes();
+    EXPECT_EQ(Write(m_reader, Counting(4)), PIPE_ERROR);
+    iovec piece{nullptr, 0};
+    EXPECT_EQ(m_reader.write(&piece, 1), PIPE_ERROR);
+    EXPECT_EQ(m_raw.Bytes(), before);
+}
+
+// ---- read ----
+
+TEST_F(ShmEventPipeRead, FailsOnAWriterAndChangesNothing) {
+    ASSERT_EQ(Write(m_writer, Counting(4)), PIPE_OK);
+    const Bytes before = m_raw.Bytes();
+    Bytes buffer(16);
+    std::uint32_t size = 16;
+    std::uint32_t status = 0;
+    EXPECT_EQ(m_writer.read(buffer.data(), &size, &status), PIPE_ERROR);
+    EXPECT_EQ(size, 16U);
+    EXPECT_EQ(status, READ_WRONG_ROLE);
+    EXPECT_EQ(m_raw.Bytes(), before);
+}
+
+TEST_F(ShmEventPipeRead, FindsAnEmptyRing) {
+    EXPECT_EQ(Read(m_reader), (Outcome{PIPE_NO_DATA, READ_EMPTY, {}}));
+}
+
+TEST_F(ShmEventPipeRead, NeedsNoStatus) {
+    ASSERT_EQ(Write(m_writer, Counting(4)), PIPE_OK);
+    Bytes buffer(4);
+    std::uint32_t size = 4;
+    EXPECT_EQ(m_reader.read(buffer.data(), &size), PIPE_OK);
+    EXPECT_EQ(buffer, Counting(4));
+    EXPECT_EQ(m_reader.read(buffer.data(), &size), PIPE_NO_DATA);
+    EXPECT_EQ(size, 0U);
+}
+
+TEST_F(ShmEventPipeRead, ZeroesTheLengthWordOfWhatItConsumes) {
+    ASSERT_EQ(Write(m_writer, Counting(4)), PIPE_OK);
+    EXPECT_EQ(m_raw.Word(8), 4U);
+    EXPECT_EQ(Read(m_reader).result, PIPE_OK);
+    EXPECT_EQ(m_raw.Word(8), 0U);
+    EXPECT_EQ(m_raw.Word(0), 8U);
+}
+
+TEST_F(ShmEventPipeRead, KeepsLosingAMessageThatExceedsTheBuffer) {
+    ASSERT_EQ(Write(m_writer, Counting(9)), PIPE_OK);
+    ASSERT_EQ(Write(m_writer, Counting(8)), PIPE_OK);
+    EXPECT_EQ(Read(m_reader, 8), (Outcome{PIPE_NO_DATA, READ_BUFFER_TOO_SMALL, {}}));
+    EXPECT_EQ(Read(m_reader, 8), (Outcome{PIPE_OK, READ_OK, Counting(8)}));
+}
+
+TEST_F(ShmEventPipeRead, KeepsDroppingAllThatIsPendingForOneBadLengthWord) {
+    ASSERT_EQ(Write(m_writer, Counting(4)), PIPE_OK);
+    ASSERT_EQ(Write(m_writer, Counting(5)), PIPE_OK);
+    ASSERT_EQ(Write(m_writer, Counting(6)), PIPE_OK);
+    m_raw.Poke(8, kRing + 1);
+    EXPECT_EQ(Read(m_reader), (Outcome{PIPE_ERROR, READ_BAD_SIZE, {}}));
+    EXPECT_EQ(m_raw.Word(0), m_raw.Word(4));
+    EXPECT_EQ(Read(m_reader).status, READ_EMPTY);
+    ASSERT_EQ(Write(m_writer, Counting(7)), PIPE_OK);
+    EXPECT_EQ(Read(m_reader).message, Counting(7));
+}
+
+TEST_F(ShmEventPipeRead, StopsAtALengthWordOfZero) {
+    ASSERT_EQ(Write(m_writer, Counting(4)), PIPE_OK);
+    m_raw.Poke(8, 0);
+    EXPECT_EQ(Read(m_reader), (Outcome{PIPE_NO_DATA, READ_EMPTY, {}}));
+    EXPECT_EQ(m_raw.Word(0), 0U);
+}
+
+TEST_F(ShmEventPipeRead, TakesALengthOfTheWholeRingWithoutLeavingIt) {
+    for (std::uint32_t start = 0; start < kRing; start += 4) {
+        m_raw.Fill(0x44);
+        m_raw.Poke(0, start);
+        m_raw.Poke(4, (start + 8) % kRing);
+        m_raw.Poke(8 + start, kRing);
+        Bytes expected(kRing, 0x44);
+        expected[kRing - 4] = kRing;  // the body ends with its own length word
+        expected[kRing - 3] = expected[kRing - 2] = expected[kRing - 1] = 0;
+        EXPECT_EQ(Read(m_reader), (Outcome{PIPE_OK, READ_OK, expected})) << start;
+        EXPECT_EQ(m_raw.Word(0), (start + 4) % kRing) << start;
+    }
+}

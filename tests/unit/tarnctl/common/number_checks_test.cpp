@@ -1,0 +1,28 @@
+#include "tarnctl/common/number_checks.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace tarnctl {
+namespace {
+
+std::string Fault(const CLI::Validator& check, std::string word) {
+    return check(word);
+}
+
+TEST(AboveZeroNumber, IsTold) {
+    EXPECT_EQ(Fault(AboveZero(), "0.5"), "");
+    EXPECT_EQ(Fault(AboveZero(), "3"), "");
+    for (const char* const word : {"0", "-1", "soon", "", "1x", "inf", "nan"}) {
+        EXPECT_EQ(Fault(AboveZero(), word), std::string(word) + " is no number above 0");
+    }
+}
+
+TEST(ZeroOrMoreNumber, IsTold) {
+    EXPECT_EQ(Fault(ZeroOrMore(), "0"), "");
+    EXPECT_EQ(Fault(ZeroOrMore(), "-1"), "-1 is no number of 0 or above");
+}
+
+}  // namespace
+}  // namespace tarnctl

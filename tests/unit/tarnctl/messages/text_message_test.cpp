@@ -1,0 +1,103 @@
+#include "tarnctl/messages/text_message.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "crm/crm_message_format.h"
+#include "support/golden_bytes.h"
+
+using nlohmann::json;
+
+namespace tarnctl {
+namespace {
+
+std::string Decode(const std::vector<uint8_t>& bytes, TextMessage& message) {
+    return DecodeTextMessage(std::as_bytes(std::span(bytes)), message);
+}
+
+// A message of a text, with its length right.
+std::vector<uint8_t> Encode(const std::string& text, bool withNul = true) {
+    tarn::crm::MessageHeader header{};
+    const size_t size = sizeof(header) + text.size() + (withNul ? 1 : 0);
+    header.type = tarn::crm::kMessageType;
+    header.length = static_cast<uint16_t>(size);
+    header.time = 1794495600;
+    std::vector<uint8_t> bytes(size);
+    std::memcpy(bytes.data(), &header, sizeof(header));
+    std::memcpy(bytes.data() + sizeof(header), text.data(), text.size());
+    return bytes;
+}
+
+std::string Reason(const std::vector<uint8_t>& bytes) {
+    TextMessage message;
+    return Decode(bytes, message);
+}
+
+// `bytes` with one of them changed.
+std::vector<uint8_t> With(std::vector<uint8_t> bytes, size_t offset, uint8_t value) {
+    bytes.at(offset) = value;
+    return bytes;
+}
+
+TEST(DecodeTextMessage, ReadsTheGoldenMessages) {
+    TextMessage message;
+    ASSERT_EQ(Decode(GoldenBytes("crm_message_error.txt"), message), "");
+    EXPECT_EQ(message.time, 1794495600U);
+    EXPECT_TRUE(message.isError);
+    EXPECT_EQ(message.text, "bad rule");
+    ASSERT_EQ(Decode(GoldenBytes("crm_message_information.txt"), message), "");
+    EXPECT_FALSE(message.isError);
+    EXPECT_EQ(message.text, "");
+}
+
+TEST(DecodeTextMessage, ReadsATextThatWasCutAndHasNoNul) {
+    TextMessage message;
+    ASSERT_EQ(Decode(Encode(std::string(513, 'x'), false), message), "");
+    EXPECT_EQ(message.text, std::string(513, 'x'));
+    ASSERT_EQ(Decode(Encode(std::string(512, 'x')), message), "");
+    EXPECT_EQ(message.text, std::string(512, 'x'));
+}
+
+TEST(DecodeTextMessage, TellsWhatDoesNotAddUp) {
+    const std::vector<uint8_t> good = Encode("bad rule");
+    EXPECT_EQ(Reason(good), "");
+    EXPECT_EQ(Reason({}), "it is shorter than any message");
+    EXPECT_EQ(Reason(std::vector<uint8_t>(20)), "it is shorter than any message");
+    EXPECT_EQ(Reason(Encode(std::string(514, 'x'), false)), "it is longer than any message");
+    EXPECT_EQ(Reason(With(good, 4, 0xD6)), "its type is 1238 and not 1237");
+    EXPECT_EQ(Reason(With(good, 6, 28)), "its length says 28 bytes");
+    EXPECT_EQ(Reason(With(good, 16, 2)), "its kind is 2");
+    EXPECT_EQ(Reason(Encode("no end", false)), "its text has no end");
+    EXPECT_EQ(Reason(With(good, 22, 0)), "there are bytes behind its text");
+}
+
+class TextMessageInUtc : public testing::Test {
+  protected:
+    TextMessageInUtc() {
+        setenv("TZ", "UTC", 1);
+        tzset();
+    }
+};
+
+TEST_F(TextMessageInUtc, IsALineWithoutTheNewlineAtItsEnd) {
+    EXPECT_EQ(TextMessageAsLine({1794495600, true, "ERROR in SNORT. Reason: x\n"}),
+              "2026-11-12 15:00:00  error  ERROR in SNORT. Reason: x");
+    EXPECT_EQ(TextMessageAsLine({1794495600, false, "\x1B[2J\n\n"}),
+              "2026-11-12 15:00:00  information  \\x1B[2J\\x0A");
+    EXPECT_EQ(TextMessageAsLine({1794495600, false, ""}), "2026-11-12 15:00:00  information  ");
+}
+
+TEST(TextMessageJson, HoldsTheTextAsItCame) {
+    const json object = json::parse(TextMessageAsJson({7, false, "a\n"}));
+    EXPECT_EQ(object, json({{"time", 7}, {"kind", "information"}, {"text", "a\n"}}));
+    EXPECT_EQ(json::parse(TextMessageAsJson({7, true, "\xFF"}))["text"],
+              json({{"base64", "/w=="}}));
+}
+
+}  // namespace
+}  // namespace tarnctl

@@ -1,0 +1,147 @@
+#include "tarnctl/replay/replay_command.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <future>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "support/temp_dir.h"
+#include "tarnctl/common/exit_status.h"
+#include "tarnctl/common/stop_signals.h"
+#include "unit/tarnctl/common/fifo_reader.h"
+#include "unit/tarnctl/common/unified2_files.h"
+
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace tarnctl {
+namespace {
+
+class ReplayTest : public testing::Test {
+  protected:
+    ReplayTest() {
+        std::signal(SIGPIPE, SIG_IGN);
+        m_options.fifo = m_dir.File("alerts.fifo");
+        m_options.rate = 0;
+        EXPECT_EQ(mkfifo(m_options.fifo.c_str(), 0600), 0);
+    }
+    // Plays a file with this content to a reader and returns the exit status.
+    int Play(const std::string& content) {
+        m_options.file = m_dir.Write("alerts.u2", content);
+        const FifoReader reader(m_options.fifo);
+        auto received = std::async(std::launch::async, [&reader] { return reader.ReadAll(); });
+        const int status = RunReplay(m_options, m_out, m_err);
+        // A replay that never opened the FIFO leaves its reader without an end to see.
+        const int ending = open(m_options.fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        EXPECT_NE(ending, -1);
+        close(ending);
+        m_received = received.get();
+        return status;
+    }
+
+    TempDir m_dir;
+    ReplayOptions m_options;
+    std::ostringstream m_out;
+    std::ostringstream m_err;
+    std::string m_received;
+};
+
+TEST_F(ReplayTest, SendsEveryRecordOfTheFile) {
+    const std::string content = Alert() + Packet(1400) + AlertIpv6() + Packet(60000);
+    EXPECT_EQ(Play(content), kExitFine);
+    EXPECT_EQ(m_received, content);
+    EXPECT_THAT(m_out.str(), StartsWith("sent 4 records with 2 alerts, " +
+                                        std::to_string(content.size()) + " bytes, in "));
+    EXPECT_EQ(m_err.str(), "");
+}
+
+TEST_F(ReplayTest, PlaysTheFileAsOftenAsAskedWithTheSameIds) {
+    m_options.loop = 3;
+    const std::string content = Alert() + Packet(10);
+    EXPECT_EQ(Play(content), kExitFine);
+    EXPECT_EQ(m_received, content + content + content);
+    EXPECT_THAT(m_out.str(), StartsWith("sent 6 records with 3 alerts, "));
+}
+
+TEST_F(ReplayTest, SummarisesInJson) {
+    m_options.json = true;
+    EXPECT_EQ(Play(Alert() + Packet(10)), kExitFine);
+    const json summary = json::parse(m_out.str());
+    EXPECT_EQ(summary["records"], 2);
+    EXPECT_EQ(summary["alerts"], 1);
+    EXPECT_EQ(summary["bytes"], 68 + 46);
+    EXPECT_GE(summary["seconds"], 0.0);
+    EXPECT_TRUE(summary["error"].is_null());
+}
+
+TEST_F(ReplayTest, SendsWhatIsWholeOfATruncatedFileAndSaysWhereItEnds) {
+    EXPECT_EQ(Play(Alert() + Packet(100).substr(0, 20)), kExitFailure);
+    EXPECT_EQ(m_received, Alert());
+    EXPECT_THAT(m_err.str(), HasSubstr("the file is truncated: the record at offset 68 has 12 of "
+                                       "128 bytes of payload; what stands before it was sent\n"));
+    EXPECT_THAT(m_out.str(), StartsWith("sent 1 record with 1 alert, 68 bytes"));
+}
+
+TEST_F(ReplayTest, SendsNothingOfAForeignFile) {
+    EXPECT_EQ(Play("#!/bin/sh\necho this is a script\n"), kExitFailure);
+    EXPECT_EQ(m_received, "");
+    EXPECT_THAT(m_err.str(), HasSubstr("not a unified2 file"));
+}
+
+TEST_F(ReplayTest, KeepsTheRateOfAlertsAndLetsTheirRecordsFollowAtOnce) {
+    m_options.rate = 100;
+    std::string content;
+    for (int i = 0; i < 6; ++i) {
+        content += Alert() + Packet(1) + Packet(2) + Packet(3);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Play(content), kExitFine);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
+    EXPECT_EQ(m_received, content);
+}
+
+TEST_F(ReplayTest, FailsWithoutAReader) {
+    m_options.file = m_dir.Write("alerts.u2", Alert());
+    m_options.json = true;
+    EXPECT_EQ(RunReplay(m_options, m_out, m_err), kExitFailure);
+    EXPECT_THAT(m_err.str(),
+                HasSubstr("nobody is reading; start tarn, or wait for it with --wait"));
+    EXPECT_THAT(std::string(json::parse(m_out.str())["error"]), HasSubstr("nobody is reading"));
+}
+
+TEST_F(ReplayTest, FailsWithoutAFile) {
+    m_options.file = m_dir.File("none.u2");
+    EXPECT_EQ(RunReplay(m_options, m_out, m_err), kExitFailure);
+    EXPECT_THAT(m_err.str(), HasSubstr("none.u2: No such file or directory"));
+}
+
+TEST_F(ReplayTest, DrawsItsBarOnATerminalOnly) {
+    m_options.isTerminal = true;
+    EXPECT_EQ(Play(Alert()), kExitFine);
+    EXPECT_THAT(m_err.str(), HasSubstr("[##############################] 100% 1 alert"));
+}
+
+// The flag stays set for the life of a process, so this case has one of its own.
+TEST_F(ReplayTest, FailsWhenItIsInterrupted) {
+    m_options.file = m_dir.Write("alerts.u2", Alert() + Alert());
+    const FifoReader reader(m_options.fifo);
+    EXPECT_EXIT(
+        {
+            CatchStopSignals();
+            std::raise(SIGTERM);
+            const int status = RunReplay(m_options, m_out, m_err);
+            _exit(status == kExitFailure &&
+                          m_err.str().find("interrupted; the rest has not") != std::string::npos
+                      ? 0
+                      : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace tarnctl

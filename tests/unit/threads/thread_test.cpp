@@ -1,0 +1,322 @@
+#include "threads/thread.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+constexpr unsigned kLongMs = 60000;  // a limit that a working thread never meets
+
+// Runs whatever the test gives it; Stop opens the gate at which a waiting body stands.
+class ScriptedThread : public Thread {
+  public:
+    explicit ScriptedThread(std::function<int()> body)
+        : Thread("scripted"), m_body(std::move(body)) {
+        m_stopGate.Init();
+        m_stopGate.Close();
+    }
+    ~ScriptedThread() override { m_stopGate.Destroy(); }
+
+    int Stop() override {
+        m_stopGate.Open(true);
+        return 1;
+    }
+    int Run() override { return m_body(); }
+    void OnException(const std::exception& e) override { m_caught = e.what(); }
+
+    int WaitForStop() {
+        (void)m_stopGate.Wait();
+        return 7;
+    }
+    bool ForceQuit() { return CancelAndJoin(); }
+
+    std::string m_caught;
+
+  private:
+    Gate m_stopGate;
+    std::function<int()> m_body;
+};
+
+TEST(ThreadStart, RunsTheBodyAndKeepsItsResult) {
+    ScriptedThread thread([] { return 42; });
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_EQ(thread.Handle(), 0U);
+    ASSERT_TRUE(thread.Start(false));
+    void* result = nullptr;
+    ASSERT_TRUE(thread.Join(kLongMs, &result));
+    EXPECT_EQ(reinterpret_cast<long>(result), 42);
+    EXPECT_EQ(thread.ExitCode(), 42);
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_TRUE(thread.IsFinished());
+}
+
+TEST(ThreadStart, RefusesASecondStartWhileTheThreadLives) {
+    ScriptedThread* self = nullptr;
+    ScriptedThread thread([&self] { return self->WaitForStop(); });
+    self = &thread;
+    ASSERT_TRUE(thread.Start(false));
+    const pthread_t handle = thread.Handle();
+    EXPECT_FALSE(thread.Start(false));
+    EXPECT_EQ(thread.Handle(), handle);
+    thread.Stop();
+    ASSERT_TRUE(thread.Join(nullptr));
+    EXPECT_EQ(thread.ExitCode(), 7);
+}
+
+TEST(ThreadStart, ShowsAsNotRunningUntilItsFirstLine) {
+    ScriptedThread thread([] { return 0; });
+    EXPECT_FALSE(thread.AwaitBegun(0));
+    // Not running before the start, and possibly so for a moment behind it: the flag is the new
+    // thread's own. A stop that is only asked of running threads therefore passes it by.
+    EXPECT_FALSE(thread.IsRunning());
+    ASSERT_TRUE(thread.Start(false));
+    EXPECT_TRUE(thread.AwaitBegun(kLongMs));
+    EXPECT_TRUE(thread.IsRunning() || thread.IsFinished());
+    ASSERT_TRUE(thread.Join(nullptr));
+}
+
+TEST(ThreadStart, WorksAgainAfterAJoinWithANewHandle) {
+    std::atomic<int> runs{0};
+    ScriptedThread thread([&runs] { return ++runs; });
+    for (int expected = 1; expected <= 20; ++expected) {
+        ASSERT_TRUE(thread.Start(false));
+        EXPECT_NE(thread.Handle(), 0U);
+        ASSERT_TRUE(thread.Join(nullptr));
+        EXPECT_EQ(thread.ExitCode(), expected);
+    }
+}
+
+TEST(ThreadStart, WorksAgainForAFinishedThreadThatNobodyJoined) {
+    std::atomic<int> runs{0};
+    ScriptedThread thread([&runs] { return ++runs; });
+    for (int expected = 1; expected <= 20; ++expected) {
+        while (expected > 1 && !thread.IsFinished()) {
+            usleep(100);
+        }
+        ASSERT_TRUE(thread.Start(false));
+    }
+    ASSERT_TRUE(thread.Join(nullptr));
+    EXPECT_EQ(runs, 20);
+}
+
+// While this object lives no thread can be made: none gets a stack of this size.
+class NoNewThreads {
+  public:
+    NoNewThreads() {
+        pthread_getattr_default_np(&m_former);
+        pthread_attr_t huge;
+        pthread_attr_init(&huge);
+        pthread_attr_setstacksize(&huge, size_t{1} << 60);
+        pthread_setattr_default_np(&huge);
+        pthread_attr_destroy(&huge);
+    }
+    ~NoNewThreads() {
+        pthread_setattr_default_np(&m_former);
+        pthread_attr_destroy(&m_former);
+    }
+    NoNewThreads(const NoNewThreads&) = delete;
+    NoNewThreads& operator=(const NoNewThreads&) = delete;
+
+  private:
+    pthread_attr_t m_former{};
+};
+
+TEST(ThreadStart, ThatFailsOpensTheGateAndMayBeTriedAgain) {
+    ScriptedThread thread([] { return 5; });
+    {
+        const NoNewThreads none;
+        ASSERT_FALSE(thread.Start(true));
+    }
+    EXPECT_EQ(thread.Handle(), 0U);
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_FALSE(thread.IsFinished());
+    EXPECT_TRUE(thread.Join(nullptr)) << "a waiter on a detached thread does not hang";
+    ASSERT_TRUE(thread.Start(true));
+    while (!thread.IsFinished()) {
+        usleep(100);
+    }
+    EXPECT_EQ(thread.ExitCode(), 5);
+    ASSERT_TRUE(thread.Settle(kLongMs));
+}
+
+TEST(ThreadStart, KeepsRefusingAfterARestartThatFailed) {
+    ScriptedThread thread([] { return 5; });
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(nullptr));
+    {
+        const NoNewThreads none;
+        ASSERT_FALSE(thread.Start(false));
+    }
+    EXPECT_NE(thread.Handle(), 0U);
+    EXPECT_FALSE(thread.IsFinished());
+    EXPECT_FALSE(thread.AwaitBegun(kLongMs)) << "there is nothing to wait for";
+    EXPECT_FALSE(thread.Start(false));
+    EXPECT_TRUE(thread.Settle(0));
+}
+
+TEST(ThreadJoin, OfZeroMillisecondsFailsAtOnceOnARunningThread) {
+    ScriptedThread* self = nullptr;
+    ScriptedThread thread([&self] { return self->WaitForStop(); });
+    self = &thread;
+    ASSERT_TRUE(thread.Start(false));
+    EXPECT_FALSE(thread.Join(0, nullptr));
+    thread.Stop();
+    EXPECT_TRUE(thread.Join(kLongMs, nullptr));
+}
+
+TEST(ThreadJoin, FailsForAThreadThatWasNeverStarted) {
+    ScriptedThread thread([] { return 0; });
+    EXPECT_FALSE(thread.Join(0, nullptr));
+    EXPECT_FALSE(thread.Join(nullptr));
+    EXPECT_TRUE(thread.Settle(0));
+}
+
+TEST(ThreadJoin, OfADetachedThreadGoesThroughTheGate) {
+    ScriptedThread* self = nullptr;
+    ScriptedThread thread([&self] { return self->WaitForStop(); });
+    self = &thread;
+    ASSERT_TRUE(thread.Start(true));
+    void* result = &thread;
+    EXPECT_FALSE(thread.Join(10, &result));
+    thread.Stop();
+    EXPECT_TRUE(thread.Join(kLongMs, &result));
+    EXPECT_EQ(result, &thread) << "the result of a detached thread is not filled in";
+    EXPECT_TRUE(thread.Join(nullptr));
+}
+
+TEST(ThreadJoin, KeepsADetachedThreadDetachedForLaterStarts) {
+    ScriptedThread thread([] { return 3; });
+    ASSERT_TRUE(thread.Start(true));
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    ASSERT_TRUE(thread.Start(false));
+    void* result = &thread;
+    ASSERT_TRUE(thread.Join(kLongMs, &result));
+    EXPECT_EQ(result, &thread);
+    ASSERT_TRUE(thread.Settle(kLongMs));
+}
+
+TEST(ThreadBody, ThatThrowsEndsTheThreadThroughOnException) {
+    ScriptedThread thread([]() -> int { throw std::out_of_range("too far"); });
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_EQ(thread.m_caught, "too far");
+    EXPECT_TRUE(thread.IsFinished());
+    EXPECT_EQ(thread.ExitCode(), 0);
+}
+
+TEST(ThreadBody, ThatThrowsAnythingElseGivesAnUnhandledException) {
+    ScriptedThread thread([]() -> int { throw 5; });
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_EQ(thread.m_caught, "Unhandled Exception");
+    EXPECT_TRUE(thread.IsFinished());
+}
+
+TEST(ThreadBody, ThatThrowsKeepsTheFormerExitCode) {
+    int run = 0;
+    ScriptedThread thread([&run]() -> int {
+        if (++run == 2) {
+            throw std::runtime_error("second");
+        }
+        return 9;
+    });
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(nullptr));
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(nullptr));
+    EXPECT_EQ(thread.ExitCode(), 9);
+}
+
+TEST(ThreadCancel, EndsTheThreadAndOpensTheGate) {
+    ScriptedThread* self = nullptr;
+    ScriptedThread thread([&self] { return self->WaitForStop(); });
+    self = &thread;
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.AwaitBegun(kLongMs));
+    thread.Cancel();
+    EXPECT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_EQ(thread.m_caught, "") << "a cancel is no exception of the body";
+}
+
+TEST(ThreadCancel, LeavesAFinishedThreadAlone) {
+    ScriptedThread thread([] { return 1; });
+    ASSERT_TRUE(thread.Start(true));
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    thread.Cancel();
+    EXPECT_EQ(thread.ExitCode(), 1);
+}
+
+TEST(ThreadCancel, BeforeAnyStartDoesNothing) {
+    ScriptedThread thread([] { return 1; });
+    thread.Cancel();
+    EXPECT_EQ(thread.Handle(), 0U);
+}
+
+TEST(ThreadCancelAndJoin, EndsAWaitingThread) {
+    ScriptedThread* self = nullptr;
+    ScriptedThread thread([&self] { return self->WaitForStop(); });
+    self = &thread;
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.AwaitBegun(kLongMs));
+    EXPECT_TRUE(thread.ForceQuit());
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_TRUE(thread.Settle(0));
+}
+
+TEST(ThreadCancelAndJoin, GivesUpOnAThreadThatDoesNotLetItselfBeCancelled) {
+    std::atomic<bool> release{false};
+    ScriptedThread thread([&release] {
+        int former = 0;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former);
+        while (!release) {
+            usleep(1000);
+        }
+        return 0;
+    });
+    ASSERT_TRUE(thread.Start(false));
+    EXPECT_FALSE(thread.ForceQuit());
+    EXPECT_FALSE(thread.Settle(0));
+    release = true;
+    EXPECT_TRUE(thread.Settle(kLongMs));
+}
+
+TEST(ThreadPriority, ReportsWhatTheSystemSays) {
+    ScriptedThread* self = nullptr;
+    ScriptedThread thread([&self] { return self->WaitForStop(); });
+    self = &thread;
+    ASSERT_TRUE(thread.Start(false));
+    int priority = -1;
+    EXPECT_EQ(thread.GetPriority(&priority), 0);
+    EXPECT_EQ(priority, 0);
+    const int failure = thread.SetPriority(1);
+    if (failure == 0) {
+        EXPECT_EQ(thread.GetPriority(&priority), 0);
+        EXPECT_EQ(priority, 1);
+    } else {
+        EXPECT_EQ(failure, EPERM);
+    }
+    EXPECT_EQ(thread.SetPriority(1000), EINVAL);
+    thread.Stop();
+    ASSERT_TRUE(thread.Join(nullptr));
+}
+
+TEST(ThreadPriority, IsRefusedWithoutAThreadThatRuns) {
+    ScriptedThread thread([] { return 0; });
+    int priority = -1;
+    EXPECT_EQ(thread.SetPriority(1), ESRCH);
+    EXPECT_EQ(thread.GetPriority(&priority), ESRCH);
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(nullptr));
+    EXPECT_EQ(thread.SetPriority(1), ESRCH);
+    EXPECT_EQ(thread.GetPriority(&priority), ESRCH);
+    EXPECT_EQ(priority, -1);
+}
+
+}  // namespace

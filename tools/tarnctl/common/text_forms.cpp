@@ -1,0 +1,82 @@
+#include "tarnctl/common/text_forms.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <nlohmann/json.hpp>
+
+namespace tarnctl {
+
+std::string TimeText(uint64_t seconds) {
+    const auto time = static_cast<time_t>(seconds);
+    tm parts = {};
+    std::array<char, 64> text = {};
+    if (localtime_r(&time, &parts) == nullptr ||
+        strftime(text.data(), text.size(), "%F %T", &parts) == 0) {
+        return std::to_string(seconds);
+    }
+    return text.data();
+}
+
+std::string ForTerminal(std::string_view text) {
+    std::string safe;
+    for (const char letter : text) {
+        const auto byte = static_cast<unsigned char>(letter);
+        if (byte >= 0x20 && byte < 0x7F && byte != '\\') {
+            safe += letter;
+            continue;
+        }
+        std::array<char, 8> escape = {};
+        std::snprintf(escape.data(), escape.size(), "\\x%02X", byte);
+        safe += escape.data();
+    }
+    return safe;
+}
+
+// JSON texts are Unicode and what comes off a wire need not be. The encoder refuses such a
+// string, and then its bytes are given instead of something that only resembles them.
+nlohmann::ordered_json TextAsJson(std::string_view text) {
+    nlohmann::ordered_json value = text;
+    try {
+        (void)value.dump();  // only to learn whether it can be encoded
+    } catch (const nlohmann::ordered_json::type_error&) {
+        value = nlohmann::ordered_json{
+            {"base64", Base64(std::as_bytes(std::span(text.data(), text.size())))}};
+    }
+    return value;
+}
+
+std::string Base64(std::span<const std::byte> bytes) {
+    static constexpr char kDigits[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    text.reserve((bytes.size() + 2) / 3 * 4);
+    for (std::size_t at = 0; at < bytes.size(); at += 3) {
+        const std::size_t count = std::min<std::size_t>(3, bytes.size() - at);
+        uint32_t group = 0;
+        for (std::size_t i = 0; i < 3; ++i) {
+            group = group << 8 | (i < count ? std::to_integer<uint32_t>(bytes[at + i]) : 0U);
+        }
+        for (std::size_t i = 0; i < 4; ++i) {
+            text += i <= count ? kDigits[group >> (18 - 6 * i) & 0x3F] : '=';
+        }
+    }
+    return text;
+}
+
+std::string HexDigits(std::span<const std::byte> bytes) {
+    std::string text;
+    for (const std::byte byte : bytes) {
+        std::array<char, 4> digits = {};
+        std::snprintf(digits.data(), digits.size(), " %02x", std::to_integer<unsigned>(byte));
+        text += digits.data();
+    }
+    return text;
+}
+
+std::string MalformedAsJson(const std::string& reason, std::span<const std::byte> bytes) {
+    return nlohmann::ordered_json{{"malformed", reason}, {"bytes", Base64(bytes)}}.dump();
+}
+
+}  // namespace tarnctl

@@ -1,0 +1,118 @@
+#include "tarnctl/crm/crm_command.h"
+
+#include <span>
+#include <string>
+
+#include "tarnctl/common/counted.h"
+#include "tarnctl/common/number_checks.h"
+#include "tarnctl/crm/crm_channel.h"
+#include "tarnctl/crm/crm_report.h"
+#include "tarnctl/crm/crm_report_text.h"
+
+namespace tarnctl {
+namespace {
+
+constexpr const char* kExamples =
+    R"(Reports are taken out of the queue as they are shown: no other reader sees them.
+
+Examples:
+  tarnctl crm                              show reports as they come, until Ctrl-C
+  tarnctl crm --count 10 --timeout 30      ten reports, or as many as come before 30 quiet seconds
+  tarnctl crm --json | jq .report.issueId  one JSON object a line
+  tarnctl crm --channel 3 --fresh          channel 3, without what waits there already)";
+
+class CrmMonitor final : public Monitor {
+  public:
+    CrmMonitor(const CrmOptions& options, std::ostream& out, std::ostream& err)
+        : Monitor("crm", "report", options, out, err),
+          m_options(options),
+          m_channel(options.channel, options.queueName.c_str()) {}
+
+  private:
+    std::string Begin() override {
+        if (!m_channel.Open()) {
+            return m_channel.Error();
+        }
+        if (m_options.fresh) {
+            DiscardWaiting();
+        }
+        Say("reading channel " + std::to_string(m_options.channel) +
+            "; what is shown is consumed and reaches no other reader");
+        return "";
+    }
+
+    void Serve(std::chrono::milliseconds time) override {
+        if (!ReadOne()) {
+            m_channel.Wait(time);
+        }
+    }
+
+    [[nodiscard]] std::string Counts() const override { return Counted(Taken(), "report"); }
+
+    void DiscardWaiting() {
+        std::span<const std::byte> bytes;
+        int ring = 0;
+        uint64_t discarded = 0;
+        while (m_channel.Next(bytes, ring) == CrmChannel::ReadResult::kMessage) {
+            ++discarded;
+        }
+        Say(Counted(discarded, "waiting report") + " thrown away");
+    }
+
+    // Reads and shows one message. False when there is none.
+    bool ReadOne() {
+        std::span<const std::byte> bytes;
+        CrmOrigin origin{m_options.channel, 0};
+        switch (m_channel.Next(bytes, origin.ring)) {
+            case CrmChannel::ReadResult::kMessage:
+                HasNews();
+                Show(origin, bytes);
+                return true;
+            case CrmChannel::ReadResult::kDamaged:
+                TellDamaged(m_channel.Error());
+                return true;
+            case CrmChannel::ReadResult::kStuck:
+                Fail(m_channel.Error());
+                return true;
+            default:
+                return false;
+        }
+    }
+
+    void Show(const CrmOrigin& origin, std::span<const std::byte> bytes) {
+        CrmReport message;
+        const std::string reason = DecodeCrmReport(bytes, message);
+        if (!reason.empty()) {
+            TellMalformed("report in ring -" + std::to_string(origin.ring), reason, bytes,
+                          MalformedReportAsJson(origin, reason, bytes));
+            return;
+        }
+        CountOne();
+        Write(WritesJson() ? ReportAsJson(origin, message) : ReportAsLine(message));
+    }
+
+    const CrmOptions& m_options;
+    CrmChannel m_channel;
+};
+
+}  // namespace
+
+CLI::App* AddCrmCommand(CLI::App& app, CrmOptions& options) {
+    CLI::App* command =
+        app.add_subcommand("crm", "Show the event reports that tarn sends to the CRM");
+    command->add_option("--channel", options.channel, "CRM channel, as tarn.engine.crm")
+        ->type_name("N")
+        ->check(ZeroOrMore())
+        ->capture_default_str();
+    AddMonitorOptions(*command, options, "reports", "every field and the packet in base64");
+    command->add_flag("--fresh", options.fresh,
+                      "Throw away the reports that wait already and show only new ones");
+    command->footer(kExamples);
+    return command;
+}
+
+int RunCrm(const CrmOptions& options, std::ostream& out, std::ostream& err) {
+    return CrmMonitor(options, out, err).Run();
+}
+
+}  // namespace tarnctl

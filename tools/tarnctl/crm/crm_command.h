@@ -1,0 +1,27 @@
+#pragma once
+
+// `tarnctl crm`: stands in for the CRM and shows the reports that come out of the daemon.
+
+#include <CLI/CLI.hpp>
+#include <iosfwd>
+#include <string>
+
+#include "tarnctl/common/monitor.h"
+
+namespace tarnctl {
+
+struct CrmOptions : MonitorOptions {
+    int channel = 2;                // the default of tarn.engine.crm
+    bool fresh = false;             // what waits already is thrown away
+    std::string queueName = "CRM";  // not an option; tests use a queue of their own
+};
+
+// Declares the sub-command with its options, which are stored in `options` when it is parsed.
+CLI::App* AddCrmCommand(CLI::App& app, CrmOptions& options);
+
+// Reads until the options' end or StopRequested(). Reports go to `out`, all else to `err`. Returns
+// an exit status: a failure when the queue cannot be read, when `out` does not take a report, or
+// when a message was malformed.
+[[nodiscard]] int RunCrm(const CrmOptions& options, std::ostream& out, std::ostream& err);
+
+}  // namespace tarnctl

@@ -1,0 +1,34 @@
+#pragma once
+
+// A decoded report in words: one line for a person, or one JSON object a line for a program.
+//
+// Threads: pure functions.
+
+#include <cstddef>
+#include <span>
+#include <string>
+
+#include "tarnctl/crm/crm_report.h"
+
+namespace tarnctl {
+
+// Where a report came from.
+struct CrmOrigin {
+    int channel = 0;
+    int ring = 0;  // 0 or 1, as in the ending of the ring's file
+};
+
+// Time (local), name:severity, addresses and ports, protocol, SID, blocked or not, packet bytes,
+// pairs. The texts of a report come from the traffic, so bytes that would act on a terminal are
+// written as \xNN. No line end.
+[[nodiscard]] std::string ReportAsLine(const CrmReport& message);
+
+// Every field of the report by its name, the strings, the pairs, and the packet with its bytes in
+// base64. A text that is no UTF-8 stands as {"base64": ...}. No line end.
+[[nodiscard]] std::string ReportAsJson(const CrmOrigin& origin, const CrmReport& message);
+
+// A message that could not be decoded: the reason and all its bytes in base64. No line end.
+[[nodiscard]] std::string MalformedReportAsJson(const CrmOrigin& origin, const std::string& reason,
+                                                std::span<const std::byte> bytes);
+
+}  // namespace tarnctl

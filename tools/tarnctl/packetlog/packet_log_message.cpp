@@ -1,0 +1,214 @@
+#include "tarnctl/packetlog/packet_log_message.h"
+
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <string_view>
+
+#include "packet_log/packet_log_control_format.h"
+#include "tarnctl/common/counted.h"
+#include "tarnctl/common/text_forms.h"
+
+namespace tarnctl {
+namespace {
+
+using namespace PacketLogCtrl;
+using nlohmann::ordered_json;
+
+struct Kind {
+    uint32_t type;
+    uint32_t length;
+    const char* name;
+};
+
+constexpr Kind kKinds[] = {
+    {kEngineStarting, 8, "EngineStarting"},
+    {kNewConnectionCapture, 96, "NewConnectionCapture"},
+    {kInterfaceCapture, 92, "InterfaceCapture"},
+    {kOffendingPacketCapture, 120, "OffendingPacketCapture"},
+    {kStartRollingPacketCapture, 28, "StartRollingPacketCapture"},
+    {kEndRollingPacketCapture, 8, "EndRollingPacketCapture"},
+    {kConfigureRollingPacketCapture, 28, "ConfigureRollingPacketCapture"},
+    {kStartDropPacketCapture, 28, "StartDropPacketCapture"},
+    {kEndDropPacketCapture, 8, "EndDropPacketCapture"},
+    {kConfigureDropPacketCapture, 28, "ConfigureDropPacketCapture"},
+    {kEngineShuttingDown, 8, "EngineShuttingDown"},
+    {kConnectionCaptureNotice, 24, "ConnectionCaptureNotice"},
+    {kText, 128, "Text"},
+    {kType15, 8, "Type15"},
+    {kType16, 8, "Type16"},
+    {kReloadEvents, 8, "ReloadEvents"},
+};
+
+const Kind* FindKind(uint32_t type) {
+    for (const Kind& kind : kKinds) {
+        if (kind.type == type) {
+            return &kind;
+        }
+    }
+    return nullptr;
+}
+
+template <typename Message>
+Message As(std::span<const std::byte> datagram) {
+    Message message;
+    static_assert(sizeof message <= kControlDatagramBytes);
+    std::memcpy(&message, datagram.data(), sizeof message);
+    return message;
+}
+
+std::string_view TextIn(const char* text, std::size_t limit) {
+    return {text, strnlen(text, limit)};
+}
+
+template <typename Message>
+void AddLimits(const Message& message, ordered_json& fields) {
+    fields["fileFormat"] = message.uFileFormat;
+    fields["maxFiles"] = message.uMaxFiles;
+    fields["maxFileSize"] = message.uMaxFileSize;
+}
+
+void AddConnectionCapture(std::span<const std::byte> datagram, ordered_json& fields) {
+    const auto message = As<LogControlMessage_NewConnectionCapture>(datagram);
+    AddLimits(message, fields);
+    fields["seconds"] = message.uSeconds;
+    fields["connectionId"] = message.uConnectionID;
+    fields["eventId"] = message.uEventID;
+    fields["packetSaveCount"] = message.uPacketSaveCount;
+    fields["userString"] = TextAsJson(TextIn(message.szUserString, kUserStringBytes));
+}
+
+void AddInterfaceCapture(std::span<const std::byte> datagram, ordered_json& fields) {
+    const auto message = As<LogControlMessage_InterfaceCapture>(datagram);
+    AddLimits(message, fields);
+    fields["seconds"] = message.uSeconds;
+    fields["eventId"] = message.uEventID;
+    fields["packetSaveCount"] = message.uPacketSaveCount;
+    fields["interfaces"] = message.uInterfaces;
+    fields["userString"] = TextAsJson(TextIn(message.szUserString, kUserStringBytes));
+}
+
+void AddPacketCapture(std::span<const std::byte> datagram, ordered_json& fields,
+                      CapturedPacket& packet) {
+    const auto message = As<LogControlMessage_OffendingPacketCapture>(datagram);
+    AddLimits(message, fields);
+    fields["packetHash"] = message.uPacketHash;
+    fields["eventId"] = message.uEventID;
+    fields["userString"] = TextAsJson(TextIn(message.szUserString, kUserStringBytes));
+    fields["packetLength"] = message.uPacketLength;
+    fields["capturedSize"] = message.iCapturedSize;
+    fields["seconds"] = message.uSeconds;
+    fields["microseconds"] = message.uMicroseconds;
+    fields["frameNumber"] = message.uFrameNumber;
+    fields["reserved"] = message.uReserved;
+    fields["flags"] = message.uFlags;
+    fields["adapterId"] = message.uAdapterID;
+    packet = {message.uEventID,
+              message.uMaxFiles,
+              message.uMaxFileSize,
+              message.uSeconds,
+              message.uMicroseconds,
+              message.uPacketLength,
+              datagram.subspan(kControlDatagramBytes)};
+}
+
+void AddSettings(std::span<const std::byte> datagram, ordered_json& fields) {
+    const auto message = As<LogControlMessage_CaptureSettings>(datagram);
+    AddLimits(message, fields);
+    fields["interfaces"] = message.uInterfaces;
+}
+
+void AddBody(std::span<const std::byte> datagram, uint32_t type, ordered_json& fields,
+             CapturedPacket& packet) {
+    switch (type) {
+        case kNewConnectionCapture:
+            AddConnectionCapture(datagram, fields);
+            break;
+        case kInterfaceCapture:
+            AddInterfaceCapture(datagram, fields);
+            break;
+        case kOffendingPacketCapture:
+            AddPacketCapture(datagram, fields, packet);
+            break;
+        case kStartRollingPacketCapture:
+        case kConfigureRollingPacketCapture:
+        case kStartDropPacketCapture:
+        case kConfigureDropPacketCapture:
+            AddSettings(datagram, fields);
+            break;
+        case kConnectionCaptureNotice: {
+            const auto message = As<LogControlMessage_ConnectionCaptureNotice>(datagram);
+            fields["connectionId"] = message.uConnectionID;
+            fields["seconds"] = message.uSeconds;
+            break;
+        }
+        case kText: {
+            const auto message = As<LogControlMessage_Text>(datagram);
+            fields["text"] = TextAsJson(TextIn(message.szText, kTextBytes));
+            break;
+        }
+        default:
+            break;
+    }
+}
+
+// The bytes behind the 128 must be those that the message tells of.
+std::string CheckPayload(std::span<const std::byte> datagram, uint32_t type) {
+    const std::size_t behind = datagram.size() - kControlDatagramBytes;
+    if (behind == 0) {
+        return {};
+    }
+    if (type != kOffendingPacketCapture) {
+        return Counted(behind, "byte") + " behind a message without a packet";
+    }
+    const int32_t told = As<LogControlMessage_OffendingPacketCapture>(datagram).iCapturedSize;
+    if (told < 0 || static_cast<std::size_t>(told) != behind) {
+        return "a captured size of " + std::to_string(told) + " and " + Counted(behind, "byte") +
+               " of packet";
+    }
+    return {};
+}
+
+}  // namespace
+
+std::string FieldsAsLine(const ordered_json& fields) {
+    std::string line = fields.at("name").get<std::string>();
+    for (const auto& [name, value] : fields.items()) {
+        if (name != "type" && name != "name") {
+            line += " " + name + "=" +
+                    ForTerminal(value.is_string() ? value.get<std::string>() : value.dump());
+        }
+    }
+    return line;
+}
+
+std::string DecodePacketLogMessage(std::span<const std::byte> datagram, PacketLogMessage& message) {
+    if (datagram.size() < kControlDatagramBytes) {
+        return "shorter than " + std::to_string(kControlDatagramBytes) + " bytes";
+    }
+    const auto head = As<LogControlMessage>(datagram);
+    const Kind* const kind = FindKind(head.uType);
+    if (kind == nullptr) {
+        return "unknown type " + std::to_string(head.uType);
+    }
+    if (head.uLength != kind->length) {
+        return "type " + std::to_string(head.uType) + " with a length of " +
+               std::to_string(head.uLength) + " and not " + std::to_string(kind->length);
+    }
+    std::string reason = CheckPayload(datagram, head.uType);
+    if (!reason.empty()) {
+        return reason;
+    }
+    ordered_json fields;
+    fields["type"] = head.uType;
+    fields["name"] = kind->name;
+    message.packet = {};
+    AddBody(datagram, head.uType, fields, message.packet);
+    message.line = FieldsAsLine(fields);
+    if (!message.packet.bytes.empty()) {
+        fields["packet"] = Base64(message.packet.bytes);
+    }
+    message.json = fields.dump();
+    return {};
+}
+
+}  // namespace tarnctl

@@ -1,0 +1,54 @@
+#pragma once
+
+// Quarantine rules in the language of nft(8). All of it lies in one table of tarnctl's own:
+//
+//   table inet tarn
+//     chain prerouting   hook prerouting, priority raw: what arrives, for this host or through it
+//     chain output       hook output, priority raw: what this host sends itself
+//     chain quarantine   both jump here; one rule for each set
+//     sets               one for each shape of rule, such as ip_saddr_tcp_dport
+//
+// A rule of nftables has no end of its own, but an element of a set has a timeout. So the fields
+// that a quarantine rule names make up its shape, each shape has a set and a rule that looks
+// packets up in it, and the quarantine rule itself is an element. The kernel lifts it in time even
+// if nobody is left to do so, and a thousand rules of a shape cost a packet one look-up.
+//
+// Priority raw is before connection tracking and address translation: connections that are under
+// way are cut as well, and the addresses are those on the wire.
+//
+// Threads: pure functions.
+
+#include <cstdint>
+#include <string>
+
+#include "tarnctl/quarantine/quarantine_text.h"
+
+namespace tarnctl {
+
+// A quarantine rule as an element of a set.
+struct NftElement {
+    std::string set;     // name of the set: ip_saddr_tcp_dport
+    std::string key;     // what packets are looked up by: ip saddr . tcp dport
+    std::string value;   // of this rule: 10.0.0.1 . 80
+    uint32_t limit = 0;  // bytes a second that each element lets pass; 0: none pass
+
+    bool operator==(const NftElement&) const = default;
+};
+
+// A port of 0 counts as not named. The rule must name an address: one without would cut off
+// everybody.
+[[nodiscard]] NftElement ToNftElement(const QuarantineParts& parts);
+
+// The table with its chains and without any set, whatever it held before.
+[[nodiscard]] std::string NftFreshTable();
+
+// No table.
+[[nodiscard]] std::string NftNoTable();
+
+// The element's set and the rule that looks packets up in it.
+[[nodiscard]] std::string NftAddSet(const NftElement& element);
+
+// The element for this many seconds, at least 1, whether it was there already or not.
+[[nodiscard]] std::string NftAddElement(const NftElement& element, int64_t seconds);
+
+}  // namespace tarnctl

@@ -1,0 +1,231 @@
+#include "tarnctl/secmgr/secmgr_command.h"
+
+#include <algorithm>
+#include <ctime>
+#include <string>
+
+#include "quarantine/security_manager_format.h"
+#include "tarnctl/common/counted.h"
+#include "tarnctl/common/number_checks.h"
+#include "tarnctl/common/text_forms.h"
+#include "tarnctl/quarantine/never_list.h"
+#include "tarnctl/quarantine/nft_quarantine.h"
+#include "tarnctl/quarantine/rule_table.h"
+#include "tarnctl/secmgr/secmgr_answer.h"
+#include "tarnctl/secmgr/secmgr_server.h"
+#include "tarnctl/secmgr/secmgr_text.h"
+#include "tarnctl/secmgr/table_signal.h"
+
+namespace tarnctl {
+namespace {
+
+constexpr const char* kExamples =
+    R"(The command takes the security manager's place at its socket; it is refused while one is there.
+SIGUSR1 shows the rules in force, as the end does. Without --nft nothing is cut off.
+
+A quarantine in the kernel refuses rules that name no address, whose end has come, or that name an
+address of this host, of loopback or of --never. A counter lets that many bytes a second pass.
+
+Examples:
+  tarnctl secmgr                              show rules as they come, until Ctrl-C
+  tarnctl secmgr --json | jq .parts.intruder  one JSON object a line
+  tarnctl secmgr --fail-first 1               close once without an answer, then behave
+  tarnctl secmgr --answer 3                   refuse every rule
+  tarnctl secmgr --nft --never 10.0.0.0/24    cut off what the rules name, but never that network)";
+
+class SecurityManager final : public Monitor {
+  public:
+    SecurityManager(const SecmgrOptions& options, std::ostream& out, std::ostream& err)
+        : Monitor("secmgr", "rule", options, out, err),
+          m_options(options),
+          m_nft(options.nftCommand) {}
+
+  private:
+    // The socket comes first: it tells whether another manager is there, whose table of nftables
+    // must not be touched.
+    std::string Begin() override {
+        if (!m_options.answer.empty() && !ParseAnswer(m_options.answer, m_wrongAnswer)) {
+            return "--answer: \"" + m_options.answer + "\" is no answer";
+        }
+        std::string reason = m_server.Open(m_options.socketPath);
+        if (!reason.empty()) {
+            return reason;
+        }
+        if (m_options.nft) {
+            for (const std::string& entry : m_options.never) {
+                reason = reason.empty() ? m_never.Add(entry) : reason;
+            }
+            for (const std::string& path : m_options.neverFile) {
+                reason = reason.empty() ? m_never.AddFile(path) : reason;
+            }
+            reason = reason.empty() ? m_nft.Open() : reason;
+        }
+        if (reason.empty()) {
+            CatchTableSignal();
+            Say("serving at " + m_options.socketPath +
+                (m_options.nft ? "; rules cut off traffic" : "; nothing is cut off"));
+        }
+        return reason;
+    }
+
+    void Serve(std::chrono::milliseconds time) override {
+        ServeClients(time);
+        TellExpired();
+        if (TakeTableRequest()) {
+            TellTable();
+        }
+    }
+
+    void End() override {
+        TellTable();
+        const std::string reason = m_options.nft && m_options.flush ? m_nft.Remove() : "";
+        if (!reason.empty()) {
+            Fail(reason);
+        }
+    }
+
+    [[nodiscard]] std::string Counts() const override {
+        return Counted(Taken(), "rule") + ", " + std::to_string(m_accepted) + " accepted";
+    }
+
+    void ServeClients(std::chrono::milliseconds time) {
+        SecmgrOutcome outcome;
+        switch (m_server.Next(outcome.request, time)) {
+            case SecmgrServer::Result::kRequest:
+                HasNews();
+                Decide(outcome);
+                if (!m_server.Answer(outcome.answer)) {
+                    Say("the client did not take the answer");
+                }
+                Show(outcome);
+                break;
+            case SecmgrServer::Result::kMalformed:
+                HasNews();
+                TellMalformed("request", m_server.Error() + "; its connection is closed",
+                              m_server.Malformed(),
+                              MalformedAsJson(m_server.Error(), m_server.Malformed()));
+                break;
+            case SecmgrServer::Result::kNothing:
+                break;
+        }
+    }
+
+    void Decide(SecmgrOutcome& outcome) {
+        CountOne();
+        const std::string fault = ParseQuarantineText(outcome.request.text, outcome.parts);
+        outcome.isRule = fault.empty();
+        if (AnswersWrongly()) {
+            outcome.answer = m_wrongAnswer;
+            outcome.reason = "answered wrongly on purpose: " + AnswerText(m_wrongAnswer);
+            return;
+        }
+        outcome.reason = outcome.isRule ? PutIntoForce(outcome) : fault;
+        outcome.accepted = outcome.reason.empty();
+        outcome.answer.status = outcome.accepted ? tarn::secmgr::kStatusAdded : kStatusRefused;
+        m_accepted += outcome.accepted ? 1U : 0U;
+    }
+
+    [[nodiscard]] bool AnswersWrongly() const {
+        const bool isTold = !m_options.answer.empty() || m_options.failFirst > 0;
+        const bool isRight = m_wrongAnswer.kind == SecmgrAnswer::Kind::kStatus &&
+                             m_wrongAnswer.status == tarn::secmgr::kStatusAdded;
+        return isTold && !isRight && (m_options.failFirst == 0 || Taken() <= m_options.failFirst);
+    }
+
+    // Returns an empty string, or the reason why the rule is refused.
+    std::string PutIntoForce(const SecmgrOutcome& outcome) {
+        const QuarantineParts& parts = outcome.parts;
+        const time_t now = std::time(nullptr);
+        if (m_options.nft) {
+            m_never.AddHostAddresses();  // they may have changed since the last rule
+            std::string reason = ObjectionTo(parts, m_never, now);
+            if (reason.empty() && m_table.EndOf(parts) < parts.expiration) {
+                reason = m_nft.Apply(parts, parts.expiration - now);
+            }
+            if (!reason.empty()) {
+                return reason;
+            }
+        }
+        m_table.Add(parts, outcome.request.text, outcome.request.issueId, now);
+        return "";
+    }
+
+    void Show(const SecmgrOutcome& outcome) {
+        const time_t now = std::time(nullptr);
+        Write(WritesJson() ? OutcomeAsJson(outcome, now) : OutcomeAsLine(outcome, now));
+    }
+
+    void TellExpired() {
+        for (const RuleInForce& rule : m_table.DropExpired(std::time(nullptr))) {
+            Say("no longer in force: SID " + std::to_string(rule.issueId) + "  " + rule.text);
+        }
+    }
+
+    void TellTable() {
+        const time_t now = std::time(nullptr);
+        (void)m_table.DropExpired(now);  // what ends in this very moment is simply not shown
+        Say(Counted(m_table.Rules().size(), "rule") + " in force");
+        for (const RuleInForce& rule : m_table.Rules()) {
+            Say("  " + RuleInForceAsLine(rule, now));
+        }
+    }
+
+    const SecmgrOptions& m_options;
+    SecmgrAnswer m_wrongAnswer{SecmgrAnswer::Kind::kClose, 0};
+    SecmgrServer m_server;
+    RuleTable m_table;
+    NeverList m_never;
+    NftQuarantine m_nft;
+    uint64_t m_accepted = 0;
+};
+
+std::string CheckAnswer(const std::string& word) {
+    SecmgrAnswer answer;
+    return ParseAnswer(word, answer) ? "" : word + " is no status, close, silent, short or long";
+}
+
+std::string CheckNeverEntry(const std::string& entry) {
+    return NeverList().Add(entry);
+}
+
+}  // namespace
+
+CLI::App* AddSecmgrCommand(CLI::App& app, SecmgrOptions& options) {
+    CLI::App* command = app.add_subcommand(
+        "secmgr", "Show the quarantine rules that tarn sends to the security manager");
+    AddMonitorOptions(*command, options, "rules", "the rule's text and its parts");
+    command
+        ->add_option("--answer", options.answer,
+                     "Answer wrongly on purpose: a status N (15 is right, others refuse), close "
+                     "(close without an answer), silent (no answer), short (half an answer, then "
+                     "close), long (four bytes too many)")
+        ->type_name("N|close|silent|short|long")
+        ->check(CLI::Validator(CheckAnswer, "", "answer"));
+    command
+        ->add_option("--fail-first", options.failFirst,
+                     "Answer only the first N rules wrongly, with close unless --answer is given")
+        ->type_name("N")
+        ->check(AboveZero());
+    CLI::Option* const nft = command->add_flag(
+        "--nft", options.nft, "Put the rules into force with nftables, in the table inet tarn");
+    command->add_flag("--flush", options.flush, "Remove that table at the end")->needs(nft);
+    command
+        ->add_option("--never", options.never,
+                     "An address or network that is never cut off; may be repeated")
+        ->type_name("ADDRESS[/PREFIX]")
+        ->allow_extra_args(false)
+        ->check(CLI::Validator(CheckNeverEntry, "", "never"))
+        ->needs(nft);
+    command->add_option("--never-file", options.neverFile, "A file of such, one a line")
+        ->type_name("FILE")
+        ->allow_extra_args(false)
+        ->needs(nft);
+    command->footer(kExamples);
+    return command;
+}
+
+int RunSecmgr(const SecmgrOptions& options, std::ostream& out, std::ostream& err) {
+    return SecurityManager(options, out, err).Run();
+}
+
+}  // namespace tarnctl
