@@ -16,7 +16,7 @@
 namespace {
 
 void WritePacket(benchmark::State& state) {
-    const auto captured = static_cast<std::int32_t>(state.range(0));
+    const auto captured = static_cast<int32_t>(state.range(0));
     const std::string path =
         std::filesystem::temp_directory_path() / ("packet-bench-" + std::to_string(getpid()));
     PacketLogWriter writer;
@@ -29,11 +29,11 @@ void WritePacket(benchmark::State& state) {
     const std::vector<unsigned char> data(static_cast<std::size_t>(captured), 0x5A);
     std::vector<unsigned char> out(sizeof(PacketLogRecord) + data.size());
     PacketInfo packet;
-    packet.uPacketLength = static_cast<std::uint32_t>(captured);
+    packet.uPacketLength = static_cast<uint32_t>(captured);
     packet.iCapturedSize = captured;
     packet.pData = data.data();
     for (auto _ : state) {
-        auto size = static_cast<std::uint32_t>(out.size());
+        auto size = static_cast<uint32_t>(out.size());
         if (writer.WritePacket(&packet, 1, 2, 3) != PIPE_OK ||
             reader.read(out.data(), &size) != PIPE_OK) {
             state.SkipWithError("the ring lost a packet");
@@ -49,7 +49,7 @@ void WritePacket(benchmark::State& state) {
 
 void HashConnection(benchmark::State& state) {
     EventReport report;
-    report.etherType = static_cast<std::uint16_t>(state.range(0));
+    report.etherType = static_cast<uint16_t>(state.range(0));
     report.ipProtocol = 6;
     report.sourcePort = 49152;
     report.destinationPort = 443;

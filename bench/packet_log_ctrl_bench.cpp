@@ -39,17 +39,17 @@ std::string SocketPath() {
     return std::filesystem::temp_directory_path() / ("packetlog-bench-" + std::to_string(getpid()));
 }
 
-PacketInfo PacketOf(const std::vector<std::uint8_t>& data, std::uint32_t seconds) {
+PacketInfo PacketOf(const std::vector<uint8_t>& data, uint32_t seconds) {
     PacketInfo packet;
-    packet.uPacketLength = static_cast<std::uint32_t>(data.size());
-    packet.iCapturedSize = static_cast<std::int32_t>(data.size());
+    packet.uPacketLength = static_cast<uint32_t>(data.size());
+    packet.iCapturedSize = static_cast<int32_t>(data.size());
     packet.uSeconds = seconds;
     packet.pData = data.data();
     return packet;
 }
 
 void SendPacketCapture(benchmark::State& state) {
-    const std::vector<std::uint8_t> data(static_cast<std::size_t>(state.range(0)), 0x5A);
+    const std::vector<uint8_t> data(static_cast<std::size_t>(state.range(0)), 0x5A);
     const PacketInfo packet = PacketOf(data, 1000);
     const std::string path = SocketPath();
     const int receiver = socket(AF_UNIX, SOCK_DGRAM, 0);
@@ -63,7 +63,7 @@ void SendPacketCapture(benchmark::State& state) {
     PacketLogCtrlIF* const control = OpenTowards(path);
     EventReport report;
     report.userString = "SNORT";
-    std::vector<std::uint8_t> out(data.size() + 128);
+    std::vector<uint8_t> out(data.size() + 128);
     for (auto _ : state) {
         control->SendOffendingPacketCapture(&report, &packet, 0);
         if (recv(receiver, out.data(), out.size(), MSG_DONTWAIT) !=
@@ -80,7 +80,7 @@ void SendPacketCapture(benchmark::State& state) {
 }
 
 void SkipInTheQuietPeriod(benchmark::State& state) {
-    const std::vector<std::uint8_t> data(1514, 0x5A);
+    const std::vector<uint8_t> data(1514, 0x5A);
     const PacketInfo packet = PacketOf(data, 1000);
     PacketLogCtrlIF* const control = OpenTowards(SocketPath());
     EventReport report;
@@ -94,7 +94,7 @@ void SkipInTheQuietPeriod(benchmark::State& state) {
 }
 
 void FailTwice(benchmark::State& state) {
-    const std::vector<std::uint8_t> data(1514, 0x5A);
+    const std::vector<uint8_t> data(1514, 0x5A);
     const PacketInfo packet = PacketOf(data, 0);  // no time, no quiet period
     PacketLogCtrlIF* const control = OpenTowards(SocketPath());
     for (auto _ : state) {

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr std::uint32_t kFileSize = 0x800000;  // the ring that reports go through
+constexpr uint32_t kFileSize = 0x800000;  // the ring that reports go through
 
 class Ring {
   public:
@@ -33,17 +33,17 @@ class Ring {
     ShmEventPipe m_reader{READER, m_path, kFileSize};
 };
 
-void CountMessages(benchmark::State& state, std::uint32_t length) {
+void CountMessages(benchmark::State& state, uint32_t length) {
     state.SetItemsProcessed(state.iterations());
     state.SetBytesProcessed(state.iterations() * length);
 }
 
 void TwoCopies(benchmark::State& state) {
-    const auto length = static_cast<std::uint32_t>(state.range(0));
+    const auto length = static_cast<uint32_t>(state.range(0));
     Ring ring;
     std::vector<unsigned char> in(length, 0x5A);
     std::vector<unsigned char> out(length);
-    std::uint32_t at = 0;
+    uint32_t at = 0;
     for (auto _ : state) {
         std::memcpy(ring.m_writer.m_pData + at, in.data(), length);
         benchmark::ClobberMemory();
@@ -59,12 +59,12 @@ void TwoCopies(benchmark::State& state) {
 }
 
 void WriteAndRead(benchmark::State& state) {
-    const auto length = static_cast<std::uint32_t>(state.range(0));
+    const auto length = static_cast<uint32_t>(state.range(0));
     Ring ring;
     std::vector<unsigned char> in(length, 0x5A);
     std::vector<unsigned char> out(length);
     for (auto _ : state) {
-        std::uint32_t size = length;
+        uint32_t size = length;
         if (ring.m_writer.write(in.data(), &length) != PIPE_OK ||
             ring.m_reader.read(out.data(), &size) != PIPE_OK) {
             state.SkipWithError("the ring lost a message");
@@ -78,19 +78,19 @@ void WriteAndRead(benchmark::State& state) {
 
 // A report goes in as nine pieces, most of them short.
 void GatherAndRead(benchmark::State& state) {
-    const auto length = static_cast<std::uint32_t>(state.range(0));
-    const auto count = static_cast<std::int32_t>(state.range(1));
-    const std::uint32_t piece = length / static_cast<std::uint32_t>(count);
+    const auto length = static_cast<uint32_t>(state.range(0));
+    const auto count = static_cast<int32_t>(state.range(1));
+    const uint32_t piece = length / static_cast<uint32_t>(count);
     Ring ring;
     std::vector<unsigned char> in(length, 0x5A);
     std::vector<unsigned char> out(length);
     std::vector<iovec> pieces;
-    for (std::int32_t i = 0; i < count; ++i) {
-        const std::uint32_t at = static_cast<std::uint32_t>(i) * piece;
+    for (int32_t i = 0; i < count; ++i) {
+        const uint32_t at = static_cast<uint32_t>(i) * piece;
         pieces.push_back({&in[at], i + 1 < count ? piece : length - at});
     }
     for (auto _ : state) {
-        std::uint32_t size = length;
+        uint32_t size = length;
         if (ring.m_writer.write(pieces.data(), count) != PIPE_OK ||
             ring.m_reader.read(out.data(), &size) != PIPE_OK) {
             state.SkipWithError("the ring lost a message");

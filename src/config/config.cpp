@@ -162,14 +162,16 @@ void Config::ParseLine(const std::string& line, int kind) {
     }
     const std::size_t equals = stripped.find('=');
     if (equals == std::string_view::npos) {
-        vald::Log::GetInstance()->Write(2, "Config file entry is missing value: '%s'",
+        vald::Log::GetInstance()->Write(vald::Log::kWarning,
+                                        "Config file entry is missing value: '%s'",
                                         std::string(stripped).c_str());
         return;
     }
     const std::string value(StripLeft(stripped.substr(equals + 1)));
     const std::string name(StripRight(stripped.substr(0, equals)));
     if (name.empty()) {
-        vald::Log::GetInstance()->Write(2, "Config file entry is missing parameter name: '%s'",
+        vald::Log::GetInstance()->Write(vald::Log::kWarning,
+                                        "Config file entry is missing parameter name: '%s'",
                                         std::string(stripped).c_str());
         return;
     }
@@ -238,23 +240,25 @@ bool Config::ApplyEventSetting(const std::string& name, const std::string& value
 std::shared_ptr<Node> Config::GetResponseSetting(int eventId) {
     std::shared_ptr<Node> node = s_eventTable.Find(static_cast<uint32_t>(eventId));
     if (!node) {
-        vald::Log::GetInstance()->Write(2, "Cannot get response setting for issue '%d'", eventId);
+        vald::Log::GetInstance()->Write(vald::Log::kWarning,
+                                        "Cannot get response setting for issue '%d'", eventId);
     }
     return node;
 }
 
 void Config::Dump() {
-    if (!vald::Log::Passes(5)) {
+    if (!vald::Log::Passes(vald::Log::kDebug)) {
         return;
     }
     vald::Log* const log = vald::Log::GetInstance();
-    log->Write(5, "==============================");
+    log->Write(vald::Log::kDebug, "==============================");
     for (const Setting& setting : kSettings) {
         if (setting.string != nullptr) {
-            log->Write(5, "%s = %s", setting.name, setting.string->c_str());
+            log->Write(vald::Log::kDebug, "%s = %s", setting.name, setting.string->c_str());
         } else {
-            log->Write(5, "%s = %d", setting.name, setting.number->load(std::memory_order_relaxed));
+            log->Write(vald::Log::kDebug, "%s = %d", setting.name,
+                       setting.number->load(std::memory_order_relaxed));
         }
     }
-    log->Write(5, "==============================");
+    log->Write(vald::Log::kDebug, "==============================");
 }

@@ -6,12 +6,13 @@
 #include <fstream>
 
 #include "config/config.h"
+#include "logging/log.h"
 #include "logging/log_at.h"
 
 void Config::Save() {
     std::ofstream file(s_stateFile, std::ios::out | std::ios::trunc);
     if (!file) {
-        LogAt(1, 186, "static void Config::Save()",
+        LogAt(vald::Log::kError, 186, "static void Config::Save()",
               "An error was encountered writing the state file. Reason: %s", strerror(errno));
         return;
     }

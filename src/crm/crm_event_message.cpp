@@ -20,7 +20,7 @@ std::string_view SeverityWord(uint32_t severity) {
         case kSeverityHigh:
             return "high";
         default:
-            Log::GetInstance()->Write(2, "Unknown event severity, send as low.");
+            Log::GetInstance()->Write(Log::kWarning, "Unknown event severity, send as low.");
             return "low";
     }
 }

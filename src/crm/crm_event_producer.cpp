@@ -72,7 +72,7 @@ int CrmEventProducer::Open(int32_t channelId) {
     m_queue = std::make_unique<EventQueue>(kQueueName, channelId, 1);
     m_queue->m_pfnLog = LogQueueReport;
     if (m_queue->Open() != 0) {
-        Log::GetInstance()->Write(1, "CRM communication channel cannot be opened.");
+        Log::GetInstance()->Write(Log::kError, "CRM communication channel cannot be opened.");
         m_queue.reset();
         return kNotOpen;
     }

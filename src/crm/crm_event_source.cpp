@@ -239,60 +239,74 @@ int CrmEventSource::Dispatch(CrmEventProducer* producer) const {
 void CrmEventSource::LogReport(const CrmEventMessage& message) const {
     Log& log = *Log::GetInstance();
     const EventReport& report = m_report;
-    log.Write(5, "Dispatching CRM event - header.blockedStatus: %d", m_blockedStatus);
-    log.Write(5, "Dispatching CRM event - eventReport.icmpType: %d", report.icmpType);
-    log.Write(5, "Dispatching CRM event - eventReport.icmpCode: %d", report.icmpCode);
-    log.Write(5, "Dispatching CRM event - eventReport.intruderIpv6: %s",
+    log.Write(Log::kDebug, "Dispatching CRM event - header.blockedStatus: %d", m_blockedStatus);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.icmpType: %d", report.icmpType);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.icmpCode: %d", report.icmpCode);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.intruderIpv6: %s",
               Ipv6Text(report.intruderIpv6).c_str());
-    log.Write(5, "Dispatching CRM event - eventReport.intruderIp: %08x", report.intruderIp);
-    log.Write(5, "Dispatching CRM event - eventReport.sensorId: %d", report.sensorId);
-    log.Write(5, "Dispatching CRM event - eventReport.issueId: %d", report.issueId);
-    log.Write(5, "Dispatching CRM event - eventReport.filterId: %d", report.filterId);
-    log.Write(5, "Dispatching CRM event - eventReport.vlanId: %d", report.vlanId);
-    log.Write(5, "Dispatching CRM event - eventReport.victimIp: %08x", report.victimIp);
-    log.Write(5, "Dispatching CRM event - eventReport.victimIpv6: %s",
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.intruderIp: %08x",
+              report.intruderIp);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.sensorId: %d", report.sensorId);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.issueId: %d", report.issueId);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.filterId: %d", report.filterId);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.vlanId: %d", report.vlanId);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.victimIp: %08x", report.victimIp);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.victimIpv6: %s",
               Ipv6Text(report.victimIpv6).c_str());
-    log.Write(5, "Dispatching CRM event - eventReport.victimPort: %hu", report.victimPort);
-    log.Write(5, "Dispatching CRM event - eventReport.intruderPort: %hu", report.intruderPort);
-    log.Write(5, "Dispatching CRM event - eventReport.lastVictimIp: %08x", report.lastVictimIp);
-    log.Write(5, "Dispatching CRM event - eventReport.sourceIp: %08x", report.sourceIp);
-    log.Write(5, "Dispatching CRM event - eventReport.destinationIp: %08x", report.destinationIp);
-    log.Write(5, "Dispatching CRM event - eventReport.destinationPort: %hu",
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.victimPort: %hu",
+              report.victimPort);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.intruderPort: %hu",
+              report.intruderPort);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.lastVictimIp: %08x",
+              report.lastVictimIp);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.sourceIp: %08x", report.sourceIp);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.destinationIp: %08x",
+              report.destinationIp);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.destinationPort: %hu",
               report.destinationPort);
-    log.Write(5, "Dispatching CRM event - eventReport.sourcePort: %hu", report.sourcePort);
-    log.Write(5, "Dispatching CRM event - eventReport.sourceIpv6: %s",
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.sourcePort: %hu",
+              report.sourcePort);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.sourceIpv6: %s",
               Ipv6Text(report.sourceIpv6).c_str());
-    log.Write(5, "Dispatching CRM event - eventReport.destinationIpv6: %s",
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.destinationIpv6: %s",
               Ipv6Text(report.destinationIpv6).c_str());
-    log.Write(5, "Dispatching CRM event - eventReport.lastVictimIpv6: %s",
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.lastVictimIpv6: %s",
               Ipv6Text(report.lastVictimIpv6).c_str());
-    log.Write(5, "Dispatching CRM event - eventReport.startTime: %lu", report.startTime);
-    log.Write(5, "Dispatching CRM event - eventReport.endTime: %lu", report.endTime);
-    log.Write(5, "Dispatching CRM event - eventReport.count: %d", report.count);
-    log.Write(5, "Dispatching CRM event - eventReport.result: %d", report.result);
-    log.Write(5, "Dispatching CRM event - eventReport.eventType: %d", report.eventType);
-    log.Write(5, "Dispatching CRM event - eventReport.reportType: %d", report.reportType);
-    log.Write(5, "Dispatching CRM event - eventReport.adapterId: %d", report.adapterId);
-    log.Write(5, "Dispatching CRM event - eventReport.eventId: %d", report.eventId);
-    log.Write(5, "Dispatching CRM event - eventReport.throttleEventCount: %d",
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.startTime: %lu", report.startTime);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.endTime: %lu", report.endTime);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.count: %d", report.count);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.result: %d", report.result);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.eventType: %d", report.eventType);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.reportType: %d", report.reportType);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.adapterId: %d", report.adapterId);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.eventId: %d", report.eventId);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.throttleEventCount: %d",
               report.throttleEventCount);
     // Deliberate: the dump has always shown the throttle count under this name too; the readers of
     // debug logs count lines.
-    log.Write(5, "Dispatching CRM event - eventReport.resultFlags: %d", report.throttleEventCount);
-    log.Write(5, "Dispatching CRM event - eventReport.validFields: %d", report.validFields);
-    log.Write(5, "Dispatching CRM event - eventReport.packetFlags: %d", report.packetFlags);
-    log.Write(5, "Dispatching CRM event - eventReport.frameNumber: %lu", report.frameNumber);
-    log.Write(5, "Dispatching CRM event - eventReport.flow_id: %lu", report.flow_id);
-    log.Write(5, "Dispatching CRM event - eventReport.etherType: %hu", report.etherType);
-    log.Write(5, "Dispatching CRM event - eventReport.ipProtocol: %hu", report.ipProtocol);
-    log.Write(5, "Dispatching CRM event - eventReport.priority: %d", report.priority);
-    log.Write(5, "Dispatching CRM event - eventReport.nameValues (leading comma excluded): %s",
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.resultFlags: %d",
+              report.throttleEventCount);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.validFields: %d",
+              report.validFields);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.packetFlags: %d",
+              report.packetFlags);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.frameNumber: %lu",
+              report.frameNumber);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.flow_id: %lu", report.flow_id);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.etherType: %hu", report.etherType);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.ipProtocol: %hu",
+              report.ipProtocol);
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.priority: %d", report.priority);
+    log.Write(Log::kDebug,
+              "Dispatching CRM event - eventReport.nameValues (leading comma excluded): %s",
               CrmEventMessage::NameValues());
     // Deliberate: both texts stand here as they came, a comma in front included, whatever the label
     // says; only the wire goes without it.
-    log.Write(5, "Dispatching CRM event - eventReport.userResponse: %s", m_userResponse.c_str());
-    log.Write(5, "Dispatching CRM event - eventReport.userDataStr (leading comma excluded): %s",
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.userResponse: %s",
+              m_userResponse.c_str());
+    log.Write(Log::kDebug,
+              "Dispatching CRM event - eventReport.userDataStr (leading comma excluded): %s",
               message.UserData());
-    log.Write(5, "Dispatching CRM event - eventReport.sensorName: %s",
+    log.Write(Log::kDebug, "Dispatching CRM event - eventReport.sensorName: %s",
               CrmEventMessage::SensorName());
 }

@@ -11,20 +11,20 @@
 
 namespace tarn::crm {
 
-inline constexpr std::uint16_t kMessageType = 1237;
+inline constexpr uint16_t kMessageType = 1237;
 
-enum class MessageKind : std::uint32_t { Error = 0, Information = 1 };
+enum class MessageKind : uint32_t { Error = 0, Information = 1 };
 
 // A text goes out with the byte behind its last counted one, so 512 counted bytes make 513.
 inline constexpr std::size_t kTextLimit = 512;
 inline constexpr std::size_t kTextBytes = kTextLimit + 1;
 
 struct MessageHeader {
-    std::uint32_t reserved;  // always 0
-    std::uint16_t type;      // kMessageType
-    std::uint16_t length;    // bytes of the datagram, this header included
-    std::uint32_t time;      // seconds since the epoch, lower 32 bits
-    std::uint32_t zero;      // always 0
+    uint32_t reserved;  // always 0
+    uint16_t type;      // kMessageType
+    uint16_t length;    // bytes of the datagram, this header included
+    uint32_t time;      // seconds since the epoch, lower 32 bits
+    uint32_t zero;      // always 0
     MessageKind kind;
 };
 

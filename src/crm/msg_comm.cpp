@@ -92,11 +92,11 @@ int MsgComm::SendMessage(tarn::crm::MessageKind kind, const char* text) {
     const std::size_t textBytes = strnlen(text, tarn::crm::kTextLimit) + 1;
     tarn::crm::MessageHeader header{};
     header.type = tarn::crm::kMessageType;
-    header.length = static_cast<std::uint16_t>(sizeof(header) + textBytes);
-    header.time = static_cast<std::uint32_t>(std::time(nullptr));
+    header.length = static_cast<uint16_t>(sizeof(header) + textBytes);
+    header.time = static_cast<uint32_t>(std::time(nullptr));
     header.kind = kind;
 
-    std::array<std::uint8_t, tarn::crm::kMessageBytes> message;
+    std::array<uint8_t, tarn::crm::kMessageBytes> message;
     std::memcpy(message.data(), &header, sizeof(header));
     std::memcpy(message.data() + sizeof(header), text, textBytes);
     return Send(message.data(), header.length);

@@ -46,7 +46,7 @@ class MsgComm {
   private:
     int SendMessage(tarn::crm::MessageKind kind, const char* text);
 
-    std::int32_t m_fd = -1;   // owned; 0 and below count as not open
+    int32_t m_fd = -1;        // owned; 0 and below count as not open
     sockaddr_un m_address{};  // of the receiver; filled in by Open
     const std::string m_socketPath;
 };

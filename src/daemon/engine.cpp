@@ -151,8 +151,8 @@ int TarnEngine::Initialize(int argc, char** argv) {
     Log* const log = Log::GetInstance();
     log->Open(m_appName.c_str(), Config::s_logFile.c_str(), Config::s_logLevel,
               Config::s_logMaxFileSize, Config::s_logMaxFiles);
-    log->Write(4, "%s base address: %p", m_appName.c_str(), m_baseAddress);
-    log->Write(5, "Using config file %s, snort config file %s", m_configFile.c_str(),
+    log->Write(Log::kNotice, "%s base address: %p", m_appName.c_str(), m_baseAddress);
+    log->Write(Log::kDebug, "Using config file %s, snort config file %s", m_configFile.c_str(),
                m_eventConfigFile.c_str());
     Config::Dump();
     PinToSnortCpu();
@@ -161,7 +161,7 @@ int TarnEngine::Initialize(int argc, char** argv) {
 
     m_bridge = EventBridge::GetInstance();
     if (m_bridge == nullptr) {
-        log->Write(1, "Error initializing the engine");
+        log->Write(Log::kError, "Error initializing the engine");
         return -1;
     }
     if (Config::s_debugSingle == 0) {
@@ -190,7 +190,7 @@ bool TarnEngine::ClaimPidFile() {
         return false;
     }
     // Deliberate: this one message goes to the log file, which is not open yet, and is lost.
-    Log::GetInstance()->Write(5, "Creating pid file %s", m_pidFile.c_str());
+    Log::GetInstance()->Write(Log::kDebug, "Creating pid file %s", m_pidFile.c_str());
     // Deliberate: with -d the file is written before the fork and so holds the number of the
     // parent, which ends at once. Start scripts read it as the number of the process they made.
     m_pidFileCreated = WritePidFile(m_pidFile.c_str());
@@ -206,9 +206,9 @@ void TarnEngine::PinToSnortCpu() const {
         return;
     }
     if (BindCallingThreadToCpu(cpu)) {
-        Log::GetInstance()->Write(5, "Set CPU affinity to %d", cpu);
+        Log::GetInstance()->Write(Log::kDebug, "Set CPU affinity to %d", cpu);
     } else {
-        Log::GetInstance()->Write(2, "Unable to set CPU affinity to %d", cpu);
+        Log::GetInstance()->Write(Log::kWarning, "Unable to set CPU affinity to %d", cpu);
     }
 }
 
@@ -256,7 +256,7 @@ bool TarnEngine::LoadChangedFiles() {
         changed = true;
     }
     if (changed) {
-        Log::GetInstance()->Write(4, "Configuration reloaded.");
+        Log::GetInstance()->Write(Log::kNotice, "Configuration reloaded.");
         Config::Dump();
     }
     return true;
@@ -275,13 +275,14 @@ int TarnEngine::StartEngine() {
         return kStatusFailed;
     }
     if (m_bridge->Initialize() != 0) {
-        log->Write(1, "Error starting the engine");
+        log->Write(Log::kError, "Error starting the engine");
         return kStatusFailed;
     }
 
     if (Config::s_debugSingle == 0) {
         if (m_eventThread != nullptr && m_eventThread->IsRunning()) {
-            log->Write(1, "Event thread is running which should not be. Try stop it to fix this.");
+            log->Write(Log::kError,
+                       "Event thread is running which should not be. Try stop it to fix this.");
             m_eventThread->Stop();
             JoinOrQuitEventThread();
             if (m_threadAbandoned) {  // a second thread would take from the same ring
@@ -291,12 +292,12 @@ int TarnEngine::StartEngine() {
         if (m_eventThread == nullptr) {
             MakeEventThread();
         }
-        log->Write(5, "Want to start EVENT thread");
+        log->Write(Log::kDebug, "Want to start EVENT thread");
         // A thread that did not start is seen at the next reload.
         (void)m_eventThread->Start(false);
     }
     if (!m_errorThread->IsRunning()) {
-        log->Write(5, "Want to start ERROR thread");
+        log->Write(Log::kDebug, "Want to start ERROR thread");
         (void)m_errorThread->Start(false);  // as above
     }
 
@@ -315,7 +316,7 @@ int TarnEngine::Run() {
         return failure;
     }
     Log* const log = Log::GetInstance();
-    log->Write(5, "Enter event reader loop...");
+    log->Write(Log::kDebug, "Enter event reader loop...");
     // Deliberate: a hangup that came since the last loop is lost here; StartEngine has just looked.
     m_hangup.store(false, std::memory_order_release);
     SnortEventReader* const reader = SnortEventReader::Instance();
@@ -325,7 +326,7 @@ int TarnEngine::Run() {
             break;
         }
     }
-    log->Write(5, "Exit event reader loop...");
+    log->Write(Log::kDebug, "Exit event reader loop...");
     SnortEventReader::ReleaseInstance();
     return StopEngine();
 }
@@ -337,7 +338,7 @@ int TarnEngine::StopEngine() {
     const bool stopErrorThread =
         s_term == 1 && m_errorThread != nullptr && m_errorThread->IsRunning();
     if (stopErrorThread) {
-        log->Write(5, "Error thread is running, stop it");
+        log->Write(Log::kDebug, "Error thread is running, stop it");
         m_errorThread->Stop();
     }
     bool stopEventThread = false;
@@ -347,12 +348,12 @@ int TarnEngine::StopEngine() {
         stopEventThread = m_eventThread->IsRunning();
     }
     if (stopEventThread) {
-        log->Write(5, "EVENT thread is running, stop it");
+        log->Write(Log::kDebug, "EVENT thread is running, stop it");
         m_eventThread->Stop();
     }
     // Both wind down at the same time.
     if (stopErrorThread && !m_errorThread->Join(kJoinMs, nullptr)) {
-        log->Write(1, "Error thread join timeout exceeded");
+        log->Write(Log::kError, "Error thread join timeout exceeded");
         QuitAndDiscard(m_errorThread);
     }
     if (stopEventThread) {
@@ -400,7 +401,7 @@ int TarnEngine::Terminate() {
 
 void TarnEngine::OpenPacketLog() {
     Log* const log = Log::GetInstance();
-    log->Write(5, "Initializing Channel to Packet Logging Daemon");
+    log->Write(Log::kDebug, "Initializing Channel to Packet Logging Daemon");
     m_packetLogCtrl = PacketLogCtrl::PacketLogCtrlIF::GetInstance();
     if (m_packetLogCtrl == nullptr) {
         log->Write(
@@ -433,19 +434,20 @@ void TarnEngine::ClosePacketLog() {
         return;
     }
     Log* const log = Log::GetInstance();
-    log->Write(3, "Number of Control Messages Attempted: %d.",
+    log->Write(Log::kInfo, "Number of Control Messages Attempted: %d.",
                static_cast<int>(m_packetLogCtrl->m_uAttempted));
-    log->Write(3, "Number of Start Offending Packet Capture message failures: %d.",
+    log->Write(Log::kInfo, "Number of Start Offending Packet Capture message failures: %d.",
                static_cast<int>(m_packetLogCtrl->m_uFailOffendingPacket));
-    log->Write(3, "Number of Frames not sent to packet logging daemon: %d.",
+    log->Write(Log::kInfo, "Number of Frames not sent to packet logging daemon: %d.",
                static_cast<int>(m_packetLogCtrl->m_uFramesNotSent));
-    log->Write(3, "Number of Control Messages Skipped due to throttling: %d.",
+    log->Write(Log::kInfo, "Number of Control Messages Skipped due to throttling: %d.",
                static_cast<int>(m_packetLogCtrl->m_uThrottled));
     if (m_packetLogCtrl->Release() == 0) {
         m_packetLogCtrl = nullptr;
         return;
     }
-    log->Write(1, "%s is exiting without having completely freed the Packet Log Control interface.",
+    log->Write(Log::kError,
+               "%s is exiting without having completely freed the Packet Log Control interface.",
                m_appName.c_str());
 }
 
@@ -457,7 +459,7 @@ void TarnEngine::JoinOrQuitEventThread() {
     if (m_eventThread->Join(kJoinMs, nullptr)) {
         return;
     }
-    Log::GetInstance()->Write(1, "Event thread join timeout exceeded");
+    Log::GetInstance()->Write(Log::kError, "Event thread join timeout exceeded");
     QuitAndDiscard(m_eventThread);
 }
 

@@ -90,14 +90,14 @@ void EventBridge::Release() {
 int EventBridge::Initialize() {
     Log& log = *Log::GetInstance();
     if (m_initialized) {
-        log.Write(5, "EventBridge::Initialize() is called but was already initialized.");
+        log.Write(Log::kDebug, "EventBridge::Initialize() is called but was already initialized.");
         return 0;
     }
-    log.Write(5, "Initializing EventBridge.");
+    log.Write(Log::kDebug, "Initializing EventBridge.");
 
     m_producer = CrmEventProducer::GetInstance();
     if (m_producer->Open(Config::s_engineCrm) != 0) {
-        log.Write(1, "EventBridge failed to initialize CrmEventProducer.");
+        log.Write(Log::kError, "EventBridge failed to initialize CrmEventProducer.");
         m_producer->Release();
         m_producer = nullptr;
         return -1;
@@ -109,9 +109,9 @@ int EventBridge::Initialize() {
 
     m_multiThreaded = Config::s_debugSingle == 0;
     if (m_multiThreaded) {
-        log.Write(5, "EventBridge is initialized for multiple thread mode.");
+        log.Write(Log::kDebug, "EventBridge is initialized for multiple thread mode.");
     } else {
-        log.Write(5, "EventBridge is initialized for single thread mode.");
+        log.Write(Log::kDebug, "EventBridge is initialized for single thread mode.");
     }
 
     if (m_packetLog == nullptr) {
@@ -137,8 +137,8 @@ void EventBridge::Finalize() {
 
     const int32_t queued = m_count.load(std::memory_order_relaxed);
     if (queued > 0) {
-        Log::GetInstance()->Write(3, "EventBridge drops %d queued events during finalizing.",
-                                  queued);
+        Log::GetInstance()->Write(Log::kInfo,
+                                  "EventBridge drops %d queued events during finalizing.", queued);
     }
     // Every slot, since an event that a stray wake-up has left behind is no longer counted.
     for (int32_t slots = 0; slots < kRingSize; ++slots) {
@@ -157,7 +157,8 @@ void EventBridge::Finalize() {
 
 int EventBridge::ProcessEvent(U2AlertEvent* event) {
     if (!m_initialized) {
-        Log::GetInstance()->Write(1, "EventBridge::ProcessEvent() is called before Initialized().");
+        Log::GetInstance()->Write(Log::kError,
+                                  "EventBridge::ProcessEvent() is called before Initialized().");
         return -1;
     }
     return m_multiThreaded ? EnqueueEvent(event) : SendEvent(event);
@@ -166,21 +167,22 @@ int EventBridge::ProcessEvent(U2AlertEvent* event) {
 int EventBridge::SendEvent(U2AlertEvent* event) {
     Log& log = *Log::GetInstance();
     if (!m_initialized) {
-        log.Write(1, "EventBridge::SendEvent() is called before Initialize().");
+        log.Write(Log::kError, "EventBridge::SendEvent() is called before Initialize().");
         return -1;
     }
     if (m_multiThreaded) {
-        log.Write(3, "Request unqueued event processing while multi-threading is enabled.");
+        log.Write(Log::kInfo,
+                  "Request unqueued event processing while multi-threading is enabled.");
     }
     if (event == nullptr) {
-        log.Write(2, "Ignoring NULL event from sending to CRM.");
+        log.Write(Log::kWarning, "Ignoring NULL event from sending to CRM.");
         return -1;
     }
     if (ProcessOneEvent(event) != 0) {
-        log.Write(2, "EventBridge failed to process event.");
+        log.Write(Log::kWarning, "EventBridge failed to process event.");
         return -2;
     }
-    log.Write(5, "EventBridge processed one event synchronized.");
+    log.Write(Log::kDebug, "EventBridge processed one event synchronized.");
     delete event;
     return 0;
 }
@@ -188,21 +190,21 @@ int EventBridge::SendEvent(U2AlertEvent* event) {
 int EventBridge::EnqueueEvent(U2AlertEvent* event) {
     Log& log = *Log::GetInstance();
     if (!m_initialized) {
-        log.Write(1, "EventBridge::EnqueueEvent() is called before Initialize().");
+        log.Write(Log::kError, "EventBridge::EnqueueEvent() is called before Initialize().");
         return -1;
     }
     if (!m_multiThreaded) {
-        log.Write(1,
+        log.Write(Log::kError,
                   "Attempt to access EventBridge event queue while multi-threading is disabled.");
         return -1;
     }
     if (event == nullptr) {
-        log.Write(2, "Ignoring NULL event from enqueuing.");
+        log.Write(Log::kWarning, "Ignoring NULL event from enqueuing.");
         return 1;
     }
     // Acquire: pairs with the release in Consumer::Advance. The count can only fall meanwhile.
     if (m_count.load(std::memory_order_acquire) == kRingSize) {
-        log.Write(2, "EventBridge event queue is full.");
+        log.Write(Log::kWarning, "EventBridge event queue is full.");
         return 2;
     }
 
@@ -218,11 +220,12 @@ int EventBridge::EnqueueEvent(U2AlertEvent* event) {
 int EventBridge::ProcessEventQueue(int32_t maximum, uint32_t seconds) {
     Log& log = *Log::GetInstance();
     if (!m_initialized) {
-        log.Write(1, "EventBridge::ProcessEventQueue() is called before Initialize().");
+        log.Write(Log::kError, "EventBridge::ProcessEventQueue() is called before Initialize().");
         return -1;
     }
     if (!m_multiThreaded) {
-        log.Write(1, "Attempt to access EventBridge event queue while multithreading is disabled.");
+        log.Write(Log::kError,
+                  "Attempt to access EventBridge event queue while multithreading is disabled.");
         return -1;
     }
 
@@ -242,14 +245,14 @@ int EventBridge::ProcessEventQueue(int32_t maximum, uint32_t seconds) {
             } else if (ProcessOneEvent(event.get()) == 0) {
                 ++processed;
             } else {
-                log.Write(2, "EventBridge failed to process queued event.");
+                log.Write(Log::kWarning, "EventBridge failed to process queued event.");
             }
             event.reset();
             consumer.Advance();
         }
     }
     if (processed > 0) {
-        log.Write(5, "EventBridge processed %d events from queue.", processed);
+        log.Write(Log::kDebug, "EventBridge processed %d events from queue.", processed);
     }
     return processed;
 }

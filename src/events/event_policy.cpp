@@ -38,7 +38,7 @@ bool SetAddresses(const CrmEventSource& source, uint32_t flags, QuarantineRule& 
         if (haveAddress) {
             rule.SetIntruderAddress(address);
         } else {
-            log.Write(2, "Unable to produce source address for quarantine rule.");
+            log.Write(Log::kWarning, "Unable to produce source address for quarantine rule.");
         }
     }
     if ((flags & kBlockVictimAddress) != 0) {
@@ -46,7 +46,7 @@ bool SetAddresses(const CrmEventSource& source, uint32_t flags, QuarantineRule& 
             rule.SetVictimAddress(address);
             haveAddress = true;
         } else {
-            log.Write(2, "Unable to produce destination address for quarantine rule.");
+            log.Write(Log::kWarning, "Unable to produce destination address for quarantine rule.");
         }
     }
     return haveAddress;
@@ -117,13 +117,15 @@ int EventBridge::ProcessOneEvent(U2AlertEvent* event) {
 
     const std::unique_ptr<CrmEventSource> source(event->CreateCrmEventSource(true));
     if (source == nullptr) {
-        log.Write(2, "EventBridge failed to create CrmEventSource instance from U2AlertEvent.");
+        log.Write(Log::kWarning,
+                  "EventBridge failed to create CrmEventSource instance from U2AlertEvent.");
         return -2;
     }
 
     if (entry == nullptr) {
         const uint32_t issueId = source->GetIssueId();
-        log.Write(2, "Fail to look up Snort event %d from TaRN rule configuration.", issueId);
+        log.Write(Log::kWarning, "Fail to look up Snort event %d from TaRN rule configuration.",
+                  issueId);
         source->SetEventName("Unknown Snort Event (" + std::to_string(issueId) + ")");
         source->SetUserResponse(0, "DISPLAY:WithoutRaw");
         source->SetSeverity(kSeverityLow);
@@ -145,7 +147,7 @@ int EventBridge::ProcessOneEvent(U2AlertEvent* event) {
     }
 
     if (m_producer->SendEvent(source.get()) != 0) {
-        log.Write(2, "Unable to dispatch CRM events.");
+        log.Write(Log::kWarning, "Unable to dispatch CRM events.");
         return -2;
     }
     return 0;
@@ -168,7 +170,7 @@ int EventBridge::ApplyQuarantinePolicy(const CrmEventSource* source, uint32_t re
 int EventBridge::QuarantineByRule(const CrmEventSource* source, const BlockRule* blockRule) {
     Log& log = *Log::GetInstance();
     uint32_t flags = blockRule->flags;
-    log.Write(5, "Quarantine by rule: 0x%04x", flags);
+    log.Write(Log::kDebug, "Quarantine by rule: 0x%04x", flags);
     if ((flags & kBlockIntruderSubnet) != 0) {
         log.Write(
             3,
@@ -185,7 +187,7 @@ int EventBridge::QuarantineByRule(const CrmEventSource* source, const BlockRule*
     QuarantineRule rule;
     const int ipVersion = source->GetIpVersion();
     if (ipVersion != 4 && ipVersion != 6) {
-        log.Write(1, "Unable to determine IP version: %d", ipVersion);
+        log.Write(Log::kError, "Unable to determine IP version: %d", ipVersion);
         return -1;
     }
     (void)rule.SetIpVersion(ipVersion);  // both versions are taken
@@ -195,22 +197,22 @@ int EventBridge::QuarantineByRule(const CrmEventSource* source, const BlockRule*
     if (!SetProtocolFields(*source, flags, haveAddress, rule)) {
         // Deliberate: the flags are shown as the configuration gave them.
         if (IsIcmp(protocol)) {
-            log.Write(5, "Ignoring invalid block rule (0x%04x) for ICMP event (%d).",
+            log.Write(Log::kDebug, "Ignoring invalid block rule (0x%04x) for ICMP event (%d).",
                       blockRule->flags, protocol);
         } else {
-            log.Write(5, "Ignoring invalid block rule (0x%04x) for non-ICMP event (%d).",
+            log.Write(Log::kDebug, "Ignoring invalid block rule (0x%04x) for non-ICMP event (%d).",
                       blockRule->flags, protocol);
         }
         return 1;
     }
     if ((flags & kBlockIssue) != 0) {
-        log.Write(5, "Ignoring issue ID blocking for Snort event.");
+        log.Write(Log::kDebug, "Ignoring issue ID blocking for Snort event.");
     }
     rule.SetCounter(blockRule->rateLimit);
 
     uint64_t duration = blockRule->duration;
     if (duration == 0) {
-        log.Write(3, "Block duration is not assigned. Use default value (3600) instead.");
+        log.Write(Log::kInfo, "Block duration is not assigned. Use default value (3600) instead.");
         duration = kDefaultBlockSeconds;
     }
     // Deliberate: counted from the time of the event, so a late event's rule is already shorter. A
@@ -219,12 +221,12 @@ int EventBridge::QuarantineByRule(const CrmEventSource* source, const BlockRule*
 
     std::string text;
     if (rule.ToString(text) != 0) {
-        log.Write(1, "Fail to construct quarantine rule string.");
+        log.Write(Log::kError, "Fail to construct quarantine rule string.");
         return -1;
     }
     if (m_dbtComm.AddQuarantineRules(kQuarantineFlags, text.c_str(), source->GetIssueId(), 0) !=
         0) {
-        log.Write(1, "Fail to add quarantine rule %s.", text.c_str());
+        log.Write(Log::kError, "Fail to add quarantine rule %s.", text.c_str());
         return -1;
     }
     return 0;

@@ -53,7 +53,7 @@ int EventThread::Run() {
 
     Log* const log = Log::GetInstance();
     const auto self = static_cast<unsigned long>(pthread_self());
-    log->Write(5, "event thread %lu starting.", self);
+    log->Write(Log::kDebug, "event thread %lu starting.", self);
     BindToCpu();
 
     m_stop.store(false, std::memory_order_release);
@@ -81,7 +81,7 @@ int EventThread::Run() {
         m_bridge->Release();
         m_bridge = nullptr;
     }
-    log->Write(5, "Event thread %lu exiting: %d", self, exitCode);
+    log->Write(Log::kDebug, "Event thread %lu exiting: %d", self, exitCode);
     return exitCode;
 }
 
@@ -91,23 +91,24 @@ void EventThread::BindToCpu() const {
     }
     const auto self = static_cast<unsigned long>(pthread_self());
     if (BindCallingThreadToCpu(m_cpu)) {
-        Log::GetInstance()->Write(5, "Assigned event thread %lu to CPU %d", self, m_cpu);
+        Log::GetInstance()->Write(Log::kDebug, "Assigned event thread %lu to CPU %d", self, m_cpu);
     } else {
-        Log::GetInstance()->Write(2, "Unable to assign event thread %lu to CPU %d", self, m_cpu);
+        Log::GetInstance()->Write(Log::kWarning, "Unable to assign event thread %lu to CPU %d",
+                                  self, m_cpu);
     }
 }
 
 void EventThread::WaitWhileSuspended() {
     Log* const log = Log::GetInstance();
     const auto self = static_cast<unsigned long>(pthread_self());
-    log->Write(5, "Event thread %lu suspended.", self);
+    log->Write(Log::kDebug, "Event thread %lu suspended.", self);
     m_suspendedGate.Open(true);
     {
         const CancellationOn window;
         (void)m_resumeGate.Wait();  // a wait that failed counts as resumed: the loop looks again
     }
     m_suspendedGate.Close();
-    log->Write(5, "Event thread %lu resumed.", self);
+    log->Write(Log::kDebug, "Event thread %lu resumed.", self);
 }
 
 void EventThread::ForceQuit() {

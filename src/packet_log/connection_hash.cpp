@@ -8,17 +8,17 @@
 
 namespace {
 
-constexpr std::uint32_t kHighestVlanId = 4096;
+constexpr uint32_t kHighestVlanId = 4096;
 
 struct ConnectionKey {
-    std::uint8_t aFirstIpv6[16] = {};
-    std::uint8_t aSecondIpv6[16] = {};
-    std::uint32_t uFirstIp = 0;
-    std::uint32_t uSecondIp = 0;
-    std::uint16_t uFirstPort = 0;
-    std::uint16_t uSecondPort = 0;
-    std::uint16_t uProtocol = 0;
-    std::uint16_t uVlanId = 0;
+    uint8_t aFirstIpv6[16] = {};
+    uint8_t aSecondIpv6[16] = {};
+    uint32_t uFirstIp = 0;
+    uint32_t uSecondIp = 0;
+    uint16_t uFirstPort = 0;
+    uint16_t uSecondPort = 0;
+    uint16_t uProtocol = 0;
+    uint16_t uVlanId = 0;
 };
 constexpr std::size_t kIpv4Part = offsetof(ConnectionKey, uFirstIp);
 
@@ -30,9 +30,9 @@ static_assert(offsetof(ConnectionKey, uVlanId) == 46);
 static_assert(std::has_unique_object_representations_v<ConnectionKey>);
 
 // One step of both functions: scrambles a word of the key and takes it into a lane.
-constexpr std::uint32_t kMultiplier = 0x5bd1e995;
-void Mix(std::uint32_t& uLane, const unsigned char* pWord) {
-    std::uint32_t uWord = 0;
+constexpr uint32_t kMultiplier = 0x5bd1e995;
+void Mix(uint32_t& uLane, const unsigned char* pWord) {
+    uint32_t uWord = 0;
     std::memcpy(&uWord, pWord, sizeof uWord);
     uWord *= kMultiplier;
     uWord ^= uWord >> 24;
@@ -41,22 +41,22 @@ void Mix(std::uint32_t& uLane, const unsigned char* pWord) {
 }
 
 // The one to three bytes that are left behind the last whole word.
-void MixTail(std::uint32_t& uLane, const unsigned char* pTail, std::size_t uLength) {
+void MixTail(uint32_t& uLane, const unsigned char* pTail, std::size_t uLength) {
     if (uLength == 0) {
         return;
     }
     for (std::size_t i = 0; i < uLength; ++i) {
-        uLane ^= static_cast<std::uint32_t>(pTail[i]) << (8 * i);
+        uLane ^= static_cast<uint32_t>(pTail[i]) << (8 * i);
     }
     uLane *= kMultiplier;
 }
 
 }  // namespace
 
-std::uint64_t MurmurHash64B(const void* pKey, std::size_t uLength, std::uint64_t uSeed) {
+uint64_t MurmurHash64B(const void* pKey, std::size_t uLength, uint64_t uSeed) {
     const auto* pAt = static_cast<const unsigned char*>(pKey);
-    auto uFirst = static_cast<std::uint32_t>(uSeed) ^ static_cast<std::uint32_t>(uLength);
-    auto uSecond = static_cast<std::uint32_t>(uSeed >> 32);
+    auto uFirst = static_cast<uint32_t>(uSeed) ^ static_cast<uint32_t>(uLength);
+    auto uSecond = static_cast<uint32_t>(uSeed >> 32);
     for (; uLength >= 8; uLength -= 8, pAt += 8) {
         Mix(uFirst, pAt);
         Mix(uSecond, pAt + 4);
@@ -72,12 +72,12 @@ std::uint64_t MurmurHash64B(const void* pKey, std::size_t uLength, std::uint64_t
     uSecond = (uSecond ^ (uFirst >> 22)) * kMultiplier;
     uFirst = (uFirst ^ (uSecond >> 17)) * kMultiplier;
     uSecond = (uSecond ^ (uFirst >> 19)) * kMultiplier;
-    return std::uint64_t{uFirst} << 32 | uSecond;
+    return uint64_t{uFirst} << 32 | uSecond;
 }
 
-std::uint32_t MurmurHash2(const void* pKey, std::size_t uLength, std::uint32_t uSeed) {
+uint32_t MurmurHash2(const void* pKey, std::size_t uLength, uint32_t uSeed) {
     const auto* pAt = static_cast<const unsigned char*>(pKey);
-    std::uint32_t uLane = uSeed ^ static_cast<std::uint32_t>(uLength);
+    uint32_t uLane = uSeed ^ static_cast<uint32_t>(uLength);
     for (; uLength >= 4; uLength -= 4, pAt += 4) {
         Mix(uLane, pAt);
     }
@@ -86,7 +86,7 @@ std::uint32_t MurmurHash2(const void* pKey, std::size_t uLength, std::uint32_t u
     return uLane ^ (uLane >> 15);
 }
 
-std::uint64_t ConnectionHash(const ConnectionRecord& record) {
+uint64_t ConnectionHash(const ConnectionRecord& record) {
     if (record.uEtherType != kEtherTypeIpv4 && record.uEtherType != kEtherTypeIpv6) {
         return 0;
     }
@@ -96,12 +96,12 @@ std::uint64_t ConnectionHash(const ConnectionRecord& record) {
     const bool bSourceFirst = record.uSourcePort <= record.uDestinationPort;
     if (record.uProtocol == IPPROTO_TCP || record.uProtocol == IPPROTO_UDP) {
         const auto [uLower, uHigher] = std::minmax(record.uSourcePort, record.uDestinationPort);
-        key.uFirstPort = static_cast<std::uint16_t>(uLower);
-        key.uSecondPort = static_cast<std::uint16_t>(uHigher);
+        key.uFirstPort = static_cast<uint16_t>(uLower);
+        key.uSecondPort = static_cast<uint16_t>(uHigher);
     }
-    key.uProtocol = static_cast<std::uint16_t>(record.uProtocol);
+    key.uProtocol = static_cast<uint16_t>(record.uProtocol);
     if (record.uVlanId <= kHighestVlanId) {
-        key.uVlanId = static_cast<std::uint16_t>(record.uVlanId);
+        key.uVlanId = static_cast<uint16_t>(record.uVlanId);
     }
     if (record.uEtherType == kEtherTypeIpv4) {
         key.uFirstIp = bSourceFirst ? record.uSourceIp : record.uDestinationIp;
@@ -116,7 +116,7 @@ std::uint64_t ConnectionHash(const ConnectionRecord& record) {
     return MurmurHash64B(&key, sizeof key, kConnectionHashSeed);
 }
 
-std::uint64_t ConnectionHash(const EventReport& report) {
+uint64_t ConnectionHash(const EventReport& report) {
     ConnectionRecord record;
     record.uSourceIp = report.sourceIp;
     record.uDestinationIp = report.destinationIp;
@@ -130,6 +130,6 @@ std::uint64_t ConnectionHash(const EventReport& report) {
     return ConnectionHash(record);
 }
 
-std::uint64_t CaptureIdHash(std::uint64_t uCaptureId) {
+uint64_t CaptureIdHash(uint64_t uCaptureId) {
     return MurmurHash64B(&uCaptureId, sizeof uCaptureId, kConnectionHashSeed);
 }

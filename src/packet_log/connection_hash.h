@@ -10,30 +10,29 @@
 
 #include "crm/event_report_format.h"
 
-inline constexpr std::uint64_t kConnectionHashSeed = 0xffcf5faf5181815;
+inline constexpr uint64_t kConnectionHashSeed = 0xffcf5faf5181815;
 
 // A connection as a capturing engine describes it; addresses and ports in host order.
 struct ConnectionRecord {
-    std::uint32_t uSourceIp = 0;
-    std::uint32_t uDestinationIp = 0;
-    std::uint32_t uSourcePort = 0;
-    std::uint32_t uDestinationPort = 0;
-    std::uint32_t uProtocol = 0;
-    std::uint32_t uVlanId = 0;
-    std::uint8_t aSourceIpv6[16] = {};
-    std::uint8_t aDestinationIpv6[16] = {};
-    std::uint16_t uEtherType = 0;
+    uint32_t uSourceIp = 0;
+    uint32_t uDestinationIp = 0;
+    uint32_t uSourcePort = 0;
+    uint32_t uDestinationPort = 0;
+    uint32_t uProtocol = 0;
+    uint32_t uVlanId = 0;
+    uint8_t aSourceIpv6[16] = {};
+    uint8_t aDestinationIpv6[16] = {};
+    uint16_t uEtherType = 0;
 };
 
 // The hash of a connection, the same for both directions unless their ports are equal. 0 when the
 // EtherType is neither IPv4's nor IPv6's.
-[[nodiscard]] std::uint64_t ConnectionHash(const EventReport& report);
-[[nodiscard]] std::uint64_t ConnectionHash(const ConnectionRecord& record);
+[[nodiscard]] uint64_t ConnectionHash(const EventReport& report);
+[[nodiscard]] uint64_t ConnectionHash(const ConnectionRecord& record);
 
 // The hash of a 64-bit capture identifier.
-[[nodiscard]] std::uint64_t CaptureIdHash(std::uint64_t uCaptureId);
+[[nodiscard]] uint64_t CaptureIdHash(uint64_t uCaptureId);
 
 // The published functions. Words of the key are taken in host byte order.
-[[nodiscard]] std::uint64_t MurmurHash64B(const void* pKey, std::size_t uLength,
-                                          std::uint64_t uSeed);
-[[nodiscard]] std::uint32_t MurmurHash2(const void* pKey, std::size_t uLength, std::uint32_t uSeed);
+[[nodiscard]] uint64_t MurmurHash64B(const void* pKey, std::size_t uLength, uint64_t uSeed);
+[[nodiscard]] uint32_t MurmurHash2(const void* pKey, std::size_t uLength, uint32_t uSeed);

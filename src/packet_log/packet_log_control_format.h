@@ -31,7 +31,7 @@
 
 namespace PacketLogCtrl {
 
-enum LogControlType : std::uint32_t {
+enum LogControlType : uint32_t {
     kEngineStarting = 1,
     kNewConnectionCapture = 2,
     kInterfaceCapture = 3,
@@ -50,17 +50,17 @@ enum LogControlType : std::uint32_t {
     kReloadEvents = 17,
 };
 
-inline constexpr std::uint32_t kControlDatagramBytes = 128;  // without the packet of type 4
-inline constexpr std::size_t kUserStringBytes = 56;          // a text this long has no NUL
+inline constexpr uint32_t kControlDatagramBytes = 128;  // without the packet of type 4
+inline constexpr std::size_t kUserStringBytes = 56;     // a text this long has no NUL
 inline constexpr std::size_t kTextBytes = 120;
-inline constexpr std::size_t kTextLimit = 118;           // bytes of the text that are sent at most
-inline constexpr std::uint32_t kAllInterfaces = 0xFFFF;  // interface number and mask alike
-inline constexpr std::uint32_t kFormatPcap = 1;          // uFileFormat
+inline constexpr std::size_t kTextLimit = 118;      // bytes of the text that are sent at most
+inline constexpr uint32_t kAllInterfaces = 0xFFFF;  // interface number and mask alike
+inline constexpr uint32_t kFormatPcap = 1;          // uFileFormat
 
 // What every message begins with, and the whole of those that have no body.
 struct LogControlMessage {
-    std::uint32_t uType = 0;
-    std::uint32_t uLength = 0;  // bytes, these two words included; at most 128
+    uint32_t uType = 0;
+    uint32_t uLength = 0;  // bytes, these two words included; at most 128
 };
 
 using LogControlMessage_EngineStarting = LogControlMessage;
@@ -73,55 +73,55 @@ using LogControlMessage_ReloadEvents = LogControlMessage;
 
 struct LogControlMessage_NewConnectionCapture {
     LogControlMessage head{kNewConnectionCapture, 96};
-    std::uint32_t uFileFormat = 0;
-    std::uint32_t uMaxFiles = 0;
-    std::uint32_t uMaxFileSize = 0;  // kilobytes
-    std::uint32_t uSeconds = 0;      // capture time, 0 without a packet
-    std::uint64_t uConnectionID = 0;
-    std::uint32_t uEventID = 0;
-    std::uint32_t uPacketSaveCount = 0;
+    uint32_t uFileFormat = 0;
+    uint32_t uMaxFiles = 0;
+    uint32_t uMaxFileSize = 0;  // kilobytes
+    uint32_t uSeconds = 0;      // capture time, 0 without a packet
+    uint64_t uConnectionID = 0;
+    uint32_t uEventID = 0;
+    uint32_t uPacketSaveCount = 0;
     char szUserString[kUserStringBytes] = {};
 };
 
 struct LogControlMessage_InterfaceCapture {
     LogControlMessage head{kInterfaceCapture, 92};
-    std::uint32_t uFileFormat = 0;
-    std::uint32_t uMaxFiles = 0;
-    std::uint32_t uMaxFileSize = 0;  // kilobytes
-    std::uint32_t uSeconds = 0;      // capture time
-    std::uint32_t uEventID = 0;
-    std::uint32_t uPacketSaveCount = 0;
-    std::uint32_t uInterfaces = 0;  // a bit for each interface, or kAllInterfaces
+    uint32_t uFileFormat = 0;
+    uint32_t uMaxFiles = 0;
+    uint32_t uMaxFileSize = 0;  // kilobytes
+    uint32_t uSeconds = 0;      // capture time
+    uint32_t uEventID = 0;
+    uint32_t uPacketSaveCount = 0;
+    uint32_t uInterfaces = 0;  // a bit for each interface, or kAllInterfaces
     char szUserString[kUserStringBytes] = {};
 };
 
 struct LogControlMessage_OffendingPacketCapture {
     LogControlMessage head{kOffendingPacketCapture, 120};
-    std::uint32_t uFileFormat = 0;
-    std::uint32_t uMaxFiles = 0;
-    std::uint32_t uMaxFileSize = 0;  // kilobytes
-    std::uint32_t reserved20 = 0;
-    std::uint32_t uPacketHash = 0;
-    std::uint32_t uEventID = 0;
+    uint32_t uFileFormat = 0;
+    uint32_t uMaxFiles = 0;
+    uint32_t uMaxFileSize = 0;  // kilobytes
+    uint32_t reserved20 = 0;
+    uint32_t uPacketHash = 0;
+    uint32_t uEventID = 0;
     char szUserString[kUserStringBytes] = {};
-    std::uint32_t uPacketLength = 0;  // of PacketInfo, as are the seven below it
-    std::int32_t iCapturedSize = 0;   // bytes that follow the 128
-    std::uint32_t uSeconds = 0;
-    std::uint32_t uMicroseconds = 0;
-    std::uint32_t uFrameNumber = 0;
-    std::uint32_t uReserved = 0;
-    std::uint32_t uFlags = 0;
-    std::uint32_t uAdapterID = 0;
+    uint32_t uPacketLength = 0;  // of PacketInfo, as are the seven below it
+    int32_t iCapturedSize = 0;   // bytes that follow the 128
+    uint32_t uSeconds = 0;
+    uint32_t uMicroseconds = 0;
+    uint32_t uFrameNumber = 0;
+    uint32_t uReserved = 0;
+    uint32_t uFlags = 0;
+    uint32_t uAdapterID = 0;
 };
 
 // The one shape of types 6, 8, 9 and 11.
 struct LogControlMessage_CaptureSettings {
     LogControlMessage head{0, 28};
-    std::uint32_t uFileFormat = 0;
-    std::uint32_t uMaxFiles = 0;
-    std::uint32_t uMaxFileSize = 0;
-    std::uint32_t reserved20 = 0;
-    std::uint32_t uInterfaces = 0;  // types 6 and 8: a bit for each; 9 and 11: a drop log setting
+    uint32_t uFileFormat = 0;
+    uint32_t uMaxFiles = 0;
+    uint32_t uMaxFileSize = 0;
+    uint32_t reserved20 = 0;
+    uint32_t uInterfaces = 0;  // types 6 and 8: a bit for each; 9 and 11: a drop log setting
 };
 
 using LogControlMessage_StartRollingPacketCapture = LogControlMessage_CaptureSettings;
@@ -131,9 +131,9 @@ using LogControlMessage_ConfigureDropPacketCapture = LogControlMessage_CaptureSe
 
 struct LogControlMessage_ConnectionCaptureNotice {
     LogControlMessage head{kConnectionCaptureNotice, 24};
-    std::uint64_t uConnectionID = 0;
-    std::uint32_t uSeconds = 0;
-    std::uint32_t reserved20 = 0;
+    uint64_t uConnectionID = 0;
+    uint32_t uSeconds = 0;
+    uint32_t reserved20 = 0;
 };
 
 struct LogControlMessage_Text {

@@ -23,16 +23,16 @@ namespace {
 constexpr useconds_t kRetryMicroseconds = 1000;
 
 // The bytes of a packet that follow the datagram's 128.
-std::uint32_t PayloadBytes(const LogControlMessage* pMessage, const std::uint8_t* pPayload) {
+uint32_t PayloadBytes(const LogControlMessage* pMessage, const uint8_t* pPayload) {
     constexpr std::size_t kAt = offsetof(LogControlMessage_OffendingPacketCapture, iCapturedSize);
-    std::int32_t iCapturedSize = 0;
+    int32_t iCapturedSize = 0;
     if (pMessage->uType != kOffendingPacketCapture || pPayload == nullptr ||
         pMessage->uLength < kAt + sizeof iCapturedSize) {
         return 0;
     }
     std::memcpy(&iCapturedSize, reinterpret_cast<const std::byte*>(pMessage) + kAt,
                 sizeof iCapturedSize);
-    return iCapturedSize >= 1 ? static_cast<std::uint32_t>(iCapturedSize) : 0;
+    return iCapturedSize >= 1 ? static_cast<uint32_t>(iCapturedSize) : 0;
 }
 
 // A socket whose number says that it is open: 0 stands for a closed one. -1 with errno.
@@ -51,7 +51,7 @@ int OpenSocket() {
 }  // namespace
 
 PacketLogCtrlIF* PacketLogCtrlIF::m_pInstance = nullptr;
-std::atomic<std::int32_t> PacketLogCtrlIF::m_iRefCount{0};
+std::atomic<int32_t> PacketLogCtrlIF::m_iRefCount{0};
 std::mutex PacketLogCtrlIF::s_CounterMutex;
 LOCK_FREE_HASH_MAP* PacketLogCtrlIF::m_pConnHashMap = nullptr;
 pthread_mutex_t PacketLogCtrlIF::s_LEInterfacesMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -89,9 +89,9 @@ PacketLogCtrlIF* PacketLogCtrlIF::GetInstance() {
     return m_pInstance;
 }
 
-std::int32_t PacketLogCtrlIF::Release() {
+int32_t PacketLogCtrlIF::Release() {
     const std::lock_guard lock(s_CounterMutex);
-    const std::int32_t iRemaining = m_iRefCount.fetch_sub(1, std::memory_order_relaxed) - 1;
+    const int32_t iRemaining = m_iRefCount.fetch_sub(1, std::memory_order_relaxed) - 1;
     if (iRemaining == 0) {
         PacketLogCtrlIF* const pInstance = m_pInstance;
         m_pInstance = nullptr;
@@ -100,7 +100,7 @@ std::int32_t PacketLogCtrlIF::Release() {
     return iRemaining;
 }
 
-std::uint32_t PacketLogCtrlIF::ConnectionCount() {
+uint32_t PacketLogCtrlIF::ConnectionCount() {
     return m_pConnHashMap != nullptr ? m_pConnHashMap->NodeCount() : 0;
 }
 
@@ -109,10 +109,10 @@ void PacketLogCtrlIF::SetDestination(const char* szPath) {
     m_sockAddr = {};
     m_sockAddr.sun_family = AF_UNIX;
     std::memcpy(m_sockAddr.sun_path, szPath, uBytes);
-    m_uSockAddrLen = static_cast<std::uint32_t>(offsetof(sockaddr_un, sun_path) + uBytes);
+    m_uSockAddrLen = static_cast<uint32_t>(offsetof(sockaddr_un, sun_path) + uBytes);
 }
 
-std::int32_t PacketLogCtrlIF::OpenControlChannel() {
+int32_t PacketLogCtrlIF::OpenControlChannel() {
     if (!m_bEnabled) {
         Log::GetInstance()->Write(
             Log::kInfo,
@@ -136,7 +136,7 @@ std::int32_t PacketLogCtrlIF::OpenControlChannel() {
     return 0;
 }
 
-std::int32_t PacketLogCtrlIF::Initialize() {
+int32_t PacketLogCtrlIF::Initialize() {
     if (m_iSocket == 0 && OpenControlChannel() != 0) {
         return -1;
     }
@@ -180,8 +180,8 @@ void PacketLogCtrlIF::Shutdown() {
     m_iSocket = 0;
 }
 
-std::int32_t PacketLogCtrlIF::SendControlMessage(const LogControlMessage* pMessage,
-                                                 const std::uint8_t* pPayload, std::uint32_t uNow) {
+int32_t PacketLogCtrlIF::SendControlMessage(const LogControlMessage* pMessage,
+                                            const uint8_t* pPayload, uint32_t uNow) {
     if (!m_bEnabled) {
         return 0;
     }
@@ -201,7 +201,7 @@ std::int32_t PacketLogCtrlIF::SendControlMessage(const LogControlMessage* pMessa
         return kThrottled;
     }
 
-    const std::uint32_t uPayloadBytes = PayloadBytes(pMessage, pPayload);
+    const uint32_t uPayloadBytes = PayloadBytes(pMessage, pPayload);
     int error = TrySend(pMessage, pPayload, uPayloadBytes);
     if (error != 0) {
         usleep(kRetryMicroseconds);
@@ -219,19 +219,19 @@ std::int32_t PacketLogCtrlIF::SendControlMessage(const LogControlMessage* pMessa
 // Unsigned, so that a packet from before the failure is held to be long after it. Deliberate:
 // before any failure the first seconds of time count as quiet; no packet of a working clock lies
 // there.
-bool PacketLogCtrlIF::IsQuiet(std::uint32_t uNow) const {
+bool PacketLogCtrlIF::IsQuiet(uint32_t uNow) const {
     return uNow != 0 && uNow - m_uLastFailTime.load(std::memory_order_relaxed) < m_uSuppressSeconds;
 }
 
 // The datagram gathered from where its pieces are. 0, or the errno, which has been logged.
-int PacketLogCtrlIF::TrySend(const LogControlMessage* pMessage, const std::uint8_t* pPayload,
-                             std::uint32_t uPayloadBytes) const {
+int PacketLogCtrlIF::TrySend(const LogControlMessage* pMessage, const uint8_t* pPayload,
+                             uint32_t uPayloadBytes) const {
     static constexpr std::byte kZeros[kControlDatagramBytes] = {};
     // The kernel only reads what a piece points at; the type of a piece cannot say so.
     iovec pieces[] = {
         {const_cast<LogControlMessage*>(pMessage), pMessage->uLength},
         {const_cast<std::byte*>(kZeros), kControlDatagramBytes - pMessage->uLength},
-        {const_cast<std::uint8_t*>(pPayload), uPayloadBytes},
+        {const_cast<uint8_t*>(pPayload), uPayloadBytes},
     };
     msghdr datagram{};
     datagram.msg_name = const_cast<sockaddr_un*>(&m_sockAddr);
@@ -252,8 +252,8 @@ int PacketLogCtrlIF::TrySend(const LogControlMessage* pMessage, const std::uint8
     return error;
 }
 
-void PacketLogCtrlIF::CountFailure(std::uint32_t uType) {
-    std::atomic<std::uint32_t>* pCounter = nullptr;
+void PacketLogCtrlIF::CountFailure(uint32_t uType) {
+    std::atomic<uint32_t>* pCounter = nullptr;
     switch (uType) {
         case kNewConnectionCapture:
             pCounter = &m_uFailNewConnection;
@@ -279,7 +279,7 @@ void PacketLogCtrlIF::CountFailure(std::uint32_t uType) {
     pCounter->fetch_add(1, std::memory_order_relaxed);
 }
 
-std::int32_t PacketLogCtrlIF::SendBare(LogControlType eType) {
+int32_t PacketLogCtrlIF::SendBare(LogControlType eType) {
     const LogControlMessage message{eType, sizeof message};
     return SendControlMessage(&message, nullptr, 0);
 }

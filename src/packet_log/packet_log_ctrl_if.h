@@ -34,10 +34,10 @@ namespace PacketLogCtrl {
 
 class PacketLogCtrlIF {
   public:
-    static constexpr std::uint32_t kInterfaceCount = 16;
+    static constexpr uint32_t kInterfaceCount = 16;
     // Results of SendControlMessage beside 0 and an errno.
-    static constexpr std::int32_t kTooLong = -1;
-    static constexpr std::int32_t kThrottled = -2;
+    static constexpr int32_t kTooLong = -1;
+    static constexpr int32_t kThrottled = -2;
 
     PacketLogCtrlIF(const PacketLogCtrlIF&) = delete;
     PacketLogCtrlIF& operator=(const PacketLogCtrlIF&) = delete;
@@ -46,66 +46,64 @@ class PacketLogCtrlIF {
     [[nodiscard]] static PacketLogCtrlIF* GetInstance();
     // Gives one reference back and returns how many remain. The last one says good-bye to the
     // daemon and frees the instance.
-    std::int32_t Release();
+    int32_t Release();
 
     // Connections whose packets are being saved.
-    [[nodiscard]] static std::uint32_t ConnectionCount();
+    [[nodiscard]] static uint32_t ConnectionCount();
 
     // Makes the socket unless there is one: 0, or -1. The daemon need not be there.
-    [[nodiscard]] std::int32_t OpenControlChannel();
+    [[nodiscard]] int32_t OpenControlChannel();
     // Opens the channel, sizes its send buffer, and says that the engine starts. The result of
     // ApplyRpcSettings, or -1 without a socket. Runs at start and at every reload.
-    std::int32_t Initialize();
+    int32_t Initialize();
     // Says that the engine ends, and closes the socket.
     void Shutdown();
 
     // packet_log_settings.cpp. Store one setting by its name, of which a prefix and single letters
     // count: 1, or 0 for a name that is not known. Rolling and drop log settings wait for Apply.
-    std::int32_t SetIntParameter(const char* szName, std::uint32_t uValue);
-    std::int32_t SetStringParameter(const char* szName, const char* szValue);
+    int32_t SetIntParameter(const char* szName, uint32_t uValue);
+    int32_t SetStringParameter(const char* szName, const char* szValue);
     void GetRpcSettings(LogControlMessage_ConfigureRollingPacketCapture* pSettings) const;
     void GetDpcSettings(LogControlMessage_ConfigureDropPacketCapture* pSettings) const;
     // Send what the daemon has not been told yet. 0; -1 when the configuration did not go out; the
     // negated result of the send when the state did not. What failed is tried again next time.
-    std::int32_t ApplyRpcSettings();
-    std::int32_t ApplyDpcSettings();
+    int32_t ApplyRpcSettings();
+    int32_t ApplyDpcSettings();
 
     // Sends one message, which the pointer leads to whole, and behind it the payload of a type 4.
     // uNow is a time in seconds that puts the message under throttling; 0 leaves it out. 0 when it
     // was sent or sending is off; kTooLong; kThrottled; else the errno of the second try. Never
     // waits for the socket; a failure costs one millisecond. Allocates nothing.
-    std::int32_t SendControlMessage(const LogControlMessage* pMessage, const std::uint8_t* pPayload,
-                                    std::uint32_t uNow);
+    int32_t SendControlMessage(const LogControlMessage* pMessage, const uint8_t* pPayload,
+                               uint32_t uNow);
 
     // packet_log_senders.cpp. What they return is what SendControlMessage gave, unless told
     // otherwise. Report and packet may be null.
     void SendOffendingPacketCapture(const EventReport* pReport, const PacketInfo* pPacket,
-                                    std::uint32_t uPacketHash);
+                                    uint32_t uPacketHash);
     // 0 when the capture was asked for or the event names no connection, 1 when the send failed or
     // there is no report. bNewCapture and uCaptureId tell of a TCP capture that begins here;
     // uConnectionID is the connection's number, 0 going in when the caller has none yet.
-    [[nodiscard]] std::int32_t SendNewConnectionCapture(const EventReport* pReport,
-                                                        const PacketInfo* pPacket,
-                                                        bool& bNewCapture,
-                                                        std::uint16_t& uCaptureId,
-                                                        std::uint64_t& uConnectionID);
+    [[nodiscard]] int32_t SendNewConnectionCapture(const EventReport* pReport,
+                                                   const PacketInfo* pPacket, bool& bNewCapture,
+                                                   uint16_t& uCaptureId, uint64_t& uConnectionID);
     // One interface by its number, or all with kAllInterfaces. Raises its count on success.
-    std::int32_t SendInterfaceCapture(std::uint32_t uInterface, std::uint32_t uEventID,
-                                      std::uint32_t uNow, const char* szUserString);
-    std::int32_t SendInterfaceCaptureSettings(std::uint32_t uUnused, std::uint32_t uInterfaces,
-                                              std::uint32_t uPacketSaveCount);
-    std::int32_t SendConnectionCaptureNotice(std::uint64_t uConnectionID, std::uint32_t uNow);
-    std::int32_t SendText(const char* szText);
-    std::int32_t SendType15();
-    std::int32_t SendType16();
-    std::int32_t SendReloadEventsMessage();
+    int32_t SendInterfaceCapture(uint32_t uInterface, uint32_t uEventID, uint32_t uNow,
+                                 const char* szUserString);
+    int32_t SendInterfaceCaptureSettings(uint32_t uUnused, uint32_t uInterfaces,
+                                         uint32_t uPacketSaveCount);
+    int32_t SendConnectionCaptureNotice(uint64_t uConnectionID, uint32_t uNow);
+    int32_t SendText(const char* szText);
+    int32_t SendType15();
+    int32_t SendType16();
+    int32_t SendReloadEventsMessage();
 
     // Takes one packet off what is left to be saved of a connection; whether it is known.
-    [[nodiscard]] bool LookupConnection(std::uint64_t uConnectionID, std::uint32_t uNow);
+    [[nodiscard]] bool LookupConnection(uint64_t uConnectionID, uint32_t uNow);
     // Takes one packet off what is left to be saved of an interface. What remains, never below 0.
-    std::int32_t ConsumeInterfaceCount(std::uint32_t uInterface);
+    int32_t ConsumeInterfaceCount(uint32_t uInterface);
     // Counts a frame that was not handed on. All of them so far.
-    std::uint32_t CountFrameNotSent(std::uint32_t uFrame);
+    uint32_t CountFrameNotSent(uint32_t uFrame);
 
     // packet_log_text.cpp. Replaces what the stream holds by a text for a person.
     static void SerializeStruct(const LogControlMessage* pMessage, std::ostringstream& stream);
@@ -118,70 +116,70 @@ class PacketLogCtrlIF {
 
     void SetDestination(const char* szPath);
     void SizeSendBuffer() const;
-    [[nodiscard]] bool IsQuiet(std::uint32_t uNow) const;
-    [[nodiscard]] int TrySend(const LogControlMessage* pMessage, const std::uint8_t* pPayload,
-                              std::uint32_t uPayloadBytes) const;
-    void CountFailure(std::uint32_t uType);
-    std::int32_t SendBare(LogControlType eType);
-    void RaiseInterfaceCount(std::uint32_t uInterface);
-    std::int32_t SendRpcState();
-    std::int32_t SendDpcState();
-    std::int32_t SetDropLogInt(const char* szKey, std::uint32_t uValue);
-    std::int32_t SetRollingInt(const char* szKey, std::uint32_t uValue);
-    std::int32_t SetEvidenceInt(const char* szKey, std::uint32_t uValue);
+    [[nodiscard]] bool IsQuiet(uint32_t uNow) const;
+    [[nodiscard]] int TrySend(const LogControlMessage* pMessage, const uint8_t* pPayload,
+                              uint32_t uPayloadBytes) const;
+    void CountFailure(uint32_t uType);
+    int32_t SendBare(LogControlType eType);
+    void RaiseInterfaceCount(uint32_t uInterface);
+    int32_t SendRpcState();
+    int32_t SendDpcState();
+    int32_t SetDropLogInt(const char* szKey, uint32_t uValue);
+    int32_t SetRollingInt(const char* szKey, uint32_t uValue);
+    int32_t SetEvidenceInt(const char* szKey, uint32_t uValue);
 
-    std::int32_t m_iSocket = 0;  // owned; 0 while closed
+    int32_t m_iSocket = 0;  // owned; 0 while closed
 
   public:
     std::atomic<bool> m_bEnabled{true};  // false: every send gives 0 at once
 
   private:
-    sockaddr_un m_sockAddr{};          // of the daemon
-    std::uint32_t m_uSockAddrLen = 0;  // bytes: the family and the path without its NUL
+    sockaddr_un m_sockAddr{};     // of the daemon
+    uint32_t m_uSockAddrLen = 0;  // bytes: the family and the path without its NUL
 
   public:
     // Counters, by atomic addition from any thread.
-    std::atomic<std::uint32_t> m_uFailOffendingPacket{0};   // type 4
-    std::atomic<std::uint32_t> m_uFailNewConnection{0};     // type 2
-    std::atomic<std::uint32_t> m_uFailConnectionNotice{0};  // type 13
-    std::atomic<std::uint32_t> m_uFailInterfaceCapture{0};  // type 3
-    std::atomic<std::uint32_t> m_uFailConfigureRolling{0};  // type 8
-    std::atomic<std::uint32_t> m_uFailStartDrop{0};         // type 9
-    std::atomic<std::uint32_t> m_uFramesNotSent{0};
-    std::atomic<std::uint32_t> m_uThrottled{0};
-    std::atomic<std::uint32_t> m_uAttempted{0};  // messages that were not too long
+    std::atomic<uint32_t> m_uFailOffendingPacket{0};   // type 4
+    std::atomic<uint32_t> m_uFailNewConnection{0};     // type 2
+    std::atomic<uint32_t> m_uFailConnectionNotice{0};  // type 13
+    std::atomic<uint32_t> m_uFailInterfaceCapture{0};  // type 3
+    std::atomic<uint32_t> m_uFailConfigureRolling{0};  // type 8
+    std::atomic<uint32_t> m_uFailStartDrop{0};         // type 9
+    std::atomic<uint32_t> m_uFramesNotSent{0};
+    std::atomic<uint32_t> m_uThrottled{0};
+    std::atomic<uint32_t> m_uAttempted{0};  // messages that were not too long
 
   private:
-    std::atomic<std::uint32_t> m_uLastFrameNotSent{0};  // for a debugger
+    std::atomic<uint32_t> m_uLastFrameNotSent{0};  // for a debugger
     // Seconds, of the last timed send that failed; a race costs the length of a quiet period.
-    std::atomic<std::uint32_t> m_uLastFailTime{0};
-    std::atomic<std::uint32_t> m_uRepeatConnections{0};
+    std::atomic<uint32_t> m_uLastFailTime{0};
+    std::atomic<uint32_t> m_uRepeatConnections{0};
 
     LogControlMessage_ConfigureRollingPacketCapture m_rpcApplied;
     LogControlMessage_ConfigureRollingPacketCapture m_rpcPending;
-    std::int32_t m_iRpcEnabledApplied = kNeverSent;
-    std::int32_t m_iRpcEnabledPending = kNeverSent;
+    int32_t m_iRpcEnabledApplied = kNeverSent;
+    int32_t m_iRpcEnabledPending = kNeverSent;
     LogControlMessage_ConfigureDropPacketCapture m_dpcApplied;
     LogControlMessage_ConfigureDropPacketCapture m_dpcPending;
-    std::int32_t m_iDpcEnabledApplied = kNeverSent;
-    std::int32_t m_iDpcEnabledPending = kNeverSent;
+    int32_t m_iDpcEnabledApplied = kNeverSent;
+    int32_t m_iDpcEnabledPending = kNeverSent;
 
-    std::uint32_t m_uEvidenceFormat = kFormatPcap;  // 1, or 0 for any other format
-    std::uint32_t m_uEvidenceMaxFiles = 1000;
-    std::uint32_t m_uEvidenceMaxKBytes = 500;
-    std::uint32_t m_uEvidenceCount = 100;      // packets to save
-    std::uint32_t m_uEvidenceTimeout = 60;     // stored and not read here
-    std::uint32_t m_uBufferCtrlSize = 262142;  // bytes of the socket's send buffer
-    std::uint32_t m_uSuppressSeconds = 5;      // length of a quiet period; 0: there is none
-    std::atomic<std::uint16_t> m_uNextCaptureId{1};
-    std::atomic<std::uint32_t> m_uLEInterfaceMask{0};  // of the rolling capture at Initialize
+    uint32_t m_uEvidenceFormat = kFormatPcap;  // 1, or 0 for any other format
+    uint32_t m_uEvidenceMaxFiles = 1000;
+    uint32_t m_uEvidenceMaxKBytes = 500;
+    uint32_t m_uEvidenceCount = 100;      // packets to save
+    uint32_t m_uEvidenceTimeout = 60;     // stored and not read here
+    uint32_t m_uBufferCtrlSize = 262142;  // bytes of the socket's send buffer
+    uint32_t m_uSuppressSeconds = 5;      // length of a quiet period; 0: there is none
+    std::atomic<uint16_t> m_uNextCaptureId{1};
+    std::atomic<uint32_t> m_uLEInterfaceMask{0};  // of the rolling capture at Initialize
     // Packets that are still to be saved, by interface; raised under s_LEInterfacesMutex.
-    std::array<std::atomic<std::int32_t>, kInterfaceCount> m_aLEInterfaces{};
+    std::array<std::atomic<int32_t>, kInterfaceCount> m_aLEInterfaces{};
 
-    static constexpr std::int32_t kNeverSent = 2;  // beside 0 for off and 1 for on
+    static constexpr int32_t kNeverSent = 2;  // beside 0 for off and 1 for on
 
-    static PacketLogCtrlIF* m_pInstance;           // owned by its references; under s_CounterMutex
-    static std::atomic<std::int32_t> m_iRefCount;  // changed under s_CounterMutex
+    static PacketLogCtrlIF* m_pInstance;      // owned by its references; under s_CounterMutex
+    static std::atomic<int32_t> m_iRefCount;  // changed under s_CounterMutex
     static std::mutex s_CounterMutex;
     static LOCK_FREE_HASH_MAP* m_pConnHashMap;  // owned by the instance; has locks of its own
     static pthread_mutex_t s_LEInterfacesMutex;

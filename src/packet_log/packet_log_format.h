@@ -27,22 +27,22 @@
 #include <type_traits>
 
 struct PacketLogRecord {
-    std::uint32_t uRecordType = 0;
-    std::uint32_t uRunningLength = 72;  // bytes; modulo 2 to the 32
-    std::uint32_t uValueA = 0;
-    std::uint32_t reserved12 = 0;
-    std::uint64_t uValueB = 0;
-    std::uint32_t uPacketLength = 0;  // bytes that the packet has
-    std::int32_t iCapturedSize = 0;   // bytes of it that were captured
-    std::uint32_t uSeconds = 0;       // capture time, since the epoch
-    std::uint32_t uMicroseconds = 0;  // 0 to 999999
-    std::uint32_t uFrameNumber = 0;
-    std::uint32_t uReserved = 0;
-    std::uint32_t uFlags = 0;
-    std::uint32_t uAdapterID = 0;
-    std::uint32_t uValueC = 0;
-    std::uint32_t reserved60 = 0;
-    std::uint64_t uTail = 0;
+    uint32_t uRecordType = 0;
+    uint32_t uRunningLength = 72;  // bytes; modulo 2 to the 32
+    uint32_t uValueA = 0;
+    uint32_t reserved12 = 0;
+    uint64_t uValueB = 0;
+    uint32_t uPacketLength = 0;  // bytes that the packet has
+    int32_t iCapturedSize = 0;   // bytes of it that were captured
+    uint32_t uSeconds = 0;       // capture time, since the epoch
+    uint32_t uMicroseconds = 0;  // 0 to 999999
+    uint32_t uFrameNumber = 0;
+    uint32_t uReserved = 0;
+    uint32_t uFlags = 0;
+    uint32_t uAdapterID = 0;
+    uint32_t uValueC = 0;
+    uint32_t reserved60 = 0;
+    uint64_t uTail = 0;
 };
 
 static_assert(sizeof(PacketLogRecord) == 72);
@@ -67,4 +67,4 @@ static_assert(std::is_standard_layout_v<PacketLogRecord>);
 static_assert(std::has_unique_object_representations_v<PacketLogRecord>);
 
 // File size in bytes of the ring.
-inline constexpr std::uint32_t kPacketLogRingSize = 0x9c4000;
+inline constexpr uint32_t kPacketLogRingSize = 0x9c4000;

@@ -13,8 +13,8 @@ using vald::Log;
 namespace PacketLogCtrl {
 namespace {
 
-constexpr std::uint32_t kFlowEventType = 4;  // its flow id names the connection
-constexpr std::uint16_t kTcp = 6;
+constexpr uint32_t kFlowEventType = 4;  // its flow id names the connection
+constexpr uint16_t kTcp = 6;
 
 // The space behind the text stays zero. Deliberate: a text that fills it has no NUL; the packet
 // logging daemon reads the field by its size.
@@ -27,8 +27,7 @@ void CopyText(char* szTo, std::size_t uLimit, const char* szFrom) {
 }  // namespace
 
 void PacketLogCtrlIF::SendOffendingPacketCapture(const EventReport* pReport,
-                                                 const PacketInfo* pPacket,
-                                                 std::uint32_t uPacketHash) {
+                                                 const PacketInfo* pPacket, uint32_t uPacketHash) {
     LogControlMessage_OffendingPacketCapture message;
     if (pReport != nullptr) {
         message.uEventID = pReport->issueId;
@@ -37,7 +36,7 @@ void PacketLogCtrlIF::SendOffendingPacketCapture(const EventReport* pReport,
     message.uFileFormat = m_uEvidenceFormat;
     message.uMaxFiles = m_uEvidenceMaxFiles;
     message.uMaxFileSize = m_uEvidenceMaxKBytes;
-    const std::uint8_t* pData = nullptr;
+    const uint8_t* pData = nullptr;
     if (pPacket != nullptr) {
         message.uPacketLength = pPacket->uPacketLength;
         message.iCapturedSize = pPacket->iCapturedSize;
@@ -53,10 +52,9 @@ void PacketLogCtrlIF::SendOffendingPacketCapture(const EventReport* pReport,
     (void)SendControlMessage(&message.head, pData, message.uSeconds);  // it counts its failures
 }
 
-std::int32_t PacketLogCtrlIF::SendNewConnectionCapture(const EventReport* pReport,
-                                                       const PacketInfo* pPacket, bool& bNewCapture,
-                                                       std::uint16_t& uCaptureId,
-                                                       std::uint64_t& uConnectionID) {
+int32_t PacketLogCtrlIF::SendNewConnectionCapture(const EventReport* pReport,
+                                                  const PacketInfo* pPacket, bool& bNewCapture,
+                                                  uint16_t& uCaptureId, uint64_t& uConnectionID) {
     if (uConnectionID != 0) {
         m_uRepeatConnections.fetch_add(1, std::memory_order_relaxed);
     }
@@ -96,7 +94,7 @@ std::int32_t PacketLogCtrlIF::SendNewConnectionCapture(const EventReport* pRepor
     if (SendControlMessage(&message.head, nullptr, message.uSeconds) != 0) {
         return 1;
     }
-    std::uint32_t uRemaining = m_uEvidenceCount;
+    uint32_t uRemaining = m_uEvidenceCount;
     if (uConnectionID == 0) {
         uConnectionID = message.uConnectionID;
         --uRemaining;  // the packet at hand
@@ -105,12 +103,12 @@ std::int32_t PacketLogCtrlIF::SendNewConnectionCapture(const EventReport* pRepor
     return 0;
 }
 
-bool PacketLogCtrlIF::LookupConnection(std::uint64_t uConnectionID, std::uint32_t uNow) {
+bool PacketLogCtrlIF::LookupConnection(uint64_t uConnectionID, uint32_t uNow) {
     return m_pConnHashMap->Update(uConnectionID, uNow, 0);
 }
 
-std::int32_t PacketLogCtrlIF::SendInterfaceCapture(std::uint32_t uInterface, std::uint32_t uEventID,
-                                                   std::uint32_t uNow, const char* szUserString) {
+int32_t PacketLogCtrlIF::SendInterfaceCapture(uint32_t uInterface, uint32_t uEventID, uint32_t uNow,
+                                              const char* szUserString) {
     LogControlMessage_InterfaceCapture message;
     message.uFileFormat = m_uEvidenceFormat;
     message.uMaxFiles = m_uEvidenceMaxFiles;
@@ -119,14 +117,14 @@ std::int32_t PacketLogCtrlIF::SendInterfaceCapture(std::uint32_t uInterface, std
     message.uEventID = uEventID;
     message.uPacketSaveCount = m_uEvidenceCount;
     message.uInterfaces =
-        uInterface == kAllInterfaces ? kAllInterfaces : std::uint32_t{1} << (uInterface % 32);
+        uInterface == kAllInterfaces ? kAllInterfaces : uint32_t{1} << (uInterface % 32);
     CopyText(message.szUserString, kUserStringBytes, szUserString);
-    const std::int32_t iResult = SendControlMessage(&message.head, nullptr, uNow);
+    const int32_t iResult = SendControlMessage(&message.head, nullptr, uNow);
     if (iResult != 0 || pthread_mutex_lock(&s_LEInterfacesMutex) != 0) {
         return iResult;
     }
     if (uInterface == kAllInterfaces) {
-        for (std::uint32_t uEach = 0; uEach < kInterfaceCount; ++uEach) {
+        for (uint32_t uEach = 0; uEach < kInterfaceCount; ++uEach) {
             RaiseInterfaceCount(uEach);
         }
     } else if (uInterface < kInterfaceCount) {
@@ -137,19 +135,18 @@ std::int32_t PacketLogCtrlIF::SendInterfaceCapture(std::uint32_t uInterface, std
 }
 
 // The lock keeps other raisers out and not the consumers, so the result is looked at once more.
-void PacketLogCtrlIF::RaiseInterfaceCount(std::uint32_t uInterface) {
-    std::atomic<std::int32_t>& count = m_aLEInterfaces[uInterface];
-    const auto iTarget = static_cast<std::int32_t>(m_uEvidenceCount);
-    std::int32_t iSeen = count.load(std::memory_order_relaxed);
+void PacketLogCtrlIF::RaiseInterfaceCount(uint32_t uInterface) {
+    std::atomic<int32_t>& count = m_aLEInterfaces[uInterface];
+    const auto iTarget = static_cast<int32_t>(m_uEvidenceCount);
+    int32_t iSeen = count.load(std::memory_order_relaxed);
     for (int iPass = 0; iPass < 2 && iSeen < iTarget; ++iPass) {
-        const std::int32_t iMissing = iTarget - iSeen;
+        const int32_t iMissing = iTarget - iSeen;
         iSeen = count.fetch_add(iMissing, std::memory_order_relaxed) + iMissing;
     }
 }
 
-std::int32_t PacketLogCtrlIF::SendInterfaceCaptureSettings(std::uint32_t /*uUnused*/,
-                                                           std::uint32_t uInterfaces,
-                                                           std::uint32_t uPacketSaveCount) {
+int32_t PacketLogCtrlIF::SendInterfaceCaptureSettings(uint32_t /*uUnused*/, uint32_t uInterfaces,
+                                                      uint32_t uPacketSaveCount) {
     LogControlMessage_InterfaceCapture message;
     message.uFileFormat = kFormatPcap;
     message.uMaxFiles = m_uEvidenceMaxFiles;
@@ -159,48 +156,47 @@ std::int32_t PacketLogCtrlIF::SendInterfaceCaptureSettings(std::uint32_t /*uUnus
     return SendControlMessage(&message.head, nullptr, 0);
 }
 
-std::int32_t PacketLogCtrlIF::ConsumeInterfaceCount(std::uint32_t uInterface) {
+int32_t PacketLogCtrlIF::ConsumeInterfaceCount(uint32_t uInterface) {
     if (uInterface >= kInterfaceCount) {
         return 0;
     }
-    std::atomic<std::int32_t>& count = m_aLEInterfaces[uInterface];
-    const std::int32_t iRemaining = count.fetch_sub(1, std::memory_order_relaxed) - 1;
+    std::atomic<int32_t>& count = m_aLEInterfaces[uInterface];
+    const int32_t iRemaining = count.fetch_sub(1, std::memory_order_relaxed) - 1;
     if (iRemaining > 0) {
         return iRemaining;
     }
-    std::int32_t iOvershot = -1;
+    int32_t iOvershot = -1;
     (void)count.compare_exchange_strong(iOvershot, 0, std::memory_order_relaxed);  // or it is 0
     return 0;
 }
 
-std::int32_t PacketLogCtrlIF::SendConnectionCaptureNotice(std::uint64_t uConnectionID,
-                                                          std::uint32_t uNow) {
+int32_t PacketLogCtrlIF::SendConnectionCaptureNotice(uint64_t uConnectionID, uint32_t uNow) {
     LogControlMessage_ConnectionCaptureNotice message;
     message.uConnectionID = uConnectionID;
     message.uSeconds = uNow;
     return SendControlMessage(&message.head, nullptr, uNow);
 }
 
-std::int32_t PacketLogCtrlIF::SendText(const char* szText) {
+int32_t PacketLogCtrlIF::SendText(const char* szText) {
     LogControlMessage_Text message;
     CopyText(message.szText, kTextLimit, szText);
     return SendControlMessage(&message.head, nullptr, 0);
 }
 
-std::int32_t PacketLogCtrlIF::SendType15() {
+int32_t PacketLogCtrlIF::SendType15() {
     return SendBare(kType15);
 }
 
-std::int32_t PacketLogCtrlIF::SendType16() {
+int32_t PacketLogCtrlIF::SendType16() {
     return SendBare(kType16);
 }
 
-std::int32_t PacketLogCtrlIF::SendReloadEventsMessage() {
+int32_t PacketLogCtrlIF::SendReloadEventsMessage() {
     Log::GetInstance()->Write(Log::kDebug, "SendReloadEventsMessage called");
     return SendBare(kReloadEvents);
 }
 
-std::uint32_t PacketLogCtrlIF::CountFrameNotSent(std::uint32_t uFrame) {
+uint32_t PacketLogCtrlIF::CountFrameNotSent(uint32_t uFrame) {
     m_uLastFrameNotSent.store(uFrame, std::memory_order_relaxed);
     return m_uFramesNotSent.fetch_add(1, std::memory_order_relaxed) + 1;
 }

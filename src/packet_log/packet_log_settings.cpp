@@ -43,12 +43,12 @@ bool BeginsWith(const char* szValue, char cLetter) {
 }
 
 // One bit for each letter, A being the lowest.
-std::uint32_t InterfaceMask(const char* szLetters) {
-    std::uint32_t uMask = 0;
+uint32_t InterfaceMask(const char* szLetters) {
+    uint32_t uMask = 0;
     for (; szLetters != nullptr && *szLetters != '\0'; ++szLetters) {
         const char cLetter = Lower(*szLetters);
         if (cLetter >= 'a' && cLetter <= 'z') {
-            uMask |= std::uint32_t{1} << (cLetter - 'a');
+            uMask |= uint32_t{1} << (cLetter - 'a');
         }
     }
     return uMask;
@@ -68,7 +68,7 @@ bool AreComplete(const LogControlMessage_CaptureSettings& settings) {
 
 // Deliberate: names are told apart by a prefix and single letters, so that another spelling of a
 // setting is taken for it. Engines name their settings differently and mean the same.
-std::int32_t PacketLogCtrlIF::SetIntParameter(const char* szName, std::uint32_t uValue) {
+int32_t PacketLogCtrlIF::SetIntParameter(const char* szName, uint32_t uValue) {
     if (const char* const szKey = KeyAfter(kDropLog, szName)) {
         return SetDropLogInt(szKey, uValue);
     }
@@ -81,9 +81,9 @@ std::int32_t PacketLogCtrlIF::SetIntParameter(const char* szName, std::uint32_t 
     return 0;
 }
 
-std::int32_t PacketLogCtrlIF::SetDropLogInt(const char* szKey, std::uint32_t uValue) {
+int32_t PacketLogCtrlIF::SetDropLogInt(const char* szKey, uint32_t uValue) {
     if (Lower(szKey[0]) == 'm') {
-        std::uint32_t& uSize =
+        uint32_t& uSize =
             Lower(Letter(szKey, 3)) == 'k' ? m_dpcPending.uMaxFileSize : m_dpcPending.uMaxFiles;
         // Deliberate: a size of 0 is no size, and the setting counts as known all the same.
         if (uValue != 0) {
@@ -98,7 +98,7 @@ std::int32_t PacketLogCtrlIF::SetDropLogInt(const char* szKey, std::uint32_t uVa
     return 0;
 }
 
-std::int32_t PacketLogCtrlIF::SetRollingInt(const char* szKey, std::uint32_t uValue) {
+int32_t PacketLogCtrlIF::SetRollingInt(const char* szKey, uint32_t uValue) {
     if (Lower(szKey[0]) != 'm') {
         return 0;
     }
@@ -106,7 +106,7 @@ std::int32_t PacketLogCtrlIF::SetRollingInt(const char* szKey, std::uint32_t uVa
     return 1;
 }
 
-std::int32_t PacketLogCtrlIF::SetEvidenceInt(const char* szKey, std::uint32_t uValue) {
+int32_t PacketLogCtrlIF::SetEvidenceInt(const char* szKey, uint32_t uValue) {
     switch (Lower(szKey[0])) {
         case 'b':
             m_uBufferCtrlSize = uValue;
@@ -129,7 +129,7 @@ std::int32_t PacketLogCtrlIF::SetEvidenceInt(const char* szKey, std::uint32_t uV
     }
 }
 
-std::int32_t PacketLogCtrlIF::SetStringParameter(const char* szName, const char* szValue) {
+int32_t PacketLogCtrlIF::SetStringParameter(const char* szName, const char* szValue) {
     if (const char* const szKey = KeyAfter(kDropLog, szName)) {
         if (Lower(szKey[0]) == 'e') {
             m_iDpcEnabledPending = BeginsWith(szValue, 't') ? 1 : 0;
@@ -178,7 +178,7 @@ void PacketLogCtrlIF::GetDpcSettings(
     *pSettings = m_dpcPending;
 }
 
-std::int32_t PacketLogCtrlIF::ApplyRpcSettings() {
+int32_t PacketLogCtrlIF::ApplyRpcSettings() {
     if (Differ(m_rpcPending, m_rpcApplied) && AreComplete(m_rpcPending)) {
         if (SendControlMessage(&m_rpcPending.head, nullptr, 0) != 0) {
             Log::GetInstance()->Write(
@@ -191,7 +191,7 @@ std::int32_t PacketLogCtrlIF::ApplyRpcSettings() {
     if (m_iRpcEnabledApplied == m_iRpcEnabledPending) {
         return 0;
     }
-    const std::int32_t iResult = SendRpcState();
+    const int32_t iResult = SendRpcState();
     if (iResult != 0) {
         Log::GetInstance()->Write(
             Log::kWarning,
@@ -202,7 +202,7 @@ std::int32_t PacketLogCtrlIF::ApplyRpcSettings() {
     return 0;
 }
 
-std::int32_t PacketLogCtrlIF::SendRpcState() {
+int32_t PacketLogCtrlIF::SendRpcState() {
     if (m_iRpcEnabledPending != 1) {
         return SendBare(kEndRollingPacketCapture);
     }
@@ -211,7 +211,7 @@ std::int32_t PacketLogCtrlIF::SendRpcState() {
     return SendControlMessage(&start.head, nullptr, 0);
 }
 
-std::int32_t PacketLogCtrlIF::ApplyDpcSettings() {
+int32_t PacketLogCtrlIF::ApplyDpcSettings() {
     if (Differ(m_dpcPending, m_dpcApplied) && AreComplete(m_dpcPending)) {
         if (SendControlMessage(&m_dpcPending.head, nullptr, 0) != 0) {
             Log::GetInstance()->Write(
@@ -224,7 +224,7 @@ std::int32_t PacketLogCtrlIF::ApplyDpcSettings() {
     if (m_iDpcEnabledApplied == m_iDpcEnabledPending) {
         return 0;
     }
-    const std::int32_t iResult = SendDpcState();
+    const int32_t iResult = SendDpcState();
     if (iResult != 0) {
         Log::GetInstance()->Write(
             Log::kWarning,
@@ -235,7 +235,7 @@ std::int32_t PacketLogCtrlIF::ApplyDpcSettings() {
     return 0;
 }
 
-std::int32_t PacketLogCtrlIF::SendDpcState() {
+int32_t PacketLogCtrlIF::SendDpcState() {
     if (m_iDpcEnabledPending != 1) {
         return SendBare(kEndDropPacketCapture);
     }

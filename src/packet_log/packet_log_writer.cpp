@@ -12,7 +12,7 @@ PacketLogWriter::~PacketLogWriter() {
     ClosePipe();
 }
 
-bool PacketLogWriter::Initialize(std::uint32_t uInstance) {
+bool PacketLogWriter::Initialize(uint32_t uInstance) {
     m_uInstance = uInstance;
     vald::Log::GetInstance()->Write(vald::Log::kDebug,
                                     "Initializing instance %d of PacketLogWriter.",
@@ -52,8 +52,8 @@ bool PacketLogWriter::OpenPipe() {
     return true;
 }
 
-std::int32_t PacketLogWriter::WritePacket(const PacketInfo* pPacket, std::uint64_t uValueB,
-                                          std::uint32_t uValueA, std::uint32_t uValueC) {
+int32_t PacketLogWriter::WritePacket(const PacketInfo* pPacket, uint64_t uValueB, uint32_t uValueA,
+                                     uint32_t uValueC) {
     if (m_pPipe == nullptr || pPacket == nullptr) {
         return PIPE_OK;
     }
@@ -71,21 +71,21 @@ std::int32_t PacketLogWriter::WritePacket(const PacketInfo* pPacket, std::uint64
 
     iovec pieces[] = {{&m_record, sizeof m_record}, {nullptr, 0}};
     if (pPacket->pData != nullptr && pPacket->iCapturedSize > 0) {
-        const auto uCaptured = static_cast<std::uint32_t>(pPacket->iCapturedSize);
+        const auto uCaptured = static_cast<uint32_t>(pPacket->iCapturedSize);
         // The ring only reads what a piece points at; the type of a piece cannot say so.
-        pieces[1] = {const_cast<std::uint8_t*>(pPacket->pData), uCaptured};
+        pieces[1] = {const_cast<uint8_t*>(pPacket->pData), uCaptured};
         // Deliberate: a running total over all packets, lost ones included. The length of this
         // record is the ring's length word.
         m_record.uRunningLength += uCaptured;
     }
     const ShmPipeResult eResult = m_pPipe->write(pieces, 2);
     if (eResult == PIPE_FULL) {
-        const auto iSinceReport = static_cast<std::int32_t>(
-            pPacket->uSeconds - static_cast<std::uint32_t>(m_uLastFullReport));
+        const auto iSinceReport =
+            static_cast<int32_t>(pPacket->uSeconds - static_cast<uint32_t>(m_uLastFullReport));
         if (iSinceReport > kFullReportInterval) {
             vald::Log::GetInstance()->Write(
                 vald::Log::kDebug, "Failed to send packets to logger daemon, pipe is full.");
-            m_uLastFullReport = static_cast<std::int32_t>(pPacket->uSeconds);
+            m_uLastFullReport = static_cast<int32_t>(pPacket->uSeconds);
         }
     }
     return eResult;

@@ -26,7 +26,7 @@ class PacketLogWriter {
     PacketLogWriter& operator=(const PacketLogWriter&) = delete;
 
     // Sets the instance number, which names the ring file. Always true.
-    bool Initialize(std::uint32_t uInstance);
+    bool Initialize(uint32_t uInstance);
 
     // Maps the ring. False without an instance number and when the ring cannot be opened. The first
     // failure is final: the failed pipe stays, and a further call takes it for an open one.
@@ -34,17 +34,17 @@ class PacketLogWriter {
 
     // Sends the packet, or the bare record when there are no captured bytes. PIPE_OK also when
     // there is no pipe or no packet, else the result of the ring's write.
-    [[nodiscard]] std::int32_t WritePacket(const PacketInfo* pPacket, std::uint64_t uValueB,
-                                           std::uint32_t uValueA, std::uint32_t uValueC);
+    [[nodiscard]] int32_t WritePacket(const PacketInfo* pPacket, uint64_t uValueB, uint32_t uValueA,
+                                      uint32_t uValueC);
 
     void ClosePipe();
 
-    static constexpr std::uint32_t kNoInstance = 0xffff;
+    static constexpr uint32_t kNoInstance = 0xffff;
     // Packet time in seconds that must pass before a full ring is told of again.
-    static constexpr std::int32_t kFullReportInterval = 300;
+    static constexpr int32_t kFullReportInterval = 300;
 
-    std::uint32_t m_uInstance = kNoInstance;
-    std::int32_t m_uLastFullReport = 0;     // packet time in seconds of the last such report
+    uint32_t m_uInstance = kNoInstance;
+    int32_t m_uLastFullReport = 0;          // packet time in seconds of the last such report
     std::unique_ptr<ShmEventPipe> m_pPipe;  // owned, null while closed
     PacketLogRecord m_record;               // refilled for each packet
 };

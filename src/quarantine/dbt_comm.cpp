@@ -16,7 +16,7 @@ using tarn::secmgr::ResponseHeader;
 using vald::Log;
 
 // Hands a report of the client to the log as it stands.
-__attribute__((format(printf, 3, 4))) void LogClientReport(std::uint64_t, std::uint32_t level,
+__attribute__((format(printf, 3, 4))) void LogClientReport(uint64_t, uint32_t level,
                                                            const char* format, ...) {
     va_list args;
     va_start(args, format);
@@ -46,7 +46,7 @@ class ClosedOnUnwinding {
 
 }  // namespace
 
-DbtComm::DbtComm(std::string socketPath, std::int32_t timeoutSeconds)
+DbtComm::DbtComm(std::string socketPath, int32_t timeoutSeconds)
     : m_timeout(timeoutSeconds), m_socketPath(std::move(socketPath)) {
     m_client.SetLog(&LogClientReport, 0);
 }
@@ -89,8 +89,8 @@ void DbtComm::Close() {
 
 // Deliberate: a failed exchange leaves the channel marked as open. Only the retry resets it, so the
 // rule after a failed retry meets the same failure first and is then retried on a fresh channel.
-int DbtComm::SendCommand(std::uint32_t command, const void* payload, std::size_t length,
-                         std::uint8_t** response, std::uint64_t* responseLength) {
+int DbtComm::SendCommand(uint32_t command, const void* payload, std::size_t length,
+                         uint8_t** response, uint64_t* responseLength) {
     if (!m_opened) {
         Log::GetInstance()->Write(
             Log::kNotice, "DbtComm command channel is not opened. Open it before sending command.");
@@ -116,8 +116,7 @@ int DbtComm::SendCommand(std::uint32_t command, const void* payload, std::size_t
     return 0;
 }
 
-int DbtComm::AddQuarantineRules(std::uint32_t flags, const char* rule, std::uint32_t issueId,
-                                int failures) {
+int DbtComm::AddQuarantineRules(uint32_t flags, const char* rule, uint32_t issueId, int failures) {
     if (rule == nullptr || *rule == '\0') {
         return -1;
     }
@@ -129,7 +128,7 @@ int DbtComm::AddQuarantineRules(std::uint32_t flags, const char* rule, std::uint
     const tarn::secmgr::AddQuarantineRules head{flags, issueId};
     const std::size_t textBytes = std::strlen(rule) + 1;
     const std::size_t length = sizeof(head) + textBytes;
-    std::unique_ptr<std::uint8_t[]> payload(new (std::nothrow) std::uint8_t[length]);
+    std::unique_ptr<uint8_t[]> payload(new (std::nothrow) uint8_t[length]);
     if (payload == nullptr) {
         Log::GetInstance()->Write(
             Log::kError, "DbtComm failed to allocate memory of size %d for adding quarantine rules",
@@ -139,11 +138,11 @@ int DbtComm::AddQuarantineRules(std::uint32_t flags, const char* rule, std::uint
     std::memcpy(payload.get(), &head, sizeof(head));
     std::memcpy(payload.get() + sizeof(head), rule, textBytes);
 
-    std::uint8_t* received = nullptr;
-    std::uint64_t receivedLength = 0;
+    uint8_t* received = nullptr;
+    uint64_t receivedLength = 0;
     const int sent = SendCommand(tarn::secmgr::kCommandAddQuarantineRules, payload.get(), length,
                                  &received, &receivedLength);
-    std::unique_ptr<std::uint8_t[], RequestClient::ResponseDeleter> response(received);
+    std::unique_ptr<uint8_t[], RequestClient::ResponseDeleter> response(received);
     payload.reset();
     if (sent != 0) {
         Log::GetInstance()->Write(Log::kWarning,
@@ -174,8 +173,7 @@ int DbtComm::AddQuarantineRules(std::uint32_t flags, const char* rule, std::uint
     return 0;
 }
 
-int DbtComm::ResetAndRetry(std::uint32_t flags, const char* rule, std::uint32_t issueId,
-                           int failures) {
+int DbtComm::ResetAndRetry(uint32_t flags, const char* rule, uint32_t issueId, int failures) {
     if (failures > 0) {
         return -2;
     }

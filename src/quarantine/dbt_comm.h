@@ -16,11 +16,11 @@
 
 class DbtComm {
   public:
-    static constexpr std::int32_t kTimeoutSeconds = 5;
+    static constexpr int32_t kTimeoutSeconds = 5;
 
     // The limit, in seconds, holds for connecting and for awaiting an answer. Connects to nothing.
     explicit DbtComm(std::string socketPath = tarn::paths::kSecurityManagerSocket,
-                     std::int32_t timeoutSeconds = kTimeoutSeconds);
+                     int32_t timeoutSeconds = kTimeoutSeconds);
     // Closes the channel when it is open.
     ~DbtComm();
     DbtComm(const DbtComm&) = delete;
@@ -35,19 +35,19 @@ class DbtComm {
     // Sends one command, opening the channel first when it is closed, and awaits the answer when
     // both out pointers are given. Returns 0, or -1. *response is then the caller's, to be given
     // back with RequestClient::FreeResponse; it is null after a failure to receive.
-    [[nodiscard]] int SendCommand(std::uint32_t command, const void* payload, std::size_t length,
-                                  std::uint8_t** response, std::uint64_t* responseLength);
+    [[nodiscard]] int SendCommand(uint32_t command, const void* payload, std::size_t length,
+                                  uint8_t** response, uint64_t* responseLength);
 
     // Adds a rule in the words of QuarantineRule. Callers outside give 0 for failures, the number
     // of attempts that failed so far. Returns 0 when the rule was added, -1 for a null or empty
     // text, -2 when it was not added: refused, or failed on the one retry as well.
-    [[nodiscard]] int AddQuarantineRules(std::uint32_t flags, const char* rule,
-                                         std::uint32_t issueId, int failures);
+    [[nodiscard]] int AddQuarantineRules(uint32_t flags, const char* rule, uint32_t issueId,
+                                         int failures);
 
   private:
-    int ResetAndRetry(std::uint32_t flags, const char* rule, std::uint32_t issueId, int failures);
+    int ResetAndRetry(uint32_t flags, const char* rule, uint32_t issueId, int failures);
 
-    std::int32_t m_timeout;  // seconds
+    int32_t m_timeout;  // seconds
     bool m_opened = false;
     RequestClient m_client;
     const std::string m_socketPath;

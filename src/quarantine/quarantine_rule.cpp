@@ -24,7 +24,7 @@ std::string TextOf(in_addr_t networkOrder) {
 
 std::string TextOf(QuarantineRule::Ipv6Bytes address) {
     char text[INET6_ADDRSTRLEN] = "";
-    if (std::any_of(address.begin(), address.end(), [](std::uint8_t byte) { return byte != 0; })) {
+    if (std::any_of(address.begin(), address.end(), [](uint8_t byte) { return byte != 0; })) {
         inet_ntop(AF_INET6, address.data(), text, sizeof(text));
     }
     return text;
@@ -36,7 +36,7 @@ std::string TextOf(const char* address) {
 
 // The lower half of a time, which is all that the messages show of it.
 int Lower32(std::time_t time) {
-    return static_cast<int>(static_cast<std::uint32_t>(time));
+    return static_cast<int>(static_cast<uint32_t>(time));
 }
 
 }  // namespace
@@ -98,27 +98,27 @@ int QuarantineRule::SetProtocol(int protocol) {
     return 0;
 }
 
-int QuarantineRule::SetIcmpType(std::uint16_t type) {
+int QuarantineRule::SetIcmpType(uint16_t type) {
     m_icmpType = type;
     return 0;
 }
 
-int QuarantineRule::SetIcmpCode(std::uint16_t code) {
+int QuarantineRule::SetIcmpCode(uint16_t code) {
     m_icmpCode = code;
     return 0;
 }
 
-int QuarantineRule::SetSourcePort(std::uint16_t port) {
+int QuarantineRule::SetSourcePort(uint16_t port) {
     m_sourcePort = port;
     return 0;
 }
 
-int QuarantineRule::SetDestinationPort(std::uint16_t port) {
+int QuarantineRule::SetDestinationPort(uint16_t port) {
     m_destinationPort = port;
     return 0;
 }
 
-int QuarantineRule::SetCounter(std::uint32_t counter) {
+int QuarantineRule::SetCounter(uint32_t counter) {
     m_counter = counter;
     return 0;
 }

@@ -15,7 +15,7 @@
 
 class QuarantineRule {
   public:
-    using Ipv6Bytes = std::span<const std::uint8_t, 16>;
+    using Ipv6Bytes = std::span<const uint8_t, 16>;
 
     // 4 or 6. Returns 0, or -1 for any other number, which leaves the version as it was.
     [[nodiscard]] int SetIpVersion(int version);
@@ -39,19 +39,19 @@ class QuarantineRule {
 
     // Plain stores that take any value. Each returns 0.
     int SetProtocol(int protocol);  // IP protocol number, 0 for none
-    int SetIcmpType(std::uint16_t type);
-    int SetIcmpCode(std::uint16_t code);
-    int SetSourcePort(std::uint16_t port);
-    int SetDestinationPort(std::uint16_t port);
-    int SetCounter(std::uint32_t counter);  // rate limit, 0 for none
+    int SetIcmpType(uint16_t type);
+    int SetIcmpCode(uint16_t code);
+    int SetSourcePort(uint16_t port);
+    int SetDestinationPort(uint16_t port);
+    int SetCounter(uint32_t counter);  // rate limit, 0 for none
 
     // Builds the text. Returns 0 with the text in out, or -1 for a rule that cannot be written,
     // which is logged and leaves out as it was. The rule itself never changes.
     [[nodiscard]] int ToString(std::string& out) const;
 
   private:
-    static constexpr std::uint16_t kIcmpFieldNotSet = 0xFFFF;
-    static constexpr std::uint16_t kIcmpFieldMax = 0xFF;  // whatever is above counts as not set
+    static constexpr uint16_t kIcmpFieldNotSet = 0xFFFF;
+    static constexpr uint16_t kIcmpFieldMax = 0xFF;  // whatever is above counts as not set
 
     // Each appends its piece; false when the rule cannot have that piece.
     bool AppendFamily(std::string& text) const;
@@ -60,14 +60,14 @@ class QuarantineRule {
     void AppendIcmpFields(std::string& text) const;
     void AppendPorts(std::string& text) const;
 
-    std::int32_t m_ipVersion = 0;
+    int32_t m_ipVersion = 0;
     std::string m_intruderAddress;
     std::string m_victimAddress;
-    std::int32_t m_protocol = 0;
-    std::uint16_t m_icmpType = kIcmpFieldNotSet;
-    std::uint16_t m_icmpCode = kIcmpFieldNotSet;
-    std::uint16_t m_sourcePort = 0;
-    std::uint16_t m_destinationPort = 0;
-    std::uint32_t m_counter = 0;
+    int32_t m_protocol = 0;
+    uint16_t m_icmpType = kIcmpFieldNotSet;
+    uint16_t m_icmpCode = kIcmpFieldNotSet;
+    uint16_t m_sourcePort = 0;
+    uint16_t m_destinationPort = 0;
+    uint32_t m_counter = 0;
     std::time_t m_expiration = 0;  // 0 means not set
 };

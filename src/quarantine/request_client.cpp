@@ -21,7 +21,7 @@ namespace {
 using tarn::secmgr::RequestHeader;
 using tarn::secmgr::ResponseHeader;
 
-constexpr std::uint32_t kErrorLevel = 1;
+constexpr uint32_t kErrorLevel = 1;
 constexpr int kWaitAttempts = 5;
 
 // A peer that closed gives EPIPE, also in a process that has not blocked SIGPIPE.
@@ -34,8 +34,7 @@ auto InCancellationWindow(Call call) {
     return call();
 }
 
-__attribute__((format(printf, 3, 4))) void DropReport(std::uint64_t, std::uint32_t, const char*,
-                                                      ...) {}
+__attribute__((format(printf, 3, 4))) void DropReport(uint64_t, uint32_t, const char*, ...) {}
 
 }  // namespace
 
@@ -43,7 +42,7 @@ RequestClient::~RequestClient() {
     Disconnect();
 }
 
-void RequestClient::SetLog(LogCallback pfnLog, std::uint64_t uContext) {
+void RequestClient::SetLog(LogCallback pfnLog, uint64_t uContext) {
     m_pfnLog = pfnLog;
     m_uLogContext = uContext;
 }
@@ -52,7 +51,7 @@ RequestClient::LogCallback RequestClient::Report() const {
     return m_pfnLog != nullptr ? m_pfnLog : &DropReport;
 }
 
-bool RequestClient::Connect(const char* szPath, std::int32_t iTimeout) {
+bool RequestClient::Connect(const char* szPath, int32_t iTimeout) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", szPath);
@@ -103,12 +102,12 @@ void RequestClient::Disconnect() {
     m_iSocket = -1;
 }
 
-bool RequestClient::SendRequest(std::uint32_t uType, const void* pBody, std::uint64_t uLength) {
+bool RequestClient::SendRequest(uint32_t uType, const void* pBody, uint64_t uLength) {
     if (m_iSocket < 0) {
         return false;
     }
     const bool bHasBody = pBody != nullptr && uLength != 0;
-    const RequestHeader header{uType, bHasBody ? static_cast<std::uint32_t>(uLength) : 0};
+    const RequestHeader header{uType, bHasBody ? static_cast<uint32_t>(uLength) : 0};
     const int iMore = bHasBody ? MSG_MORE : 0;
     if (send(m_iSocket, &header, sizeof(header), kSendFlags | iMore) < 0) {
         return false;
@@ -118,8 +117,7 @@ bool RequestClient::SendRequest(std::uint32_t uType, const void* pBody, std::uin
     return !bHasBody || send(m_iSocket, pBody, uLength, kSendFlags) >= 0;
 }
 
-bool RequestClient::ReceiveResponse(std::uint8_t** ppBuffer, std::uint64_t* puSize,
-                                    std::int32_t iTimeout) {
+bool RequestClient::ReceiveResponse(uint8_t** ppBuffer, uint64_t* puSize, int32_t iTimeout) {
     *ppBuffer = nullptr;
     ResponseHeader header{};
     if (!ReceiveHeader(header, puSize, iTimeout)) {
@@ -128,7 +126,7 @@ bool RequestClient::ReceiveResponse(std::uint8_t** ppBuffer, std::uint64_t* puSi
     // The memory is left untouched until bytes arrive, so a length that lies costs address space
     // and no more.
     const std::size_t uBody = header.bodyLength;
-    auto pBuffer = std::make_unique_for_overwrite<std::uint8_t[]>(sizeof(header) + uBody);
+    auto pBuffer = std::make_unique_for_overwrite<uint8_t[]>(sizeof(header) + uBody);
     std::memcpy(pBuffer.get(), &header, sizeof(header));
 
     // Deliberate: a body that ends early is no failure here. The size tells, and the owner judges.
@@ -137,30 +135,30 @@ bool RequestClient::ReceiveResponse(std::uint8_t** ppBuffer, std::uint64_t* puSi
     return true;
 }
 
-bool RequestClient::ReceiveRecords(std::uint8_t** ppBuffer, std::uint64_t* puSize,
-                                   std::uint64_t uRecordSize, std::int32_t iTimeout) {
+bool RequestClient::ReceiveRecords(uint8_t** ppBuffer, uint64_t* puSize, uint64_t uRecordSize,
+                                   int32_t iTimeout) {
     *ppBuffer = nullptr;
     ResponseHeader header{};
     if (!ReceiveHeader(header, puSize, iTimeout)) {
         return false;
     }
-    constexpr std::uint32_t kMaxTotal = std::numeric_limits<std::uint32_t>::max();
-    const std::uint64_t uCount = header.bodyLength;
+    constexpr uint32_t kMaxTotal = std::numeric_limits<uint32_t>::max();
+    const uint64_t uCount = header.bodyLength;
     if (uRecordSize != 0 && uCount > kMaxTotal / uRecordSize) {
         Report()(m_uLogContext, kErrorLevel, "read %u of %u data bytes", 0U, kMaxTotal);
         return false;
     }
-    const auto uTotal = static_cast<std::uint32_t>(uCount * uRecordSize);
+    const auto uTotal = static_cast<uint32_t>(uCount * uRecordSize);
     const std::size_t uRecordsAt = sizeof(header) + uCount * sizeof(iovec);
-    auto pBuffer = std::make_unique_for_overwrite<std::uint8_t[]>(uRecordsAt + uTotal);
+    auto pBuffer = std::make_unique_for_overwrite<uint8_t[]>(uRecordsAt + uTotal);
     std::memcpy(pBuffer.get(), &header, sizeof(header));
 
-    std::uint8_t* const pRecords = pBuffer.get() + uRecordsAt;
+    uint8_t* const pRecords = pBuffer.get() + uRecordsAt;
     if (!ReceiveAll(pRecords, uTotal)) {
         return false;
     }
     // The vector comes last, so that a count that lies touches no memory before its records came.
-    for (std::uint64_t i = 0; i < uCount; ++i) {
+    for (uint64_t i = 0; i < uCount; ++i) {
         const iovec record{pRecords + i * uRecordSize, uRecordSize};
         std::memcpy(pBuffer.get() + sizeof(header) + i * sizeof(iovec), &record, sizeof(record));
     }
@@ -170,9 +168,8 @@ bool RequestClient::ReceiveRecords(std::uint8_t** ppBuffer, std::uint64_t* puSiz
 }
 
 template <typename ReceiveAnswer>
-bool RequestClient::Exchange(const char* szPath, std::uint32_t uType, const void* pBody,
-                             std::uint64_t uLength, std::int32_t iTimeout,
-                             ReceiveAnswer receiveAnswer) {
+bool RequestClient::Exchange(const char* szPath, uint32_t uType, const void* pBody,
+                             uint64_t uLength, int32_t iTimeout, ReceiveAnswer receiveAnswer) {
     if (!Connect(szPath, iTimeout)) {
         return false;
     }
@@ -181,30 +178,29 @@ bool RequestClient::Exchange(const char* szPath, std::uint32_t uType, const void
     return bSuccess;
 }
 
-bool RequestClient::Transact(const char* szPath, std::uint32_t uType, const void* pBody,
-                             std::uint64_t uLength, std::uint8_t** ppBuffer, std::uint64_t* puSize,
-                             std::int32_t iTimeout) {
+bool RequestClient::Transact(const char* szPath, uint32_t uType, const void* pBody,
+                             uint64_t uLength, uint8_t** ppBuffer, uint64_t* puSize,
+                             int32_t iTimeout) {
     return Exchange(szPath, uType, pBody, uLength, iTimeout, [&] {
         return ppBuffer == nullptr || puSize == nullptr ||
                ReceiveResponse(ppBuffer, puSize, iTimeout);
     });
 }
 
-bool RequestClient::TransactRecords(const char* szPath, std::uint32_t uType, const void* pBody,
-                                    std::uint64_t uLength, std::uint8_t** ppBuffer,
-                                    std::uint64_t* puSize, std::uint64_t uRecordSize,
-                                    std::int32_t iTimeout) {
+bool RequestClient::TransactRecords(const char* szPath, uint32_t uType, const void* pBody,
+                                    uint64_t uLength, uint8_t** ppBuffer, uint64_t* puSize,
+                                    uint64_t uRecordSize, int32_t iTimeout) {
     return Exchange(szPath, uType, pBody, uLength, iTimeout, [&] {
         return ppBuffer == nullptr || puSize == nullptr ||
                ReceiveRecords(ppBuffer, puSize, uRecordSize, iTimeout);
     });
 }
 
-void RequestClient::FreeResponse(std::uint8_t* pBuffer) {
+void RequestClient::FreeResponse(uint8_t* pBuffer) {
     delete[] pBuffer;
 }
 
-int RequestClient::WaitUntil(Readiness eReadiness, std::int32_t iTimeout) const {
+int RequestClient::WaitUntil(Readiness eReadiness, int32_t iTimeout) const {
     if (m_iSocket >= FD_SETSIZE) {
         errno = EMFILE;  // select would write beyond its set
         return -1;
@@ -229,7 +225,7 @@ int RequestClient::WaitUntil(Readiness eReadiness, std::int32_t iTimeout) const 
 
 // Deliberate: a writable socket counts as connected, without a look at its pending error. A peer
 // that refused after all shows at the first send. A limit that ran out leaves errno as it stood.
-bool RequestClient::AwaitConnection(std::int32_t iTimeout) const {
+bool RequestClient::AwaitConnection(int32_t iTimeout) const {
     return WaitUntil(Readiness::ToWrite, iTimeout) > 0;
 }
 
@@ -242,7 +238,7 @@ bool RequestClient::SetBlocking(bool bBlocking) const {
     return fcntl(m_iSocket, F_SETFL, iWanted) >= 0;
 }
 
-std::size_t RequestClient::Receive(std::uint8_t* pTarget, std::size_t uLength) const {
+std::size_t RequestClient::Receive(uint8_t* pTarget, std::size_t uLength) const {
     std::size_t uGot = 0;
     while (uGot < uLength) {
         const ssize_t iResult = InCancellationWindow(
@@ -264,8 +260,8 @@ std::size_t RequestClient::Receive(std::uint8_t* pTarget, std::size_t uLength) c
     return uGot;
 }
 
-bool RequestClient::ReceiveHeader(ResponseHeader& header, std::uint64_t* puSize,
-                                  std::int32_t iTimeout) const {
+bool RequestClient::ReceiveHeader(ResponseHeader& header, uint64_t* puSize,
+                                  int32_t iTimeout) const {
     if (m_iSocket < 0) {
         return false;
     }
@@ -281,7 +277,7 @@ bool RequestClient::ReceiveHeader(ResponseHeader& header, std::uint64_t* puSize,
         Report()(m_uLogContext, kErrorLevel, "Timeout waiting for response.");
         return false;
     }
-    std::uint8_t bytes[sizeof(header)];
+    uint8_t bytes[sizeof(header)];
     const std::size_t uGot = Receive(bytes, sizeof(bytes));
     if (uGot != sizeof(bytes)) {
         Report()(m_uLogContext, kErrorLevel, "Unexpected response length: %zu", uGot);
@@ -292,8 +288,8 @@ bool RequestClient::ReceiveHeader(ResponseHeader& header, std::uint64_t* puSize,
     return true;
 }
 
-bool RequestClient::ReceiveAll(std::uint8_t* pTarget, std::uint32_t uTotal) const {
-    std::uint32_t uGot = 0;
+bool RequestClient::ReceiveAll(uint8_t* pTarget, uint32_t uTotal) const {
+    uint32_t uGot = 0;
     while (uGot < uTotal) {
         const iovec rest{pTarget + uGot, uTotal - uGot};
         const ssize_t iResult = InCancellationWindow([&] { return readv(m_iSocket, &rest, 1); });
@@ -309,7 +305,7 @@ bool RequestClient::ReceiveAll(std::uint8_t* pTarget, std::uint32_t uTotal) cons
             Report()(m_uLogContext, kErrorLevel, "readv error: %s", std::strerror(iError));
             return false;
         }
-        uGot += static_cast<std::uint32_t>(iResult);
+        uGot += static_cast<uint32_t>(iResult);
     }
     return true;
 }

@@ -20,12 +20,12 @@ struct ResponseHeader;
 class RequestClient {
   public:
     // The context is the owner's own word; the level is that of a log message, always 1 here.
-    typedef void (*LogCallback)(std::uint64_t uContext, std::uint32_t uLevel, const char* szFormat,
-                                ...) __attribute__((format(printf, 3, 4)));
+    typedef void (*LogCallback)(uint64_t uContext, uint32_t uLevel, const char* szFormat, ...)
+        __attribute__((format(printf, 3, 4)));
 
     // Releases an answer that a smart pointer holds.
     struct ResponseDeleter {
-        void operator()(std::uint8_t* pBuffer) const { FreeResponse(pBuffer); }
+        void operator()(uint8_t* pBuffer) const { FreeResponse(pBuffer); }
     };
 
     RequestClient() = default;
@@ -34,12 +34,12 @@ class RequestClient {
     RequestClient& operator=(const RequestClient&) = delete;
 
     // Where reports go; null, as at construction, means nowhere.
-    void SetLog(LogCallback pfnLog, std::uint64_t uContext);
+    void SetLog(LogCallback pfnLog, uint64_t uContext);
 
     // Connects to the socket at a path of at most 107 bytes. With a limit above 0, in seconds, it
     // waits no longer than that; otherwise it blocks. The connected socket blocks in any case.
     // False after a failure, with the client closed. Must not be called on a connected client.
-    [[nodiscard]] bool Connect(const char* szPath, std::int32_t iTimeout);
+    [[nodiscard]] bool Connect(const char* szPath, int32_t iTimeout);
 
     // Closes the socket, if there is one.
     void Disconnect();
@@ -47,57 +47,55 @@ class RequestClient {
     // Sends the header and the body, or the header alone for a null body or no length. It never
     // blocks. False when not connected or when a send failed; a body that the socket took only in
     // part counts as sent.
-    [[nodiscard]] bool SendRequest(std::uint32_t uType, const void* pBody, std::uint64_t uLength);
+    [[nodiscard]] bool SendRequest(uint32_t uType, const void* pBody, uint64_t uLength);
 
     // Awaits an answer: its header for at most iTimeout seconds, its body for as long as the peer
     // keeps the socket open. True gives *ppBuffer (header and body as they came, to be given back
     // with FreeResponse) and *puSize, which is short of the promised length when the body was cut.
     // False leaves *ppBuffer null. An allocation failure is thrown.
-    [[nodiscard]] bool ReceiveResponse(std::uint8_t** ppBuffer, std::uint64_t* puSize,
-                                       std::int32_t iTimeout);
+    [[nodiscard]] bool ReceiveResponse(uint8_t** ppBuffer, uint64_t* puSize, int32_t iTimeout);
 
     // The same for an answer whose second word counts records of uRecordSize bytes, at least 1.
     // True gives one buffer: the header, one iovec for each record, then the records; *puSize
     // counts header and records, without the vector. A body that is cut, and one of 4 GiB or more,
     // is a failure, which leaves *ppBuffer null and in *puSize the bytes of the header.
-    [[nodiscard]] bool ReceiveRecords(std::uint8_t** ppBuffer, std::uint64_t* puSize,
-                                      std::uint64_t uRecordSize, std::int32_t iTimeout);
+    [[nodiscard]] bool ReceiveRecords(uint8_t** ppBuffer, uint64_t* puSize, uint64_t uRecordSize,
+                                      int32_t iTimeout);
 
     // Connect, SendRequest, then ReceiveResponse if both out pointers are given, then Disconnect.
     // True when every step that ran succeeded. The limit goes for connecting and for the answer.
-    [[nodiscard]] bool Transact(const char* szPath, std::uint32_t uType, const void* pBody,
-                                std::uint64_t uLength, std::uint8_t** ppBuffer,
-                                std::uint64_t* puSize, std::int32_t iTimeout);
+    [[nodiscard]] bool Transact(const char* szPath, uint32_t uType, const void* pBody,
+                                uint64_t uLength, uint8_t** ppBuffer, uint64_t* puSize,
+                                int32_t iTimeout);
 
     // The same with ReceiveRecords.
-    [[nodiscard]] bool TransactRecords(const char* szPath, std::uint32_t uType, const void* pBody,
-                                       std::uint64_t uLength, std::uint8_t** ppBuffer,
-                                       std::uint64_t* puSize, std::uint64_t uRecordSize,
-                                       std::int32_t iTimeout);
+    [[nodiscard]] bool TransactRecords(const char* szPath, uint32_t uType, const void* pBody,
+                                       uint64_t uLength, uint8_t** ppBuffer, uint64_t* puSize,
+                                       uint64_t uRecordSize, int32_t iTimeout);
 
     // Gives back a buffer of ReceiveResponse or ReceiveRecords. Null is allowed.
-    static void FreeResponse(std::uint8_t* pBuffer);
+    static void FreeResponse(uint8_t* pBuffer);
 
   private:
     enum class Readiness { ToRead, ToWrite };
 
     // 1 when the socket is ready, 0 when the limit in seconds ran out, -1 with errno on a failure.
-    int WaitUntil(Readiness eReadiness, std::int32_t iTimeout) const;
+    int WaitUntil(Readiness eReadiness, int32_t iTimeout) const;
     template <typename ReceiveAnswer>
-    bool Exchange(const char* szPath, std::uint32_t uType, const void* pBody, std::uint64_t uLength,
-                  std::int32_t iTimeout, ReceiveAnswer receiveAnswer);
-    bool AwaitConnection(std::int32_t iTimeout) const;
+    bool Exchange(const char* szPath, uint32_t uType, const void* pBody, uint64_t uLength,
+                  int32_t iTimeout, ReceiveAnswer receiveAnswer);
+    bool AwaitConnection(int32_t iTimeout) const;
     bool SetBlocking(bool bBlocking) const;
     // The number of bytes that came before the peer closed or a failure, which is reported.
-    std::size_t Receive(std::uint8_t* pTarget, std::size_t uLength) const;
-    bool ReceiveHeader(tarn::secmgr::ResponseHeader& header, std::uint64_t* puSize,
-                       std::int32_t iTimeout) const;
+    std::size_t Receive(uint8_t* pTarget, std::size_t uLength) const;
+    bool ReceiveHeader(tarn::secmgr::ResponseHeader& header, uint64_t* puSize,
+                       int32_t iTimeout) const;
     // False unless all uTotal bytes came; what went wrong is reported.
-    bool ReceiveAll(std::uint8_t* pTarget, std::uint32_t uTotal) const;
+    bool ReceiveAll(uint8_t* pTarget, uint32_t uTotal) const;
     // The callback to report through: the owner's, or one that drops the report.
     LogCallback Report() const;
 
-    std::int32_t m_iSocket = -1;     // owned; -1 when closed
+    int32_t m_iSocket = -1;          // owned; -1 when closed
     LogCallback m_pfnLog = nullptr;  // borrowed
-    std::uint64_t m_uLogContext = 0;
+    uint64_t m_uLogContext = 0;
 };

@@ -15,25 +15,25 @@
 
 namespace tarn::secmgr {
 
-inline constexpr std::uint32_t kCommandAddQuarantineRules = 11;
-inline constexpr std::uint32_t kStatusAdded = 15;  // any other status is a refusal
+inline constexpr uint32_t kCommandAddQuarantineRules = 11;
+inline constexpr uint32_t kStatusAdded = 15;  // any other status is a refusal
 
 // Stands before each request.
 struct RequestHeader {
-    std::uint32_t command;
-    std::uint32_t bodyLength;  // bytes that follow this header
+    uint32_t command;
+    uint32_t bodyLength;  // bytes that follow this header
 };
 
 // Stands before each answer.
 struct ResponseHeader {
-    std::uint32_t status;
-    std::uint32_t bodyLength;  // bytes that follow, or the number of records for a list of records
+    uint32_t status;
+    uint32_t bodyLength;  // bytes that follow, or the number of records for a list of records
 };
 
 // The body of command 11 begins with this; the rule text and its terminating NUL follow.
 struct AddQuarantineRules {
-    std::uint32_t flags;    // the meaning lies with the security manager; events send 1
-    std::uint32_t issueId;  // of the event that asks for the rule
+    uint32_t flags;    // the meaning lies with the security manager; events send 1
+    uint32_t issueId;  // of the event that asks for the rule
 };
 
 static_assert(sizeof(RequestHeader) == 8);

@@ -19,14 +19,14 @@ std::string SemaphoreName(const char* szName) {
 
 }  // namespace
 
-EventQueue::EventQueue(const char* szName, std::int32_t iIndex, std::int32_t /*iIgnored*/)
+EventQueue::EventQueue(const char* szName, int32_t iIndex, int32_t /*iIgnored*/)
     : m_strSemName(SemaphoreName(szName)), m_iWriterSide(1) {
     AddPair(WRITER, szName, iIndex, false);
 }
 
-EventQueue::EventQueue(const char* szName, ForReader /*eSide*/, std::int32_t iCount)
+EventQueue::EventQueue(const char* szName, ForReader /*eSide*/, int32_t iCount)
     : m_strSemName(SemaphoreName(szName)), m_iWriterSide(0) {
-    for (std::int32_t iIndex = 0; iIndex < iCount; ++iIndex) {
+    for (int32_t iIndex = 0; iIndex < iCount; ++iIndex) {
         AddPair(READER, szName, iIndex, true);
     }
 }
@@ -38,8 +38,7 @@ EventQueue::~EventQueue() {
     }
 }
 
-void EventQueue::AddPair(ShmPipeRole eRole, const char* szName, std::int32_t iIndex,
-                         bool bRemoveStale) {
+void EventQueue::AddPair(ShmPipeRole eRole, const char* szName, int32_t iIndex, bool bRemoveStale) {
     const std::string strBase = tarn::paths::kEventQueueBase + (szName + std::to_string(iIndex));
     m_pairs.push_back(std::make_unique<ShmEventPipePair>(
         eRole, strBase.c_str(), kEventQueueSecondRingSize, kEventQueueFirstRingSize, bRemoveStale));

@@ -19,8 +19,8 @@
 #include "ring/shm_event_pipe.h"
 
 // File sizes in bytes of the two rings of each pair.
-inline constexpr std::uint32_t kEventQueueFirstRingSize = 0x800000;
-inline constexpr std::uint32_t kEventQueueSecondRingSize = 0x40000;
+inline constexpr uint32_t kEventQueueFirstRingSize = 0x800000;
+inline constexpr uint32_t kEventQueueSecondRingSize = 0x40000;
 
 class EventQueue {
   public:
@@ -28,10 +28,10 @@ class EventQueue {
     enum class ForReader { kTag };
 
     // A writer's queue: the one pair of this index. The last argument is ignored.
-    EventQueue(const char* szName, std::int32_t iIndex, std::int32_t iIgnored);
+    EventQueue(const char* szName, int32_t iIndex, int32_t iIgnored);
     // A reader's queue: one pair for each index below iCount. Removes the ring files of an earlier
     // run, so a reader that starts drops what was written before.
-    EventQueue(const char* szName, ForReader eSide, std::int32_t iCount);
+    EventQueue(const char* szName, ForReader eSide, int32_t iCount);
     // Closes rings and semaphore, and removes neither.
     ~EventQueue();
     EventQueue(const EventQueue&) = delete;
@@ -46,14 +46,14 @@ class EventQueue {
     // failed.
     int Destroy();
 
-    std::uint32_t m_uReserved = 0;                           // nothing uses it
-    std::uint32_t m_uPairCount = 0;                          // number of pairs
+    uint32_t m_uReserved = 0;                                // nothing uses it
+    uint32_t m_uPairCount = 0;                               // number of pairs
     std::vector<std::unique_ptr<ShmEventPipePair>> m_pairs;  // owned
     std::string m_strSemName;
-    sem_t* m_pSem = nullptr;     // null until Open; given back by the destructor
-    std::int32_t m_iWriterSide;  // 1 writer, 0 reader: whether Destroy leaves the semaphore
+    sem_t* m_pSem = nullptr;  // null until Open; given back by the destructor
+    int32_t m_iWriterSide;    // 1 writer, 0 reader: whether Destroy leaves the semaphore
     ShmReportCallback m_pfnLog = nullptr;  // the owner's; not passed on to the rings
 
   private:
-    void AddPair(ShmPipeRole eRole, const char* szName, std::int32_t iIndex, bool bRemoveStale);
+    void AddPair(ShmPipeRole eRole, const char* szName, int32_t iIndex, bool bRemoveStale);
 };

@@ -12,9 +12,9 @@
 
 #include "threads/cancellation.h"
 
-static_assert(std::atomic_ref<std::uint32_t>::is_always_lock_free,
+static_assert(std::atomic_ref<uint32_t>::is_always_lock_free,
               "a lock inside this process would not keep the other one out");
-static_assert(alignof(ShmRingHeader) >= std::atomic_ref<std::uint32_t>::required_alignment);
+static_assert(alignof(ShmRingHeader) >= std::atomic_ref<uint32_t>::required_alignment);
 
 namespace {
 
@@ -22,23 +22,23 @@ constexpr mode_t kFileMode = 0700;
 constexpr std::size_t kResetSyncBytes = 16;
 
 // Pairs with StoreRelease of the same word in the other process.
-std::uint32_t LoadAcquire(std::uint32_t& uWord) {
-    return std::atomic_ref<std::uint32_t>(uWord).load(std::memory_order_acquire);
+uint32_t LoadAcquire(uint32_t& uWord) {
+    return std::atomic_ref<uint32_t>(uWord).load(std::memory_order_acquire);
 }
 
 // Pairs with LoadAcquire of the same word in the other process.
-void StoreRelease(std::uint32_t& uWord, std::uint32_t uValue) {
-    std::atomic_ref<std::uint32_t>(uWord).store(uValue, std::memory_order_release);
+void StoreRelease(uint32_t& uWord, uint32_t uValue) {
+    std::atomic_ref<uint32_t>(uWord).store(uValue, std::memory_order_release);
 }
 
 // The side that stores an index needs no order to read its own last value back.
-std::uint32_t LoadOwn(std::uint32_t& uWord) {
-    return std::atomic_ref<std::uint32_t>(uWord).load(std::memory_order_relaxed);
+uint32_t LoadOwn(uint32_t& uWord) {
+    return std::atomic_ref<uint32_t>(uWord).load(std::memory_order_relaxed);
 }
 
 }  // namespace
 
-ShmEventPipe::ShmEventPipe(ShmPipeRole eRole, std::string strPath, std::uint32_t uFileSize)
+ShmEventPipe::ShmEventPipe(ShmPipeRole eRole, std::string strPath, uint32_t uFileSize)
     : m_eRole(eRole), m_strPath(std::move(strPath)), m_uSize(ShmRingRoundUp(uFileSize)) {}
 
 ShmEventPipe::~ShmEventPipe() {
@@ -135,7 +135,7 @@ bool ShmEventPipe::Open(bool bOption) {
     // Each side touches its own index only. The messages stay in place, so that a side that was
     // restarted carries on where it stopped.
     if (m_eRole == WRITER) {
-        const std::uint32_t uWrite = AdoptIndex(LoadOwn(m_pHeader->uWriteIndex));
+        const uint32_t uWrite = AdoptIndex(LoadOwn(m_pHeader->uWriteIndex));
         StoreRelease(m_pHeader->uWriteIndex, uWrite);
         StoreWord(uWrite, 0);
     } else {
@@ -195,7 +195,7 @@ bool ShmEventPipe::Destroy() {
 
 // The other process can write anything into an index word. One that is no index of this ring is
 // rounded up to a word and wrapped, at Open and at every later use alike.
-inline std::uint32_t ShmEventPipe::AdoptIndex(std::uint32_t uIndex) const {
+inline uint32_t ShmEventPipe::AdoptIndex(uint32_t uIndex) const {
     if (uIndex % kShmRingWordSize != 0 || uIndex >= m_uSize) [[unlikely]] {
         return ShmRingRoundUp(uIndex) % m_uSize;
     }
@@ -204,29 +204,29 @@ inline std::uint32_t ShmEventPipe::AdoptIndex(std::uint32_t uIndex) const {
 
 // At most two laps lie behind the longest message that a length word can tell of, and subtracting
 // them is several times cheaper than the division of a modulo.
-inline std::uint32_t ShmEventPipe::NextIndex(std::uint32_t uAt, std::uint32_t uLength) const {
-    std::uint64_t uNext = ShmRingRoundUp(std::uint64_t{uAt} + kShmRingWordSize + uLength);
+inline uint32_t ShmEventPipe::NextIndex(uint32_t uAt, uint32_t uLength) const {
+    uint64_t uNext = ShmRingRoundUp(uint64_t{uAt} + kShmRingWordSize + uLength);
     if (uNext >= m_uSize) {
         uNext -= m_uSize;
         if (uNext >= m_uSize) [[unlikely]] {
             uNext -= m_uSize;
         }
     }
-    return static_cast<std::uint32_t>(uNext);
+    return static_cast<uint32_t>(uNext);
 }
 
 // Length words and terminators need no order of their own: the index that covers them has it.
-inline std::uint32_t ShmEventPipe::LoadWord(std::uint32_t uAt) const {
-    return std::atomic_ref<std::uint32_t>(*reinterpret_cast<std::uint32_t*>(m_pData + uAt))
+inline uint32_t ShmEventPipe::LoadWord(uint32_t uAt) const {
+    return std::atomic_ref<uint32_t>(*reinterpret_cast<uint32_t*>(m_pData + uAt))
         .load(std::memory_order_relaxed);
 }
 
-inline void ShmEventPipe::StoreWord(std::uint32_t uAt, std::uint32_t uValue) {
-    std::atomic_ref<std::uint32_t>(*reinterpret_cast<std::uint32_t*>(m_pData + uAt))
+inline void ShmEventPipe::StoreWord(uint32_t uAt, uint32_t uValue) {
+    std::atomic_ref<uint32_t>(*reinterpret_cast<uint32_t*>(m_pData + uAt))
         .store(uValue, std::memory_order_relaxed);
 }
 
-inline ShmPipeResult ShmEventPipe::Claim(std::uint32_t uLength, Slot& slot) {
+inline ShmPipeResult ShmEventPipe::Claim(uint32_t uLength, Slot& slot) {
     if (m_eRole != WRITER) [[unlikely]] {
         if (m_pfnLog != nullptr) {
             m_pfnLog(m_szClass, "write", m_iInfoLevel, "Cannot write to READER pipe");
@@ -243,10 +243,10 @@ inline ShmPipeResult ShmEventPipe::Claim(std::uint32_t uLength, Slot& slot) {
         }
         return PIPE_ERROR;
     }
-    const std::uint32_t uRead = LoadAcquire(m_pHeader->uReadIndex);
-    const std::uint32_t uWrite = AdoptIndex(LoadOwn(m_pHeader->uWriteIndex));
+    const uint32_t uRead = LoadAcquire(m_pHeader->uReadIndex);
+    const uint32_t uWrite = AdoptIndex(LoadOwn(m_pHeader->uWriteIndex));
     // The read index only enters this sum and is never an offset, so any value of it is safe.
-    std::uint32_t uUsed = uWrite - uRead;
+    uint32_t uUsed = uWrite - uRead;
     if (uWrite < uRead) {
         uUsed += m_uSize;
     }
@@ -255,7 +255,7 @@ inline ShmPipeResult ShmEventPipe::Claim(std::uint32_t uLength, Slot& slot) {
     }
     // Strictly less, so that a full ring is never mistaken for an empty one. Deliberate: what needs
     // the whole ring is called full for ever and not refused; the peer draws the line at the size.
-    const std::uint64_t uNeed = ShmRingRoundUp(std::uint64_t{kShmRingWordSize} + uLength);
+    const uint64_t uNeed = ShmRingRoundUp(uint64_t{kShmRingWordSize} + uLength);
     if (m_uSize - uUsed <= uNeed) {
         return PIPE_FULL;
     }
@@ -268,9 +268,8 @@ inline ShmPipeResult ShmEventPipe::Claim(std::uint32_t uLength, Slot& slot) {
 }
 
 // Returns the ring offset behind the copy; the size of the ring where it ends at the end.
-inline std::uint32_t ShmEventPipe::CopyIn(std::uint32_t uAt, const void* pFrom,
-                                          std::uint32_t uLength) {
-    const std::uint32_t uRoom = m_uSize - uAt;
+inline uint32_t ShmEventPipe::CopyIn(uint32_t uAt, const void* pFrom, uint32_t uLength) {
+    const uint32_t uRoom = m_uSize - uAt;
     if (uLength <= uRoom) [[likely]] {
         std::memcpy(m_pData + uAt, pFrom, uLength);
         return uAt + uLength;
@@ -280,8 +279,8 @@ inline std::uint32_t ShmEventPipe::CopyIn(std::uint32_t uAt, const void* pFrom,
     return uLength - uRoom;
 }
 
-inline void ShmEventPipe::CopyOut(std::uint32_t uAt, void* pTo, std::uint32_t uLength) const {
-    const std::uint32_t uRoom = m_uSize - uAt;
+inline void ShmEventPipe::CopyOut(uint32_t uAt, void* pTo, uint32_t uLength) const {
+    const uint32_t uRoom = m_uSize - uAt;
     if (uLength <= uRoom) [[likely]] {
         std::memcpy(pTo, m_pData + uAt, uLength);
         return;
@@ -298,10 +297,10 @@ inline void ShmEventPipe::Publish(const Slot& slot) {
     StoreRelease(m_pHeader->uWriteIndex, slot.uNext);
 }
 
-ShmPipeResult ShmEventPipe::write(const void* pBuffer, const std::uint32_t* pLength) {
+ShmPipeResult ShmEventPipe::write(const void* pBuffer, const uint32_t* pLength) {
     // Deliberate: a length of 0 is let through here and below. It stands for no message, so the
     // reader stops there; the callers never send one, and a check would cost every message.
-    const std::uint32_t uLength = *pLength;
+    const uint32_t uLength = *pLength;
     Slot slot;
     const ShmPipeResult eResult = Claim(uLength, slot);
     if (eResult != PIPE_OK) {
@@ -315,10 +314,10 @@ ShmPipeResult ShmEventPipe::write(const void* pBuffer, const std::uint32_t* pLen
     return PIPE_OK;
 }
 
-ShmPipeResult ShmEventPipe::write(const iovec* pPieces, std::int32_t iCount) {
-    std::uint32_t uLength = 0;
-    for (std::int32_t i = 0; i < iCount; ++i) {
-        uLength += static_cast<std::uint32_t>(pPieces[i].iov_len);
+ShmPipeResult ShmEventPipe::write(const iovec* pPieces, int32_t iCount) {
+    uint32_t uLength = 0;
+    for (int32_t i = 0; i < iCount; ++i) {
+        uLength += static_cast<uint32_t>(pPieces[i].iov_len);
     }
     Slot slot;
     const ShmPipeResult eResult = Claim(uLength, slot);
@@ -326,13 +325,12 @@ ShmPipeResult ShmEventPipe::write(const iovec* pPieces, std::int32_t iCount) {
         return eResult;
     }
     StoreWord(slot.uAt, uLength);
-    std::uint32_t uAt = slot.uAt + kShmRingWordSize;
+    uint32_t uAt = slot.uAt + kShmRingWordSize;
     // A sum that has passed 32 bits promises fewer bytes than the pieces hold, and no more than it
     // promises may go in.
-    std::uint32_t uLeft = uLength;
-    for (std::int32_t i = 0; i < iCount && uLeft != 0; ++i) {
-        const auto uPiece =
-            static_cast<std::uint32_t>(std::min<std::size_t>(pPieces[i].iov_len, uLeft));
+    uint32_t uLeft = uLength;
+    for (int32_t i = 0; i < iCount && uLeft != 0; ++i) {
+        const auto uPiece = static_cast<uint32_t>(std::min<std::size_t>(pPieces[i].iov_len, uLeft));
         if (uPiece != 0) {
             uAt = CopyIn(uAt, pPieces[i].iov_base, uPiece);
             uLeft -= uPiece;
@@ -342,8 +340,8 @@ ShmPipeResult ShmEventPipe::write(const iovec* pPieces, std::int32_t iCount) {
     return PIPE_OK;
 }
 
-ShmPipeResult ShmEventPipe::read(void* pBuffer, std::uint32_t* pSize, std::uint32_t* pStatus) {
-    std::uint32_t uUnwanted = 0;
+ShmPipeResult ShmEventPipe::read(void* pBuffer, uint32_t* pSize, uint32_t* pStatus) {
+    uint32_t uUnwanted = 0;
     pStatus = pStatus != nullptr ? pStatus : &uUnwanted;
     if (m_eRole != READER) [[unlikely]] {
         if (m_pfnLog != nullptr) {
@@ -352,17 +350,17 @@ ShmPipeResult ShmEventPipe::read(void* pBuffer, std::uint32_t* pSize, std::uint3
         *pStatus = READ_WRONG_ROLE;
         return PIPE_ERROR;
     }
-    const std::uint32_t uCapacity = std::exchange(*pSize, 0);
+    const uint32_t uCapacity = std::exchange(*pSize, 0);
     *pStatus = READ_EMPTY;
     if (!m_bMapped) [[unlikely]] {
         return PIPE_ERROR;
     }
-    const std::uint32_t uRead = AdoptIndex(LoadOwn(m_pHeader->uReadIndex));
-    const std::uint32_t uWrite = AdoptIndex(LoadAcquire(m_pHeader->uWriteIndex));
+    const uint32_t uRead = AdoptIndex(LoadOwn(m_pHeader->uReadIndex));
+    const uint32_t uWrite = AdoptIndex(LoadAcquire(m_pHeader->uWriteIndex));
     if (uRead == uWrite) {
         return PIPE_NO_DATA;
     }
-    const std::uint32_t uLength = LoadWord(uRead);
+    const uint32_t uLength = LoadWord(uRead);
     if (uLength > m_uSize) [[unlikely]] {
         if (m_pfnLog != nullptr) {
             m_pfnLog(m_szClass, "read", m_iErrorLevel,
@@ -377,7 +375,7 @@ ShmPipeResult ShmEventPipe::read(void* pBuffer, std::uint32_t* pSize, std::uint3
     if (uLength == 0) [[unlikely]] {
         return PIPE_NO_DATA;
     }
-    const std::uint32_t uNext = NextIndex(uRead, uLength);
+    const uint32_t uNext = NextIndex(uRead, uLength);
     ShmPipeResult eResult = PIPE_OK;
     if (uLength > uCapacity) [[unlikely]] {
         if (m_pfnLog != nullptr) {

@@ -24,19 +24,19 @@
 
 #include "ring/shm_ring_format.h"
 
-enum ShmPipeRole : std::uint32_t {
+enum ShmPipeRole : uint32_t {
     READER = 0,
     WRITER = 1,
 };
 
-enum ShmPipeResult : std::int32_t {
+enum ShmPipeResult : int32_t {
     PIPE_OK = 0,
     PIPE_FULL = 1,     // write: no room now, nothing was changed
     PIPE_NO_DATA = 2,  // read: nothing was delivered
     PIPE_ERROR = 3,    // wrong role, not mapped, message larger than the ring, or bad length word
 };
 
-enum ShmReadStatus : std::uint32_t {
+enum ShmReadStatus : uint32_t {
     READ_OK = 0,
     READ_WRONG_ROLE = 1,
     READ_BAD_SIZE = 2,
@@ -47,7 +47,7 @@ enum ShmReadStatus : std::uint32_t {
 // Takes class name, method name, level, printf format and arguments. The result is not looked at.
 using ShmReportCallback
     [[gnu::format(printf, 4, 5)]] = int (*)(const char* szClass, const char* szMethod,
-                                            std::int64_t iLevel, const char* szFormat, ...);
+                                            int64_t iLevel, const char* szFormat, ...);
 
 class ShmEventPipe {
   public:
@@ -55,7 +55,7 @@ class ShmEventPipe {
     static inline const char* const m_szClass = "ShmEventPipe";
 
     // uFileSize in bytes, rounded up to a multiple of 4. Touches no file.
-    ShmEventPipe(ShmPipeRole eRole, std::string strPath, std::uint32_t uFileSize);
+    ShmEventPipe(ShmPipeRole eRole, std::string strPath, uint32_t uFileSize);
     // Closes. The file stays.
     ~ShmEventPipe();
     ShmEventPipe(const ShmEventPipe&) = delete;
@@ -79,48 +79,47 @@ class ShmEventPipe {
     // Delivers the oldest message. *pSize is the buffer's capacity going in and the message's
     // length coming out. A message larger than the buffer is lost; a bad length word costs all
     // that is pending. PIPE_OK, PIPE_NO_DATA or PIPE_ERROR, with the reason in *pStatus.
-    [[nodiscard]] ShmPipeResult read(void* pBuffer, std::uint32_t* pSize,
-                                     std::uint32_t* pStatus = nullptr);
+    [[nodiscard]] ShmPipeResult read(void* pBuffer, uint32_t* pSize, uint32_t* pStatus = nullptr);
 
     // Each puts one message into the ring: PIPE_OK, PIPE_FULL or PIPE_ERROR. A message of no bytes
     // is accepted and blocks the reader for good, so callers never send one. The gather form takes
     // the pieces in order and sums their lengths in 32 bits; iCount of 0 or less is no bytes.
-    [[nodiscard]] ShmPipeResult write(const void* pBuffer, const std::uint32_t* pLength);
-    [[nodiscard]] ShmPipeResult write(const iovec* pPieces, std::int32_t iCount);
+    [[nodiscard]] ShmPipeResult write(const void* pBuffer, const uint32_t* pLength);
+    [[nodiscard]] ShmPipeResult write(const iovec* pPieces, int32_t iCount);
 
     ShmPipeRole m_eRole;
     int m_iFd = -1;
     void* m_pMap = nullptr;  // start of the mapping
     std::string m_strPath;
-    std::uint32_t m_uSize;       // bytes: of the file until Open succeeds, of the ring from then on
+    uint32_t m_uSize;            // bytes: of the file until Open succeeds, of the ring from then on
     bool m_bOpenOption = false;  // inverse of Open's argument
     bool m_bMapped = false;      // the file is mapped
     bool m_bCreated = false;     // Create made the file
     std::byte* m_pData = nullptr;     // ring offset 0
     std::byte* m_pDataEnd = nullptr;  // behind the ring; for a debugger
     ShmRingHeader* m_pHeader = nullptr;
-    std::int64_t m_iErrorLevel = 1;        // level of the report of a bad length word
-    std::int64_t m_iInfoLevel = 0;         // level of every other report
+    int64_t m_iErrorLevel = 1;             // level of the report of a bad length word
+    int64_t m_iInfoLevel = 0;              // level of every other report
     ShmReportCallback m_pfnLog = nullptr;  // null: nothing is reported
 
   private:
     // Where a message goes: its own ring offset and that of the one behind it.
     struct Slot {
-        std::uint32_t uAt;
-        std::uint32_t uNext;
+        uint32_t uAt;
+        uint32_t uNext;
     };
 
     [[nodiscard]] bool OpenFile();
     void CloseDescriptor();
 
-    [[nodiscard]] std::uint32_t AdoptIndex(std::uint32_t uIndex) const;
-    [[nodiscard]] std::uint32_t NextIndex(std::uint32_t uAt, std::uint32_t uLength) const;
-    [[nodiscard]] std::uint32_t LoadWord(std::uint32_t uAt) const;
-    void StoreWord(std::uint32_t uAt, std::uint32_t uValue);
+    [[nodiscard]] uint32_t AdoptIndex(uint32_t uIndex) const;
+    [[nodiscard]] uint32_t NextIndex(uint32_t uAt, uint32_t uLength) const;
+    [[nodiscard]] uint32_t LoadWord(uint32_t uAt) const;
+    void StoreWord(uint32_t uAt, uint32_t uValue);
 
-    [[nodiscard]] ShmPipeResult Claim(std::uint32_t uLength, Slot& slot);
-    std::uint32_t CopyIn(std::uint32_t uAt, const void* pFrom, std::uint32_t uLength);
-    void CopyOut(std::uint32_t uAt, void* pTo, std::uint32_t uLength) const;
+    [[nodiscard]] ShmPipeResult Claim(uint32_t uLength, Slot& slot);
+    uint32_t CopyIn(uint32_t uAt, const void* pFrom, uint32_t uLength);
+    void CopyOut(uint32_t uAt, void* pTo, uint32_t uLength) const;
     void Publish(const Slot& slot);
 };
 
@@ -129,8 +128,8 @@ class ShmEventPipe {
 class ShmEventPipePair {
   public:
     // Sizes in bytes, the second ring's first. bRemoveStale removes files of an earlier run.
-    ShmEventPipePair(ShmPipeRole eRole, const char* szBaseName, std::uint32_t uSecondSize,
-                     std::uint32_t uFirstSize, bool bRemoveStale);
+    ShmEventPipePair(ShmPipeRole eRole, const char* szBaseName, uint32_t uSecondSize,
+                     uint32_t uFirstSize, bool bRemoveStale);
     // Closes the second ring, then the first.
     ~ShmEventPipePair();
     ShmEventPipePair(const ShmEventPipePair&) = delete;

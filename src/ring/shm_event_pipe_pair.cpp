@@ -17,9 +17,8 @@ std::string RingPath(const char* szBaseName, const char* szSuffix, bool bRemoveS
 }  // namespace
 
 // Deliberate: the second ring's size comes first, which is the order that the callers keep.
-ShmEventPipePair::ShmEventPipePair(ShmPipeRole eRole, const char* szBaseName,
-                                   std::uint32_t uSecondSize, std::uint32_t uFirstSize,
-                                   bool bRemoveStale)
+ShmEventPipePair::ShmEventPipePair(ShmPipeRole eRole, const char* szBaseName, uint32_t uSecondSize,
+                                   uint32_t uFirstSize, bool bRemoveStale)
     : m_eRole(eRole),
       m_aPipes{{{eRole, RingPath(szBaseName, kShmRingFirstSuffix, bRemoveStale), uFirstSize},
                 {eRole, RingPath(szBaseName, kShmRingSecondSuffix, bRemoveStale), uSecondSize}}} {}

@@ -18,8 +18,8 @@
 #include <type_traits>
 
 struct ShmRingHeader {
-    std::uint32_t uReadIndex;   // stored by the reader
-    std::uint32_t uWriteIndex;  // stored by the writer
+    uint32_t uReadIndex;   // stored by the reader
+    uint32_t uWriteIndex;  // stored by the writer
 };
 
 static_assert(sizeof(ShmRingHeader) == 8);
@@ -30,10 +30,10 @@ static_assert(std::is_standard_layout_v<ShmRingHeader>);
 static_assert(std::has_unique_object_representations_v<ShmRingHeader>);
 
 // Every index, length word and message start is aligned to a word.
-inline constexpr std::uint32_t kShmRingWordSize = 4;
-inline constexpr std::uint32_t kShmRingHeaderSize = sizeof(ShmRingHeader);
+inline constexpr uint32_t kShmRingWordSize = 4;
+inline constexpr uint32_t kShmRingHeaderSize = sizeof(ShmRingHeader);
 // The header and a ring of one word; a smaller file has no place for a terminator.
-inline constexpr std::uint32_t kShmRingSmallestFile = kShmRingHeaderSize + kShmRingWordSize;
+inline constexpr uint32_t kShmRingSmallestFile = kShmRingHeaderSize + kShmRingWordSize;
 
 // A pair is two ring files under one base name.
 inline constexpr const char* kShmRingFirstSuffix = "-0";

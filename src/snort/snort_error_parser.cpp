@@ -31,7 +31,7 @@ std::string BehindParenthesis(std::string_view line) {
 void ParseRulesError(std::string_view line, long* lineNumber, char* reason, int reasonSize) {
     const std::string piece = BehindParenthesis(line);
     size_t end = piece.find(')');
-    *lineNumber = static_cast<std::int32_t>(std::strtol(piece.substr(0, end).c_str(), nullptr, 10));
+    *lineNumber = static_cast<int32_t>(std::strtol(piece.substr(0, end).c_str(), nullptr, 10));
     while (end != std::string::npos && end + 1 < piece.size()) {
         const size_t begin = end + 1;
         end = piece.find(')', begin);

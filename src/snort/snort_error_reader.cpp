@@ -93,13 +93,13 @@ bool SnortErrorReader::ReadErrors(long timeoutSeconds) {
 
 bool SnortErrorReader::OpenFifo() {
     Log* const log = Log::GetInstance();
-    log->Write(5, "Opening file: %s", m_path.c_str());
+    log->Write(Log::kDebug, "Opening file: %s", m_path.c_str());
     m_fd = open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (m_fd < 0) {
         const int error = errno;
         // Deliberate: the next pass tries again at once, since the engine makes the FIFO a moment
         // after it has started the thread.
-        log->Write(1, "Open file error: %s, reason: %s", m_path.c_str(), strerror(error));
+        log->Write(Log::kError, "Open file error: %s, reason: %s", m_path.c_str(), strerror(error));
         return false;
     }
     // The base may close the descriptor under the stream, when a wait fails, and its number may be
@@ -110,11 +110,11 @@ bool SnortErrorReader::OpenFifo() {
     m_pFile.reset(fopencookie(this, "r", operations));
     if (m_pFile == nullptr) {
         const int error = errno;
-        log->Write(1, "fdopen error, reason: %s", strerror(error));
+        log->Write(Log::kError, "fdopen error, reason: %s", strerror(error));
         Close();
         return false;
     }
-    log->Write(5, "File is opened, waiting for Snort errors");
+    log->Write(Log::kDebug, "File is opened, waiting for Snort errors");
     return true;
 }
 
@@ -133,16 +133,17 @@ bool SnortErrorReader::ReadLine(std::string* line) {
         // that it stands on a FIFO.
         const int reason = feof(m_pFile.get()) != 0 ? ESPIPE : error;
         if (reason != ESPIPE) {
-            Log::GetInstance()->Write(1, "getline error, reason: %s", strerror(reason));
+            Log::GetInstance()->Write(Log::kError, "getline error, reason: %s", strerror(reason));
         } else if (Log::Passes(Log::kDebug)) {
-            Log::GetInstance()->Write(5, "Get EOF in SNORT stderr, please igore the reason: %s",
+            Log::GetInstance()->Write(Log::kDebug,
+                                      "Get EOF in SNORT stderr, please igore the reason: %s",
                                       strerror(reason));
         }
         m_pFile.reset();
         Close();
         return false;
     }
-    Log::GetInstance()->Write(5, "### Debug Snort stderr ### %s", buffer.text);
+    Log::GetInstance()->Write(Log::kDebug, "### Debug Snort stderr ### %s", buffer.text);
     line->assign(buffer.text, static_cast<size_t>(length));
     return true;
 }
@@ -150,19 +151,19 @@ bool SnortErrorReader::ReadLine(std::string* line) {
 bool SnortErrorReader::SendMessage(unsigned sleepSeconds) {
     Log* const log = Log::GetInstance();
     if (!m_pMsgComm->IsOpen() && m_pMsgComm->Open() < 0) {
-        log->Write(1, "Cannot open MsgComm");
+        log->Write(Log::kError, "Cannot open MsgComm");
         return false;
     }
     const int result = m_isError ? m_pMsgComm->SendErrorMessage(m_message.c_str())
                                  : m_pMsgComm->SendInfoMessage(m_message.c_str());
     if (result < 0) {
-        log->Write(2, "Send SNORT message failed, sleep and retry");
+        log->Write(Log::kWarning, "Send SNORT message failed, sleep and retry");
         m_pMsgComm->Close();
         const CancellationOn window;
         sleep(sleepSeconds);
         return false;
     }
-    log->Write(5, "Send SNORT message successfully");
+    log->Write(Log::kDebug, "Send SNORT message successfully");
     m_message.clear();
     return true;
 }
@@ -174,7 +175,7 @@ void SnortErrorReader::Process(const std::string& line) {
     Log* const log = Log::GetInstance();
     m_message = line;
     if (!line.starts_with("ERROR:")) {
-        log->Write(3, "[SNORT INFO] %s", m_message.c_str());
+        log->Write(Log::kInfo, "[SNORT INFO] %s", m_message.c_str());
         m_isError = false;
         return;
     }
@@ -184,7 +185,7 @@ void SnortErrorReader::Process(const std::string& line) {
         m_message = "No valid interface is selected in SNORT Configuration";
     }
     m_message = DescribeError(line);
-    log->Write(3, "[SNORT ERROR] %s", m_message.c_str());
+    log->Write(Log::kInfo, "[SNORT ERROR] %s", m_message.c_str());
     m_isError = true;
 }
 
@@ -197,13 +198,13 @@ std::string SnortErrorReader::DescribeError(const std::string& line) const {
     ParseSnortError(line.c_str(), &kind, &lineNumber, reason.data(), &reasonSize);
     switch (kind) {
         case kSnortErrorInRules:
-            log->Write(5, "[SNORT ERROR] SnortHandler::Process: Error in rules file");
+            log->Write(Log::kDebug, "[SNORT ERROR] SnortHandler::Process: Error in rules file");
             return DescribeRuleError(lineNumber, reason.data());
         case kSnortErrorInConfiguration:
-            log->Write(5, "[SNORT ERROR] SnortHandler::Process: Error in config file");
+            log->Write(Log::kDebug, "[SNORT ERROR] SnortHandler::Process: Error in config file");
             return std::string("ERROR in SNORT configuration. Reason: ") + reason.data();
         default:
-            log->Write(5, "[SNORT ERROR] SnortHandler::Process: Error occurred");
+            log->Write(Log::kDebug, "[SNORT ERROR] SnortHandler::Process: Error occurred");
             return std::string("ERROR in SNORT. Reason: ") + reason.data();
     }
 }
@@ -216,7 +217,8 @@ std::string SnortErrorReader::DescribeRuleError(long lineNumber, const char* rea
     int messageSize = kRuleMessageSize;
     if (LookupRuleByLine(m_rulesPath.c_str(), &lineNumber, sid.data(), &sidSize, message.data(),
                          &messageSize) != kRuleFound) {
-        log->Write(5, "[SNORT ERROR] SnortHandler::Process: Cannot find rule SID by line number %d",
+        log->Write(Log::kDebug,
+                   "[SNORT ERROR] SnortHandler::Process: Cannot find rule SID by line number %d",
                    static_cast<int>(lineNumber));
         return std::string("ERROR in SNORT rule. Error: ") + reason;
     }

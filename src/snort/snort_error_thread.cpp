@@ -28,7 +28,7 @@ int SnortErrorThread::Run() {
     const CancellationOff off;
     Log* const log = Log::GetInstance();
     const auto self = static_cast<unsigned long>(pthread_self());
-    log->Write(5, "Snort error thread %lu starting.", self);
+    log->Write(Log::kDebug, "Snort error thread %lu starting.", self);
     BindToCpu();
 
     // A stop that came before this line is lost, and the owner force-quits.
@@ -39,7 +39,7 @@ int SnortErrorThread::Run() {
         pthread_testcancel();
     }
     SnortErrorReader::ReleaseInstance();
-    log->Write(5, "Snort error thread %lu exiting", self);
+    log->Write(Log::kDebug, "Snort error thread %lu exiting", self);
     return kExitCode;
 }
 
@@ -50,10 +50,11 @@ void SnortErrorThread::BindToCpu() const {
     }
     const auto self = static_cast<unsigned long>(pthread_self());
     if (BindCallingThreadToCpu(m_cpu)) {
-        Log::GetInstance()->Write(5, "Assigned Snort error thread %lu to CPU %d", self, m_cpu);
-    } else {
-        Log::GetInstance()->Write(2, "Unable to assign Snort error thread %lu to CPU %d", self,
+        Log::GetInstance()->Write(Log::kDebug, "Assigned Snort error thread %lu to CPU %d", self,
                                   m_cpu);
+    } else {
+        Log::GetInstance()->Write(Log::kWarning,
+                                  "Unable to assign Snort error thread %lu to CPU %d", self, m_cpu);
     }
 }
 

@@ -62,8 +62,8 @@ bool SnortEventReader::ReadEvent(long timeoutSeconds) {
     U2Record record;
     record.type = header.type.HostOrder();
     record.length = header.length.HostOrder();
-    Log::GetInstance()->Write(5, "Got Snort event, Header: Type = %u, Length = %u", record.type,
-                              record.length);
+    Log::GetInstance()->Write(Log::kDebug, "Got Snort event, Header: Type = %u, Length = %u",
+                              record.type, record.length);
 
     // What a short record lacks of its type's fields reads as zeros. A long record is left as it
     // comes: the length is the sensor's word, and only the bytes that arrive are ever touched.
@@ -72,7 +72,8 @@ bool SnortEventReader::ReadEvent(long timeoutSeconds) {
     if (record.data == nullptr && needed > 0) {
         // Deliberate: the payload stays unread and is taken for headers. There is no mark in the
         // stream to find the next record by.
-        Log::GetInstance()->Write(1, "Unable to allocate memory: %u bytes", record.length);
+        Log::GetInstance()->Write(Log::kError, "Unable to allocate memory: %u bytes",
+                                  record.length);
         return false;
     }
     if (!ReadFully(record.data.get(), record.length)) {
@@ -86,16 +87,16 @@ bool SnortEventReader::ReadEvent(long timeoutSeconds) {
 }
 
 bool SnortEventReader::OpenFifo() {
-    Log::GetInstance()->Write(5, "Opening file: %s", m_path.c_str());
+    Log::GetInstance()->Write(Log::kDebug, "Opening file: %s", m_path.c_str());
     // Not blocking, since the open of a FIFO otherwise waits for its writer.
     m_fd = open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (m_fd == -1) {
         const int error = errno;
-        Log::GetInstance()->Write(1, "Open file error: %s, reason: %s", m_path.c_str(),
+        Log::GetInstance()->Write(Log::kError, "Open file error: %s, reason: %s", m_path.c_str(),
                                   strerror(error));
         return false;
     }
-    Log::GetInstance()->Write(5, "File is opened, waiting for Snort events");
+    Log::GetInstance()->Write(Log::kDebug, "File is opened, waiting for Snort events");
     return true;
 }
 
@@ -107,19 +108,20 @@ bool SnortEventReader::ReadFully(void* buffer, uint32_t length) {
             const int error = errno;
             // Deliberate: a record whose tail is not there yet is lost with the bytes read so far.
             // Waiting for the tail would hold the main thread for as long as its writer pleases.
-            Log::GetInstance()->Write(1, "Read event error, reason: %s", strerror(error));
+            Log::GetInstance()->Write(Log::kError, "Read event error, reason: %s", strerror(error));
             Close();
             return false;
         }
         if (count == 0) {
-            Log::GetInstance()->Write(5, "Read EOF in SNORT event");
+            Log::GetInstance()->Write(Log::kDebug, "Read EOF in SNORT event");
             Close();
             return false;
         }
         // Deliberate: measured against the whole, so that the last piece of a split record shows
         // too.
         if (static_cast<size_t>(count) != length) {
-            Log::GetInstance()->Write(2, "Partial event read: %d", static_cast<int>(count));
+            Log::GetInstance()->Write(Log::kWarning, "Partial event read: %d",
+                                      static_cast<int>(count));
         }
         done += static_cast<uint32_t>(count);
     }
@@ -142,7 +144,7 @@ void SnortEventReader::HandleRecord(U2Record record) {
                 std::make_unique<U2ExtraDataEvent>(record.data.release(), record.length));
             break;
         default:
-            Log::GetInstance()->Write(4, "Unsupported event type: %u\n", record.type);
+            Log::GetInstance()->Write(Log::kNotice, "Unsupported event type: %u\n", record.type);
             break;
     }
 }
@@ -157,7 +159,8 @@ void SnortEventReader::AddAlertEvent(std::unique_ptr<U2AlertEvent> event) {
 bool SnortEventReader::AssociatePacket(std::unique_ptr<U2PacketEvent> packet) {
     const uint32_t eventId = packet->eventId;
     if (!m_pending.IsEmpty() && m_pending.Newest().eventId == eventId) {
-        Log::GetInstance()->Write(5, "Associate alert event %u with packet event", eventId);
+        Log::GetInstance()->Write(Log::kDebug, "Associate alert event %u with packet event",
+                                  eventId);
         m_pending.Newest().event->SetPacket(packet.release());
         return true;
     }
@@ -189,7 +192,8 @@ bool SnortEventReader::AssociateExtraData(std::unique_ptr<U2ExtraDataEvent> extr
                 3, "Out of the range of pending events, position in pending events: %d", position);
         } else if (unsignedPosition < m_pending.Size() &&
                    m_pending.At(unsignedPosition).eventId == eventId) {
-            Log::GetInstance()->Write(5, "Associate alert event %u with extra data event", eventId);
+            Log::GetInstance()->Write(Log::kDebug, "Associate alert event %u with extra data event",
+                                      eventId);
             if (m_pending.At(unsignedPosition).event->SetExtraData(extra.get())) {
                 (void)extra.release();  // The alert has it now.
             }
@@ -207,7 +211,7 @@ bool SnortEventReader::SendToBridge(std::unique_ptr<U2AlertEvent> event) {
     if (event == nullptr) {
         return false;
     }
-    Log::GetInstance()->Write(5, "Sending event to event bridge");
+    Log::GetInstance()->Write(Log::kDebug, "Sending event to event bridge");
     if (Config::s_logLevel.load(std::memory_order_relaxed) > Log::kNotice) {
         event->Dump();
     }
@@ -215,7 +219,7 @@ bool SnortEventReader::SendToBridge(std::unique_ptr<U2AlertEvent> event) {
         (void)event.release();  // The bridge has it now, or has deleted it.
         return true;
     }
-    Log::GetInstance()->Write(2, "Unable to process event.");
+    Log::GetInstance()->Write(Log::kWarning, "Unable to process event.");
     return false;
 }
 

@@ -43,13 +43,13 @@ SnortReaderBase::~SnortReaderBase() {
 }
 
 bool SnortReaderBase::CreateFifo() {
-    Log::GetInstance()->Write(5, "Creating FIFO: %s", m_path.c_str());
+    Log::GetInstance()->Write(Log::kDebug, "Creating FIFO: %s", m_path.c_str());
     struct stat status;
     if (stat(m_path.c_str(), &status) != 0) {
         if (mkfifo(m_path.c_str(), 0666) != 0) {
             const int error = errno;
-            Log::GetInstance()->Write(1, "Cannot create FIFO: %s, reason: %s", m_path.c_str(),
-                                      strerror(error));
+            Log::GetInstance()->Write(Log::kError, "Cannot create FIFO: %s, reason: %s",
+                                      m_path.c_str(), strerror(error));
             return false;
         }
         return true;
@@ -61,7 +61,7 @@ bool SnortReaderBase::CreateFifo() {
             m_path.c_str());
         return false;
     }
-    Log::GetInstance()->Write(5, "FIFO: %s is already existed", m_path.c_str());
+    Log::GetInstance()->Write(Log::kDebug, "FIFO: %s is already existed", m_path.c_str());
     return true;
 }
 
@@ -74,9 +74,10 @@ int SnortReaderBase::WaitReadable(long timeoutSeconds) {
     // Deliberate: a signal costs the FIFO its descriptor, as a real failure does. The next read
     // attempt opens it again, so that there is one way of recovering and not two.
     if (error != EINTR) {
-        Log::GetInstance()->Write(1, "Select FDs error, reason: %s", strerror(error));
+        Log::GetInstance()->Write(Log::kError, "Select FDs error, reason: %s", strerror(error));
     } else if (Log::Passes(Log::kDebug)) {
-        Log::GetInstance()->Write(5, "Select interrupted by signal, reason: %s", strerror(error));
+        Log::GetInstance()->Write(Log::kDebug, "Select interrupted by signal, reason: %s",
+                                  strerror(error));
     }
     Close();
     return -1;

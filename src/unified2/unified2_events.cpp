@@ -119,7 +119,8 @@ U2PacketEvent::U2PacketEvent(void* recordBytes, uint32_t recordLength)
 
     // The difference wraps for a record shorter than its fixed part, which then never matches.
     if (recordLength - static_cast<uint32_t>(sizeof(record)) != claimed) {
-        vald::Log::GetInstance()->Write(2, "Packet length doesn't match to the receive payload");
+        vald::Log::GetInstance()->Write(vald::Log::kWarning,
+                                        "Packet length doesn't match to the receive payload");
     }
     const uint32_t held = BytesBehind(sizeof(record), recordLength);
     length = BelievedLength(claimed, held);
@@ -172,7 +173,8 @@ bool U2AlertEvent::SetExtraData(U2ExtraDataEvent* extra) {
             m_pHostname.reset(extra);
             return true;
         default:
-            vald::Log::GetInstance()->Write(3, "Unsupported ExtraData type receive from Snort");
+            vald::Log::GetInstance()->Write(vald::Log::kInfo,
+                                            "Unsupported ExtraData type receive from Snort");
             return false;
     }
 }

@@ -9,17 +9,17 @@
 
 namespace {
 
-thread_local std::uint64_t t_count = 0;
+thread_local uint64_t t_count = 0;
 thread_local bool t_nextFails = false;
 
 }  // namespace
 
-std::uint64_t AllocationCount() {
+uint64_t AllocationCount() {
     return t_count;
 }
 
 bool FailNextAllocation() {
-    const std::uint64_t before = t_count;
+    const uint64_t before = t_count;
     ::operator delete(::operator new(1));
     t_nextFails = t_count != before;
     return t_nextFails;

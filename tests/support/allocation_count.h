@@ -8,7 +8,7 @@
 #include <cstdint>
 
 // Calls of operator new so far. Stays 0 where a sanitizer has an allocator of its own.
-std::uint64_t AllocationCount();
+uint64_t AllocationCount();
 
 // The next call of operator new throws std::bad_alloc; those after it succeed again. False where a
 // sanitizer has an allocator of its own: nothing fails then.

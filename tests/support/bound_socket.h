@@ -18,7 +18,7 @@
 
 class BoundSocket {
   public:
-    using Bytes = std::vector<std::uint8_t>;
+    using Bytes = std::vector<uint8_t>;
 
     // The type is SOCK_DGRAM or SOCK_STREAM; the latter still has to listen.
     BoundSocket(int type, std::string path)

@@ -13,16 +13,16 @@
 
 namespace {
 
-std::uint32_t* WordPointer(unsigned char* file, std::uint32_t fileOffset) {
-    return reinterpret_cast<std::uint32_t*>(file + fileOffset);
+uint32_t* WordPointer(unsigned char* file, uint32_t fileOffset) {
+    return reinterpret_cast<uint32_t*>(file + fileOffset);
 }
 
-std::uint32_t Following(std::uint32_t offset, std::uint32_t length, std::uint32_t ring) {
-    std::uint64_t end = std::uint64_t{offset} + 4 + length;
+uint32_t Following(uint32_t offset, uint32_t length, uint32_t ring) {
+    uint64_t end = uint64_t{offset} + 4 + length;
     while (end % 4 != 0) {
         ++end;
     }
-    return static_cast<std::uint32_t>(end % ring);
+    return static_cast<uint32_t>(end % ring);
 }
 
 }  // namespace
@@ -36,7 +36,7 @@ IndependentRing::IndependentRing(const std::string& path) {
         }
         throw std::runtime_error("no ring file at " + path);
     }
-    m_fileBytes = static_cast<std::uint32_t>(status.st_size);
+    m_fileBytes = static_cast<uint32_t>(status.st_size);
     void* const map = mmap(nullptr, m_fileBytes, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
     close(descriptor);
     if (map == MAP_FAILED) {
@@ -50,20 +50,20 @@ IndependentRing::~IndependentRing() {
 }
 
 bool IndependentRing::Put(const std::vector<unsigned char>& message) {
-    const std::uint32_t ring = m_fileBytes - 8;
-    const auto length = static_cast<std::uint32_t>(message.size());
-    const std::uint32_t reader = __atomic_load_n(WordPointer(m_file, 0), __ATOMIC_ACQUIRE);
-    const std::uint32_t writer = __atomic_load_n(WordPointer(m_file, 4), __ATOMIC_RELAXED);
-    const std::uint32_t taken = writer >= reader ? writer - reader : ring - reader + writer;
-    const std::uint32_t wanted = (length + 3) / 4 * 4 + 4;
+    const uint32_t ring = m_fileBytes - 8;
+    const auto length = static_cast<uint32_t>(message.size());
+    const uint32_t reader = __atomic_load_n(WordPointer(m_file, 0), __ATOMIC_ACQUIRE);
+    const uint32_t writer = __atomic_load_n(WordPointer(m_file, 4), __ATOMIC_RELAXED);
+    const uint32_t taken = writer >= reader ? writer - reader : ring - reader + writer;
+    const uint32_t wanted = (length + 3) / 4 * 4 + 4;
     if (taken + wanted >= ring) {
         return false;
     }
-    const std::uint32_t body = writer + 4;
-    const std::uint32_t untilEnd = ring - body < length ? ring - body : length;
+    const uint32_t body = writer + 4;
+    const uint32_t untilEnd = ring - body < length ? ring - body : length;
     std::memcpy(m_file + 8 + body, message.data(), untilEnd);
     std::memcpy(m_file + 8, message.data() + untilEnd, length - untilEnd);
-    const std::uint32_t behind = Following(writer, length, ring);
+    const uint32_t behind = Following(writer, length, ring);
     __atomic_store_n(WordPointer(m_file, 8 + behind), 0, __ATOMIC_RELAXED);
     __atomic_store_n(WordPointer(m_file, 8 + writer), length, __ATOMIC_RELAXED);
     __atomic_store_n(WordPointer(m_file, 4), behind, __ATOMIC_RELEASE);
@@ -71,19 +71,19 @@ bool IndependentRing::Put(const std::vector<unsigned char>& message) {
 }
 
 bool IndependentRing::Take(std::vector<unsigned char>& message) {
-    const std::uint32_t ring = m_fileBytes - 8;
-    const std::uint32_t reader = __atomic_load_n(WordPointer(m_file, 0), __ATOMIC_RELAXED);
-    const std::uint32_t writer = __atomic_load_n(WordPointer(m_file, 4), __ATOMIC_ACQUIRE);
+    const uint32_t ring = m_fileBytes - 8;
+    const uint32_t reader = __atomic_load_n(WordPointer(m_file, 0), __ATOMIC_RELAXED);
+    const uint32_t writer = __atomic_load_n(WordPointer(m_file, 4), __ATOMIC_ACQUIRE);
     if (reader == writer) {
         return false;
     }
-    const std::uint32_t length = __atomic_load_n(WordPointer(m_file, 8 + reader), __ATOMIC_RELAXED);
+    const uint32_t length = __atomic_load_n(WordPointer(m_file, 8 + reader), __ATOMIC_RELAXED);
     if (length == 0 || length > ring - 8) {
         throw std::runtime_error("a length word of " + std::to_string(length) + " in the ring");
     }
     message.resize(length);
-    const std::uint32_t body = reader + 4;
-    const std::uint32_t untilEnd = ring - body < length ? ring - body : length;
+    const uint32_t body = reader + 4;
+    const uint32_t untilEnd = ring - body < length ? ring - body : length;
     std::memcpy(message.data(), m_file + 8 + body, untilEnd);
     std::memcpy(message.data() + untilEnd, m_file + 8, length - untilEnd);
     __atomic_store_n(WordPointer(m_file, 8 + reader), 0, __ATOMIC_RELAXED);
@@ -91,11 +91,11 @@ bool IndependentRing::Take(std::vector<unsigned char>& message) {
     return true;
 }
 
-std::uint32_t IndependentRing::Word(std::uint32_t fileOffset) const {
+uint32_t IndependentRing::Word(uint32_t fileOffset) const {
     return __atomic_load_n(WordPointer(m_file, fileOffset), __ATOMIC_ACQUIRE);
 }
 
-void IndependentRing::Poke(std::uint32_t fileOffset, std::uint32_t value) {
+void IndependentRing::Poke(uint32_t fileOffset, uint32_t value) {
     __atomic_store_n(WordPointer(m_file, fileOffset), value, __ATOMIC_RELEASE);
 }
 

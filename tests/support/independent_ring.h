@@ -23,13 +23,13 @@ class IndependentRing {
     bool Take(std::vector<unsigned char>& message);
 
     // A word of the file, for tests that look at it or poke it while no other side runs.
-    std::uint32_t Word(std::uint32_t fileOffset) const;
-    void Poke(std::uint32_t fileOffset, std::uint32_t value);
+    uint32_t Word(uint32_t fileOffset) const;
+    void Poke(uint32_t fileOffset, uint32_t value);
     // Every byte of the file.
     std::vector<unsigned char> Bytes() const;
     void Fill(unsigned char value);
 
   private:
     unsigned char* m_file = nullptr;
-    std::uint32_t m_fileBytes = 0;
+    uint32_t m_fileBytes = 0;
 };

@@ -27,8 +27,8 @@ class PacketLogDaemon {
     Datagram Take() const { return m_socket.Take(); }
 
     // Takes all that waits, and yields the types in order.
-    std::vector<std::uint32_t> TakeTypes() const {
-        std::vector<std::uint32_t> types;
+    std::vector<uint32_t> TakeTypes() const {
+        std::vector<uint32_t> types;
         for (Datagram datagram = Take(); !datagram.empty(); datagram = Take()) {
             types.push_back(WordAt(datagram, 0));
         }
@@ -47,29 +47,21 @@ class PacketLogCtrlIFPeer {
     static void SetDestination(PacketLogCtrlIF& control, const std::string& path) {
         control.SetDestination(path.c_str());
     }
-    static std::int32_t& Socket(PacketLogCtrlIF& control) { return control.m_iSocket; }
+    static int32_t& Socket(PacketLogCtrlIF& control) { return control.m_iSocket; }
     static const sockaddr_un& Address(const PacketLogCtrlIF& control) { return control.m_sockAddr; }
-    static std::uint32_t AddressLength(const PacketLogCtrlIF& control) {
-        return control.m_uSockAddrLen;
-    }
-    static std::int32_t RefCount() { return PacketLogCtrlIF::m_iRefCount; }
+    static uint32_t AddressLength(const PacketLogCtrlIF& control) { return control.m_uSockAddrLen; }
+    static int32_t RefCount() { return PacketLogCtrlIF::m_iRefCount; }
     static bool Exists() { return PacketLogCtrlIF::m_pInstance != nullptr; }
     static bool HasConnections() { return PacketLogCtrlIF::m_pConnHashMap != nullptr; }
 
-    static std::uint32_t LastFailTime(const PacketLogCtrlIF& c) { return c.m_uLastFailTime; }
-    static std::uint32_t LastFrameNotSent(const PacketLogCtrlIF& c) {
-        return c.m_uLastFrameNotSent;
-    }
-    static std::uint32_t RepeatConnections(const PacketLogCtrlIF& c) {
-        return c.m_uRepeatConnections;
-    }
-    static std::uint32_t InterfaceMask(const PacketLogCtrlIF& c) { return c.m_uLEInterfaceMask; }
-    static std::atomic<std::int32_t>& InterfaceCount(PacketLogCtrlIF& c, std::size_t interface) {
+    static uint32_t LastFailTime(const PacketLogCtrlIF& c) { return c.m_uLastFailTime; }
+    static uint32_t LastFrameNotSent(const PacketLogCtrlIF& c) { return c.m_uLastFrameNotSent; }
+    static uint32_t RepeatConnections(const PacketLogCtrlIF& c) { return c.m_uRepeatConnections; }
+    static uint32_t InterfaceMask(const PacketLogCtrlIF& c) { return c.m_uLEInterfaceMask; }
+    static std::atomic<int32_t>& InterfaceCount(PacketLogCtrlIF& c, std::size_t interface) {
         return c.m_aLEInterfaces.at(interface);
     }
-    static std::atomic<std::uint16_t>& NextCaptureId(PacketLogCtrlIF& c) {
-        return c.m_uNextCaptureId;
-    }
+    static std::atomic<uint16_t>& NextCaptureId(PacketLogCtrlIF& c) { return c.m_uNextCaptureId; }
 
     static LogControlMessage_CaptureSettings& RpcApplied(PacketLogCtrlIF& c) {
         return c.m_rpcApplied;
@@ -83,30 +75,18 @@ class PacketLogCtrlIFPeer {
     static LogControlMessage_CaptureSettings& DpcPending(PacketLogCtrlIF& c) {
         return c.m_dpcPending;
     }
-    static std::int32_t RpcEnabledPending(const PacketLogCtrlIF& c) {
-        return c.m_iRpcEnabledPending;
-    }
-    static std::int32_t RpcEnabledApplied(const PacketLogCtrlIF& c) {
-        return c.m_iRpcEnabledApplied;
-    }
-    static std::int32_t DpcEnabledPending(const PacketLogCtrlIF& c) {
-        return c.m_iDpcEnabledPending;
-    }
-    static std::int32_t DpcEnabledApplied(const PacketLogCtrlIF& c) {
-        return c.m_iDpcEnabledApplied;
-    }
+    static int32_t RpcEnabledPending(const PacketLogCtrlIF& c) { return c.m_iRpcEnabledPending; }
+    static int32_t RpcEnabledApplied(const PacketLogCtrlIF& c) { return c.m_iRpcEnabledApplied; }
+    static int32_t DpcEnabledPending(const PacketLogCtrlIF& c) { return c.m_iDpcEnabledPending; }
+    static int32_t DpcEnabledApplied(const PacketLogCtrlIF& c) { return c.m_iDpcEnabledApplied; }
 
-    static std::uint32_t EvidenceFormat(const PacketLogCtrlIF& c) { return c.m_uEvidenceFormat; }
-    static std::uint32_t EvidenceMaxFiles(const PacketLogCtrlIF& c) {
-        return c.m_uEvidenceMaxFiles;
-    }
-    static std::uint32_t EvidenceMaxKBytes(const PacketLogCtrlIF& c) {
-        return c.m_uEvidenceMaxKBytes;
-    }
-    static std::uint32_t EvidenceCount(const PacketLogCtrlIF& c) { return c.m_uEvidenceCount; }
-    static std::uint32_t EvidenceTimeout(const PacketLogCtrlIF& c) { return c.m_uEvidenceTimeout; }
-    static std::uint32_t BufferCtrlSize(const PacketLogCtrlIF& c) { return c.m_uBufferCtrlSize; }
-    static std::uint32_t SuppressSeconds(const PacketLogCtrlIF& c) { return c.m_uSuppressSeconds; }
+    static uint32_t EvidenceFormat(const PacketLogCtrlIF& c) { return c.m_uEvidenceFormat; }
+    static uint32_t EvidenceMaxFiles(const PacketLogCtrlIF& c) { return c.m_uEvidenceMaxFiles; }
+    static uint32_t EvidenceMaxKBytes(const PacketLogCtrlIF& c) { return c.m_uEvidenceMaxKBytes; }
+    static uint32_t EvidenceCount(const PacketLogCtrlIF& c) { return c.m_uEvidenceCount; }
+    static uint32_t EvidenceTimeout(const PacketLogCtrlIF& c) { return c.m_uEvidenceTimeout; }
+    static uint32_t BufferCtrlSize(const PacketLogCtrlIF& c) { return c.m_uBufferCtrlSize; }
+    static uint32_t SuppressSeconds(const PacketLogCtrlIF& c) { return c.m_uSuppressSeconds; }
 };
 
 }  // namespace PacketLogCtrl

@@ -21,14 +21,14 @@
 #include "support/stream_peer.h"
 #include "support/temp_dir.h"
 
-constexpr std::int32_t kLimit = 1;          // seconds, where the limit is meant to run out
-constexpr std::int32_t kPlentyOfTime = 60;  // where it is not
+constexpr int32_t kLimit = 1;          // seconds, where the limit is meant to run out
+constexpr int32_t kPlentyOfTime = 60;  // where it is not
 
 // The bytes 0, 1, 2 and so on.
 inline StreamPeer::Bytes Iota(std::size_t length) {
     StreamPeer::Bytes bytes(length);
     for (std::size_t i = 0; i < length; ++i) {
-        bytes[i] = static_cast<std::uint8_t>(i);
+        bytes[i] = static_cast<uint8_t>(i);
     }
     return bytes;
 }
@@ -50,9 +50,7 @@ class RequestClientTest : public testing::Test {
     using Bytes = StreamPeer::Bytes;
     using Session = StreamPeer::Session;
 
-    RequestClientTest() {
-        m_client.SetLog(&KeepReport, reinterpret_cast<std::uint64_t>(&m_reports));
-    }
+    RequestClientTest() { m_client.SetLog(&KeepReport, reinterpret_cast<uint64_t>(&m_reports)); }
 
     // A client that is connected to a stand-in with this script.
     void ConnectTo(StreamPeer::Script script) {
@@ -60,21 +58,21 @@ class RequestClientTest : public testing::Test {
         ASSERT_TRUE(m_client.Connect(m_path.c_str(), kPlentyOfTime));
     }
 
-    bool Receive(std::int32_t timeout = kPlentyOfTime) {
-        std::uint8_t* buffer = nullptr;
+    bool Receive(int32_t timeout = kPlentyOfTime) {
+        uint8_t* buffer = nullptr;
         const bool received = m_client.ReceiveResponse(&buffer, &m_size, timeout);
         m_response.reset(buffer);
         return received;
     }
-    bool ReceiveRecords(std::uint64_t recordSize) {
-        std::uint8_t* buffer = nullptr;
+    bool ReceiveRecords(uint64_t recordSize) {
+        uint8_t* buffer = nullptr;
         const bool received = m_client.ReceiveRecords(&buffer, &m_size, recordSize, kPlentyOfTime);
         m_response.reset(buffer);
         return received;
     }
     Bytes Response() const { return {m_response.get(), m_response.get() + m_size}; }
 
-    static void KeepReport(std::uint64_t context, std::uint32_t level, const char* format, ...)
+    static void KeepReport(uint64_t context, uint32_t level, const char* format, ...)
         __attribute__((format(printf, 3, 4))) {
         char text[256];
         va_list args;
@@ -90,6 +88,6 @@ class RequestClientTest : public testing::Test {
     std::vector<std::string> m_reports;
     std::unique_ptr<StreamPeer> m_peer;
     RequestClient m_client;
-    std::unique_ptr<std::uint8_t[], RequestClient::ResponseDeleter> m_response;
-    std::uint64_t m_size = 77;
+    std::unique_ptr<uint8_t[], RequestClient::ResponseDeleter> m_response;
+    uint64_t m_size = 77;
 };

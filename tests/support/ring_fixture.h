@@ -19,7 +19,7 @@ using Bytes = std::vector<unsigned char>;
 struct RingReport {
     std::string className;
     std::string method;
-    std::int64_t level;
+    int64_t level;
     std::string text;
     bool operator==(const RingReport&) const = default;
 };
@@ -29,7 +29,7 @@ class RingTest : public testing::Test {
     RingTest() { s_reports.clear(); }
 
     // A message of the given length whose bytes follow each other from `first`.
-    static Bytes Counting(std::uint32_t length, unsigned char first = 1) {
+    static Bytes Counting(uint32_t length, unsigned char first = 1) {
         Bytes message(length);
         for (unsigned char& byte : message) {
             byte = first++;
@@ -38,26 +38,26 @@ class RingTest : public testing::Test {
     }
 
     static ShmPipeResult Write(ShmEventPipe& pipe, const Bytes& message) {
-        const auto length = static_cast<std::uint32_t>(message.size());
+        const auto length = static_cast<uint32_t>(message.size());
         return pipe.write(message.data(), &length);
     }
 
     // What one read of a buffer of this capacity gives.
     struct Outcome {
         ShmPipeResult result;
-        std::uint32_t status;
+        uint32_t status;
         Bytes message;
         bool operator==(const Outcome&) const = default;
     };
-    static Outcome Read(ShmEventPipe& pipe, std::uint32_t capacity = 4096) {
+    static Outcome Read(ShmEventPipe& pipe, uint32_t capacity = 4096) {
         Outcome outcome{PIPE_OK, 99, Bytes(capacity)};
-        std::uint32_t size = capacity;
+        uint32_t size = capacity;
         outcome.result = pipe.read(outcome.message.data(), &size, &outcome.status);
         outcome.message.resize(size);
         return outcome;
     }
 
-    static int Remember(const char* className, const char* method, std::int64_t level,
+    static int Remember(const char* className, const char* method, int64_t level,
                         const char* format, ...) __attribute__((format(printf, 4, 5))) {
         char text[256];
         va_list arguments;

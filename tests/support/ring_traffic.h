@@ -15,23 +15,23 @@
 
 class RingTraffic {
   public:
-    explicit RingTraffic(std::uint32_t seed) : m_state(seed | 1U) {}
+    explicit RingTraffic(uint32_t seed) : m_state(seed | 1U) {}
 
     // The next message, of 8 to 600 bytes and now and then of up to `largest`.
-    const std::vector<unsigned char>& Next(std::uint32_t largest) {
-        const std::uint32_t dice = Random();
-        const std::uint32_t length =
+    const std::vector<unsigned char>& Next(uint32_t largest) {
+        const uint32_t dice = Random();
+        const uint32_t length =
             dice % 512 == 0 ? 8 + Random() % (largest - 7) : 8 + (dice >> 9U) % 593;
         m_message.resize(length);
-        const std::uint64_t filler = std::uint64_t{Random()} * 0x9E3779B97F4A7C15U;
+        const uint64_t filler = uint64_t{Random()} * 0x9E3779B97F4A7C15U;
         std::size_t at = 8;
-        for (std::uint64_t word = filler; at + 8 <= length; at += 8, word += filler) {
+        for (uint64_t word = filler; at + 8 <= length; at += 8, word += filler) {
             std::memcpy(&m_message[at], &word, 8);
         }
         for (; at < length; ++at) {
             m_message[at] = static_cast<unsigned char>(filler >> (at % 8 * 8));
         }
-        const std::uint32_t sum = Checksum(m_message);
+        const uint32_t sum = Checksum(m_message);
         std::memcpy(&m_message[0], &m_number, 4);
         std::memcpy(&m_message[4], &sum, 4);
         ++m_number;
@@ -39,40 +39,40 @@ class RingTraffic {
     }
 
     // Whether a received message is whole and is the one with this number.
-    static bool IsIntact(std::span<const unsigned char> message, std::uint32_t number) {
+    static bool IsIntact(std::span<const unsigned char> message, uint32_t number) {
         if (message.size() < 8) {
             return false;
         }
-        std::uint32_t sentNumber = 0;
-        std::uint32_t sentSum = 0;
+        uint32_t sentNumber = 0;
+        uint32_t sentSum = 0;
         std::memcpy(&sentNumber, &message[0], 4);
         std::memcpy(&sentSum, &message[4], 4);
         return sentNumber == number && sentSum == Checksum(message);
     }
 
   private:
-    std::uint32_t Random() {
+    uint32_t Random() {
         m_state ^= m_state << 13U;
         m_state ^= m_state >> 17U;
         m_state ^= m_state << 5U;
         return m_state;
     }
 
-    static std::uint32_t Checksum(std::span<const unsigned char> message) {
-        std::uint64_t sum = message.size();
+    static uint32_t Checksum(std::span<const unsigned char> message) {
+        uint64_t sum = message.size();
         std::size_t at = 8;
         for (; at + 8 <= message.size(); at += 8) {
-            std::uint64_t word = 0;
+            uint64_t word = 0;
             std::memcpy(&word, &message[at], 8);
             sum = (sum ^ word) * 0x100000001B3U;
         }
         for (; at < message.size(); ++at) {
             sum = (sum ^ message[at]) * 0x100000001B3U;
         }
-        return static_cast<std::uint32_t>(sum ^ (sum >> 32U));
+        return static_cast<uint32_t>(sum ^ (sum >> 32U));
     }
 
-    std::uint32_t m_state;
-    std::uint32_t m_number = 0;
+    uint32_t m_state;
+    uint32_t m_number = 0;
     std::vector<unsigned char> m_message;
 };

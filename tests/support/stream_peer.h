@@ -37,7 +37,7 @@ class StreamPeer {
         Bytes Read(std::size_t length) const {
             Bytes bytes;
             while (bytes.size() < length && AwaitInput()) {
-                std::uint8_t piece[4096];
+                uint8_t piece[4096];
                 const std::size_t rest = length - bytes.size();
                 const ssize_t got =
                     recv(m_fd, piece, rest < sizeof(piece) ? rest : sizeof(piece), 0);
@@ -53,7 +53,7 @@ class StreamPeer {
         Bytes ReadRequest() const {
             Bytes frame = Read(8);
             if (frame.size() == 8) {
-                std::uint32_t length = 0;
+                uint32_t length = 0;
                 std::memcpy(&length, frame.data() + 4, sizeof(length));
                 const Bytes body = Read(length);
                 frame.insert(frame.end(), body.begin(), body.end());
@@ -66,7 +66,7 @@ class StreamPeer {
         void Send(const Bytes& bytes) const {
             (void)send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);  // a client may be gone
         }
-        void SendWords(std::uint32_t first, std::uint32_t second) const {
+        void SendWords(uint32_t first, uint32_t second) const {
             Bytes bytes(8);
             std::memcpy(bytes.data(), &first, 4);
             std::memcpy(bytes.data() + 4, &second, 4);
@@ -110,7 +110,7 @@ class StreamPeer {
         : StreamPeer(std::move(path), std::vector<Script>{std::move(script)}) {}
 
     ~StreamPeer() {
-        const std::uint64_t one = 1;
+        const uint64_t one = 1;
         (void)!write(m_stop, &one, sizeof(one));
         m_thread.join();
         close(m_stop);

@@ -10,8 +10,8 @@
 #include <stdexcept>
 
 // The word at an offset. Throws std::out_of_range where the bytes do not reach.
-inline std::uint32_t WordAt(std::span<const std::uint8_t> bytes, std::size_t offset) {
-    std::uint32_t word = 0;
+inline uint32_t WordAt(std::span<const uint8_t> bytes, std::size_t offset) {
+    uint32_t word = 0;
     if (bytes.size() < sizeof(word) || offset > bytes.size() - sizeof(word)) {
         throw std::out_of_range("no whole word there");
     }

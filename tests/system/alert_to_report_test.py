@@ -37,7 +37,7 @@ class AlertToReport(harness.DaemonTest):
                     messages += self.crm.collect(fed - UNDER_WAY - len(messages))
         messages += self.crm.collect(fed - len(messages))
         self.assertEqual(self.crm.posts(), fed, "one post of the semaphore for each report")
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         self.assertIsNone(self.crm.read(), "a report too many")
         self.assert_clean_errors(daemon)
         lost = [message for message in harness.log_messages()
@@ -51,7 +51,7 @@ class AlertToReport(harness.DaemonTest):
         self.assertEqual(len(messages), len(alerts))
         for number, (message, alert) in enumerate(zip(messages, alerts)):
             expected = expected_message(alert, entries[alert.signature])
-            self.assertEqual(message, expected, f"alert {number}, event {alert.event_id}")
+            self.assertEqual(expected, message, f"alert {number}, event {alert.event_id}")
         return alerts
 
     def check_302(self, single):
@@ -60,7 +60,7 @@ class AlertToReport(harness.DaemonTest):
         harness.write_newer(harness.EVENT_CONFIG, events)
         entries = parse_event_file(events)
         alerts = self.check(stream, entries, single)
-        self.assertEqual(len(alerts), 302)
+        self.assertEqual(302, len(alerts))
         self.assertTrue(any(entries[alert.signature].with_raw and alert.packet for alert in alerts))
         self.assertTrue(any(alert.uri for alert in alerts))
         self.assertTrue(any(alert.host_name for alert in alerts))
@@ -81,7 +81,7 @@ class AlertToReport(harness.DaemonTest):
                                     ("DISPLAY:WithRaw", "DISPLAY:WithoutRaw")[place % 2])
                    for place, signature in enumerate(signatures)}
         harness.write_events(entries)
-        self.assertEqual(len(self.check(stream, entries, single)), 5675)
+        self.assertEqual(5675, len(self.check(stream, entries, single)))
 
     def test_the_5675_alerts_on_the_reader_thread(self):
         self.check_5675(single=1)

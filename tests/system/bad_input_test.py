@@ -32,7 +32,7 @@ class BadInput(harness.DaemonTest):
         alerts = alerts_of(b"".join(good_records))
         self.assertEqual(self.crm.collect(len(alerts)),
                          [expected_message(alert, ENTRY) for alert in alerts])
-        self.assertEqual(self.running.stop(), 0)
+        self.assertEqual(0, self.running.stop())
         self.assertIsNone(self.crm.read())
         self.assert_clean_errors(self.running)
 
@@ -87,7 +87,7 @@ class BadInput(harness.DaemonTest):
             self.feeder().write(frame(record_type, payload + b"\xff" * 100))
             message, = self.crm.collect(1)
             alert, = alerts_of(frame(record_type, payload))
-            self.assertEqual(message, expected_message(alert, ENTRY))
+            self.assertEqual(expected_message(alert, ENTRY), message)
         self.assert_still_reports()
 
     def test_a_shorter_alert_reads_as_zeros_behind_its_end(self):
@@ -96,12 +96,12 @@ class BadInput(harness.DaemonTest):
             self.feeder().write(frame(ALERT_IPV4, payload[:length]))
             message, = self.crm.collect(1)
             alert, = alerts_of(frame(ALERT_IPV4, payload[:length].ljust(60, b"\0")))
-            self.assertEqual(message, expected_message(alert, ENTRY), f"{length} bytes")
+            self.assertEqual(expected_message(alert, ENTRY), message, f"{length} bytes")
         self.assert_still_reports()
 
     def test_keeps_the_fault_of_an_unknown_signature_for_an_empty_alert(self):
         self.feeder().write(frame(ALERT_IPV4, b""))
-        self.assertEqual(self.running.wait(), -signal.SIGSEGV)
+        self.assertEqual(-signal.SIGSEGV, self.running.wait())
         harness.wait_log("Cannot get response setting for issue '0'")
 
     def test_an_empty_packet_finds_no_alert(self):
@@ -119,7 +119,7 @@ class BadInput(harness.DaemonTest):
         message, = self.crm.collect(1)
         alert, = alerts_of(build_alert(4, SIGNATURE, second=4)
                            + build_packet(4, b"short".ljust(64, b"\0")))
-        self.assertEqual(message, expected_message(alert, ENTRY))
+        self.assertEqual(expected_message(alert, ENTRY), message)
         self.assert_still_reports()
 
     def test_a_packet_that_claims_four_gibibytes(self):
@@ -140,7 +140,7 @@ class BadInput(harness.DaemonTest):
                          "Number of pending events: 1")
         message, = self.crm.collect(1)
         alert, = alerts_of(build_alert(10, SIGNATURE))
-        self.assertEqual(message, expected_message(alert, ENTRY))
+        self.assertEqual(expected_message(alert, ENTRY), message)
         self.assert_still_reports()
 
     def test_an_extra_data_record_longer_than_it_says(self):
@@ -149,7 +149,7 @@ class BadInput(harness.DaemonTest):
         self.feeder().write(alert + frame(EXTRA_DATA, payload + b"surplus"))
         message, = self.crm.collect(1)
         expected, = alerts_of(alert + frame(EXTRA_DATA, payload))
-        self.assertEqual(message, expected_message(expected, ENTRY))
+        self.assertEqual(expected_message(expected, ENTRY), message)
         self.assert_still_reports()
 
     def test_keeps_ending_at_a_blob_shorter_than_its_own_fields(self):
@@ -157,7 +157,7 @@ class BadInput(harness.DaemonTest):
         broken = bytearray(payload)
         struct.pack_into(">I", broken, 28, 7)
         self.feeder().write(frame(EXTRA_DATA, bytes(broken)))
-        self.assertEqual(self.running.wait(), -signal.SIGABRT)
+        self.assertEqual(-signal.SIGABRT, self.running.wait())
 
     def test_files_of_other_kinds(self):
         with open(os.environ["TARN_BINARY"], "rb") as file:

@@ -64,7 +64,7 @@ class FailingStarts(harness.DaemonTest):
             else:
                 self.fail_a_start(number, START_FAULTS[number % 4])
             self.assertFalse(harness.PID_FILE.exists(), f"round {number}")
-        self.assertEqual(self.daemon().ready().stop(), 0, "a good start after all of them")
+        self.assertEqual(0, self.daemon().ready().stop(), "a good start after all of them")
 
     def fail_a_start(self, number, fault):
         with fault():
@@ -91,7 +91,7 @@ class FailingStarts(harness.DaemonTest):
             daemon.end()
 
     def ends(self, daemon, number, began):
-        self.assertEqual(daemon.wait(), 4, f"round {number}:\n{daemon.errors()}"
+        self.assertEqual(4, daemon.wait(), f"round {number}:\n{daemon.errors()}"
                          + harness.log_text()[-3000:])
         self.assertLess(time.monotonic() - began, LIMIT, f"round {number}")
         self.assert_clean_errors(daemon)

@@ -54,7 +54,7 @@ class Lifecycle(harness.DaemonTest):
     def fails(self, *arguments, **options):
         """Runs a daemon that is to refuse its start; returns what came on standard error."""
         daemon = self.daemon(*arguments, **options)
-        self.assertEqual(daemon.wait(), 4)
+        self.assertEqual(4, daemon.wait())
         self.assert_clean_errors(daemon)
         return daemon.errors()
 
@@ -62,8 +62,8 @@ class Lifecycle(harness.DaemonTest):
         daemon = self.daemon().ready()
         harness.wait_log("File is opened, waiting for Snort events")
         daemon.idle()
-        self.assertEqual(PID_FILE.read_text(), f"{daemon.pid}\n")
-        self.assertEqual(daemon.stop(number), 0)
+        self.assertEqual(f"{daemon.pid}\n", PID_FILE.read_text())
+        self.assertEqual(0, daemon.stop(number))
         self.assertFalse(PID_FILE.exists())
         self.assert_clean_errors(daemon)
         self.assert_in_order([
@@ -90,7 +90,7 @@ class Lifecycle(harness.DaemonTest):
             "Number of Control Messages Skipped due to throttling: 0.",
             "tarn exiting",
         ], harness.log_messages())
-        self.assertEqual(harness.log_messages()[-1], "tarn exiting")
+        self.assertEqual("tarn exiting", harness.log_messages()[-1])
 
     def test_stops_on_a_termination_signal(self):
         self.check_stop(signal.SIGTERM, "Received TERM signal")
@@ -104,9 +104,9 @@ class Lifecycle(harness.DaemonTest):
     def test_tells_the_start_on_standard_error_and_the_end_in_the_system_log(self):
         daemon = self.daemon().ready()
         lines = daemon.errors().splitlines()
-        self.assertEqual(lines[0], "Notice: tarn starting")
+        self.assertEqual("Notice: tarn starting", lines[0])
         self.assertIn(lines[1:], ([], ["Warning: Unable to increase packet processing priority"]))
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         harness.wait_for(lambda: any("tarn exiting" in line for line in self.system_log.lines()),
                          "the last line in the system log")
         log = self.system_log.lines()
@@ -120,20 +120,20 @@ class Lifecycle(harness.DaemonTest):
         harness.write_config(debug__single=1)
         daemon = self.daemon().ready()
         harness.wait_for(lambda: daemon.threads() == 2, "main and the error thread")
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         self.assertNotIn("Want to start EVENT thread", harness.log_messages())
 
     def test_logs_no_step_of_the_start_above_the_level(self):
         harness.write_config(level=4)
         daemon = self.daemon()
         self.feeder()  # opens once the reader loop has
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         messages = harness.log_messages()
         self.assertRegex(messages[0], "^tarn base address: 0x[0-9a-f]+$")
         for step in ("Using config file", "Set CPU affinity", "Initializing Channel",
                      "Want to start", "Enter event reader loop...", "Terminate TaRN"):
             self.assertNotIn(step, harness.log_text())
-        self.assertEqual(messages[-1], "tarn exiting")
+        self.assertEqual("tarn exiting", messages[-1])
 
     def test_carries_its_marks(self):
         binary = Path(os.environ["TARN_BINARY"]).read_bytes()
@@ -143,17 +143,17 @@ class Lifecycle(harness.DaemonTest):
 
     def test_shows_its_usage(self):
         daemon = self.daemon("-h")
-        self.assertEqual(daemon.wait(), 0)
-        self.assertEqual(daemon.errors(), USAGE)
+        self.assertEqual(0, daemon.wait())
+        self.assertEqual(USAGE, daemon.errors())
 
     def test_shows_its_version(self):
         daemon = self.daemon("-v")
-        self.assertEqual(daemon.wait(), 0)
-        self.assertEqual(daemon.errors(), "tarn1.0.116.251\n")
+        self.assertEqual(0, daemon.wait())
+        self.assertEqual("tarn1.0.116.251\n", daemon.errors())
 
     def test_refuses_an_unknown_option(self):
-        self.assertEqual(self.fails("-x"), "Error: Unrecognized option: -x\n" + USAGE
-                         + "Info: tarn exiting\n")
+        self.assertEqual("Error: Unrecognized option: -x\n" + USAGE
+                         + "Info: tarn exiting\n", self.fails("-x"))
 
     def test_keeps_refusing_an_option_that_its_usage_names(self):
         for letter in "ms":
@@ -166,7 +166,7 @@ class Lifecycle(harness.DaemonTest):
 
     def test_ignores_a_file_name_that_looks_like_an_option(self):
         daemon = self.daemon("-c", "-x", "-n", "-y").ready()
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         self.assertIn(f"Using config file {CONFIG}, snort config file {EVENT_CONFIG}",
                       harness.log_messages())
 
@@ -174,15 +174,15 @@ class Lifecycle(harness.DaemonTest):
         CONFIG.rename("/etc/qor/other.conf")
         EVENT_CONFIG.rename("/etc/qor/other_event.conf")
         daemon = self.daemon("-c", "/etc/qor/other.conf", "-n", "/etc/qor/other_event.conf").ready()
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
 
     def test_refuses_a_second_copy(self):
         first = self.daemon().ready()
-        self.assertEqual(self.fails(), "Notice: tarn starting\n"
+        self.assertEqual("Notice: tarn starting\n"
                          f"Error: Process tarn with PID {first.pid} is already running. Exiting.\n"
-                         "Info: tarn exiting\n")
-        self.assertEqual(PID_FILE.read_text(), f"{first.pid}\n")
-        self.assertEqual(first.stop(), 0)
+                         "Info: tarn exiting\n", self.fails())
+        self.assertEqual(f"{first.pid}\n", PID_FILE.read_text())
+        self.assertEqual(0, first.stop())
 
     def test_starts_over_a_pid_file_that_names_nobody(self):
         for text in ("0\n", "nobody\n", "", "4194305\n"):
@@ -190,14 +190,14 @@ class Lifecycle(harness.DaemonTest):
                 PID_FILE.write_text(text)
                 harness.LOG.unlink(missing_ok=True)
                 daemon = self.daemon().ready()
-                self.assertEqual(PID_FILE.read_text(), f"{daemon.pid}\n")
-                self.assertEqual(daemon.stop(), 0)
+                self.assertEqual(f"{daemon.pid}\n", PID_FILE.read_text())
+                self.assertEqual(0, daemon.stop())
 
     def test_runs_on_without_a_pid_file(self):
         PID_FILE.mkdir()
         daemon = self.daemon().ready()
         self.assertIn(f"Warning: Unable to create PID file: {PID_FILE}\n", daemon.errors())
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         self.assertTrue(PID_FILE.is_dir())
 
     def test_refuses_a_missing_configuration(self):
@@ -221,7 +221,7 @@ class Lifecycle(harness.DaemonTest):
                 path.write_text("from the sensor")
                 self.fails()
                 self.assertIn(NOT_A_FIFO % path, harness.log_messages())
-                self.assertEqual(path.read_text(), "from the sensor")
+                self.assertEqual("from the sensor", path.read_text())
                 self.assertFalse(PID_FILE.exists())
                 path.unlink()
                 harness.LOG.unlink()
@@ -234,10 +234,10 @@ class Lifecycle(harness.DaemonTest):
                       harness.log_messages())
 
     def test_keeps_the_fifos_of_an_earlier_run(self):
-        self.assertEqual(self.daemon().ready().stop(), 0)
+        self.assertEqual(0, self.daemon().ready().stop())
         before = ALERT_FIFO.stat().st_ino
         harness.LOG.unlink()
-        self.assertEqual(self.daemon().ready().stop(), 0)
+        self.assertEqual(0, self.daemon().ready().stop())
         self.assertEqual(ALERT_FIFO.stat().st_ino, before)
         self.assertIn(f"FIFO: {ALERT_FIFO} is already existed", harness.log_messages())
 
@@ -252,27 +252,27 @@ class Lifecycle(harness.DaemonTest):
 
     def test_keeps_the_parents_number_in_the_pid_file_of_a_background_daemon(self):
         parent = self.daemon("-d")
-        self.assertEqual(parent.wait(), 0)
+        self.assertEqual(0, parent.wait())
         harness.wait_log(harness.READY)
         pid, = running_copies()
         self.assertNotEqual(pid, parent.pid)
-        self.assertEqual(PID_FILE.read_text(), f"{parent.pid}\n")
+        self.assertEqual(f"{parent.pid}\n", PID_FILE.read_text())
         self.assertEqual(os.getsid(pid), pid)
-        self.assertEqual(os.readlink(f"/proc/{pid}/cwd"), "/")
+        self.assertEqual("/", os.readlink(f"/proc/{pid}/cwd"))
         for descriptor in range(3):
-            self.assertEqual(os.readlink(f"/proc/{pid}/fd/{descriptor}"), "/dev/null")
+            self.assertEqual("/dev/null", os.readlink(f"/proc/{pid}/fd/{descriptor}"))
 
         # Nobody has that number any more, so a second copy starts.
         second = self.daemon()
         harness.wait_for(lambda: len(running_copies()) == 2 and PID_FILE.read_text()
                          == f"{second.pid}\n", "the second copy")
         harness.wait_log(harness.READY)
-        self.assertEqual(second.stop(), 0)
+        self.assertEqual(0, second.stop())
         os.kill(pid, signal.SIGTERM)
         harness.wait_for(lambda: not running_copies(), "the background daemon to stop")
 
     def test_keeps_resolving_a_relative_path_from_the_root_in_the_background(self):
-        self.assertEqual(self.daemon("-d", "-c", "tarn.conf", cwd=CONFIG.parent).wait(), 0)
+        self.assertEqual(0, self.daemon("-d", "-c", "tarn.conf", cwd=CONFIG.parent).wait())
         harness.wait_for(lambda: not running_copies(), "the daemon to give up")
         harness.wait_for(lambda: any('Cannot obtain file status for "tarn.conf".' in line
                                      for line in self.system_log.lines()), "its reason")
@@ -283,8 +283,8 @@ class Lifecycle(harness.DaemonTest):
         self.addCleanup(os.close, descriptor)
         os.set_inheritable(descriptor, True)
         daemon = self.daemon(pass_fds=(descriptor,)).ready()
-        self.assertEqual(daemon.descriptors().count("/dev/null"), 1, "standard input alone")
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(1, daemon.descriptors().count("/dev/null"), "standard input alone")
+        self.assertEqual(0, daemon.stop())
 
 
 if __name__ == "__main__":

@@ -118,14 +118,14 @@ class PacketLog(harness.DaemonTest):
         logged = {alert.signature for alert in alerts}
         self.feed(stream, lambda alert: alert.signature in logged,
                   lambda: len(logger.datagrams) - 1)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         logger.close()
-        self.assertEqual(logger.datagrams[0], bare(packet_logger.ENGINE_STARTING))
-        self.assertEqual(logger.datagrams[-1], bare(packet_logger.ENGINE_SHUTTING_DOWN))
+        self.assertEqual(bare(packet_logger.ENGINE_STARTING), logger.datagrams[0])
+        self.assertEqual(bare(packet_logger.ENGINE_SHUTTING_DOWN), logger.datagrams[-1])
         captures = logger.datagrams[1:-1]
         self.assertEqual(len(captures), len(alerts))
         for number, (capture, alert) in enumerate(zip(captures, alerts)):
-            self.assertEqual(capture, expected_capture(alert), f"capture {number}")
+            self.assertEqual(expected_capture(alert), capture, f"capture {number}")
         # The good-bye comes after the lines.
         self.assertEqual(counters(), (1 + len(alerts), 0, 0, 0))
         self.assert_clean_errors(daemon)
@@ -171,11 +171,11 @@ class PacketLog(harness.DaemonTest):
         daemon = self.daemon()
         logged = {alert.signature for alert in alerts}
         self.feed(stream, lambda alert: alert.signature in logged, lambda: len(lines) - 1)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         harness.wait_for(lambda: any("EngineShuttingDown" in line for line in lines[-1:]),
                          "the good-bye")
         process.send_signal(signal.SIGINT)
-        self.assertEqual(process.wait(harness.PATIENCE), 0, process.stderr.read())
+        self.assertEqual(0, process.wait(harness.PATIENCE), process.stderr.read())
         reader.join()
         self.assertEqual(len(lines), len(alerts) + 2)
 
@@ -187,7 +187,7 @@ class PacketLog(harness.DaemonTest):
         for signature in logged:
             expected = packets_of(alert for alert in alerts if alert.signature == signature)
             path = directory / f"event-{signature}.pcap"
-            self.assertEqual(pcap_packets(path) if path.exists() else [], expected)
+            self.assertEqual(expected, pcap_packets(path) if path.exists() else [])
 
     # --- a bad peer -------------------------------------------------------------------------------
 
@@ -199,11 +199,11 @@ class PacketLog(harness.DaemonTest):
         self.alert(feeder, 2, 1001, BY_CONNECTION)
         self.alert(feeder, 3, 1002, LOGGED, b"\0\xff" * 700)
         self.reports(3)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         logger.close()
         captures = logger.of_type(packet_logger.OFFENDING_PACKET)
-        self.assertEqual([capture[128:] for capture in captures], [b"\0\xff" * 700])
-        self.assertEqual(counters(), (2, 0, 0, 0))
+        self.assertEqual([b"\0\xff" * 700], [capture[128:] for capture in captures])
+        self.assertEqual((2, 0, 0, 0), counters())
 
     def test_an_absent_daemon_costs_failures_and_a_quiet_period_of_packet_time(self):
         harness.write_config(evidencelog__suppress=5)
@@ -212,12 +212,12 @@ class PacketLog(harness.DaemonTest):
         for event_id, second in enumerate((1000, 1001, 1004, 1005, 1006)):
             self.alert(feeder, event_id, second)
         self.reports(5)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         # 1000 and 1005 fail; the three between and after are skipped.
-        self.assertEqual(counters(), (6, 2, 0, 3))
-        self.assertEqual(harness.count_log(
+        self.assertEqual((6, 2, 0, 3), counters())
+        self.assertEqual(4, harness.count_log(
             "Error sending control message of type 4 to the packet logging daemon.  "
-            "Message: No such file or directory"), 4, "two tries for each that failed")
+            "Message: No such file or directory"), "two tries for each that failed")
 
     def test_a_daemon_that_comes_late_gets_what_comes_after_the_quiet_period(self):
         daemon = self.daemon().ready()
@@ -228,11 +228,11 @@ class PacketLog(harness.DaemonTest):
         self.alert(feeder, 2, 1004, data=b"in the quiet")
         self.alert(feeder, 3, 1005, data=b"after it")
         self.reports(2)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         logger.close()
         captures = logger.of_type(packet_logger.OFFENDING_PACKET)
-        self.assertEqual([capture[128:] for capture in captures], [b"after it"])
-        self.assertEqual(counters(), (4, 1, 0, 1))
+        self.assertEqual([b"after it"], [capture[128:] for capture in captures])
+        self.assertEqual((4, 1, 0, 1), counters())
 
     def test_a_daemon_that_is_killed_and_comes_back(self):
         harness.write_config(evidencelog__suppress=0)
@@ -247,11 +247,11 @@ class PacketLog(harness.DaemonTest):
         second = self.logger()
         self.alert(feeder, 3, 1002, data=b"second")
         self.reports(1)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         second.close()
-        self.assertEqual([capture[128:] for capture in first.of_type(4)], [b"first"])
-        self.assertEqual([capture[128:] for capture in second.of_type(4)], [b"second"])
-        self.assertEqual(counters(), (4, 1, 0, 0))
+        self.assertEqual([b"first"], [capture[128:] for capture in first.of_type(4)])
+        self.assertEqual([b"second"], [capture[128:] for capture in second.of_type(4)])
+        self.assertEqual((4, 1, 0, 0), counters())
 
     def test_a_full_socket_holds_nothing_up(self):
         harness.write_config(level=3, evidencelog__suppress=0)
@@ -262,7 +262,7 @@ class PacketLog(harness.DaemonTest):
         for event_id in range(count):
             self.alert(feeder, event_id, 1000 + event_id, data=bytes(1400))
         self.reports(count)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         attempted, failed, not_sent, throttled = counters()
         self.assertEqual((attempted, not_sent, throttled), (1 + count, 0, 0))
         self.assertGreater(failed, 0)
@@ -282,13 +282,13 @@ class PacketLog(harness.DaemonTest):
         feeder = self.feeder()
         self.alert(feeder, 2, 1001)
         self.reports(1)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         logger.close()
         types = [struct.unpack_from("<I", datagram)[0] for datagram in logger.datagrams]
-        self.assertEqual(types, [1, 4, 1, 4, 12])
+        self.assertEqual([1, 4, 1, 4, 12], types)
         settings = [struct.unpack_from("<3I", capture, 8) for capture in logger.of_type(4)]
-        self.assertEqual(settings, [packet_logger.SETTINGS, (0, 7, 9)])
-        self.assertEqual(counters(), (4, 0, 0, 0))
+        self.assertEqual([packet_logger.SETTINGS, (0, 7, 9)], settings)
+        self.assertEqual((4, 0, 0, 0), counters())
 
 
 if __name__ == "__main__":

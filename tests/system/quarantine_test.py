@@ -88,13 +88,13 @@ class Quarantine(harness.DaemonTest):
         record = self.alert(signature, **options)
         self.feed.write(record)
         entry = Entry(ENTRY.name, ENTRY.severity, ENTRY.rule, ENTRY.user_response, blocked)
-        self.assertEqual(self.crm.collect(1), [expected_message(alerts_of(record)[0], entry)])
+        self.assertEqual([expected_message(alerts_of(record)[0], entry)], self.crm.collect(1))
 
     def lines(self):
         return [line for line in log_messages() if line.startswith(SUBJECTS)]
 
     def finish(self):
-        self.assertEqual(self.running.stop(), 0)
+        self.assertEqual(0, self.running.stop())
         self.assertIsNone(self.crm.read(), "a report too many")
         self.assert_clean_errors(self.running)
 
@@ -102,7 +102,7 @@ class Quarantine(harness.DaemonTest):
         """One alert from start to stop: its report's status and all that was said of its rule."""
         self.start()
         self.report_of(blocked, signature)
-        self.assertEqual(self.lines(), [*BEGIN, *lines])
+        self.assertEqual([*BEGIN, *lines], self.lines())
         before = len(lines)
         self.finish()
         return self.lines()[len(BEGIN) + before:]
@@ -112,9 +112,9 @@ class Quarantine(harness.DaemonTest):
     def test_an_accepted_rule_is_one_frame_right_to_the_byte(self):
         manager = self.manager(ADDED)
         after = self.check(5, *trying(0), NOT_OPEN, OPENED, *ACCEPTED)
-        self.assertEqual(manager.frames, [rule_frame()])
-        self.assertEqual(manager.connections, 1)
-        self.assertEqual(after, [CLOSED], "the channel is closed with the bridge")
+        self.assertEqual([rule_frame()], manager.frames)
+        self.assertEqual(1, manager.connections)
+        self.assertEqual([CLOSED], after, "the channel is closed with the bridge")
 
     def test_the_frame_is_the_golden_one_but_for_its_text(self):
         golden = (TREE / "tests/golden/security_manager_add_rules.txt").read_text(encoding="utf-8")
@@ -131,8 +131,8 @@ class Quarantine(harness.DaemonTest):
         self.running.ready(2)
         self.feed = self.feeder()
         self.report_of(5)
-        self.assertEqual(manager.frames, [rule_frame()] * 3)
-        self.assertEqual(manager.connections, 1)
+        self.assertEqual([rule_frame()] * 3, manager.frames)
+        self.assertEqual(1, manager.connections)
         self.finish()
 
     def test_both_rules_of_an_entry_are_sent_in_order(self):
@@ -141,9 +141,9 @@ class Quarantine(harness.DaemonTest):
         self.report_of(5, TWO_RULES, source="2001:db8::1", destination="2001:db8::2")
         texts = [frame[16:-1].decode() for frame in manager.frames]
         end = "expires 2026-11-12T15:10:00Z"
-        self.assertEqual(texts, [
+        self.assertEqual([
             f"ipv6 intruder addr 2001:db8::1 tcp src port 0 dst port 80 {end}",
-            f"ipv6 victim addr 2001:db8::2 tcp src port 0 dst port 0 counter 5b {end}"])
+            f"ipv6 victim addr 2001:db8::2 tcp src port 0 dst port 0 counter 5b {end}"], texts)
         self.finish()
 
     def test_one_accepted_rule_of_two_is_enough(self):
@@ -151,7 +151,7 @@ class Quarantine(harness.DaemonTest):
             manager = SecurityManager(*words)
             self.start()
             self.report_of(5, TWO_RULES)
-            self.assertEqual(len(manager.frames), 2)
+            self.assertEqual(2, len(manager.frames))
             self.finish()
             manager.close()
 
@@ -159,16 +159,16 @@ class Quarantine(harness.DaemonTest):
         manager = self.manager(ADDED)
         self.start()
         self.report_of(0, PLAIN)
-        self.assertEqual(manager.connections, 0)
-        self.assertEqual(self.lines(), [])
+        self.assertEqual(0, manager.connections)
+        self.assertEqual([], self.lines())
         self.finish()
 
     def test_on_the_readers_thread_it_is_the_same(self):
         manager = self.manager(ADDED)
         self.start(debug__single=1)
         self.report_of(5)
-        self.assertEqual(self.lines(), [*BEGIN, *trying(0), NOT_OPEN, OPENED, *ACCEPTED])
-        self.assertEqual(manager.frames, [rule_frame()])
+        self.assertEqual([*BEGIN, *trying(0), NOT_OPEN, OPENED, *ACCEPTED], self.lines())
+        self.assertEqual([rule_frame()], manager.frames)
         self.finish()
 
     # --- how it can fail --------------------------------------------------------------------------
@@ -177,7 +177,7 @@ class Quarantine(harness.DaemonTest):
         manager = self.manager(struct.pack("=II", 3, 0))
         self.check(0, *trying(0), NOT_OPEN, OPENED, "DbtComm received response of size 8.",
                    "Failed to add quarantine rules: 3", GIVEN_UP)
-        self.assertEqual(manager.frames, [rule_frame()])
+        self.assertEqual([rule_frame()], manager.frames)
 
     def test_a_manager_that_is_not_there(self):
         missing = cannot_connect("No such file or directory")
@@ -202,30 +202,30 @@ class Quarantine(harness.DaemonTest):
         cut = ["Unexpected response length: 0", NO_RESPONSE, NO_REQUEST]
         self.check(0, *trying(0), NOT_OPEN, OPENED, *cut, RESET, CLOSED, OPENED, *trying(1), *cut,
                    GIVEN_UP)
-        self.assertEqual(manager.frames, [rule_frame()] * 2)
-        self.assertEqual(manager.connections, 2)
+        self.assertEqual([rule_frame()] * 2, manager.frames)
+        self.assertEqual(2, manager.connections)
 
     def test_an_answer_that_is_cut_short(self):
         manager = self.manager((ADDED[:5], "close"))
         cut = ["Unexpected response length: 5", NO_RESPONSE, NO_REQUEST]
         self.check(0, *trying(0), NOT_OPEN, OPENED, *cut, RESET, CLOSED, OPENED, *trying(1), *cut,
                    GIVEN_UP)
-        self.assertEqual(manager.frames, [rule_frame()] * 2)
+        self.assertEqual([rule_frame()] * 2, manager.frames)
 
     def test_an_answer_that_is_too_long(self):
         manager = self.manager(struct.pack("=III", 15, 4, 0))
         invalid = ["DbtComm received response of size 12.", INVALID]
         self.check(0, *trying(0), NOT_OPEN, OPENED, *invalid, RESET, CLOSED, OPENED, *trying(1),
                    *invalid, GIVEN_UP)
-        self.assertEqual(manager.frames, [rule_frame()] * 2)
-        self.assertEqual(manager.connections, 2)
+        self.assertEqual([rule_frame()] * 2, manager.frames)
+        self.assertEqual(2, manager.connections)
 
     def test_a_body_that_is_cut_short(self):
         manager = self.manager((struct.pack("=III", 15, 100, 0), "close"))
         invalid = ["DbtComm received response of size 12.", INVALID]
         self.check(0, *trying(0), NOT_OPEN, OPENED, *invalid, RESET, CLOSED, OPENED, *trying(1),
                    *invalid, GIVEN_UP)
-        self.assertEqual(len(manager.frames), 2)
+        self.assertEqual(2, len(manager.frames))
 
     def test_a_silent_manager_costs_two_time_limits(self):
         manager = self.manager(None)
@@ -234,13 +234,13 @@ class Quarantine(harness.DaemonTest):
         self.check(0, *trying(0), NOT_OPEN, OPENED, *silence, RESET, CLOSED, OPENED, *trying(1),
                    *silence, GIVEN_UP)
         self.assertGreaterEqual(time.monotonic() - started, 10.0)
-        self.assertEqual(manager.frames, [rule_frame()] * 2)
+        self.assertEqual([rule_frame()] * 2, manager.frames)
 
     def test_a_manager_that_answers_the_second_time(self):
         manager = self.manager((b"", "close"), ADDED)
         self.check(5, *trying(0), NOT_OPEN, OPENED, "Unexpected response length: 0", NO_RESPONSE,
                    NO_REQUEST, RESET, CLOSED, OPENED, *trying(1), *ACCEPTED)
-        self.assertEqual(manager.frames, [rule_frame()] * 2)
+        self.assertEqual([rule_frame()] * 2, manager.frames)
 
     def test_a_manager_that_refuses_the_second_time(self):
         manager = self.manager((b"", "close"), struct.pack("=II", 4, 0))
@@ -248,7 +248,7 @@ class Quarantine(harness.DaemonTest):
                    NO_REQUEST, RESET, CLOSED, OPENED, *trying(1),
                    "DbtComm received response of size 8.", "Failed to add quarantine rules: 4",
                    GIVEN_UP)
-        self.assertEqual(len(manager.frames), 2)
+        self.assertEqual(2, len(manager.frames))
 
     def test_a_send_that_fails_is_tried_again(self):
         manager = self.manager((ADDED, "close"), ADDED)
@@ -257,10 +257,10 @@ class Quarantine(harness.DaemonTest):
         wait_for(lambda: manager.closed == 1, "the manager to close")
         before = len(self.lines())
         self.report_of(5)
-        self.assertEqual(self.lines()[before:],
-                         [*BEGIN, *trying(0), "DbtComm failed to send command.", NO_REQUEST, RESET,
-                          CLOSED, OPENED, *trying(1), *ACCEPTED])
-        self.assertEqual(manager.frames, [rule_frame()] * 2)
+        self.assertEqual([*BEGIN, *trying(0), "DbtComm failed to send command.", NO_REQUEST, RESET,
+                          CLOSED, OPENED, *trying(1), *ACCEPTED],
+                         self.lines()[before:])
+        self.assertEqual([rule_frame()] * 2, manager.frames)
         self.finish()
 
     def test_a_manager_that_went_away_and_comes_back(self):
@@ -273,8 +273,8 @@ class Quarantine(harness.DaemonTest):
         before = len(self.lines())
         successor = self.manager(ADDED)
         self.report_of(5)
-        self.assertEqual(self.lines()[before:], [*BEGIN, *trying(0), NOT_OPEN, OPENED, *ACCEPTED])
-        self.assertEqual(successor.frames, [rule_frame()])
+        self.assertEqual([*BEGIN, *trying(0), NOT_OPEN, OPENED, *ACCEPTED], self.lines()[before:])
+        self.assertEqual([rule_frame()], successor.frames)
         self.finish()
 
     def test_keeps_a_failed_channel_marked_as_open(self):
@@ -284,9 +284,9 @@ class Quarantine(harness.DaemonTest):
         wait_for(lambda: manager.closed == 2, "the manager to close")
         before = len(self.lines())
         self.report_of(5)
-        self.assertEqual(self.lines()[before:],
-                         [*BEGIN, *trying(0), "DbtComm failed to send command.", NO_REQUEST, RESET,
-                          CLOSED, OPENED, *trying(1), *ACCEPTED])
+        self.assertEqual([*BEGIN, *trying(0), "DbtComm failed to send command.", NO_REQUEST, RESET,
+                          CLOSED, OPENED, *trying(1), *ACCEPTED],
+                         self.lines()[before:])
         self.finish()
 
     # --- while it fails ---------------------------------------------------------------------------
@@ -303,7 +303,7 @@ class Quarantine(harness.DaemonTest):
         rules = 1 + int((time.monotonic() - began) / 10)  # as many as two time limits each allow
         self.assertLessEqual(len(manager.frames), 2 * rules, "a rule was given up too early")
         started = time.monotonic()
-        self.assertEqual(self.running.stop(), 0)
+        self.assertEqual(0, self.running.stop())
         patience = 1 if "TARN_TEST_PATIENCE" not in os.environ else 10
         self.assertLess(time.monotonic() - started, 8 * patience)
         self.assert_clean_errors(self.running)

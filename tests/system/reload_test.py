@@ -56,7 +56,7 @@ class Reload(harness.DaemonTest):
             messages += came
         harness.wait_for(lambda: settled() == before, f"{before} again, not {settled()}")
         load.end()
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         self.assert_clean_errors(daemon)
 
         messages += self.crm.drain()
@@ -66,9 +66,9 @@ class Reload(harness.DaemonTest):
             self.assertGreater(number, last, "in order, and no alert twice")
             self.assertLess(number, load.written)
             (record_type, payload), = records(load.record(number))
-            self.assertEqual(message, expected_message(Alert(record_type, payload), entry))
+            self.assertEqual(expected_message(Alert(record_type, payload), entry), message)
             last = number
-        self.assertEqual(harness.count_log("Received HUP signal"), 51)
+        self.assertEqual(51, harness.count_log("Received HUP signal"))
 
     def test_goes_round_with_no_file_changed(self):
         daemon = self.daemon().ready()
@@ -76,9 +76,9 @@ class Reload(harness.DaemonTest):
         for message in ("EventBridge is initialized for multiple thread mode.",
                         "Want to start EVENT thread", f"Opening file: {ALERT_FIFO}"):
             harness.wait_log(message, 2)
-        self.assertEqual(harness.count_log(RELOADED), 0)
-        self.assertEqual(harness.count_log("Want to start ERROR thread"), 1)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, harness.count_log(RELOADED))
+        self.assertEqual(1, harness.count_log("Want to start ERROR thread"))
+        self.assertEqual(0, daemon.stop())
 
     def test_reads_the_configuration_again_only_when_its_time_differs(self):
         harness.write_config(evidencelog__suppress=4, evidencelog__maxfiles=21)
@@ -87,7 +87,7 @@ class Reload(harness.DaemonTest):
         CONFIG.write_text("tarn.evidencelog.suppress = 8\n")
         os.utime(CONFIG, ns=(times.st_atime_ns, times.st_mtime_ns))
         self.hang_up(daemon, 2)
-        self.assertEqual(harness.count_log(RELOADED), 0)
+        self.assertEqual(0, harness.count_log(RELOADED))
 
         # Backwards is a difference too. The key that has gone keeps its value, and the evidence
         # settings go to the packet log's interface again.
@@ -98,7 +98,7 @@ class Reload(harness.DaemonTest):
         self.assertIn("tarn.evidencelog.suppress = 8", reloaded)
         self.assertIn("tarn.evidencelog.maxfiles = 21", reloaded)
         self.assertIn("Log evidence throttling set to to 8 seconds.", messages)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
 
     def test_leaves_a_changed_file_alone_until_the_hangup(self):
         entry = Entry("First", 1, "rule", "DISPLAY:WithoutRaw")
@@ -110,7 +110,7 @@ class Reload(harness.DaemonTest):
         self.assertEqual(self.one_report(feeder, 1), self.expected(1, entry))
         self.hang_up(daemon, 2)
         self.assertEqual(self.one_report(self.feeder(), 2), self.expected(2, changed))
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
 
     def test_rebuilds_the_event_table(self):
         entry = Entry("Kept", 1, "rule", "DISPLAY:WithoutRaw")
@@ -120,27 +120,27 @@ class Reload(harness.DaemonTest):
         self.hang_up(daemon, 2)
         self.assertEqual(self.one_report(self.feeder(), 1, 9), self.expected(1, entry, 9))
         self.feeder().write(build_alert(2, 8))
-        self.assertEqual(daemon.wait(), -signal.SIGSEGV, "8 is unknown by now")
+        self.assertEqual(-signal.SIGSEGV, daemon.wait(), "8 is unknown by now")
 
     def test_reads_the_state_file_before_a_changed_file(self):
         daemon = self.daemon().ready()
         Path("/etc/qor/tarn.state").write_text("tarn.evidencelog.maxkbytes = 77\n")
         self.hang_up(daemon, 2)
-        self.assertEqual(harness.count_log("tarn.evidencelog.maxkbytes = 77"), 0)
+        self.assertEqual(0, harness.count_log("tarn.evidencelog.maxkbytes = 77"))
         harness.write_config()
         self.hang_up(daemon, 3)
-        self.assertEqual(harness.count_log("tarn.evidencelog.maxkbytes = 77"), 1)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(1, harness.count_log("tarn.evidencelog.maxkbytes = 77"))
+        self.assertEqual(0, daemon.stop())
 
     def test_applies_the_log_level_at_once(self):
         daemon = self.daemon().ready()
         harness.write_config(level=4)
         daemon.send(signal.SIGHUP)
         harness.wait_log(RELOADED)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         messages = harness.log_messages()
         self.assertNotIn("tarn.log.level = 4", messages, "the dump is a debug message")
-        self.assertEqual(messages.count(harness.READY), 1)
+        self.assertEqual(1, messages.count(harness.READY))
 
     def test_changes_the_crm_channel(self):
         entry = Entry("Moved", 1, "rule", "DISPLAY:WithoutRaw")
@@ -153,19 +153,19 @@ class Reload(harness.DaemonTest):
         self.feeder().write(build_alert(1, 7, second=1))
         self.assertEqual(other.collect(1), [self.expected(1, entry)])
         self.assertIsNone(self.crm.read())
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
 
     def test_changes_between_the_two_thread_modes(self):
         daemon = self.daemon().ready()
         harness.wait_for(lambda: daemon.threads() == 3, "both threads")
         harness.write_config(debug__single=1)
         self.hang_up(daemon, 2)
-        self.assertEqual(daemon.threads(), 2)
+        self.assertEqual(2, daemon.threads())
         harness.write_config(debug__single=0)
         self.hang_up(daemon, 3)
         harness.wait_for(lambda: daemon.threads() == 3, "the event thread again")
-        self.assertEqual(daemon.stop(), 0)
-        self.assertEqual(harness.count_log("EventBridge is initialized for single thread mode."), 1)
+        self.assertEqual(0, daemon.stop())
+        self.assertEqual(1, harness.count_log("EventBridge is initialized for single thread mode."))
 
     def test_keeps_the_error_thread_and_restarts_the_event_thread(self):
         daemon = self.daemon().ready()
@@ -174,8 +174,8 @@ class Reload(harness.DaemonTest):
         self.hang_up(daemon, 2)
         harness.wait_for(lambda: daemon.threads() == 3, "both threads")
         after = set(daemon.tasks())
-        self.assertEqual(len(before & after), 2, "main and the error thread")
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(2, len(before & after), "main and the error thread")
+        self.assertEqual(0, daemon.stop())
 
     def test_keeps_the_event_threads_processor(self):
         harness.write_config(engine__cpu=1)
@@ -190,8 +190,8 @@ class Reload(harness.DaemonTest):
         harness.write_config(engine__cpu=2)
         self.hang_up(daemon, 2)
         harness.wait_for(lambda: len(lines(assigned[0])) == 2, "the same object's binding")
-        self.assertEqual(lines(assigned[1]), [])
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual([], lines(assigned[1]))
+        self.assertEqual(0, daemon.stop())
 
     def test_leaves_the_open_log_and_the_main_threads_processor_alone(self):
         daemon = self.daemon().ready()
@@ -200,16 +200,16 @@ class Reload(harness.DaemonTest):
         self.hang_up(daemon, 2)
         harness.wait_log("tarn.log.file = /cache/qor/other.log")
         self.assertEqual(os.sched_getaffinity(daemon.pid), processors)
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         self.assertFalse(Path("/cache/qor/other.log").exists())
-        self.assertEqual(harness.log_files(), [harness.LOG], "no rotation at the new size")
+        self.assertEqual([harness.LOG], harness.log_files(), "no rotation at the new size")
 
     def test_leaves_the_pid_file_alone(self):
         daemon = self.daemon().ready()
         PID_FILE.write_text("left alone\n")
         self.hang_up(daemon, 2)
-        self.assertEqual(PID_FILE.read_text(), "left alone\n")
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual("left alone\n", PID_FILE.read_text())
+        self.assertEqual(0, daemon.stop())
         self.assertFalse(PID_FILE.exists())
 
     def test_drops_queued_events_and_replaces_a_thread_that_does_not_stop(self):
@@ -237,7 +237,7 @@ class Reload(harness.DaemonTest):
         manager.close()
         self.hang_up(daemon, 3)
         self.assertEqual(self.one_report(self.feeder(), 9), self.expected(9, entry))
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
 
     def test_keeps_losing_a_hangup_that_comes_while_the_engine_restarts(self):
         # A security manager that never answers holds the event thread for the whole of its join,
@@ -255,8 +255,8 @@ class Reload(harness.DaemonTest):
         daemon.send(signal.SIGHUP)
         harness.wait_log("Received HUP signal", 2)
         daemon.ready(2)
-        self.assertEqual(daemon.stop(), 0)
-        self.assertEqual(harness.count_log(harness.READY), 2, "one cycle came of both")
+        self.assertEqual(0, daemon.stop())
+        self.assertEqual(2, harness.count_log(harness.READY), "one cycle came of both")
 
     def test_releases_what_is_pending_when_the_hangup_interrupts_the_wait(self):
         entry = Entry("Pending", 1, "rule", "DISPLAY:WithoutRaw")
@@ -268,7 +268,7 @@ class Reload(harness.DaemonTest):
         harness.wait_for(daemon.main_thread_sleeps, "the reader to wait again")
         self.hang_up(daemon, 2)
         self.assertEqual(self.crm.drain(), [self.expected(1, entry)])
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
 
     def check_gone(self, path):
         daemon = self.daemon().ready().idle()
@@ -278,11 +278,11 @@ class Reload(harness.DaemonTest):
     def hang_up_and_fail(self, daemon, message):
         self.assertIsNone(daemon.process.poll(), "not before the hangup")
         daemon.send(signal.SIGHUP)
-        self.assertEqual(daemon.wait(), 4)
+        self.assertEqual(4, daemon.wait())
         messages = harness.log_messages()
         self.assertIn(message, messages)
         self.assertIn("Error thread is still alive. Force quit it.", messages)
-        self.assertEqual(messages[-1], "tarn exiting")
+        self.assertEqual("tarn exiting", messages[-1])
         self.assertFalse(PID_FILE.exists())
         self.assert_clean_errors(daemon)
 
@@ -304,7 +304,7 @@ class Reload(harness.DaemonTest):
         ALERT_FIFO.unlink()
         ALERT_FIFO.write_text("a file")
         daemon.send(signal.SIGHUP)
-        self.assertEqual(daemon.wait(), 4)
+        self.assertEqual(4, daemon.wait())
         self.assertIn("Error thread is still alive. Force quit it.", harness.log_messages())
         self.assert_clean_errors(daemon)
 

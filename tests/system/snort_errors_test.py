@@ -60,7 +60,7 @@ class SnortErrors(harness.DaemonTest):
 
     def stop_in_time(self, daemon, seconds):
         began = time.monotonic()
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(0, daemon.stop())
         self.assertLess(time.monotonic() - began, seconds + harness.PATIENCE / 6)
         self.assert_clean_errors(daemon)
 
@@ -106,7 +106,7 @@ class SnortErrors(harness.DaemonTest):
         queue = self.message_queue()
         self.end(snort)  # which lets go the lines that wait behind the first one
         for number in range(3):
-            self.assertEqual(queue.take(), (INFORMATION, f"line {number}\n"))
+            self.assertEqual((INFORMATION, f"line {number}\n"), queue.take())
 
         queue.close()
         before = harness.count_log(NOT_SENT)
@@ -115,8 +115,8 @@ class SnortErrors(harness.DaemonTest):
         harness.wait_log(NOT_SENT, before + 1)
         snort.write(b"line 4\n")
         queue = self.message_queue()
-        self.assertEqual(queue.take(), (INFORMATION, "line 3\n"))
-        self.assertEqual(queue.take(), (INFORMATION, "line 4\n"))
+        self.assertEqual((INFORMATION, "line 3\n"), queue.take())
+        self.assertEqual((INFORMATION, "line 4\n"), queue.take())
         self.assertIsNone(queue.take(0), "each once")
         self.stop_in_time(daemon, 2)
 
@@ -139,7 +139,7 @@ class SnortErrors(harness.DaemonTest):
         daemon = self.ready_daemon()
         snort = self.snort()
         snort.write(b"there\n")
-        self.assertEqual(queue.take(), (INFORMATION, "there\n"))
+        self.assertEqual((INFORMATION, "there\n"), queue.take())
         # The FIFO goes, which the thread notices when it opens it again.
         ERROR_FIFO.unlink()
         self.end(snort)
@@ -148,7 +148,7 @@ class SnortErrors(harness.DaemonTest):
         os.mkfifo(ERROR_FIFO)
         snort = self.snort()
         snort.write(b"there again\n")
-        self.assertEqual(queue.take(), (INFORMATION, "there again\n"))
+        self.assertEqual((INFORMATION, "there again\n"), queue.take())
         self.stop_in_time(daemon, 2)
 
     def test_stops_while_the_crm_is_missing(self):
@@ -179,7 +179,7 @@ class SnortErrors(harness.DaemonTest):
         daemon = self.ready_daemon()
         snort = self.snort()
         snort.write(b"before\n")
-        self.assertEqual(queue.take(), (INFORMATION, "before\n"))
+        self.assertEqual((INFORMATION, "before\n"), queue.take())
 
         tasks, descriptor = set(daemon.tasks()), self.descriptor(daemon)
         for cycle in range(2, 5):
@@ -190,11 +190,11 @@ class SnortErrors(harness.DaemonTest):
             self.assertGreaterEqual(len(tasks & set(daemon.tasks())), 2,
                                     "main and the error thread")
             snort.write(f"cycle {cycle}\n".encode())
-            self.assertEqual(queue.take(), (INFORMATION, f"cycle {cycle}\n"))
-        self.assertEqual(harness.count_log("Want to start ERROR thread"), 1)
-        self.assertEqual(harness.count_log(OPENED), 1)
+            self.assertEqual((INFORMATION, f"cycle {cycle}\n"), queue.take())
+        self.assertEqual(1, harness.count_log("Want to start ERROR thread"))
+        self.assertEqual(1, harness.count_log(OPENED))
         self.stop_in_time(daemon, 2)
-        self.assertEqual(harness.count_log("Error thread is running, stop it"), 1)
+        self.assertEqual(1, harness.count_log("Error thread is running, stop it"))
 
     def test_keeps_quitting_the_thread_by_force_when_the_termination_comes_within_a_hangup(self):
         # A security manager that never answers holds the event thread for the whole of its join,
@@ -212,12 +212,12 @@ class SnortErrors(harness.DaemonTest):
         daemon.send(signal.SIGHUP)
         harness.wait_log("EVENT thread is running, stop it")
         daemon.send(signal.SIGTERM)
-        self.assertEqual(daemon.wait(), 0)
+        self.assertEqual(0, daemon.wait())
         messages = harness.log_messages()
         self.assertIn("Event thread join timeout exceeded", messages)
         self.assertIn(STILL_ALIVE, messages)
         self.assertNotIn("Error thread is running, stop it", messages)
-        self.assertEqual(messages[-1], "tarn exiting")
+        self.assertEqual("tarn exiting", messages[-1])
         self.assert_clean_errors(daemon)
 
 

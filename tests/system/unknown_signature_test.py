@@ -14,20 +14,20 @@ class UnknownSignature(harness.DaemonTest):
         harness.write_events({7: Entry("Known", 1, "rule", "DISPLAY:WithoutRaw")})
         daemon = self.daemon().ready()
         self.feeder().write(build_alert(1, 78))
-        self.assertEqual(daemon.wait(), -signal.SIGSEGV)
+        self.assertEqual(-signal.SIGSEGV, daemon.wait())
 
         messages = harness.log_messages()
         first = messages.index("Cannot get response setting for issue '78'")
-        self.assertEqual(messages[first + 1],
-                         "Fail to look up Snort event 78 from TaRN rule configuration.")
+        self.assertEqual("Fail to look up Snort event 78 from TaRN rule configuration.",
+                         messages[first + 1])
         fault = messages.index("Received SEGV signal", first)
         self.assertRegex(messages[fault + 1], r"^Stacktrace \(([1-9]|10) frames\):$")
         frames = int(messages[fault + 1].split("(")[1].split()[0])
         self.assertEqual(len(messages), fault + 2 + frames, "one line a frame ends the log")
         self.assertNotIn("tarn exiting", messages)
         self.assertIsNone(self.crm.read(), "no report is sent")
-        self.assertEqual(self.crm.posts(), 0)
-        self.assertEqual(harness.PID_FILE.read_text(), f"{daemon.pid}\n", "the PID file stays")
+        self.assertEqual(0, self.crm.posts())
+        self.assertEqual(f"{daemon.pid}\n", harness.PID_FILE.read_text(), "the PID file stays")
 
     def test_ends_the_daemon_on_the_reader_thread(self):
         self.check(single=1)
@@ -39,8 +39,8 @@ class UnknownSignature(harness.DaemonTest):
         self.check(single=1)
         harness.LOG.unlink()
         daemon = self.daemon().ready()
-        self.assertEqual(harness.PID_FILE.read_text(), f"{daemon.pid}\n")
-        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(f"{daemon.pid}\n", harness.PID_FILE.read_text())
+        self.assertEqual(0, daemon.stop())
 
 
 if __name__ == "__main__":

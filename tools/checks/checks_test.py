@@ -53,14 +53,14 @@ class IncludeDirection(Tree):
 
     def assert_one_fault(self, text):
         faults = self.faults()
-        self.assertEqual(len(faults), 1, faults)
+        self.assertEqual(1, len(faults), faults)
         self.assertIn(text, faults[0])
 
     def test_lets_includes_point_downwards(self):
         self.header('low/a.h')
         self.header('middle/b.h', 'low/a.h')
         self.header('high/c.h', 'middle/b.h', 'low/a.h')
-        self.assertEqual(self.faults(), [])
+        self.assertEqual([], self.faults())
 
     def test_finds_an_include_that_points_upwards(self):
         self.header('middle/b.h')
@@ -70,7 +70,7 @@ class IncludeDirection(Tree):
     def test_lets_anyone_include_what_lies_at_the_top(self):
         self.header('paths.h')
         self.header('low/a.h', 'paths.h')
-        self.assertEqual(self.faults(), [])
+        self.assertEqual([], self.faults())
         self.header('paths.h', 'low/a.h')
         self.assert_one_fault('points upwards')
 
@@ -83,7 +83,7 @@ class IncludeDirection(Tree):
         self.header('low/a.h')
         self.header('low/x_format.h')
         self.header('low/y_format.h', 'low/x_format.h')
-        self.assertEqual(self.faults(), [])
+        self.assertEqual([], self.faults())
         self.header('low/y_format.h', 'low/a.h')
         self.assert_one_fault('may include formats only')
 
@@ -93,7 +93,7 @@ class IncludeDirection(Tree):
         self.tool('tarnctl/rules/r.h', 'tarnctl/common/c.h')
         self.tool('tarnctl/one/o.h', 'tarnctl/common/c.h', 'tarnctl/rules/r.h', 'low/a.h')
         self.tool('tarnctl/main.h', 'tarnctl/one/o.h')
-        self.assertEqual(self.faults(), [])
+        self.assertEqual([], self.faults())
 
     def test_finds_a_sub_command_that_includes_another(self):
         self.tool('tarnctl/one/o.h')
@@ -169,12 +169,12 @@ class FormatsAgainstPages(Tree):
 
     def assert_fault(self, page, text):
         result = self.run_on(page)
-        self.assertEqual(result.returncode, 1)
+        self.assertEqual(1, result.returncode)
         self.assertIn(text, result.stdout + result.stderr)
 
     def test_is_silent_where_page_and_compiler_agree(self):
         result = self.run_on(PAGE)
-        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        self.assertEqual(0, result.returncode, result.stdout + result.stderr)
         self.assertIn('1 tables, 3 fields compared', result.stdout)
 
     def test_finds_a_wrong_offset(self):
@@ -209,11 +209,11 @@ class FormatsAgainstPages(Tree):
     def test_takes_a_table_that_is_excused(self):
         extra = PAGE[PAGE.index('| Offset'):]
         page = PAGE + '\n<!-- unchecked: the bytes of a peer, no struct of ours -->\n\n' + extra
-        self.assertEqual(self.run_on(page).returncode, 0)
+        self.assertEqual(0, self.run_on(page).returncode)
 
     def test_reads_numbers_in_both_forms_and_nothing_else(self):
-        self.assertEqual(formats_against_pages.number_of('12'), 12)
-        self.assertEqual(formats_against_pages.number_of('`0x1c`'), 28)
+        self.assertEqual(12, formats_against_pages.number_of('12'))
+        self.assertEqual(28, formats_against_pages.number_of('`0x1c`'))
         self.assertIsNone(formats_against_pages.number_of('12 to 15'))
 
 

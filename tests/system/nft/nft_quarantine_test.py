@@ -221,25 +221,25 @@ class NftQuarantine(unittest.TestCase):
 
     def test_an_address_is_cut_off_and_another_is_not(self):
         manager = self.manager()
-        self.assertEqual(self.forwarded(), [True, True])
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT}"), ADDED)
-        self.assertEqual(self.forwarded(), [False, True])
+        self.assertEqual([True, True], self.forwarded())
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}"))
+        self.assertEqual([False, True], self.forwarded())
         status, output = manager.stop()
-        self.assertEqual(status, 0)
+        self.assertEqual(0, status)
         self.assertIn("  accepted  ", output)
-        self.assertEqual(self.forwarded(), [True, True], "--flush lets it flow again")
+        self.assertEqual([True, True], self.forwarded(), "--flush lets it flow again")
         self.assertNotIn("inet tarn", run(NFT, "list tables"))
 
     def test_ipv6_likewise(self):
         manager = self.manager()
-        self.assertEqual(manager.ask(f"ipv6 intruder addr {OUT6}"), ADDED)
-        self.assertEqual(self.forwarded((OUT6, OUT6_TOO), IN6), [False, True])
+        self.assertEqual(ADDED, manager.ask(f"ipv6 intruder addr {OUT6}"))
+        self.assertEqual([False, True], self.forwarded((OUT6, OUT6_TOO), IN6))
 
     def test_traffic_flows_again_after_the_end_though_the_manager_is_gone(self):
         manager = self.manager(flush=False)
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT}", 3), ADDED)
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}", 3))
         end = time.time() + 3
-        self.assertEqual(self.forwarded(), [False, True])
+        self.assertEqual([False, True], self.forwarded())
         manager.end()
         wait_for(lambda: self.forwarded() == [True, True], "the quarantine to end")
         self.assertGreater(time.time(), end - 1.1)
@@ -247,44 +247,44 @@ class NftQuarantine(unittest.TestCase):
 
     def test_a_later_end_holds(self):
         manager = self.manager()
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT}", 2), ADDED)
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}", 2))
         end = time.time() + 2
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT}", 600), ADDED)
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}", 600))
         wait_for(lambda: time.time() > end, "the first end to pass")
-        self.assertEqual(self.forwarded(), [False, True])
+        self.assertEqual([False, True], self.forwarded())
 
     def test_what_is_sent_to_the_sensor_is_cut_off(self):
         manager = self.manager()
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT}"), ADDED)
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}"))
         receiver = self.socket_in(None, socket.SOCK_DGRAM, SENSOR, PORT)
         senders = [self.socket_in(self.network.outside, socket.SOCK_DGRAM, source)
                    for source in (OUT, OUT_TOO)]
-        self.assertEqual(self.datagrams_cross(senders, receiver, (SENSOR, PORT)), [False])
+        self.assertEqual([False], self.datagrams_cross(senders, receiver, (SENSOR, PORT)))
 
     def test_what_the_sensor_sends_to_a_victim_is_cut_off(self):
         manager = self.manager()
-        self.assertEqual(manager.ask(f"ip victim addr {IN} udp src port 0 dst port {PORT}"), ADDED)
+        self.assertEqual(ADDED, manager.ask(f"ip victim addr {IN} udp src port 0 dst port {PORT}"))
         receivers = [self.socket_in(self.network.inside, socket.SOCK_DGRAM, IN, port)
                      for port in (PORT, OTHER_PORT)]
         sender = self.socket_in(None, socket.SOCK_DGRAM, SENSOR_IN)
         with self.assertRaises(PermissionError):
             sender.sendto(b"cut off", (IN, PORT))
         sender.sendto(b"passes", (IN, OTHER_PORT))
-        self.assertEqual(receivers[1].recv(100), b"passes")
+        self.assertEqual(b"passes", receivers[1].recv(100))
 
     def test_ports_protocol_and_both_addresses_count(self):
         manager = self.manager()
         rule = f"ip intruder addr {OUT} victim addr {IN} udp src port 5000 dst port {PORT}"
-        self.assertEqual(manager.ask(rule), ADDED)
-        self.assertEqual(self.forwarded(source_port=5000), [False, True])
-        self.assertEqual(self.forwarded(source_port=5001), [True, True])
-        self.assertEqual(self.forwarded(source_port=5000, port=OTHER_PORT), [True, True])
+        self.assertEqual(ADDED, manager.ask(rule))
+        self.assertEqual([False, True], self.forwarded(source_port=5000))
+        self.assertEqual([True, True], self.forwarded(source_port=5001))
+        self.assertEqual([True, True], self.forwarded(source_port=5000, port=OTHER_PORT))
 
     def test_another_protocol_is_not_cut_off(self):
         manager = self.manager()
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT} tcp src port 0 dst port 0"), ADDED)
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT_TOO} udp src port 0 dst port 0"), ADDED)
-        self.assertEqual(self.forwarded(), [True, False])
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT} tcp src port 0 dst port 0"))
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT_TOO} udp src port 0 dst port 0"))
+        self.assertEqual([True, False], self.forwarded())
 
     def test_a_tcp_connection_is_cut_off_in_the_middle(self):
         manager = self.manager()
@@ -296,18 +296,18 @@ class NftQuarantine(unittest.TestCase):
         self.addCleanup(server.close)
         server.settimeout(PATIENCE)
         client.sendall(b"before")
-        self.assertEqual(server.recv(100), b"before")
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT} tcp src port 0 dst port {PORT}"),
-                         ADDED)
+        self.assertEqual(b"before", server.recv(100))
+        self.assertEqual(ADDED,
+                         manager.ask(f"ip intruder addr {OUT} tcp src port 0 dst port {PORT}"))
         client.sendall(b"after")
-        self.assertEqual(self.forwarded(), [True, True], "and the path has been used since")
+        self.assertEqual([True, True], self.forwarded(), "and the path has been used since")
         server.setblocking(False)
         with self.assertRaises(BlockingIOError):
             server.recv(100)
 
     def test_icmp_type_and_code_count(self):
         manager = self.manager()
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT} icmp type 8 code 0"), ADDED)
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT} icmp type 8 code 0"))
         receiver = self.socket_in(self.network.inside, socket.SOCK_RAW, IN,
                                   protocol=socket.IPPROTO_ICMP)
         sender = self.socket_in(self.network.outside, socket.SOCK_RAW, OUT,
@@ -327,12 +327,12 @@ class NftQuarantine(unittest.TestCase):
     def test_a_counter_lets_so_many_bytes_a_second_pass(self):
         manager = self.manager()
         # A datagram of 8 bytes takes 36.
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT} counter 100b"), ADDED)
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT_TOO} counter 100000b"), ADDED)
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT} counter 100b"))
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT_TOO} counter 100000b"))
         crossed = self.forwarded((OUT,) * 20 + (OUT_TOO,) * 20)
         self.assertLess(sum(crossed[:20]), 20, "what is over is dropped")
-        self.assertEqual(crossed[:2], [True, True], "and what is not passes")
-        self.assertEqual(sum(crossed[20:]), 20, "each rule has a limit of its own")
+        self.assertEqual([True, True], crossed[:2], "and what is not passes")
+        self.assertEqual(20, sum(crossed[20:]), "each rule has a limit of its own")
 
     # --- what is refused --------------------------------------------------------------------------
 
@@ -344,12 +344,12 @@ class NftQuarantine(unittest.TestCase):
                        f"ip intruder addr {OUT} victim addr {IN}", "ip victim addr 127.0.0.1",
                        f"ip victim addr {SENSOR}", "ipv6 intruder addr 2001:db8:1::1",
                        "ipv6 intruder addr ::1"):
-            self.assertEqual(manager.ask(pieces), REFUSED, pieces)
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT}", -1), REFUSED)
+            self.assertEqual(REFUSED, manager.ask(pieces), pieces)
+        self.assertEqual(REFUSED, manager.ask(f"ip intruder addr {OUT}", -1))
         self.assertNotIn("set ", run(NFT, "list table inet tarn"))
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT}"), ADDED)
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}"))
         status, output = manager.stop()
-        self.assertEqual(status, 0)
+        self.assertEqual(0, status)
         self.assertIn("10.9.2.2 is never quarantined, as part of 10.9.2.0/24", output)
         self.assertIn("names no address", output)
         self.assertIn("its end has come already", output)
@@ -357,12 +357,12 @@ class NftQuarantine(unittest.TestCase):
 
     def test_a_second_manager_touches_nothing(self):
         manager = self.manager()
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT}"), ADDED)
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}"))
         second = subprocess.run([os.environ["TARNCTL_BINARY"], "secmgr", "--nft", "--flush"],
                                 check=False, capture_output=True, text=True)
-        self.assertEqual(second.returncode, 1)
+        self.assertEqual(1, second.returncode)
         self.assertIn("another receiver is there already", second.stderr)
-        self.assertEqual(self.forwarded(), [False, True])
+        self.assertEqual([False, True], self.forwarded())
 
     def test_every_shape_of_rule_is_taken(self):
         manager = self.manager()
@@ -378,13 +378,13 @@ class NftQuarantine(unittest.TestCase):
                           f" intruder addr {intruder} victim addr {victim}"):
                 for protocol in protocols:
                     for counter in ("", " counter 4294967295b"):
-                        self.assertEqual(manager.ask(word + where + protocol + counter), ADDED)
+                        self.assertEqual(ADDED, manager.ask(word + where + protocol + counter))
                         asked += 1
         self.assertIn(f"{asked} rules, {asked} accepted", (manager.stop(), manager.errors())[1])
 
     def test_an_end_far_away_is_taken(self):
         manager = self.manager()
-        self.assertEqual(manager.ask(f"ip intruder addr {OUT}", 200 * 365 * 86400), ADDED)
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}", 200 * 365 * 86400))
 
 
 def reexecuted():

@@ -23,20 +23,20 @@
 
 namespace {
 
-constexpr std::uint32_t kTenMillion = 10000000;
-constexpr std::uint32_t kFileSize = 0x40000;
-constexpr std::uint32_t kLargest = 60000;
-constexpr std::uint32_t kSeed = 4711;
+constexpr uint32_t kTenMillion = 10000000;
+constexpr uint32_t kFileSize = 0x40000;
+constexpr uint32_t kLargest = 60000;
+constexpr uint32_t kSeed = 4711;
 
-bool PipeWrites(const std::string& path, std::uint32_t messages) {
+bool PipeWrites(const std::string& path, uint32_t messages) {
     ShmEventPipe pipe(WRITER, path, kFileSize);
     if (!pipe.Open(true)) {
         return false;
     }
     RingTraffic traffic(kSeed);
-    for (std::uint32_t number = 0; number < messages; ++number) {
+    for (uint32_t number = 0; number < messages; ++number) {
         std::vector<unsigned char> message = traffic.Next(kLargest);
-        const auto length = static_cast<std::uint32_t>(message.size());
+        const auto length = static_cast<uint32_t>(message.size());
         const iovec pieces[] = {{message.data(), 8}, {message.data() + 8, length - 8}};
         const auto write = [&] {
             return number % 2 == 0 ? pipe.write(message.data(), &length) : pipe.write(pieces, 2);
@@ -53,15 +53,15 @@ bool PipeWrites(const std::string& path, std::uint32_t messages) {
     return true;
 }
 
-bool PipeReads(const std::string& path, std::uint32_t messages) {
+bool PipeReads(const std::string& path, uint32_t messages) {
     ShmEventPipe pipe(READER, path, kFileSize);
     if (!pipe.Open(true)) {
         return false;
     }
     std::vector<unsigned char> message(kLargest);
-    for (std::uint32_t number = 0; number < messages;) {
-        std::uint32_t size = kLargest;
-        std::uint32_t status = 0;
+    for (uint32_t number = 0; number < messages;) {
+        uint32_t size = kLargest;
+        uint32_t status = 0;
         if (pipe.read(message.data(), &size, &status) == PIPE_OK) {
             if (!RingTraffic::IsIntact({message.data(), size}, number++)) {
                 std::fprintf(stderr, "message %u is not the one that was sent\n", number - 1);
@@ -77,10 +77,10 @@ bool PipeReads(const std::string& path, std::uint32_t messages) {
     return true;
 }
 
-bool PeerWrites(const std::string& path, std::uint32_t messages) {
+bool PeerWrites(const std::string& path, uint32_t messages) {
     IndependentRing peer(path);
     RingTraffic traffic(kSeed);
-    for (std::uint32_t number = 0; number < messages; ++number) {
+    for (uint32_t number = 0; number < messages; ++number) {
         const std::vector<unsigned char>& message = traffic.Next(kLargest);
         while (!peer.Put(message)) {
             sched_yield();
@@ -89,10 +89,10 @@ bool PeerWrites(const std::string& path, std::uint32_t messages) {
     return true;
 }
 
-bool PeerReads(const std::string& path, std::uint32_t messages) {
+bool PeerReads(const std::string& path, uint32_t messages) {
     IndependentRing peer(path);
     std::vector<unsigned char> message;
-    for (std::uint32_t number = 0; number < messages; ++number) {
+    for (uint32_t number = 0; number < messages; ++number) {
         while (!peer.Take(message)) {
             sched_yield();
         }
@@ -104,9 +104,9 @@ bool PeerReads(const std::string& path, std::uint32_t messages) {
     return true;
 }
 
-using Side = bool (*)(const std::string& path, std::uint32_t messages);
+using Side = bool (*)(const std::string& path, uint32_t messages);
 
-[[noreturn]] void RunAndExit(Side side, const std::string& path, std::uint32_t messages) {
+[[noreturn]] void RunAndExit(Side side, const std::string& path, uint32_t messages) {
     try {
         _exit(side(path, messages) ? 0 : 1);
     } catch (const std::exception& error) {
@@ -117,7 +117,7 @@ using Side = bool (*)(const std::string& path, std::uint32_t messages);
 
 // Runs each side in a process of its own and returns whether both ended well. A side that fails
 // leaves the other one waiting, so the first to end decides for both.
-bool Exchange(const char* title, Side writer, Side reader, std::uint32_t messages) {
+bool Exchange(const char* title, Side writer, Side reader, uint32_t messages) {
     const std::string path =
         std::filesystem::temp_directory_path() / ("ring-exchange-" + std::to_string(getpid()));
     const auto start = std::chrono::steady_clock::now();
@@ -159,7 +159,7 @@ bool Exchange(const char* title, Side writer, Side reader, std::uint32_t message
 
 int main(int argc, char** argv) {
     const auto messages =
-        argc > 1 ? static_cast<std::uint32_t>(std::strtoul(argv[1], nullptr, 10)) : kTenMillion;
+        argc > 1 ? static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10)) : kTenMillion;
     bool sound = Exchange("pipe to peer", PipeWrites, PeerReads, messages);
     sound = Exchange("peer to pipe", PeerWrites, PipeReads, messages) && sound;
     return sound ? EXIT_SUCCESS : EXIT_FAILURE;

@@ -18,7 +18,7 @@ using ConfigDump = ConfigFixture;
 
 TEST_F(ConfigParseLine, LogsALineWithoutAnEqualsSign) {
     Config::ParseLine("  tarn.log.level \t", Config::kMainFile);
-    EXPECT_EQ(Config::s_logLevel, 3);
+    EXPECT_EQ(3, Config::s_logLevel);
     EXPECT_THAT(log.Messages(),
                 ElementsAre("Config file entry is missing value: 'tarn.log.level'"));
 }
@@ -36,12 +36,12 @@ TEST_F(ConfigParseLine, LogsTheLinesThatAreNoSettingAtLevelTwo) {
     vald::Log::SetLevel(2);
     Config::ParseLine("word", Config::kMainFile);
     Config::ParseLine("=3", Config::kMainFile);
-    EXPECT_EQ(log.Messages().size(), 2U);
+    EXPECT_EQ(2U, log.Messages().size());
 }
 
 TEST_F(ConfigParseLine, ReadsAnEmptyValueAsZero) {
     Config::ParseLine("tarn.log.level=", Config::kMainFile);
-    EXPECT_EQ(Config::s_logLevel, 0);
+    EXPECT_EQ(0, Config::s_logLevel);
     EXPECT_THAT(log.Messages(), IsEmpty());
 }
 
@@ -49,44 +49,44 @@ TEST_F(ConfigParseLine, IgnoresEmptyLinesAndComments) {
     for (const char* line : {"", " \t", "# tarn.log.level = 1", "\t # tarn.log.level = 1"}) {
         Config::ParseLine(line, Config::kMainFile);
     }
-    EXPECT_EQ(Config::s_logLevel, 3);
+    EXPECT_EQ(3, Config::s_logLevel);
     EXPECT_THAT(log.Messages(), IsEmpty());
 }
 
 TEST_F(ConfigParseLine, StripsBlanksAndTabsAroundNameAndValue) {
     Config::ParseLine("\t tarn.log.file \t=\t /a path/log \t", Config::kMainFile);
-    EXPECT_EQ(Config::s_logFile, "/a path/log");
+    EXPECT_EQ("/a path/log", Config::s_logFile);
 }
 
 TEST_F(ConfigParseLine, KeepsASecondEqualsSignInTheValue) {
     Config::ParseLine("tarn.log.file = /a=b", Config::kMainFile);
-    EXPECT_EQ(Config::s_logFile, "/a=b");
+    EXPECT_EQ("/a=b", Config::s_logFile);
 }
 
 TEST_F(ConfigParseLine, KeepsANumberSignInTheValue) {
     Config::ParseLine("tarn.log.file = x # y", Config::kMainFile);
-    EXPECT_EQ(Config::s_logFile, "x # y");
+    EXPECT_EQ("x # y", Config::s_logFile);
 }
 
 TEST_F(ConfigParseLine, KeepsACarriageReturnInTheValue) {
     Config::ParseLine("tarn.log.file = /log\r", Config::kMainFile);
     Config::ParseLine("tarn.log.level = 5\r", Config::kMainFile);
-    EXPECT_EQ(Config::s_logFile, "/log\r");
-    EXPECT_EQ(Config::s_logLevel, 5);
+    EXPECT_EQ("/log\r", Config::s_logFile);
+    EXPECT_EQ(5, Config::s_logLevel);
 }
 
 TEST_F(ConfigParseLine, SetsNothingForAnotherKindOfFile) {
     Config::ParseLine("tarn.log.level = 5", 2);
     Config::ParseLine("se.7.msg = seven", 2);
-    EXPECT_EQ(Config::s_logLevel, 3);
-    EXPECT_EQ(Config::s_eventTable.PendingId(), 0U);
+    EXPECT_EQ(3, Config::s_logLevel);
+    EXPECT_EQ(0U, Config::s_eventTable.PendingId());
 }
 
 TEST_F(ConfigParseLine, PassesEachKindToItsOwnKeys) {
     Config::ParseLine("tarn.log.level = 5", Config::kEventFile);
     Config::ParseLine("se.7.msg = seven", Config::kMainFile);
-    EXPECT_EQ(Config::s_logLevel, 3);
-    EXPECT_EQ(Config::s_eventTable.PendingId(), 0U);
+    EXPECT_EQ(3, Config::s_logLevel);
+    EXPECT_EQ(0U, Config::s_eventTable.PendingId());
     EXPECT_THAT(log.Messages(), IsEmpty());
 }
 
@@ -111,19 +111,19 @@ TEST_F(ConfigApplySetting, KnowsEveryKey) {
         value = value % 5 + 1;
         const int wanted = member == &Config::s_evidenceFileTimeout ? 20 : value;
         EXPECT_TRUE(Config::ApplySetting(name, std::to_string(wanted))) << name;
-        EXPECT_EQ(*member, wanted) << name;
+        EXPECT_EQ(wanted, *member) << name;
     }
     EXPECT_TRUE(Config::ApplySetting("tarn.log.file", "/log"));
-    EXPECT_EQ(Config::s_logFile, "/log");
+    EXPECT_EQ("/log", Config::s_logFile);
     EXPECT_TRUE(Config::ApplySetting("tarn.evidencelog.fileformat", "text"));
-    EXPECT_EQ(Config::s_evidenceFileFormat, "text");
+    EXPECT_EQ("text", Config::s_evidenceFileFormat);
 }
 
 TEST_F(ConfigApplySetting, RefusesANameItDoesNotKnowWithoutAMessage) {
     EXPECT_FALSE(Config::ApplySetting("", "1"));
     EXPECT_FALSE(Config::ApplySetting("tarn.log.levels", "1"));
     EXPECT_FALSE(Config::ApplySetting("TARN.log.level", "1"));
-    EXPECT_EQ(Config::s_logLevel, 3);
+    EXPECT_EQ(3, Config::s_logLevel);
     EXPECT_THAT(log.Messages(), IsEmpty());
 }
 
@@ -185,9 +185,9 @@ TEST_F(ConfigApplySetting, TruncatesNumbersToThirtyTwoBits) {
 
 TEST_F(ConfigApplySetting, RaisesAShortTimeoutWithAMessage) {
     EXPECT_TRUE(Config::ApplySetting("tarn.evidencelog.file.timeout", "4"));
-    EXPECT_EQ(Config::s_evidenceFileTimeout, 5);
+    EXPECT_EQ(5, Config::s_evidenceFileTimeout);
     EXPECT_TRUE(Config::ApplySetting("tarn.evidencelog.file.timeout", "0"));
-    EXPECT_EQ(Config::s_evidenceFileTimeout, 5);
+    EXPECT_EQ(5, Config::s_evidenceFileTimeout);
     EXPECT_THAT(log.Messages(),
                 ElementsAre("Tuning parameter: 'tarn.evidencelog.file.timeout = 4' is out of range "
                             "(5-30), setting it to 5 minutes.",
@@ -197,7 +197,7 @@ TEST_F(ConfigApplySetting, RaisesAShortTimeoutWithAMessage) {
 
 TEST_F(ConfigApplySetting, LowersALongTimeoutWithAMessage) {
     EXPECT_TRUE(Config::ApplySetting("tarn.evidencelog.file.timeout", "31"));
-    EXPECT_EQ(Config::s_evidenceFileTimeout, 30);
+    EXPECT_EQ(30, Config::s_evidenceFileTimeout);
     EXPECT_THAT(
         log.Messages(),
         ElementsAre("Tuning parameter: 'tarn.evidencelog.file.timeout = 31' is out of range "
@@ -206,7 +206,7 @@ TEST_F(ConfigApplySetting, LowersALongTimeoutWithAMessage) {
 
 TEST_F(ConfigApplySetting, KeepsANegativeTimeoutAtTheTopOfTheRange) {
     EXPECT_TRUE(Config::ApplySetting("tarn.evidencelog.file.timeout", "-1"));
-    EXPECT_EQ(Config::s_evidenceFileTimeout, 30);
+    EXPECT_EQ(30, Config::s_evidenceFileTimeout);
     EXPECT_THAT(
         log.Messages(),
         ElementsAre("Tuning parameter: 'tarn.evidencelog.file.timeout = -1' is out of range "
@@ -225,25 +225,25 @@ TEST_F(ConfigApplySetting, LogsATimeoutOutOfRangeAtLevelFour) {
     EXPECT_THAT(log.Messages(), IsEmpty());
     vald::Log::SetLevel(4);
     EXPECT_TRUE(Config::ApplySetting("tarn.evidencelog.file.timeout", "31"));
-    EXPECT_EQ(log.Messages().size(), 1U);
+    EXPECT_EQ(1U, log.Messages().size());
 }
 
 TEST_F(ConfigLoad, OverlaysTheValuesThatAreThere) {
     LoadMain("tarn.engine.crm = 4\ntarn.snort.cpu = 1\n");
     LoadMain("tarn.snort.cpu = 2\n");
-    EXPECT_EQ(Config::s_engineCrm, 4) << "a key that is gone keeps its value";
-    EXPECT_EQ(Config::s_snortCpu, 2);
+    EXPECT_EQ(4, Config::s_engineCrm) << "a key that is gone keeps its value";
+    EXPECT_EQ(2, Config::s_snortCpu);
 }
 
 TEST_F(ConfigLoad, LetsTheLastLineOfAKeyWin) {
     LoadMain("tarn.engine.crm = 4\ntarn.engine.crm = 5");
-    EXPECT_EQ(Config::s_engineCrm, 5) << "and the last line needs no line feed";
+    EXPECT_EQ(5, Config::s_engineCrm) << "and the last line needs no line feed";
 }
 
 TEST_F(ConfigLoad, GoesOnAfterALineThatIsNoSetting) {
     LoadMain("nonsense\n=1\ntarn.unknown = 2\ntarn.engine.crm = 4\n");
-    EXPECT_EQ(Config::s_engineCrm, 4);
-    EXPECT_EQ(log.Messages().size(), 2U);
+    EXPECT_EQ(4, Config::s_engineCrm);
+    EXPECT_EQ(2U, log.Messages().size());
 }
 
 TEST_F(ConfigLoad, StoresThePathOfTheFileItOpenedLast) {
@@ -260,24 +260,24 @@ TEST_F(ConfigLoad, SkipsAFileThatCannotBeOpenedWithoutAMessage) {
     Config::Load(dir.Path().c_str(), Config::kMainFile);
     Config::Load("", Config::kMainFile);
     Config::Load(nullptr, Config::kMainFile);
-    EXPECT_EQ(Config::s_configFile, "");
+    EXPECT_EQ("", Config::s_configFile);
     EXPECT_THAT(log.Messages(), IsEmpty());
 }
 
 TEST_F(ConfigLoad, KeepsAReadOnlyFileOutOfUse) {
     const std::string path = dir.Write("tarn.conf", "tarn.engine.crm = 4\n");
-    ASSERT_EQ(chmod(path.c_str(), 0444), 0);
-    ASSERT_EQ(chmod(dir.Path().c_str(), 0755), 0);
+    ASSERT_EQ(0, chmod(path.c_str(), 0444));
+    ASSERT_EQ(0, chmod(dir.Path().c_str(), 0755));
     const bool superuser = geteuid() == 0;  // to whom no file is read-only
     if (superuser && seteuid(65534) != 0) {
         GTEST_SKIP() << "runs as the superuser in a namespace without other users";
     }
     Config::Load(path.c_str(), Config::kMainFile);
     if (superuser) {
-        ASSERT_EQ(seteuid(0), 0);
+        ASSERT_EQ(0, seteuid(0));
     }
-    EXPECT_EQ(Config::s_engineCrm, 2);
-    EXPECT_EQ(Config::s_configFile, "");
+    EXPECT_EQ(2, Config::s_engineCrm);
+    EXPECT_EQ("", Config::s_configFile);
 }
 
 TEST_F(ConfigDump, ListsEveryKeyBetweenTwoRules) {

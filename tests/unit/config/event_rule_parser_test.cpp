@@ -24,26 +24,26 @@ KeyResult Key(const char* name) {
 }
 
 TEST(ParseEventKey, KnowsTheSixKeys) {
-    EXPECT_EQ(Key("se.7.severity"), (KeyResult{true, 1, 7}));
-    EXPECT_EQ(Key("se.7.rule"), (KeyResult{true, 2, 7}));
-    EXPECT_EQ(Key("se.7.msg"), (KeyResult{true, 3, 7}));
-    EXPECT_EQ(Key("se.7.user.response"), (KeyResult{true, 4, 7}));
-    EXPECT_EQ(Key("se.7.response"), (KeyResult{true, 5, 7}));
-    EXPECT_EQ(Key("se.7.quarantine.rule"), (KeyResult{true, 6, 7}));
+    EXPECT_EQ((KeyResult{true, 1, 7}), Key("se.7.severity"));
+    EXPECT_EQ((KeyResult{true, 2, 7}), Key("se.7.rule"));
+    EXPECT_EQ((KeyResult{true, 3, 7}), Key("se.7.msg"));
+    EXPECT_EQ((KeyResult{true, 4, 7}), Key("se.7.user.response"));
+    EXPECT_EQ((KeyResult{true, 5, 7}), Key("se.7.response"));
+    EXPECT_EQ((KeyResult{true, 6, 7}), Key("se.7.quarantine.rule"));
 }
 
 TEST(ParseEventKey, DoesNotTakeAQuarantineRuleForARule) {
-    EXPECT_EQ(Key("se.12.quarantine.rule").kind, kEventKeyQuarantineRule);
+    EXPECT_EQ(kEventKeyQuarantineRule, Key("se.12.quarantine.rule").kind);
 }
 
 TEST(ParseEventKey, DoesNotTakeAUserResponseForAResponse) {
-    EXPECT_EQ(Key("se.12.user.response").kind, kEventKeyUserResponse);
+    EXPECT_EQ(kEventKeyUserResponse, Key("se.12.user.response").kind);
 }
 
 TEST(ParseEventKey, LeavesNamesWithoutThePrefixToOthers) {
-    EXPECT_EQ(Key("tarn.log.level"), (KeyResult{true, 0, 0}));
-    EXPECT_EQ(Key("SE.7.msg"), (KeyResult{true, 0, 0}));
-    EXPECT_EQ(Key(""), (KeyResult{true, 0, 0}));
+    EXPECT_EQ((KeyResult{true, 0, 0}), Key("tarn.log.level"));
+    EXPECT_EQ((KeyResult{true, 0, 0}), Key("SE.7.msg"));
+    EXPECT_EQ((KeyResult{true, 0, 0}), Key(""));
 }
 
 TEST(ParseEventKey, RefusesAnIdThatIsNoNumberOrZero) {
@@ -59,20 +59,20 @@ TEST(ParseEventKey, RefusesAKeyThatTakesTheDotOfThePrefix) {
 }
 
 TEST(ParseEventKey, RefusesAnUnknownKey) {
-    EXPECT_EQ(Key("se.7.colour"), (KeyResult{false, 0, 0}));
-    EXPECT_EQ(Key("se."), (KeyResult{false, 0, 0}));
+    EXPECT_EQ((KeyResult{false, 0, 0}), Key("se.7.colour"));
+    EXPECT_EQ((KeyResult{false, 0, 0}), Key("se."));
 }
 
 TEST(ParseEventKey, KeepsAnIdAsThirtyTwoBits) {
-    EXPECT_EQ(Key("se.4294967295.msg").id, 0xFFFFFFFFU);
-    EXPECT_EQ(Key("se.-1.msg").id, 0xFFFFFFFFU);
-    EXPECT_EQ(Key("se.4294967303.msg").id, 7U);
+    EXPECT_EQ(0xFFFFFFFFU, Key("se.4294967295.msg").id);
+    EXPECT_EQ(0xFFFFFFFFU, Key("se.-1.msg").id);
+    EXPECT_EQ(7U, Key("se.4294967303.msg").id);
 }
 
 TEST(ParseEventKey, FindsItsKeyAnywhereInTheName) {
-    EXPECT_EQ(Key("se.7.msg.text"), (KeyResult{true, 3, 7}));
-    EXPECT_EQ(Key("se.7x.msg"), (KeyResult{true, 3, 7}));
-    EXPECT_EQ(Key("se.7.msg.severity"), (KeyResult{true, 1, 7})) << "the order of the keys decides";
+    EXPECT_EQ((KeyResult{true, 3, 7}), Key("se.7.msg.text"));
+    EXPECT_EQ((KeyResult{true, 3, 7}), Key("se.7x.msg"));
+    EXPECT_EQ((KeyResult{true, 1, 7}), Key("se.7.msg.severity")) << "the order of the keys decides";
 }
 
 uint32_t Severity(const char* value) {
@@ -82,18 +82,18 @@ uint32_t Severity(const char* value) {
 }
 
 TEST(ParseSeverity, KnowsThreeWordsInAnyCase) {
-    EXPECT_EQ(Severity("low"), 1U);
-    EXPECT_EQ(Severity("MEDIUM"), 2U);
-    EXPECT_EQ(Severity("High"), 3U);
+    EXPECT_EQ(1U, Severity("low"));
+    EXPECT_EQ(2U, Severity("MEDIUM"));
+    EXPECT_EQ(3U, Severity("High"));
 }
 
 TEST(ParseSeverity, KeepsToTheBeginningOfALongerWord) {
-    EXPECT_EQ(Severity("mediumish"), 2U);
+    EXPECT_EQ(2U, Severity("mediumish"));
 }
 
 TEST(ParseSeverity, YieldsNoneForAnotherWord) {
-    EXPECT_EQ(Severity("urgent"), 0U);
-    EXPECT_EQ(Severity("medi"), 0U);
+    EXPECT_EQ(0U, Severity("urgent"));
+    EXPECT_EQ(0U, Severity("medi"));
 }
 
 TEST(ParseSeverity, FailsForAnEmptyValue) {
@@ -110,40 +110,40 @@ uint32_t UserResponse(const char* value) {
 TEST(ParseUserResponse, FailsWithNoFlagsForAnEmptyValue) {
     uint32_t flags = 99;
     EXPECT_FALSE(ParseUserResponse("", &flags));
-    EXPECT_EQ(flags, 0U);
+    EXPECT_EQ(0U, flags);
 }
 
 TEST(ParseUserResponse, SetsOneScopeBitBesideEvidence) {
-    EXPECT_EQ(UserResponse("LOGEVIDENCE"), 0x41U);
-    EXPECT_EQ(UserResponse("LOGEVIDENCE Connection"), 0x09U);
-    EXPECT_EQ(UserResponse("LOGEVIDENCE Interface"), 0x11U);
-    EXPECT_EQ(UserResponse("LOGEVIDENCE AllInterfaces"), 0x21U);
+    EXPECT_EQ(0x41U, UserResponse("LOGEVIDENCE"));
+    EXPECT_EQ(0x09U, UserResponse("LOGEVIDENCE Connection"));
+    EXPECT_EQ(0x11U, UserResponse("LOGEVIDENCE Interface"));
+    EXPECT_EQ(0x21U, UserResponse("LOGEVIDENCE AllInterfaces"));
 }
 
 TEST(ParseUserResponse, PrefersConnectionToAnyInterface) {
-    EXPECT_EQ(UserResponse("LOGEVIDENCE Interface AllInterfaces Connection"), 0x09U);
+    EXPECT_EQ(0x09U, UserResponse("LOGEVIDENCE Interface AllInterfaces Connection"));
 }
 
 TEST(ParseUserResponse, JoinsEvidenceScopeAndRawPacket) {
-    EXPECT_EQ(UserResponse("LOGEVIDENCE WithRaw AllInterfaces"), 0x23U);
-    EXPECT_EQ(UserResponse("DISPLAY:WithRaw,LOGEVIDENCE"), 0x43U);
+    EXPECT_EQ(0x23U, UserResponse("LOGEVIDENCE WithRaw AllInterfaces"));
+    EXPECT_EQ(0x43U, UserResponse("DISPLAY:WithRaw,LOGEVIDENCE"));
 }
 
 TEST(ParseUserResponse, IgnoresAScopeWithoutEvidence) {
-    EXPECT_EQ(UserResponse("Connection"), 0x04U);
-    EXPECT_EQ(UserResponse("WithRaw Connect"), 0x02U);
+    EXPECT_EQ(0x04U, UserResponse("Connection"));
+    EXPECT_EQ(0x02U, UserResponse("WithRaw Connect"));
 }
 
 TEST(ParseUserResponse, TellsARawPacketAloneByTheLengthOfTheValue) {
-    EXPECT_EQ(UserResponse("WithRaw"), 0x02U);
-    EXPECT_EQ(UserResponse("DISPLAY:WithRaw"), 0x02U) << "15 characters";
-    EXPECT_EQ(UserResponse("DISPLAY:WithRaw,"), 0x06U) << "16 characters";
+    EXPECT_EQ(0x02U, UserResponse("WithRaw"));
+    EXPECT_EQ(0x02U, UserResponse("DISPLAY:WithRaw")) << "15 characters";
+    EXPECT_EQ(0x06U, UserResponse("DISPLAY:WithRaw,")) << "16 characters";
 }
 
 TEST(ParseUserResponse, FallsBackToNoRawPacket) {
-    EXPECT_EQ(UserResponse("DISPLAY:WithoutRaw"), 0x04U);
-    EXPECT_EQ(UserResponse("x"), 0x04U);
-    EXPECT_EQ(UserResponse("logevidence withraw"), 0x04U) << "the case of the words counts";
+    EXPECT_EQ(0x04U, UserResponse("DISPLAY:WithoutRaw"));
+    EXPECT_EQ(0x04U, UserResponse("x"));
+    EXPECT_EQ(0x04U, UserResponse("logevidence withraw")) << "the case of the words counts";
 }
 
 struct Response {
@@ -158,37 +158,37 @@ Response ResponseOf(const char* value, uint32_t flags = 0) {
 }
 
 TEST(ParseResponse, MakesTheFlagsZeroForNone) {
-    EXPECT_EQ(ResponseOf("none", 0x0C), (Response{true, 0}));
+    EXPECT_EQ((Response{true, 0}), ResponseOf("none", 0x0C));
 }
 
 TEST(ParseResponse, FailsForAnEmptyValue) {
-    EXPECT_EQ(ResponseOf(""), (Response{false, 0}));
+    EXPECT_EQ((Response{false, 0}), ResponseOf(""));
 }
 
 TEST(ParseResponse, KeepsBothBitsForEveryWord) {
     for (const char* word : {"quarantine-traffic", "quarantine-future-traffic",
                              "quarantine-icmp-traffic", "quarantine-future-icmp-traffic"}) {
-        EXPECT_EQ(ResponseOf(word), (Response{true, 0x0C})) << word;
+        EXPECT_EQ((Response{true, 0x0C}), ResponseOf(word)) << word;
     }
 }
 
 TEST(ParseResponse, TakesAListWithBlanksAndATrailingComma) {
-    EXPECT_EQ(ResponseOf("quarantine-traffic \t,\t quarantine-icmp-traffic"),
-              (Response{true, 0x0C}));
-    EXPECT_EQ(ResponseOf("quarantine-traffic,"), (Response{true, 0x0C}));
-    EXPECT_EQ(ResponseOf("quarantine-traffic , "), (Response{true, 0x0C}));
+    EXPECT_EQ((Response{true, 0x0C}),
+              ResponseOf("quarantine-traffic \t,\t quarantine-icmp-traffic"));
+    EXPECT_EQ((Response{true, 0x0C}), ResponseOf("quarantine-traffic,"));
+    EXPECT_EQ((Response{true, 0x0C}), ResponseOf("quarantine-traffic , "));
 }
 
 TEST(ParseResponse, FailsAtTheFirstWordThatIsNoneAndKeepsWhatItHas) {
-    EXPECT_EQ(ResponseOf("quarantine-traffic, block"), (Response{false, 0x0C}));
-    EXPECT_EQ(ResponseOf("block, quarantine-traffic"), (Response{false, 0}));
-    EXPECT_EQ(ResponseOf("none, quarantine-traffic"), (Response{false, 0}));
-    EXPECT_EQ(ResponseOf(",quarantine-traffic"), (Response{false, 0}));
+    EXPECT_EQ((Response{false, 0x0C}), ResponseOf("quarantine-traffic, block"));
+    EXPECT_EQ((Response{false, 0}), ResponseOf("block, quarantine-traffic"));
+    EXPECT_EQ((Response{false, 0}), ResponseOf("none, quarantine-traffic"));
+    EXPECT_EQ((Response{false, 0}), ResponseOf(",quarantine-traffic"));
 }
 
 TEST(ParseResponse, FailsWithoutAComma) {
-    EXPECT_EQ(ResponseOf("quarantine-traffic quarantine-traffic"), (Response{false, 0x0C}));
-    EXPECT_EQ(ResponseOf("quarantine-traffics"), (Response{false, 0x0C}));
+    EXPECT_EQ((Response{false, 0x0C}), ResponseOf("quarantine-traffic quarantine-traffic"));
+    EXPECT_EQ((Response{false, 0x0C}), ResponseOf("quarantine-traffics"));
 }
 
 struct Rule {
@@ -211,83 +211,83 @@ Rule RuleOf(const char* value) {
 }
 
 TEST(ParseBlockRule, KnowsEveryFlagWord) {
-    EXPECT_EQ(RuleOf("quarantine-intruder-address"), (Rule{true, 0x001}));
-    EXPECT_EQ(RuleOf("quarantine-intruder-subnet"), (Rule{true, 0x040}));
-    EXPECT_EQ(RuleOf("quarantine-intruder-port"), (Rule{true, 0x002}));
-    EXPECT_EQ(RuleOf("quarantine-victim-address"), (Rule{true, 0x004}));
-    EXPECT_EQ(RuleOf("quarantine-victim-subnet"), (Rule{true, 0x080}));
-    EXPECT_EQ(RuleOf("quarantine-victim-port"), (Rule{true, 0x008}));
-    EXPECT_EQ(RuleOf("quarantine-icmp-type"), (Rule{true, 0x010}));
-    EXPECT_EQ(RuleOf("quarantine-icmp-code"), (Rule{true, 0x020}));
-    EXPECT_EQ(RuleOf("quarantine-issue"), (Rule{true, 0}));
-    EXPECT_EQ(RuleOf("quarantine-worm"), (Rule{true, 0x009}));
-    EXPECT_EQ(RuleOf("quarantine-trojan"), (Rule{true, 0x00C}));
-    EXPECT_EQ(RuleOf("quarantine-intruder"), (Rule{true, 0x005}));
-    EXPECT_EQ(RuleOf("quarantine-ddos"), (Rule{true, 0x101}));
+    EXPECT_EQ((Rule{true, 0x001}), RuleOf("quarantine-intruder-address"));
+    EXPECT_EQ((Rule{true, 0x040}), RuleOf("quarantine-intruder-subnet"));
+    EXPECT_EQ((Rule{true, 0x002}), RuleOf("quarantine-intruder-port"));
+    EXPECT_EQ((Rule{true, 0x004}), RuleOf("quarantine-victim-address"));
+    EXPECT_EQ((Rule{true, 0x080}), RuleOf("quarantine-victim-subnet"));
+    EXPECT_EQ((Rule{true, 0x008}), RuleOf("quarantine-victim-port"));
+    EXPECT_EQ((Rule{true, 0x010}), RuleOf("quarantine-icmp-type"));
+    EXPECT_EQ((Rule{true, 0x020}), RuleOf("quarantine-icmp-code"));
+    EXPECT_EQ((Rule{true, 0}), RuleOf("quarantine-issue"));
+    EXPECT_EQ((Rule{true, 0x009}), RuleOf("quarantine-worm"));
+    EXPECT_EQ((Rule{true, 0x00C}), RuleOf("quarantine-trojan"));
+    EXPECT_EQ((Rule{true, 0x005}), RuleOf("quarantine-intruder"));
+    EXPECT_EQ((Rule{true, 0x101}), RuleOf("quarantine-ddos"));
 }
 
 TEST(ParseBlockRule, AddsUpTheFlagWords) {
-    EXPECT_EQ(RuleOf("quarantine-intruder-address,quarantine-icmp-type , quarantine-issue"),
-              (Rule{true, 0x011}));
+    EXPECT_EQ((Rule{true, 0x011}),
+              RuleOf("quarantine-intruder-address,quarantine-icmp-type , quarantine-issue"));
 }
 
 TEST(ParseBlockRule, KeepsPresetsReplacingWhatStandsBeforeThem) {
-    EXPECT_EQ(RuleOf("quarantine-intruder-port, quarantine-worm"), (Rule{true, 0x009}));
-    EXPECT_EQ(RuleOf("quarantine-worm, quarantine-intruder-port"), (Rule{true, 0x00B}));
+    EXPECT_EQ((Rule{true, 0x009}), RuleOf("quarantine-intruder-port, quarantine-worm"));
+    EXPECT_EQ((Rule{true, 0x00B}), RuleOf("quarantine-worm, quarantine-intruder-port"));
 }
 
 TEST(ParseBlockRule, ReadsDurationAndRateLimitWithBlanksAroundTheColon) {
-    EXPECT_EQ(RuleOf("quarantine-ddos, duration: 60, ratelimit:10"), (Rule{true, 0x101, 60, 10}));
-    EXPECT_EQ(RuleOf("duration \t:\t 60 ,ratelimit : 10"), (Rule{true, 0, 60, 10}));
+    EXPECT_EQ((Rule{true, 0x101, 60, 10}), RuleOf("quarantine-ddos, duration: 60, ratelimit:10"));
+    EXPECT_EQ((Rule{true, 0, 60, 10}), RuleOf("duration \t:\t 60 ,ratelimit : 10"));
 }
 
 TEST(ParseBlockRule, KeepsADurationInSixtyFourBitsAndCutsARateLimitToThirtyTwo) {
-    EXPECT_EQ(RuleOf("duration:4294967297,ratelimit:4294967297"), (Rule{true, 0, 4294967297U, 1}));
+    EXPECT_EQ((Rule{true, 0, 4294967297U, 1}), RuleOf("duration:4294967297,ratelimit:4294967297"));
 }
 
 TEST(ParseBlockRule, StoresANumberBeforeItFailsAtWhatFollows) {
-    EXPECT_EQ(RuleOf("duration:60s"), (Rule{false, 0, 60}));
-    EXPECT_EQ(RuleOf("ratelimit:7.5"), (Rule{false, 0, 0, 7}));
+    EXPECT_EQ((Rule{false, 0, 60}), RuleOf("duration:60s"));
+    EXPECT_EQ((Rule{false, 0, 0, 7}), RuleOf("ratelimit:7.5"));
 }
 
 TEST(ParseBlockRule, FailsForANumberThatIsMissing) {
-    EXPECT_EQ(RuleOf("duration"), (Rule{false, 0}));
-    EXPECT_EQ(RuleOf("duration 60"), (Rule{false, 0}));
-    EXPECT_EQ(RuleOf("duration:"), (Rule{false, 0}));
-    EXPECT_EQ(RuleOf("duration:  "), (Rule{false, 0}));
-    EXPECT_EQ(RuleOf("duration:long"), (Rule{false, 0}));
+    EXPECT_EQ((Rule{false, 0}), RuleOf("duration"));
+    EXPECT_EQ((Rule{false, 0}), RuleOf("duration 60"));
+    EXPECT_EQ((Rule{false, 0}), RuleOf("duration:"));
+    EXPECT_EQ((Rule{false, 0}), RuleOf("duration:  "));
+    EXPECT_EQ((Rule{false, 0}), RuleOf("duration:long"));
 }
 
 TEST(ParseBlockRule, KeepsTheFailingNumberFromTouchingTheOther) {
-    EXPECT_EQ(RuleOf("ratelimit:3, ratelimit"), (Rule{false, 0, 0, 3}));
-    EXPECT_EQ(RuleOf("duration:,ratelimit:3"), (Rule{true, 0, 0, 3})) << "no digits read as 0";
+    EXPECT_EQ((Rule{false, 0, 0, 3}), RuleOf("ratelimit:3, ratelimit"));
+    EXPECT_EQ((Rule{true, 0, 0, 3}), RuleOf("duration:,ratelimit:3")) << "no digits read as 0";
 }
 
 TEST(ParseBlockRule, KeepsTheWordsBeforeOneThatDoesNotFit) {
-    EXPECT_EQ(RuleOf("quarantine-victim-port, duration:5, block"), (Rule{false, 0x008, 5}));
-    EXPECT_EQ(RuleOf("quarantine-intruder-foo"), (Rule{false, 0x005}));
-    EXPECT_EQ(RuleOf("block"), (Rule{false, 0}));
+    EXPECT_EQ((Rule{false, 0x008, 5}), RuleOf("quarantine-victim-port, duration:5, block"));
+    EXPECT_EQ((Rule{false, 0x005}), RuleOf("quarantine-intruder-foo"));
+    EXPECT_EQ((Rule{false, 0}), RuleOf("block"));
 }
 
 TEST(ParseBlockRule, AcceptsATrailingComma) {
-    EXPECT_EQ(RuleOf("quarantine-worm,"), (Rule{true, 0x009}));
-    EXPECT_EQ(RuleOf("quarantine-worm,,"), (Rule{false, 0x009}));
+    EXPECT_EQ((Rule{true, 0x009}), RuleOf("quarantine-worm,"));
+    EXPECT_EQ((Rule{false, 0x009}), RuleOf("quarantine-worm,,"));
 }
 
 TEST(ParseBlockRule, LeavesTheRuleAsItWasForAnEmptyValue) {
     BlockRule rule = {1, 2, 3};
     EXPECT_FALSE(ParseBlockRule("", &rule));
-    EXPECT_EQ(rule.flags, 1U);
-    EXPECT_EQ(rule.duration, 2U);
-    EXPECT_EQ(rule.rateLimit, 3U);
+    EXPECT_EQ(1U, rule.flags);
+    EXPECT_EQ(2U, rule.duration);
+    EXPECT_EQ(3U, rule.rateLimit);
 }
 
 TEST(ParseBlockRule, ClearsTheRuleBeforeItReads) {
     BlockRule rule = {1, 2, 3};
     EXPECT_FALSE(ParseBlockRule("block", &rule));
-    EXPECT_EQ(rule.flags, 0U);
-    EXPECT_EQ(rule.duration, 0U);
-    EXPECT_EQ(rule.rateLimit, 0U);
+    EXPECT_EQ(0U, rule.flags);
+    EXPECT_EQ(0U, rule.duration);
+    EXPECT_EQ(0U, rule.rateLimit);
 }
 
 }  // namespace

@@ -46,7 +46,7 @@ using EventRuleTableDump = EventRuleTableTest;
 using EventRuleTableThreads = EventRuleTableTest;
 
 TEST_F(EventRuleTablePending, IsAbsentAtFirst) {
-    EXPECT_EQ(table.PendingId(), 0U);
+    EXPECT_EQ(0U, table.PendingId());
 }
 
 TEST_F(EventRuleTablePending, StartsWithEveryFieldZeroOrEmpty) {
@@ -54,14 +54,14 @@ TEST_F(EventRuleTablePending, StartsWithEveryFieldZeroOrEmpty) {
     ASSERT_TRUE(table.Commit());
     const auto node = table.Find(7);
     ASSERT_TRUE(node);
-    EXPECT_EQ(node->link, nullptr);
-    EXPECT_EQ(node->id, 7U);
-    EXPECT_EQ(node->severity, 0U);
-    EXPECT_EQ(node->rule, "");
-    EXPECT_EQ(node->eventName, "");
-    EXPECT_EQ(node->userResponse, "");
-    EXPECT_EQ(node->userResponseFlags, 0U);
-    EXPECT_EQ(node->responseFlags, 0U);
+    EXPECT_EQ(nullptr, node->link);
+    EXPECT_EQ(7U, node->id);
+    EXPECT_EQ(0U, node->severity);
+    EXPECT_EQ("", node->rule);
+    EXPECT_EQ("", node->eventName);
+    EXPECT_EQ("", node->userResponse);
+    EXPECT_EQ(0U, node->userResponseFlags);
+    EXPECT_EQ(0U, node->responseFlags);
     EXPECT_TRUE(node->blockRules.empty());
 }
 
@@ -74,52 +74,52 @@ TEST_F(EventRuleTablePending, GathersWhatTheSettersOfOneIdWrite) {
     EXPECT_TRUE(table.SetResponseFlags(7, 0x0C));
     EXPECT_TRUE(table.AddBlockRule(7, {1, 2, 3}));
     EXPECT_TRUE(table.AddBlockRule(7, {4, 5, 6}));
-    EXPECT_EQ(table.PendingId(), 7U);
+    EXPECT_EQ(7U, table.PendingId());
     ASSERT_TRUE(table.Commit());
 
     const auto node = table.Find(7);
     ASSERT_TRUE(node);
-    EXPECT_EQ(node->severity, 3U);
-    EXPECT_EQ(node->rule, "rule");
-    EXPECT_EQ(node->eventName, "name");
-    EXPECT_EQ(node->userResponse, "response");
-    EXPECT_EQ(node->userResponseFlags, 0x41U);
-    EXPECT_EQ(node->responseFlags, 0x0CU);
-    ASSERT_EQ(node->blockRules.size(), 2U);
-    EXPECT_EQ(node->blockRules.front().flags, 1U);
-    EXPECT_EQ(node->blockRules.front().duration, 2U);
-    EXPECT_EQ(node->blockRules.front().rateLimit, 3U);
-    EXPECT_EQ(node->blockRules.back().flags, 4U);
+    EXPECT_EQ(3U, node->severity);
+    EXPECT_EQ("rule", node->rule);
+    EXPECT_EQ("name", node->eventName);
+    EXPECT_EQ("response", node->userResponse);
+    EXPECT_EQ(0x41U, node->userResponseFlags);
+    EXPECT_EQ(0x0CU, node->responseFlags);
+    ASSERT_EQ(2U, node->blockRules.size());
+    EXPECT_EQ(1U, node->blockRules.front().flags);
+    EXPECT_EQ(2U, node->blockRules.front().duration);
+    EXPECT_EQ(3U, node->blockRules.front().rateLimit);
+    EXPECT_EQ(4U, node->blockRules.back().flags);
 }
 
 TEST_F(EventRuleTablePending, IsLostWhenASetterNamesAnotherId) {
     table.SetEventName(7, "seven");
     table.SetEventName(8, "eight");
-    EXPECT_EQ(table.PendingId(), 8U);
+    EXPECT_EQ(8U, table.PendingId());
     ASSERT_TRUE(table.Commit());
-    EXPECT_EQ(NameOf(7), "-");
-    EXPECT_EQ(NameOf(8), "eight");
+    EXPECT_EQ("-", NameOf(7));
+    EXPECT_EQ("eight", NameOf(8));
 }
 
 TEST_F(EventRuleTableCommit, SucceedsWithNothingPending) {
     EXPECT_TRUE(table.Commit());
-    EXPECT_EQ(table.NodeCount(), 0U);
+    EXPECT_EQ(0U, table.NodeCount());
 }
 
 TEST_F(EventRuleTableCommit, MovesThePendingNodeIntoTheTable) {
     Enter(7, "seven");
-    EXPECT_EQ(table.PendingId(), 0U);
-    EXPECT_EQ(NameOf(7), "seven");
-    EXPECT_EQ(table.NodeCount(), 1U);
+    EXPECT_EQ(0U, table.PendingId());
+    EXPECT_EQ("seven", NameOf(7));
+    EXPECT_EQ(1U, table.NodeCount());
 }
 
 TEST_F(EventRuleTableCommit, RefusesAnIdThatIsInTheTableAndKeepsItPending) {
     Enter(7, "first");
     table.SetEventName(7, "second");
     EXPECT_FALSE(table.Commit());
-    EXPECT_EQ(NameOf(7), "first");
-    EXPECT_EQ(table.PendingId(), 7U);
-    EXPECT_EQ(table.NodeCount(), 1U);
+    EXPECT_EQ("first", NameOf(7));
+    EXPECT_EQ(7U, table.PendingId());
+    EXPECT_EQ(1U, table.NodeCount());
 }
 
 TEST_F(EventRuleTableCommit, RefusedNodeIsDiscardedByASetterForAnotherId) {
@@ -129,7 +129,7 @@ TEST_F(EventRuleTableCommit, RefusedNodeIsDiscardedByASetterForAnotherId) {
     Enter(8, "eight");
     ASSERT_TRUE(table.Remove(7));
     EXPECT_TRUE(table.Commit());
-    EXPECT_EQ(NameOf(7), "-");
+    EXPECT_EQ("-", NameOf(7));
 }
 
 TEST_F(EventRuleTableCommit, RefusedNodeEntersOnceItsIdIsFree) {
@@ -138,7 +138,7 @@ TEST_F(EventRuleTableCommit, RefusedNodeEntersOnceItsIdIsFree) {
     ASSERT_FALSE(table.Commit());
     table.Clear();
     EXPECT_TRUE(table.Commit());
-    EXPECT_EQ(NameOf(7), "second");
+    EXPECT_EQ("second", NameOf(7));
 }
 
 TEST_F(EventRuleTableCommit, OrdersTheKeysOfOneBucketWhicheverCameFirst) {
@@ -151,7 +151,7 @@ TEST_F(EventRuleTableCommit, OrdersTheKeysOfOneBucketWhicheverCameFirst) {
         const std::size_t first = dump.find("ID:1\n");
         const std::size_t second = dump.find("ID:257\n");
         const std::size_t third = dump.find("ID:513\n");
-        ASSERT_NE(third, std::string::npos);
+        ASSERT_NE(std::string::npos, third);
         EXPECT_LT(first, second);
         EXPECT_LT(second, third);
     }
@@ -170,23 +170,23 @@ TEST_F(EventRuleTableCommit, ReleasesTheLockAndKeepsTheNodeWhenAllocationFails) 
         GTEST_SKIP() << "the allocator of a sanitizer does not fail";
     }
     EXPECT_THROW((void)table.Commit(), std::bad_alloc);
-    EXPECT_EQ(NameOf(7), "-") << "a lock left behind would hang here";
-    EXPECT_EQ(table.PendingId(), 7U);
+    EXPECT_EQ("-", NameOf(7)) << "a lock left behind would hang here";
+    EXPECT_EQ(7U, table.PendingId());
     EXPECT_TRUE(table.Commit());
-    EXPECT_EQ(NameOf(7), "seven");
-    EXPECT_EQ(table.NodeCount(), 1U);
+    EXPECT_EQ("seven", NameOf(7));
+    EXPECT_EQ(1U, table.NodeCount());
 }
 
 TEST_F(EventRuleTableFind, YieldsNothingForAnIdThatIsOnlyPending) {
     table.SetEventName(7, "seven");
-    EXPECT_EQ(table.Find(7), nullptr);
+    EXPECT_EQ(nullptr, table.Find(7));
 }
 
 TEST_F(EventRuleTableFind, YieldsNothingForAnAbsentIdOfAFilledBucket) {
     Enter(1);
     Enter(513);
-    EXPECT_EQ(table.Find(257), nullptr);
-    EXPECT_EQ(table.Find(769), nullptr);
+    EXPECT_EQ(nullptr, table.Find(257));
+    EXPECT_EQ(nullptr, table.Find(769));
 }
 
 TEST_F(EventRuleTableFind, AllocatesNothing) {
@@ -206,23 +206,23 @@ TEST_F(EventRuleTableFind, ReferenceStaysReadableAfterClear) {
     const auto node = table.Find(7);
     table.Clear();
     ASSERT_TRUE(node);
-    EXPECT_EQ(node.use_count(), 1);
-    EXPECT_EQ(node->eventName, "seven");
+    EXPECT_EQ(1, node.use_count());
+    EXPECT_EQ("seven", node->eventName);
 }
 
 TEST_F(EventRuleTableRemove, LeavesTheOtherKeyOfTheBucket) {
     Enter(1, "one");
     Enter(257, "other");
     EXPECT_TRUE(table.Remove(1));
-    EXPECT_EQ(NameOf(1), "-");
-    EXPECT_EQ(NameOf(257), "other");
-    EXPECT_EQ(table.NodeCount(), 1U);
+    EXPECT_EQ("-", NameOf(1));
+    EXPECT_EQ("other", NameOf(257));
+    EXPECT_EQ(1U, table.NodeCount());
 }
 
 TEST_F(EventRuleTableRemove, TellsThatAnIdIsAbsent) {
     Enter(1);
     EXPECT_FALSE(table.Remove(257));
-    EXPECT_EQ(table.NodeCount(), 1U);
+    EXPECT_EQ(1U, table.NodeCount());
 }
 
 TEST_F(EventRuleTableClear, EmptiesEveryBucket) {
@@ -230,17 +230,17 @@ TEST_F(EventRuleTableClear, EmptiesEveryBucket) {
         Enter(id);
     }
     table.Clear();
-    EXPECT_EQ(table.NodeCount(), 0U);
-    EXPECT_EQ(NameOf(256), "-");
-    EXPECT_EQ(NameOf(511), "-");
+    EXPECT_EQ(0U, table.NodeCount());
+    EXPECT_EQ("-", NameOf(256));
+    EXPECT_EQ("-", NameOf(511));
 }
 
 TEST_F(EventRuleTableClear, KeepsThePendingNode) {
     table.SetEventName(7, "seven");
     table.Clear();
-    EXPECT_EQ(table.PendingId(), 7U);
+    EXPECT_EQ(7U, table.PendingId());
     ASSERT_TRUE(table.Commit());
-    EXPECT_EQ(NameOf(7), "seven");
+    EXPECT_EQ("seven", NameOf(7));
 }
 
 TEST_F(EventRuleTableClear, OfOneBucketLeavesTheOthers) {
@@ -248,19 +248,20 @@ TEST_F(EventRuleTableClear, OfOneBucketLeavesTheOthers) {
     Enter(257);
     Enter(2, "two");
     table.ClearBucket(513);
-    EXPECT_EQ(NameOf(1), "-");
-    EXPECT_EQ(NameOf(257), "-");
-    EXPECT_EQ(NameOf(2), "two");
-    EXPECT_EQ(table.NodeCount(), 1U);
+    EXPECT_EQ("-", NameOf(1));
+    EXPECT_EQ("-", NameOf(257));
+    EXPECT_EQ("two", NameOf(2));
+    EXPECT_EQ(1U, table.NodeCount());
 }
 
 TEST_F(EventRuleTableDump, ShowsAnEmptyTableAsItsFrame) {
-    EXPECT_EQ(Dumped(),
-              "-----------------------------\n"
-              "Bucket Size: 256\n"
-              "Node Count: 0\n"
-              "-----------------------------\n"
-              "-----------------------------\n");
+    EXPECT_EQ(
+        "-----------------------------\n"
+        "Bucket Size: 256\n"
+        "Node Count: 0\n"
+        "-----------------------------\n"
+        "-----------------------------\n",
+        Dumped());
 }
 
 TEST_F(EventRuleTableDump, ShowsEveryFieldUnderItsShortName) {
@@ -273,23 +274,24 @@ TEST_F(EventRuleTableDump, ShowsEveryFieldUnderItsShortName) {
     table.AddBlockRule(258, {0x101, 60, 10});
     table.AddBlockRule(258, {5, 0, 0});
     ASSERT_TRUE(table.Commit());
-    EXPECT_EQ(Dumped(),
-              "-----------------------------\n"
-              "Bucket Size: 256\n"
-              "Node Count: 1\n"
-              "-----------------------------\n"
-              "Bucket[2] => \n"
-              "    (  ID:258\n"
-              "       SV:2\n"
-              "       RL:alert tcp\n"
-              "       EN:A name\n"
-              "       UR:LOGEVIDENCE\n"
-              "       URF:65\n"
-              "       R:12\n"
-              "       QR:( BF:257, BD:60, RL:10 )->( BF:5, BD:0, RL:0 )->\n"
-              "    ) -> \n"
-              "\n"
-              "-----------------------------\n");
+    EXPECT_EQ(
+        "-----------------------------\n"
+        "Bucket Size: 256\n"
+        "Node Count: 1\n"
+        "-----------------------------\n"
+        "Bucket[2] => \n"
+        "    (  ID:258\n"
+        "       SV:2\n"
+        "       RL:alert tcp\n"
+        "       EN:A name\n"
+        "       UR:LOGEVIDENCE\n"
+        "       URF:65\n"
+        "       R:12\n"
+        "       QR:( BF:257, BD:60, RL:10 )->( BF:5, BD:0, RL:0 )->\n"
+        "    ) -> \n"
+        "\n"
+        "-----------------------------\n",
+        Dumped());
 }
 
 // A cancel that is pending may land at any write, and a table of this size takes several.
@@ -307,10 +309,10 @@ TEST_F(EventRuleTableDump, IsCompleteOnAThreadThatIsBeingCancelled) {
         return nullptr;
     };
     testing::internal::CaptureStdout();
-    ASSERT_EQ(pthread_create(&thread, nullptr, run, &table), 0);
-    ASSERT_EQ(pthread_join(thread, &result), 0);
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, run, &table));
+    ASSERT_EQ(0, pthread_join(thread, &result));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), whole);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(PTHREAD_CANCELED, result);
 }
 
 // Four readers look up while the one writer empties and fills the table. Whatever they find is
@@ -348,9 +350,9 @@ TEST_F(EventRuleTableThreads, ReadersFindWholeNodesWhileTheWriterReloads) {
     for (std::thread& reader : readers) {
         reader.join();
     }
-    EXPECT_EQ(torn.load(), 0U);
+    EXPECT_EQ(0U, torn.load());
     EXPECT_GT(found.load(), 0U);
-    EXPECT_EQ(table.NodeCount(), kIds);
+    EXPECT_EQ(kIds, table.NodeCount());
 }
 
 }  // namespace

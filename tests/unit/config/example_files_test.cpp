@@ -15,7 +15,7 @@ using ExampleFiles = ConfigFixture;
 
 std::string Example(const std::string& name) {
     const std::string content = ReadFile(TARN_SOURCE_DIR "/packaging/examples/" + name);
-    EXPECT_NE(content, "") << name;
+    EXPECT_NE("", content) << name;
     return content;
 }
 
@@ -23,9 +23,9 @@ TEST_F(ExampleFiles, MainFileHoldsEveryKeyWithItsStartValue) {
     const std::string example = Example("tarn.conf");
     Config::Dump();
     const std::vector<std::string> start = log.Messages();
-    ASSERT_EQ(start.size(), 17U);
+    ASSERT_EQ(17U, start.size());
     for (std::size_t key = 1; key + 1 < start.size(); ++key) {
-        EXPECT_NE(example.find("\n" + start[key] + "\n"), std::string::npos) << start[key];
+        EXPECT_NE(std::string::npos, example.find("\n" + start[key] + "\n")) << start[key];
     }
     LoadMain(example);
     Config::Dump();
@@ -36,41 +36,41 @@ TEST_F(ExampleFiles, MainFileHoldsEveryKeyWithItsStartValue) {
 
 TEST_F(ExampleFiles, EventFileGivesTheEntriesItTellsOf) {
     LoadEvents(Example("tarn_event.conf"));
-    EXPECT_EQ(Config::s_eventTable.NodeCount(), 5U);
+    EXPECT_EQ(5U, Config::s_eventTable.NodeCount());
 
     const auto ping = Config::GetResponseSetting(2100366);
     ASSERT_TRUE(ping);
-    EXPECT_EQ(ping->severity, kSeverityLow);
-    EXPECT_EQ(ping->userResponseFlags, kUserResponseWithoutRaw);
-    EXPECT_EQ(ping->responseFlags, 0U);
+    EXPECT_EQ(kSeverityLow, ping->severity);
+    EXPECT_EQ(kUserResponseWithoutRaw, ping->userResponseFlags);
+    EXPECT_EQ(0U, ping->responseFlags);
     EXPECT_THAT(ping->blockRules, IsEmpty());
 
     const auto download = Config::GetResponseSetting(2000419);
     ASSERT_TRUE(download);
-    EXPECT_EQ(download->severity, kSeverityMedium);
-    EXPECT_EQ(download->userResponseFlags, kUserResponseWithRaw);
+    EXPECT_EQ(kSeverityMedium, download->severity);
+    EXPECT_EQ(kUserResponseWithRaw, download->userResponseFlags);
 
     const auto shell = Config::GetResponseSetting(2019284);
     ASSERT_TRUE(shell);
-    EXPECT_EQ(shell->severity, kSeverityHigh);
-    EXPECT_EQ(shell->userResponseFlags, kUserResponseLogEvidence | kUserResponseLogPackets);
-    EXPECT_EQ(shell->responseFlags, kResponseQuarantineTraffic | kResponseQuarantineIcmp);
-    ASSERT_EQ(shell->blockRules.size(), 1U);
-    EXPECT_EQ(shell->blockRules.front().flags, kBlockIntruderAddress);
-    EXPECT_EQ(shell->blockRules.front().duration, 600U);
+    EXPECT_EQ(kSeverityHigh, shell->severity);
+    EXPECT_EQ(kUserResponseLogEvidence | kUserResponseLogPackets, shell->userResponseFlags);
+    EXPECT_EQ(kResponseQuarantineTraffic | kResponseQuarantineIcmp, shell->responseFlags);
+    ASSERT_EQ(1U, shell->blockRules.size());
+    EXPECT_EQ(kBlockIntruderAddress, shell->blockRules.front().flags);
+    EXPECT_EQ(600U, shell->blockRules.front().duration);
 
     const auto worm = Config::GetResponseSetting(2001569);
     ASSERT_TRUE(worm);
-    ASSERT_EQ(worm->blockRules.size(), 1U);
-    EXPECT_EQ(worm->blockRules.front().flags, kBlockIntruderAddress | kBlockVictimPort);
-    EXPECT_EQ(worm->blockRules.front().duration, 86400U);
+    ASSERT_EQ(1U, worm->blockRules.size());
+    EXPECT_EQ(kBlockIntruderAddress | kBlockVictimPort, worm->blockRules.front().flags);
+    EXPECT_EQ(86400U, worm->blockRules.front().duration);
 
     const auto flood = Config::GetResponseSetting(2008120);
     ASSERT_TRUE(flood);
-    ASSERT_EQ(flood->blockRules.size(), 2U);
-    EXPECT_EQ(flood->blockRules.front().flags, kBlockIntruderAddress | kBlockIcmpType);
-    EXPECT_EQ(flood->blockRules.back().flags, kBlockIntruderAddress | kBlockVictimPort);
-    EXPECT_EQ(flood->blockRules.back().rateLimit, 10U);
+    ASSERT_EQ(2U, flood->blockRules.size());
+    EXPECT_EQ(kBlockIntruderAddress | kBlockIcmpType, flood->blockRules.front().flags);
+    EXPECT_EQ(kBlockIntruderAddress | kBlockVictimPort, flood->blockRules.back().flags);
+    EXPECT_EQ(10U, flood->blockRules.back().rateLimit);
     EXPECT_THAT(log.Messages(), IsEmpty());
 }
 

@@ -23,7 +23,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-using Bytes = std::vector<std::uint8_t>;
+using Bytes = std::vector<uint8_t>;
 
 // The number that the next descriptor gets, which is that of the channel's socket.
 std::string NextDescriptor() {
@@ -44,15 +44,15 @@ class MsgCommTest : public testing::Test {
         m_channel.Close();
         const Bytes message = crm.Take();
         EXPECT_GE(message.size(), 21U);
-        EXPECT_GE(WordAt(message, 8), static_cast<std::uint32_t>(before));
-        EXPECT_LE(WordAt(message, 8), static_cast<std::uint32_t>(after));
+        EXPECT_GE(WordAt(message, 8), static_cast<uint32_t>(before));
+        EXPECT_LE(WordAt(message, 8), static_cast<uint32_t>(after));
         return message;
     }
 
     // The same with the time of the golden messages put in.
     Bytes MessageAtGoldenTime(const char* text, bool isError) {
         Bytes message = MessageOf(text, isError);
-        const std::uint32_t time = 1794495600;
+        const uint32_t time = 1794495600;
         std::memcpy(message.data() + 8, &time, sizeof(time));
         return message;
     }

@@ -70,7 +70,7 @@ int CallMain(Application& application, const char* argv0 = "/usr/sbin/tarn") {
 }
 
 TEST(ApplicationMain, RunsUntilATerminationIsSeen) {
-    EXPECT_EQ(InChild([] {
+    EXPECT_EQ(0, InChild([] {
                   RecordingApplication app;
                   int runs = 0;
                   app.m_run = [&runs] {
@@ -82,43 +82,39 @@ TEST(ApplicationMain, RunsUntilATerminationIsSeen) {
                   return CallMain(app) == 0 &&
                          app.m_calls == Calls{"initialize", "run", "run", "run", "terminate"} &&
                          app.ProgramName() == "tarn";
-              }),
-              0);
+              }));
 }
 
 TEST(ApplicationMain, GivesStatusFourAfterAFailedInitializeAndStillTerminates) {
-    EXPECT_EQ(InChild([] {
+    EXPECT_EQ(0, InChild([] {
                   RecordingApplication app;
                   app.m_initializeResult = -1;
                   return CallMain(app) == 4 && app.m_calls == Calls{"initialize", "terminate"} &&
                          Application::s_term == 1;
-              }),
-              0);
+              }));
 }
 
 TEST(ApplicationMain, ReturnsWhatAFailedRunReturned) {
     EXPECT_EQ(
-        InChild([] {
+        0, InChild([] {
             RecordingApplication app;
             app.m_run = [] { return 4; };
             return CallMain(app) == 4 && app.m_calls == Calls{"initialize", "run", "terminate"};
-        }),
-        0);
+        }));
 }
 
 TEST(ApplicationMain, TakesTheAlternateRunWhenItIsSelected) {
-    EXPECT_EQ(InChild([] {
+    EXPECT_EQ(0, InChild([] {
                   RecordingApplication app;
                   app.UseAlternate();
                   return CallMain(app, "tarn") == 0 &&
                          app.m_calls == Calls{"initialize", "alternate", "terminate"} &&
                          app.ProgramName() == "tarn";
-              }),
-              0);
+              }));
 }
 
 TEST(ApplicationSignals, LeavesExactlyTheHandledSignalsAndAbortUnblocked) {
-    EXPECT_EQ(InChild([] {
+    EXPECT_EQ(0, InChild([] {
                   RecordingApplication app;
                   if (app.InstallSignals() != 0 || !app.ErrorText().empty()) {
                       return false;
@@ -137,12 +133,11 @@ TEST(ApplicationSignals, LeavesExactlyTheHandledSignalsAndAbortUnblocked) {
                       }
                   }
                   return true;
-              }),
-              0);
+              }));
 }
 
 TEST(ApplicationSignals, InstallsTheFaultHandlersWithTheResetFlagAlone) {
-    EXPECT_EQ(InChild([] {
+    EXPECT_EQ(0, InChild([] {
                   RecordingApplication app;
                   (void)app.InstallSignals();
                   for (const int sig : {SIGBUS, SIGFPE, SIGILL, SIGSEGV}) {
@@ -161,36 +156,33 @@ TEST(ApplicationSignals, InstallsTheFaultHandlersWithTheResetFlagAlone) {
                       }
                   }
                   return true;
-              }),
-              0);
+              }));
 }
 
 TEST(ApplicationSignals, EachTerminationSignalSetsTheFlag) {
     for (const int sig : {SIGINT, SIGQUIT, SIGTERM}) {
-        EXPECT_EQ(InChild([sig] {
+        EXPECT_EQ(0, InChild([sig] {
                       RecordingApplication app;
                       (void)app.InstallSignals();
                       raise(sig);
                       return Application::s_term == 1;
-                  }),
-                  0)
+                  }))
             << sig;
     }
 }
 
 TEST(ApplicationSignals, AnUnknownSignalIsOnlyStored) {
-    EXPECT_EQ(InChild([] {
+    EXPECT_EQ(0, InChild([] {
                   Application::SignalHandler(SIGUSR1, nullptr, nullptr);
                   return Application::s_other == SIGUSR1 && Application::s_term == 0;
-              }),
-              0);
+              }));
 }
 
 TEST(ApplicationSignals, AFaultLogsItsMessageAndStackAndKillsTheProcess) {
     for (const auto& [sig, name] : {std::pair{SIGSEGV, "SEGV"}, std::pair{SIGBUS, "BUS"},
                                     std::pair{SIGFPE, "FPE"}, std::pair{SIGILL, "ILL"}}) {
         std::array<int, 2> ends{};
-        ASSERT_EQ(pipe(ends.data()), 0);
+        ASSERT_EQ(0, pipe(ends.data()));
         fflush(nullptr);
         const pid_t child = fork();
         ASSERT_GE(child, 0);
@@ -214,7 +206,7 @@ TEST(ApplicationSignals, AFaultLogsItsMessageAndStackAndKillsTheProcess) {
         ASSERT_EQ(waitpid(child, &status, 0), child);
         EXPECT_TRUE(WIFSIGNALED(status));
         EXPECT_EQ(WTERMSIG(status), sig);
-        EXPECT_NE(text.find("Received " + std::string(name) + " signal\n"), std::string::npos);
+        EXPECT_NE(std::string::npos, text.find("Received " + std::string(name) + " signal\n"));
         std::smatch frames;
         ASSERT_TRUE(std::regex_search(text, frames,
                                       std::regex("Error: Stacktrace \\(([0-9]+) frames\\):\n")))

@@ -45,27 +45,27 @@ const std::string kUsage =
 TEST_F(EngineTest, IsOneInstanceUntilItIsReleased) {
     TarnEngine* const engine = TarnEngine::Instance();
     EXPECT_EQ(TarnEngine::Instance(), engine);
-    EXPECT_EQ(engine->GetAppName(), "unknown");
+    EXPECT_EQ("unknown", engine->GetAppName());
     TarnEngine::ReleaseInstance();
     TarnEngine::ReleaseInstance();
-    EXPECT_EQ(TarnEngine::Instance()->GetAppName(), "unknown");
+    EXPECT_EQ("unknown", TarnEngine::Instance()->GetAppName());
 }
 
 TEST_F(EngineTest, TakesTheLastPathComponentAsItsName) {
     TarnEngine* const engine = TarnEngine::Instance();
     engine->SetAppName("/usr/sbin/tarn");
-    EXPECT_EQ(engine->GetAppName(), "tarn");
+    EXPECT_EQ("tarn", engine->GetAppName());
     engine->SetAppName("tarnx");
-    EXPECT_EQ(engine->GetAppName(), "tarnx");
-    EXPECT_EQ(TarnEngine::GetVersion(), "1.0.116.251");
+    EXPECT_EQ("tarnx", engine->GetAppName());
+    EXPECT_EQ("1.0.116.251", TarnEngine::GetVersion());
 }
 
 TEST_F(EngineTest, SplicesTheInstanceNumberIntoThePidFileName) {
-    EXPECT_EQ(TarnEngine::PidFilePath("/var/run/tarn.pid", 0), "/var/run/tarn0.pid");
-    EXPECT_EQ(TarnEngine::PidFilePath("/var/run/tarn.pid", 12), "/var/run/tarn12.pid");
-    EXPECT_EQ(TarnEngine::PidFilePath("/var/run/tarn", 3), "/var/run/tarn3");
-    EXPECT_EQ(TarnEngine::PidFilePath("/var/run.d/tarn", 3), "/var/run.d/tarn3");
-    EXPECT_EQ(TarnEngine::PidFilePath("a.b.pid", 1), "a.b1.pid");
+    EXPECT_EQ("/var/run/tarn0.pid", TarnEngine::PidFilePath("/var/run/tarn.pid", 0));
+    EXPECT_EQ("/var/run/tarn12.pid", TarnEngine::PidFilePath("/var/run/tarn.pid", 12));
+    EXPECT_EQ("/var/run/tarn3", TarnEngine::PidFilePath("/var/run/tarn", 3));
+    EXPECT_EQ("/var/run.d/tarn3", TarnEngine::PidFilePath("/var/run.d/tarn", 3));
+    EXPECT_EQ("a.b1.pid", TarnEngine::PidFilePath("a.b.pid", 1));
 }
 
 TEST_F(EngineTest, AcceptsEveryKnownOption) {
@@ -79,13 +79,13 @@ TEST_F(EngineTest, KeepsTheDefaultForAFileNameThatLooksLikeAnOption) {
 }
 
 TEST_F(EngineTest, NamesTheOptionThatLacksItsArgument) {
-    EXPECT_EQ(ParseError({"-c"}), "Error: Unrecognized option: -c\n" + kUsage);
-    EXPECT_EQ(ParseError({"-n"}), "Error: Unrecognized option: -n\n" + kUsage);
+    EXPECT_EQ("Error: Unrecognized option: -c\n" + kUsage, ParseError({"-c"}));
+    EXPECT_EQ("Error: Unrecognized option: -n\n" + kUsage, ParseError({"-n"}));
 }
 
 TEST_F(EngineTest, KeepsRefusingTheOptionsThatOnlyTheUsageNames) {
-    EXPECT_EQ(ParseError({"-m"}), "Error: Unrecognized option: -m\n" + kUsage);
-    EXPECT_EQ(ParseError({"-s"}), "Error: Unrecognized option: -s\n" + kUsage);
+    EXPECT_EQ("Error: Unrecognized option: -m\n" + kUsage, ParseError({"-m"}));
+    EXPECT_EQ("Error: Unrecognized option: -s\n" + kUsage, ParseError({"-s"}));
 }
 
 TEST_F(EngineTest, HelpEndsTheProcessWithStatusZero) {
@@ -126,8 +126,8 @@ TEST_F(EngineTest, OnlyAHangupCountsAsOne) {
     TarnEngine::Instance()->OnHangup(SIGHUP, nullptr, nullptr);
     TarnEngine::Instance()->OnHangup(SIGUSR1, nullptr, nullptr);
     vald::Log::SetLevel(vald::Log::kNotice);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Debug: Received HUP signal\nDebug: Received signal 10\n");
+    EXPECT_EQ("Debug: Received HUP signal\nDebug: Received signal 10\n",
+              testing::internal::GetCapturedStderr());
 }
 
 }  // namespace

@@ -69,29 +69,29 @@ TEST_F(ProcessTest, PidFileInAMissingFolderFails) {
 
 TEST_F(ProcessTest, RemovingThePidFileUnlinksIt) {
     ASSERT_TRUE(WritePidFile(m_pidFile.c_str()));
-    EXPECT_EQ(RemovePidFile(m_pidFile.c_str()), 0);
+    EXPECT_EQ(0, RemovePidFile(m_pidFile.c_str()));
     EXPECT_FALSE(std::filesystem::exists(m_pidFile));
-    EXPECT_EQ(RemovePidFile(m_pidFile.c_str()), -1);
+    EXPECT_EQ(-1, RemovePidFile(m_pidFile.c_str()));
 }
 
 TEST_F(ProcessTest, WithoutAPidFileNothingRunsAndTheNumberStays) {
     int pid = 77;
     EXPECT_FALSE(IsProcessRunning("tarn", m_pidFile.c_str(), &pid));
-    EXPECT_EQ(pid, 77);
+    EXPECT_EQ(77, pid);
 }
 
 TEST_F(ProcessTest, APidFileOfZeroIsNoRunningCopy) {
     WriteFile("0\n");
     int pid = 77;
     EXPECT_FALSE(IsProcessRunning("tarn", m_pidFile.c_str(), &pid));
-    EXPECT_EQ(pid, 0);
+    EXPECT_EQ(0, pid);
 }
 
 TEST_F(ProcessTest, APidFileOfPlainTextIsNoRunningCopy) {
     WriteFile("not a number\n");
     int pid = 77;
     EXPECT_FALSE(IsProcessRunning("tarn", m_pidFile.c_str(), &pid));
-    EXPECT_EQ(pid, 0);
+    EXPECT_EQ(0, pid);
 }
 
 TEST_F(ProcessTest, AnEmptyPidFileIsNoRunningCopy) {
@@ -146,7 +146,7 @@ TEST_F(ProcessTest, AProcessOfAnotherUserIsAlive) {
         }
         int status = -1;
         ASSERT_EQ(waitpid(asker, &status, 0), asker);
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(0, status);
     }
 }
 
@@ -199,11 +199,11 @@ TEST_F(ProcessTest, DaemonizeLeavesTheTerminalAndTheFolder) {
     }
     int status = -1;
     ASSERT_EQ(waitpid(parent, &status, 0), parent);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(0, status);
     for (int i = 0; i < 10000 && !std::filesystem::exists(report); ++i) {
         usleep(1000);
     }
-    EXPECT_EQ(::ReadFile(report), "/dev/null / 18 1");
+    EXPECT_EQ("/dev/null / 18 1", ::ReadFile(report));
 }
 
 }  // namespace

@@ -38,25 +38,25 @@ TEST(SignalCodeText, TellsTheCodesOfEachSignal) {
         for (const char* const text : table.texts) {
             EXPECT_STREQ(SignalCodeText(table.sig, ++code), text) << table.sig;
         }
-        EXPECT_STREQ(SignalCodeText(table.sig, code + 1), "unknown") << table.sig;
+        EXPECT_STREQ("unknown", SignalCodeText(table.sig, code + 1)) << table.sig;
     }
 }
 
 TEST(SignalCodeText, TellsTheGeneralCodesForAnySignal) {
     for (const int sig : {SIGUSR2, SIGSEGV}) {
-        EXPECT_STREQ(SignalCodeText(sig, 0), "kill, sigsend, raise");
-        EXPECT_STREQ(SignalCodeText(sig, 128), "kernel");
-        EXPECT_STREQ(SignalCodeText(sig, -1), "sigqueue");
-        EXPECT_STREQ(SignalCodeText(sig, -2), "timer expiration");
-        EXPECT_STREQ(SignalCodeText(sig, -3), "real time message queue state change");
-        EXPECT_STREQ(SignalCodeText(sig, -4), "AIO completion");
-        EXPECT_STREQ(SignalCodeText(sig, -5), "queued SIGIO");
+        EXPECT_STREQ("kill, sigsend, raise", SignalCodeText(sig, 0));
+        EXPECT_STREQ("kernel", SignalCodeText(sig, 128));
+        EXPECT_STREQ("sigqueue", SignalCodeText(sig, -1));
+        EXPECT_STREQ("timer expiration", SignalCodeText(sig, -2));
+        EXPECT_STREQ("real time message queue state change", SignalCodeText(sig, -3));
+        EXPECT_STREQ("AIO completion", SignalCodeText(sig, -4));
+        EXPECT_STREQ("queued SIGIO", SignalCodeText(sig, -5));
     }
 }
 
 TEST(SignalCodeText, IsUnknownForACodeThatIsInNoTable) {
     for (const int code : {-7, -6, 1, 127, 129}) {
-        EXPECT_STREQ(SignalCodeText(SIGUSR2, code), "unknown");
+        EXPECT_STREQ("unknown", SignalCodeText(SIGUSR2, code));
     }
 }
 

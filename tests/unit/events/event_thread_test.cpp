@@ -27,7 +27,7 @@ class EventThreadTest : public ::testing::Test {
     EventThreadTest() : m_bridge(EventBridge::GetInstance()) {}
     ~EventThreadTest() override { m_bridge->Release(); }
 
-    void InitializeBridge() { ASSERT_EQ(m_bridge->Initialize(), 0); }
+    void InitializeBridge() { ASSERT_EQ(0, m_bridge->Initialize()); }
 
     PrivateChannel m_channel;
     EventBridge* m_bridge;
@@ -41,17 +41,17 @@ TEST_F(EventThreadTest, StopEndsAThreadThatWaitsInTheBridge) {
     const auto start = steady_clock::now();
     // A stop that comes before the body has cleared the flag is lost, so ask until it is heard.
     do {
-        EXPECT_EQ(thread.Stop(), 1);
+        EXPECT_EQ(1, thread.Stop());
     } while (!thread.Join(1500, nullptr));
     EXPECT_LT(steady_clock::now() - start, seconds(10));
-    EXPECT_EQ(thread.ExitCode(), EventThread::kExitStopped);
+    EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
 }
 
 TEST_F(EventThreadTest, ExitsWithTwoWhenTheBridgeIsNotInitialised) {
     EventThread thread("eventthread", 0, 0);
     ASSERT_TRUE(thread.Start(false));
     ASSERT_TRUE(thread.Join(kLongMs, nullptr));
-    EXPECT_EQ(thread.ExitCode(), EventThread::kExitBridgeRefused);
+    EXPECT_EQ(EventThread::kExitBridgeRefused, thread.ExitCode());
 }
 
 TEST_F(EventThreadTest, WorksASecondTimeAfterAStop) {
@@ -63,7 +63,7 @@ TEST_F(EventThreadTest, WorksASecondTimeAfterAStop) {
     do {
         thread.Stop();
     } while (!thread.Join(1500, nullptr));
-    EXPECT_EQ(thread.ExitCode(), EventThread::kExitStopped);
+    EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
 }
 
 TEST_F(EventThreadTest, SuspendsAndResumes) {
@@ -78,7 +78,7 @@ TEST_F(EventThreadTest, SuspendsAndResumes) {
     do {
         thread.Stop();
     } while (!thread.Join(1500, nullptr));
-    EXPECT_EQ(thread.ExitCode(), EventThread::kExitStopped);
+    EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
 }
 
 TEST_F(EventThreadTest, StopWakesASuspendedThreadWhichLogsThatItResumed) {
@@ -90,7 +90,7 @@ TEST_F(EventThreadTest, StopWakesASuspendedThreadWhichLogsThatItResumed) {
     ASSERT_TRUE(thread.WaitSuspended(kLongMs));
     thread.Stop();
     ASSERT_TRUE(thread.Join(kLongMs, nullptr));
-    EXPECT_EQ(thread.ExitCode(), EventThread::kExitStopped);
+    EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
     EXPECT_TRUE(log.Contains(" suspended."));
     EXPECT_TRUE(log.Contains(" resumed."));
     EXPECT_TRUE(log.Contains(" exiting: 0"));
@@ -110,19 +110,17 @@ TEST_F(EventThreadTest, RunsOnWhenTheCpuDoesNotExist) {
         EventThread thread("eventthread", 0, 1023);
         ASSERT_TRUE(thread.Start(false));
         ASSERT_TRUE(thread.Join(kLongMs, nullptr));
-        EXPECT_EQ(thread.ExitCode(), EventThread::kExitBridgeRefused);
+        EXPECT_EQ(EventThread::kExitBridgeRefused, thread.ExitCode());
     });
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const std::string& line) {
-                                return line.starts_with("2 Unable to assign event thread ") &&
-                                       line.ends_with(" to CPU 1023");
-                            }),
-              1);
+    EXPECT_EQ(1, std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+                  return line.starts_with("2 Unable to assign event thread ") &&
+                         line.ends_with(" to CPU 1023");
+              }));
 }
 
 TEST_F(EventThreadTest, BindsToACpuAboveZero) {
     cpu_set_t allowed;
-    ASSERT_EQ(sched_getaffinity(0, sizeof(allowed), &allowed), 0);
+    ASSERT_EQ(0, sched_getaffinity(0, sizeof(allowed), &allowed));
     int cpu = CPU_SETSIZE - 1;
     while (cpu > 0 && !CPU_ISSET(static_cast<size_t>(cpu), &allowed)) {
         --cpu;
@@ -150,7 +148,7 @@ TEST_F(EventThreadTest, ForceQuitEndsAWaitingThreadAndGivesItsReferenceBack) {
     }
     // Had a reference been kept, the last Release would not have closed the bridge.
     m_bridge->Finalize();
-    EXPECT_EQ(m_bridge->ProcessEventQueue(0, 0), -1);
+    EXPECT_EQ(-1, m_bridge->ProcessEventQueue(0, 0));
 }
 
 TEST_F(EventThreadTest, ForceQuitLeavesAnIdleThreadAlone) {

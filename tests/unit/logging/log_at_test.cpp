@@ -45,7 +45,7 @@ TEST(LogAt, KeepsReadingTheTextAsAFormatOnceMore) {
 TEST(LogAt, MarksATextThatIsCut) {
     const LogCapture log;
     LogAt(1, 10, "f", "%s", std::string(3000, 'x').c_str());
-    ASSERT_EQ(log.Messages().size(), 1U);
+    ASSERT_EQ(1U, log.Messages().size());
     EXPECT_TRUE(log.Messages()[0].starts_with("[ERROR]xxx"));
 }
 
@@ -57,32 +57,32 @@ std::string Bounded(unsigned size, const std::string& prefix, const std::string&
 }
 
 TEST(FormatBounded, JoinsPrefixAndTextAndClearsTheRest) {
-    EXPECT_EQ(Bounded(10, "[I]", "abc"), std::string("[I]abc\0\0\0\0####", 14));
+    EXPECT_EQ(std::string("[I]abc\0\0\0\0####", 14), Bounded(10, "[I]", "abc"));
 }
 
 TEST(FormatBounded, TakesATextThatJustFits) {
-    EXPECT_EQ(Bounded(7, "[I]", "abc"), std::string("[I]abc\0####", 11));
+    EXPECT_EQ(std::string("[I]abc\0####", 11), Bounded(7, "[I]", "abc"));
 }
 
 TEST(FormatBounded, CutsATextThatDoesNotFitAndMarksIt) {
-    EXPECT_EQ(Bounded(8, "[I]", "abcde"), std::string("[I]a>>>\0####", 12));
+    EXPECT_EQ(std::string("[I]a>>>\0####", 12), Bounded(8, "[I]", "abcde"));
 }
 
 TEST(FormatBounded, CutsAPrefixAsWell) {
-    EXPECT_EQ(Bounded(6, "prefix", "text"), std::string("pr>>>\0####", 10));
+    EXPECT_EQ(std::string("pr>>>\0####", 10), Bounded(6, "prefix", "text"));
 }
 
 TEST(FormatBounded, StaysInABufferTooSmallForTheMark) {
-    EXPECT_EQ(Bounded(4, "", "abcd"), std::string(">>>\0####", 8));
-    EXPECT_EQ(Bounded(3, "", "abcd"), std::string(">>\0####", 7));
-    EXPECT_EQ(Bounded(1, "", "abcd"), std::string("\0####", 5));
-    EXPECT_EQ(Bounded(0, "", "abcd"), "####");
+    EXPECT_EQ(std::string(">>>\0####", 8), Bounded(4, "", "abcd"));
+    EXPECT_EQ(std::string(">>\0####", 7), Bounded(3, "", "abcd"));
+    EXPECT_EQ(std::string("\0####", 5), Bounded(1, "", "abcd"));
+    EXPECT_EQ("####", Bounded(0, "", "abcd"));
 }
 
 TEST(FormatBounded, FormatsAtMost2047Characters) {
     const std::string out = Bounded(4096, "", std::string(3000, 'x'));
-    EXPECT_EQ(std::count(out.begin(), out.end(), 'x'), 2047);
-    EXPECT_EQ(out.find('>'), std::string::npos);
+    EXPECT_EQ(2047, std::count(out.begin(), out.end(), 'x'));
+    EXPECT_EQ(std::string::npos, out.find('>'));
 }
 
 }  // namespace

@@ -60,18 +60,18 @@ using LogFileRotation = LogFileTest;
 using LogFileSafety = LogFileTest;
 
 TEST_F(LogFileStart, HasLevelThree) {
-    EXPECT_EQ(m_log.GetLevel(), 3);
+    EXPECT_EQ(3, m_log.GetLevel());
 }
 
 TEST_F(LogFileStart, DropsLinesBeforeItIsOpen) {
-    EXPECT_EQ(m_log.Write(1, "lost"), -2);
+    EXPECT_EQ(-2, m_log.Write(1, "lost"));
 }
 
 TEST_F(LogFileStart, OpensNothingInInitialize) {
     m_log.Initialize(m_path, 5);
-    EXPECT_EQ(m_log.GetLevel(), 5);
+    EXPECT_EQ(5, m_log.GetLevel());
     EXPECT_FALSE(fs::exists(m_path));
-    EXPECT_EQ(m_log.Write(1, "lost"), -2);
+    EXPECT_EQ(-2, m_log.Write(1, "lost"));
 }
 
 TEST_F(LogFileStart, RefusesALimitOfZero) {
@@ -84,7 +84,7 @@ TEST_F(LogFileStart, RefusesALimitOfZero) {
 TEST_F(LogFileStart, FailsWithoutADirectory) {
     m_log.Initialize(m_dir.File("missing/tarn.log"), 3);
     EXPECT_FALSE(m_log.SetLimits(1000, 5));
-    EXPECT_EQ(m_log.Write(1, "lost"), -2);
+    EXPECT_EQ(-2, m_log.Write(1, "lost"));
 }
 
 TEST_F(LogFileStart, MakesAFileForAllToRead) {
@@ -92,8 +92,8 @@ TEST_F(LogFileStart, MakesAFileForAllToRead) {
     OpenWith(1000, 5);
     umask(former);
     struct stat status {};
-    ASSERT_EQ(stat(m_path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777u, 0644u);
+    ASSERT_EQ(0, stat(m_path.c_str(), &status));
+    EXPECT_EQ(0644u, status.st_mode & 07777u);
 }
 
 TEST_F(LogFileStart, OpensADescriptorThatIsNotInherited) {
@@ -101,7 +101,7 @@ TEST_F(LogFileStart, OpensADescriptorThatIsNotInherited) {
     close(next);
     OpenWith(1000, 5);
     const int flags = fcntl(next, F_GETFD);
-    ASSERT_NE(flags, -1);
+    ASSERT_NE(-1, flags);
     EXPECT_TRUE(flags & FD_CLOEXEC);
     EXPECT_TRUE(fcntl(next, F_GETFL) & O_APPEND);
 }
@@ -123,7 +123,7 @@ TEST_F(LogFileLine, CarriesTheLocalTime) {
     const time_t after = time(nullptr);
     tm parsed{};
     parsed.tm_isdst = -1;
-    ASSERT_NE(strptime(text.c_str(), "%Y/%m/%d %H:%M:%S", &parsed), nullptr);
+    ASSERT_NE(nullptr, strptime(text.c_str(), "%Y/%m/%d %H:%M:%S", &parsed));
     const time_t told = mktime(&parsed);
     EXPECT_GE(told, before);
     EXPECT_LE(told, after);
@@ -135,34 +135,34 @@ TEST_F(LogFileLine, PutsATagAndATabBehindTheThreadNumber) {
 }
 
 TEST_F(LogFileLine, StaysWithinTheBufferWhateverTheTag) {
-    EXPECT_EQ(PrefixPeer::Prefix(std::string(500, 't').c_str(), 64).size(), 63u);
+    EXPECT_EQ(63u, PrefixPeer::Prefix(std::string(500, 't').c_str(), 64).size());
 }
 
 TEST_F(LogFileLine, DoesNotShowTheLevel) {
     OpenWith(1000, 5, 5);
     m_log.Write(1, "same");
     m_log.Write(5, "same");
-    EXPECT_EQ(Messages(m_path), "same\nsame\n");
+    EXPECT_EQ("same\nsame\n", Messages(m_path));
 }
 
 TEST_F(LogFileLine, KeepsACutAt2047CharactersUnmarkedAndStillEnds) {
     OpenWith(100000, 5);
-    EXPECT_EQ(m_log.Write(3, "%s", std::string(3000, 'x').c_str()), 2047);
+    EXPECT_EQ(2047, m_log.Write(3, "%s", std::string(3000, 'x').c_str()));
     m_log.Write(3, "next");
     const std::string content = ReadFile(m_path);
-    ASSERT_EQ(content.find('\n'), 2047u);
-    EXPECT_EQ(content.substr(2030, 17), std::string(17, 'x'));
-    EXPECT_EQ(content.find('>'), std::string::npos);
-    EXPECT_NE(content.find("next\n"), std::string::npos);
+    ASSERT_EQ(2047u, content.find('\n'));
+    EXPECT_EQ(std::string(17, 'x'), content.substr(2030, 17));
+    EXPECT_EQ(std::string::npos, content.find('>'));
+    EXPECT_NE(std::string::npos, content.find("next\n"));
 }
 
 // A wide character that the locale cannot express makes the formatting fail.
 TEST_F(LogFileLine, KeepsTheMarkOfAFailureNearTheEndOfTheBuffer) {
     OpenWith(100000, 5);
     static const wchar_t kUnprintable[] = {L'\x100', 0};
-    EXPECT_EQ(m_log.Write(3, "%s%ls", std::string(3000, 'x').c_str(), kUnprintable), 2043);
+    EXPECT_EQ(2043, m_log.Write(3, "%s%ls", std::string(3000, 'x').c_str(), kUnprintable));
     const std::string content = ReadFile(m_path);
-    EXPECT_EQ(content.substr(2036), "xxxx>>>\n");
+    EXPECT_EQ("xxxx>>>\n", content.substr(2036));
 }
 
 TEST_F(LogFileLine, KeepsTheTextBeforeAFailureWhereTheMarkIsOutOfReach) {
@@ -181,24 +181,24 @@ TEST_F(LogFileWrite, GivesTheBytesOfTheTextWithoutTheLineFeed) {
 
 TEST_F(LogFileWrite, GivesZeroForALevelThatDoesNotPass) {
     OpenWith(1000, 5);
-    EXPECT_EQ(m_log.Write(4, "above"), 0);
-    EXPECT_EQ(fs::file_size(m_path), 0u);
+    EXPECT_EQ(0, m_log.Write(4, "above"));
+    EXPECT_EQ(0u, fs::file_size(m_path));
 }
 
 TEST_F(LogFileWrite, GivesZeroForALevelThatDoesNotPassThoughNothingIsOpen) {
-    EXPECT_EQ(m_log.Write(4, "above"), 0);
+    EXPECT_EQ(0, m_log.Write(4, "above"));
 }
 
 TEST_F(LogFileWrite, GivesZeroWhenTheDeviceTakesNothing) {
     m_log.Initialize("/dev/full", 3);
     ASSERT_TRUE(m_log.SetLimits(1000, 1));
-    EXPECT_EQ(m_log.Write(3, "no room"), 0);
+    EXPECT_EQ(0, m_log.Write(3, "no room"));
 }
 
 TEST_F(LogFileWrite, DropsLinesAfterClose) {
     OpenWith(1000, 5);
     m_log.Close();
-    EXPECT_EQ(m_log.Write(1, "lost"), -2);
+    EXPECT_EQ(-2, m_log.Write(1, "lost"));
 }
 
 TEST_F(LogFileWrite, LeavesTheLinesAloneInAFlush) {
@@ -208,14 +208,14 @@ TEST_F(LogFileWrite, LeavesTheLinesAloneInAFlush) {
     m_log.Flush();
     m_log.Close();
     m_log.Flush();
-    EXPECT_EQ(Messages(m_path), "text\n");
+    EXPECT_EQ("text\n", Messages(m_path));
 }
 
 TEST_F(LogFileRotation, StartsANewFileAtEveryOpening) {
     WriteFile(m_path, "former\n");
     OpenWith(1000, 5);
-    EXPECT_EQ(ReadFile(m_path), "");
-    EXPECT_EQ(ReadFile(Numbered(1)), "former\n");
+    EXPECT_EQ("", ReadFile(m_path));
+    EXPECT_EQ("former\n", ReadFile(Numbered(1)));
 }
 
 TEST_F(LogFileRotation, MovesEveryFileOneUpAndDropsTheOldest) {
@@ -224,7 +224,7 @@ TEST_F(LogFileRotation, MovesEveryFileOneUpAndDropsTheOldest) {
         WriteFile(Numbered(i), std::to_string(i));
     }
     OpenWith(1000, 5);
-    EXPECT_EQ(ReadFile(m_path), "");
+    EXPECT_EQ("", ReadFile(m_path));
     for (int i = 1; i <= 4; ++i) {
         EXPECT_EQ(ReadFile(Numbered(i)), std::to_string(i - 1));
     }
@@ -236,19 +236,19 @@ TEST_F(LogFileRotation, KeepsAGapWhereASourceIsMissing) {
     WriteFile(Numbered(1), "1");
     WriteFile(Numbered(3), "3");
     OpenWith(1000, 5);
-    EXPECT_EQ(ReadFile(Numbered(1)), "0");
-    EXPECT_EQ(ReadFile(Numbered(2)), "1");
+    EXPECT_EQ("0", ReadFile(Numbered(1)));
+    EXPECT_EQ("1", ReadFile(Numbered(2)));
     EXPECT_FALSE(fs::exists(Numbered(3)));
-    EXPECT_EQ(ReadFile(Numbered(4)), "3");
+    EXPECT_EQ("3", ReadFile(Numbered(4)));
 }
 
 TEST_F(LogFileRotation, HasNoOldFileWithAMaximumOfOne) {
     WriteFile(m_path, "former\n");
     OpenWith(20, 1);
-    EXPECT_EQ(ReadFile(m_path), "");
+    EXPECT_EQ("", ReadFile(m_path));
     m_log.Write(3, "first");
     m_log.Write(3, "second");
-    EXPECT_EQ(Messages(m_path), "second\n");
+    EXPECT_EQ("second\n", Messages(m_path));
     EXPECT_FALSE(fs::exists(Numbered(1)));
 }
 
@@ -256,8 +256,8 @@ TEST_F(LogFileRotation, LeavesFilesBeyondTheMaximumAlone) {
     WriteFile(m_path, "0");
     WriteFile(Numbered(2), "2");
     OpenWith(1000, 2);
-    EXPECT_EQ(ReadFile(Numbered(1)), "0");
-    EXPECT_EQ(ReadFile(Numbered(2)), "2");
+    EXPECT_EQ("0", ReadFile(Numbered(1)));
+    EXPECT_EQ("2", ReadFile(Numbered(2)));
 }
 
 TEST_F(LogFileRotation, HappensBeforeTheLineThatFindsTheFileAboveItsLimit) {
@@ -267,10 +267,10 @@ TEST_F(LogFileRotation, HappensBeforeTheLineThatFindsTheFileAboveItsLimit) {
     OpenWith(size, 5);
     m_log.Write(3, "one");
     m_log.Write(3, "two");
-    EXPECT_EQ(Messages(m_path), "one\ntwo\n");
+    EXPECT_EQ("one\ntwo\n", Messages(m_path));
     m_log.Write(3, "three");
-    EXPECT_EQ(Messages(m_path), "three\n");
-    EXPECT_EQ(Messages(Numbered(1)), "one\ntwo\n");
+    EXPECT_EQ("three\n", Messages(m_path));
+    EXPECT_EQ("one\ntwo\n", Messages(Numbered(1)));
 }
 
 TEST_F(LogFileRotation, FailsOnAFullDirectoryInTheWay) {
@@ -279,8 +279,8 @@ TEST_F(LogFileRotation, FailsOnAFullDirectoryInTheWay) {
     WriteFile(Numbered(1) + "/inside", "");
     m_log.Initialize(m_path, 3);
     EXPECT_FALSE(m_log.SetLimits(1000, 2));
-    EXPECT_EQ(ReadFile(m_path), "former\n");
-    EXPECT_EQ(m_log.Write(1, "lost"), -2);
+    EXPECT_EQ("former\n", ReadFile(m_path));
+    EXPECT_EQ(-2, m_log.Write(1, "lost"));
 }
 
 TEST_F(LogFileRotation, KeepsTheFileClosedForGoodWhenItFailsAtRunTime) {
@@ -288,10 +288,10 @@ TEST_F(LogFileRotation, KeepsTheFileClosedForGoodWhenItFailsAtRunTime) {
     m_log.Write(3, "one");
     fs::create_directory(Numbered(1));
     WriteFile(Numbered(1) + "/inside", "");
-    EXPECT_EQ(m_log.Write(3, "two"), -1);
+    EXPECT_EQ(-1, m_log.Write(3, "two"));
     fs::remove_all(Numbered(1));
-    EXPECT_EQ(m_log.Write(3, "three"), -2);
-    EXPECT_EQ(Messages(m_path), "one\n");
+    EXPECT_EQ(-2, m_log.Write(3, "three"));
+    EXPECT_EQ("one\n", Messages(m_path));
 }
 
 TEST_F(LogFileRotation, TakesAPathOfMoreThan256Bytes) {
@@ -300,7 +300,7 @@ TEST_F(LogFileRotation, TakesAPathOfMoreThan256Bytes) {
     WriteFile(path, "former\n");
     m_log.Initialize(path, 3);
     ASSERT_TRUE(m_log.SetLimits(1000, 2));
-    EXPECT_EQ(ReadFile(path + ".001"), "former\n");
+    EXPECT_EQ("former\n", ReadFile(path + ".001"));
 }
 
 TEST_F(LogFileRotation, FailsWhereARenameFails) {
@@ -308,7 +308,7 @@ TEST_F(LogFileRotation, FailsWhereARenameFails) {
     WriteFile(path, "former\n");
     m_log.Initialize(path, 3);
     EXPECT_FALSE(m_log.SetLimits(1000, 2));
-    EXPECT_EQ(ReadFile(path), "former\n");
+    EXPECT_EQ("former\n", ReadFile(path));
 }
 
 TEST_F(LogFileSafety, LeavesErrnoAsItWas) {
@@ -319,10 +319,10 @@ TEST_F(LogFileSafety, LeavesErrnoAsItWas) {
     m_log.Close();
     m_log.Flush();
     m_log.Write(3, "three");
-    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(EDOM, errno);
     m_log.Initialize(m_dir.File("missing/tarn.log"), 3);
     EXPECT_FALSE(m_log.SetLimits(10, 3));
-    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(EDOM, errno);
 }
 
 LogFile* s_struckLog = nullptr;
@@ -344,7 +344,7 @@ TEST_F(LogFileSafety, WritesTheLinesOfAFaultHandlerThatStruckInsideTheLog) {
             m_log.Write(1, "%s", reinterpret_cast<const char*>(nowhere));
         },
         ::testing::ExitedWithCode(7), "");
-    EXPECT_EQ(Messages(m_path), "Received SEGV signal\n");
+    EXPECT_EQ("Received SEGV signal\n", Messages(m_path));
 }
 
 }  // namespace

@@ -72,7 +72,7 @@ using LogSingleton = LogTest;
 using LogSafety = LogTest;
 
 TEST_F(LogLevel, StartsAtNotice) {
-    EXPECT_EQ(Log::GetLevel(), 4);
+    EXPECT_EQ(4, Log::GetLevel());
     EXPECT_TRUE(Log::Passes(4));
     EXPECT_FALSE(Log::Passes(5));
 }
@@ -81,8 +81,8 @@ TEST_F(LogLevel, LetsPassWhatIsAtMostTheConfiguredOne) {
     const StderrCapture captured;
     Log::SetLevel(3);
     LogThroughAll();
-    EXPECT_EQ(captured.Text(),
-              "Info: info\nWarning: warning\nError: error\nError: critical\nError: fatal\n");
+    EXPECT_EQ("Info: info\nWarning: warning\nError: error\nError: critical\nError: fatal\n",
+              captured.Text());
 }
 
 TEST_F(LogLevel, KeepsNoticeBelowInfo) {
@@ -91,7 +91,7 @@ TEST_F(LogLevel, KeepsNoticeBelowInfo) {
     Log::SetLevel(3);
     Log::Notice("hidden");
     Log::Info("shown");
-    EXPECT_EQ(captured.Text(), "Info: shown\n");
+    EXPECT_EQ("Info: shown\n", captured.Text());
 }
 
 TEST_F(LogLevel, StopsEverythingAtZeroEvenErrorsAfterOpening) {
@@ -102,16 +102,16 @@ TEST_F(LogLevel, StopsEverythingAtZeroEvenErrorsAfterOpening) {
         Log::GetInstance()->Write(level, "text");
         Log::WriteConsole(level, "text");
     }
-    EXPECT_EQ(captured.Text(), "");
+    EXPECT_EQ("", captured.Text());
     EXPECT_TRUE(Lines().empty());
-    EXPECT_EQ(ReadFile(m_path), "");
+    EXPECT_EQ("", ReadFile(m_path));
 }
 
 TEST_F(LogLevel, LetsEverythingPassAtSixAsAtFive) {
     for (const int level : {5, 6}) {
         OpenAt(level);
         LogThroughAll();
-        EXPECT_EQ(FileMessages(), "debug\ninfo\nnotice\nwarning\nerror\ncritical\nfatal\n");
+        EXPECT_EQ("debug\ninfo\nnotice\nwarning\nerror\ncritical\nfatal\n", FileMessages());
         Reset();
     }
 }
@@ -121,78 +121,80 @@ TEST_F(LogLevel, ReachesBothSinks) {
     Log::SetLevel(5);
     Log::Debug("to the file");
     Log::Info("to both");
-    EXPECT_EQ(FileMessages(), "to the file\nto both\n");
-    EXPECT_EQ(Lines(), std::vector<Line>({{LOG_ERR, "to both"}}));
-    EXPECT_EQ(SysLog::GetInstance()->GetLevel(), 4);
+    EXPECT_EQ("to the file\nto both\n", FileMessages());
+    EXPECT_EQ(std::vector<Line>({{LOG_ERR, "to both"}}), Lines());
+    EXPECT_EQ(4, SysLog::GetInstance()->GetLevel());
     Log::SetLevel(0);
-    EXPECT_EQ(SysLog::GetInstance()->GetLevel(), 0);
+    EXPECT_EQ(0, SysLog::GetInstance()->GetLevel());
 }
 
 TEST_F(LogConsole, PutsAWordBeforeEachLevel) {
     const StderrCapture captured;
     Log::SetLevel(5);
     LogThroughAll();
-    EXPECT_EQ(captured.Text(),
-              "Debug: debug\nInfo: info\nNotice: notice\nWarning: warning\nError: error\n"
-              "Error: critical\nError: fatal\n");
+    EXPECT_EQ(
+        "Debug: debug\nInfo: info\nNotice: notice\nWarning: warning\nError: error\n"
+        "Error: critical\nError: fatal\n",
+        captured.Text());
 }
 
 TEST_F(LogConsole, KeepsTheOrdinaryPrioritiesInTheSystemLog) {
     const StderrCapture captured;
     Log::SetLevel(5);
     LogThroughAll();
-    EXPECT_EQ(Lines(), std::vector<Line>({{LOG_INFO, "info"},
-                                          {LOG_INFO, "notice"},
-                                          {LOG_WARNING, "warning"},
-                                          {LOG_ERR, "error"},
-                                          {LOG_ERR, "critical"},
-                                          {LOG_ERR, "fatal"}}));
+    EXPECT_EQ(std::vector<Line>({{LOG_INFO, "info"},
+                                 {LOG_INFO, "notice"},
+                                 {LOG_WARNING, "warning"},
+                                 {LOG_ERR, "error"},
+                                 {LOG_ERR, "critical"},
+                                 {LOG_ERR, "fatal"}}),
+              Lines());
 }
 
 TEST_F(LogConsole, ShowsNoticesBeforeOpeningAndHidesThemAfterwardsAtLevelThree) {
     const StderrCapture captured;
     Log::Notice("before");
-    EXPECT_EQ(captured.Text(), "Notice: before\n");
-    EXPECT_EQ(Lines(), std::vector<Line>({{LOG_INFO, "before"}}));
+    EXPECT_EQ("Notice: before\n", captured.Text());
+    EXPECT_EQ(std::vector<Line>({{LOG_INFO, "before"}}), Lines());
     OpenAt(3);
     Log::Notice("after");
-    EXPECT_EQ(captured.Text(), "Notice: before\n");
-    EXPECT_EQ(Lines().size(), 1u);
-    EXPECT_EQ(ReadFile(m_path), "");
+    EXPECT_EQ("Notice: before\n", captured.Text());
+    EXPECT_EQ(1u, Lines().size());
+    EXPECT_EQ("", ReadFile(m_path));
 }
 
 TEST_F(LogConsole, IsTakenWhileTheSingletonIsNotOpenYet) {
     const StderrCapture captured;
     (void)Log::GetInstance();
     Log::Error("early");
-    EXPECT_EQ(captured.Text(), "Error: early\n");
+    EXPECT_EQ("Error: early\n", captured.Text());
 }
 
 TEST_F(LogConsole, CutsAMessageAt8191Characters) {
     const StderrCapture captured;
     Log::Error("%s", std::string(9000, 'x').c_str());
-    EXPECT_EQ(captured.Text(), "Error: " + std::string(8191, 'x') + "\n");
-    EXPECT_EQ(Lines()[0].text, std::string(8191, 'x'));
+    EXPECT_EQ("Error: " + std::string(8191, 'x') + "\n", captured.Text());
+    EXPECT_EQ(std::string(8191, 'x'), Lines()[0].text);
 }
 
 TEST_F(LogConsole, ReadsNoConversionInTheFinishedText) {
     const StderrCapture captured;
     Log::Error("%s", "100%n");
-    EXPECT_EQ(captured.Text(), "Error: 100%n\n");
-    EXPECT_EQ(Lines()[0].text, "100%n");
+    EXPECT_EQ("Error: 100%n\n", captured.Text());
+    EXPECT_EQ("100%n", Lines()[0].text);
 }
 
 TEST_F(LogConsole, AppendsTheTextOfErrnoWhereAsked) {
     const StderrCapture captured;
     errno = ENOENT;
     LogPeer::WriteConsoleWithErrno(1, "cannot open %s", "x");
-    EXPECT_EQ(captured.Text(), "Error: cannot open x: No such file or directory\n");
+    EXPECT_EQ("Error: cannot open x: No such file or directory\n", captured.Text());
 }
 
 TEST_F(LogConsole, HasNoRoomForErrnoBehindAFullMessage) {
     const StderrCapture captured;
     LogPeer::WriteConsoleWithErrno(1, "%s", std::string(9000, 'x').c_str());
-    EXPECT_EQ(captured.Text(), "Error: " + std::string(8191, 'x') + "\n");
+    EXPECT_EQ("Error: " + std::string(8191, 'x') + "\n", captured.Text());
 }
 
 TEST_F(LogConsole, CanBeWrittenToAtLevelsUpToFour) {
@@ -201,32 +203,32 @@ TEST_F(LogConsole, CanBeWrittenToAtLevelsUpToFour) {
     for (int level = 1; level <= 6; ++level) {
         Log::WriteConsole(level, "level %d", level);
     }
-    EXPECT_EQ(captured.Text(),
-              "Error: level 1\nWarning: level 2\nInfo: level 3\nNotice: level 4\n");
+    EXPECT_EQ("Error: level 1\nWarning: level 2\nInfo: level 3\nNotice: level 4\n",
+              captured.Text());
 }
 
 TEST_F(LogConsole, GoesThroughTheSysLogOnceThereIsOne) {
     const StderrCapture captured;
     OpenAt(4);
     Log::WriteConsole(1, "text");
-    EXPECT_EQ(captured.Text(), "Error: text\n");
-    EXPECT_EQ(Lines(), std::vector<Line>({{LOG_ALERT, "text"}}));
-    EXPECT_EQ(ReadFile(m_path), "");
+    EXPECT_EQ("Error: text\n", captured.Text());
+    EXPECT_EQ(std::vector<Line>({{LOG_ALERT, "text"}}), Lines());
+    EXPECT_EQ("", ReadFile(m_path));
 }
 
 TEST_F(LogOpen, SetsLevelNameAndBothSinks) {
     OpenAt(2);
-    EXPECT_EQ(Log::GetLevel(), 2);
-    EXPECT_EQ(LogPeer::AppName(), "tarn");
+    EXPECT_EQ(2, Log::GetLevel());
+    EXPECT_EQ("tarn", LogPeer::AppName());
     EXPECT_TRUE(LogPeer::Initialized());
     EXPECT_TRUE(std::filesystem::exists(m_path));
-    EXPECT_EQ(syslog_stand_in::Openings().back().name, "tarn");
-    EXPECT_EQ(SysLog::GetInstance()->GetLevel(), 2);
+    EXPECT_EQ("tarn", syslog_stand_in::Openings().back().name);
+    EXPECT_EQ(2, SysLog::GetInstance()->GetLevel());
 }
 
 TEST_F(LogOpen, LeavesTheNameAloneWhenTheNewOneIsEmpty) {
     Log::GetInstance()->Open("", m_path.c_str(), 3, 1000, 5);
-    EXPECT_EQ(LogPeer::AppName(), "QOR");
+    EXPECT_EQ("QOR", LogPeer::AppName());
     EXPECT_TRUE(std::filesystem::exists(m_path));
 }
 
@@ -235,28 +237,28 @@ TEST_F(LogOpen, OpensOnlyTheSystemLogWithoutAName) {
     EXPECT_FALSE(std::filesystem::exists(m_path));
     EXPECT_TRUE(LogPeer::Initialized());
     Log::Error("text");
-    EXPECT_EQ(Lines(), std::vector<Line>({{LOG_ALERT, "text"}}));
+    EXPECT_EQ(std::vector<Line>({{LOG_ALERT, "text"}}), Lines());
 }
 
 TEST_F(LogOpen, KeepsTheApplicationNameInTheWarningAboutTheFile) {
     const StderrCapture captured;
     const std::string path = m_dir.File("missing/tarn.log");
     Log::GetInstance()->Open("tarn", path.c_str(), 3, 1000, 5);
-    EXPECT_EQ(captured.Text(), "Warning: Unable to initialize log file: tarn\n");
-    EXPECT_EQ(Lines(), std::vector<Line>({{LOG_WARNING, "Unable to initialize log file: tarn"}}));
+    EXPECT_EQ("Warning: Unable to initialize log file: tarn\n", captured.Text());
+    EXPECT_EQ(std::vector<Line>({{LOG_WARNING, "Unable to initialize log file: tarn"}}), Lines());
     EXPECT_TRUE(LogPeer::Initialized());
 }
 
 TEST_F(LogOpen, WarnsWithoutAFileName) {
     const StderrCapture captured;
     Log::GetInstance()->Open("tarn", nullptr, 3, 1000, 5);
-    EXPECT_EQ(captured.Text(), "Warning: Unable to initialize log file: tarn\n");
+    EXPECT_EQ("Warning: Unable to initialize log file: tarn\n", captured.Text());
 }
 
 TEST_F(LogOpen, WarnsOnALimitOfZero) {
     const StderrCapture captured;
     Log::GetInstance()->Open("tarn", m_path.c_str(), 3, 0, 5);
-    EXPECT_EQ(captured.Text(), "Warning: Unable to initialize log file: tarn\n");
+    EXPECT_EQ("Warning: Unable to initialize log file: tarn\n", captured.Text());
 }
 
 TEST_F(LogOpen, SendsErrorsToTheSystemLogThoughTheFileFailed) {
@@ -266,7 +268,7 @@ TEST_F(LogOpen, SendsErrorsToTheSystemLogThoughTheFileFailed) {
     Log::GetInstance()->Write(1, "one");
     Log::GetInstance()->Write(3, "three");
     Log::GetInstance()->Write(4, "four");
-    EXPECT_EQ(Lines(), std::vector<Line>({{LOG_ALERT, "one"}, {LOG_ERR, "three"}}));
+    EXPECT_EQ(std::vector<Line>({{LOG_ALERT, "one"}, {LOG_ERR, "three"}}), Lines());
 }
 
 TEST_F(LogOpen, StartsANewFileWhenRepeated) {
@@ -274,15 +276,15 @@ TEST_F(LogOpen, StartsANewFileWhenRepeated) {
     Log::Error("first");
     Log::GetInstance()->Reopen("tarn", m_path.c_str(), 3, 1000, 5);
     Log::Error("second");
-    EXPECT_EQ(FileMessages(), "second\n");
-    EXPECT_NE(ReadFile(m_path + ".001").find("first\n"), std::string::npos);
+    EXPECT_EQ("second\n", FileMessages());
+    EXPECT_NE(std::string::npos, ReadFile(m_path + ".001").find("first\n"));
 }
 
 TEST_F(LogOpen, TakesTheConsolePathForItsWarningWhenRepeated) {
     const StderrCapture captured;
     OpenAt(3);
     Log::GetInstance()->Reopen("tarn", m_dir.File("missing/tarn.log").c_str(), 3, 1000, 5);
-    EXPECT_EQ(captured.Text(), "Warning: Unable to initialize log file: tarn\n");
+    EXPECT_EQ("Warning: Unable to initialize log file: tarn\n", captured.Text());
     EXPECT_TRUE(LogPeer::Initialized());
 }
 
@@ -291,23 +293,23 @@ TEST_F(LogOpened, SendsInfosToTheFileAndToTheSystemLogAsErrors) {
     OpenAt(3);
     Log::Info("static");
     Log::GetInstance()->Write(3, "member %d", 2);
-    EXPECT_EQ(FileMessages(), "static\nmember 2\n");
-    EXPECT_EQ(Lines(), std::vector<Line>({{LOG_ERR, "static"}, {LOG_ERR, "member 2"}}));
-    EXPECT_EQ(captured.Text(), "");
+    EXPECT_EQ("static\nmember 2\n", FileMessages());
+    EXPECT_EQ(std::vector<Line>({{LOG_ERR, "static"}, {LOG_ERR, "member 2"}}), Lines());
+    EXPECT_EQ("", captured.Text());
 }
 
 TEST_F(LogOpened, KeepsNoticesAndDebugLinesFromTheSystemLog) {
     OpenAt(5);
     Log::Notice("notice");
     Log::GetInstance()->Write(5, "debug");
-    EXPECT_EQ(FileMessages(), "notice\ndebug\n");
+    EXPECT_EQ("notice\ndebug\n", FileMessages());
     EXPECT_TRUE(Lines().empty());
 }
 
 TEST_F(LogOpened, KeepsAWriteBeforeThatLostWithoutATrace) {
     const StderrCapture captured;
     Log::GetInstance()->Write(1, "lost");
-    EXPECT_EQ(captured.Text(), "");
+    EXPECT_EQ("", captured.Text());
     EXPECT_TRUE(Lines().empty());
 }
 
@@ -315,12 +317,12 @@ TEST_F(LogOpened, DropsEverythingAfterClose) {
     const StderrCapture captured;
     OpenAt(3);
     Log::GetInstance()->Close();
-    EXPECT_EQ(syslog_stand_in::Closings(), 2);
+    EXPECT_EQ(2, syslog_stand_in::Closings());
     Log::Error("static");
     Log::GetInstance()->Write(1, "member");
-    EXPECT_EQ(ReadFile(m_path), "");
+    EXPECT_EQ("", ReadFile(m_path));
     EXPECT_TRUE(Lines().empty());
-    EXPECT_EQ(captured.Text(), "");
+    EXPECT_EQ("", captured.Text());
 }
 
 TEST_F(LogCallback, KeepsInfosAndCriticalsToItselfBeforeOpening) {
@@ -328,24 +330,24 @@ TEST_F(LogCallback, KeepsInfosAndCriticalsToItselfBeforeOpening) {
     Log::SetConsole(Called, true, true, true);
     Log::SetLevel(5);
     LogThroughAll();
-    EXPECT_EQ(s_called, std::vector<Line>({{4, "notice"}, {2, "warning"}, {1, "error"}}));
+    EXPECT_EQ(std::vector<Line>({{4, "notice"}, {2, "warning"}, {1, "error"}}), s_called);
 }
 
 TEST_F(LogCallback, KeepsToLevelsOneToThreeAfterOpening) {
     Log::SetConsole(Called, true, true, true);
     OpenAt(5);
     LogThroughAll();
-    EXPECT_EQ(s_called,
-              std::vector<Line>(
-                  {{3, "info"}, {2, "warning"}, {1, "error"}, {1, "critical"}, {1, "fatal"}}));
-    EXPECT_EQ(FileMessages(), "debug\ninfo\nnotice\nwarning\nerror\ncritical\nfatal\n");
+    EXPECT_EQ(std::vector<Line>(
+                  {{3, "info"}, {2, "warning"}, {1, "error"}, {1, "critical"}, {1, "fatal"}}),
+              s_called);
+    EXPECT_EQ("debug\ninfo\nnotice\nwarning\nerror\ncritical\nfatal\n", FileMessages());
 }
 
 TEST_F(LogCallback, GetsAWriteThatIsOtherwiseLost) {
     Log::SetConsole(Called, true, false, false);
     Log::GetInstance()->Write(1, "%s", "text");
     Log::GetInstance()->Write(2, "%s", "text");
-    EXPECT_EQ(s_called, std::vector<Line>({{1, "text"}}));
+    EXPECT_EQ(std::vector<Line>({{1, "text"}}), s_called);
 }
 
 TEST_F(LogCallback, GetsOnlyTheChosenLevels) {
@@ -390,10 +392,10 @@ TEST_F(LogSingleton, ClosesBothSinksWhenItIsDestroyed) {
     syslog_stand_in::Clear();
     Log::Destroy();
     EXPECT_FALSE(LogPeer::Exists());
-    EXPECT_EQ(syslog_stand_in::Closings(), 1);
+    EXPECT_EQ(1, syslog_stand_in::Closings());
     Log::Error("text");
-    EXPECT_EQ(captured.Text(), "Error: text\n");
-    EXPECT_EQ(ReadFile(m_path), "");
+    EXPECT_EQ("Error: text\n", captured.Text());
+    EXPECT_EQ("", ReadFile(m_path));
 }
 
 TEST_F(LogSafety, LeavesErrnoAsItWas) {
@@ -402,14 +404,14 @@ TEST_F(LogSafety, LeavesErrnoAsItWas) {
     Log::SetConsole(Called, true, true, true);
     errno = EDOM;
     LogThroughAll();
-    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(EDOM, errno);
     Log::WriteConsole(1, "text");
-    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(EDOM, errno);
     OpenAt(5);
     errno = EDOM;
     LogThroughAll();
     Log::GetInstance()->Write(1, "text");
-    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(EDOM, errno);
 }
 
 void LogTermination(int) {
@@ -431,9 +433,9 @@ TEST_F(LogSafety, HoldsASignalHandlerBackUntilTheSystemLogIsDone) {
         });
         Log::Error("interrupted");
         const auto lines = Lines();
-        ASSERT_EQ(lines.size(), 2u);
-        EXPECT_EQ(lines[0].text, "interrupted");
-        EXPECT_EQ(lines[1].text, "from the handler");
+        ASSERT_EQ(2u, lines.size());
+        EXPECT_EQ("interrupted", lines[0].text);
+        EXPECT_EQ("from the handler", lines[1].text);
     }
     signal(SIGTERM, former);
 }

@@ -68,8 +68,8 @@ void ExpectOrderedLines(const std::string& path, std::map<int, int>& next) {
         ASSERT_TRUE(std::regex_match(line, match, form)) << line;
         const int number = std::stoi(match[1]);
         EXPECT_EQ(std::stoi(match[2]), next[number]++);
-        EXPECT_EQ(match[3],
-                  std::string(static_cast<size_t>(20 * number), static_cast<char>('a' + number)));
+        EXPECT_EQ(std::string(static_cast<size_t>(20 * number), static_cast<char>('a' + number)),
+                  match[3]);
     }
 }
 
@@ -79,7 +79,7 @@ TEST_F(LogThreads, NeverTearALine) {
     std::map<int, int> next;
     ExpectOrderedLines(m_path, next);
     for (int number = 0; number < kThreads; ++number) {
-        EXPECT_EQ(next[number], kLines);
+        EXPECT_EQ(kLines, next[number]);
     }
 }
 
@@ -95,7 +95,7 @@ TEST_F(LogThreads, LoseNoLineAcrossRotations) {
     ASSERT_TRUE(std::filesystem::exists(m_path + ".001"));
     ExpectOrderedLines(m_path, next);
     for (int number = 0; number < kThreads; ++number) {
-        EXPECT_EQ(next[number], kLines);
+        EXPECT_EQ(kLines, next[number]);
     }
 }
 
@@ -117,7 +117,7 @@ TEST_F(LogThreads, MayLogWhileTheLevelChanges) {
     });
     s_done = true;
     changer.join();
-    EXPECT_EQ(syslog_stand_in::Lines().size(), static_cast<size_t>(kThreads * kLines));
+    EXPECT_EQ(static_cast<size_t>(kThreads * kLines), syslog_stand_in::Lines().size());
 }
 
 TEST_F(LogThreads, LeaveNoLockBehindWhenCancelledInsideTheLog) {
@@ -127,23 +127,22 @@ TEST_F(LogThreads, LeaveNoLockBehindWhenCancelledInsideTheLog) {
         pthread_testcancel();
     });
     pthread_t thread;
-    ASSERT_EQ(pthread_create(
-                  &thread, nullptr,
-                  [](void*) -> void* {
-                      Log::GetInstance()->Write(1, "whole");
-                      pthread_testcancel();
-                      return nullptr;
-                  },
-                  nullptr),
-              0);
+    ASSERT_EQ(0, pthread_create(
+                     &thread, nullptr,
+                     [](void*) -> void* {
+                         Log::GetInstance()->Write(1, "whole");
+                         pthread_testcancel();
+                         return nullptr;
+                     },
+                     nullptr));
     void* result = nullptr;
-    ASSERT_EQ(pthread_join(thread, &result), 0);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    ASSERT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
     syslog_stand_in::Inside(nullptr);
     Log::GetInstance()->Write(1, "next");
     const std::string content = ReadFile(m_path);
-    EXPECT_NE(content.find("whole\n"), std::string::npos);
-    EXPECT_NE(content.find("next\n"), std::string::npos);
+    EXPECT_NE(std::string::npos, content.find("whole\n"));
+    EXPECT_NE(std::string::npos, content.find("next\n"));
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 namespace {
 
 TEST(LogTraceLevel, StartsAtInfo) {
-    EXPECT_EQ(LogTrace().GetLevel(), 3);
+    EXPECT_EQ(3, LogTrace().GetLevel());
 }
 
 TEST(LogTraceLevel, IsStoredAsItStands) {

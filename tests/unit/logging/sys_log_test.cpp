@@ -36,58 +36,58 @@ using SysLogWrite = SysLogTest;
 
 TEST_F(SysLogLifecycle, OpensTheSystemLogWithoutANameWhenItIsMade) {
     SysLog* log = SysLog::GetInstance();
-    EXPECT_EQ(log->GetLevel(), 3);
-    EXPECT_EQ(log->GetAppName(), "");
-    EXPECT_EQ(Openings(), std::vector<Opening>({{"", LOG_PID | LOG_NDELAY, LOG_LOCAL0}}));
+    EXPECT_EQ(3, log->GetLevel());
+    EXPECT_EQ("", log->GetAppName());
+    EXPECT_EQ(std::vector<Opening>({{"", LOG_PID | LOG_NDELAY, LOG_LOCAL0}}), Openings());
 }
 
 TEST_F(SysLogLifecycle, IsMadeOnce) {
     EXPECT_EQ(SysLog::GetInstance(), SysLog::GetInstance());
-    EXPECT_EQ(Openings().size(), 1u);
+    EXPECT_EQ(1u, Openings().size());
 }
 
 TEST_F(SysLogLifecycle, ClosesTheSystemLogWhenItIsReleased) {
     (void)SysLog::GetInstance();
     SysLog::Release();
-    EXPECT_EQ(syslog_stand_in::Closings(), 1);
+    EXPECT_EQ(1, syslog_stand_in::Closings());
 }
 
 TEST_F(SysLogLifecycle, IsMadeAnewAfterARelease) {
     (void)SysLog::GetInstance();
     SysLog::Release();
     (void)SysLog::GetInstance();
-    EXPECT_EQ(Openings().size(), 2u);
+    EXPECT_EQ(2u, Openings().size());
 }
 
 TEST_F(SysLogName, TakesEffectAtOnceWhileTheSystemLogIsOpen) {
     SysLog* log = SysLog::GetInstance();
     log->SetAppName("tarn");
-    EXPECT_EQ(syslog_stand_in::Closings(), 1);
-    EXPECT_EQ(Openings().back(), (Opening{"tarn", LOG_PID | LOG_NDELAY, LOG_LOCAL0}));
-    EXPECT_EQ(log->GetAppName(), "tarn");
+    EXPECT_EQ(1, syslog_stand_in::Closings());
+    EXPECT_EQ((Opening{"tarn", LOG_PID | LOG_NDELAY, LOG_LOCAL0}), Openings().back());
+    EXPECT_EQ("tarn", log->GetAppName());
 }
 
 TEST_F(SysLogName, IsOnlyStoredWhileTheSystemLogIsClosed) {
     SysLog* log = SysLog::GetInstance();
     log->Close();
     log->SetAppName("tarn");
-    EXPECT_EQ(Openings().size(), 1u);
+    EXPECT_EQ(1u, Openings().size());
     log->Open();
-    EXPECT_EQ(Openings().back().name, "tarn");
+    EXPECT_EQ("tarn", Openings().back().name);
 }
 
 TEST_F(SysLogName, IsSetTogetherWithTheLevelByInitialize) {
     SysLog* log = SysLog::GetInstance();
     log->Initialize("tarn", 2);
-    EXPECT_EQ(log->GetAppName(), "tarn");
-    EXPECT_EQ(log->GetLevel(), 2);
+    EXPECT_EQ("tarn", log->GetAppName());
+    EXPECT_EQ(2, log->GetLevel());
 }
 
 TEST_F(SysLogLevel, KeepsLevelsOfFiveAndMoreAtFour) {
     SysLog* log = SysLog::GetInstance();
     for (const int level : {5, 6, 100}) {
         log->SetLevel(level);
-        EXPECT_EQ(log->GetLevel(), 4);
+        EXPECT_EQ(4, log->GetLevel());
     }
 }
 
@@ -115,7 +115,7 @@ TEST_F(SysLogLevel, DecidesWhichLevelFunctionsPass) {
     log->Warning("warning %d", 2);
     log->Info("info %d", 3);
     log->Notice("notice %d", 4);
-    EXPECT_EQ(Lines(), std::vector<Line>({{1, "error 1"}, {2, "warning 2"}}));
+    EXPECT_EQ(std::vector<Line>({{1, "error 1"}, {2, "warning 2"}}), Lines());
 }
 
 TEST_F(SysLogWrite, KeepsTheLevelAsThePriority) {
@@ -126,11 +126,12 @@ TEST_F(SysLogWrite, KeepsTheLevelAsThePriority) {
     log->Info("three");
     log->Notice("four");
     log->Write(2, "%s", "five");
-    EXPECT_EQ(Lines(), std::vector<Line>({{LOG_ALERT, "one"},
-                                          {LOG_CRIT, "two"},
-                                          {LOG_ERR, "three"},
-                                          {LOG_WARNING, "four"},
-                                          {LOG_CRIT, "five"}}));
+    EXPECT_EQ(std::vector<Line>({{LOG_ALERT, "one"},
+                                 {LOG_CRIT, "two"},
+                                 {LOG_ERR, "three"},
+                                 {LOG_WARNING, "four"},
+                                 {LOG_CRIT, "five"}}),
+              Lines());
 }
 
 TEST_F(SysLogWrite, SendsNothingAboveItsLevel) {
@@ -144,29 +145,29 @@ TEST_F(SysLogWrite, SendsNothingWhileTheSystemLogIsClosed) {
     log->Error("lost");
     log->Open();
     log->Error("sent");
-    EXPECT_EQ(Lines(), std::vector<Line>({{1, "sent"}}));
+    EXPECT_EQ(std::vector<Line>({{1, "sent"}}), Lines());
 }
 
 TEST_F(SysLogWrite, CutsALineAt511Characters) {
     SysLog* log = SysLog::GetInstance();
     log->Error("%s", std::string(511, 'a').c_str());
     log->Error("%s", std::string(512, 'b').c_str());
-    EXPECT_EQ(Lines()[0].text, std::string(511, 'a'));
-    EXPECT_EQ(Lines()[1].text, std::string(511, 'b'));
+    EXPECT_EQ(std::string(511, 'a'), Lines()[0].text);
+    EXPECT_EQ(std::string(511, 'b'), Lines()[1].text);
 }
 
 TEST_F(SysLogWrite, ReadsNoConversionInTheFinishedText) {
     SysLog::GetInstance()->Error("%s", "100%s");
-    EXPECT_EQ(Lines(), std::vector<Line>({{1, "100%s"}}));
+    EXPECT_EQ(std::vector<Line>({{1, "100%s"}}), Lines());
 }
 
 TEST_F(SysLogWrite, LeavesErrnoAsItWas) {
     SysLog* log = SysLog::GetInstance();
     errno = EDOM;
     log->Error("text");
-    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(EDOM, errno);
     log->SetAppName("tarn");
-    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(EDOM, errno);
 }
 
 TEST_F(SysLogWrite, HoldsSignalsAndCancelsBackWhileItIsInTheSystemLog) {
@@ -178,16 +179,16 @@ TEST_F(SysLogWrite, HoldsSignalsAndCancelsBackWhileItIsInTheSystemLog) {
     });
     SysLog::GetInstance()->Error("text");
     for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR2}) {
-        EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
+        EXPECT_EQ(1, sigismember(&blocked, signal)) << signal;
     }
-    EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0);
-    EXPECT_EQ(cancelState, PTHREAD_CANCEL_DISABLE);
+    EXPECT_EQ(0, sigismember(&blocked, SIGSEGV));
+    EXPECT_EQ(PTHREAD_CANCEL_DISABLE, cancelState);
 
     sigset_t after;
     pthread_sigmask(SIG_BLOCK, nullptr, &after);
-    EXPECT_EQ(sigismember(&after, SIGTERM), 0);
+    EXPECT_EQ(0, sigismember(&after, SIGTERM));
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &cancelState);
-    EXPECT_EQ(cancelState, PTHREAD_CANCEL_ENABLE);
+    EXPECT_EQ(PTHREAD_CANCEL_ENABLE, cancelState);
 }
 
 TEST_F(SysLogWrite, DropsALineOfAFaultHandlerThatStruckInsideTheSystemLog) {
@@ -195,7 +196,7 @@ TEST_F(SysLogWrite, DropsALineOfAFaultHandlerThatStruckInsideTheSystemLog) {
     SysLog::GetInstance()->Error("text");
     syslog_stand_in::Inside(nullptr);
     SysLog::GetInstance()->Error("next");
-    EXPECT_EQ(Lines(), std::vector<Line>({{1, "text"}, {1, "next"}}));
+    EXPECT_EQ(std::vector<Line>({{1, "text"}, {1, "next"}}), Lines());
 }
 
 }  // namespace

@@ -12,14 +12,14 @@ using Key = std::vector<unsigned char>;
 
 // The published function once more, written over the words of the key by their number instead of
 // in a loop that eats the key.
-std::uint64_t Reference64B(const Key& key, std::uint64_t seed) {
-    constexpr std::uint64_t kModulo = 0x100000000U;
-    constexpr std::uint64_t kFactor = 1540483477;
-    const auto times = [](std::uint64_t a) { return a * kFactor % kModulo; };
-    std::uint64_t lanes[2] = {(seed % kModulo) ^ key.size(), seed / kModulo};
+uint64_t Reference64B(const Key& key, uint64_t seed) {
+    constexpr uint64_t kModulo = 0x100000000U;
+    constexpr uint64_t kFactor = 1540483477;
+    const auto times = [](uint64_t a) { return a * kFactor % kModulo; };
+    uint64_t lanes[2] = {(seed % kModulo) ^ key.size(), seed / kModulo};
     const std::size_t words = key.size() / 4;
     for (std::size_t word = 0; word < words; ++word) {
-        std::uint64_t value = 0;
+        uint64_t value = 0;
         for (std::size_t byte = 4; byte-- > 0;) {
             value = value * 256 + key[4 * word + byte];
         }
@@ -28,7 +28,7 @@ std::uint64_t Reference64B(const Key& key, std::uint64_t seed) {
         lanes[word % 2] = times(lanes[word % 2]) ^ value;
     }
     if (key.size() % 4 != 0) {
-        std::uint64_t rest = 0;
+        uint64_t rest = 0;
         for (std::size_t byte = key.size(); byte-- > 4 * words;) {
             rest = rest * 256 + key[byte];
         }
@@ -36,7 +36,7 @@ std::uint64_t Reference64B(const Key& key, std::uint64_t seed) {
     }
     const int shifts[] = {18, 22, 17, 19};
     for (int i = 0; i < 4; ++i) {
-        std::uint64_t& lane = lanes[i % 2];
+        uint64_t& lane = lanes[i % 2];
         lane = times(lane ^ lanes[1 - i % 2] >> shifts[i]);
     }
     return lanes[0] * kModulo + lanes[1];
@@ -53,23 +53,23 @@ Key CountingKey(std::size_t length) {
 // The check by which implementations of a hash are compared: 256 keys are hashed with 256 seeds,
 // then all the results together; the low 32 bits are the published value.
 template <typename Hash>
-std::uint32_t VerificationValue(Hash hash) {
+uint32_t VerificationValue(Hash hash) {
     Key results;
-    for (std::uint32_t i = 0; i < 256; ++i) {
+    for (uint32_t i = 0; i < 256; ++i) {
         const auto value = hash(CountingKey(i), 256 - i);
         const auto* const bytes = reinterpret_cast<const unsigned char*>(&value);
         results.insert(results.end(), bytes, bytes + sizeof value);
     }
-    return static_cast<std::uint32_t>(hash(results, 0));
+    return static_cast<uint32_t>(hash(results, 0));
 }
 
 struct KnownHash {
-    std::uint16_t etherType;
-    std::uint16_t protocol;
-    std::uint16_t sourcePort;
-    std::uint16_t destinationPort;
-    std::uint32_t vlanId;
-    std::uint64_t hash;
+    uint16_t etherType;
+    uint16_t protocol;
+    uint16_t sourcePort;
+    uint16_t destinationPort;
+    uint32_t vlanId;
+    uint64_t hash;
 };
 
 // 10.1.2.3 to 192.168.0.1, and 2001:db8::1 to 2001:db8::ff.
@@ -97,7 +97,7 @@ EventReport ReportOf(const KnownHash& known) {
     report.vlanId = known.vlanId;
     report.sourceIp = 0x0A010203;
     report.destinationIp = 0xC0A80001;
-    const std::uint8_t prefix[] = {0x20, 0x01, 0x0d, 0xb8};
+    const uint8_t prefix[] = {0x20, 0x01, 0x0d, 0xb8};
     std::memcpy(report.sourceIpv6, prefix, sizeof prefix);
     std::memcpy(report.destinationIpv6, prefix, sizeof prefix);
     report.sourceIpv6[15] = 0x01;
@@ -135,14 +135,13 @@ std::string Describe(const KnownHash& known) {
 }  // namespace
 
 TEST(MurmurHash64B, HasThePublishedVerificationValue) {
-    EXPECT_EQ(VerificationValue([](const Key& key, std::uint32_t seed) {
+    EXPECT_EQ(0xDD537C05U, VerificationValue([](const Key& key, uint32_t seed) {
                   return MurmurHash64B(key.data(), key.size(), seed);
-              }),
-              0xDD537C05U);
+              }));
 }
 
 TEST(MurmurHash64B, MatchesASecondImplementationAtEveryLength) {
-    for (const std::uint64_t seed : {std::uint64_t{0}, kConnectionHashSeed, ~std::uint64_t{0}}) {
+    for (const uint64_t seed : {uint64_t{0}, kConnectionHashSeed, ~uint64_t{0}}) {
         for (std::size_t length = 0; length <= 100; ++length) {
             const Key key = CountingKey(length);
             EXPECT_EQ(MurmurHash64B(key.data(), length, seed), Reference64B(key, seed)) << length;
@@ -157,16 +156,15 @@ TEST(MurmurHash64B, NeedsNoAlignment) {
 }
 
 TEST(MurmurHash2, HasThePublishedVerificationValue) {
-    EXPECT_EQ(VerificationValue([](const Key& key, std::uint32_t seed) {
+    EXPECT_EQ(0x27864C1EU, VerificationValue([](const Key& key, uint32_t seed) {
                   return MurmurHash2(key.data(), key.size(), seed);
-              }),
-              0x27864C1EU);
+              }));
 }
 
 TEST(CaptureIdHash, HashesTheEightBytesOfTheIdentifier) {
-    EXPECT_EQ(CaptureIdHash(0), 0x3292D677A678F339U);
-    EXPECT_EQ(CaptureIdHash(1), 0x7D4694FC7765D082U);
-    EXPECT_EQ(CaptureIdHash(0x0102030405060708U), 0x053009B59125E33DU);
+    EXPECT_EQ(0x3292D677A678F339U, CaptureIdHash(0));
+    EXPECT_EQ(0x7D4694FC7765D082U, CaptureIdHash(1));
+    EXPECT_EQ(0x053009B59125E33DU, CaptureIdHash(0x0102030405060708U));
 }
 
 TEST(ConnectionHash, HasKnownValuesThatBothFormsAndBothDirectionsShare) {
@@ -182,9 +180,9 @@ TEST(ConnectionHash, HasKnownValuesThatBothFormsAndBothDirectionsShare) {
 TEST(ConnectionHash, IsZeroForAnEtherTypeThatIsNotIp) {
     for (const int etherType : {0x0000, 0x0806, 0x86DC, 0xFFFF}) {
         EventReport report = ReportOf(kKnownHashes[0]);
-        report.etherType = static_cast<std::uint16_t>(etherType);
-        EXPECT_EQ(ConnectionHash(report), 0U) << etherType;
-        EXPECT_EQ(ConnectionHash(RecordOf(report)), 0U) << etherType;
+        report.etherType = static_cast<uint16_t>(etherType);
+        EXPECT_EQ(0U, ConnectionHash(report)) << etherType;
+        EXPECT_EQ(0U, ConnectionHash(RecordOf(report))) << etherType;
     }
 }
 
@@ -192,14 +190,14 @@ TEST(ConnectionHash, KeepsTwoHashesForTheDirectionsOfEqualPorts) {
     EventReport report = ReportOf(kKnownHashes[0]);
     report.sourcePort = report.destinationPort = 500;
     report.vlanId = 0;
-    EXPECT_EQ(ConnectionHash(report), 0x58363B5BCE91F177U);
-    EXPECT_EQ(ConnectionHash(Reversed(report)), 0x6DADBD190BDF5491U);
+    EXPECT_EQ(0x58363B5BCE91F177U, ConnectionHash(report));
+    EXPECT_EQ(0x6DADBD190BDF5491U, ConnectionHash(Reversed(report)));
 }
 
 TEST(ConnectionHash, UsesPortsOfTcpAndUdpAlone) {
     for (const int protocol : {1, 6, 17, 47, 58}) {
         EventReport report = ReportOf(kKnownHashes[0]);
-        report.ipProtocol = static_cast<std::uint16_t>(protocol);
+        report.ipProtocol = static_cast<uint16_t>(protocol);
         EventReport otherPort = report;
         otherPort.destinationPort = 444;
         EXPECT_EQ(ConnectionHash(report) != ConnectionHash(otherPort),
@@ -210,7 +208,7 @@ TEST(ConnectionHash, UsesPortsOfTcpAndUdpAlone) {
 
 TEST(ConnectionHash, TakesAVlanFromOneTo4096) {
     EventReport report = ReportOf(kKnownHashes[0]);
-    const auto hash = [&](std::uint32_t vlanId) {
+    const auto hash = [&](uint32_t vlanId) {
         report.vlanId = vlanId;
         return ConnectionHash(report);
     };
@@ -224,8 +222,8 @@ TEST(ConnectionHash, TakesAVlanFromOneTo4096) {
 TEST(ConnectionHash, LooksAtTheAddressesOfItsOwnVersionAlone) {
     EventReport report = ReportOf(kKnownHashes[0]);
     report.sourceIpv6[3] ^= 1;
-    EXPECT_EQ(ConnectionHash(report), kKnownHashes[0].hash);
+    EXPECT_EQ(kKnownHashes[0].hash, ConnectionHash(report));
     report = ReportOf(kKnownHashes[6]);
     report.sourceIp ^= 1;
-    EXPECT_EQ(ConnectionHash(report), kKnownHashes[6].hash);
+    EXPECT_EQ(kKnownHashes[6].hash, ConnectionHash(report));
 }

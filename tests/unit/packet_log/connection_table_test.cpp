@@ -44,58 +44,57 @@ using ConnectionTableThreads = ConnectionTableTest;
 
 TEST_F(ConnectionTableInsert, YieldsTheNewNode) {
     const LOCK_FREE_HASH_MAP::Node* node = table.Insert(kKey, 1000, 5);
-    ASSERT_NE(node, nullptr);
-    EXPECT_EQ(node->link, nullptr);
-    EXPECT_EQ(node->key, kKey);
-    EXPECT_EQ(node->timestamp, 1000U);
-    EXPECT_EQ(node->remaining, 5U);
-    EXPECT_EQ(table.NodeCount(), 1U);
+    ASSERT_NE(nullptr, node);
+    EXPECT_EQ(nullptr, node->link);
+    EXPECT_EQ(kKey, node->key);
+    EXPECT_EQ(1000U, node->timestamp);
+    EXPECT_EQ(5U, node->remaining);
+    EXPECT_EQ(1U, table.NodeCount());
 }
 
 TEST_F(ConnectionTableInsert, LeavesTheOldNodeOfAKeyThatIsThere) {
     const LOCK_FREE_HASH_MAP::Node* node = table.Insert(kKey, 1000, 5);
-    EXPECT_EQ(table.Insert(kKey, 2000, 9), nullptr);
-    EXPECT_EQ(node->timestamp, 1000U);
-    EXPECT_EQ(node->remaining, 5U);
-    EXPECT_EQ(table.NodeCount(), 1U);
+    EXPECT_EQ(nullptr, table.Insert(kKey, 2000, 9));
+    EXPECT_EQ(1000U, node->timestamp);
+    EXPECT_EQ(5U, node->remaining);
+    EXPECT_EQ(1U, table.NodeCount());
 }
 
 TEST_F(ConnectionTableInsert, OrdersTheKeysOfOneBucketAsUnsigned) {
     const uint64_t top = 0xFFFFFFFFFFFFC001;  // low 14 bits are 1, as in kKey
-    ASSERT_EQ(top % LOCK_FREE_HASH_MAP::kBucketCount, kKey % LOCK_FREE_HASH_MAP::kBucketCount);
-    ASSERT_NE(table.Insert(top, 0, 1), nullptr);
-    ASSERT_NE(table.Insert(kNeighbour, 0, 1), nullptr);
-    ASSERT_NE(table.Insert(kKey, 0, 1), nullptr);
-    EXPECT_NE(
-        Dumped().find("] => (" + std::to_string(kKey) + ") -> (" + std::to_string(kNeighbour) +
-                      ") -> (" + std::to_string(top) + ") -> \n"),
-        std::string::npos);
+    ASSERT_EQ(kKey % LOCK_FREE_HASH_MAP::kBucketCount, top % LOCK_FREE_HASH_MAP::kBucketCount);
+    ASSERT_NE(nullptr, table.Insert(top, 0, 1));
+    ASSERT_NE(nullptr, table.Insert(kNeighbour, 0, 1));
+    ASSERT_NE(nullptr, table.Insert(kKey, 0, 1));
+    EXPECT_NE(std::string::npos, Dumped().find("] => (" + std::to_string(kKey) + ") -> (" +
+                                               std::to_string(kNeighbour) + ") -> (" +
+                                               std::to_string(top) + ") -> \n"));
 }
 
 TEST_F(ConnectionTableUpdate, StoresACountThatIsNotZero) {
     const LOCK_FREE_HASH_MAP::Node* node = table.Insert(kKey, 1000, 5);
     EXPECT_TRUE(table.Update(kKey, 1000, 9));
-    EXPECT_EQ(node->remaining, 9U);
+    EXPECT_EQ(9U, node->remaining);
 }
 
 TEST_F(ConnectionTableUpdate, TakesOneOffForACountOfZero) {
     const LOCK_FREE_HASH_MAP::Node* node = table.Insert(kKey, 1000, 5);
     EXPECT_TRUE(table.Update(kKey, 1000, 0));
-    EXPECT_EQ(node->remaining, 4U);
+    EXPECT_EQ(4U, node->remaining);
 }
 
 TEST_F(ConnectionTableUpdate, RemovesTheNodeWhoseLastCountItTakes) {
     table.Insert(kKey, 1000, 1);
     EXPECT_TRUE(table.Update(kKey, 1000, 0));
     EXPECT_FALSE(Holds(kKey));
-    EXPECT_EQ(table.NodeCount(), 0U);
+    EXPECT_EQ(0U, table.NodeCount());
 }
 
 TEST_F(ConnectionTableUpdate, KeepsANodeWhoseCountWrapsBelowZero) {
     const LOCK_FREE_HASH_MAP::Node* node = table.Insert(kKey, 1000, 0);
     EXPECT_TRUE(table.Update(kKey, 1000, 0));
     ASSERT_TRUE(Holds(kKey));
-    EXPECT_EQ(node->remaining, 0xFFFFFFFFU);
+    EXPECT_EQ(0xFFFFFFFFU, node->remaining);
 }
 
 TEST_F(ConnectionTableUpdate, KeepsANodeOfExactlyTheGreatestAge) {
@@ -130,14 +129,14 @@ TEST_F(ConnectionTableUpdate, SweepsTheWholeBucketAndNoOther) {
     EXPECT_TRUE(Holds(kKey));
     EXPECT_FALSE(Holds(kNeighbour));
     EXPECT_TRUE(Holds(kKey + 1));
-    EXPECT_EQ(table.NodeCount(), 2U);
+    EXPECT_EQ(2U, table.NodeCount());
 }
 
 TEST_F(ConnectionTableUpdate, SweepsTheBucketOfAnAbsentKey) {
     table.Insert(kNeighbour, 1000, 5);
     EXPECT_FALSE(table.Update(kKey, 2000, 0));
     EXPECT_FALSE(Holds(kNeighbour));
-    EXPECT_EQ(table.NodeCount(), 0U);
+    EXPECT_EQ(0U, table.NodeCount());
 }
 
 TEST_F(ConnectionTableRemove, TakesOutOneKeyOfABucket) {
@@ -146,14 +145,14 @@ TEST_F(ConnectionTableRemove, TakesOutOneKeyOfABucket) {
     table.Remove(kKey);
     EXPECT_FALSE(Holds(kKey));
     EXPECT_TRUE(Holds(kNeighbour));
-    EXPECT_EQ(table.NodeCount(), 1U);
+    EXPECT_EQ(1U, table.NodeCount());
 }
 
 TEST_F(ConnectionTableRemove, LeavesTheTableAloneForAnAbsentKey) {
     table.Insert(kKey, 0, 1);
     table.Remove(kNeighbour);
     EXPECT_TRUE(Holds(kKey));
-    EXPECT_EQ(table.NodeCount(), 1U);
+    EXPECT_EQ(1U, table.NodeCount());
 }
 
 TEST_F(ConnectionTableRemove, OfABucketTakesOutAllItsKeys) {
@@ -164,13 +163,13 @@ TEST_F(ConnectionTableRemove, OfABucketTakesOutAllItsKeys) {
     EXPECT_FALSE(Holds(kKey));
     EXPECT_FALSE(Holds(kNeighbour));
     EXPECT_TRUE(Holds(kKey + 1));
-    EXPECT_EQ(table.NodeCount(), 1U);
+    EXPECT_EQ(1U, table.NodeCount());
 }
 
 TEST_F(ConnectionTableInitialize, ResetsTheCountAndLeavesTheNodes) {
     table.Insert(kKey, 0, 1);
     table.Initialize();
-    EXPECT_EQ(table.NodeCount(), 0U);
+    EXPECT_EQ(0U, table.NodeCount());
     EXPECT_TRUE(Holds(kKey));
 }
 
@@ -178,13 +177,14 @@ TEST_F(ConnectionTableDump, ShowsTheKeysOfEachBucketOnOneLine) {
     table.Insert(1, 0, 1);
     table.Insert(16385, 0, 1);
     table.Insert(2, 0, 1);
-    EXPECT_EQ(Dumped(),
-              "-----------------------------\n"
-              "Bucket Size: 16384\n"
-              "-----------------------------\n"
-              "Bucket[1] => (1) -> (16385) -> \n"
-              "Bucket[2] => (2) -> \n"
-              "-----------------------------\n");
+    EXPECT_EQ(
+        "-----------------------------\n"
+        "Bucket Size: 16384\n"
+        "-----------------------------\n"
+        "Bucket[1] => (1) -> (16385) -> \n"
+        "Bucket[2] => (2) -> \n"
+        "-----------------------------\n",
+        Dumped());
 }
 
 TEST_F(ConnectionTableThreads, CountStaysTrueWhenThreadsMeetInOneBucket) {
@@ -203,7 +203,7 @@ TEST_F(ConnectionTableThreads, CountStaysTrueWhenThreadsMeetInOneBucket) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(table.NodeCount(), 0U);
+    EXPECT_EQ(0U, table.NodeCount());
     EXPECT_FALSE(Holds(kKey));
 }
 

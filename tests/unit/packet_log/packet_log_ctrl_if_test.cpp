@@ -33,16 +33,16 @@ using testing::IsEmpty;
 // A message of any type and length, with room for all that a length may claim.
 struct Raw {
     LogControlMessage head;
-    std::uint8_t body[240] = {};
+    uint8_t body[240] = {};
 };
 
 class PacketLogCtrlIF : public PacketLogFixture {
   protected:
-    int Send(std::uint32_t type, std::uint32_t now, std::uint32_t length = 8) {
+    int Send(uint32_t type, uint32_t now, uint32_t length = 8) {
         const Raw raw{{type, length}};
         return m_control->SendControlMessage(&raw.head, nullptr, now);
     }
-    void FailAt(std::uint32_t now) {
+    void FailAt(uint32_t now) {
         ASSERT_EQ(ENOENT, Send(4, now)) << "nobody is there yet";
         ASSERT_EQ(now, Peer::LastFailTime(*m_control));
     }
@@ -271,10 +271,10 @@ TEST_F(PacketLogCtrlIF, RefusesALengthOf129AndDoesNotCountIt) {
 TEST_F(PacketLogCtrlIF, SendsAPayloadWithType4Alone) {
     Open();
     const PacketLogDaemon daemon(Path());
-    const std::uint8_t payload[] = {1, 2, 3};
+    const uint8_t payload[] = {1, 2, 3};
     PacketLogCtrl::LogControlMessage_OffendingPacketCapture message;
     message.iCapturedSize = 3;
-    for (std::uint32_t type = 0; type <= 18; ++type) {
+    for (uint32_t type = 0; type <= 18; ++type) {
         message.head.uType = type;
         EXPECT_EQ(0, m_control->SendControlMessage(&message.head, payload, 0));
         EXPECT_EQ(type == 4 ? 131U : 128U, daemon.Take().size()) << "type " << type;
@@ -299,7 +299,7 @@ TEST_F(PacketLogCtrlIF, TriesEachMessageTwice) {
 
 TEST_F(PacketLogCtrlIF, CountsFailuresByType) {
     Open();
-    for (std::uint32_t type = 0; type <= 18; ++type) {
+    for (uint32_t type = 0; type <= 18; ++type) {
         EXPECT_EQ(ENOENT, Send(type, 0));
     }
     EXPECT_EQ(1U, m_control->m_uFailNewConnection);
@@ -338,7 +338,7 @@ TEST_F(PacketLogCtrlIF, OfADaemonThatDiedWithItsSocketLeftGivesRefused) {
 TEST_F(PacketLogCtrlIF, DoesNotWaitForAFullSocket) {
     Open();
     const PacketLogDaemon daemon(Path());
-    std::uint32_t sent = 0;
+    uint32_t sent = 0;
     while (Send(15, 0) == 0) {
         ASSERT_LT(++sent, 100000U);
     }
@@ -422,12 +422,12 @@ TEST_F(PacketLogCtrlIF, SkipsAPacketWithoutTouchingTheSocket) {
 
 TEST_F(PacketLogCtrlIF, CountsOfEightThreadsAddUp) {
     Open();
-    constexpr std::uint32_t kThreads = 8;
-    constexpr std::uint32_t kEach = 40;
+    constexpr uint32_t kThreads = 8;
+    constexpr uint32_t kEach = 40;
     std::vector<std::thread> threads;
-    for (std::uint32_t t = 0; t < kThreads; ++t) {
+    for (uint32_t t = 0; t < kThreads; ++t) {
         threads.emplace_back([this, t] {
-            for (std::uint32_t i = 0; i < kEach; ++i) {
+            for (uint32_t i = 0; i < kEach; ++i) {
                 m_control->SendOffendingPacketCapture(nullptr, nullptr, 0);
                 (void)m_control->SendConnectionCaptureNotice(i, 0);
                 (void)m_control->CountFrameNotSent(t * kEach + i);
@@ -435,8 +435,8 @@ TEST_F(PacketLogCtrlIF, CountsOfEightThreadsAddUp) {
                 EventReport report;
                 report.ipProtocol = 6;
                 bool isNew = false;
-                std::uint16_t captureId = 0;
-                std::uint64_t connection = 0;
+                uint16_t captureId = 0;
+                uint64_t connection = 0;
                 EXPECT_EQ(1, m_control->SendNewConnectionCapture(&report, nullptr, isNew, captureId,
                                                                  connection));
             }
@@ -457,7 +457,7 @@ TEST_F(PacketLogCtrlIF, EightThreadsReachTheDaemonWithWholeDatagrams) {
     Open();
     const PacketLogDaemon daemon(Path());
     std::atomic<bool> done{false};
-    std::uint32_t received = 0;
+    uint32_t received = 0;
     std::thread reader([&] {
         for (;;) {
             const bool last = done.load();
@@ -474,11 +474,11 @@ TEST_F(PacketLogCtrlIF, EightThreadsReachTheDaemonWithWholeDatagrams) {
         }
     });
     std::vector<std::thread> threads;
-    for (std::uint8_t t = 101; t <= 108; ++t) {
+    for (uint8_t t = 101; t <= 108; ++t) {
         threads.emplace_back([this, t] {
-            const std::vector<std::uint8_t> data(t * 10U, t);
+            const std::vector<uint8_t> data(t * 10U, t);
             PacketInfo packet;
-            packet.iCapturedSize = static_cast<std::int32_t>(data.size());
+            packet.iCapturedSize = static_cast<int32_t>(data.size());
             packet.uSeconds = t;
             packet.pData = data.data();
             for (int i = 0; i < 100; ++i) {
@@ -537,18 +537,18 @@ TEST_F(PacketLogCtrlIF, ConsumesAnInterfaceDownToZeroAndRestsThere) {
 TEST_F(PacketLogCtrlIF, AllocatesNothingForAPacket) {
     Open();
     const PacketLogDaemon daemon(Path());
-    const std::vector<std::uint8_t> data(1514, 0x5A);
+    const std::vector<uint8_t> data(1514, 0x5A);
     EventReport report;
     report.userString = "SNORT";
     PacketInfo packet;
     packet.iCapturedSize = 1514;
     packet.uSeconds = 1000;
     packet.pData = data.data();
-    const std::uint64_t before = AllocationCount();
+    const uint64_t before = AllocationCount();
     m_control->SendOffendingPacketCapture(&report, &packet, 0);
-    const std::uint64_t sent = AllocationCount();
+    const uint64_t sent = AllocationCount();
     Peer::SetDestination(*m_control, m_dir.File("nobody"));
-    const std::uint64_t between = AllocationCount();
+    const uint64_t between = AllocationCount();
     m_control->SendOffendingPacketCapture(&report, &packet, 0);
     m_control->SendOffendingPacketCapture(&report, &packet, 0);
     EXPECT_EQ(before, sent);

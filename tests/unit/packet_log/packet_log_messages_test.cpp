@@ -21,9 +21,9 @@ using PacketLogCtrl::LogControlMessage;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::uint32_t kTime = 0x12345678;
-constexpr std::uint64_t kConnection = 0x1122334455667788;
-const std::uint8_t kData[] = {0xDE, 0xAD, 0xBE, 0xEF, 0x01};
+constexpr uint32_t kTime = 0x12345678;
+constexpr uint64_t kConnection = 0x1122334455667788;
+const uint8_t kData[] = {0xDE, 0xAD, 0xBE, 0xEF, 0x01};
 
 EventReport Report(const char* userString = "SNORT") {
     EventReport report;
@@ -46,7 +46,7 @@ PacketInfo Packet() {
     return packet;
 }
 
-PacketLogDaemon::Datagram Bare(std::uint8_t type) {
+PacketLogDaemon::Datagram Bare(uint8_t type) {
     PacketLogDaemon::Datagram datagram(128, 0);
     datagram[0] = type;
     datagram[4] = 8;
@@ -56,7 +56,7 @@ PacketLogDaemon::Datagram Bare(std::uint8_t type) {
 // A message of a type in front of what would be its body.
 struct Raw {
     LogControlMessage head;
-    std::uint8_t body[240] = {};
+    uint8_t body[240] = {};
 };
 
 class PacketLogMessages : public PacketLogFixture {
@@ -74,8 +74,8 @@ class PacketLogMessages : public PacketLogFixture {
 
     PacketLogDaemon m_daemon{Path()};
     bool m_isNew = true;
-    std::uint16_t m_captureId = 99;
-    std::uint64_t m_connection = 0;
+    uint16_t m_captureId = 99;
+    uint64_t m_connection = 0;
 };
 
 TEST_F(PacketLogMessages, WithoutABodyAreTheTypeAndEightInAHundredAndTwentyEightBytes) {
@@ -122,7 +122,7 @@ TEST_F(PacketLogMessages, InterfaceCaptureSettingsHaveNoTimeEventOrText) {
     ASSERT_EQ(1, m_control->SetStringParameter("engine.logevidence.format", "raw"));
     EXPECT_EQ(0, m_control->SendInterfaceCaptureSettings(77, 0x8005, 42));
     Datagram expected(128, 0);
-    const std::uint32_t words[] = {3, 92, 1, 1000, 500, 0, 0, 42, 0x8005};
+    const uint32_t words[] = {3, 92, 1, 1000, 500, 0, 0, 42, 0x8005};
     std::memcpy(expected.data(), words, sizeof(words));
     EXPECT_EQ(expected, m_daemon.Take());
 }
@@ -138,7 +138,7 @@ TEST_F(PacketLogMessages, OffendingPacketCaptureWithoutAPacketHasZerosInItsPlace
     const EventReport report = Report(nullptr);
     m_control->SendOffendingPacketCapture(&report, nullptr, 0);
     Datagram expected(128, 0);
-    const std::uint32_t words[] = {4, 120, 1, 1000, 500, 0, 0, 12345};
+    const uint32_t words[] = {4, 120, 1, 1000, 500, 0, 0, 12345};
     std::memcpy(expected.data(), words, sizeof(words));
     EXPECT_EQ(expected, m_daemon.Take());
 }
@@ -153,13 +153,13 @@ TEST_F(PacketLogMessages, OffendingPacketCaptureWithoutAReportHasNoEvent) {
 }
 
 TEST_F(PacketLogMessages, OffendingPacketCaptureOfNoCapturedBytesIs128BytesLong) {
-    for (const std::int32_t captured : {0, -1}) {
+    for (const int32_t captured : {0, -1}) {
         PacketInfo packet = Packet();
         packet.iCapturedSize = captured;
         m_control->SendOffendingPacketCapture(nullptr, &packet, 0);
         const Datagram datagram = m_daemon.Take();
         EXPECT_EQ(128U, datagram.size());
-        EXPECT_EQ(static_cast<std::uint32_t>(captured), WordAt(datagram, 92));
+        EXPECT_EQ(static_cast<uint32_t>(captured), WordAt(datagram, 92));
     }
 }
 
@@ -173,7 +173,7 @@ TEST_F(PacketLogMessages, OffendingPacketCaptureOfANullPointerIs128BytesLong) {
 }
 
 TEST_F(PacketLogMessages, OfTheRollingCaptureHaveTheGoldenBytes) {
-    std::vector<std::uint8_t> golden = GoldenBytes("packet_log_type8.txt");
+    std::vector<uint8_t> golden = GoldenBytes("packet_log_type8.txt");
     ASSERT_EQ(1, m_control->SetIntParameter("engine.rollpktcap.maxfiles", 10));
     ASSERT_EQ(1, m_control->SetIntParameter("engine.rollpktcap.maxkbytes", 512));
     ASSERT_EQ(1, m_control->SetStringParameter("engine.rollpktcap.interfaces", "A,c"));
@@ -186,7 +186,7 @@ TEST_F(PacketLogMessages, OfTheRollingCaptureHaveTheGoldenBytes) {
 }
 
 TEST_F(PacketLogMessages, OfTheDropLogHaveTheSameForm) {
-    std::vector<std::uint8_t> golden = GoldenBytes("packet_log_type8.txt");
+    std::vector<uint8_t> golden = GoldenBytes("packet_log_type8.txt");
     ASSERT_EQ(1, m_control->SetIntParameter("engine.droplog.maxfiles", 10));
     ASSERT_EQ(1, m_control->SetIntParameter("engine.droplog.maxkbytes", 512));
     ASSERT_EQ(1, m_control->SetIntParameter("engine.droplog.flags", 5));
@@ -264,7 +264,7 @@ TEST_F(PacketLogMessages, NewConnectionCaptureOfTcpTakesAFreshCaptureId) {
     EXPECT_EQ(1, m_captureId);
     EXPECT_EQ(CaptureIdHash(1), m_connection);
     const Datagram datagram = m_daemon.Take();
-    std::uint64_t sent = 0;
+    uint64_t sent = 0;
     ASSERT_EQ(128U, datagram.size());
     std::memcpy(&sent, datagram.data() + 24, sizeof(sent));
     EXPECT_EQ(m_connection, sent);
@@ -392,7 +392,7 @@ TEST_F(PacketLogMessages, SerializeStructOfEachTypeHasItsText) {
               TextOf(&raw.head));
     raw.head.uType = 12;
     EXPECT_EQ(" Message of type/len 12/8 LogControlMessage_EngineShuttingDown.", TextOf(&raw.head));
-    for (const std::uint32_t type : {0U, 3U, 5U, 9U, 10U, 11U, 13U, 14U, 15U, 16U, 17U, 18U}) {
+    for (const uint32_t type : {0U, 3U, 5U, 9U, 10U, 11U, 13U, 14U, 15U, 16U, 17U, 18U}) {
         raw.head.uType = type;
         EXPECT_EQ(" Message of type/len " + std::to_string(type) + "/8 Unknown message type.",
                   TextOf(&raw.head));

@@ -21,9 +21,7 @@ class PacketLogSettings : public PacketLogFixture {
         PacketLogFixture::SetUp();
         Open();
     }
-    int SetInt(const char* name, std::uint32_t value) {
-        return m_control->SetIntParameter(name, value);
-    }
+    int SetInt(const char* name, uint32_t value) { return m_control->SetIntParameter(name, value); }
     int SetString(const char* name, const char* value) {
         return m_control->SetStringParameter(name, value);
     }

@@ -18,10 +18,10 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-PacketInfo PacketOf(const Bytes& data, std::uint32_t seconds = 0x2000) {
+PacketInfo PacketOf(const Bytes& data, uint32_t seconds = 0x2000) {
     PacketInfo packet;
     packet.uPacketLength = 1514;
-    packet.iCapturedSize = static_cast<std::int32_t>(data.size());
+    packet.iCapturedSize = static_cast<int32_t>(data.size());
     packet.uSeconds = seconds;
     packet.uMicroseconds = 0x3001;
     packet.pData = data.data();
@@ -39,7 +39,7 @@ class PacketLogWriterWrite : public RingTest {
         m_writer.m_pPipe = std::make_unique<ShmEventPipe>(WRITER, m_path, 4096);
         EXPECT_TRUE(m_writer.m_pPipe->Open(true) && m_reader.Open(true));
     }
-    std::int32_t Send(const PacketInfo& packet) { return m_writer.WritePacket(&packet, 1, 2, 3); }
+    int32_t Send(const PacketInfo& packet) { return m_writer.WritePacket(&packet, 1, 2, 3); }
 
     PacketLogWriter m_writer;
     ShmEventPipe m_reader{READER, m_path, 4096};
@@ -57,7 +57,7 @@ class PacketLogWriterOpen : public testing::Test {
     }
     void TearDown() override { std::filesystem::remove_all(m_path); }
 
-    const std::uint32_t m_instance = static_cast<std::uint32_t>(getpid()) + 100;
+    const uint32_t m_instance = static_cast<uint32_t>(getpid()) + 100;
     const std::string m_number = std::to_string(m_instance);
     const std::string m_path = "/var/run/packetLogData" + m_number;
 };
@@ -66,29 +66,29 @@ class PacketLogWriterOpen : public testing::Test {
 
 TEST(PacketLogWriter, StartsWithoutInstanceAndPipe) {
     const PacketLogWriter writer;
-    EXPECT_EQ(writer.m_uInstance, 0xffffU);
-    EXPECT_EQ(writer.m_uLastFullReport, 0);
-    EXPECT_EQ(writer.m_pPipe, nullptr);
-    EXPECT_EQ(writer.m_record.uRunningLength, 72U);
+    EXPECT_EQ(0xffffU, writer.m_uInstance);
+    EXPECT_EQ(0, writer.m_uLastFullReport);
+    EXPECT_EQ(nullptr, writer.m_pPipe);
+    EXPECT_EQ(72U, writer.m_record.uRunningLength);
 }
 
 TEST(PacketLogWriter, OpenPipeBeforeInitializeFails) {
     EXPECT_EQ(
+        Lines{
+            "1 Error Initializing the PacketLog Writer for instance 65535.  Initialize() wasn't called."},
         LevelledMessages([] {
             PacketLogWriter writer;
             EXPECT_FALSE(writer.OpenPipe());
-            EXPECT_EQ(writer.m_pPipe, nullptr);
-        }),
-        Lines{
-            "1 Error Initializing the PacketLog Writer for instance 65535.  Initialize() wasn't called."});
+            EXPECT_EQ(nullptr, writer.m_pPipe);
+        }));
 }
 
 TEST(PacketLogWriter, WritePacketBeforeOpenPipeSendsNothing) {
     PacketLogWriter writer;
     const Bytes data{1, 2, 3};
     const PacketInfo packet = PacketOf(data);
-    EXPECT_EQ(writer.WritePacket(&packet, 1, 2, 3), 0);
-    EXPECT_EQ(writer.m_record.uRunningLength, 72U);
+    EXPECT_EQ(0, writer.WritePacket(&packet, 1, 2, 3));
+    EXPECT_EQ(72U, writer.m_record.uRunningLength);
 }
 
 TEST(PacketLogWriter, NamesTheRingFileByAtLeastTwoDigits) {
@@ -99,7 +99,7 @@ TEST(PacketLogWriter, NamesTheRingFileByAtLeastTwoDigits) {
         EXPECT_TRUE(writer.Initialize(instance));
         const bool opened = writer.OpenPipe();  // not for every user
         EXPECT_EQ(opened, access(path, W_OK) == 0);
-        ASSERT_NE(writer.m_pPipe, nullptr);
+        ASSERT_NE(nullptr, writer.m_pPipe);
         EXPECT_EQ(writer.m_pPipe->m_strPath, path);
         if (!wasThere) {
             std::filesystem::remove(path);
@@ -111,12 +111,12 @@ TEST_F(PacketLogWriterOpen, MapsARingOfTheAgreedSizeInTheWritersRole) {
     PacketLogWriter writer;
     EXPECT_TRUE(writer.Initialize(m_instance));
     EXPECT_TRUE(writer.OpenPipe());
-    EXPECT_EQ(std::filesystem::file_size(m_path), 10240000U);
-    EXPECT_EQ(writer.m_pPipe->m_eRole, WRITER);
-    EXPECT_EQ(writer.m_pPipe->m_uSize, 10239992U);
-    EXPECT_EQ(writer.m_pPipe->m_pfnLog, nullptr);
+    EXPECT_EQ(10240000U, std::filesystem::file_size(m_path));
+    EXPECT_EQ(WRITER, writer.m_pPipe->m_eRole);
+    EXPECT_EQ(10239992U, writer.m_pPipe->m_uSize);
+    EXPECT_EQ(nullptr, writer.m_pPipe->m_pfnLog);
     writer.ClosePipe();
-    EXPECT_EQ(writer.m_pPipe, nullptr);
+    EXPECT_EQ(nullptr, writer.m_pPipe);
     EXPECT_TRUE(std::filesystem::exists(m_path));
     writer.ClosePipe();
     EXPECT_TRUE(writer.OpenPipe());
@@ -124,73 +124,73 @@ TEST_F(PacketLogWriterOpen, MapsARingOfTheAgreedSizeInTheWritersRole) {
 
 TEST_F(PacketLogWriterOpen, TellsOfEveryStepAtTheDebugLevel) {
     EXPECT_EQ(
+        (Lines{"5 Initializing instance " + m_number + " of PacketLogWriter.",
+               "5 Opening shared pipe, " + m_path, "5 Successfully opened shared pipe, " + m_path,
+               "5 Successfully opened shared pipe, " + m_path}),
         LevelledMessages([this] {
             PacketLogWriter writer;
             writer.Initialize(m_instance);
             EXPECT_TRUE(writer.OpenPipe());
             EXPECT_TRUE(writer.OpenPipe());
-        }),
-        (Lines{"5 Initializing instance " + m_number + " of PacketLogWriter.",
-               "5 Opening shared pipe, " + m_path, "5 Successfully opened shared pipe, " + m_path,
-               "5 Successfully opened shared pipe, " + m_path}));
+        }));
 }
 
 TEST_F(PacketLogWriterOpen, KeepsTakingAFailedPipeForAnOpenOne) {
     std::filesystem::create_directory(m_path);
-    EXPECT_EQ(LevelledMessages([this] {
+    EXPECT_EQ((Lines{"5 Initializing instance " + m_number + " of PacketLogWriter.",
+                     "5 Opening shared pipe, " + m_path, "1 Failed opening shared pipe " + m_path,
+                     "5 Successfully opened shared pipe, " + m_path}),
+              LevelledMessages([this] {
                   PacketLogWriter writer;
                   writer.Initialize(m_instance);
                   EXPECT_FALSE(writer.OpenPipe());
-                  EXPECT_NE(writer.m_pPipe, nullptr);
+                  EXPECT_NE(nullptr, writer.m_pPipe);
                   EXPECT_TRUE(writer.OpenPipe());
                   EXPECT_FALSE(writer.m_pPipe->m_bMapped);
                   const Bytes data{1};
                   const PacketInfo packet = PacketOf(data);
-                  EXPECT_EQ(writer.WritePacket(&packet, 0, 0, 0), PIPE_ERROR);
-              }),
-              (Lines{"5 Initializing instance " + m_number + " of PacketLogWriter.",
-                     "5 Opening shared pipe, " + m_path, "1 Failed opening shared pipe " + m_path,
-                     "5 Successfully opened shared pipe, " + m_path}));
+                  EXPECT_EQ(PIPE_ERROR, writer.WritePacket(&packet, 0, 0, 0));
+              }));
 }
 
 TEST_F(PacketLogWriterWrite, PutsTheAgreedBytesIntoTheRing) {
     const Bytes data{0xDE, 0xAD, 0xBE, 0xEF, 0x01};
     const PacketInfo packet = PacketOf(data);
-    EXPECT_EQ(m_writer.WritePacket(&packet, 0x1122334455667788U, 0xA0A1A2A3U, 0xC0C1C2C3U), 0);
-    EXPECT_EQ(Read(m_reader).message, GoldenBytes("packet_log_record.txt"));
+    EXPECT_EQ(0, m_writer.WritePacket(&packet, 0x1122334455667788U, 0xA0A1A2A3U, 0xC0C1C2C3U));
+    EXPECT_EQ(GoldenBytes("packet_log_record.txt"), Read(m_reader).message);
 }
 
 TEST_F(PacketLogWriterWrite, DropsAMissingPacketWithoutATrace) {
-    EXPECT_EQ(m_writer.WritePacket(nullptr, 1, 2, 3), 0);
-    EXPECT_EQ(Read(m_reader).status, READ_EMPTY);
+    EXPECT_EQ(0, m_writer.WritePacket(nullptr, 1, 2, 3));
+    EXPECT_EQ(READ_EMPTY, Read(m_reader).status);
 }
 
 TEST_F(PacketLogWriterWrite, SendsABareRecordForAPacketWithoutBytes) {
     const Bytes data{1, 2, 3};
-    for (const std::int32_t captured : {0, -1, -2000000000}) {
+    for (const int32_t captured : {0, -1, -2000000000}) {
         PacketInfo packet = PacketOf(data);
         packet.iCapturedSize = captured;
-        EXPECT_EQ(Send(packet), 0);
-        EXPECT_EQ(Read(m_reader).message.size(), 72U) << captured;
+        EXPECT_EQ(0, Send(packet));
+        EXPECT_EQ(72U, Read(m_reader).message.size()) << captured;
     }
     PacketInfo packet = PacketOf(data);
     packet.pData = nullptr;
-    EXPECT_EQ(Send(packet), 0);
+    EXPECT_EQ(0, Send(packet));
     const Bytes message = Read(m_reader).message;
-    ASSERT_EQ(message.size(), 72U);
+    ASSERT_EQ(72U, message.size());
     PacketLogRecord record;
     std::memcpy(&record, message.data(), sizeof record);
-    EXPECT_EQ(record.iCapturedSize, 3);
-    EXPECT_EQ(record.uRunningLength, 72U);
+    EXPECT_EQ(3, record.iCapturedSize);
+    EXPECT_EQ(72U, record.uRunningLength);
 }
 
 TEST_F(PacketLogWriterWrite, KeepsARunningTotalInTheLengthWord) {
-    std::uint32_t total = 72;
-    for (const std::uint32_t captured : {5U, 60U, 1U}) {
-        ASSERT_EQ(Send(PacketOf(Counting(captured))), 0);
+    uint32_t total = 72;
+    for (const uint32_t captured : {5U, 60U, 1U}) {
+        ASSERT_EQ(0, Send(PacketOf(Counting(captured))));
         total += captured;
         const Bytes message = Read(m_reader).message;
-        EXPECT_EQ(message.size(), 72 + captured);
+        EXPECT_EQ(72 + captured, message.size());
         PacketLogRecord record;
         std::memcpy(&record, message.data(), sizeof record);
         EXPECT_EQ(record.uRunningLength, total);
@@ -199,36 +199,36 @@ TEST_F(PacketLogWriterWrite, KeepsARunningTotalInTheLengthWord) {
 
 TEST_F(PacketLogWriterWrite, ReturnsTheRingsErrorForAPacketLargerThanTheRing) {
     const LogCapture log;
-    EXPECT_EQ(Send(PacketOf(Counting(5000))), PIPE_ERROR);
-    EXPECT_EQ(log.Messages(), Lines{});
+    EXPECT_EQ(PIPE_ERROR, Send(PacketOf(Counting(5000))));
+    EXPECT_EQ(Lines{}, log.Messages());
 }
 
 TEST_F(PacketLogWriterWrite, TellsOfAFullRingOncePer300SecondsOfPacketTime) {
     const Bytes large = Counting(3900);
-    ASSERT_EQ(Send(PacketOf(large)), 0);
-    const auto linesAt = [&](std::uint32_t seconds) {
+    ASSERT_EQ(0, Send(PacketOf(large)));
+    const auto linesAt = [&](uint32_t seconds) {
         const LogCapture log;
-        EXPECT_EQ(Send(PacketOf(large, seconds)), PIPE_FULL);
+        EXPECT_EQ(PIPE_FULL, Send(PacketOf(large, seconds)));
         return log.Messages();
     };
     const Lines told{"Failed to send packets to logger daemon, pipe is full."};
     EXPECT_EQ(linesAt(1000000), told);
-    EXPECT_EQ(linesAt(1000000), Lines{});
-    EXPECT_EQ(linesAt(1000300), Lines{});
+    EXPECT_EQ(Lines{}, linesAt(1000000));
+    EXPECT_EQ(Lines{}, linesAt(1000300));
     EXPECT_EQ(linesAt(1000301), told);
-    EXPECT_EQ(linesAt(1000601), Lines{});
-    EXPECT_EQ(linesAt(999000), Lines{});
-    EXPECT_EQ(m_writer.m_uLastFullReport, 1000301);
+    EXPECT_EQ(Lines{}, linesAt(1000601));
+    EXPECT_EQ(Lines{}, linesAt(999000));
+    EXPECT_EQ(1000301, m_writer.m_uLastFullReport);
 }
 
 TEST_F(PacketLogWriterWrite, SaysOfAFullRingAtTheDebugLevel) {
     const Bytes large = Counting(3900);
-    ASSERT_EQ(Send(PacketOf(large)), 0);
-    EXPECT_EQ(LevelledMessages([&] {
+    ASSERT_EQ(0, Send(PacketOf(large)));
+    EXPECT_EQ(Lines{"5 Failed to send packets to logger daemon, pipe is full."},
+              LevelledMessages([&] {
                   m_writer.m_uLastFullReport = 0;
-                  EXPECT_EQ(Send(PacketOf(large)), PIPE_FULL);
-              }),
-              Lines{"5 Failed to send packets to logger daemon, pipe is full."});
+                  EXPECT_EQ(PIPE_FULL, Send(PacketOf(large)));
+              }));
 }
 
 TEST_F(PacketLogWriterWrite, AllocatesNothing) {
@@ -238,7 +238,7 @@ TEST_F(PacketLogWriterWrite, AllocatesNothing) {
     const Bytes data = Counting(100);
     const PacketInfo packet = PacketOf(data);
     vald::Log::GetInstance();  // made once in the life of a process
-    const std::uint64_t before = AllocationCount();
+    const uint64_t before = AllocationCount();
     int sent = 0;
     while (m_writer.WritePacket(&packet, 1, 2, 3) == PIPE_OK) {
         ++sent;

@@ -30,10 +30,10 @@ using Session = StreamPeer::Session;
 using Script = StreamPeer::Script;
 
 constexpr const char* kRule = "ip expires 2026-11-12T15:00:00Z";
-constexpr std::uint32_t kFlags = 1;
-constexpr std::uint32_t kIssueId = 0x01020304;
-constexpr std::int32_t kLimit = 1;          // seconds, where the limit is meant to run out
-constexpr std::int32_t kPlentyOfTime = 60;  // where it is not
+constexpr uint32_t kFlags = 1;
+constexpr uint32_t kIssueId = 0x01020304;
+constexpr int32_t kLimit = 1;          // seconds, where the limit is meant to run out
+constexpr int32_t kPlentyOfTime = 60;  // where it is not
 
 // What AddQuarantineRules gave, what it logged, and the requests that came to the peer.
 struct Outcome {
@@ -71,7 +71,7 @@ Lines operator+(const Lines& front, const Lines& back) {
 class DbtCommTest : public testing::Test {
   protected:
     // One rule, handed by a fresh channel to a peer with these scripts; none for no peer at all.
-    Outcome AddOneRule(const std::vector<Script>& scripts, std::int32_t timeout = kPlentyOfTime) {
+    Outcome AddOneRule(const std::vector<Script>& scripts, int32_t timeout = kPlentyOfTime) {
         Outcome outcome;
         outcome.log = LevelledMessages([&] {
             std::unique_ptr<StreamPeer> peer;
@@ -102,7 +102,7 @@ class DbtCommTest : public testing::Test {
         return keeping;
     }
 
-    static Script Answer(std::uint32_t status) {
+    static Script Answer(uint32_t status) {
         return [status](Session& session) {
             session.SendWords(status, 0);
             session.StaySilent();
@@ -324,8 +324,8 @@ TEST_F(DbtCommAddQuarantineRules, SendsNothingForANullOrEmptyText) {
 TEST_F(DbtCommSendCommand, AwaitsNoResponseUnlessBothOutPointersAreGiven) {
     StreamPeer peer(m_path, Silence);
     DbtComm channel(m_path, kPlentyOfTime);
-    std::uint8_t* response = nullptr;
-    std::uint64_t length = 0;
+    uint8_t* response = nullptr;
+    uint64_t length = 0;
     EXPECT_EQ(0, channel.SendCommand(12, nullptr, 0, nullptr, nullptr));
     EXPECT_EQ(0, channel.SendCommand(12, nullptr, 0, &response, nullptr));
     EXPECT_EQ(0, channel.SendCommand(12, nullptr, 0, nullptr, &length));
@@ -337,8 +337,8 @@ TEST_F(DbtCommSendCommand, GivesTheResponseToTheCaller) {
         TwelveBytes(session);
     });
     DbtComm channel(m_path, kPlentyOfTime);
-    std::uint8_t* response = nullptr;
-    std::uint64_t length = 0;
+    uint8_t* response = nullptr;
+    uint64_t length = 0;
     ASSERT_EQ(0, channel.SendCommand(12, "abc", 3, &response, &length));
     EXPECT_EQ((Bytes{15, 0, 0, 0, 4, 0, 0, 0, 1, 2, 3, 4}), Bytes(response, response + length));
     RequestClient::FreeResponse(response);
@@ -347,8 +347,8 @@ TEST_F(DbtCommSendCommand, GivesTheResponseToTheCaller) {
 TEST_F(DbtCommSendCommand, WaitsFiveSecondsUnlessToldOtherwise) {
     StreamPeer peer(m_path, Silence);
     DbtComm channel(m_path);
-    std::uint8_t* response = nullptr;
-    std::uint64_t length = 0;
+    uint8_t* response = nullptr;
+    uint64_t length = 0;
     const auto start = steady_clock::now();
     EXPECT_EQ(-1, channel.SendCommand(11, nullptr, 0, &response, &length));
     const auto waited = steady_clock::now() - start;
@@ -445,8 +445,8 @@ TEST_F(DbtCommOpen, PassesTheClientsReportsToTheLogUnchanged) {
             session.Send({1, 2, 3, 4});
         });
         DbtComm channel(m_path, kPlentyOfTime);
-        std::uint8_t* response = nullptr;
-        std::uint64_t length = 0;
+        uint8_t* response = nullptr;
+        uint64_t length = 0;
         EXPECT_EQ(-1, channel.SendCommand(11, "abc", 3, &response, &length));
     });
     EXPECT_THAT(log, ElementsAreArray(kOpens +

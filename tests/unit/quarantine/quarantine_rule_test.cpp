@@ -98,7 +98,7 @@ TEST(QuarantineRuleToString, KeepsPortsThatWereNeverSetAsZero) {
 
 TEST(QuarantineRuleToString, WritesIcmpFieldsUpTo255AndNoneAbove) {
     struct Case {
-        std::uint16_t value;
+        uint16_t value;
         bool isWritten;
     };
     for (const Case& field : {Case{0, true}, {255, true}, {256, false}, {0xFFFF, false}}) {
@@ -126,7 +126,7 @@ TEST(QuarantineRuleToString, WritesTheCounterWithItsLetterRightBehind) {
     QuarantineRule rule = RuleOf(4);
     rule.SetCounter(5);
     EXPECT_EQ("ip counter 5b" + kExpires, TextOf(rule));
-    rule.SetCounter(std::numeric_limits<std::uint32_t>::max());
+    rule.SetCounter(std::numeric_limits<uint32_t>::max());
     EXPECT_EQ("ip counter 4294967295b" + kExpires, TextOf(rule));
 }
 
@@ -184,15 +184,15 @@ TEST(QuarantineRuleToString, KeepsToItsGrammarForRandomParts) {
         R"(( (icmp|icmpv6)( type \d{1,3})?( code \d{1,3})?| (tcp|udp) src port \d+ dst port \d+)"
         R"(| proto -?\d+)?( counter [1-9]\d*b)? expires \d{4,}-\d\d-\d\dT\d\d:\d\d:\d\dZ)");
     std::mt19937 random(20261112);
-    const auto upTo = [&random](std::uint32_t limit) {
-        return static_cast<std::uint32_t>(random() % (std::uint64_t{limit} + 1));
+    const auto upTo = [&random](uint32_t limit) {
+        return static_cast<uint32_t>(random() % (uint64_t{limit} + 1));
     };
     for (int round = 0; round < 2000; ++round) {
         const int version = upTo(1) == 0 ? 4 : 6;
         const int protocols[] = {0, 1, 6, 17, 58, static_cast<int>(upTo(255))};
         QuarantineRule rule = RuleOf(version, protocols[upTo(5)]);
-        std::array<std::uint8_t, 16> ipv6{};
-        ipv6[upTo(15)] = static_cast<std::uint8_t>(upTo(255));
+        std::array<uint8_t, 16> ipv6{};
+        ipv6[upTo(15)] = static_cast<uint8_t>(upTo(255));
         if (version == 4) {
             rule.SetIntruderAddress(in_addr_t{upTo(1) * upTo(0xFFFFFFFF)});
             rule.SetVictimAddress(in_addr_t{upTo(1) * upTo(0xFFFFFFFF)});
@@ -200,10 +200,10 @@ TEST(QuarantineRuleToString, KeepsToItsGrammarForRandomParts) {
             rule.SetIntruderAddress(ipv6);
             rule.SetVictimAddress(ipv6);
         }
-        rule.SetIcmpType(static_cast<std::uint16_t>(upTo(300)));
-        rule.SetIcmpCode(static_cast<std::uint16_t>(upTo(300)));
-        rule.SetSourcePort(static_cast<std::uint16_t>(upTo(0xFFFF)));
-        rule.SetDestinationPort(static_cast<std::uint16_t>(upTo(0xFFFF)));
+        rule.SetIcmpType(static_cast<uint16_t>(upTo(300)));
+        rule.SetIcmpCode(static_cast<uint16_t>(upTo(300)));
+        rule.SetSourcePort(static_cast<uint16_t>(upTo(0xFFFF)));
+        rule.SetDestinationPort(static_cast<uint16_t>(upTo(0xFFFF)));
         rule.SetCounter(upTo(1) * upTo(0xFFFFFFFF));
         EXPECT_EQ(0, rule.SetExpiration(1 + static_cast<std::time_t>(upTo(0xFFFFFFFE))));
         if (const auto text = TextOf(rule)) {
@@ -302,9 +302,9 @@ TEST(QuarantineRuleSetAddress, TakesIpv4InNetworkOrderAndZeroAsNone) {
 
 TEST(QuarantineRuleSetAddress, TakesIpv6BytesAndAllZeroAsNone) {
     QuarantineRule rule = RuleOf(6);
-    const std::uint8_t loopback[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-    const std::array<std::uint8_t, 16> other = {0x20, 0x01, 0x0d, 0xb8};
-    const std::array<std::uint8_t, 16> none = {};
+    const uint8_t loopback[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    const std::array<uint8_t, 16> other = {0x20, 0x01, 0x0d, 0xb8};
+    const std::array<uint8_t, 16> none = {};
     EXPECT_EQ(0, rule.SetIntruderAddress(loopback));
     EXPECT_EQ(0, rule.SetVictimAddress(other));
     EXPECT_EQ("ipv6 intruder addr ::1 victim addr 2001:db8::" + kExpires, TextOf(rule));

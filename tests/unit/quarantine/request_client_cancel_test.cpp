@@ -48,8 +48,8 @@ TEST_F(RequestClientCancel, LandsInTheWaitForAnAnswer) {
         });
         EXPECT_TRUE(IsCancelledIn(
             [&](RequestClient& client) {
-                std::uint8_t* buffer = nullptr;
-                std::uint64_t size = 0;
+                uint8_t* buffer = nullptr;
+                uint64_t size = 0;
                 (void)client.Transact(m_path.c_str(), 1, nullptr, 0, &buffer, &size, kPlentyOfTime);
             },
             [&] { asked.get_future().wait(); }));
@@ -70,8 +70,8 @@ TEST_F(RequestClientCancel, LandsInABodyThatNeverComes) {
         });
         EXPECT_TRUE(IsCancelledIn(
             [&](RequestClient& client) {
-                std::uint8_t* buffer = nullptr;
-                std::uint64_t size = 0;
+                uint8_t* buffer = nullptr;
+                uint64_t size = 0;
                 if (asRecords) {
                     (void)client.TransactRecords(m_path.c_str(), 1, nullptr, 0, &buffer, &size, 1,
                                                  kPlentyOfTime);

@@ -157,10 +157,10 @@ TEST_F(RequestClientReceiveRecords, GivesTheHeaderAVectorAndTheRecords) {
     EXPECT_EQ((Bytes{9, 0, 0, 0, 3, 0, 0, 0}), Bytes(m_response.get(), m_response.get() + 8));
     const auto* vector = reinterpret_cast<const iovec*>(m_response.get() + 8);
     for (std::size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(m_response.get() + 8 + 3 * sizeof(iovec) + 4 * i, vector[i].iov_base);
+        EXPECT_EQ(vector[i].iov_base, m_response.get() + 8 + 3 * sizeof(iovec) + 4 * i);
         EXPECT_EQ(4U, vector[i].iov_len);
     }
-    const auto* first = static_cast<const std::uint8_t*>(vector[0].iov_base);
+    const auto* first = static_cast<const uint8_t*>(vector[0].iov_base);
     EXPECT_EQ(Iota(12), Bytes(first, first + 12));
 }
 
@@ -178,10 +178,10 @@ TEST_F(RequestClientReceiveRecords, PutsRecordsTogetherThatComeInPieces) {
     ASSERT_TRUE(ReceiveRecords(3));
     EXPECT_EQ(8 + records.size(), m_size);
     const auto* vector = reinterpret_cast<const iovec*>(m_response.get() + 8);
-    const auto* last = static_cast<const std::uint8_t*>(vector[kCount - 1].iov_base);
+    const auto* last = static_cast<const uint8_t*>(vector[kCount - 1].iov_base);
     EXPECT_EQ(Bytes(records.end() - 3, records.end()), Bytes(last, last + 3));
     EXPECT_EQ(3U, vector[kCount - 1].iov_len);
-    const auto* first = static_cast<const std::uint8_t*>(vector[0].iov_base);
+    const auto* first = static_cast<const uint8_t*>(vector[0].iov_base);
     EXPECT_EQ(records, Bytes(first, first + records.size()));
 }
 

@@ -58,7 +58,7 @@ ino_t InodeAt(int fd) {
 }
 
 TEST_F(RequestClientConnect, GivesABlockingSocketThatNoChildInherits) {
-    for (const std::int32_t timeout : {-1, 0, 1}) {
+    for (const int32_t timeout : {-1, 0, 1}) {
         // A peer for each, since one that ends a session closes a descriptor when it likes.
         const std::string path = m_path + std::to_string(timeout);
         StreamPeer peer(path, [](Session& session) { session.StaySilent(); });
@@ -238,7 +238,7 @@ TEST_F(RequestClientTransact, ConnectsSendsReceivesAndDisconnects) {
         session.Send({'y', 'o', 'u'});
         rest.set_value(session.Read(1));
     });
-    std::uint8_t* buffer = nullptr;
+    uint8_t* buffer = nullptr;
     EXPECT_TRUE(m_client.Transact(m_path.c_str(), 7, "hi", 2, &buffer, &m_size, kPlentyOfTime));
     m_response.reset(buffer);
     EXPECT_EQ((Bytes{1, 0, 0, 0, 3, 0, 0, 0, 'y', 'o', 'u'}), Response());
@@ -248,7 +248,7 @@ TEST_F(RequestClientTransact, ConnectsSendsReceivesAndDisconnects) {
 
 TEST_F(RequestClientTransact, AwaitsNoAnswerWithoutBothOutArguments) {
     StreamPeer peer(m_path, [](Session& session) { session.StaySilent(); });
-    std::uint8_t* buffer = nullptr;
+    uint8_t* buffer = nullptr;
     EXPECT_TRUE(m_client.Transact(m_path.c_str(), 7, "hi", 2, nullptr, nullptr, kPlentyOfTime));
     EXPECT_TRUE(m_client.Transact(m_path.c_str(), 7, "hi", 2, &buffer, nullptr, kPlentyOfTime));
     EXPECT_TRUE(
@@ -258,7 +258,7 @@ TEST_F(RequestClientTransact, AwaitsNoAnswerWithoutBothOutArguments) {
 }
 
 TEST_F(RequestClientTransact, FailsWithTheStepThatFailsAndDisconnects) {
-    std::uint8_t* buffer = nullptr;
+    uint8_t* buffer = nullptr;
     EXPECT_FALSE(m_client.Transact(m_path.c_str(), 7, "hi", 2, &buffer, &m_size, 1));
     StreamPeer peer(m_path, [](Session& session) { session.ReadRequest(); });
     EXPECT_FALSE(m_client.Transact(m_path.c_str(), 7, "hi", 2, &buffer, &m_size, kPlentyOfTime));
@@ -276,7 +276,7 @@ TEST_F(RequestClientTransact, ReceivesRecords) {
         session.Send(Iota(6));
         session.StaySilent();
     });
-    std::uint8_t* buffer = nullptr;
+    uint8_t* buffer = nullptr;
     EXPECT_TRUE(m_client.TransactRecords(m_path.c_str(), 7, nullptr, 0, &buffer, &m_size, 3,
                                          kPlentyOfTime));
     m_response.reset(buffer);

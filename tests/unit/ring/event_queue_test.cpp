@@ -28,7 +28,7 @@ class EventQueueTest : public testing::Test {
     // so the tests that attach twice bring one of their own.
     void MakeSemaphore(unsigned posts = 0) const {
         sem_t* const semaphore = sem_open(Semaphore().c_str(), O_CREAT, 0600, posts);
-        ASSERT_NE(semaphore, SEM_FAILED);
+        ASSERT_NE(SEM_FAILED, semaphore);
         sem_close(semaphore);
     }
     bool SemaphoreExists() const {
@@ -44,14 +44,14 @@ class EventQueueTest : public testing::Test {
     }
 
     static void Send(EventQueue& queue, std::size_t ring, const Bytes& message) {
-        const auto length = static_cast<std::uint32_t>(message.size());
-        ASSERT_EQ(queue.m_pairs[0]->m_aPipes[ring].write(message.data(), &length), PIPE_OK);
-        ASSERT_EQ(sem_post(queue.m_pSem), 0);
+        const auto length = static_cast<uint32_t>(message.size());
+        ASSERT_EQ(PIPE_OK, queue.m_pairs[0]->m_aPipes[ring].write(message.data(), &length));
+        ASSERT_EQ(0, sem_post(queue.m_pSem));
     }
 
     static Bytes Receive(EventQueue& queue, std::size_t pair, std::size_t ring) {
         Bytes message(4096);
-        std::uint32_t size = 4096;
+        uint32_t size = 4096;
         (void)queue.m_pairs[pair]->m_aPipes[ring].read(message.data(), &size);
         message.resize(size);
         return message;
@@ -71,13 +71,13 @@ using ShmEventPipePairTest = EventQueueTest;
 
 TEST_F(EventQueueWriter, HasThePairOfItsIndexAlone) {
     const EventQueue queue("CRM", 3, 1);
-    EXPECT_EQ(queue.m_uReserved, 0U);
-    EXPECT_EQ(queue.m_uPairCount, 1U);
-    ASSERT_EQ(queue.m_pairs.size(), 1U);
-    EXPECT_EQ(queue.m_strSemName, "/EventQueueCRM.sem");
-    EXPECT_EQ(queue.m_pSem, nullptr);
-    EXPECT_EQ(queue.m_iWriterSide, 1);
-    EXPECT_EQ(queue.m_pfnLog, nullptr);
+    EXPECT_EQ(0U, queue.m_uReserved);
+    EXPECT_EQ(1U, queue.m_uPairCount);
+    ASSERT_EQ(1U, queue.m_pairs.size());
+    EXPECT_EQ("/EventQueueCRM.sem", queue.m_strSemName);
+    EXPECT_EQ(nullptr, queue.m_pSem);
+    EXPECT_EQ(1, queue.m_iWriterSide);
+    EXPECT_EQ(nullptr, queue.m_pfnLog);
     const ShmEventPipePair& pair = *queue.m_pairs[0];
     EXPECT_EQ(pair.m_eRole, WRITER);
     EXPECT_EQ(pair.m_aPipes[0].m_eRole, WRITER);
@@ -91,7 +91,7 @@ TEST_F(EventQueueWriter, HasThePairOfItsIndexAlone) {
 
 TEST_F(EventQueueWriter, PutsIndexAndSuffixBehindTheNameWithNoSeparator) {
     const EventQueue queue("CRM", 12, 1);
-    EXPECT_EQ(queue.m_pairs[0]->m_aPipes[0].m_strPath, "/var/tmp/EventQueueCRM12-0");
+    EXPECT_EQ("/var/tmp/EventQueueCRM12-0", queue.m_pairs[0]->m_aPipes[0].m_strPath);
 }
 
 TEST_F(EventQueueWriter, LeavesTheFilesOfAnEarlierRun) {
@@ -102,10 +102,10 @@ TEST_F(EventQueueWriter, LeavesTheFilesOfAnEarlierRun) {
 
 TEST_F(EventQueueReader, HasOnePairForEachIndexBelowItsCount) {
     const EventQueue queue(m_szName, EventQueue::ForReader::kTag, 3);
-    EXPECT_EQ(queue.m_uPairCount, 3U);
-    ASSERT_EQ(queue.m_pairs.size(), 3U);
+    EXPECT_EQ(3U, queue.m_uPairCount);
+    ASSERT_EQ(3U, queue.m_pairs.size());
     EXPECT_EQ(queue.m_strSemName, Semaphore());
-    EXPECT_EQ(queue.m_iWriterSide, 0);
+    EXPECT_EQ(0, queue.m_iWriterSide);
     for (int index = 0; index < 3; ++index) {
         const ShmEventPipePair& pair = *queue.m_pairs[static_cast<std::size_t>(index)];
         EXPECT_EQ(pair.m_eRole, READER);
@@ -127,53 +127,53 @@ TEST_F(EventQueueReader, RemovesTheFilesOfAnEarlierRun) {
 
 TEST_F(EventQueueReader, WithACountOfZeroOpensTheSemaphoreAlone) {
     EventQueue queue(m_szName, EventQueue::ForReader::kTag, 0);
-    EXPECT_EQ(queue.m_uPairCount, 0U);
-    EXPECT_EQ(queue.Open(), 0);
-    EXPECT_NE(queue.m_pSem, nullptr);
+    EXPECT_EQ(0U, queue.m_uPairCount);
+    EXPECT_EQ(0, queue.Open());
+    EXPECT_NE(nullptr, queue.m_pSem);
     EXPECT_TRUE(SemaphoreExists());
 }
 
 TEST_F(EventQueueOpen, MakesSemaphoreAndBothRings) {
     EventQueue queue(m_szName, 4, 1);
-    EXPECT_EQ(queue.Open(), 0);
-    EXPECT_EQ(std::filesystem::file_size(Ring(4, 0)), 8388608U);
-    EXPECT_EQ(std::filesystem::file_size(Ring(4, 1)), 262144U);
+    EXPECT_EQ(0, queue.Open());
+    EXPECT_EQ(8388608U, std::filesystem::file_size(Ring(4, 0)));
+    EXPECT_EQ(262144U, std::filesystem::file_size(Ring(4, 1)));
     int posts = -1;
-    EXPECT_EQ(sem_getvalue(queue.m_pSem, &posts), 0);
-    EXPECT_EQ(posts, 0);
+    EXPECT_EQ(0, sem_getvalue(queue.m_pSem, &posts));
+    EXPECT_EQ(0, posts);
 }
 
 TEST_F(EventQueueOpen, KeepsMakingASemaphoreThatOnlyOthersMayWrite) {
     const mode_t former = umask(0);
     EventQueue queue(m_szName, 4, 1);
-    EXPECT_EQ(queue.Open(), 0);
+    EXPECT_EQ(0, queue.Open());
     umask(former);
     struct stat status {};
-    ASSERT_EQ(stat(("/dev/shm/sem." + Semaphore().substr(1)).c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 2U);
+    ASSERT_EQ(0, stat(("/dev/shm/sem." + Semaphore().substr(1)).c_str(), &status));
+    EXPECT_EQ(2U, status.st_mode & 07777U);
 }
 
 TEST_F(EventQueueOpen, AttachesToASemaphoreThatExists) {
     MakeSemaphore(5);
     EventQueue queue(m_szName, 4, 1);
-    ASSERT_EQ(queue.Open(), 0);
+    ASSERT_EQ(0, queue.Open());
     int posts = 0;
-    EXPECT_EQ(sem_getvalue(queue.m_pSem, &posts), 0);
-    EXPECT_EQ(posts, 5);
+    EXPECT_EQ(0, sem_getvalue(queue.m_pSem, &posts));
+    EXPECT_EQ(5, posts);
 }
 
 TEST_F(EventQueueOpen, ReturnsTheErrnoOfTheSemaphoreAndOpensNoRing) {
     const std::string bad = m_name + "/";
     EventQueue queue(bad.c_str(), 4, 1);
-    EXPECT_EQ(queue.Open(), EINVAL);
-    EXPECT_EQ(queue.m_pSem, nullptr);
+    EXPECT_EQ(EINVAL, queue.Open());
+    EXPECT_EQ(nullptr, queue.m_pSem);
     EXPECT_FALSE(queue.m_pairs[0]->m_aPipes[0].m_bMapped);
 }
 
 TEST_F(EventQueueOpen, GoesOnPastARingThatFails) {
     std::filesystem::create_directory(Ring(0, 0));
     EventQueue queue(m_szName, EventQueue::ForReader::kTag, 2);
-    EXPECT_EQ(queue.Open(), -1);
+    EXPECT_EQ(-1, queue.Open());
     EXPECT_FALSE(queue.m_pairs[0]->m_aPipes[0].m_bMapped);
     EXPECT_TRUE(queue.m_pairs[0]->m_aPipes[1].m_bMapped);
     EXPECT_TRUE(queue.m_pairs[1]->m_aPipes[0].m_bMapped);
@@ -182,10 +182,10 @@ TEST_F(EventQueueOpen, GoesOnPastARingThatFails) {
 TEST_F(EventQueueOpen, AgainKeepsOneSemaphore) {
     MakeSemaphore();
     EventQueue queue(m_szName, EventQueue::ForReader::kTag, 0);
-    ASSERT_EQ(queue.Open(), 0);
-    ASSERT_EQ(queue.Open(), 0);
-    EXPECT_EQ(sem_post(queue.m_pSem), 0);
-    EXPECT_EQ(sem_trywait(queue.m_pSem), 0);
+    ASSERT_EQ(0, queue.Open());
+    ASSERT_EQ(0, queue.Open());
+    EXPECT_EQ(0, sem_post(queue.m_pSem));
+    EXPECT_EQ(0, sem_trywait(queue.m_pSem));
 }
 
 TEST_F(EventQueueOpen, LetsTwoWritersShareASemaphoreAndNoRing) {
@@ -193,57 +193,57 @@ TEST_F(EventQueueOpen, LetsTwoWritersShareASemaphoreAndNoRing) {
     EventQueue reader(m_szName, EventQueue::ForReader::kTag, 2);
     EventQueue first(m_szName, 0, 1);
     EventQueue second(m_szName, 1, 1);
-    ASSERT_EQ(reader.Open(), 0);
-    ASSERT_EQ(first.Open(), 0);
-    ASSERT_EQ(second.Open(), 0);
+    ASSERT_EQ(0, reader.Open());
+    ASSERT_EQ(0, first.Open());
+    ASSERT_EQ(0, second.Open());
     Send(first, 0, {1, 2, 3});
     Send(second, 1, {4, 5});
-    EXPECT_EQ(sem_trywait(reader.m_pSem), 0);
-    EXPECT_EQ(sem_trywait(reader.m_pSem), 0);
-    EXPECT_EQ(sem_trywait(reader.m_pSem), -1);
-    EXPECT_EQ(Receive(reader, 0, 0), (Bytes{1, 2, 3}));
-    EXPECT_EQ(Receive(reader, 0, 1), Bytes{});
-    EXPECT_EQ(Receive(reader, 1, 0), Bytes{});
-    EXPECT_EQ(Receive(reader, 1, 1), (Bytes{4, 5}));
+    EXPECT_EQ(0, sem_trywait(reader.m_pSem));
+    EXPECT_EQ(0, sem_trywait(reader.m_pSem));
+    EXPECT_EQ(-1, sem_trywait(reader.m_pSem));
+    EXPECT_EQ((Bytes{1, 2, 3}), Receive(reader, 0, 0));
+    EXPECT_EQ(Bytes{}, Receive(reader, 0, 1));
+    EXPECT_EQ(Bytes{}, Receive(reader, 1, 0));
+    EXPECT_EQ((Bytes{4, 5}), Receive(reader, 1, 1));
 }
 
 TEST_F(EventQueueOpen, InEitherOrderJoinsWriterAndReader) {
     MakeSemaphore();
     EventQueue reader(m_szName, EventQueue::ForReader::kTag, 1);
     EventQueue writer(m_szName, 0, 1);
-    ASSERT_EQ(writer.Open(), 0);
+    ASSERT_EQ(0, writer.Open());
     Send(writer, 0, {9});
-    ASSERT_EQ(reader.Open(), 0);
-    EXPECT_EQ(sem_trywait(reader.m_pSem), 0);
-    EXPECT_EQ(Receive(reader, 0, 0), Bytes{9});
+    ASSERT_EQ(0, reader.Open());
+    EXPECT_EQ(0, sem_trywait(reader.m_pSem));
+    EXPECT_EQ(Bytes{9}, Receive(reader, 0, 0));
 }
 
 TEST_F(EventQueueOpen, KeepsPostsThatNobodyTookAcrossARestart) {
     MakeSemaphore();
     {
         EventQueue writer(m_szName, 0, 1);
-        ASSERT_EQ(writer.Open(), 0);
+        ASSERT_EQ(0, writer.Open());
         Send(writer, 0, {9});
     }
     EventQueue writer(m_szName, 0, 1);
-    ASSERT_EQ(writer.Open(), 0);
+    ASSERT_EQ(0, writer.Open());
     int posts = 0;
-    EXPECT_EQ(sem_getvalue(writer.m_pSem, &posts), 0);
-    EXPECT_EQ(posts, 1);
+    EXPECT_EQ(0, sem_getvalue(writer.m_pSem, &posts));
+    EXPECT_EQ(1, posts);
 }
 
 TEST_F(EventQueueDestroy, OfAWriterLeavesTheSemaphore) {
     EventQueue queue(m_szName, 0, 1);
-    ASSERT_EQ(queue.Open(), 0);
-    EXPECT_EQ(queue.Destroy(), 0);
+    ASSERT_EQ(0, queue.Open());
+    EXPECT_EQ(0, queue.Destroy());
     EXPECT_TRUE(SemaphoreExists());
     EXPECT_TRUE(std::filesystem::exists(Ring(0, 0)));
 }
 
 TEST_F(EventQueueDestroy, OfAReaderRemovesTheSemaphoreAndLeavesFilesThatOpenMade) {
     EventQueue queue(m_szName, EventQueue::ForReader::kTag, 1);
-    ASSERT_EQ(queue.Open(), 0);
-    EXPECT_EQ(queue.Destroy(), 0);
+    ASSERT_EQ(0, queue.Open());
+    EXPECT_EQ(0, queue.Destroy());
     EXPECT_FALSE(SemaphoreExists());
     EXPECT_TRUE(std::filesystem::exists(Ring(0, 0)));
 }
@@ -253,12 +253,12 @@ TEST_F(EventQueueDestroy, GoesOnPastARingThatFails) {
     ASSERT_TRUE(queue.m_pairs[0]->m_aPipes[0].Create());
     ASSERT_TRUE(queue.m_pairs[1]->m_aPipes[1].Create());
     std::filesystem::remove(Ring(0, 0));
-    EXPECT_EQ(queue.Destroy(), 1);
+    EXPECT_EQ(1, queue.Destroy());
     EXPECT_FALSE(std::filesystem::exists(Ring(1, 1)));
 }
 
 TEST_F(EventQueueDestroy, ByTheDestructorRemovesNothing) {
-    { EXPECT_EQ(EventQueue(m_szName, EventQueue::ForReader::kTag, 1).Open(), 0); }
+    { EXPECT_EQ(0, EventQueue(m_szName, EventQueue::ForReader::kTag, 1).Open()); }
     EXPECT_TRUE(SemaphoreExists());
     EXPECT_TRUE(std::filesystem::exists(Ring(0, 0)));
     EXPECT_TRUE(std::filesystem::exists(Ring(0, 1)));
@@ -266,23 +266,23 @@ TEST_F(EventQueueDestroy, ByTheDestructorRemovesNothing) {
 
 TEST_F(EventQueueOpen, FollowedByCloseUnmapsEveryRingAndKeepsTheSemaphore) {
     EventQueue queue(m_szName, EventQueue::ForReader::kTag, 2);
-    ASSERT_EQ(queue.Open(), 0);
-    EXPECT_EQ(queue.Close(), 0);
+    ASSERT_EQ(0, queue.Open());
+    EXPECT_EQ(0, queue.Close());
     for (const auto& pair : queue.m_pairs) {
         EXPECT_FALSE(pair->m_aPipes[0].m_bMapped);
         EXPECT_FALSE(pair->m_aPipes[1].m_bMapped);
     }
-    ASSERT_NE(queue.m_pSem, nullptr);
-    EXPECT_EQ(sem_post(queue.m_pSem), 0);
+    ASSERT_NE(nullptr, queue.m_pSem);
+    EXPECT_EQ(0, sem_post(queue.m_pSem));
 }
 
 TEST_F(EventQueueOpen, FollowedByACloseThatFailsGoesOnToTheOtherRings) {
     EventQueue queue(m_szName, EventQueue::ForReader::kTag, 2);
-    ASSERT_EQ(queue.Open(), 0);
+    ASSERT_EQ(0, queue.Open());
     ShmEventPipe& failing = queue.m_pairs[0]->m_aPipes[0];
     void* const map = failing.m_pMap;
     failing.m_pMap = static_cast<std::byte*>(map) + 4;
-    EXPECT_EQ(queue.Close(), 1);
+    EXPECT_EQ(1, queue.Close());
     failing.m_pMap = map;
     EXPECT_FALSE(queue.m_pairs[0]->m_aPipes[1].m_bMapped);
     EXPECT_FALSE(queue.m_pairs[1]->m_aPipes[0].m_bMapped);

@@ -15,10 +15,10 @@
 
 namespace {
 
-constexpr std::uint32_t kMessages = 200000;
-constexpr std::uint32_t kFileSize = 8192 + 8;
-constexpr std::uint32_t kLargest = 4000;
-constexpr std::uint32_t kSeed = 7;
+constexpr uint32_t kMessages = 200000;
+constexpr uint32_t kFileSize = 8192 + 8;
+constexpr uint32_t kLargest = 4000;
+constexpr uint32_t kSeed = 7;
 
 class ShmEventPipeExchange : public RingTest {
   protected:
@@ -29,9 +29,9 @@ class ShmEventPipeExchange : public RingTest {
         ShmEventPipe pipe(WRITER, m_path, kFileSize);
         bool sound = pipe.Open(true);
         RingTraffic traffic(kSeed);
-        for (std::uint32_t number = 0; sound && number < kMessages; ++number) {
+        for (uint32_t number = 0; sound && number < kMessages; ++number) {
             Bytes message = traffic.Next(kLargest);
-            const auto length = static_cast<std::uint32_t>(message.size());
+            const auto length = static_cast<uint32_t>(message.size());
             const iovec pieces[] = {{message.data(), 5}, {&message[5], length - 5}};
             ShmPipeResult result = PIPE_FULL;
             while (result == PIPE_FULL) {
@@ -48,7 +48,7 @@ class ShmEventPipeExchange : public RingTest {
     bool PipeReads() const {
         ShmEventPipe pipe(READER, m_path, kFileSize);
         bool sound = pipe.Open(true);
-        for (std::uint32_t number = 0; sound && number < kMessages;) {
+        for (uint32_t number = 0; sound && number < kMessages;) {
             const Outcome outcome = Read(pipe, kLargest);
             if (outcome.status == READ_EMPTY) {
                 sched_yield();
@@ -61,7 +61,7 @@ class ShmEventPipeExchange : public RingTest {
     bool PeerWrites() const {
         IndependentRing peer(m_path);
         RingTraffic traffic(kSeed);
-        for (std::uint32_t number = 0; number < kMessages; ++number) {
+        for (uint32_t number = 0; number < kMessages; ++number) {
             const Bytes& message = traffic.Next(kLargest);
             while (!peer.Put(message)) {
                 sched_yield();
@@ -72,7 +72,7 @@ class ShmEventPipeExchange : public RingTest {
     bool PeerReads() const {
         IndependentRing peer(m_path);
         Bytes message;
-        for (std::uint32_t number = 0; number < kMessages; ++number) {
+        for (uint32_t number = 0; number < kMessages; ++number) {
             while (!peer.Take(message)) {
                 sched_yield();
             }

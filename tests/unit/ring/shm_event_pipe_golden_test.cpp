@@ -9,12 +9,12 @@
 
 namespace {
 
-constexpr std::uint32_t kFileSize = 40;
+constexpr uint32_t kFileSize = 40;
 
 // The bytes of the file after one of the steps.
 Bytes GoldenStep(std::ptrdiff_t step) {
     const Bytes all = GoldenBytes("ring_sequence.txt");
-    EXPECT_EQ(all.size(), 7 * kFileSize);
+    EXPECT_EQ(7 * kFileSize, all.size());
     const auto begin = all.begin() + step * kFileSize;
     return {begin, begin + kFileSize};
 }
@@ -30,27 +30,27 @@ TEST_F(ShmEventPipeGolden, EveryStepOfAFixedSequenceLeavesTheAgreedBytes) {
     ShmEventPipe reader(READER, m_path, kFileSize);
     ASSERT_TRUE(reader.Open(true));
     const IndependentRing raw(m_path);
-    EXPECT_EQ(raw.Bytes(), GoldenStep(0));
+    EXPECT_EQ(GoldenStep(0), raw.Bytes());
 
-    EXPECT_EQ(Write(writer, {'a', 'l', 'e', 'r', 't'}), PIPE_OK);
-    EXPECT_EQ(raw.Bytes(), GoldenStep(1));
+    EXPECT_EQ(PIPE_OK, Write(writer, {'a', 'l', 'e', 'r', 't'}));
+    EXPECT_EQ(GoldenStep(1), raw.Bytes());
 
     char head[] = "pack";
     char body[] = "et";
     const iovec pieces[] = {{head, 4}, {nullptr, 0}, {body, 2}};
-    EXPECT_EQ(writer.write(pieces, 3), PIPE_OK);
-    EXPECT_EQ(raw.Bytes(), GoldenStep(2));
+    EXPECT_EQ(PIPE_OK, writer.write(pieces, 3));
+    EXPECT_EQ(GoldenStep(2), raw.Bytes());
 
-    EXPECT_EQ(Read(reader).message, (Bytes{'a', 'l', 'e', 'r', 't'}));
-    EXPECT_EQ(raw.Bytes(), GoldenStep(3));
+    EXPECT_EQ((Bytes{'a', 'l', 'e', 'r', 't'}), Read(reader).message);
+    EXPECT_EQ(GoldenStep(3), raw.Bytes());
 
-    EXPECT_EQ(Write(writer, {'w', 'r', 'a', 'p', 'p', 'e', 'd'}), PIPE_OK);
-    EXPECT_EQ(raw.Bytes(), GoldenStep(4));
+    EXPECT_EQ(PIPE_OK, Write(writer, {'w', 'r', 'a', 'p', 'p', 'e', 'd'}));
+    EXPECT_EQ(GoldenStep(4), raw.Bytes());
 
-    EXPECT_EQ(Read(reader).result, PIPE_OK);
-    EXPECT_EQ(Read(reader).message, (Bytes{'w', 'r', 'a', 'p', 'p', 'e', 'd'}));
-    EXPECT_EQ(raw.Bytes(), GoldenStep(5));
+    EXPECT_EQ(PIPE_OK, Read(reader).result);
+    EXPECT_EQ((Bytes{'w', 'r', 'a', 'p', 'p', 'e', 'd'}), Read(reader).message);
+    EXPECT_EQ(GoldenStep(5), raw.Bytes());
 
     EXPECT_TRUE(reader.Reset());
-    EXPECT_EQ(raw.Bytes(), GoldenStep(6));
+    EXPECT_EQ(GoldenStep(6), raw.Bytes());
 }

@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr std::uint32_t kFileSize = 72;  // a ring of 64 bytes
-constexpr std::uint32_t kRing = kFileSize - 8;
+constexpr uint32_t kFileSize = 72;  // a ring of 64 bytes
+constexpr uint32_t kRing = kFileSize - 8;
 
 }  // namespace
 
@@ -37,37 +37,37 @@ TEST_F(ShmEventPipeReport, TellsWhyCreateCannotOpen) {
     pipe.m_iInfoLevel = 17;
     EXPECT_FALSE(pipe.Create());
     EXPECT_FALSE(pipe.m_bCreated);
-    EXPECT_EQ(s_reports,
-              (std::vector<RingReport>{{"ShmEventPipe", "Create", 17, Text("open", ENOENT)}}));
+    EXPECT_EQ((std::vector<RingReport>{{"ShmEventPipe", "Create", 17, Text("open", ENOENT)}}),
+              s_reports);
 }
 
 TEST_F(ShmEventPipeReport, TellsWhyCreateCannotSizeAndRemovesTheFile) {
-    ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+    ASSERT_EQ(0, mkfifo(m_path.c_str(), 0600));
     ShmEventPipe pipe(WRITER, m_path, kFileSize);
     pipe.m_pfnLog = Remember;
     EXPECT_FALSE(pipe.Create());
     EXPECT_FALSE(pipe.m_bCreated);
     EXPECT_FALSE(std::filesystem::exists(m_path));
-    EXPECT_EQ(s_reports,
-              (std::vector<RingReport>{{"ShmEventPipe", "Create", 0, Text("ftruncate", EINVAL)}}));
+    EXPECT_EQ((std::vector<RingReport>{{"ShmEventPipe", "Create", 0, Text("ftruncate", EINVAL)}}),
+              s_reports);
 }
 
 TEST_F(ShmEventPipeReport, TellsWhyOpenCannotOpen) {
     ShmEventPipe pipe(READER, m_path + "/no/such/place", kFileSize);
     pipe.m_pfnLog = Remember;
     EXPECT_FALSE(pipe.Open(true));
-    EXPECT_EQ(s_reports,
-              (std::vector<RingReport>{{"ShmEventPipe", "Open", 0, Text("open", ENOENT)}}));
+    EXPECT_EQ((std::vector<RingReport>{{"ShmEventPipe", "Open", 0, Text("open", ENOENT)}}),
+              s_reports);
 }
 
 TEST_F(ShmEventPipeReport, TellsWhyOpenCannotSizeAndLeavesTheFile) {
-    ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+    ASSERT_EQ(0, mkfifo(m_path.c_str(), 0600));
     ShmEventPipe pipe(READER, m_path, kFileSize);
     pipe.m_pfnLog = Remember;
     EXPECT_FALSE(pipe.Open(true));
     EXPECT_TRUE(std::filesystem::exists(m_path));
-    EXPECT_EQ(s_reports,
-              (std::vector<RingReport>{{"ShmEventPipe", "Open", 0, Text("ftruncate", EINVAL)}}));
+    EXPECT_EQ((std::vector<RingReport>{{"ShmEventPipe", "Open", 0, Text("ftruncate", EINVAL)}}),
+              s_reports);
 }
 
 TEST_F(ShmEventPipeReport, TellsWhyOpenCannotMap) {
@@ -75,8 +75,8 @@ TEST_F(ShmEventPipeReport, TellsWhyOpenCannotMap) {
     pipe.m_pfnLog = Remember;
     EXPECT_FALSE(pipe.Open(true));
     EXPECT_FALSE(pipe.m_bMapped);
-    EXPECT_EQ(s_reports,
-              (std::vector<RingReport>{{"ShmEventPipe", "Open", 0, Text("mmap", EINVAL)}}));
+    EXPECT_EQ((std::vector<RingReport>{{"ShmEventPipe", "Open", 0, Text("mmap", EINVAL)}}),
+              s_reports);
 }
 
 TEST_F(ShmEventPipeReport, TellsWhyCloseFailedAndStaysMapped) {
@@ -87,9 +87,9 @@ TEST_F(ShmEventPipeReport, TellsWhyCloseFailedAndStaysMapped) {
     pipe.m_pMap = static_cast<std::byte*>(map) + 4;
     EXPECT_FALSE(pipe.Close());
     EXPECT_TRUE(pipe.m_bMapped);
-    EXPECT_NE(pipe.m_iFd, -1);
-    EXPECT_EQ(s_reports,
-              (std::vector<RingReport>{{"ShmEventPipe", "Close", 0, Text("munmap", EINVAL)}}));
+    EXPECT_NE(-1, pipe.m_iFd);
+    EXPECT_EQ((std::vector<RingReport>{{"ShmEventPipe", "Close", 0, Text("munmap", EINVAL)}}),
+              s_reports);
     pipe.m_pMap = map;
     EXPECT_TRUE(pipe.Close());
 }
@@ -102,8 +102,8 @@ TEST_F(ShmEventPipeReport, TellsWhyResetFailed) {
     pipe.m_pMap = static_cast<std::byte*>(map) + 4;
     EXPECT_FALSE(pipe.Reset());
     pipe.m_pMap = map;
-    EXPECT_EQ(s_reports,
-              (std::vector<RingReport>{{"ShmEventPipe", "Reset", 0, Text("msync", EINVAL)}}));
+    EXPECT_EQ((std::vector<RingReport>{{"ShmEventPipe", "Reset", 0, Text("msync", EINVAL)}}),
+              s_reports);
 }
 
 TEST_F(ShmEventPipeReport, TellsWhyDestroyFailedAndMayTryAgain) {
@@ -113,8 +113,8 @@ TEST_F(ShmEventPipeReport, TellsWhyDestroyFailedAndMayTryAgain) {
     std::filesystem::remove(m_path);
     EXPECT_FALSE(pipe.Destroy());
     EXPECT_TRUE(pipe.m_bCreated);
-    EXPECT_EQ(s_reports,
-              (std::vector<RingReport>{{"ShmEventPipe", "Destroy", 0, Text("unlink", ENOENT)}}));
+    EXPECT_EQ((std::vector<RingReport>{{"ShmEventPipe", "Destroy", 0, Text("unlink", ENOENT)}}),
+              s_reports);
 }
 
 TEST_F(ShmEventPipeReport, TellsOfEveryRefusalOnTheDataPath) {
@@ -124,23 +124,23 @@ TEST_F(ShmEventPipeReport, TellsOfEveryRefusalOnTheDataPath) {
     reader.m_iErrorLevel = 5;
     reader.m_iInfoLevel = 7;
     ASSERT_TRUE(writer.Open(true) && reader.Open(true));
-    EXPECT_EQ(Read(writer).result, PIPE_ERROR);
-    EXPECT_EQ(Write(reader, Counting(1)), PIPE_ERROR);
-    EXPECT_EQ(Write(writer, Counting(kRing + 1)), PIPE_ERROR);
-    EXPECT_EQ(Write(writer, Counting(9)), PIPE_OK);
-    EXPECT_EQ(Read(reader, 5).result, PIPE_NO_DATA);
-    EXPECT_EQ(Write(writer, Counting(9)), PIPE_OK);
+    EXPECT_EQ(PIPE_ERROR, Read(writer).result);
+    EXPECT_EQ(PIPE_ERROR, Write(reader, Counting(1)));
+    EXPECT_EQ(PIPE_ERROR, Write(writer, Counting(kRing + 1)));
+    EXPECT_EQ(PIPE_OK, Write(writer, Counting(9)));
+    EXPECT_EQ(PIPE_NO_DATA, Read(reader, 5).result);
+    EXPECT_EQ(PIPE_OK, Write(writer, Counting(9)));
     IndependentRing(m_path).Poke(8 + 16, 4000000000U);
-    EXPECT_EQ(Read(reader).result, PIPE_ERROR);
-    EXPECT_EQ(s_reports,
-              (std::vector<RingReport>{
+    EXPECT_EQ(PIPE_ERROR, Read(reader).result);
+    EXPECT_EQ((std::vector<RingReport>{
                   {"ShmEventPipe", "read", 0, "Cannot read from WRITER pipe"},
                   {"ShmEventPipe", "write", 7, "Cannot write to READER pipe"},
                   {"ShmEventPipe", "write", 0, "Cannot write message larger than pipe size"},
                   {"ShmEventPipe", "read", 7, "output buffer too small: size = 5; msgSize = 9"},
                   {"ShmEventPipe", "read", 5,
                    "Invalid message size 4000000000 at offset 16. write index: 32"},
-              }));
+              }),
+              s_reports);
 }
 
 TEST_F(ShmEventPipeReport, SaysNothingOfAFullOrEmptyRing) {
@@ -148,7 +148,7 @@ TEST_F(ShmEventPipeReport, SaysNothingOfAFullOrEmptyRing) {
     ShmEventPipe reader(READER, m_path, kFileSize);
     writer.m_pfnLog = reader.m_pfnLog = Remember;
     ASSERT_TRUE(writer.Open(true) && reader.Open(true));
-    EXPECT_EQ(Read(reader).result, PIPE_NO_DATA);
-    EXPECT_EQ(Write(writer, Counting(kRing)), PIPE_FULL);
+    EXPECT_EQ(PIPE_NO_DATA, Read(reader).result);
+    EXPECT_EQ(PIPE_FULL, Write(writer, Counting(kRing)));
     EXPECT_TRUE(s_reports.empty());
 }

@@ -12,10 +12,10 @@
 
 namespace {
 
-constexpr std::uint32_t kFileSize = 72;  // a ring of 64 bytes
-constexpr std::uint32_t kRing = kFileSize - 8;
+constexpr uint32_t kFileSize = 72;  // a ring of 64 bytes
+constexpr uint32_t kRing = kFileSize - 8;
 
-std::int64_t DescriptorCount() {
+int64_t DescriptorCount() {
     const std::filesystem::directory_iterator descriptors("/proc/self/fd");
     return std::distance(begin(descriptors), end(descriptors));
 }
@@ -39,18 +39,18 @@ using ShmEventPipeLifecycle = RingTest;
 
 TEST_F(ShmEventPipeLifecycle, StartsWithTheStatedFields) {
     const ShmEventPipe pipe(WRITER, m_path, 70);
-    EXPECT_EQ(pipe.m_eRole, WRITER);
-    EXPECT_EQ(pipe.m_iFd, -1);
-    EXPECT_EQ(pipe.m_pMap, nullptr);
+    EXPECT_EQ(WRITER, pipe.m_eRole);
+    EXPECT_EQ(-1, pipe.m_iFd);
+    EXPECT_EQ(nullptr, pipe.m_pMap);
     EXPECT_EQ(pipe.m_strPath, m_path);
-    EXPECT_EQ(pipe.m_uSize, 72U);
+    EXPECT_EQ(72U, pipe.m_uSize);
     EXPECT_FALSE(pipe.m_bOpenOption);
     EXPECT_FALSE(pipe.m_bMapped);
     EXPECT_FALSE(pipe.m_bCreated);
-    EXPECT_EQ(pipe.m_iErrorLevel, 1);
-    EXPECT_EQ(pipe.m_iInfoLevel, 0);
-    EXPECT_EQ(pipe.m_pfnLog, nullptr);
-    EXPECT_STREQ(ShmEventPipe::m_szClass, "ShmEventPipe");
+    EXPECT_EQ(1, pipe.m_iErrorLevel);
+    EXPECT_EQ(0, pipe.m_iInfoLevel);
+    EXPECT_EQ(nullptr, pipe.m_pfnLog);
+    EXPECT_STREQ("ShmEventPipe", ShmEventPipe::m_szClass);
     EXPECT_FALSE(std::filesystem::exists(m_path));
 }
 
@@ -62,9 +62,9 @@ TEST_F(ShmEventPipeLifecycle, CreateMakesAnEmptyRingOfTheGivenSize) {
     EXPECT_TRUE(pipe.m_bCreated);
     EXPECT_FALSE(pipe.m_bMapped);
     struct stat status {};
-    ASSERT_EQ(stat(m_path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_size, kFileSize);
-    EXPECT_EQ(status.st_mode & 07777U, 0700U);
+    ASSERT_EQ(0, stat(m_path.c_str(), &status));
+    EXPECT_EQ(kFileSize, status.st_size);
+    EXPECT_EQ(0700U, status.st_mode & 07777U);
     EXPECT_EQ(IndependentRing(m_path).Bytes(), Bytes(kFileSize, 0));
 }
 
@@ -74,11 +74,11 @@ TEST_F(ShmEventPipeLifecycle, OpenMakesAMissingFileAndTakesTheHeaderOffTheSize) 
     EXPECT_TRUE(pipe.m_bMapped);
     EXPECT_FALSE(pipe.m_bCreated);
     EXPECT_FALSE(pipe.m_bOpenOption);
-    EXPECT_EQ(pipe.m_uSize, kRing);
+    EXPECT_EQ(kRing, pipe.m_uSize);
     EXPECT_EQ(static_cast<void*>(pipe.m_pHeader), pipe.m_pMap);
     EXPECT_EQ(pipe.m_pData, static_cast<std::byte*>(pipe.m_pMap) + 8);
     EXPECT_EQ(pipe.m_pDataEnd, pipe.m_pData + kRing);
-    EXPECT_EQ(std::filesystem::file_size(m_path), kFileSize);
+    EXPECT_EQ(kFileSize, std::filesystem::file_size(m_path));
 }
 
 TEST_F(ShmEventPipeLifecycle, OpenStoresTheInverseOfItsArgument) {
@@ -101,20 +101,20 @@ TEST_F(ShmEventPipeLifecycle, OpenResizesAnExistingFileAndKeepsItsMessages) {
     {
         ShmEventPipe longer(WRITER, m_path, 4096);
         ASSERT_TRUE(longer.Open(true));
-        ASSERT_EQ(Write(longer, Counting(10)), PIPE_OK);
+        ASSERT_EQ(PIPE_OK, Write(longer, Counting(10)));
     }
     ShmEventPipe reader(READER, m_path, kFileSize);
     ASSERT_TRUE(reader.Open(true));
-    EXPECT_EQ(std::filesystem::file_size(m_path), kFileSize);
-    EXPECT_EQ(Read(reader), (Outcome{PIPE_OK, READ_OK, Counting(10)}));
+    EXPECT_EQ(kFileSize, std::filesystem::file_size(m_path));
+    EXPECT_EQ((Outcome{PIPE_OK, READ_OK, Counting(10)}), Read(reader));
 }
 
 TEST_F(ShmEventPipeLifecycle, MessagesOutliveTheirWriterAndAReaderThatComesBack) {
     {
         ShmEventPipe writer(WRITER, m_path, kFileSize);
         ASSERT_TRUE(writer.Open(true));
-        ASSERT_EQ(Write(writer, Counting(5)), PIPE_OK);
-        ASSERT_EQ(Write(writer, Counting(6)), PIPE_OK);
+        ASSERT_EQ(PIPE_OK, Write(writer, Counting(5)));
+        ASSERT_EQ(PIPE_OK, Write(writer, Counting(6)));
     }
     {
         ShmEventPipe reader(READER, m_path, kFileSize);
@@ -123,12 +123,12 @@ TEST_F(ShmEventPipeLifecycle, MessagesOutliveTheirWriterAndAReaderThatComesBack)
     }
     ShmEventPipe writer(WRITER, m_path, kFileSize);
     ASSERT_TRUE(writer.Open(true));
-    ASSERT_EQ(Write(writer, Counting(7)), PIPE_OK);
+    ASSERT_EQ(PIPE_OK, Write(writer, Counting(7)));
     ShmEventPipe reader(READER, m_path, kFileSize);
     ASSERT_TRUE(reader.Open(true));
     EXPECT_EQ(Read(reader).message, Counting(6));
     EXPECT_EQ(Read(reader).message, Counting(7));
-    EXPECT_EQ(Read(reader).status, READ_EMPTY);
+    EXPECT_EQ(READ_EMPTY, Read(reader).status);
 }
 
 TEST_F(ShmEventPipeLifecycle, OpenRoundsAndWrapsOnlyItsOwnIndex) {
@@ -141,15 +141,15 @@ TEST_F(ShmEventPipeLifecycle, OpenRoundsAndWrapsOnlyItsOwnIndex) {
     {
         ShmEventPipe writer(WRITER, m_path, kFileSize);
         ASSERT_TRUE(writer.Open(true));
-        EXPECT_EQ(raw.Word(0), 61U);
-        EXPECT_EQ(raw.Word(4), 8U);
-        EXPECT_EQ(raw.Word(8 + 8), 0U);  // the terminator
+        EXPECT_EQ(61U, raw.Word(0));
+        EXPECT_EQ(8U, raw.Word(4));
+        EXPECT_EQ(0U, raw.Word(8 + 8));  // the terminator
     }
     ShmEventPipe reader(READER, m_path, kFileSize);
     ASSERT_TRUE(reader.Open(true));
-    EXPECT_EQ(raw.Word(0), 0U);
-    EXPECT_EQ(raw.Word(4), 8U);
-    EXPECT_EQ(raw.Word(8), 0x11111111U);  // a reader puts no terminator
+    EXPECT_EQ(0U, raw.Word(0));
+    EXPECT_EQ(8U, raw.Word(4));
+    EXPECT_EQ(0x11111111U, raw.Word(8));  // a reader puts no terminator
 }
 
 TEST_F(ShmEventPipeLifecycle, KeepsTakingTheHeaderOffAtEveryOpen) {
@@ -157,8 +157,8 @@ TEST_F(ShmEventPipeLifecycle, KeepsTakingTheHeaderOffAtEveryOpen) {
     ASSERT_TRUE(pipe.Open(true));
     ASSERT_TRUE(pipe.Close());
     ASSERT_TRUE(pipe.Open(true));
-    EXPECT_EQ(pipe.m_uSize, kFileSize - 16);
-    EXPECT_EQ(std::filesystem::file_size(m_path), kFileSize - 8);
+    EXPECT_EQ(kFileSize - 16, pipe.m_uSize);
+    EXPECT_EQ(kFileSize - 8, std::filesystem::file_size(m_path));
 }
 
 TEST_F(ShmEventPipeLifecycle, CloseReleasesTheWholeMappingAndTheDescriptor) {
@@ -179,7 +179,7 @@ TEST_F(ShmEventPipeLifecycle, LeavesNothingOpenBehindAFailedOpen) {
     {
         ShmEventPipe pipe(WRITER, m_path, 0);
         EXPECT_FALSE(pipe.Open(true));
-        EXPECT_NE(pipe.m_iFd, -1);
+        EXPECT_NE(-1, pipe.m_iFd);
         EXPECT_FALSE(pipe.Open(true));
     }
     EXPECT_EQ(DescriptorCount(), descriptors);
@@ -195,14 +195,14 @@ TEST_F(ShmEventPipeLifecycle, OpenOfAMappedObjectReleasesTheFormerMapping) {
 }
 
 TEST_F(ShmEventPipeLifecycle, RefusesAFileWithNoPlaceForARing) {
-    for (const std::uint32_t size : {0U, 4U, 8U}) {
+    for (const uint32_t size : {0U, 4U, 8U}) {
         ShmEventPipe pipe(WRITER, m_path, size);
         EXPECT_FALSE(pipe.Open(true)) << size;
     }
     ShmEventPipe smallest(WRITER, m_path, 12);
     EXPECT_TRUE(smallest.Open(true));
-    EXPECT_EQ(Write(smallest, Counting(4)), PIPE_FULL);
-    EXPECT_EQ(Write(smallest, Counting(5)), PIPE_ERROR);
+    EXPECT_EQ(PIPE_FULL, Write(smallest, Counting(4)));
+    EXPECT_EQ(PIPE_ERROR, Write(smallest, Counting(5)));
 }
 
 TEST_F(ShmEventPipeLifecycle, DestroyRemovesAFileThatCreateMade) {
@@ -223,8 +223,8 @@ TEST_F(ShmEventPipeLifecycle, DestroyAfterOpenAloneReturnsTrueAndLeavesTheFile) 
 TEST_F(ShmEventPipeLifecycle, DoesNothingOnTheRingWhileItIsNotMapped) {
     ShmEventPipe writer(WRITER, m_path, kFileSize);
     ShmEventPipe reader(READER, m_path, kFileSize);
-    EXPECT_EQ(Write(writer, Counting(4)), PIPE_ERROR);
-    EXPECT_EQ(Read(reader), (Outcome{PIPE_ERROR, READ_EMPTY, {}}));
+    EXPECT_EQ(PIPE_ERROR, Write(writer, Counting(4)));
+    EXPECT_EQ((Outcome{PIPE_ERROR, READ_EMPTY, {}}), Read(reader));
     EXPECT_FALSE(writer.Reset());
 }
 
@@ -248,9 +248,9 @@ TEST_F(ShmEventPipeReset, EmptiesTheRingInEitherRole) {
         ShmEventPipe pipe(role, m_path, kFileSize);
         ASSERT_TRUE(pipe.Open(true));
         EXPECT_TRUE(pipe.Reset());
-        EXPECT_EQ(raw.Word(0), 0U);
-        EXPECT_EQ(raw.Word(4), 0U);
-        EXPECT_EQ(raw.Word(8), 0U);
-        EXPECT_EQ(raw.Word(12), 0x22222222U);
+        EXPECT_EQ(0U, raw.Word(0));
+        EXPECT_EQ(0U, raw.Word(4));
+        EXPECT_EQ(0U, raw.Word(8));
+        EXPECT_EQ(0x22222222U, raw.Word(12));
     }
 }

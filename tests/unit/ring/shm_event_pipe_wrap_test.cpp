@@ -12,41 +12,41 @@
 
 namespace {
 
-constexpr std::uint32_t kPage = 4096;
+constexpr uint32_t kPage = 4096;
 constexpr unsigned char kOutside = 0xA5;
 
 // The file as the format tells it, byte by byte and by remainders only.
 struct RingModel {
-    explicit RingModel(std::uint32_t ring) : file(8 + ring, 0xEE) {}
+    explicit RingModel(uint32_t ring) : file(8 + ring, 0xEE) {}
 
-    std::uint32_t Ring() const { return static_cast<std::uint32_t>(file.size()) - 8; }
+    uint32_t Ring() const { return static_cast<uint32_t>(file.size()) - 8; }
 
-    void PutWord(std::uint32_t at, std::uint32_t value) {
+    void PutWord(uint32_t at, uint32_t value) {
         for (unsigned i = 0; i < 4; ++i) {
             file[at + i] = static_cast<unsigned char>(value >> (8 * i));
         }
     }
-    std::uint32_t Word(std::uint32_t at) const {
-        std::uint32_t value = 0;
+    uint32_t Word(uint32_t at) const {
+        uint32_t value = 0;
         std::memcpy(&value, &file[at], sizeof value);
         return value;
     }
 
-    static std::uint32_t Padded(std::uint32_t length) { return (length + 3) / 4 * 4; }
+    static uint32_t Padded(uint32_t length) { return (length + 3) / 4 * 4; }
 
     ShmPipeResult Write(const Bytes& message) {
-        const auto length = static_cast<std::uint32_t>(message.size());
+        const auto length = static_cast<uint32_t>(message.size());
         if (length > Ring()) {
             return PIPE_ERROR;
         }
-        const std::uint32_t read = Word(0);
-        std::uint32_t at = Word(4);
-        const std::uint32_t used = (Ring() + at - read) % Ring();
+        const uint32_t read = Word(0);
+        uint32_t at = Word(4);
+        const uint32_t used = (Ring() + at - read) % Ring();
         if (Ring() - used <= 4 + Padded(length)) {
             return PIPE_FULL;
         }
         PutWord(8 + at, length);
-        for (std::uint32_t i = 0; i < Padded(length); ++i) {
+        for (uint32_t i = 0; i < Padded(length); ++i) {
             file[8 + (at + 4 + i) % Ring()] = i < length ? message[i] : 0;
         }
         at = (at + 4 + Padded(length)) % Ring();
@@ -63,7 +63,7 @@ class ShmEventPipeWrap : public RingTest {
     // Runs `visit` with a ring of every size, mapped for both roles.
     template <typename Visit>
     void ForEveryRing(Visit visit) {
-        for (std::uint32_t ring = 16; ring <= 64; ring += 4) {
+        for (uint32_t ring = 16; ring <= 64; ring += 4) {
             ShmEventPipe writer(WRITER, m_path, ring + 8);
             ShmEventPipe reader(READER, m_path, ring + 8);
             ASSERT_TRUE(writer.Open(true) && reader.Open(true));
@@ -77,7 +77,7 @@ class ShmEventPipeWrap : public RingTest {
         std::memcpy(pipe.m_pMap, model.file.data(), model.file.size());
     }
 
-    static RingModel At(std::uint32_t ring, std::uint32_t read, std::uint32_t write) {
+    static RingModel At(uint32_t ring, uint32_t read, uint32_t write) {
         RingModel model(ring);
         model.PutWord(0, read);
         model.PutWord(4, write);
@@ -100,15 +100,15 @@ bool OutsideIsUntouched(const ShmEventPipe& pipe) {
 }  // namespace
 
 TEST_F(ShmEventPipeWrap, SingleFormMatchesTheModelFromEveryPairOfIndexes) {
-    ForEveryRing([](ShmEventPipe& writer, ShmEventPipe&, IndependentRing& raw, std::uint32_t ring) {
-        for (std::uint32_t read = 0; read < ring; read += 4) {
-            for (std::uint32_t write = 0; write < ring; write += 4) {
-                for (std::uint32_t length = 0; length <= ring + 1; ++length) {
+    ForEveryRing([](ShmEventPipe& writer, ShmEventPipe&, IndependentRing& raw, uint32_t ring) {
+        for (uint32_t read = 0; read < ring; read += 4) {
+            for (uint32_t write = 0; write < ring; write += 4) {
+                for (uint32_t length = 0; length <= ring + 1; ++length) {
                     RingModel model = At(ring, read, write);
                     Lay(writer, model);
                     const Bytes message = Counting(length);
                     const ShmPipeResult expected = model.Write(message);
-                    ASSERT_EQ(Write(writer, message), expected)
+                    ASSERT_EQ(expected, Write(writer, message))
                         << ring << ' ' << read << ' ' << write << ' ' << length;
                     ASSERT_EQ(raw.Bytes(), model.file)
                         << ring << ' ' << read << ' ' << write << ' ' << length;
@@ -119,20 +119,20 @@ TEST_F(ShmEventPipeWrap, SingleFormMatchesTheModelFromEveryPairOfIndexes) {
 }
 
 TEST_F(ShmEventPipeWrap, GatherFormMatchesTheModelForEveryCutOfEveryMessage) {
-    ForEveryRing([](ShmEventPipe& writer, ShmEventPipe&, IndependentRing& raw, std::uint32_t ring) {
-        for (std::uint32_t start = 0; start < ring; start += 4) {
-            for (std::uint32_t length = 0; length <= ring + 1; ++length) {
+    ForEveryRing([](ShmEventPipe& writer, ShmEventPipe&, IndependentRing& raw, uint32_t ring) {
+        for (uint32_t start = 0; start < ring; start += 4) {
+            for (uint32_t length = 0; length <= ring + 1; ++length) {
                 Bytes message = Counting(length);
-                for (std::uint32_t cut = 0; cut <= length; ++cut) {
+                for (uint32_t cut = 0; cut <= length; ++cut) {
                     RingModel model = At(ring, start, start);
                     Lay(writer, model);
-                    const std::uint32_t second = (length - cut) / 2;
+                    const uint32_t second = (length - cut) / 2;
                     const iovec pieces[] = {{message.data(), cut},
                                             {nullptr, 0},
                                             {message.data() + cut, second},
                                             {message.data() + cut + second, length - cut - second}};
                     const ShmPipeResult expected = model.Write(message);
-                    ASSERT_EQ(writer.write(pieces, 4), expected)
+                    ASSERT_EQ(expected, writer.write(pieces, 4))
                         << ring << ' ' << start << ' ' << length << ' ' << cut;
                     ASSERT_EQ(raw.Bytes(), model.file)
                         << ring << ' ' << start << ' ' << length << ' ' << cut;
@@ -143,32 +143,32 @@ TEST_F(ShmEventPipeWrap, GatherFormMatchesTheModelForEveryCutOfEveryMessage) {
 }
 
 TEST_F(ShmEventPipeWrap, ReadDeliversEveryMessageFromEveryOffset) {
-    ForEveryRing([](ShmEventPipe&, ShmEventPipe& reader, IndependentRing& raw, std::uint32_t ring) {
-        for (std::uint32_t start = 0; start < ring; start += 4) {
-            for (std::uint32_t length = 1; length <= ring - 8; ++length) {
+    ForEveryRing([](ShmEventPipe&, ShmEventPipe& reader, IndependentRing& raw, uint32_t ring) {
+        for (uint32_t start = 0; start < ring; start += 4) {
+            for (uint32_t length = 1; length <= ring - 8; ++length) {
                 RingModel model = At(ring, start, start);
                 const Bytes message = Counting(length);
-                ASSERT_EQ(model.Write(message), PIPE_OK);
+                ASSERT_EQ(PIPE_OK, model.Write(message));
                 Lay(reader, model);
-                ASSERT_EQ(Read(reader), (Outcome{PIPE_OK, READ_OK, message}))
+                ASSERT_EQ((Outcome{PIPE_OK, READ_OK, message}), Read(reader))
                     << ring << ' ' << start << ' ' << length;
                 model.PutWord(8 + start, 0);
                 model.PutWord(0, model.Word(4));
                 ASSERT_EQ(raw.Bytes(), model.file) << ring << ' ' << start << ' ' << length;
-                ASSERT_EQ(Read(reader).status, READ_EMPTY);
+                ASSERT_EQ(READ_EMPTY, Read(reader).status);
             }
         }
     });
 }
 
 TEST_F(ShmEventPipeWrap, TooSmallABufferPassesOverTheMessageFromEveryOffset) {
-    ForEveryRing([](ShmEventPipe&, ShmEventPipe& reader, IndependentRing& raw, std::uint32_t ring) {
-        for (std::uint32_t start = 0; start < ring; start += 4) {
-            for (std::uint32_t length = 1; length <= ring - 8; ++length) {
+    ForEveryRing([](ShmEventPipe&, ShmEventPipe& reader, IndependentRing& raw, uint32_t ring) {
+        for (uint32_t start = 0; start < ring; start += 4) {
+            for (uint32_t length = 1; length <= ring - 8; ++length) {
                 RingModel model = At(ring, start, start);
-                ASSERT_EQ(model.Write(Counting(length)), PIPE_OK);
+                ASSERT_EQ(PIPE_OK, model.Write(Counting(length)));
                 Lay(reader, model);
-                ASSERT_EQ(Read(reader, length - 1).status, READ_BUFFER_TOO_SMALL);
+                ASSERT_EQ(READ_BUFFER_TOO_SMALL, Read(reader, length - 1).status);
                 ASSERT_EQ(raw.Word(0), model.Word(4)) << ring << ' ' << start << ' ' << length;
             }
         }
@@ -176,18 +176,18 @@ TEST_F(ShmEventPipeWrap, TooSmallABufferPassesOverTheMessageFromEveryOffset) {
 }
 
 TEST_F(ShmEventPipeWrap, ReadWithAnyLengthWordStaysInTheRing) {
-    ForEveryRing([](ShmEventPipe&, ShmEventPipe& reader, IndependentRing&, std::uint32_t ring) {
+    ForEveryRing([](ShmEventPipe&, ShmEventPipe& reader, IndependentRing&, uint32_t ring) {
         MarkOutside(reader);
-        for (std::uint32_t start = 0; start < ring; start += 4) {
-            for (std::uint32_t length = 1; length <= ring; ++length) {
+        for (uint32_t start = 0; start < ring; start += 4) {
+            for (uint32_t length = 1; length <= ring; ++length) {
                 RingModel model = At(ring, start, (start + 4) % ring);
                 model.PutWord(8 + start, length);
                 Lay(reader, model);
                 Bytes expected(length);
-                for (std::uint32_t i = 0; i < length; ++i) {
+                for (uint32_t i = 0; i < length; ++i) {
                     expected[i] = model.file[8 + (start + 4 + i) % ring];
                 }
-                ASSERT_EQ(Read(reader), (Outcome{PIPE_OK, READ_OK, expected}))
+                ASSERT_EQ((Outcome{PIPE_OK, READ_OK, expected}), Read(reader))
                     << ring << ' ' << start << ' ' << length;
             }
         }
@@ -198,29 +198,29 @@ TEST_F(ShmEventPipeWrap, ReadWithAnyLengthWordStaysInTheRing) {
 TEST_F(ShmEventPipeWrap, AnIndexThatIsNoneIsRoundedUpAndWrapped) {
     const Bytes message = Counting(5);
     ForEveryRing([&](ShmEventPipe& writer, ShmEventPipe& reader, IndependentRing& raw,
-                     std::uint32_t ring) {
-        for (const std::uint32_t poked : {1U, ring - 1, ring, ring + 6, 0x80000001U, 0xFFFFFFFFU}) {
-            const std::uint32_t meant = ((poked + 3) & ~3U) % ring;
+                     uint32_t ring) {
+        for (const uint32_t poked : {1U, ring - 1, ring, ring + 6, 0x80000001U, 0xFFFFFFFFU}) {
+            const uint32_t meant = ((poked + 3) & ~3U) % ring;
             RingModel model = At(ring, meant, meant);
-            ASSERT_EQ(model.Write(message), PIPE_OK);
+            ASSERT_EQ(PIPE_OK, model.Write(message));
 
             Lay(writer, At(ring, meant, meant));
             raw.Poke(4, poked);
-            ASSERT_EQ(Write(writer, message), PIPE_OK) << ring << ' ' << poked;
+            ASSERT_EQ(PIPE_OK, Write(writer, message)) << ring << ' ' << poked;
             ASSERT_EQ(raw.Bytes(), model.file) << ring << ' ' << poked;
 
             raw.Poke(0, poked);
-            ASSERT_EQ(Read(reader), (Outcome{PIPE_OK, READ_OK, message})) << ring << ' ' << poked;
+            ASSERT_EQ((Outcome{PIPE_OK, READ_OK, message}), Read(reader)) << ring << ' ' << poked;
             ASSERT_EQ(raw.Word(0), raw.Word(4));
         }
     });
 }
 
 TEST_F(ShmEventPipeWrap, AnyReadIndexOnlyDecidesWhetherThereIsRoom) {
-    ForEveryRing([](ShmEventPipe& writer, ShmEventPipe&, IndependentRing& raw, std::uint32_t ring) {
-        for (const std::uint32_t read : {1U, 7U, ring, ring + 4, ring * 3 + 1, 0xFFFFFFFCU}) {
-            for (std::uint32_t write = 0; write < ring; write += 4) {
-                for (std::uint32_t length = 0; length <= ring; ++length) {
+    ForEveryRing([](ShmEventPipe& writer, ShmEventPipe&, IndependentRing& raw, uint32_t ring) {
+        for (const uint32_t read : {1U, 7U, ring, ring + 4, ring * 3 + 1, 0xFFFFFFFCU}) {
+            for (uint32_t write = 0; write < ring; write += 4) {
+                for (uint32_t length = 0; length <= ring; ++length) {
                     RingModel model = At(ring, read, write);
                     Lay(writer, model);
                     const Bytes message = Counting(length);
@@ -233,20 +233,20 @@ TEST_F(ShmEventPipeWrap, AnyReadIndexOnlyDecidesWhetherThereIsRoom) {
 }
 
 TEST_F(ShmEventPipeWrap, ABadLengthWordUnderABadWriteIndexLeavesASoundReadIndex) {
-    ForEveryRing([](ShmEventPipe&, ShmEventPipe& reader, IndependentRing& raw, std::uint32_t ring) {
+    ForEveryRing([](ShmEventPipe&, ShmEventPipe& reader, IndependentRing& raw, uint32_t ring) {
         Lay(reader, At(ring, 0, 4));
         raw.Poke(4, ring + 9);
         raw.Poke(8, 0xFFFFFFFFU);
-        ASSERT_EQ(Read(reader).status, READ_BAD_SIZE);
-        ASSERT_EQ(raw.Word(0), 12U % ring);
-        ASSERT_EQ(Read(reader).status, READ_EMPTY);
+        ASSERT_EQ(READ_BAD_SIZE, Read(reader).status);
+        ASSERT_EQ(12U % ring, raw.Word(0));
+        ASSERT_EQ(READ_EMPTY, Read(reader).status);
     });
 }
 
 TEST_F(ShmEventPipeWrap, StaysInsideWhateverThePeerWrites) {
     std::mt19937 generator(20240517);
-    const auto random = [&] { return static_cast<std::uint32_t>(generator()); };
-    const auto word = [&](std::uint32_t ring) -> std::uint32_t {
+    const auto random = [&] { return static_cast<uint32_t>(generator()); };
+    const auto word = [&](uint32_t ring) -> uint32_t {
         switch (random() % 4) {
             case 0:
                 return random() % ring / 4 * 4;
@@ -259,7 +259,7 @@ TEST_F(ShmEventPipeWrap, StaysInsideWhateverThePeerWrites) {
         }
     };
     ForEveryRing(
-        [&](ShmEventPipe& writer, ShmEventPipe& reader, IndependentRing& raw, std::uint32_t ring) {
+        [&](ShmEventPipe& writer, ShmEventPipe& reader, IndependentRing& raw, uint32_t ring) {
             MarkOutside(writer);
             for (int round = 0; round < 20000; ++round) {
                 raw.Poke(random() % (ring + 8) / 4 * 4, word(ring));

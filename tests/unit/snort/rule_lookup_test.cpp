@@ -46,73 +46,73 @@ TEST_F(LookupRuleByLineTest, FindsTheRuleOnItsLineCountedFromOne) {
         "alert tcp any any -> any any (msg:\"One\"; sid:1000001; rev:1;)\n"
         "alert tcp any any -> any any (msg: \"Two words\" ; sid: 1000002 ; rev:1;)\n";
     const Rule second = Lookup(rules, 2);
-    EXPECT_EQ(second.result, kRuleFound);
-    EXPECT_EQ(second.sid, "1000001");
-    EXPECT_EQ(second.msg, "One");
+    EXPECT_EQ(kRuleFound, second.result);
+    EXPECT_EQ("1000001", second.sid);
+    EXPECT_EQ("One", second.msg);
     const Rule third = Lookup(rules, 3);
-    EXPECT_EQ(third.sid, "1000002");
-    EXPECT_EQ(third.msg, "Two words");
+    EXPECT_EQ("1000002", third.sid);
+    EXPECT_EQ("Two words", third.msg);
 }
 
 TEST_F(LookupRuleByLineTest, TakesTheNamesInCapitalsOnlyWhereTheSmallOnesAreMissing) {
     const Rule capital = Lookup("(MSG:\"m\"; SID:5;)\n", 1);
-    EXPECT_EQ(capital.sid, "5");
-    EXPECT_EQ(capital.msg, "m");
-    EXPECT_EQ(Lookup("(MSG:\"m\"; SID:5; sid:6;)\n", 1).sid, "6");
-    EXPECT_EQ(Lookup("(msg:\"m\"; Sid:5;)\n", 1).result, kRuleHasNoSid);
+    EXPECT_EQ("5", capital.sid);
+    EXPECT_EQ("m", capital.msg);
+    EXPECT_EQ("6", Lookup("(MSG:\"m\"; SID:5; sid:6;)\n", 1).sid);
+    EXPECT_EQ(kRuleHasNoSid, Lookup("(msg:\"m\"; Sid:5;)\n", 1).result);
 }
 
 TEST_F(LookupRuleByLineTest, TellsALineWithoutASid) {
     const Rule rule = Lookup("(msg:\"m\";)\n", 1);
-    EXPECT_EQ(rule.result, kRuleHasNoSid);
-    EXPECT_EQ(rule.sid, kUntouched);
-    EXPECT_EQ(rule.msg, kUntouched);
+    EXPECT_EQ(kRuleHasNoSid, rule.result);
+    EXPECT_EQ(kUntouched, rule.sid);
+    EXPECT_EQ(kUntouched, rule.msg);
 }
 
 TEST_F(LookupRuleByLineTest, TellsALineWithoutAMessageAndYieldsTheSid) {
     const Rule rule = Lookup("(sid:5;)\n", 1);
-    EXPECT_EQ(rule.result, kRuleHasNoMessage);
-    EXPECT_EQ(rule.sid, "5");
-    EXPECT_EQ(rule.msg, kUntouched);
+    EXPECT_EQ(kRuleHasNoMessage, rule.result);
+    EXPECT_EQ("5", rule.sid);
+    EXPECT_EQ(kUntouched, rule.msg);
 }
 
 TEST_F(LookupRuleByLineTest, FindsNothingOnLineZeroOrBelow) {
     for (const long line : {0L, -1L, -2147483648L}) {
-        EXPECT_EQ(Lookup("(msg:\"m\"; sid:5;)\n", line).result, kRuleHasNoSid) << line;
+        EXPECT_EQ(kRuleHasNoSid, Lookup("(msg:\"m\"; sid:5;)\n", line).result) << line;
     }
 }
 
 TEST_F(LookupRuleByLineTest, FindsNothingBehindTheEndOfTheFile) {
     for (const char* const rules : {"(msg:\"m\"; sid:5;)\n", "(msg:\"m\"; sid:5;)", ""}) {
-        EXPECT_EQ(Lookup(rules, 2).result, kRuleHasNoSid) << rules;
-        EXPECT_EQ(Lookup(rules, 2147483647).result, kRuleHasNoSid) << rules;
+        EXPECT_EQ(kRuleHasNoSid, Lookup(rules, 2).result) << rules;
+        EXPECT_EQ(kRuleHasNoSid, Lookup(rules, 2147483647).result) << rules;
     }
 }
 
 TEST_F(LookupRuleByLineTest, FindsALastLineWithoutItsNewline) {
-    EXPECT_EQ(Lookup("\n(msg:\"m\"; sid:5;)", 2).result, kRuleFound);
+    EXPECT_EQ(kRuleFound, Lookup("\n(msg:\"m\"; sid:5;)", 2).result);
 }
 
 TEST_F(LookupRuleByLineTest, GoesToTheEndOfTheLineWithoutASemicolon) {
     const Rule rule = Lookup("msg:\"to the end\" sid:77", 1);
-    EXPECT_EQ(rule.sid, "77");
-    EXPECT_EQ(rule.msg, "to the end\" sid:77");
+    EXPECT_EQ("77", rule.sid);
+    EXPECT_EQ("to the end\" sid:77", rule.msg);
 }
 
 TEST_F(LookupRuleByLineTest, StripsBlanksThenQuotesAndNothingBetweenThem) {
-    EXPECT_EQ(Lookup("sid:1; msg:  \"\" in quotes \"\"  ;", 1).msg, " in quotes ");
-    EXPECT_EQ(Lookup("sid:\t1\t; msg:m;", 1).sid, "\t1\t");
+    EXPECT_EQ(" in quotes ", Lookup("sid:1; msg:  \"\" in quotes \"\"  ;", 1).msg);
+    EXPECT_EQ("\t1\t", Lookup("sid:\t1\t; msg:m;", 1).sid);
 }
 
 TEST_F(LookupRuleByLineTest, KeepsTakingASidWithinTheMessageForTheOption) {
-    EXPECT_EQ(Lookup("(msg:\"about sid: 9 and more\"; sid:5;)\n", 1).sid, "9 and more\"");
+    EXPECT_EQ("9 and more\"", Lookup("(msg:\"about sid: 9 and more\"; sid:5;)\n", 1).sid);
 }
 
 TEST_F(LookupRuleByLineTest, CutsToTheBuffersAndClearsThem) {
     const Rule rule = Lookup("sid:123456789; msg:abcdefghi;", 1, 4, 3);
-    EXPECT_EQ(rule.result, kRuleFound);
-    EXPECT_EQ(rule.sid, "123");
-    EXPECT_EQ(rule.msg, "ab");
+    EXPECT_EQ(kRuleFound, rule.result);
+    EXPECT_EQ("123", rule.sid);
+    EXPECT_EQ("ab", rule.msg);
     const std::string longText(1000, 'x');
     const Rule cut = Lookup("sid:" + longText + "; msg:" + longText, 1);
     EXPECT_EQ(cut.sid, longText.substr(0, 63));
@@ -128,16 +128,16 @@ TEST_F(LookupRuleByLineTest, KeepsThrowingWhenNothingIsLeftOfASidOrMessage) {
 }
 
 TEST_F(LookupRuleByLineTest, TellsAPathThatIsNotNamedFromAFileThatIsMissing) {
-    EXPECT_EQ(LookupIn(nullptr, 1).result, kRuleFileNotNamed);
-    EXPECT_EQ(LookupIn("", 1).result, kRuleFileNotNamed);
-    EXPECT_EQ(LookupIn(m_dir.File("none").c_str(), 1).result, kRuleFileMissing);
+    EXPECT_EQ(kRuleFileNotNamed, LookupIn(nullptr, 1).result);
+    EXPECT_EQ(kRuleFileNotNamed, LookupIn("", 1).result);
+    EXPECT_EQ(kRuleFileMissing, LookupIn(m_dir.File("none").c_str(), 1).result);
 }
 
 // A user who may read everything opens the file all the same, so that the case runs as another.
 TEST_F(LookupRuleByLineTest, KeepsAFileThatCannotBeOpenedForFoundWithNothingStored) {
     const std::string path = m_dir.Write("snort.rules", "sid:5; msg:m;");
-    ASSERT_EQ(chmod(m_dir.Path().c_str(), 0755), 0);
-    ASSERT_EQ(chmod(path.c_str(), 0), 0);
+    ASSERT_EQ(0, chmod(m_dir.Path().c_str(), 0755));
+    ASSERT_EQ(0, chmod(path.c_str(), 0));
     EXPECT_EXIT(
         {
             constexpr uid_t kNobody = 65534;
@@ -152,8 +152,8 @@ TEST_F(LookupRuleByLineTest, KeepsAFileThatCannotBeOpenedForFoundWithNothingStor
 }
 
 TEST_F(LookupRuleByLineTest, ReadsTheFileAfresh) {
-    EXPECT_EQ(Lookup("sid:1; msg:m;", 1).sid, "1");
-    EXPECT_EQ(Lookup("sid:2; msg:m;", 1).sid, "2");
+    EXPECT_EQ("1", Lookup("sid:1; msg:m;", 1).sid);
+    EXPECT_EQ("2", Lookup("sid:2; msg:m;", 1).sid);
 }
 
 }  // namespace

@@ -101,8 +101,8 @@ TEST_P(SensorSamples, EveryRecordFindsItsPlace) {
     EXPECT_EQ(log.Count("Unsupported event type: "), count(7));
     EXPECT_EQ(log.Count("Unsupported ExtraData type"), sample.unsupportedExtraData);
     EXPECT_EQ(log.Count("Failed to associate alert event"), sample.failedAssociations);
-    EXPECT_EQ(log.Count("Packet length doesn't match"), 0);
-    EXPECT_EQ(log.Count("Partial event read"), 0);
+    EXPECT_EQ(0, log.Count("Packet length doesn't match"));
+    EXPECT_EQ(0, log.Count("Partial event read"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -130,16 +130,16 @@ TEST_F(SensorSamples, FirstAlertShowsWhatTheSensorSaw) {
     const auto alert = std::find(lines.begin(), lines.end(),
                                  "Type: Event 1 -------------------------------------------");
     ASSERT_GT(lines.end() - alert, 21);
-    EXPECT_EQ(alert[3], "  event_second       = 1763700000");
-    EXPECT_EQ(alert[4], "  event_microsecond  = 40000");
-    EXPECT_EQ(alert[6], "  signature_id       = 1000001");
-    EXPECT_EQ(alert[10], "  ip_source          = 203.0.113.83");
-    EXPECT_EQ(alert[11], "  sport_itype        = 43683");
-    EXPECT_EQ(alert[12], "  ip_destination     = 192.0.2.243");
-    EXPECT_EQ(alert[13], "  dport_icode        = 80");
-    EXPECT_EQ(alert[20], "Type: Packet 1 -------------------------------------------");
-    EXPECT_EQ(log.Count("Type: Packet "), 302);
-    EXPECT_EQ(log.Count("Type: Extra Data "), 124);
+    EXPECT_EQ("  event_second       = 1763700000", alert[3]);
+    EXPECT_EQ("  event_microsecond  = 40000", alert[4]);
+    EXPECT_EQ("  signature_id       = 1000001", alert[6]);
+    EXPECT_EQ("  ip_source          = 203.0.113.83", alert[10]);
+    EXPECT_EQ("  sport_itype        = 43683", alert[11]);
+    EXPECT_EQ("  ip_destination     = 192.0.2.243", alert[12]);
+    EXPECT_EQ("  dport_icode        = 80", alert[13]);
+    EXPECT_EQ("Type: Packet 1 -------------------------------------------", alert[20]);
+    EXPECT_EQ(302, log.Count("Type: Packet "));
+    EXPECT_EQ(124, log.Count("Type: Extra Data "));
     EXPECT_GE(log.Count("  Data                = www0.example.com"), 1);
 }
 
@@ -160,7 +160,7 @@ TEST_F(SensorSamples, WorkedExampleOfTheFormatPageReadsAsThePageSays) {
           "  policy id          = 1", "  Data                = /wp-login.php",
           "  Data                = www3.example.com", "  packet_length       = 131",
           "    0: FF 02 01 0A 0B 0C FF 01 02 0A 0B 0C 08 00 45 00  ..............E."}) {
-        EXPECT_EQ(log.Count(line), 1) << line;
+        EXPECT_EQ(1, log.Count(line)) << line;
     }
 }
 

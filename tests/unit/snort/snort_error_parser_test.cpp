@@ -31,51 +31,51 @@ const std::string kConfiguration = "ERROR: /etc/snort/qor-snort.conf";
 
 TEST(ParseSnortErrorInRules, YieldsTheLineNumberAndTheReasonWithItsNewline) {
     const Parsed parsed = Parse(kRules + "(12) unknown option\n");
-    EXPECT_EQ(parsed.result, 0);
-    EXPECT_EQ(parsed.kind, 2);
-    EXPECT_EQ(parsed.lineNumber, 12);
-    EXPECT_EQ(parsed.reason, "unknown option\n");
+    EXPECT_EQ(0, parsed.result);
+    EXPECT_EQ(2, parsed.kind);
+    EXPECT_EQ(12, parsed.lineNumber);
+    EXPECT_EQ("unknown option\n", parsed.reason);
 }
 
 TEST(ParseSnortErrorInRules, NeedsNoParentheses) {
     for (const char* const rest : {"", "\n", ": no number\n", "("}) {
         const Parsed parsed = Parse(kRules + rest);
-        EXPECT_EQ(parsed.kind, 2) << rest;
-        EXPECT_EQ(parsed.lineNumber, 0) << rest;
-        EXPECT_EQ(parsed.reason, "") << rest;
+        EXPECT_EQ(2, parsed.kind) << rest;
+        EXPECT_EQ(0, parsed.lineNumber) << rest;
+        EXPECT_EQ("", parsed.reason) << rest;
     }
 }
 
 TEST(ParseSnortErrorInRules, ReadsTheNumberInBaseTenAsFarAsItGoes) {
-    EXPECT_EQ(Parse(kRules + "(0x1F) a\n").lineNumber, 0);
-    EXPECT_EQ(Parse(kRules + "(010) a\n").lineNumber, 10);
-    EXPECT_EQ(Parse(kRules + "(7th) a\n").lineNumber, 7);
-    EXPECT_EQ(Parse(kRules + "(-3) a\n").lineNumber, -3);
-    EXPECT_EQ(Parse(kRules + "(x) a\n").lineNumber, 0);
+    EXPECT_EQ(0, Parse(kRules + "(0x1F) a\n").lineNumber);
+    EXPECT_EQ(10, Parse(kRules + "(010) a\n").lineNumber);
+    EXPECT_EQ(7, Parse(kRules + "(7th) a\n").lineNumber);
+    EXPECT_EQ(-3, Parse(kRules + "(-3) a\n").lineNumber);
+    EXPECT_EQ(0, Parse(kRules + "(x) a\n").lineNumber);
 }
 
 TEST(ParseSnortErrorInRules, KeepsTheLower32BitsOfTheNumber) {
-    EXPECT_EQ(Parse(kRules + "(4294967301) a\n").lineNumber, 5);
-    EXPECT_EQ(Parse(kRules + "(2147483648) a\n").lineNumber, -2147483648L);
+    EXPECT_EQ(5, Parse(kRules + "(4294967301) a\n").lineNumber);
+    EXPECT_EQ(-2147483648L, Parse(kRules + "(2147483648) a\n").lineNumber);
 }
 
 TEST(ParseSnortErrorInRules, KeepsCuttingTheTextAtItsNextOpeningParenthesis) {
-    EXPECT_EQ(Parse(kRules + "(12) bad option (see manual)\n").reason, "bad option ");
+    EXPECT_EQ("bad option ", Parse(kRules + "(12) bad option (see manual)\n").reason);
 }
 
 TEST(ParseSnortErrorInRules, KeepsOnlyWhatFollowsTheLastClosingParenthesis) {
-    EXPECT_EQ(Parse(kRules + "(12) a) b) the rest\n").reason, "the rest\n");
-    EXPECT_EQ(Parse(kRules + "(12) the rest)\n").reason, "");
+    EXPECT_EQ("the rest\n", Parse(kRules + "(12) a) b) the rest\n").reason);
+    EXPECT_EQ("", Parse(kRules + "(12) the rest)\n").reason);
 }
 
 TEST(ParseSnortErrorInRules, TakesNothingBehindAParenthesisThatEndsTheText) {
-    EXPECT_EQ(Parse(kRules + "(12)").reason, "");
-    EXPECT_EQ(Parse(kRules + "(12) bad)").reason, "bad");
-    EXPECT_EQ(Parse(kRules + "(12)(13) bad\n").reason, "");
+    EXPECT_EQ("", Parse(kRules + "(12)").reason);
+    EXPECT_EQ("bad", Parse(kRules + "(12) bad)").reason);
+    EXPECT_EQ("", Parse(kRules + "(12)(13) bad\n").reason);
 }
 
 TEST(ParseSnortErrorInRules, DropsTheFirstCharacterOfThePartWhateverItIs) {
-    EXPECT_EQ(Parse(kRules + "(12)unknown\n").reason, "nknown\n");
+    EXPECT_EQ("nknown\n", Parse(kRules + "(12)unknown\n").reason);
 }
 
 TEST(ParseSnortErrorInRules, KeepsThrowingWhenAParenthesisFollowsTheOneBehindTheNumber) {
@@ -85,18 +85,18 @@ TEST(ParseSnortErrorInRules, KeepsThrowingWhenAParenthesisFollowsTheOneBehindThe
 
 TEST(ParseSnortErrorInConfiguration, YieldsTheWholeLine) {
     const Parsed parsed = Parse(kConfiguration + "(3) bad");
-    EXPECT_EQ(parsed.kind, 1);
-    EXPECT_EQ(parsed.lineNumber, 0);
-    EXPECT_EQ(parsed.reason, kConfiguration + "(3) bad");
+    EXPECT_EQ(1, parsed.kind);
+    EXPECT_EQ(0, parsed.lineNumber);
+    EXPECT_EQ(kConfiguration + "(3) bad", parsed.reason);
 }
 
 TEST(ParseSnortErrorElsewhere, YieldsTheWholeLine) {
     for (const std::string line : {"ERROR: Can't start DAQ (-1)!\n", "ERROR:\n", "anything",
                                    "ERROR: /etc/snort/rules/snort.rule(1) short\n", ""}) {
         const Parsed parsed = Parse(line);
-        EXPECT_EQ(parsed.result, 0);
-        EXPECT_EQ(parsed.kind, 0) << line;
-        EXPECT_EQ(parsed.lineNumber, 0) << line;
+        EXPECT_EQ(0, parsed.result);
+        EXPECT_EQ(0, parsed.kind) << line;
+        EXPECT_EQ(0, parsed.lineNumber) << line;
         EXPECT_EQ(parsed.reason, line);
     }
 }
@@ -105,8 +105,8 @@ TEST(ParseSnortErrorReason, IsCutToTheBuffer) {
     const std::string text(600, 'x');
     EXPECT_EQ(Parse("ERROR: " + text).reason, ("ERROR: " + text).substr(0, 255));
     EXPECT_EQ(Parse(kRules + "(1) " + text).reason, text.substr(0, 255));
-    EXPECT_EQ(Parse(kRules + "(1) " + text, 4).reason, "xxx");
-    EXPECT_EQ(Parse(kRules + "(1) " + text, 1).reason, "");
+    EXPECT_EQ("xxx", Parse(kRules + "(1) " + text, 4).reason);
+    EXPECT_EQ("", Parse(kRules + "(1) " + text, 1).reason);
 }
 
 TEST(ParseSnortErrorReason, IsClearedToItsLastByte) {
@@ -125,7 +125,7 @@ TEST(ParseSnortErrorReason, LeavesABufferOfNoSizeAlone) {
     long lineNumber = 0;
     int size = 0;
     ParseSnortError("ab", &kind, &lineNumber, reason.data(), &size);
-    EXPECT_EQ(reason[0], '#');
+    EXPECT_EQ('#', reason[0]);
 }
 
 }  // namespace

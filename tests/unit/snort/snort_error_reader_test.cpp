@@ -54,45 +54,45 @@ TEST_F(SnortErrorReaderProcess, MakesInformationOfALineThatIsNoError) {
         EXPECT_EQ(m_reader->Message(), line);
         EXPECT_FALSE(m_reader->IsError()) << line;
     }
-    EXPECT_EQ(m_log.CountAt(3, "[SNORT INFO] WARNING: x"), 1);
+    EXPECT_EQ(1, m_log.CountAt(3, "[SNORT INFO] WARNING: x"));
 }
 
 TEST_F(SnortErrorReaderProcess, LeavesTheMessageAsItIsForAnEmptyLine) {
     m_reader->Process("ERROR: x\n");
     m_reader->Process("");
-    EXPECT_EQ(m_reader->Message(), "ERROR in SNORT. Reason: ERROR: x\n");
+    EXPECT_EQ("ERROR in SNORT. Reason: ERROR: x\n", m_reader->Message());
     EXPECT_TRUE(m_reader->IsError());
 }
 
 TEST_F(SnortErrorReaderProcess, DescribesAnErrorElsewhereByItsWholeLine) {
     m_reader->Process("ERROR: Can't start DAQ (-1)!\n");
-    EXPECT_EQ(m_reader->Message(), "ERROR in SNORT. Reason: ERROR: Can't start DAQ (-1)!\n");
+    EXPECT_EQ("ERROR in SNORT. Reason: ERROR: Can't start DAQ (-1)!\n", m_reader->Message());
     EXPECT_TRUE(m_reader->IsError());
-    EXPECT_EQ(m_log.Count("[SNORT ERROR] SnortHandler::Process: Error occurred"), 1);
+    EXPECT_EQ(1, m_log.Count("[SNORT ERROR] SnortHandler::Process: Error occurred"));
     EXPECT_EQ(
-        m_log.CountAt(3, "[SNORT ERROR] ERROR in SNORT. Reason: ERROR: Can't start DAQ (-1)!"), 1);
+        1, m_log.CountAt(3, "[SNORT ERROR] ERROR in SNORT. Reason: ERROR: Can't start DAQ (-1)!"));
 }
 
 TEST_F(SnortErrorReaderProcess, DescribesAnErrorInTheConfigurationByItsWholeLine) {
     m_reader->Process("ERROR: /etc/snort/qor-snort.conf(3) bad\n");
-    EXPECT_EQ(m_reader->Message(),
-              "ERROR in SNORT configuration. Reason: ERROR: /etc/snort/qor-snort.conf(3) bad\n");
+    EXPECT_EQ("ERROR in SNORT configuration. Reason: ERROR: /etc/snort/qor-snort.conf(3) bad\n",
+              m_reader->Message());
     EXPECT_TRUE(m_reader->IsError());
-    EXPECT_EQ(m_log.Count("[SNORT ERROR] SnortHandler::Process: Error in config file"), 1);
+    EXPECT_EQ(1, m_log.Count("[SNORT ERROR] SnortHandler::Process: Error in config file"));
 }
 
 TEST_F(SnortErrorReaderProcess, DescribesAnErrorInTheRulesByTheRule) {
     std::string rules(11, '\n');
     m_fifo.m_dir.Write("snort.rules", rules + "alert ip (msg:\"Bad thing\"; sid:1000012;)\n");
     m_reader->Process(kRulesError + "(12) unknown option\n");
-    EXPECT_EQ(m_reader->Message(),
-              "ERROR in SNORT rule. SID: 1000012, Msg: \"Bad thing\",  Reason: unknown option\n");
+    EXPECT_EQ("ERROR in SNORT rule. SID: 1000012, Msg: \"Bad thing\",  Reason: unknown option\n",
+              m_reader->Message());
     EXPECT_TRUE(m_reader->IsError());
-    EXPECT_EQ(m_log.Count("[SNORT ERROR] SnortHandler::Process: Error in rules file"), 1);
+    EXPECT_EQ(1, m_log.Count("[SNORT ERROR] SnortHandler::Process: Error in rules file"));
     EXPECT_EQ(
+        1,
         m_log.Count(
-            "[SNORT ERROR] SnortHandler::Process: Rule error found - SID: 1000012, MSG: 'Bad thing', Error: 'unknown option"),
-        1);
+            "[SNORT ERROR] SnortHandler::Process: Rule error found - SID: 1000012, MSG: 'Bad thing', Error: 'unknown option"));
 }
 
 TEST_F(SnortErrorReaderProcess, DescribesAnErrorInTheRulesWithoutTheRuleWhenItIsNotFound) {
@@ -104,22 +104,22 @@ TEST_F(SnortErrorReaderProcess, DescribesAnErrorInTheRulesWithoutTheRuleWhenItIs
     EXPECT_EQ(m_reader->Message(), sentence) << "a rule file of five lines";
     EXPECT_TRUE(m_reader->IsError());
     EXPECT_EQ(
-        m_log.Count("[SNORT ERROR] SnortHandler::Process: Cannot find rule SID by line number 12"),
-        2);
+        2,
+        m_log.Count("[SNORT ERROR] SnortHandler::Process: Cannot find rule SID by line number 12"));
 }
 
 TEST_F(SnortErrorReaderProcess, KeepsARuleFileThatCannotBeOpenedForARuleWithEmptyPlaces) {
     const BoundSocket rules(SOCK_STREAM, m_fifo.m_rules);  // is there, and no user can open it
     m_reader->Process(kRulesError + "(12) unknown option\n");
-    EXPECT_EQ(m_reader->Message(),
-              "ERROR in SNORT rule. SID: , Msg: \"\",  Reason: unknown option\n");
+    EXPECT_EQ("ERROR in SNORT rule. SID: , Msg: \"\",  Reason: unknown option\n",
+              m_reader->Message());
     EXPECT_TRUE(m_reader->IsError());
 }
 
 TEST_F(SnortErrorReaderProcess, KeepsSnortsOwnWordsForAMissingInterface) {
     const std::string line = "ERROR: Config option \"interface\" requires arguments.\n";
     m_reader->Process(line);
-    EXPECT_EQ(m_reader->Message(), "ERROR in SNORT. Reason: " + line);
+    EXPECT_EQ("ERROR in SNORT. Reason: " + line, m_reader->Message());
     EXPECT_TRUE(m_reader->IsError());
 }
 
@@ -135,31 +135,31 @@ TEST_F(SnortErrorReaderProcess, KeepsTheSentenceOfTheInterfaceOnlyWhenTheLineCan
     EXPECT_THROW(
         m_reader->Process(kRulesError + "(1)) Config option \"interface\" requires arguments.\n"),
         std::out_of_range);
-    EXPECT_EQ(m_reader->Message(), "No valid interface is selected in SNORT Configuration");
+    EXPECT_EQ("No valid interface is selected in SNORT Configuration", m_reader->Message());
 }
 
 TEST_F(SnortErrorReaderSend, SendsEachKindOnce) {
     ListenAsCrm();
     m_reader->Process("ERROR: x\n");
     EXPECT_TRUE(m_reader->SendMessage(0));
-    EXPECT_EQ(m_crm->Take(), "E ERROR in SNORT. Reason: ERROR: x\n");
-    EXPECT_EQ(m_reader->Message(), "");
+    EXPECT_EQ("E ERROR in SNORT. Reason: ERROR: x\n", m_crm->Take());
+    EXPECT_EQ("", m_reader->Message());
     m_reader->Process("hello\n");
     EXPECT_TRUE(m_reader->SendMessage(0));
-    EXPECT_EQ(m_crm->Take(), "I hello\n");
-    EXPECT_EQ(m_crm->Take(), "");
-    EXPECT_EQ(m_log.Count(kSent), 2);
+    EXPECT_EQ("I hello\n", m_crm->Take());
+    EXPECT_EQ("", m_crm->Take());
+    EXPECT_EQ(2, m_log.Count(kSent));
 }
 
 TEST_F(SnortErrorReaderSend, HoldsTheMessageAndClosesTheChannelWhenItFails) {
     m_reader->Process("hello\n");
     EXPECT_FALSE(m_reader->SendMessage(0));
-    EXPECT_EQ(m_reader->Message(), "hello\n");
-    EXPECT_EQ(m_log.CountAt(2, kNotSent), 1);
-    EXPECT_EQ(m_log.Count("MsgComm closed message channel of fd"), 1);
+    EXPECT_EQ("hello\n", m_reader->Message());
+    EXPECT_EQ(1, m_log.CountAt(2, kNotSent));
+    EXPECT_EQ(1, m_log.Count("MsgComm closed message channel of fd"));
     ListenAsCrm();
     EXPECT_TRUE(m_reader->SendMessage(0));
-    EXPECT_EQ(m_crm->Take(), "I hello\n");
+    EXPECT_EQ("I hello\n", m_crm->Take());
 }
 
 TEST_F(SnortErrorReaderSend, FailsAtOnceWhenTheChannelCannotBeOpened) {
@@ -183,10 +183,10 @@ TEST_F(SnortErrorReaderRead, SendsALineAsItComes) {
     Connect();
     ASSERT_TRUE(m_fifo.Write("hello\n"));
     EXPECT_TRUE(m_reader->ReadErrors(10));
-    EXPECT_EQ(m_crm->Take(), "I hello\n");
+    EXPECT_EQ("I hello\n", m_crm->Take());
     EXPECT_FALSE(m_reader->ReadErrors(0));
-    EXPECT_EQ(m_crm->Take(), "") << "once, and not once for each pass";
-    EXPECT_EQ(m_log.Count("### Debug Snort stderr ### hello"), 1);
+    EXPECT_EQ("", m_crm->Take()) << "once, and not once for each pass";
+    EXPECT_EQ(1, m_log.Count("### Debug Snort stderr ### hello"));
 }
 
 TEST_F(SnortErrorReaderRead, SendsALineOfAnyLength) {
@@ -195,20 +195,19 @@ TEST_F(SnortErrorReaderRead, SendsALineOfAnyLength) {
     const std::string line(9000, 'x');
     ASSERT_TRUE(m_fifo.Write(line + "\n"));
     EXPECT_TRUE(m_reader->ReadErrors(10));
-    EXPECT_EQ(m_crm->Take(), "I " + line.substr(0, 512)) << "as much as a message holds";
+    EXPECT_EQ("I " + line.substr(0, 512), m_crm->Take()) << "as much as a message holds";
 }
 
 TEST_F(SnortErrorReaderRead, KeepsTryingAFifoThatIsNotThereAtEachPassAndOpensItOnceItIs) {
     EXPECT_FALSE(m_reader->ReadErrors(60));
     EXPECT_FALSE(m_reader->ReadErrors(60));
-    EXPECT_EQ(m_log.CountAt(
-                  1, "Open file error: " + m_fifo.m_path + ", reason: No such file or directory"),
-              2);
+    EXPECT_EQ(2, m_log.CountAt(1, "Open file error: " + m_fifo.m_path +
+                                      ", reason: No such file or directory"));
     m_fifo.Make();
     EXPECT_FALSE(m_reader->ReadErrors(0));
     EXPECT_FALSE(m_reader->ReadErrors(0));
-    EXPECT_EQ(m_log.Count("Opening file: " + m_fifo.m_path), 3);
-    EXPECT_EQ(m_log.Count(kOpened), 1);
+    EXPECT_EQ(3, m_log.Count("Opening file: " + m_fifo.m_path));
+    EXPECT_EQ(1, m_log.Count(kOpened));
 }
 
 TEST_F(SnortErrorReaderRead, ClosesTheFifoAtTheEndOfAWriterAndServesTheNext) {
@@ -219,11 +218,11 @@ TEST_F(SnortErrorReaderRead, ClosesTheFifoAtTheEndOfAWriterAndServesTheNext) {
         m_fifo.CloseWriter();
         EXPECT_TRUE(m_reader->ReadErrors(10));
         EXPECT_FALSE(m_reader->ReadErrors(10));
-        EXPECT_EQ(m_crm->Take(), std::string("I ") + line);
+        EXPECT_EQ(std::string("I ") + line, m_crm->Take());
     }
-    EXPECT_EQ(m_log.Count(kEof), 2);
-    EXPECT_EQ(m_log.Count(kOpened), 2);
-    EXPECT_EQ(m_log.Count("getline error"), 0);
+    EXPECT_EQ(2, m_log.Count(kEof));
+    EXPECT_EQ(2, m_log.Count(kOpened));
+    EXPECT_EQ(0, m_log.Count("getline error"));
 }
 
 TEST_F(SnortErrorReaderRead, KeepsFurtherLinesOfOneWriteUntilTheFifoStirsAgain) {
@@ -232,15 +231,15 @@ TEST_F(SnortErrorReaderRead, KeepsFurtherLinesOfOneWriteUntilTheFifoStirsAgain) 
     ASSERT_TRUE(m_fifo.Write("one\ntwo\nthree\n"));
     EXPECT_TRUE(m_reader->ReadErrors(10));
     EXPECT_FALSE(m_reader->ReadErrors(0));
-    EXPECT_EQ(m_crm->Take(), "I one\n");
-    EXPECT_EQ(m_crm->Take(), "");
+    EXPECT_EQ("I one\n", m_crm->Take());
+    EXPECT_EQ("", m_crm->Take());
     m_fifo.CloseWriter();
     EXPECT_TRUE(m_reader->ReadErrors(10));
     EXPECT_TRUE(m_reader->ReadErrors(10));
-    EXPECT_EQ(m_crm->Take(), "I two\n");
-    EXPECT_EQ(m_crm->Take(), "I three\n");
+    EXPECT_EQ("I two\n", m_crm->Take());
+    EXPECT_EQ("I three\n", m_crm->Take());
     EXPECT_FALSE(m_reader->ReadErrors(10));
-    EXPECT_EQ(m_log.Count(kEof), 1);
+    EXPECT_EQ(1, m_log.Count(kEof));
 }
 
 TEST_F(SnortErrorReaderRead, DeliversALineInPiecesWhenItsEndIsLate) {
@@ -253,18 +252,18 @@ TEST_F(SnortErrorReaderRead, DeliversALineInPiecesWhenItsEndIsLate) {
     ASSERT_TRUE(m_fifo.Write("no newline"));
     m_fifo.CloseWriter();
     EXPECT_TRUE(m_reader->ReadErrors(10));
-    EXPECT_EQ(m_crm->Take(), "I half");
-    EXPECT_EQ(m_crm->Take(), "I  done\n");
-    EXPECT_EQ(m_crm->Take(), "I no newline");
-    EXPECT_EQ(m_log.Count("getline error"), 0);
+    EXPECT_EQ("I half", m_crm->Take());
+    EXPECT_EQ("I  done\n", m_crm->Take());
+    EXPECT_EQ("I no newline", m_crm->Take());
+    EXPECT_EQ(0, m_log.Count("getline error"));
 }
 
 TEST_F(SnortErrorReaderRead, ClosesTheFifoAtAnyOtherReadError) {
     std::filesystem::create_directory(m_fifo.m_path);  // opens and is always ready to be refused
     EXPECT_FALSE(m_reader->ReadErrors(10));
-    EXPECT_EQ(m_log.CountAt(1, "getline error, reason: Is a directory"), 1);
+    EXPECT_EQ(1, m_log.CountAt(1, "getline error, reason: Is a directory"));
     EXPECT_FALSE(m_reader->ReadErrors(10));
-    EXPECT_EQ(m_log.Count(kOpened), 2);
+    EXPECT_EQ(2, m_log.Count(kOpened));
 }
 
 TEST_F(SnortErrorReaderRead, ReadsNoFurtherLineWhileAMessageIsOwed) {
@@ -273,14 +272,14 @@ TEST_F(SnortErrorReaderRead, ReadsNoFurtherLineWhileAMessageIsOwed) {
     EXPECT_TRUE(m_reader->ReadErrors(10));
     ASSERT_TRUE(m_fifo.Write("two\n"));
     EXPECT_FALSE(m_reader->ReadErrors(10));
-    EXPECT_EQ(m_log.Count("### Debug Snort stderr ###"), 1);
-    EXPECT_EQ(m_reader->Message(), "one\n");
-    EXPECT_EQ(m_log.CountAt(2, kNotSent), 2);
+    EXPECT_EQ(1, m_log.Count("### Debug Snort stderr ###"));
+    EXPECT_EQ("one\n", m_reader->Message());
+    EXPECT_EQ(2, m_log.CountAt(2, kNotSent));
     ListenAsCrm();
     EXPECT_TRUE(m_reader->ReadErrors(10));
-    EXPECT_EQ(m_crm->Take(), "I one\n");
-    EXPECT_EQ(m_crm->Take(), "I two\n");
-    EXPECT_EQ(m_crm->Take(), "");
+    EXPECT_EQ("I one\n", m_crm->Take());
+    EXPECT_EQ("I two\n", m_crm->Take());
+    EXPECT_EQ("", m_crm->Take());
 }
 
 TEST_F(SnortErrorReaderRead, OpensANewStreamAfterAWaitThatFailedAndLeavesForeignFilesAlone) {
@@ -291,17 +290,17 @@ TEST_F(SnortErrorReaderRead, OpensANewStreamAfterAWaitThatFailedAndLeavesForeign
     const int next = dup(STDERR_FILENO);
     close(next);
     EXPECT_FALSE(m_reader->ReadErrors(-1)) << "a time that select refuses";
-    EXPECT_EQ(m_log.CountAt(1, "Select FDs error, reason: Invalid argument"), 1);
+    EXPECT_EQ(1, m_log.CountAt(1, "Select FDs error, reason: Invalid argument"));
     const int taken = dup(STDERR_FILENO);
     ASSERT_LT(taken, next) << "the number of the FIFO that was closed";
     Connect();
     ASSERT_TRUE(m_fifo.Write("two\n"));
     EXPECT_TRUE(m_reader->ReadErrors(10));
-    EXPECT_EQ(m_crm->Take(), "I one\n");
-    EXPECT_EQ(m_crm->Take(), "I two\n");
-    EXPECT_NE(fcntl(taken, F_GETFD), -1);
+    EXPECT_EQ("I one\n", m_crm->Take());
+    EXPECT_EQ("I two\n", m_crm->Take());
+    EXPECT_NE(-1, fcntl(taken, F_GETFD));
     m_reader.reset();
-    EXPECT_NE(fcntl(taken, F_GETFD), -1);
+    EXPECT_NE(-1, fcntl(taken, F_GETFD));
     close(taken);
 }
 
@@ -310,12 +309,12 @@ TEST_F(SnortErrorReaderRead, KeepsTheFifoReadableWhileAStrangeLineThrows) {
     Connect();
     ASSERT_TRUE(m_fifo.Write(kRulesError + "(1)) text\n"));
     EXPECT_THROW(m_reader->ReadErrors(10), std::out_of_range);
-    EXPECT_EQ(m_crm->Take(), "");
+    EXPECT_EQ("", m_crm->Take());
     EXPECT_FALSE(m_reader->ReadErrors(0));
-    EXPECT_EQ(m_crm->Take(), "I " + kRulesError + "(1)) text\n") << "the line is owed";
+    EXPECT_EQ("I " + kRulesError + "(1)) text\n", m_crm->Take()) << "the line is owed";
     ASSERT_TRUE(m_fifo.Write("next\n"));
     EXPECT_TRUE(m_reader->ReadErrors(10));
-    EXPECT_EQ(m_crm->Take(), "I next\n");
+    EXPECT_EQ("I next\n", m_crm->Take());
 }
 
 // Runs one call on a thread of its own with cancellation off, as the error thread does, and
@@ -344,13 +343,13 @@ TEST_F(SnortErrorReaderRead, CanBeCancelledWhileItWaitsForTheFifo) {
     ListenAsCrm();
     ASSERT_TRUE(m_fifo.Write("still there\n"));
     EXPECT_TRUE(m_reader->ReadErrors(10));
-    EXPECT_EQ(m_crm->Take(), "I still there\n");
+    EXPECT_EQ("I still there\n", m_crm->Take());
 }
 
 TEST_F(SnortErrorReaderSend, CanBeCancelledInItsPauseAndStillOwesTheMessage) {
     m_reader->Process("hello\n");
     EXPECT_TRUE(IsCancelledIn([this] { (void)m_reader->SendMessage(60); }));
-    EXPECT_EQ(m_reader->Message(), "hello\n");
+    EXPECT_EQ("hello\n", m_reader->Message());
 }
 
 TEST_F(SnortErrorReaderInstance, IsOneUntilItIsReleased) {
@@ -361,7 +360,7 @@ TEST_F(SnortErrorReaderInstance, IsOneUntilItIsReleased) {
     reader->Process("owed\n");
     SnortErrorReader::ReleaseInstance();
     SnortErrorReader::ReleaseInstance();
-    EXPECT_EQ(SnortErrorReader::Instance()->Message(), "") << "lost with the old one";
+    EXPECT_EQ("", SnortErrorReader::Instance()->Message()) << "lost with the old one";
     SnortErrorReader::ReleaseInstance();
 }
 

@@ -38,7 +38,7 @@ class SnortErrorThreadTest : public testing::Test {
     }
 
     static void StopAndJoin(SnortErrorThread& thread) {
-        EXPECT_EQ(thread.Stop(), 1);
+        EXPECT_EQ(1, thread.Stop());
         ASSERT_TRUE(thread.Join(kLongMs, nullptr));
     }
 
@@ -51,12 +51,12 @@ TEST_F(SnortErrorThreadTest, SendsWhatItReads) {
     SnortErrorThread thread("snorterrorthread", 0);
     StartReading(thread);
     ASSERT_TRUE(m_fifo.Write("ERROR: x\n"));
-    EXPECT_EQ(crm.Take(kLongMs), "E ERROR in SNORT. Reason: ERROR: x\n");
+    EXPECT_EQ("E ERROR in SNORT. Reason: ERROR: x\n", crm.Take(kLongMs));
     StopAndJoin(thread);
-    EXPECT_EQ(thread.ExitCode(), 1);
-    EXPECT_EQ(m_log.Count("Snort error thread "), 2);
-    EXPECT_EQ(m_log.Count(" starting."), 1);
-    EXPECT_EQ(m_log.Count(" exiting"), 1);
+    EXPECT_EQ(1, thread.ExitCode());
+    EXPECT_EQ(2, m_log.Count("Snort error thread "));
+    EXPECT_EQ(1, m_log.Count(" starting."));
+    EXPECT_EQ(1, m_log.Count(" exiting"));
 }
 
 TEST_F(SnortErrorThreadTest, HearsAStopWithinASecondOfWaiting) {
@@ -74,9 +74,9 @@ TEST_F(SnortErrorThreadTest, HearsAStopWhileTheFifoIsMissing) {
     ASSERT_TRUE(thread.AwaitBegun(kLongMs));
     // A stop that comes before the body has cleared the flag is lost, so ask until it is heard.
     do {
-        EXPECT_EQ(thread.Stop(), 1);
+        EXPECT_EQ(1, thread.Stop());
     } while (!thread.Join(100, nullptr));
-    EXPECT_EQ(thread.ExitCode(), 1);
+    EXPECT_EQ(1, thread.ExitCode());
 }
 
 TEST_F(SnortErrorThreadTest, HearsAStopWhileTheCrmIsMissing) {
@@ -99,7 +99,7 @@ TEST_F(SnortErrorThreadTest, ReleasesTheReaderWithItsMessageWhenItEnds) {
         sched_yield();
     }
     StopAndJoin(thread);
-    EXPECT_EQ(SnortErrorReader::Instance()->Message(), "");
+    EXPECT_EQ("", SnortErrorReader::Instance()->Message());
 }
 
 TEST_F(SnortErrorThreadTest, WorksASecondTimeAfterAStop) {
@@ -108,7 +108,7 @@ TEST_F(SnortErrorThreadTest, WorksASecondTimeAfterAStop) {
     for (const char* const line : {"one\n", "two\n"}) {
         StartReading(thread);
         ASSERT_TRUE(m_fifo.Write(line));
-        EXPECT_EQ(crm.Take(kLongMs), std::string("I ") + line);
+        EXPECT_EQ(std::string("I ") + line, crm.Take(kLongMs));
         StopAndJoin(thread);
     }
 }
@@ -122,13 +122,13 @@ TEST_F(SnortErrorThreadTest, KeepsTheLineThatEndedItForTheNextStart) {
     ASSERT_TRUE(thread.Join(kLongMs, nullptr));
     EXPECT_TRUE(thread.IsFinished());
     EXPECT_FALSE(thread.IsRunning());
-    EXPECT_EQ(crm.Take(), "");
-    EXPECT_EQ(m_log.Count(" exiting"), 0);
+    EXPECT_EQ("", crm.Take());
+    EXPECT_EQ(0, m_log.Count(" exiting"));
 
     ASSERT_TRUE(thread.Start(false));
-    EXPECT_EQ(crm.Take(kLongMs), "I " + line);
+    EXPECT_EQ("I " + line, crm.Take(kLongMs));
     ASSERT_TRUE(m_fifo.Write("next\n"));
-    EXPECT_EQ(crm.Take(kLongMs), "I next\n");
+    EXPECT_EQ("I next\n", crm.Take(kLongMs));
     StopAndJoin(thread);
 }
 
@@ -136,7 +136,7 @@ TEST_F(SnortErrorThreadTest, KeepsCpuZeroUnbound) {
     SnortErrorThread thread("snorterrorthread", 0);
     StartReading(thread);
     StopAndJoin(thread);
-    EXPECT_EQ(m_log.Count("CPU"), 0);
+    EXPECT_EQ(0, m_log.Count("CPU"));
 }
 
 TEST_F(SnortErrorThreadTest, RunsOnWhenTheCpuDoesNotExist) {
@@ -144,9 +144,9 @@ TEST_F(SnortErrorThreadTest, RunsOnWhenTheCpuDoesNotExist) {
         SnortErrorThread thread("snorterrorthread", cpu);
         StartReading(thread);
         StopAndJoin(thread);
-        EXPECT_EQ(m_log.Count(" to CPU " + std::to_string(cpu)), 1);
+        EXPECT_EQ(1, m_log.Count(" to CPU " + std::to_string(cpu)));
     }
-    EXPECT_EQ(m_log.Count("Unable to assign Snort error thread "), 2);
+    EXPECT_EQ(2, m_log.Count("Unable to assign Snort error thread "));
 }
 
 TEST_F(SnortErrorThreadTest, BindsToACpuAboveZero) {
@@ -156,7 +156,7 @@ TEST_F(SnortErrorThreadTest, BindsToACpuAboveZero) {
     SnortErrorThread thread("snorterrorthread", 1);
     StartReading(thread);
     StopAndJoin(thread);
-    EXPECT_EQ(m_log.Count("Assigned Snort error thread "), 1);
+    EXPECT_EQ(1, m_log.Count("Assigned Snort error thread "));
 }
 
 TEST_F(SnortErrorThreadTest, ForceQuitEndsAThreadThatWaitsForTheFifo) {
@@ -177,7 +177,7 @@ TEST_F(SnortErrorThreadTest, ForceQuitEndsAThreadThatPausesAfterAFailedSend) {
     }
     thread.ForceQuit();
     EXPECT_TRUE(thread.Settle(0));
-    EXPECT_EQ(SnortErrorReader::Instance()->Message(), "");
+    EXPECT_EQ("", SnortErrorReader::Instance()->Message());
 }
 
 TEST_F(SnortErrorThreadTest, ForceQuitEndsAThreadThatNeverWaits) {

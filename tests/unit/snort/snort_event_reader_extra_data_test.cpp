@@ -19,17 +19,16 @@ TEST_F(SnortEventReaderExtraData, AttachesToTheAlertBeforeTheNewest) {
         SendAlert(id);
     }
     Send(ExtraData{.eventId = 14});
-    EXPECT_EQ(Positions(14, 3), 1);
-    EXPECT_EQ(m_log.Count("Associate alert event 14 with extra data event"), 1);
+    EXPECT_EQ(1, Positions(14, 3));
+    EXPECT_EQ(1, m_log.Count("Associate alert event 14 with extra data event"));
     QuietSecond();
     const auto lines = Lines();
     const auto extra = std::find(lines.begin(), lines.end(),
                                  "Type: Extra Data 14 -------------------------------------------");
     ASSERT_NE(extra, lines.end());
-    EXPECT_EQ(
-        std::count_if(lines.begin(), extra,
-                      [](const std::string& line) { return line.starts_with("Type: Event"); }),
-        4);
+    EXPECT_EQ(4, std::count_if(lines.begin(), extra, [](const std::string& line) {
+                  return line.starts_with("Type: Event");
+              }));
 }
 
 TEST_F(SnortEventReaderExtraData, FindsItsAlertAcrossTheWrapOfTheIds) {
@@ -37,44 +36,44 @@ TEST_F(SnortEventReaderExtraData, FindsItsAlertAcrossTheWrapOfTheIds) {
         SendAlert(id);
     }
     Send(ExtraData{.eventId = 65535});
-    EXPECT_EQ(Positions(65535, 0), 1);
-    EXPECT_EQ(m_log.Count("Associate alert event 65535 with extra data event"), 1);
+    EXPECT_EQ(1, Positions(65535, 0));
+    EXPECT_EQ(1, m_log.Count("Associate alert event 65535 with extra data event"));
 }
 
 TEST_F(SnortEventReaderExtraData, FarLargerIdYieldsAPositionBehindTheEndOfTheList) {
     SendAlert(1);
     const uint32_t id = 1 + 65536 + 10;  // a distance of -10, a position of 10
     Send(ExtraData{.eventId = id});
-    EXPECT_EQ(Positions(id, 10), 1);
-    EXPECT_EQ(m_log.Count("Out of the range of pending events"), 0);
-    EXPECT_EQ(FailedExtraData(id, 1), 1);
+    EXPECT_EQ(1, Positions(id, 10));
+    EXPECT_EQ(0, m_log.Count("Out of the range of pending events"));
+    EXPECT_EQ(1, FailedExtraData(id, 1));
 }
 
 TEST_F(SnortEventReaderExtraData, KeepsTheRangeLimitOfAFullListForAShorterOne) {
     SendAlert(1);
     const uint32_t last = 1 + 65536 + 127;
     Send(ExtraData{.eventId = last});
-    EXPECT_EQ(Positions(last, 127), 1);
-    EXPECT_EQ(m_log.Count("Out of the range of pending events"), 0);
+    EXPECT_EQ(1, Positions(last, 127));
+    EXPECT_EQ(0, m_log.Count("Out of the range of pending events"));
     Send(ExtraData{.eventId = last + 1});
     EXPECT_EQ(
-        m_log.CountAt(3, "Out of the range of pending events, position in pending events: 128"), 1);
-    EXPECT_EQ(FailedExtraData(last, 1), 1);
-    EXPECT_EQ(FailedExtraData(last + 1, 1), 1);
+        1, m_log.CountAt(3, "Out of the range of pending events, position in pending events: 128"));
+    EXPECT_EQ(1, FailedExtraData(last, 1));
+    EXPECT_EQ(1, FailedExtraData(last + 1, 1));
 }
 
 TEST_F(SnortEventReaderExtraData, OfAForwardedAlertIsOutOfRange) {
     SendAlert(5);
     Send(ExtraData{.eventId = 4});
     EXPECT_EQ(
-        m_log.CountAt(3, "Out of the range of pending events, position in pending events: -1"), 1);
-    EXPECT_EQ(FailedExtraData(4, 1), 1);
+        1, m_log.CountAt(3, "Out of the range of pending events, position in pending events: -1"));
+    EXPECT_EQ(1, FailedExtraData(4, 1));
 }
 
 TEST_F(SnortEventReaderExtraData, WithAnEmptyListFailsWithoutAPosition) {
     Send(ExtraData{.eventId = 4});
-    EXPECT_EQ(FailedExtraData(4, 0), 1);
-    EXPECT_EQ(m_log.Count("Incoming event ID"), 0);
+    EXPECT_EQ(1, FailedExtraData(4, 0));
+    EXPECT_EQ(0, m_log.Count("Incoming event ID"));
 }
 
 TEST_F(SnortEventReaderExtraData, KeepsLookingOnlyAtThePositionOfTheId) {
@@ -82,27 +81,27 @@ TEST_F(SnortEventReaderExtraData, KeepsLookingOnlyAtThePositionOfTheId) {
         SendAlert(id);
     }
     Send(ExtraData{.eventId = 2});  // at position 1, but 4 - 2 makes it 0
-    EXPECT_EQ(Positions(2, 0), 1);
-    EXPECT_EQ(FailedExtraData(2, 3), 1);
+    EXPECT_EQ(1, Positions(2, 0));
+    EXPECT_EQ(1, FailedExtraData(2, 3));
     QuietSecond();
-    EXPECT_EQ(m_log.Count("Type: Extra Data"), 0);
+    EXPECT_EQ(0, m_log.Count("Type: Extra Data"));
 }
 
 TEST_F(SnortEventReaderExtraData, OfAnUnsupportedKindCountsAsAssociatedAndIsDropped) {
     SendAlert(1);
     Send(ExtraData{.eventId = 1, .type = 13});
-    EXPECT_EQ(m_log.Count("Associate alert event 1 with extra data event"), 1);
-    EXPECT_EQ(m_log.CountAt(3, "Unsupported ExtraData type receive from Snort"), 1);
-    EXPECT_EQ(m_log.Count("Failed to associate"), 0);
+    EXPECT_EQ(1, m_log.Count("Associate alert event 1 with extra data event"));
+    EXPECT_EQ(1, m_log.CountAt(3, "Unsupported ExtraData type receive from Snort"));
+    EXPECT_EQ(0, m_log.Count("Failed to associate"));
     QuietSecond();
-    EXPECT_EQ(m_log.Count("Type: Extra Data"), 0);
+    EXPECT_EQ(0, m_log.Count("Type: Extra Data"));
 }
 
 TEST_F(SnortEventReaderExtraData, IdsFarApartNeverLeaveTheList) {
     SendAlert(0x80000000);
     for (const uint32_t id : {0U, 1U, 0x7FFFFFFFU, 0xFFFFFFFFU, 0x80000001U}) {
         Send(ExtraData{.eventId = id});
-        EXPECT_EQ(FailedExtraData(id, 1), 1) << id;
+        EXPECT_EQ(1, FailedExtraData(id, 1)) << id;
     }
 }
 
@@ -111,10 +110,10 @@ TEST_F(SnortEventReaderExtraData, FindsItsAlertAfterTheListHasTurned) {
         SendAlert(id);
     }
     Send(ExtraData{.eventId = 73});
-    EXPECT_EQ(Positions(73, 0), 1);
-    EXPECT_EQ(m_log.Count("Associate alert event 73 with extra data event"), 1);
+    EXPECT_EQ(1, Positions(73, 0));
+    EXPECT_EQ(1, m_log.Count("Associate alert event 73 with extra data event"));
     Send(ExtraData{.eventId = 72});
-    EXPECT_EQ(FailedExtraData(72, 128), 1);
+    EXPECT_EQ(1, FailedExtraData(72, 128));
 }
 
 }  // namespace

@@ -44,18 +44,18 @@ using SnortEventReaderHandOver = SnortEventReaderTest;
 
 TEST_F(SnortEventReaderOpening, OpensTheFifoWithoutWaitingForAWriter) {
     EXPECT_FALSE(m_reader->ReadEvent(0));
-    EXPECT_EQ(m_log.Count("Opening file: " + m_path), 1);
-    EXPECT_EQ(m_log.Count("File is opened, waiting for Snort events"), 1);
+    EXPECT_EQ(1, m_log.Count("Opening file: " + m_path));
+    EXPECT_EQ(1, m_log.Count("File is opened, waiting for Snort events"));
     EXPECT_FALSE(m_reader->ReadEvent(0));
-    EXPECT_EQ(m_log.Count("Opening file: " + m_path), 1);
+    EXPECT_EQ(1, m_log.Count("Opening file: " + m_path));
 }
 
 TEST_F(SnortEventReaderOpening, TriesAgainAfterAFailedOpen) {
-    ASSERT_EQ(unlink(m_path.c_str()), 0);
+    ASSERT_EQ(0, unlink(m_path.c_str()));
     EXPECT_FALSE(m_reader->ReadEvent(0));
     EXPECT_FALSE(m_reader->ReadEvent(0));
     EXPECT_EQ(
-        m_log.CountAt(1, "Open file error: " + m_path + ", reason: No such file or directory"), 2);
+        2, m_log.CountAt(1, "Open file error: " + m_path + ", reason: No such file or directory"));
     ASSERT_TRUE(m_reader->CreateFifo());
     SendAlert(1);
 }
@@ -64,12 +64,12 @@ TEST_F(SnortEventReaderOpening, FailedOpenKeepsThePendingAlerts) {
     SendAlert(1);
     StopSensor();
     EXPECT_FALSE(m_reader->ReadEvent(10));  // end of file
-    ASSERT_EQ(unlink(m_path.c_str()), 0);
+    ASSERT_EQ(0, unlink(m_path.c_str()));
     EXPECT_FALSE(m_reader->ReadEvent(0));
     EXPECT_TRUE(HandedOver().empty());
     ASSERT_TRUE(m_reader->CreateFifo());
     QuietSecond();
-    EXPECT_EQ(HandedOver(), Ids{1});
+    EXPECT_EQ(Ids{1}, HandedOver());
 }
 
 TEST_F(SnortEventReaderOpening, ReopensForANewWriterAfterTheEndOfFile) {
@@ -77,22 +77,22 @@ TEST_F(SnortEventReaderOpening, ReopensForANewWriterAfterTheEndOfFile) {
     QuietSecond();
     StopSensor();
     EXPECT_FALSE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.Count("Read EOF in SNORT event"), 1);
+    EXPECT_EQ(1, m_log.Count("Read EOF in SNORT event"));
     EXPECT_FALSE(ReaderHasTheFifoOpen());
 
     SendAlert(2);
     QuietSecond();
-    EXPECT_EQ(HandedOver(), (Ids{1, 2}));
-    EXPECT_EQ(m_log.Count("Opening file: "), 2);
+    EXPECT_EQ((Ids{1, 2}), HandedOver());
+    EXPECT_EQ(2, m_log.Count("Opening file: "));
 }
 
 TEST_F(SnortEventReaderOpening, DescriptorIsNotInheritedByOtherPrograms) {
     StartSensor();
     const int next = dup(m_sensor);
-    ASSERT_NE(next, -1);
+    ASSERT_NE(-1, next);
     close(next);
     EXPECT_FALSE(m_reader->ReadEvent(0));  // opens at the number that is free now
-    EXPECT_NE(fcntl(next, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_NE(0, fcntl(next, F_GETFD) & FD_CLOEXEC);
 }
 
 // ---- Framing ----
@@ -102,10 +102,10 @@ TEST_F(SnortEventReaderFraming, HandlesOneRecordACall) {
     u2test::Append(two, Framed(Alert{.eventId = 2}));
     Write(two);
     EXPECT_TRUE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.Count("Got Snort event, Header: Type = 104, Length = 60"), 1);
+    EXPECT_EQ(1, m_log.Count("Got Snort event, Header: Type = 104, Length = 60"));
     EXPECT_TRUE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.Count("Got Snort event, Header: Type = 104, Length = 60"), 2);
-    EXPECT_EQ(m_log.Count("Partial event read"), 0);
+    EXPECT_EQ(2, m_log.Count("Got Snort event, Header: Type = 104, Length = 60"));
+    EXPECT_EQ(0, m_log.Count("Partial event read"));
 }
 
 TEST_F(SnortEventReaderFraming, TakesTheIpv6Alert) {
@@ -113,8 +113,8 @@ TEST_F(SnortEventReaderFraming, TakesTheIpv6Alert) {
     alert.eventId = 9;
     Send(alert);
     QuietSecond();
-    EXPECT_EQ(HandedOver(), Ids{9});
-    EXPECT_EQ(m_log.Count("  ip_source          = 2001:db8::1"), 1);
+    EXPECT_EQ(Ids{9}, HandedOver());
+    EXPECT_EQ(1, m_log.Count("  ip_source          = 2001:db8::1"));
 }
 
 TEST_F(SnortEventReaderFraming, IgnoresWhatARecordHasBeyondItsType) {
@@ -123,19 +123,19 @@ TEST_F(SnortEventReaderFraming, IgnoresWhatARecordHasBeyondItsType) {
     Write(Framed(104, payload));
     EXPECT_TRUE(m_reader->ReadEvent(10));
     QuietSecond();
-    EXPECT_EQ(HandedOver(), Ids{3});
+    EXPECT_EQ(Ids{3}, HandedOver());
 }
 
 TEST_F(SnortEventReaderFraming, ReadsOnInStepAfterARecordOfAnotherType) {
     Write(Framed(7, Bytes(52, 0xFF)));
     EXPECT_TRUE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.Count("Unsupported event type: 7"), 1);
+    EXPECT_EQ(1, m_log.Count("Unsupported event type: 7"));
     Write(Framed(0xFFFFFFFF, Bytes{}));
     EXPECT_TRUE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.Count("Unsupported event type: 4294967295"), 1);
+    EXPECT_EQ(1, m_log.Count("Unsupported event type: 4294967295"));
     SendAlert(1);
     QuietSecond();
-    EXPECT_EQ(HandedOver(), Ids{1});
+    EXPECT_EQ(Ids{1}, HandedOver());
 }
 
 TEST_F(SnortEventReaderFraming, KeepsTheLineFeedOfTheUnsupportedTypeMessage) {
@@ -145,42 +145,42 @@ TEST_F(SnortEventReaderFraming, KeepsTheLineFeedOfTheUnsupportedTypeMessage) {
     const auto message = std::find(lines.begin(), lines.end(), "Unsupported event type: 72");
     ASSERT_NE(message, lines.end());
     ASSERT_NE(message + 1, lines.end());
-    EXPECT_EQ(message[1], "");
+    EXPECT_EQ("", message[1]);
 }
 
 TEST_F(SnortEventReaderFraming, TellsAnUnsupportedTypeAtNoticeLevel) {
     vald::Log::SetLevel(vald::Log::kInfo);
     Write(Framed(72, Bytes(4)));
     EXPECT_TRUE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.Count("Unsupported event type"), 0);
+    EXPECT_EQ(0, m_log.Count("Unsupported event type"));
     vald::Log::SetLevel(vald::Log::kNotice);
     Write(Framed(72, Bytes(4)));
     EXPECT_TRUE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.Count("Unsupported event type"), 1);
+    EXPECT_EQ(1, m_log.Count("Unsupported event type"));
 }
 
 TEST_F(SnortEventReaderFraming, ZeroLengthAlertIsAnAlertOfZeros) {
     Write(Framed(104, Bytes{}));
     EXPECT_TRUE(m_reader->ReadEvent(10));
     QuietSecond();
-    EXPECT_EQ(HandedOver(), Ids{0});
-    EXPECT_EQ(m_log.Count("  ip_source          = 0.0.0.0"), 1);
+    EXPECT_EQ(Ids{0}, HandedOver());
+    EXPECT_EQ(1, m_log.Count("  ip_source          = 0.0.0.0"));
 }
 
 TEST_F(SnortEventReaderFraming, ZeroLengthIpv6AlertIsAnAlertOfZeros) {
     Write(Framed(105, Bytes{}));
     EXPECT_TRUE(m_reader->ReadEvent(10));
     QuietSecond();
-    EXPECT_EQ(m_log.Count("  ip_source          = ::"), 1);
+    EXPECT_EQ(1, m_log.Count("  ip_source          = ::"));
 }
 
 TEST_F(SnortEventReaderFraming, ZeroLengthPacketIsAPacketOfZeros) {
     SendAlert(0);
     Write(Framed(2, Bytes{}));
     EXPECT_TRUE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.CountAt(2, "Packet length doesn't match to the receive payload"), 1);
+    EXPECT_EQ(1, m_log.CountAt(2, "Packet length doesn't match to the receive payload"));
     QuietSecond();
-    EXPECT_EQ(m_log.Count("Type: Packet 0 ---"), 1);
+    EXPECT_EQ(1, m_log.Count("Type: Packet 0 ---"));
 }
 
 TEST_F(SnortEventReaderFraming, ShortAlertReadsAsZerosBeyondItsEnd) {
@@ -189,9 +189,9 @@ TEST_F(SnortEventReaderFraming, ShortAlertReadsAsZerosBeyondItsEnd) {
     Write(Framed(104, payload));
     EXPECT_TRUE(m_reader->ReadEvent(10));
     QuietSecond();
-    EXPECT_EQ(HandedOver(), Ids{5});
-    EXPECT_EQ(m_log.Count("  ip_protocol        = 6"), 1);
-    EXPECT_EQ(m_log.Count("  vlanId             = 0"), 1);
+    EXPECT_EQ(Ids{5}, HandedOver());
+    EXPECT_EQ(1, m_log.Count("  ip_protocol        = 6"));
+    EXPECT_EQ(1, m_log.Count("  vlanId             = 0"));
 }
 
 TEST_F(SnortEventReaderFraming, KeepsThrowingOnExtraDataThatCannotCountItself) {
@@ -208,14 +208,14 @@ TEST_F(SnortEventReaderFraming, KeepsLosingARecordWhoseTailIsNotThereYet) {
     record.resize(40);
     Write(record);
     EXPECT_FALSE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.CountAt(2, "Partial event read: 32"), 1);
-    EXPECT_EQ(m_log.CountAt(1, "Read event error, reason: Resource temporarily unavailable"), 1);
+    EXPECT_EQ(1, m_log.CountAt(2, "Partial event read: 32"));
+    EXPECT_EQ(1, m_log.CountAt(1, "Read event error, reason: Resource temporarily unavailable"));
 
     // The tail that comes later is taken for a header: a priority of 0 and the address 10.1.2.3.
     Write(tail);
     EXPECT_FALSE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.Count("Opening file: "), 2);
-    EXPECT_EQ(m_log.Count("Got Snort event, Header: Type = 0, Length = 167838211"), 1);
+    EXPECT_EQ(2, m_log.Count("Opening file: "));
+    EXPECT_EQ(1, m_log.Count("Got Snort event, Header: Type = 0, Length = 167838211"));
 }
 
 TEST_F(SnortEventReaderFraming, EndOfFileInAPayloadKeepsThePendingAlerts) {
@@ -225,11 +225,11 @@ TEST_F(SnortEventReaderFraming, EndOfFileInAPayloadKeepsThePendingAlerts) {
     Write(record);
     StopSensor();
     EXPECT_FALSE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.CountAt(2, "Partial event read: 12"), 1);
-    EXPECT_EQ(m_log.Count("Read EOF in SNORT event"), 1);
+    EXPECT_EQ(1, m_log.CountAt(2, "Partial event read: 12"));
+    EXPECT_EQ(1, m_log.Count("Read EOF in SNORT event"));
     EXPECT_TRUE(HandedOver().empty());
     QuietSecond();
-    EXPECT_EQ(HandedOver(), Ids{1});
+    EXPECT_EQ(Ids{1}, HandedOver());
 }
 
 TEST_F(SnortEventReaderFraming, EndOfFileInAHeaderKeepsThePendingAlerts) {
@@ -237,7 +237,7 @@ TEST_F(SnortEventReaderFraming, EndOfFileInAHeaderKeepsThePendingAlerts) {
     Write(Bytes{0, 0, 0});
     StopSensor();
     EXPECT_FALSE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.CountAt(2, "Partial event read: 3"), 1);
+    EXPECT_EQ(1, m_log.CountAt(2, "Partial event read: 3"));
     EXPECT_TRUE(HandedOver().empty());
 }
 
@@ -252,10 +252,10 @@ TEST_F(SnortEventReaderFraming, KeepsLoggingTheLastPieceOfASplitRecordToo) {
     Write({record.begin() + 8, record.begin() + 40});
     Write({record.begin() + 40, record.end()});
     EXPECT_TRUE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.CountAt(2, "Partial event read: 32"), 1);
-    EXPECT_EQ(m_log.CountAt(2, "Partial event read: 28"), 1);
+    EXPECT_EQ(1, m_log.CountAt(2, "Partial event read: 32"));
+    EXPECT_EQ(1, m_log.CountAt(2, "Partial event read: 28"));
     QuietSecond();
-    EXPECT_EQ(HandedOver(), Ids{1});
+    EXPECT_EQ(Ids{1}, HandedOver());
 }
 
 TEST_F(SnortEventReaderFraming, AbsurdLengthCostsOnlyTheBytesThatArrive) {
@@ -275,7 +275,7 @@ TEST_F(SnortEventReaderFraming, AbsurdLengthCostsOnlyTheBytesThatArrive) {
 #endif
     SendAlert(1);
     QuietSecond();
-    EXPECT_EQ(HandedOver(), Ids{1});
+    EXPECT_EQ(Ids{1}, HandedOver());
 }
 
 #ifndef TARN_TEST_SANITIZED
@@ -288,17 +288,17 @@ TEST_F(SnortEventReaderFraming, KeepsThePayloadUnreadWhenThereIsNoMemoryForIt) {
     u2test::Put32(record, 0);
     Write(record);
     rlimit former{};
-    ASSERT_EQ(getrlimit(RLIMIT_AS, &former), 0);
+    ASSERT_EQ(0, getrlimit(RLIMIT_AS, &former));
     rlimit tight = former;
     tight.rlim_cur = rlim_t{2} << 30;
-    ASSERT_EQ(setrlimit(RLIMIT_AS, &tight), 0);
+    ASSERT_EQ(0, setrlimit(RLIMIT_AS, &tight));
     EXPECT_FALSE(m_reader->ReadEvent(10));
     setrlimit(RLIMIT_AS, &former);
-    EXPECT_EQ(m_log.CountAt(1, "Unable to allocate memory: 4294967295 bytes"), 1);
+    EXPECT_EQ(1, m_log.CountAt(1, "Unable to allocate memory: 4294967295 bytes"));
 
     EXPECT_TRUE(m_reader->ReadEvent(10));
-    EXPECT_EQ(m_log.Count("Opening file: "), 1);
-    EXPECT_EQ(m_log.Count("Got Snort event, Header: Type = 7, Length = 0"), 1);
+    EXPECT_EQ(1, m_log.Count("Opening file: "));
+    EXPECT_EQ(1, m_log.Count("Got Snort event, Header: Type = 7, Length = 0"));
 }
 #endif
 
@@ -310,7 +310,7 @@ TEST_F(SnortEventReaderPending, HundredAndTwentyNinthAlertPushesTheFirstOut) {
     }
     EXPECT_TRUE(HandedOver().empty());
     SendAlert(129);
-    EXPECT_EQ(HandedOver(), Ids{1});
+    EXPECT_EQ(Ids{1}, HandedOver());
     QuietSecond();
     Ids all;
     for (uint32_t id = 1; id <= 129; ++id) {
@@ -338,16 +338,16 @@ TEST_F(SnortEventReaderPending, QuietSecondForwardsAllInOrderOfArrival) {
         SendAlert(id);
     }
     QuietSecond();
-    EXPECT_EQ(HandedOver(), (Ids{5, 3, 9}));
+    EXPECT_EQ((Ids{5, 3, 9}), HandedOver());
     QuietSecond();
-    EXPECT_EQ(HandedOver().size(), 3U);
+    EXPECT_EQ(3U, HandedOver().size());
 }
 
 TEST_F(SnortEventReaderPending, FailedWaitForwardsAll) {
     SendAlert(1);
     EXPECT_FALSE(m_reader->ReadEvent(-1));
-    EXPECT_EQ(m_log.CountAt(1, "Select FDs error, reason: Invalid argument"), 1);
-    EXPECT_EQ(HandedOver(), Ids{1});
+    EXPECT_EQ(1, m_log.CountAt(1, "Select FDs error, reason: Invalid argument"));
+    EXPECT_EQ(Ids{1}, HandedOver());
 }
 
 TEST_F(SnortEventReaderPending, KeepsNothingOfAPendingAlertWhenDestroyed) {
@@ -364,7 +364,7 @@ TEST_F(SnortEventReaderPackets, AttachToTheNewestAlert) {
     SendAlert(1);
     SendAlert(2);
     Send(Packet{.eventId = 2});
-    EXPECT_EQ(m_log.Count("Associate alert event 2 with packet event"), 1);
+    EXPECT_EQ(1, m_log.Count("Associate alert event 2 with packet event"));
     QuietSecond();
     const auto lines = Lines();
     const auto second = std::find(lines.begin(), lines.end(),
@@ -376,16 +376,16 @@ TEST_F(SnortEventReaderPackets, AttachToTheNewestAlert) {
 
 TEST_F(SnortEventReaderPackets, WithoutAPendingAlertAreRefused) {
     Send(Packet{.eventId = 1});
-    EXPECT_EQ(FailedPackets(1), 1);
+    EXPECT_EQ(1, FailedPackets(1));
 }
 
 TEST_F(SnortEventReaderPackets, OfAnOlderAlertAreRefusedAndChangeNoAlert) {
     SendAlert(1);
     SendAlert(2);
     Send(Packet{.eventId = 1});
-    EXPECT_EQ(FailedPackets(1), 1);
+    EXPECT_EQ(1, FailedPackets(1));
     QuietSecond();
-    EXPECT_EQ(m_log.Count("Type: Packet"), 0);
+    EXPECT_EQ(0, m_log.Count("Type: Packet"));
 }
 
 TEST_F(SnortEventReaderPackets, LaterPacketTakesThePlaceOfTheEarlier) {
@@ -393,15 +393,15 @@ TEST_F(SnortEventReaderPackets, LaterPacketTakesThePlaceOfTheEarlier) {
     Send(Packet{.eventId = 1, .data = {0x11}});
     Send(Packet{.eventId = 1, .data = {0x22}});
     QuietSecond();
-    EXPECT_EQ(m_log.Count("Type: Packet 1 ---"), 1);
-    EXPECT_EQ(m_log.Count("    0: 22 "), 1);
+    EXPECT_EQ(1, m_log.Count("Type: Packet 1 ---"));
+    EXPECT_EQ(1, m_log.Count("    0: 22 "));
 }
 
 TEST_F(SnortEventReaderPackets, ArriveTooLateForAForwardedAlert) {
     SendAlert(1);
     QuietSecond();
     Send(Packet{.eventId = 1});
-    EXPECT_EQ(FailedPackets(1), 1);
+    EXPECT_EQ(1, FailedPackets(1));
 }
 
 // ---- Handing over ----
@@ -410,10 +410,10 @@ TEST_F(SnortEventReaderHandOver, RefusedAlertIsDroppedAndTheFlushGoesOn) {
     SendAlert(1);
     SendAlert(2);
     QuietSecond();
-    EXPECT_EQ(m_log.Count("Sending event to event bridge"), 2);
-    EXPECT_EQ(m_log.CountAt(2, "Unable to process event."), 2);
+    EXPECT_EQ(2, m_log.Count("Sending event to event bridge"));
+    EXPECT_EQ(2, m_log.CountAt(2, "Unable to process event."));
     QuietSecond();
-    EXPECT_EQ(m_log.Count("Sending event to event bridge"), 2);
+    EXPECT_EQ(2, m_log.Count("Sending event to event bridge"));
 }
 
 TEST_F(SnortEventReaderHandOver, DumpsTheAlertBeforeAtTheDebugLevelOnly) {
@@ -421,7 +421,7 @@ TEST_F(SnortEventReaderHandOver, DumpsTheAlertBeforeAtTheDebugLevelOnly) {
     Config::s_logLevel = 4;
     QuietSecond();
     EXPECT_TRUE(HandedOver().empty());
-    EXPECT_EQ(m_log.Count("Sending event to event bridge"), 1);
+    EXPECT_EQ(1, m_log.Count("Sending event to event bridge"));
 }
 
 TEST_F(SnortEventReaderHandOver, SaysOnlyTheRefusalBelowTheDebugLevel) {
@@ -443,14 +443,14 @@ TEST_F(SnortEventReaderHandOver, BridgeOwnsTheAlertsThatItTakes) {
     const PrivateChannel channel;
     Config::s_debugSingle = 0;
     EventBridge* bridge = EventBridge::GetInstance();
-    ASSERT_EQ(bridge->Initialize(), 0);
+    ASSERT_EQ(0, bridge->Initialize());
     for (uint32_t id = 1; id <= 131; ++id) {
         SendAlert(id);
     }
     m_reader.reset();  // the 128 still pending go with it
-    EXPECT_EQ(m_log.Count("Unable to process event."), 0);
+    EXPECT_EQ(0, m_log.Count("Unable to process event."));
     bridge->Finalize();
-    EXPECT_EQ(m_log.CountAt(3, "EventBridge drops 3 queued events during finalizing."), 1);
+    EXPECT_EQ(1, m_log.CountAt(3, "EventBridge drops 3 queued events during finalizing."));
     bridge->Release();
 }
 
@@ -465,7 +465,7 @@ TEST_F(SnortEventReaderHandOver, HoldsAReferenceOfTheBridgeForItsLife) {
         return result == 0;
     };
     EventBridge* bridge = EventBridge::GetInstance();
-    ASSERT_EQ(bridge->Initialize(), 0);
+    ASSERT_EQ(0, bridge->Initialize());
     bridge->Release();
     EXPECT_TRUE(initialised());
     m_reader.reset();
@@ -476,11 +476,11 @@ TEST_F(SnortEventReaderHandOver, HoldsAReferenceOfTheBridgeForItsLife) {
 
 TEST(SnortEventReaderInstance, IsOneUntilReleased) {
     SnortEventReader* reader = SnortEventReader::Instance();
-    ASSERT_NE(reader, nullptr);
+    ASSERT_NE(nullptr, reader);
     EXPECT_EQ(SnortEventReader::Instance(), reader);
     SnortEventReader::ReleaseInstance();
     SnortEventReader::ReleaseInstance();
-    EXPECT_NE(SnortEventReader::Instance(), nullptr);
+    EXPECT_NE(nullptr, SnortEventReader::Instance());
     SnortEventReader::ReleaseInstance();
 }
 

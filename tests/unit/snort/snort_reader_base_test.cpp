@@ -74,7 +74,7 @@ class SnortReaderBaseTest : public testing::Test {
         EXPECT_TRUE(reader->CreateFifo());
         reader->Open();
         m_writer = open(m_path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-        EXPECT_NE(m_writer, -1);
+        EXPECT_NE(-1, m_writer);
         return reader;
     }
 
@@ -90,7 +90,7 @@ using SnortReaderBaseWaitReadable = SnortReaderBaseTest;
 
 TEST_F(SnortReaderBaseTest, StartsClosedAndLeavesTheFileSystemAlone) {
     const OpenReader reader(m_path);
-    EXPECT_EQ(reader.Fd(), -1);
+    EXPECT_EQ(-1, reader.Fd());
     EXPECT_EQ(reader.Path(), m_path);
     EXPECT_TRUE(std::filesystem::is_empty(m_folder.Path()));
 }
@@ -109,7 +109,7 @@ TEST_F(SnortReaderBaseTest, CloseLeavesTheReaderClosed) {
     auto reader = OpenedReader();
     const int fd = reader->Fd();
     reader->Close();
-    EXPECT_EQ(reader->Fd(), -1);
+    EXPECT_EQ(-1, reader->Fd());
     EXPECT_FALSE(IsOpen(fd));
     close(m_writer);
 }
@@ -118,16 +118,16 @@ TEST_F(SnortReaderBaseCreateFifo, MakesAFifoUnderTheUmask) {
     OpenReader reader(m_path);
     EXPECT_TRUE(reader.CreateFifo());
     struct stat status {};
-    ASSERT_EQ(stat(m_path.c_str(), &status), 0);
+    ASSERT_EQ(0, stat(m_path.c_str(), &status));
     EXPECT_TRUE(S_ISFIFO(status.st_mode));
-    EXPECT_EQ(status.st_mode & 07777, 0644U);
-    EXPECT_EQ(m_log.Lines(), std::vector<std::string>{"Creating FIFO: " + m_path});
+    EXPECT_EQ(0644U, status.st_mode & 07777);
+    EXPECT_EQ(std::vector<std::string>{"Creating FIFO: " + m_path}, m_log.Lines());
 }
 
 TEST_F(SnortReaderBaseCreateFifo, AcceptsAFifoOfAnEarlierRunAsItStands) {
-    ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+    ASSERT_EQ(0, mkfifo(m_path.c_str(), 0600));
     const int both = open(m_path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_EQ(write(both, "left", 4), 4);
+    ASSERT_EQ(4, write(both, "left", 4));
 
     OpenReader reader(m_path);
     EXPECT_TRUE(reader.CreateFifo());
@@ -136,11 +136,11 @@ TEST_F(SnortReaderBaseCreateFifo, AcceptsAFifoOfAnEarlierRunAsItStands) {
                                             "FIFO: " + m_path + " is already existed"};
     EXPECT_EQ(m_log.Lines(), lines);
     struct stat status {};
-    ASSERT_EQ(stat(m_path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0600U);
+    ASSERT_EQ(0, stat(m_path.c_str(), &status));
+    EXPECT_EQ(0600U, status.st_mode & 07777);
     char data[5] = {};
-    EXPECT_EQ(read(both, data, 4), 4);
-    EXPECT_STREQ(data, "left");
+    EXPECT_EQ(4, read(both, data, 4));
+    EXPECT_STREQ("left", data);
     close(both);
 }
 
@@ -153,18 +153,17 @@ TEST_F(SnortReaderBaseCreateFifo, RefusesAPlainFileAndLeavesItAlone) {
         "Fatal error: " + m_path +
             " is already created by SNORT, reader won't work. Please remove it manually"};
     EXPECT_EQ(m_log.Lines(), lines);
-    EXPECT_EQ(std::filesystem::file_size(m_path), 7U);
+    EXPECT_EQ(7U, std::filesystem::file_size(m_path));
 }
 
 TEST_F(SnortReaderBaseCreateFifo, RefusesADirectory) {
-    ASSERT_EQ(mkdir(m_path.c_str(), 0700), 0);
+    ASSERT_EQ(0, mkdir(m_path.c_str(), 0700));
     OpenReader reader(m_path);
     EXPECT_FALSE(reader.CreateFifo());
     EXPECT_EQ(
-        m_log.CountAt(1, "Fatal error: " + m_path +
-                             " is already created by SNORT, reader won't work. Please remove it "
-                             "manually"),
-        1);
+        1, m_log.CountAt(1, "Fatal error: " + m_path +
+                                " is already created by SNORT, reader won't work. Please remove it "
+                                "manually"));
     EXPECT_TRUE(std::filesystem::is_directory(m_path));
 }
 
@@ -173,7 +172,7 @@ TEST_F(SnortReaderBaseCreateFifo, FailsWithoutAParentDirectory) {
     OpenReader reader(path);
     EXPECT_FALSE(reader.CreateFifo());
     EXPECT_EQ(
-        m_log.CountAt(1, "Cannot create FIFO: " + path + ", reason: No such file or directory"), 1);
+        1, m_log.CountAt(1, "Cannot create FIFO: " + path + ", reason: No such file or directory"));
     EXPECT_FALSE(std::filesystem::exists(m_folder.File("missing")));
 }
 
@@ -182,13 +181,13 @@ TEST_F(SnortReaderBaseCreateFifo, TriesToMakeTheFifoForWhateverReasonStatFails) 
     const std::string path = m_folder.File("plain/test.fifo");
     OpenReader reader(path);
     EXPECT_FALSE(reader.CreateFifo());
-    EXPECT_EQ(m_log.CountAt(1, "Cannot create FIFO: " + path + ", reason: Not a directory"), 1);
+    EXPECT_EQ(1, m_log.CountAt(1, "Cannot create FIFO: " + path + ", reason: Not a directory"));
 }
 
 TEST_F(SnortReaderBaseWaitReadable, ReturnsZeroOnTimeoutAndStaysOpen) {
     auto reader = OpenedReader();
     const int fd = reader->Fd();
-    EXPECT_EQ(reader->WaitReadable(0), 0);
+    EXPECT_EQ(0, reader->WaitReadable(0));
     EXPECT_EQ(reader->Fd(), fd);
     EXPECT_TRUE(IsOpen(fd));
     close(m_writer);
@@ -196,9 +195,9 @@ TEST_F(SnortReaderBaseWaitReadable, ReturnsZeroOnTimeoutAndStaysOpen) {
 
 TEST_F(SnortReaderBaseWaitReadable, ReturnsAPositiveNumberWhenDataIsThere) {
     auto reader = OpenedReader();
-    ASSERT_EQ(write(m_writer, "x", 1), 1);
+    ASSERT_EQ(1, write(m_writer, "x", 1));
     EXPECT_GT(reader->WaitReadable(10), 0);
-    EXPECT_NE(reader->Fd(), -1);
+    EXPECT_NE(-1, reader->Fd());
     close(m_writer);
 }
 
@@ -206,7 +205,7 @@ TEST_F(SnortReaderBaseWaitReadable, ReturnsAPositiveNumberWhenTheWriterIsGone) {
     auto reader = OpenedReader();
     close(m_writer);
     EXPECT_GT(reader->WaitReadable(10), 0);
-    EXPECT_NE(reader->Fd(), -1);
+    EXPECT_NE(-1, reader->Fd());
 }
 
 TEST_F(SnortReaderBaseWaitReadable, KeepsClosingTheFifoWhenASignalInterrupts) {
@@ -214,11 +213,11 @@ TEST_F(SnortReaderBaseWaitReadable, KeepsClosingTheFifoWhenASignalInterrupts) {
     const int fd = reader->Fd();
     {
         const Interruptions interruptions;
-        EXPECT_EQ(reader->WaitReadable(60), -1);
+        EXPECT_EQ(-1, reader->WaitReadable(60));
     }
-    EXPECT_EQ(reader->Fd(), -1);
+    EXPECT_EQ(-1, reader->Fd());
     EXPECT_FALSE(IsOpen(fd));
-    EXPECT_EQ(m_log.Count("Select interrupted by signal, reason: Interrupted system call"), 1);
+    EXPECT_EQ(1, m_log.Count("Select interrupted by signal, reason: Interrupted system call"));
     close(m_writer);
 }
 
@@ -228,7 +227,7 @@ TEST_F(SnortReaderBaseTest, SaysNothingOfTheUsualBelowTheDebugLevel) {
     EXPECT_TRUE(reader->CreateFifo());
     {
         const Interruptions interruptions;
-        EXPECT_EQ(reader->WaitReadable(60), -1);
+        EXPECT_EQ(-1, reader->WaitReadable(60));
     }
     EXPECT_TRUE(m_log.Lines().empty());
     close(m_writer);
@@ -237,32 +236,32 @@ TEST_F(SnortReaderBaseTest, SaysNothingOfTheUsualBelowTheDebugLevel) {
 TEST_F(SnortReaderBaseWaitReadable, LogsAnyOtherFailureAndCloses) {
     auto reader = OpenedReader();
     const int fd = reader->Fd();
-    EXPECT_EQ(reader->WaitReadable(-1), -1);
-    EXPECT_EQ(reader->Fd(), -1);
+    EXPECT_EQ(-1, reader->WaitReadable(-1));
+    EXPECT_EQ(-1, reader->Fd());
     EXPECT_FALSE(IsOpen(fd));
-    EXPECT_EQ(m_log.CountAt(1, "Select FDs error, reason: Invalid argument"), 1);
+    EXPECT_EQ(1, m_log.CountAt(1, "Select FDs error, reason: Invalid argument"));
     close(m_writer);
 }
 
 TEST_F(SnortReaderBaseWaitReadable, RefusesADescriptorThatSelectHasNoRoomFor) {
     rlimit former{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &former));
     if (former.rlim_max <= FD_SETSIZE) {
         GTEST_SKIP() << "no descriptor of this process can be that high";
     }
     rlimit wide = former;
     wide.rlim_cur = FD_SETSIZE + 1;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &wide), 0);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &wide));
     auto reader = OpenedReader();
     const int high = fcntl(reader->Fd(), F_DUPFD_CLOEXEC, FD_SETSIZE);
     ASSERT_GE(high, FD_SETSIZE);
     reader->Close();
     reader->Adopt(high);
 
-    EXPECT_EQ(reader->WaitReadable(60), -1);
-    EXPECT_EQ(reader->Fd(), -1);
+    EXPECT_EQ(-1, reader->WaitReadable(60));
+    EXPECT_EQ(-1, reader->Fd());
     EXPECT_FALSE(IsOpen(high));
-    EXPECT_EQ(m_log.CountAt(1, "Select FDs error, reason: Bad file descriptor"), 1);
+    EXPECT_EQ(1, m_log.CountAt(1, "Select FDs error, reason: Bad file descriptor"));
     setrlimit(RLIMIT_NOFILE, &former);
     close(m_writer);
 }
@@ -285,14 +284,14 @@ TEST_F(SnortReaderBaseWaitReadable, ReleasesTheDescriptorWhenItsThreadIsCancelle
     const int fd = reader->Fd();
     WaitingThread waiting{.reader = reader.release()};
     pthread_t thread{};
-    ASSERT_EQ(pthread_create(&thread, nullptr, WaitForGood, &waiting), 0);
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, WaitForGood, &waiting));
     while (!waiting.isWaiting) {
         sched_yield();
     }
-    ASSERT_EQ(pthread_cancel(thread), 0);
+    ASSERT_EQ(0, pthread_cancel(thread));
     void* result = nullptr;
-    ASSERT_EQ(pthread_join(thread, &result), 0);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    ASSERT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
     EXPECT_FALSE(IsOpen(fd));
     close(m_writer);
 }

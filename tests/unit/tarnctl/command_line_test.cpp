@@ -36,7 +36,7 @@ class CommandLineTest : public testing::Test {
 };
 
 TEST_F(CommandLineTest, ShowsHelpWithTheSubCommandsAndExamples) {
-    EXPECT_EQ(Run({"--help"}), kExitFine);
+    EXPECT_EQ(kExitFine, Run({"--help"}));
     for (const char* const command : kCommands) {
         EXPECT_THAT(m_out.str(), HasSubstr("\n  " + std::string(command) + " "));
     }
@@ -44,14 +44,14 @@ TEST_F(CommandLineTest, ShowsHelpWithTheSubCommandsAndExamples) {
 }
 
 TEST_F(CommandLineTest, ShowsTheVersion) {
-    EXPECT_EQ(Run({"--version"}), kExitFine);
+    EXPECT_EQ(kExitFine, Run({"--version"}));
     EXPECT_THAT(m_out.str(), StartsWith("tarnctl 1."));
 }
 
 TEST_F(CommandLineTest, ShowsExamplesInTheHelpOfEachSubCommand) {
     for (const char* const command : kCommands) {
         m_out.str("");
-        EXPECT_EQ(Run({command, "--help"}), kExitFine);
+        EXPECT_EQ(kExitFine, Run({command, "--help"}));
         EXPECT_THAT(m_out.str(), HasSubstr("Examples:\n  tarnctl " + std::string(command)));
     }
 }
@@ -60,9 +60,9 @@ class WrongCommandLine : public CommandLineTest,
                          public testing::WithParamInterface<std::vector<std::string>> {};
 
 TEST_P(WrongCommandLine, IsAUsageError) {
-    EXPECT_EQ(Run(GetParam()), kExitUsage);
-    EXPECT_EQ(m_out.str(), "");
-    EXPECT_NE(m_err.str(), "");
+    EXPECT_EQ(kExitUsage, Run(GetParam()));
+    EXPECT_EQ("", m_out.str());
+    EXPECT_NE("", m_err.str());
 }
 
 using Words = std::vector<std::string>;
@@ -79,10 +79,11 @@ INSTANTIATE_TEST_SUITE_P(
                     Words{"secmgr", "--nft", "--never", "10.0.0.1/8"}));
 
 TEST_F(CommandLineTest, RunsTheSubCommandWithItsOptions) {
-    EXPECT_EQ(Run({"replay", "--rate", "max", "--fifo", "/none/fifo", "/none/file"}), kExitFailure);
-    EXPECT_EQ(m_err.str(),
-              "tarnctl replay: /none/file: No such file or directory; make the directory "
-              "/none first\n");
+    EXPECT_EQ(kExitFailure, Run({"replay", "--rate", "max", "--fifo", "/none/fifo", "/none/file"}));
+    EXPECT_EQ(
+        "tarnctl replay: /none/file: No such file or directory; make the directory "
+        "/none first\n",
+        m_err.str());
 }
 
 }  // namespace

@@ -22,31 +22,31 @@ class GateTest : public ::testing::Test {
 
 TEST(Deadline, TwoSecondsLeaveTheNanosecondsUnchanged) {
     const timespec deadline = DeadlineAfter(timeval{100, 600000}, 2000);
-    EXPECT_EQ(deadline.tv_sec, 102);
-    EXPECT_EQ(deadline.tv_nsec, 600000000);
+    EXPECT_EQ(102, deadline.tv_sec);
+    EXPECT_EQ(600000000, deadline.tv_nsec);
 }
 
 TEST(Deadline, FifteenHundredMillisecondsCarryIntoTheSeconds) {
     const timespec deadline = DeadlineAfter(timeval{100, 600000}, 1500);
-    EXPECT_EQ(deadline.tv_sec, 102);
-    EXPECT_EQ(deadline.tv_nsec, 100000000);
+    EXPECT_EQ(102, deadline.tv_sec);
+    EXPECT_EQ(100000000, deadline.tv_nsec);
 }
 
 TEST(Deadline, AWholeSecondOfNanosecondsCarries) {
     const timespec deadline = DeadlineAfter(timeval{100, 500000}, 500);
-    EXPECT_EQ(deadline.tv_sec, 101);
-    EXPECT_EQ(deadline.tv_nsec, 0);
+    EXPECT_EQ(101, deadline.tv_sec);
+    EXPECT_EQ(0, deadline.tv_nsec);
 }
 
 TEST(Deadline, OfZeroMillisecondsIsNow) {
     const timespec deadline = DeadlineAfter(timeval{7, 999999}, 0);
-    EXPECT_EQ(deadline.tv_sec, 7);
-    EXPECT_EQ(deadline.tv_nsec, 999999000);
+    EXPECT_EQ(7, deadline.tv_sec);
+    EXPECT_EQ(999999000, deadline.tv_nsec);
 }
 
 TEST(Deadline, FromNowLiesAheadOfTheClock) {
     timeval before{};
-    ASSERT_EQ(gettimeofday(&before, nullptr), 0);
+    ASSERT_EQ(0, gettimeofday(&before, nullptr));
     const timespec deadline = DeadlineFromNow(2000);
     EXPECT_GE(deadline.tv_sec, before.tv_sec + 2);
     EXPECT_LE(deadline.tv_sec, before.tv_sec + 4);
@@ -88,24 +88,23 @@ TEST_F(GateTest, BroadcastReleasesEveryWaiter) {
     for (std::thread& waiter : waiters) {
         waiter.join();
     }
-    EXPECT_EQ(released, 4);
+    EXPECT_EQ(4, released);
 }
 
 TEST_F(GateTest, ACancelledWaiterLeavesTheMutexFree) {
     m_gate.Close();
     pthread_t waiter{};
-    ASSERT_EQ(pthread_create(
-                  &waiter, nullptr,
-                  [](void* gate) -> void* {
-                      (void)static_cast<Gate*>(gate)->Wait();
-                      return nullptr;
-                  },
-                  &m_gate),
-              0);
-    ASSERT_EQ(pthread_cancel(waiter), 0);
+    ASSERT_EQ(0, pthread_create(
+                     &waiter, nullptr,
+                     [](void* gate) -> void* {
+                         (void)static_cast<Gate*>(gate)->Wait();
+                         return nullptr;
+                     },
+                     &m_gate));
+    ASSERT_EQ(0, pthread_cancel(waiter));
     void* result = nullptr;
-    ASSERT_EQ(pthread_join(waiter, &result), 0);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    ASSERT_EQ(0, pthread_join(waiter, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
     m_gate.Open(true);  // would block for ever on a mutex that was left locked
     EXPECT_TRUE(m_gate.IsOpen());
 }
@@ -115,7 +114,7 @@ TEST_F(GateTest, WhileClosedActsOnlyOnAClosedGate) {
     EXPECT_FALSE(m_gate.WhileClosed([&calls] { ++calls; }));
     m_gate.Close();
     EXPECT_TRUE(m_gate.WhileClosed([&calls] { ++calls; }));
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(1, calls);
 }
 
 }  // namespace

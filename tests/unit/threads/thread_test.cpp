@@ -46,12 +46,12 @@ class ScriptedThread : public Thread {
 TEST(ThreadStart, RunsTheBodyAndKeepsItsResult) {
     ScriptedThread thread([] { return 42; });
     EXPECT_FALSE(thread.IsRunning());
-    EXPECT_EQ(thread.Handle(), 0U);
+    EXPECT_EQ(0U, thread.Handle());
     ASSERT_TRUE(thread.Start(false));
     void* result = nullptr;
     ASSERT_TRUE(thread.Join(kLongMs, &result));
-    EXPECT_EQ(reinterpret_cast<long>(result), 42);
-    EXPECT_EQ(thread.ExitCode(), 42);
+    EXPECT_EQ(42, reinterpret_cast<long>(result));
+    EXPECT_EQ(42, thread.ExitCode());
     EXPECT_FALSE(thread.IsRunning());
     EXPECT_TRUE(thread.IsFinished());
 }
@@ -66,7 +66,7 @@ TEST(ThreadStart, RefusesASecondStartWhileTheThreadLives) {
     EXPECT_EQ(thread.Handle(), handle);
     thread.Stop();
     ASSERT_TRUE(thread.Join(nullptr));
-    EXPECT_EQ(thread.ExitCode(), 7);
+    EXPECT_EQ(7, thread.ExitCode());
 }
 
 TEST(ThreadStart, ShowsAsNotRunningUntilItsFirstLine) {
@@ -86,9 +86,9 @@ TEST(ThreadStart, WorksAgainAfterAJoinWithANewHandle) {
     ScriptedThread thread([&runs] { return ++runs; });
     for (int expected = 1; expected <= 20; ++expected) {
         ASSERT_TRUE(thread.Start(false));
-        EXPECT_NE(thread.Handle(), 0U);
+        EXPECT_NE(0U, thread.Handle());
         ASSERT_TRUE(thread.Join(nullptr));
-        EXPECT_EQ(thread.ExitCode(), expected);
+        EXPECT_EQ(expected, thread.ExitCode());
     }
 }
 
@@ -102,7 +102,7 @@ TEST(ThreadStart, WorksAgainForAFinishedThreadThatNobodyJoined) {
         ASSERT_TRUE(thread.Start(false));
     }
     ASSERT_TRUE(thread.Join(nullptr));
-    EXPECT_EQ(runs, 20);
+    EXPECT_EQ(20, runs);
 }
 
 // While this object lives no thread can be made: none gets a stack of this size.
@@ -133,7 +133,7 @@ TEST(ThreadStart, ThatFailsOpensTheGateAndMayBeTriedAgain) {
         const NoNewThreads none;
         ASSERT_FALSE(thread.Start(true));
     }
-    EXPECT_EQ(thread.Handle(), 0U);
+    EXPECT_EQ(0U, thread.Handle());
     EXPECT_FALSE(thread.IsRunning());
     EXPECT_FALSE(thread.IsFinished());
     EXPECT_TRUE(thread.Join(nullptr)) << "a waiter on a detached thread does not hang";
@@ -141,7 +141,7 @@ TEST(ThreadStart, ThatFailsOpensTheGateAndMayBeTriedAgain) {
     while (!thread.IsFinished()) {
         usleep(100);
     }
-    EXPECT_EQ(thread.ExitCode(), 5);
+    EXPECT_EQ(5, thread.ExitCode());
     ASSERT_TRUE(thread.Settle(kLongMs));
 }
 
@@ -153,7 +153,7 @@ TEST(ThreadStart, KeepsRefusingAfterARestartThatFailed) {
         const NoNewThreads none;
         ASSERT_FALSE(thread.Start(false));
     }
-    EXPECT_NE(thread.Handle(), 0U);
+    EXPECT_NE(0U, thread.Handle());
     EXPECT_FALSE(thread.IsFinished());
     EXPECT_FALSE(thread.AwaitBegun(kLongMs)) << "there is nothing to wait for";
     EXPECT_FALSE(thread.Start(false));
@@ -205,16 +205,16 @@ TEST(ThreadBody, ThatThrowsEndsTheThreadThroughOnException) {
     ScriptedThread thread([]() -> int { throw std::out_of_range("too far"); });
     ASSERT_TRUE(thread.Start(false));
     ASSERT_TRUE(thread.Join(kLongMs, nullptr));
-    EXPECT_EQ(thread.m_caught, "too far");
+    EXPECT_EQ("too far", thread.m_caught);
     EXPECT_TRUE(thread.IsFinished());
-    EXPECT_EQ(thread.ExitCode(), 0);
+    EXPECT_EQ(0, thread.ExitCode());
 }
 
 TEST(ThreadBody, ThatThrowsAnythingElseGivesAnUnhandledException) {
     ScriptedThread thread([]() -> int { throw 5; });
     ASSERT_TRUE(thread.Start(false));
     ASSERT_TRUE(thread.Join(kLongMs, nullptr));
-    EXPECT_EQ(thread.m_caught, "Unhandled Exception");
+    EXPECT_EQ("Unhandled Exception", thread.m_caught);
     EXPECT_TRUE(thread.IsFinished());
 }
 
@@ -230,7 +230,7 @@ TEST(ThreadBody, ThatThrowsKeepsTheFormerExitCode) {
     ASSERT_TRUE(thread.Join(nullptr));
     ASSERT_TRUE(thread.Start(false));
     ASSERT_TRUE(thread.Join(nullptr));
-    EXPECT_EQ(thread.ExitCode(), 9);
+    EXPECT_EQ(9, thread.ExitCode());
 }
 
 TEST(ThreadCancel, EndsTheThreadAndOpensTheGate) {
@@ -242,7 +242,7 @@ TEST(ThreadCancel, EndsTheThreadAndOpensTheGate) {
     thread.Cancel();
     EXPECT_TRUE(thread.Join(kLongMs, nullptr));
     EXPECT_FALSE(thread.IsRunning());
-    EXPECT_EQ(thread.m_caught, "") << "a cancel is no exception of the body";
+    EXPECT_EQ("", thread.m_caught) << "a cancel is no exception of the body";
 }
 
 TEST(ThreadCancel, LeavesAFinishedThreadAlone) {
@@ -250,13 +250,13 @@ TEST(ThreadCancel, LeavesAFinishedThreadAlone) {
     ASSERT_TRUE(thread.Start(true));
     ASSERT_TRUE(thread.Join(kLongMs, nullptr));
     thread.Cancel();
-    EXPECT_EQ(thread.ExitCode(), 1);
+    EXPECT_EQ(1, thread.ExitCode());
 }
 
 TEST(ThreadCancel, BeforeAnyStartDoesNothing) {
     ScriptedThread thread([] { return 1; });
     thread.Cancel();
-    EXPECT_EQ(thread.Handle(), 0U);
+    EXPECT_EQ(0U, thread.Handle());
 }
 
 TEST(ThreadCancelAndJoin, EndsAWaitingThread) {
@@ -293,16 +293,16 @@ TEST(ThreadPriority, ReportsWhatTheSystemSays) {
     self = &thread;
     ASSERT_TRUE(thread.Start(false));
     int priority = -1;
-    EXPECT_EQ(thread.GetPriority(&priority), 0);
-    EXPECT_EQ(priority, 0);
+    EXPECT_EQ(0, thread.GetPriority(&priority));
+    EXPECT_EQ(0, priority);
     const int failure = thread.SetPriority(1);
     if (failure == 0) {
-        EXPECT_EQ(thread.GetPriority(&priority), 0);
-        EXPECT_EQ(priority, 1);
+        EXPECT_EQ(0, thread.GetPriority(&priority));
+        EXPECT_EQ(1, priority);
     } else {
-        EXPECT_EQ(failure, EPERM);
+        EXPECT_EQ(EPERM, failure);
     }
-    EXPECT_EQ(thread.SetPriority(1000), EINVAL);
+    EXPECT_EQ(EINVAL, thread.SetPriority(1000));
     thread.Stop();
     ASSERT_TRUE(thread.Join(nullptr));
 }
@@ -310,13 +310,13 @@ TEST(ThreadPriority, ReportsWhatTheSystemSays) {
 TEST(ThreadPriority, IsRefusedWithoutAThreadThatRuns) {
     ScriptedThread thread([] { return 0; });
     int priority = -1;
-    EXPECT_EQ(thread.SetPriority(1), ESRCH);
-    EXPECT_EQ(thread.GetPriority(&priority), ESRCH);
+    EXPECT_EQ(ESRCH, thread.SetPriority(1));
+    EXPECT_EQ(ESRCH, thread.GetPriority(&priority));
     ASSERT_TRUE(thread.Start(false));
     ASSERT_TRUE(thread.Join(nullptr));
-    EXPECT_EQ(thread.SetPriority(1), ESRCH);
-    EXPECT_EQ(thread.GetPriority(&priority), ESRCH);
-    EXPECT_EQ(priority, -1);
+    EXPECT_EQ(ESRCH, thread.SetPriority(1));
+    EXPECT_EQ(ESRCH, thread.GetPriority(&priority));
+    EXPECT_EQ(-1, priority);
 }
 
 }  // namespace

@@ -93,7 +93,7 @@ TEST(Unified2Dump, WritesAnIpv4AlertFieldByField) {
         "  vlanId             = 200",
         "  policy id          = 42",
     };
-    EXPECT_EQ(log.Lines(), expected);
+    EXPECT_EQ(expected, log.Lines());
 }
 
 TEST(Unified2Dump, WritesAnIpv6AlertFieldByField) {
@@ -101,17 +101,17 @@ TEST(Unified2Dump, WritesAnIpv6AlertFieldByField) {
     U2AlertEventIpv6 event(Allocated(FullAlert(u2test::AlertIpv6()).Payload()));
     event.Dump();
     const Lines lines = log.Lines();
-    ASSERT_EQ(lines.size(), 20U);
-    EXPECT_EQ(lines[0], "Type: Event 4711 -------------------------------------------");
-    EXPECT_EQ(lines[10], "  ip_source          = 2001:db8::1");
-    EXPECT_EQ(lines[11], "  sport_itype        = 40000");
-    EXPECT_EQ(lines[12], "  ip_destination     = 2001:db8::2");
-    EXPECT_EQ(lines[13], "  dport_icode        = 80");
-    EXPECT_EQ(lines[14], "  ip_protocol        = 17");
-    EXPECT_EQ(lines[15], "  impact             = 32");
-    EXPECT_EQ(lines[16], "  blocked            = 1");
-    EXPECT_EQ(lines[18], "  vlanId             = 200");
-    EXPECT_EQ(lines[19], "  policy id          = 42");
+    ASSERT_EQ(20U, lines.size());
+    EXPECT_EQ("Type: Event 4711 -------------------------------------------", lines[0]);
+    EXPECT_EQ("  ip_source          = 2001:db8::1", lines[10]);
+    EXPECT_EQ("  sport_itype        = 40000", lines[11]);
+    EXPECT_EQ("  ip_destination     = 2001:db8::2", lines[12]);
+    EXPECT_EQ("  dport_icode        = 80", lines[13]);
+    EXPECT_EQ("  ip_protocol        = 17", lines[14]);
+    EXPECT_EQ("  impact             = 32", lines[15]);
+    EXPECT_EQ("  blocked            = 1", lines[16]);
+    EXPECT_EQ("  vlanId             = 200", lines[18]);
+    EXPECT_EQ("  policy id          = 42", lines[19]);
 }
 
 TEST(Unified2Dump, KeepsTheLowHalfOfTheMplsLabelOut) {
@@ -120,15 +120,15 @@ TEST(Unified2Dump, KeepsTheLowHalfOfTheMplsLabelOut) {
     const QuestionedLog log;
     U2AlertEventIpv4 event(Allocated(alert.Payload()));
     event.Dump();
-    EXPECT_EQ(log.Lines().at(17), "  mpls_label         = 1");
+    EXPECT_EQ("  mpls_label         = 1", log.Lines().at(17));
 }
 
 TEST(Unified2Dump, KeepsTheGeneratorAheadOfTheSignature) {
     const QuestionedLog log;
     U2AlertEventIpv4 event(Allocated(u2test::Alert{}.Payload()));
     event.Dump();
-    EXPECT_EQ(log.Lines().at(5), "  generator_id       = 1");
-    EXPECT_EQ(log.Lines().at(6), "  signature_id       = 1000001");
+    EXPECT_EQ("  generator_id       = 1", log.Lines().at(5));
+    EXPECT_EQ("  signature_id       = 1000001", log.Lines().at(6));
 }
 
 TEST(Unified2Dump, WritesPacketHostnameAndUriBehindTheAlertInThatOrder) {
@@ -152,7 +152,7 @@ TEST(Unified2Dump, WritesPacketHostnameAndUriBehindTheAlertInThatOrder) {
         "Type: Extra Data 1 -------------------------------------------",
         "  Data                = /uri",
     };
-    EXPECT_EQ(titles, expected);
+    EXPECT_EQ(expected, titles);
 }
 
 TEST(Unified2Dump, WritesAPacketFieldByField) {
@@ -168,7 +168,7 @@ TEST(Unified2Dump, WritesAPacketFieldByField) {
         "---- Packet Dump ----",
         "    0: DE AD BE EF                                      ....",
     };
-    EXPECT_EQ(Dumped(u2test::Packet{.sensorId = 7, .eventId = 12}), expected);
+    EXPECT_EQ(expected, Dumped(u2test::Packet{.sensorId = 7, .eventId = 12}));
 }
 
 TEST(Unified2Dump, TwentyBytesAreAFullLineAndALineOfFour) {
@@ -176,26 +176,26 @@ TEST(Unified2Dump, TwentyBytesAreAFullLineAndALineOfFour) {
         "    0: 0A 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F  .ABCDEFGHIJKLMNO",
         "   16: 50 51 52 53                                      PQRS",
     };
-    EXPECT_EQ(DumpedBytes(PacketBytes(20)), expected);
+    EXPECT_EQ(expected, DumpedBytes(PacketBytes(20)));
 }
 
 TEST(Unified2Dump, SixteenBytesAreOneLine) {
     const Lines expected = {
         "    0: 0A 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F  .ABCDEFGHIJKLMNO",
     };
-    EXPECT_EQ(DumpedBytes(PacketBytes(16)), expected);
+    EXPECT_EQ(expected, DumpedBytes(PacketBytes(16)));
 }
 
 TEST(Unified2Dump, PacketWithoutBytesEndsWithTheTitleOfItsBytes) {
     const Lines lines = Dumped(u2test::Packet{.data = {}});
-    ASSERT_EQ(lines.size(), 9U);
-    EXPECT_EQ(lines.back(), "---- Packet Dump ----");
+    ASSERT_EQ(9U, lines.size());
+    EXPECT_EQ("---- Packet Dump ----", lines.back());
 }
 
 TEST(Unified2Dump, ShowsTheLengthThatThePacketClaims) {
     const Lines lines = Dumped(u2test::Packet{.data = {0x41}, .claimedLength = 3});
-    EXPECT_EQ(lines.at(8), "  packet_length       = 3");  // behind the warning
-    EXPECT_EQ(lines.back(), "    0: 41 00 00                                         A..");
+    EXPECT_EQ("  packet_length       = 3", lines.at(8));  // behind the warning
+    EXPECT_EQ("    0: 41 00 00                                         A..", lines.back());
 }
 
 TEST(Unified2Dump, WritesExtraDataFieldByField) {
@@ -213,7 +213,7 @@ TEST(Unified2Dump, WritesExtraDataFieldByField) {
         "  blob_length         = 19",
         "  Data                = /index.html",
     };
-    EXPECT_EQ(log.Lines(), expected);
+    EXPECT_EQ(expected, log.Lines());
 }
 
 TEST(Unified2Dump, WritesNothingBelowTheDebugLevel) {

@@ -64,7 +64,7 @@ std::map<std::string, std::string> PairsOf(const CrmEventSource& source) {
     const char* at = bytes.data() + reportLength;
     uint32_t chunkType = 0;
     std::memcpy(&chunkType, at, sizeof(chunkType));
-    EXPECT_EQ(chunkType, 3U);
+    EXPECT_EQ(3U, chunkType);
     std::map<std::string, std::string> pairs;
     for (at += 8; *at != '\0';) {
         const std::string key = at;
@@ -105,61 +105,61 @@ void* Allocated(const std::array<uint8_t, kSize>& bytes) {
 
 TEST(Unified2Format, ReadsEveryFieldOfAnIpv4AlertFromItsBytes) {
     const auto record = unified2::Load<unified2::AlertIpv4>(kIpv4Golden.data());
-    EXPECT_EQ(record.sensorId.HostOrder(), 7U);
-    EXPECT_EQ(record.eventId.HostOrder(), 0x00010002U);
-    EXPECT_EQ(record.eventSecond.HostOrder(), 1700000000U);
-    EXPECT_EQ(record.eventMicrosecond.HostOrder(), 123456U);
-    EXPECT_EQ(record.signatureId.HostOrder(), 1000001U);
-    EXPECT_EQ(record.generatorId.HostOrder(), 3U);
-    EXPECT_EQ(record.signatureRevision.HostOrder(), 5U);
-    EXPECT_EQ(record.classificationId.HostOrder(), 30U);
-    EXPECT_EQ(record.priorityId.HostOrder(), 2U);
-    EXPECT_EQ(record.ipSource, (std::array<uint8_t, 4>{10, 1, 2, 3}));
-    EXPECT_EQ(record.ipDestination, (std::array<uint8_t, 4>{192, 168, 0, 1}));
-    EXPECT_EQ(record.sportItype.HostOrder(), 40000U);
-    EXPECT_EQ(record.dportIcode.HostOrder(), 80U);
-    EXPECT_EQ(record.ipProtocol, 6U);
-    EXPECT_EQ(record.impactFlag, 0x20U);
-    EXPECT_EQ(record.impact, 9U);
-    EXPECT_EQ(record.blocked, 1U);
-    EXPECT_EQ(record.mplsLabel.HostOrder(), 0x12345678U);
-    EXPECT_EQ(record.vlanId.HostOrder(), 200U);
-    EXPECT_EQ(record.policyId.HostOrder(), 42U);
+    EXPECT_EQ(7U, record.sensorId.HostOrder());
+    EXPECT_EQ(0x00010002U, record.eventId.HostOrder());
+    EXPECT_EQ(1700000000U, record.eventSecond.HostOrder());
+    EXPECT_EQ(123456U, record.eventMicrosecond.HostOrder());
+    EXPECT_EQ(1000001U, record.signatureId.HostOrder());
+    EXPECT_EQ(3U, record.generatorId.HostOrder());
+    EXPECT_EQ(5U, record.signatureRevision.HostOrder());
+    EXPECT_EQ(30U, record.classificationId.HostOrder());
+    EXPECT_EQ(2U, record.priorityId.HostOrder());
+    EXPECT_EQ((std::array<uint8_t, 4>{10, 1, 2, 3}), record.ipSource);
+    EXPECT_EQ((std::array<uint8_t, 4>{192, 168, 0, 1}), record.ipDestination);
+    EXPECT_EQ(40000U, record.sportItype.HostOrder());
+    EXPECT_EQ(80U, record.dportIcode.HostOrder());
+    EXPECT_EQ(6U, record.ipProtocol);
+    EXPECT_EQ(0x20U, record.impactFlag);
+    EXPECT_EQ(9U, record.impact);
+    EXPECT_EQ(1U, record.blocked);
+    EXPECT_EQ(0x12345678U, record.mplsLabel.HostOrder());
+    EXPECT_EQ(200U, record.vlanId.HostOrder());
+    EXPECT_EQ(42U, record.policyId.HostOrder());
 }
 
 TEST(Unified2Format, GivesBackTheNumberThatWasPutIn) {
-    EXPECT_EQ(unified2::Big16::FromHostOrder(0x1234).HostOrder(), 0x1234U);
-    EXPECT_EQ(unified2::Big32::FromHostOrder(0x12345678).HostOrder(), 0x12345678U);
+    EXPECT_EQ(0x1234U, unified2::Big16::FromHostOrder(0x1234).HostOrder());
+    EXPECT_EQ(0x12345678U, unified2::Big32::FromHostOrder(0x12345678).HostOrder());
     std::array<uint8_t, 4> bytes{};
     const auto field = unified2::Big32::FromHostOrder(0x12345678);
     std::memcpy(bytes.data(), &field, sizeof(field));
-    EXPECT_EQ(bytes, (std::array<uint8_t, 4>{0x12, 0x34, 0x56, 0x78}));
+    EXPECT_EQ((std::array<uint8_t, 4>{0x12, 0x34, 0x56, 0x78}), bytes);
 }
 
 TEST(Unified2Format, KnowsTheFixedSizeOfTheFourTypesOnly) {
-    EXPECT_EQ(unified2::FixedSize(2), 28U);
-    EXPECT_EQ(unified2::FixedSize(104), 60U);
-    EXPECT_EQ(unified2::FixedSize(105), 84U);
-    EXPECT_EQ(unified2::FixedSize(110), 32U);
-    EXPECT_EQ(unified2::FixedSize(7), 0U);
-    EXPECT_EQ(unified2::FixedSize(72), 0U);
+    EXPECT_EQ(28U, unified2::FixedSize(2));
+    EXPECT_EQ(60U, unified2::FixedSize(104));
+    EXPECT_EQ(84U, unified2::FixedSize(105));
+    EXPECT_EQ(32U, unified2::FixedSize(110));
+    EXPECT_EQ(0U, unified2::FixedSize(7));
+    EXPECT_EQ(0U, unified2::FixedSize(72));
 }
 
 TEST_F(U2AlertEventTest, MakesTheReportOfAGoldenIpv4Record) {
     U2AlertEventIpv4 event(Allocated(kIpv4Golden));
-    EXPECT_EQ(event.m_eventId, 0x00010002U);
-    EXPECT_EQ(event.m_signatureId, 1000001U);
+    EXPECT_EQ(0x00010002U, event.m_eventId);
+    EXPECT_EQ(1000001U, event.m_signatureId);
     const auto source = SourceOf(event);
     const EventReport& report = source->GetReport();
-    EXPECT_EQ(source->GetIssueId(), 1000001U);
-    EXPECT_EQ(source->GetStartTime(), 1700000000U);
-    EXPECT_EQ(source->GetIpVersion(), 4);
-    EXPECT_EQ(source->GetProtocol(), 6);
-    EXPECT_EQ(report.intruderIp, 0x0A010203U);
-    EXPECT_EQ(report.victimIp, 0xC0A80001U);
-    EXPECT_EQ(source->GetIntruderPort(), 40000);
-    EXPECT_EQ(source->GetVictimPort(), 80);
-    EXPECT_EQ(source->GetVlanId(), 200U);
+    EXPECT_EQ(1000001U, source->GetIssueId());
+    EXPECT_EQ(1700000000U, source->GetStartTime());
+    EXPECT_EQ(4, source->GetIpVersion());
+    EXPECT_EQ(6, source->GetProtocol());
+    EXPECT_EQ(0x0A010203U, report.intruderIp);
+    EXPECT_EQ(0xC0A80001U, report.victimIp);
+    EXPECT_EQ(40000, source->GetIntruderPort());
+    EXPECT_EQ(80, source->GetVictimPort());
+    EXPECT_EQ(200U, source->GetVlanId());
 }
 
 TEST_F(U2AlertEventTest, MakesTheReportOfAnIpv6Record) {
@@ -168,27 +168,27 @@ TEST_F(U2AlertEventTest, MakesTheReportOfAnIpv6Record) {
     alert.protocol = 17;
     alert.vlanId = 10;
     const auto event = Made(alert);
-    EXPECT_EQ(event->m_eventId, 77U);
-    EXPECT_EQ(event->m_signatureId, 1000001U);
+    EXPECT_EQ(77U, event->m_eventId);
+    EXPECT_EQ(1000001U, event->m_signatureId);
     const auto source = SourceOf(*event);
-    EXPECT_EQ(source->GetIpVersion(), 6);
-    EXPECT_EQ(source->GetProtocol(), 17);
+    EXPECT_EQ(6, source->GetIpVersion());
+    EXPECT_EQ(17, source->GetProtocol());
     std::string intruder;
     std::string victim;
-    EXPECT_EQ(source->GetIntruderAddressText(intruder), 0);
-    EXPECT_EQ(source->GetVictimAddressText(victim), 0);
-    EXPECT_EQ(intruder, "2001:db8::1");
-    EXPECT_EQ(victim, "2001:db8::2");
-    EXPECT_EQ(source->GetIntruderPort(), 40000);
-    EXPECT_EQ(source->GetVictimPort(), 80);
-    EXPECT_EQ(source->GetVlanId(), 10U);
+    EXPECT_EQ(0, source->GetIntruderAddressText(intruder));
+    EXPECT_EQ(0, source->GetVictimAddressText(victim));
+    EXPECT_EQ("2001:db8::1", intruder);
+    EXPECT_EQ("2001:db8::2", victim);
+    EXPECT_EQ(40000, source->GetIntruderPort());
+    EXPECT_EQ(80, source->GetVictimPort());
+    EXPECT_EQ(10U, source->GetVlanId());
 }
 
 TEST_F(U2AlertEventTest, TcpAlertWithVlanZeroSetsPortsAndNoVlan) {
     const auto source = SourceOf(u2test::Alert{});
-    EXPECT_EQ(source->GetIntruderPort(), 40000);
-    EXPECT_EQ(source->GetVictimPort(), 80);
-    EXPECT_EQ(source->GetVlanId(), kNoVlan);
+    EXPECT_EQ(40000, source->GetIntruderPort());
+    EXPECT_EQ(80, source->GetVictimPort());
+    EXPECT_EQ(kNoVlan, source->GetVlanId());
 }
 
 TEST_F(U2AlertEventTest, IcmpAlertSetsTypeAndCodeAndNoPorts) {
@@ -197,10 +197,10 @@ TEST_F(U2AlertEventTest, IcmpAlertSetsTypeAndCodeAndNoPorts) {
     alert.sportItype = 8;
     alert.dportIcode = 0;
     const auto source = SourceOf(alert);
-    EXPECT_EQ(source->GetIcmpType(), 8);
-    EXPECT_EQ(source->GetIcmpCode(), 0);
-    EXPECT_EQ(source->GetIntruderPort(), 0);
-    EXPECT_EQ(source->GetVictimPort(), 0);
+    EXPECT_EQ(8, source->GetIcmpType());
+    EXPECT_EQ(0, source->GetIcmpCode());
+    EXPECT_EQ(0, source->GetIntruderPort());
+    EXPECT_EQ(0, source->GetVictimPort());
 }
 
 TEST_F(U2AlertEventTest, IcmpTypeAndCodeAreCutToTheirLowEightBits) {
@@ -209,8 +209,8 @@ TEST_F(U2AlertEventTest, IcmpTypeAndCodeAreCutToTheirLowEightBits) {
     alert.sportItype = 0x0180;
     alert.dportIcode = 0xFF04;
     const auto source = SourceOf(alert);
-    EXPECT_EQ(source->GetIcmpType(), 0x80);
-    EXPECT_EQ(source->GetIcmpCode(), 0x04);
+    EXPECT_EQ(0x80, source->GetIcmpType());
+    EXPECT_EQ(0x04, source->GetIcmpCode());
 }
 
 TEST_F(U2AlertEventTest, KeepsTheOtherFamilysIcmpOutOfAReport) {
@@ -219,10 +219,10 @@ TEST_F(U2AlertEventTest, KeepsTheOtherFamilysIcmpOutOfAReport) {
     u2test::Alert ipv6 = u2test::AlertIpv6();
     ipv6.protocol = 1;
     for (const auto& source : {SourceOf(ipv4), SourceOf(ipv6)}) {
-        EXPECT_EQ(source->GetIcmpType(), 0);
-        EXPECT_EQ(source->GetIcmpCode(), 0);
-        EXPECT_EQ(source->GetIntruderPort(), 0);
-        EXPECT_EQ(source->GetVictimPort(), 0);
+        EXPECT_EQ(0, source->GetIcmpType());
+        EXPECT_EQ(0, source->GetIcmpCode());
+        EXPECT_EQ(0, source->GetIntruderPort());
+        EXPECT_EQ(0, source->GetVictimPort());
     }
 }
 
@@ -230,15 +230,15 @@ TEST_F(U2AlertEventTest, OtherProtocolsSetNeitherPortsNorIcmp) {
     u2test::Alert alert;
     alert.protocol = 47;
     const auto source = SourceOf(alert);
-    EXPECT_EQ(source->GetProtocol(), 47);
-    EXPECT_EQ(source->GetIntruderPort(), 0);
-    EXPECT_EQ(source->GetIcmpType(), 0);
+    EXPECT_EQ(47, source->GetProtocol());
+    EXPECT_EQ(0, source->GetIntruderPort());
+    EXPECT_EQ(0, source->GetIcmpType());
 }
 
 TEST_F(U2AlertEventTest, AlertWithoutAttachmentsGivesNeitherPacketNorAttribute) {
     const auto source = SourceOf(u2test::Alert{});
-    EXPECT_EQ(source->GetPacket().pData, nullptr);
-    EXPECT_EQ(source->GetPacket().iCapturedSize, 0);
+    EXPECT_EQ(nullptr, source->GetPacket().pData);
+    EXPECT_EQ(0, source->GetPacket().iCapturedSize);
     EXPECT_TRUE(PairsOf(*source).empty());
 }
 
@@ -252,12 +252,12 @@ TEST_F(U2AlertEventTest, AttachmentsGoIntoTheReport) {
 
     const auto source = SourceOf(*event);
     EXPECT_EQ(source->GetPacket().pData, data);
-    EXPECT_EQ(source->GetPacket().uPacketLength, 4U);
-    EXPECT_EQ(source->GetPacket().iCapturedSize, 4);
-    EXPECT_EQ(source->GetPacket().uSeconds, 1700000001U);
-    EXPECT_EQ(source->GetPacket().uMicroseconds, 999U);
+    EXPECT_EQ(4U, source->GetPacket().uPacketLength);
+    EXPECT_EQ(4, source->GetPacket().iCapturedSize);
+    EXPECT_EQ(1700000001U, source->GetPacket().uSeconds);
+    EXPECT_EQ(999U, source->GetPacket().uMicroseconds);
     const std::map<std::string, std::string> expected = {{"URL", "/a?b"}, {"server", "host"}};
-    EXPECT_EQ(PairsOf(*source), expected);
+    EXPECT_EQ(expected, PairsOf(*source));
 }
 
 TEST_F(U2AlertEventTest, WithoutThePacketTheAttributesStillGoIn) {
@@ -266,9 +266,9 @@ TEST_F(U2AlertEventTest, WithoutThePacketTheAttributesStillGoIn) {
     event->SetExtraData(Made(u2test::ExtraData{.type = 9}).release());
     event->SetExtraData(Made(u2test::ExtraData{.type = 10, .data = "host"}).release());
     const auto source = SourceOf(*event, false);
-    EXPECT_EQ(source->GetPacket().pData, nullptr);
-    EXPECT_EQ(source->GetPacket().uSeconds, 0U);
-    EXPECT_EQ(PairsOf(*source).size(), 2U);
+    EXPECT_EQ(nullptr, source->GetPacket().pData);
+    EXPECT_EQ(0U, source->GetPacket().uSeconds);
+    EXPECT_EQ(2U, PairsOf(*source).size());
 }
 
 TEST_F(U2AlertEventTest, LaterAttachmentTakesThePlaceOfTheEarlier) {
@@ -278,16 +278,16 @@ TEST_F(U2AlertEventTest, LaterAttachmentTakesThePlaceOfTheEarlier) {
     event->SetExtraData(Made(u2test::ExtraData{.type = 9, .data = "/first"}).release());
     event->SetExtraData(Made(u2test::ExtraData{.type = 9, .data = "/second"}).release());
     const auto source = SourceOf(*event);
-    EXPECT_EQ(source->GetPacket().iCapturedSize, 2);
-    EXPECT_EQ(PairsOf(*source).at("URL"), "/second");
+    EXPECT_EQ(2, source->GetPacket().iCapturedSize);
+    EXPECT_EQ("/second", PairsOf(*source).at("URL"));
 }
 
 TEST_F(U2AlertEventTest, RefusesExtraDataOfAnotherTypeAndLeavesItToTheCaller) {
     const auto event = Made(u2test::Alert{});
     const auto extra = Made(u2test::ExtraData{.type = 11, .data = "kept"});
     EXPECT_FALSE(event->SetExtraData(extra.get()));
-    EXPECT_EQ(m_log.CountAt(3, "Unsupported ExtraData type receive from Snort"), 1);
-    EXPECT_EQ(extra->text, "kept");
+    EXPECT_EQ(1, m_log.CountAt(3, "Unsupported ExtraData type receive from Snort"));
+    EXPECT_EQ("kept", extra->text);
     EXPECT_TRUE(PairsOf(*SourceOf(*event)).empty());
 }
 
@@ -295,49 +295,49 @@ TEST_F(U2AlertEventTest, ExtraDataIsTakenWhateverItsDataType) {
     const auto event = Made(u2test::Alert{});
     EXPECT_TRUE(event->SetExtraData(
         Made(u2test::ExtraData{.type = 9, .dataType = 4711, .data = "/any"}).release()));
-    EXPECT_EQ(PairsOf(*SourceOf(*event)).at("URL"), "/any");
+    EXPECT_EQ("/any", PairsOf(*SourceOf(*event)).at("URL"));
 }
 
 TEST_F(U2PacketEventTest, CopiesItsFieldsAndPointsAtItsBytes) {
     const auto packet = Made(u2test::Packet{.eventId = 0x00010002, .data = {9, 8, 7}});
-    EXPECT_EQ(packet->eventId, 0x00010002U);
-    EXPECT_EQ(packet->length, 3U);
-    EXPECT_EQ(packet->second, 1700000001U);
-    EXPECT_EQ(packet->microsecond, 999U);
+    EXPECT_EQ(0x00010002U, packet->eventId);
+    EXPECT_EQ(3U, packet->length);
+    EXPECT_EQ(1700000001U, packet->second);
+    EXPECT_EQ(999U, packet->microsecond);
     EXPECT_EQ(packet->data, packet->raw.get() + 28);
-    EXPECT_EQ(Bytes(packet->data, packet->data + packet->length), (Bytes{9, 8, 7}));
+    EXPECT_EQ((Bytes{9, 8, 7}), Bytes(packet->data, packet->data + packet->length));
     EXPECT_TRUE(m_log.Lines().empty());
 }
 
 TEST_F(U2PacketEventTest, KeepsAShorterLengthThanTheRecordHolds) {
     const auto packet = LyingPacket(3);
-    EXPECT_EQ(packet->length, 3U);
-    EXPECT_EQ(m_log.CountAt(2, kLengthWarning), 1);
+    EXPECT_EQ(3U, packet->length);
+    EXPECT_EQ(1, m_log.CountAt(2, kLengthWarning));
 }
 
 TEST_F(U2PacketEventTest, KeepsALongerLengthThanTheRecordHoldsAndReadsZerosBeyond) {
     const auto packet = LyingPacket(9);
-    ASSERT_EQ(packet->length, 9U);
-    EXPECT_EQ(Bytes(packet->data, packet->data + 9), (Bytes{1, 2, 3, 4, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(m_log.CountAt(2, kLengthWarning), 1);
+    ASSERT_EQ(9U, packet->length);
+    EXPECT_EQ((Bytes{1, 2, 3, 4, 0, 0, 0, 0, 0}), Bytes(packet->data, packet->data + 9));
+    EXPECT_EQ(1, m_log.CountAt(2, kLengthWarning));
 }
 
 TEST_F(U2PacketEventTest, BelievesAnOverrunUpToTheLimitOnly) {
     const auto believed = LyingPacket(4 + unified2::kMaxOverrun);
-    ASSERT_EQ(believed->length, 4 + unified2::kMaxOverrun);
-    EXPECT_EQ(believed->data[4 + unified2::kMaxOverrun - 1], 0);
-    EXPECT_EQ(LyingPacket(4 + unified2::kMaxOverrun + 1)->length, 4U);
+    ASSERT_EQ(4 + unified2::kMaxOverrun, believed->length);
+    EXPECT_EQ(0, believed->data[4 + unified2::kMaxOverrun - 1]);
+    EXPECT_EQ(4U, LyingPacket(4 + unified2::kMaxOverrun + 1)->length);
     const auto absurd = LyingPacket(std::numeric_limits<uint32_t>::max());
-    ASSERT_EQ(absurd->length, 4U);
-    EXPECT_EQ(Bytes(absurd->data, absurd->data + 4), (Bytes{1, 2, 3, 4}));
-    EXPECT_EQ(m_log.CountAt(2, kLengthWarning), 3);
+    ASSERT_EQ(4U, absurd->length);
+    EXPECT_EQ((Bytes{1, 2, 3, 4}), Bytes(absurd->data, absurd->data + 4));
+    EXPECT_EQ(3, m_log.CountAt(2, kLengthWarning));
 }
 
 TEST_F(U2PacketEventTest, RecordWithoutBytesIsAPacketOfZeros) {
     const U2PacketEvent packet(Allocated(Bytes{}, 28), 0);
-    EXPECT_EQ(packet.eventId, 0U);
-    EXPECT_EQ(packet.length, 0U);
-    EXPECT_EQ(m_log.CountAt(2, kLengthWarning), 1);
+    EXPECT_EQ(0U, packet.eventId);
+    EXPECT_EQ(0U, packet.length);
+    EXPECT_EQ(1, m_log.CountAt(2, kLengthWarning));
 }
 
 TEST_F(U2PacketEventTest, RecordCutBehindItsLengthHoldsNoBytes) {
@@ -345,25 +345,25 @@ TEST_F(U2PacketEventTest, RecordCutBehindItsLengthHoldsNoBytes) {
     packet.data = {};
     packet.claimedLength = 2;
     const U2PacketEvent event(Allocated(packet.Payload()), 27);
-    ASSERT_EQ(event.length, 2U);
-    EXPECT_EQ(Bytes(event.data, event.data + 2), (Bytes{0, 0}));
+    ASSERT_EQ(2U, event.length);
+    EXPECT_EQ((Bytes{0, 0}), Bytes(event.data, event.data + 2));
 }
 
 TEST_F(U2ExtraDataEventTest, CopiesItsFieldsAndItsTextWithZeroBytes) {
     const std::string text("a\0b", 3);
     const auto extra = Made(u2test::ExtraData{.eventId = 5, .type = 10, .data = text});
-    EXPECT_EQ(extra->eventId, 5U);
-    EXPECT_EQ(extra->type, 10U);
+    EXPECT_EQ(5U, extra->eventId);
+    EXPECT_EQ(10U, extra->type);
     EXPECT_EQ(extra->text, text);
 }
 
 TEST_F(U2ExtraDataEventTest, TakesTheBlobAtItsWordWhenNoRecordLengthIsGiven) {
     const U2ExtraDataEvent extra(Allocated(u2test::ExtraData{.data = "/whole"}.Payload()));
-    EXPECT_EQ(extra.text, "/whole");
+    EXPECT_EQ("/whole", extra.text);
 }
 
 TEST_F(U2ExtraDataEventTest, BlobOfEightIsAnEmptyText) {
-    EXPECT_EQ(Made(u2test::ExtraData{.data = ""})->text, "");
+    EXPECT_EQ("", Made(u2test::ExtraData{.data = ""})->text);
 }
 
 TEST_F(U2ExtraDataEventTest, KeepsThrowingOnABlobLengthBelowEight) {
@@ -376,15 +376,15 @@ TEST_F(U2ExtraDataEventTest, KeepsThrowingOnABlobLengthBelowEight) {
 
 TEST_F(U2ExtraDataEventTest, TextBeyondTheRecordIsZeros) {
     const auto extra = Made(u2test::ExtraData{.data = "ab", .claimedLength = 8 + 5});
-    EXPECT_EQ(extra->text, std::string("ab\0\0\0", 5));
+    EXPECT_EQ(std::string("ab\0\0\0", 5), extra->text);
 }
 
 TEST_F(U2ExtraDataEventTest, BelievesAnOverrunUpToTheLimitOnly) {
     const int64_t limit = 8 + 2 + int64_t{unified2::kMaxOverrun};
-    EXPECT_EQ(Made(u2test::ExtraData{.data = "ab", .claimedLength = limit})->text.size(),
-              2 + unified2::kMaxOverrun);
-    EXPECT_EQ(Made(u2test::ExtraData{.data = "ab", .claimedLength = limit + 1})->text, "ab");
-    EXPECT_EQ(Made(u2test::ExtraData{.data = "ab", .claimedLength = 0xFFFFFFFF})->text, "ab");
+    EXPECT_EQ(2 + unified2::kMaxOverrun,
+              Made(u2test::ExtraData{.data = "ab", .claimedLength = limit})->text.size());
+    EXPECT_EQ("ab", Made(u2test::ExtraData{.data = "ab", .claimedLength = limit + 1})->text);
+    EXPECT_EQ("ab", Made(u2test::ExtraData{.data = "ab", .claimedLength = 0xFFFFFFFF})->text);
 }
 
 }  // namespace

@@ -25,7 +25,7 @@ constexpr mode_t kRingMode = 0700;
 // What a ring said last. Its callback has no place for a context.
 std::string s_ringReport;
 
-[[gnu::format(printf, 4, 5)]] int KeepRingReport(const char*, const char*, std::int64_t,
+[[gnu::format(printf, 4, 5)]] int KeepRingReport(const char*, const char*, int64_t,
                                                  const char* format, ...) {
     std::array<char, 256> text = {};
     va_list arguments;

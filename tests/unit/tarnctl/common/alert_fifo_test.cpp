@@ -24,7 +24,7 @@ class AlertFifoTest : public testing::Test {
         std::signal(SIGPIPE, SIG_IGN);
         m_limits.reopen = 0s;
     }
-    void MakeFifo() const { ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0); }
+    void MakeFifo() const { ASSERT_EQ(0, mkfifo(m_path.c_str(), 0600)); }
 
     TempDir m_dir;
     const std::string m_path;
@@ -33,7 +33,7 @@ class AlertFifoTest : public testing::Test {
 
 TEST_F(AlertFifoTest, SaysThatTheFifoIsMissing) {
     AlertFifo fifo(m_path, m_limits);
-    EXPECT_EQ(fifo.Open(), FifoResult::kFailed);
+    EXPECT_EQ(FifoResult::kFailed, fifo.Open());
     EXPECT_EQ(fifo.Error(),
               m_path + ": no such FIFO; start tarn, which makes it, or wait for it with --wait");
 }
@@ -41,15 +41,15 @@ TEST_F(AlertFifoTest, SaysThatTheFifoIsMissing) {
 TEST_F(AlertFifoTest, SaysThatThePathIsNoFifoAndLeavesTheFileAlone) {
     m_dir.Write("alerts.fifo", "kept");
     AlertFifo fifo(m_path, m_limits);
-    EXPECT_EQ(fifo.Open(), FifoResult::kFailed);
+    EXPECT_EQ(FifoResult::kFailed, fifo.Open());
     EXPECT_EQ(fifo.Error(), m_path + ": not a FIFO; name the alert FIFO with --fifo");
-    EXPECT_EQ(m_dir.Read("alerts.fifo"), "kept");
+    EXPECT_EQ("kept", m_dir.Read("alerts.fifo"));
 }
 
 TEST_F(AlertFifoTest, SaysThatNobodyReads) {
     MakeFifo();
     AlertFifo fifo(m_path, m_limits);
-    EXPECT_EQ(fifo.Open(), FifoResult::kFailed);
+    EXPECT_EQ(FifoResult::kFailed, fifo.Open());
     EXPECT_EQ(fifo.Error(), m_path + ": nobody is reading; start tarn, or wait for it with --wait");
 }
 
@@ -61,18 +61,18 @@ TEST_F(AlertFifoTest, WaitsForAReaderWhenItIsToldTo) {
         const FifoReader reader(m_path);
         EXPECT_TRUE(reader.Wait());
     });
-    ASSERT_EQ(fifo.Open(), FifoResult::kDone);
-    EXPECT_EQ(fifo.Send(AsBytes(Alert())), FifoResult::kDone);
+    ASSERT_EQ(FifoResult::kDone, fifo.Open());
+    EXPECT_EQ(FifoResult::kDone, fifo.Send(AsBytes(Alert())));
 }
 
 TEST_F(AlertFifoTest, PutsInARecordAsItIs) {
     MakeFifo();
     const FifoReader reader(m_path);
     AlertFifo fifo(m_path, m_limits);
-    ASSERT_EQ(fifo.Open(), FifoResult::kDone);
-    ASSERT_EQ(fifo.Send(AsBytes(Alert())), FifoResult::kDone);
+    ASSERT_EQ(FifoResult::kDone, fifo.Open());
+    ASSERT_EQ(FifoResult::kDone, fifo.Send(AsBytes(Alert())));
     EXPECT_EQ(reader.ReadNow(1000), Alert());
-    EXPECT_EQ(fifo.Drain(), FifoResult::kDone);
+    EXPECT_EQ(FifoResult::kDone, fifo.Drain());
 }
 
 // A reader that finds the header of a record finds all of the record.
@@ -83,13 +83,13 @@ TEST_F(AlertFifoTest, NeverShowsAReaderHalfARecord) {
     constexpr int kRounds = 40;
     std::jthread writer([&] {
         AlertFifo fifo(m_path, m_limits);
-        ASSERT_EQ(fifo.Open(), FifoResult::kDone);
+        ASSERT_EQ(FifoResult::kDone, fifo.Open());
         for (int round = 0; round < kRounds; ++round) {
             for (const std::size_t size : sizes) {
-                ASSERT_EQ(fifo.Send(AsBytes(Record(2, size))), FifoResult::kDone);
+                ASSERT_EQ(FifoResult::kDone, fifo.Send(AsBytes(Record(2, size))));
             }
         }
-        EXPECT_EQ(fifo.Drain(), FifoResult::kDone);
+        EXPECT_EQ(FifoResult::kDone, fifo.Drain());
     });
     for (int round = 0; round < kRounds; ++round) {
         for (const std::size_t size : sizes) {
@@ -106,21 +106,21 @@ TEST_F(AlertFifoTest, WaitsForRoomAndLosesNothing) {
     constexpr int kRecords = 3000;
     std::jthread writer([&] {
         AlertFifo fifo(m_path, m_limits);
-        ASSERT_EQ(fifo.Open(), FifoResult::kDone);
+        ASSERT_EQ(FifoResult::kDone, fifo.Open());
         for (int i = 0; i < kRecords; ++i) {
-            ASSERT_EQ(fifo.Send(AsBytes(Packet(100))), FifoResult::kDone);
+            ASSERT_EQ(FifoResult::kDone, fifo.Send(AsBytes(Packet(100))));
         }
     });
-    EXPECT_EQ(reader.ReadAll().size(), kRecords * Packet(100).size());
+    EXPECT_EQ(kRecords * Packet(100).size(), reader.ReadAll().size());
 }
 
 TEST_F(AlertFifoTest, EnlargesThePipeForARecordThatIsLonger) {
     MakeFifo();
     const FifoReader reader(m_path);
     AlertFifo fifo(m_path, m_limits);
-    ASSERT_EQ(fifo.Open(), FifoResult::kDone);
+    ASSERT_EQ(FifoResult::kDone, fifo.Open());
     const std::string record = Record(2, 200000);
-    ASSERT_EQ(fifo.Send(AsBytes(record)), FifoResult::kDone);
+    ASSERT_EQ(FifoResult::kDone, fifo.Send(AsBytes(record)));
     EXPECT_EQ(reader.ReadNow(record.size()), record);
 }
 
@@ -128,26 +128,26 @@ TEST_F(AlertFifoTest, RefusesARecordThatNoPipeCanTakeAndSendsNothingOfIt) {
     MakeFifo();
     const FifoReader reader(m_path);
     AlertFifo fifo(m_path, m_limits);
-    ASSERT_EQ(fifo.Open(), FifoResult::kDone);
+    ASSERT_EQ(FifoResult::kDone, fifo.Open());
     // More than the size of a pipe can be told as. Nobody may look at the bytes, so none are there.
     constexpr std::size_t kLength = 0x80000001;
     void* const nothing =
         mmap(nullptr, kLength, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    ASSERT_NE(nothing, MAP_FAILED);
-    EXPECT_EQ(fifo.Send({static_cast<const std::byte*>(nothing), kLength}), FifoResult::kFailed);
+    ASSERT_NE(MAP_FAILED, nothing);
+    EXPECT_EQ(FifoResult::kFailed, fifo.Send({static_cast<const std::byte*>(nothing), kLength}));
     munmap(nothing, kLength);
     EXPECT_THAT(fifo.Error(), HasSubstr("does not fit into the pipe of "));
-    EXPECT_EQ(reader.ReadNow(1), "");
+    EXPECT_EQ("", reader.ReadNow(1));
 }
 
 TEST_F(AlertFifoTest, SaysThatTheReaderIsGone) {
     MakeFifo();
     FifoReader reader(m_path);
     AlertFifo fifo(m_path, m_limits);
-    ASSERT_EQ(fifo.Open(), FifoResult::kDone);
-    ASSERT_EQ(fifo.Send(AsBytes(Alert())), FifoResult::kDone);
+    ASSERT_EQ(FifoResult::kDone, fifo.Open());
+    ASSERT_EQ(FifoResult::kDone, fifo.Send(AsBytes(Alert())));
     reader.Close();
-    EXPECT_EQ(fifo.Send(AsBytes(Alert())), FifoResult::kFailed);
+    EXPECT_EQ(FifoResult::kFailed, fifo.Send(AsBytes(Alert())));
     EXPECT_EQ(fifo.Error(),
               m_path + ": the reader is gone, with 68 bytes unread; start tarn and play again");
 }
@@ -157,8 +157,8 @@ TEST_F(AlertFifoTest, KeepsTheBytesForAReaderThatComesBack) {
     m_limits.reopen = 30s;
     FifoReader first(m_path);
     AlertFifo fifo(m_path, m_limits);
-    ASSERT_EQ(fifo.Open(), FifoResult::kDone);
-    ASSERT_EQ(fifo.Send(AsBytes(Alert('1'))), FifoResult::kDone);
+    ASSERT_EQ(FifoResult::kDone, fifo.Open());
+    ASSERT_EQ(FifoResult::kDone, fifo.Send(AsBytes(Alert('1'))));
     first.Close();
     std::jthread second([this] {
         const FifoReader reader(m_path);
@@ -168,19 +168,19 @@ TEST_F(AlertFifoTest, KeepsTheBytesForAReaderThatComesBack) {
         }
         EXPECT_EQ(bytes, Alert('1') + Alert('2'));
     });
-    EXPECT_EQ(fifo.Send(AsBytes(Alert('2'))), FifoResult::kDone);
-    EXPECT_EQ(fifo.Drain(), FifoResult::kDone);
+    EXPECT_EQ(FifoResult::kDone, fifo.Send(AsBytes(Alert('2'))));
+    EXPECT_EQ(FifoResult::kDone, fifo.Drain());
 }
 
 TEST_F(AlertFifoTest, SaysHowMuchAReaderThatLeavesHasNotTaken) {
     MakeFifo();
     FifoReader reader(m_path);
     AlertFifo fifo(m_path, m_limits);
-    ASSERT_EQ(fifo.Open(), FifoResult::kDone);
-    ASSERT_EQ(fifo.Send(AsBytes(Alert())), FifoResult::kDone);
-    ASSERT_EQ(reader.ReadNow(8).size(), 8U);
+    ASSERT_EQ(FifoResult::kDone, fifo.Open());
+    ASSERT_EQ(FifoResult::kDone, fifo.Send(AsBytes(Alert())));
+    ASSERT_EQ(8U, reader.ReadNow(8).size());
     reader.Close();
-    EXPECT_EQ(fifo.Drain(), FifoResult::kFailed);
+    EXPECT_EQ(FifoResult::kFailed, fifo.Drain());
     EXPECT_EQ(fifo.Error(),
               m_path + ": the reader is gone, with 60 bytes unread; start tarn and play again");
 }
@@ -190,9 +190,9 @@ TEST_F(AlertFifoTest, GivesAReaderUpThatTakesNothing) {
     m_limits.stall = 10ms;
     const FifoReader reader(m_path);
     AlertFifo fifo(m_path, m_limits);
-    ASSERT_EQ(fifo.Open(), FifoResult::kDone);
-    ASSERT_EQ(fifo.Send(AsBytes(Alert())), FifoResult::kDone);
-    EXPECT_EQ(fifo.Drain(), FifoResult::kFailed);
+    ASSERT_EQ(FifoResult::kDone, fifo.Open());
+    ASSERT_EQ(FifoResult::kDone, fifo.Send(AsBytes(Alert())));
+    EXPECT_EQ(FifoResult::kFailed, fifo.Drain());
     EXPECT_EQ(fifo.Error(),
               m_path + ": the reader takes nothing: 68 bytes stand unread; see the log of tarn");
 }

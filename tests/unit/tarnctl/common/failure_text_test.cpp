@@ -19,12 +19,12 @@ TEST(FailureTextOfAPath, NamesTheDirectoryThatIsMissing) {
 }
 
 TEST(FailureTextOfAPath, SaysWhoMayUseIt) {
-    EXPECT_EQ(FailureText("/file", EACCES),
-              "/file: Permission denied; run this as root or as the user that tarn runs as");
+    EXPECT_EQ("/file: Permission denied; run this as root or as the user that tarn runs as",
+              FailureText("/file", EACCES));
 }
 
 TEST(FailureTextOfAPath, TellsTheReasonAloneWhereNothingCanBeDone) {
-    EXPECT_EQ(FailureText("/file", ENAMETOOLONG), "/file: File name too long");
+    EXPECT_EQ("/file: File name too long", FailureText("/file", ENAMETOOLONG));
 }
 
 }  // namespace

@@ -24,22 +24,22 @@ class MessageSocketTest : public testing::Test {
 
 TEST_F(MessageSocketTest, ReceivesWhatTheDaemonsChannelSends) {
     MessageSocket socket;
-    ASSERT_EQ(socket.Open(m_path), "");
+    ASSERT_EQ("", socket.Open(m_path));
     MsgComm channel(m_path);
-    ASSERT_EQ(channel.Open(), 0);
-    ASSERT_EQ(channel.SendErrorMessage("bad rule"), 0);
-    ASSERT_EQ(channel.SendInfoMessage(""), 0);
+    ASSERT_EQ(0, channel.Open());
+    ASSERT_EQ(0, channel.SendErrorMessage("bad rule"));
+    ASSERT_EQ(0, channel.SendInfoMessage(""));
     ASSERT_TRUE(socket.Next(m_bytes, seconds(10)));
-    EXPECT_EQ(m_bytes.size(), 29U);
+    EXPECT_EQ(29U, m_bytes.size());
     ASSERT_TRUE(socket.Next(m_bytes, seconds(10)));
-    EXPECT_EQ(m_bytes.size(), 21U);
+    EXPECT_EQ(21U, m_bytes.size());
     EXPECT_FALSE(socket.Next(m_bytes, milliseconds(0)));
 }
 
 TEST_F(MessageSocketTest, RemovesItsFileAtItsEnd) {
     {
         MessageSocket socket;
-        ASSERT_EQ(socket.Open(m_path), "");
+        ASSERT_EQ("", socket.Open(m_path));
         EXPECT_TRUE(fs::is_socket(m_path));
     }
     EXPECT_FALSE(fs::exists(m_path));
@@ -47,7 +47,7 @@ TEST_F(MessageSocketTest, RemovesItsFileAtItsEnd) {
 
 TEST_F(MessageSocketTest, RefusesAPathWhereSomebodyReceives) {
     MessageSocket first;
-    ASSERT_EQ(first.Open(m_path), "");
+    ASSERT_EQ("", first.Open(m_path));
     {
         MessageSocket second;
         EXPECT_EQ(second.Open(m_path),

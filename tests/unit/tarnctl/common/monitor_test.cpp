@@ -49,45 +49,47 @@ class MonitorTest : public testing::Test {
 };
 
 TEST_F(MonitorTest, EndsAfterItsCountAndTellsIt) {
-    EXPECT_EQ(m_monitor.Run(), kExitFine);
-    EXPECT_EQ(m_out.str(), "a thing\na thing\n");
-    EXPECT_EQ(m_err.str(), "tarnctl sees: the end\ntarnctl sees: 2\n");
+    EXPECT_EQ(kExitFine, m_monitor.Run());
+    EXPECT_EQ("a thing\na thing\n", m_out.str());
+    EXPECT_EQ("tarnctl sees: the end\ntarnctl sees: 2\n", m_err.str());
 }
 
 TEST_F(MonitorTest, EndsAfterTheQuietSeconds) {
     m_monitor.m_isQuiet = true;
-    EXPECT_EQ(m_monitor.Run(), kExitFine);
-    EXPECT_EQ(m_err.str(), "tarnctl sees: the end\ntarnctl sees: 0\n");
+    EXPECT_EQ(kExitFine, m_monitor.Run());
+    EXPECT_EQ("tarnctl sees: the end\ntarnctl sees: 0\n", m_err.str());
 }
 
 TEST_F(MonitorTest, FailsWhenItCannotBeginAndTellsNothingElse) {
     m_monitor.m_obstacle = "no room";
-    EXPECT_EQ(m_monitor.Run(), kExitFailure);
-    EXPECT_EQ(m_err.str(), "tarnctl sees: no room\n");
+    EXPECT_EQ(kExitFailure, m_monitor.Run());
+    EXPECT_EQ("tarnctl sees: no room\n", m_err.str());
 }
 
 TEST_F(MonitorTest, FailsAndGoesOnAfterWhatIsMalformed) {
     m_monitor.m_malformed = true;
-    EXPECT_EQ(m_monitor.Run(), kExitFailure);
-    EXPECT_EQ(m_out.str(), "a thing\na thing\n");
-    EXPECT_EQ(m_err.str(),
-              "tarnctl sees: malformed thing of 2 bytes skipped: it is odd\n"
-              "tarnctl sees: the end\ntarnctl sees: 2, 1 malformed\n");
+    EXPECT_EQ(kExitFailure, m_monitor.Run());
+    EXPECT_EQ("a thing\na thing\n", m_out.str());
+    EXPECT_EQ(
+        "tarnctl sees: malformed thing of 2 bytes skipped: it is odd\n"
+        "tarnctl sees: the end\ntarnctl sees: 2, 1 malformed\n",
+        m_err.str());
 }
 
 TEST_F(MonitorTest, WritesWhatIsMalformedAmongItsJson) {
     m_options.json = true;
     m_monitor.m_malformed = true;
-    EXPECT_EQ(m_monitor.Run(), kExitFailure);
-    EXPECT_EQ(m_out.str(), "{}\na thing\na thing\n");
+    EXPECT_EQ(kExitFailure, m_monitor.Run());
+    EXPECT_EQ("{}\na thing\na thing\n", m_out.str());
 }
 
 TEST_F(MonitorTest, EndsWhenTheOutputTakesNoMore) {
     m_out.setstate(std::ios::badbit);
-    EXPECT_EQ(m_monitor.Run(), kExitFailure);
-    EXPECT_EQ(m_err.str(),
-              "tarnctl sees: the output takes no more; the last thing was taken and not shown\n"
-              "tarnctl sees: the end\ntarnctl sees: 1\n");
+    EXPECT_EQ(kExitFailure, m_monitor.Run());
+    EXPECT_EQ(
+        "tarnctl sees: the output takes no more; the last thing was taken and not shown\n"
+        "tarnctl sees: the end\ntarnctl sees: 1\n",
+        m_err.str());
 }
 
 }  // namespace

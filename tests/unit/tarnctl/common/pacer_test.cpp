@@ -11,30 +11,30 @@ const Pacer::Clock::time_point kStart{100s};
 
 TEST(Pacer, LetsTheFirstGoAtOnce) {
     Pacer pacer(10);
-    EXPECT_EQ(pacer.DelayBeforeNext(kStart), 0s);
+    EXPECT_EQ(0s, pacer.DelayBeforeNext(kStart));
 }
 
 TEST(Pacer, SpreadsTheNextOnesEvenly) {
     Pacer pacer(10);
     (void)pacer.DelayBeforeNext(kStart);
-    EXPECT_EQ(pacer.DelayBeforeNext(kStart), 100ms);
-    EXPECT_EQ(pacer.DelayBeforeNext(kStart + 100ms), 100ms);
-    EXPECT_EQ(pacer.DelayBeforeNext(kStart + 230ms), 70ms);
+    EXPECT_EQ(100ms, pacer.DelayBeforeNext(kStart));
+    EXPECT_EQ(100ms, pacer.DelayBeforeNext(kStart + 100ms));
+    EXPECT_EQ(70ms, pacer.DelayBeforeNext(kStart + 230ms));
 }
 
 TEST(Pacer, MakesUpForALittleLateness) {
     Pacer pacer(1000);
     (void)pacer.DelayBeforeNext(kStart);
-    EXPECT_EQ(pacer.DelayBeforeNext(kStart + 10ms), 0s);
-    EXPECT_EQ(pacer.DelayBeforeNext(kStart + 10ms), 0s);
+    EXPECT_EQ(0s, pacer.DelayBeforeNext(kStart + 10ms));
+    EXPECT_EQ(0s, pacer.DelayBeforeNext(kStart + 10ms));
 }
 
 TEST(Pacer, SendsNoBurstAfterALongHold) {
     Pacer pacer(1000);
     (void)pacer.DelayBeforeNext(kStart);
-    EXPECT_EQ(pacer.DelayBeforeNext(kStart + 5s), 0s);
-    EXPECT_EQ(pacer.DelayBeforeNext(kStart + 5s), 1ms);
-    EXPECT_EQ(pacer.DelayBeforeNext(kStart + 5s), 2ms);
+    EXPECT_EQ(0s, pacer.DelayBeforeNext(kStart + 5s));
+    EXPECT_EQ(1ms, pacer.DelayBeforeNext(kStart + 5s));
+    EXPECT_EQ(2ms, pacer.DelayBeforeNext(kStart + 5s));
 }
 
 TEST(Pacer, CatchesUpWithNoMoreThanItsLimit) {
@@ -45,7 +45,7 @@ TEST(Pacer, CatchesUpWithNoMoreThanItsLimit) {
     while (pacer.DelayBeforeNext(late) == 0s) {
         ++atOnce;
     }
-    EXPECT_EQ(atOnce, 21);
+    EXPECT_EQ(21, atOnce);
 }
 
 TEST(Pacer, KeepsARateThatIsNoWholeNumberOfNanoseconds) {
@@ -59,7 +59,7 @@ TEST(Pacer, KeepsARateThatIsNoWholeNumberOfNanoseconds) {
 TEST(Pacer, NeverWaitsWithoutALimit) {
     Pacer pacer(0);
     for (int i = 0; i < 1000; ++i) {
-        ASSERT_EQ(pacer.DelayBeforeNext(kStart), 0s);
+        ASSERT_EQ(0s, pacer.DelayBeforeNext(kStart));
     }
 }
 

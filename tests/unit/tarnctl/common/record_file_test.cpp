@@ -27,17 +27,17 @@ class RecordFileTest : public testing::Test {
 
 TEST_F(RecordFileTest, HandsOutEachRecordWithItsHeader) {
     OpenFile(Alert() + Packet(100) + AlertIpv6());
-    ASSERT_EQ(m_file.Next(), RecordResult::kRecord);
-    EXPECT_EQ(m_file.Type(), 104U);
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
+    EXPECT_EQ(104U, m_file.Type());
     EXPECT_EQ(Bytes(), Alert());
-    ASSERT_EQ(m_file.Next(), RecordResult::kRecord);
-    EXPECT_EQ(m_file.Type(), 2U);
-    EXPECT_EQ(m_file.Offset(), 68U);
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
+    EXPECT_EQ(2U, m_file.Type());
+    EXPECT_EQ(68U, m_file.Offset());
     EXPECT_EQ(Bytes(), Packet(100));
-    ASSERT_EQ(m_file.Next(), RecordResult::kRecord);
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
     EXPECT_EQ(Bytes(), AlertIpv6());
     EXPECT_EQ(m_file.Position(), m_file.Size());
-    EXPECT_EQ(m_file.Next(), RecordResult::kEnd);
+    EXPECT_EQ(RecordResult::kEnd, m_file.Next());
 }
 
 TEST_F(RecordFileTest, CountsOnlyTheTwoAlertTypesAsAlerts) {
@@ -46,7 +46,7 @@ TEST_F(RecordFileTest, CountsOnlyTheTwoAlertTypesAsAlerts) {
     while (m_file.Next() == RecordResult::kRecord) {
         alerts += m_file.IsAlert() ? 'A' : '-';
     }
-    EXPECT_EQ(alerts, "AA---");
+    EXPECT_EQ("AA---", alerts);
 }
 
 TEST_F(RecordFileTest, BeginsAgainAfterRewind) {
@@ -54,49 +54,48 @@ TEST_F(RecordFileTest, BeginsAgainAfterRewind) {
     while (m_file.Next() == RecordResult::kRecord) {
     }
     ASSERT_TRUE(m_file.Rewind());
-    ASSERT_EQ(m_file.Next(), RecordResult::kRecord);
-    EXPECT_EQ(m_file.Offset(), 0U);
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
+    EXPECT_EQ(0U, m_file.Offset());
     EXPECT_EQ(Bytes(), Alert());
 }
 
 TEST_F(RecordFileTest, EndsAtOnceInAnEmptyFile) {
     OpenFile("");
-    EXPECT_EQ(m_file.Next(), RecordResult::kEnd);
+    EXPECT_EQ(RecordResult::kEnd, m_file.Next());
 }
 
 TEST_F(RecordFileTest, SaysWhereAHeaderIsCutOff) {
     OpenFile(Alert() + "abc");
-    ASSERT_EQ(m_file.Next(), RecordResult::kRecord);
-    EXPECT_EQ(m_file.Next(), RecordResult::kTruncated);
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
+    EXPECT_EQ(RecordResult::kTruncated, m_file.Next());
     EXPECT_THAT(m_file.Error(), EndsWith("the file is truncated: the header of the record at "
                                          "offset 68 has 3 of 8 bytes"));
 }
 
 TEST_F(RecordFileTest, SaysWhereAPayloadIsCutOff) {
     OpenFile(Alert() + Packet(100).substr(0, 50));
-    ASSERT_EQ(m_file.Next(), RecordResult::kRecord);
-    EXPECT_EQ(m_file.Next(), RecordResult::kTruncated);
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
+    EXPECT_EQ(RecordResult::kTruncated, m_file.Next());
     EXPECT_THAT(m_file.Error(), EndsWith("the file is truncated: the record at offset 68 has 42 of "
                                          "128 bytes of payload"));
 }
 
 TEST_F(RecordFileTest, MakesNoBufferForALengthThatTheFileDoesNotHave) {
     OpenFile(Alert() + BigEndianWord(2) + BigEndianWord(0xFFFFFFFF));
-    ASSERT_EQ(m_file.Next(), RecordResult::kRecord);
-    EXPECT_EQ(m_file.Next(), RecordResult::kTruncated);
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
+    EXPECT_EQ(RecordResult::kTruncated, m_file.Next());
     EXPECT_THAT(m_file.Error(), EndsWith("has 0 of 4294967295 bytes of payload"));
 }
 
 TEST_F(RecordFileTest, RefusesARecordThatIsLongerThanAnyPipe) {
     const std::string head = Alert() + BigEndianWord(2) + BigEndianWord(RecordFile::kLongest + 1);
     OpenFile(head);
-    ASSERT_EQ(truncate(m_dir.File("alerts.u2").c_str(),
-                       static_cast<off_t>(head.size() + RecordFile::kLongest + 1)),
-              0);
+    ASSERT_EQ(0, truncate(m_dir.File("alerts.u2").c_str(),
+                          static_cast<off_t>(head.size() + RecordFile::kLongest + 1)));
     RecordFile file;
     ASSERT_TRUE(file.Open(m_dir.File("alerts.u2")));
-    ASSERT_EQ(file.Next(), RecordResult::kRecord);
-    EXPECT_EQ(file.Next(), RecordResult::kTooLong);
+    ASSERT_EQ(RecordResult::kRecord, file.Next());
+    EXPECT_EQ(RecordResult::kTooLong, file.Next());
     EXPECT_THAT(file.Error(),
                 EndsWith("the record at offset 68 has 16777217 bytes of payload, more than a pipe "
                          "is made for"));
@@ -104,19 +103,19 @@ TEST_F(RecordFileTest, RefusesARecordThatIsLongerThanAnyPipe) {
 
 TEST_F(RecordFileTest, HandsOnARecordOfNoBytesAndOneOfAnUnknownType) {
     OpenFile(Alert() + Record(104, 0) + Record(4711, 5));
-    ASSERT_EQ(m_file.Next(), RecordResult::kRecord);
-    ASSERT_EQ(m_file.Next(), RecordResult::kRecord);
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
     EXPECT_EQ(Bytes(), Record(104, 0));
-    ASSERT_EQ(m_file.Next(), RecordResult::kRecord);
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
     EXPECT_EQ(Bytes(), Record(4711, 5));
-    EXPECT_EQ(m_file.Next(), RecordResult::kEnd);
+    EXPECT_EQ(RecordResult::kEnd, m_file.Next());
 }
 
 class ForeignFile : public RecordFileTest, public testing::WithParamInterface<std::string> {};
 
 TEST_P(ForeignFile, IsToldByItsFirstRecord) {
     OpenFile(GetParam());
-    EXPECT_EQ(m_file.Next(), RecordResult::kForeign);
+    EXPECT_EQ(RecordResult::kForeign, m_file.Next());
     EXPECT_THAT(m_file.Error(),
                 HasSubstr("not a unified2 file: its first record would be of type"));
 }

@@ -26,7 +26,7 @@ class SocketFileTest : public testing::TestWithParam<int> {
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
         m_path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+        ASSERT_EQ(0, bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
         close(fd);
     }
 
@@ -37,10 +37,10 @@ class SocketFileTest : public testing::TestWithParam<int> {
 TEST_P(SocketFileTest, MakesASocketForItsUserAndRemovesIt) {
     {
         SocketFile socket;
-        ASSERT_EQ(socket.Open(m_path, GetParam()), "");
+        ASSERT_EQ("", socket.Open(m_path, GetParam()));
         struct stat file = {};
-        ASSERT_EQ(lstat(m_path.c_str(), &file), 0);
-        EXPECT_EQ(file.st_mode & 07777U, 0600U & ~umask(umask(0)));
+        ASSERT_EQ(0, lstat(m_path.c_str(), &file));
+        EXPECT_EQ(0600U & ~umask(umask(0)), file.st_mode & 07777U);
     }
     EXPECT_FALSE(Exists());
 }
@@ -48,14 +48,14 @@ TEST_P(SocketFileTest, MakesASocketForItsUserAndRemovesIt) {
 TEST_P(SocketFileTest, ReplacesOneThatWasLeftBehind) {
     LeaveBehind();
     SocketFile socket;
-    EXPECT_EQ(socket.Open(m_path, GetParam()), "");
+    EXPECT_EQ("", socket.Open(m_path, GetParam()));
 }
 
 TEST_P(SocketFileTest, LeavesAReceiverAlone) {
     SocketFile receiver;
-    ASSERT_EQ(receiver.Open(m_path, GetParam()), "");
+    ASSERT_EQ("", receiver.Open(m_path, GetParam()));
     if (GetParam() == SOCK_STREAM) {
-        ASSERT_EQ(listen(receiver.Descriptor(), 1), 0);
+        ASSERT_EQ(0, listen(receiver.Descriptor(), 1));
     }
     for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
         SocketFile socket;
@@ -70,13 +70,13 @@ TEST_P(SocketFileTest, LeavesAloneWhatIsNoSocket) {
     SocketFile socket;
     EXPECT_EQ(socket.Open(m_path, GetParam()),
               m_path + ": is there already and is no socket; move it away first");
-    EXPECT_EQ(m_dir.Read("socket"), "text");
+    EXPECT_EQ("text", m_dir.Read("socket"));
 }
 
 TEST_P(SocketFileTest, DoesNotRemoveTheFileOfASuccessor) {
     auto socket = std::make_unique<SocketFile>();
-    ASSERT_EQ(socket->Open(m_path, GetParam()), "");
-    ASSERT_EQ(rename(m_path.c_str(), m_dir.File("old").c_str()), 0);
+    ASSERT_EQ("", socket->Open(m_path, GetParam()));
+    ASSERT_EQ(0, rename(m_path.c_str(), m_dir.File("old").c_str()));
     LeaveBehind();
     socket.reset();
     EXPECT_TRUE(Exists());

@@ -46,13 +46,13 @@ TEST_F(CrmChannelTest, MakesQueueAndSemaphoreWhenItComesBeforeTheDaemon) {
     CrmChannel channel(TestChannel::kChannel, m_daemon.Name());
     ASSERT_TRUE(channel.Open()) << channel.Error();
     struct stat status = {};
-    ASSERT_EQ(stat(m_daemon.RingPath(0).c_str(), &status), 0);
-    EXPECT_EQ(status.st_size, 0x800000);
-    ASSERT_EQ(stat(m_daemon.RingPath(1).c_str(), &status), 0);
-    EXPECT_EQ(status.st_size, 0x40000);
+    ASSERT_EQ(0, stat(m_daemon.RingPath(0).c_str(), &status));
+    EXPECT_EQ(0x800000, status.st_size);
+    ASSERT_EQ(0, stat(m_daemon.RingPath(1).c_str(), &status));
+    EXPECT_EQ(0x40000, status.st_size);
     ASSERT_TRUE(m_daemon.Send(Text("first")));
-    EXPECT_EQ(Take(channel), "0first");
-    EXPECT_EQ(Take(channel), "empty");
+    EXPECT_EQ("0first", Take(channel));
+    EXPECT_EQ("empty", Take(channel));
 }
 
 TEST_F(CrmChannelTest, FindsWhatTheDaemonHasWrittenBefore) {
@@ -60,8 +60,8 @@ TEST_F(CrmChannelTest, FindsWhatTheDaemonHasWrittenBefore) {
     CrmChannel channel(TestChannel::kChannel, m_daemon.Name());
     ASSERT_TRUE(channel.Open());
     ASSERT_TRUE(m_daemon.Send(Text("new")));
-    EXPECT_EQ(Take(channel), "0old");
-    EXPECT_EQ(Take(channel), "0new");
+    EXPECT_EQ("0old", Take(channel));
+    EXPECT_EQ("0new", Take(channel));
 }
 
 TEST_F(CrmChannelTest, ReadsBothRings) {
@@ -69,8 +69,8 @@ TEST_F(CrmChannelTest, ReadsBothRings) {
     ASSERT_TRUE(channel.Open());
     ASSERT_TRUE(m_daemon.Send(Text("second"), 1));
     ASSERT_TRUE(m_daemon.Send(Text("first"), 0));
-    EXPECT_EQ(Take(channel), "0first");
-    EXPECT_EQ(Take(channel), "1second");
+    EXPECT_EQ("0first", Take(channel));
+    EXPECT_EQ("1second", Take(channel));
 }
 
 TEST_F(CrmChannelTest, TakesTheLongestMessageThatARingHolds) {
@@ -86,9 +86,9 @@ TEST_F(CrmChannelTest, LeavesAsManyPostsAsReports) {
         CrmChannel channel(TestChannel::kChannel, m_daemon.Name());
         ASSERT_TRUE(channel.Open());
         channel.Wait(0ms);
-        EXPECT_EQ(Take(channel), "0a");
+        EXPECT_EQ("0a", Take(channel));
     }
-    EXPECT_EQ(m_daemon.Posts(), 2);
+    EXPECT_EQ(2, m_daemon.Posts());
 }
 
 TEST_F(CrmChannelTest, GivesAPostBackThatItTookAndDidNotUse) {
@@ -98,7 +98,7 @@ TEST_F(CrmChannelTest, GivesAPostBackThatItTookAndDidNotUse) {
         ASSERT_TRUE(channel.Open());
         channel.Wait(0ms);
     }
-    EXPECT_EQ(m_daemon.Posts(), 1);
+    EXPECT_EQ(1, m_daemon.Posts());
 }
 
 TEST_F(CrmChannelTest, WakesUpWhenAReportIsPosted) {
@@ -109,7 +109,7 @@ TEST_F(CrmChannelTest, WakesUpWhenAReportIsPosted) {
     std::jthread writer([this] { EXPECT_TRUE(m_daemon.Send(Text("a"))); });
     channel.Wait(60s);
     EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
-    EXPECT_EQ(Take(channel), "0a");
+    EXPECT_EQ("0a", Take(channel));
 }
 
 TEST_F(CrmChannelTest, RefusesASecondReaderOfTheSameChannel) {
@@ -126,21 +126,21 @@ TEST_F(CrmChannelTest, TellsOfALengthWordThatCannotBeAndGoesOn) {
     ASSERT_TRUE(m_daemon.Send(Text("a")));
     const uint32_t tooLong = 0x7FFFFFFF;
     std::memcpy(m_daemon.Ring(0).m_pData, &tooLong, sizeof tooLong);
-    EXPECT_EQ(Take(channel), "damaged");
+    EXPECT_EQ("damaged", Take(channel));
     EXPECT_THAT(channel.Error(), HasSubstr("Invalid message size 2147483647 at offset 0"));
     ASSERT_TRUE(m_daemon.Send(Text("b")));
-    EXPECT_EQ(Take(channel), "0b");
+    EXPECT_EQ("0b", Take(channel));
 }
 
 TEST_F(CrmChannelTest, TellsOfARingThatAMessageOfNoBytesBlocks) {
     CrmChannel channel(TestChannel::kChannel, m_daemon.Name());
     ASSERT_TRUE(channel.Open());
     ASSERT_TRUE(m_daemon.Send({}));
-    EXPECT_EQ(Take(channel), "stuck");
+    EXPECT_EQ("stuck", Take(channel));
 }
 
 TEST_F(CrmChannelTest, SaysWhyARingCannotBeOpened) {
-    ASSERT_EQ(mkdir(m_daemon.RingPath(1).c_str(), 0700), 0);
+    ASSERT_EQ(0, mkdir(m_daemon.RingPath(1).c_str(), 0700));
     CrmChannel channel(TestChannel::kChannel, m_daemon.Name());
     EXPECT_FALSE(channel.Open());
     EXPECT_THAT(channel.Error(), HasSubstr("open: Is a directory"));

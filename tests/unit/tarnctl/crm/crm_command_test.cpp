@@ -42,29 +42,30 @@ class CrmCommandTest : public testing::Test {
 
 TEST_F(CrmCommandTest, ShowsALineForEachReportThatWaits) {
     ASSERT_TRUE(m_daemon.Send(Report(1)) && m_daemon.Send(Report(2)));
-    EXPECT_EQ(Run(), kExitFine);
-    ASSERT_EQ(Lines().size(), 2U);
+    EXPECT_EQ(kExitFine, Run());
+    ASSERT_EQ(2U, Lines().size());
     EXPECT_THAT(Lines()[0], HasSubstr("  SID 1  "));
     EXPECT_THAT(Lines()[1], HasSubstr("  SID 2  "));
 }
 
 TEST_F(CrmCommandTest, SaysThatItConsumesAndHowManyThereWere) {
     ASSERT_TRUE(m_daemon.Send(Report(1)));
-    EXPECT_EQ(Run(), kExitFine);
-    EXPECT_EQ(m_err.str(),
-              "tarnctl crm: reading channel 7; what is shown is consumed and reaches no other "
-              "reader\n"
-              "tarnctl crm: 1 report\n");
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(
+        "tarnctl crm: reading channel 7; what is shown is consumed and reaches no other "
+        "reader\n"
+        "tarnctl crm: 1 report\n",
+        m_err.str());
 }
 
 TEST_F(CrmCommandTest, ShowsJsonLinesOfBothRings) {
     m_options.json = true;
     ASSERT_TRUE(m_daemon.Send(Report(1), 1) && m_daemon.Send(Report(2), 0));
-    EXPECT_EQ(Run(), kExitFine);
-    ASSERT_EQ(Lines().size(), 2U);
-    EXPECT_EQ(json::parse(Lines()[0])["ring"], 0);
-    EXPECT_EQ(json::parse(Lines()[1])["ring"], 1);
-    EXPECT_EQ(json::parse(Lines()[1])["report"]["issueId"], 1);
+    EXPECT_EQ(kExitFine, Run());
+    ASSERT_EQ(2U, Lines().size());
+    EXPECT_EQ(0, json::parse(Lines()[0])["ring"]);
+    EXPECT_EQ(1, json::parse(Lines()[1])["ring"]);
+    EXPECT_EQ(1, json::parse(Lines()[1])["report"]["issueId"]);
 }
 
 TEST_F(CrmCommandTest, EndsAfterTheCountAndLeavesTheRest) {
@@ -73,32 +74,32 @@ TEST_F(CrmCommandTest, EndsAfterTheCountAndLeavesTheRest) {
     }
     m_options.count = 2;
     m_options.timeout = 0;
-    EXPECT_EQ(Run(), kExitFine);
-    EXPECT_EQ(Lines().size(), 2U);
-    EXPECT_EQ(m_daemon.Posts(), 1);
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(2U, Lines().size());
+    EXPECT_EQ(1, m_daemon.Posts());
     m_options.count = 1;
-    EXPECT_EQ(Run(), kExitFine);
+    EXPECT_EQ(kExitFine, Run());
     EXPECT_THAT(Lines().back(), HasSubstr("  SID 3  "));
 }
 
 TEST_F(CrmCommandTest, ThrowsAwayWhatWaitsWhenAskedForFreshReports) {
     ASSERT_TRUE(m_daemon.Send(Report(1)) && m_daemon.Send(Report(2), 1));
     m_options.fresh = true;
-    EXPECT_EQ(Run(), kExitFine);
+    EXPECT_EQ(kExitFine, Run());
     EXPECT_TRUE(Lines().empty());
     EXPECT_THAT(m_err.str(), HasSubstr("tarnctl crm: 2 waiting reports thrown away\n"));
     m_options.fresh = false;
     ASSERT_TRUE(m_daemon.Send(Report(3)));
-    EXPECT_EQ(Run(), kExitFine);
-    EXPECT_EQ(Lines().size(), 1U);
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(1U, Lines().size());
 }
 
 TEST_F(CrmCommandTest, SkipsAMalformedReportWithItsReasonAndShowsTheNext) {
     CrmBytes broken = Report(1);
     broken.pop_back();
     ASSERT_TRUE(m_daemon.Send(broken) && m_daemon.Send(Report(2)));
-    EXPECT_EQ(Run(), kExitFailure);
-    ASSERT_EQ(Lines().size(), 1U);
+    EXPECT_EQ(kExitFailure, Run());
+    ASSERT_EQ(1U, Lines().size());
     EXPECT_THAT(Lines()[0], HasSubstr("  SID 2  "));
     EXPECT_THAT(m_err.str(), HasSubstr("tarnctl crm: malformed report in ring -0 of " +
                                        std::to_string(broken.size()) +
@@ -109,24 +110,24 @@ TEST_F(CrmCommandTest, SkipsAMalformedReportWithItsReasonAndShowsTheNext) {
 TEST_F(CrmCommandTest, KeepsTheBytesOfAMalformedReportInJson) {
     m_options.json = true;
     ASSERT_TRUE(m_daemon.Send({std::byte{1}, std::byte{2}}));
-    EXPECT_EQ(Run(), kExitFailure);
-    ASSERT_EQ(Lines().size(), 1U);
-    EXPECT_EQ(json::parse(Lines()[0])["bytes"], "AQI=");
+    EXPECT_EQ(kExitFailure, Run());
+    ASSERT_EQ(1U, Lines().size());
+    EXPECT_EQ("AQI=", json::parse(Lines()[0])["bytes"]);
 }
 
 TEST_F(CrmCommandTest, FailsOnARingThatIsStuck) {
     ASSERT_TRUE(m_daemon.Send({}));
     m_options.timeout = 0;
-    EXPECT_EQ(Run(), kExitFailure);
+    EXPECT_EQ(kExitFailure, Run());
     EXPECT_THAT(m_err.str(), HasSubstr("stuck at a message of no bytes"));
 }
 
 TEST_F(CrmCommandTest, FailsWhenTheOutputTakesNoMore) {
     ASSERT_TRUE(m_daemon.Send(Report(1)) && m_daemon.Send(Report(2)));
     m_out.setstate(std::ios::badbit);
-    EXPECT_EQ(Run(), kExitFailure);
+    EXPECT_EQ(kExitFailure, Run());
     EXPECT_THAT(m_err.str(), HasSubstr("the last report was taken and not shown"));
-    EXPECT_EQ(m_daemon.Posts(), 1);
+    EXPECT_EQ(1, m_daemon.Posts());
 }
 
 // The flag stays set for the life of a process, so this case has one of its own.

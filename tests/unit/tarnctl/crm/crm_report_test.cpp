@@ -22,17 +22,17 @@ std::string ReasonFor(const CrmBytes& bytes) {
 
 TEST(CrmReportDecode, TakesEveryPartOfAMessageApart) {
     CrmReport message;
-    ASSERT_EQ(DecodeCrmReport(Encode(SampleReport()), message), "");
+    ASSERT_EQ("", DecodeCrmReport(Encode(SampleReport()), message));
     EXPECT_TRUE(message.IsBlocked());
-    EXPECT_EQ(message.report.issueId, 2019401U);
-    EXPECT_EQ(message.report.intruderIp, 0x0A010203U);
-    EXPECT_EQ(message.report.victimPort, 80);
-    EXPECT_EQ(message.nameValues, "");
-    EXPECT_EQ(message.userResponse, "DISPLAY:WithRaw");
-    EXPECT_EQ(message.userData, "ET SCAN: probe:high");
-    EXPECT_EQ(message.sensorName, "");
+    EXPECT_EQ(2019401U, message.report.issueId);
+    EXPECT_EQ(0x0A010203U, message.report.intruderIp);
+    EXPECT_EQ(80, message.report.victimPort);
+    EXPECT_EQ("", message.nameValues);
+    EXPECT_EQ("DISPLAY:WithRaw", message.userResponse);
+    EXPECT_EQ("ET SCAN: probe:high", message.userData);
+    EXPECT_EQ("", message.sensorName);
     ASSERT_TRUE(message.packet.has_value());
-    EXPECT_EQ(message.packet->info.uMicroseconds, 250000U);
+    EXPECT_EQ(250000U, message.packet->info.uMicroseconds);
     EXPECT_EQ(message.packet->bytes, SampleReport().packet->bytes);
     EXPECT_EQ(message.pairs, SampleReport().pairs);
 }
@@ -42,7 +42,7 @@ TEST(CrmReportDecode, TakesAMessageWithNeitherPacketNorPairs) {
     sample.packet.reset();
     sample.pairs.clear();
     CrmReport message;
-    ASSERT_EQ(DecodeCrmReport(Encode(sample), message), "");
+    ASSERT_EQ("", DecodeCrmReport(Encode(sample), message));
     EXPECT_FALSE(message.packet.has_value());
     EXPECT_TRUE(message.pairs.empty());
 }
@@ -52,7 +52,7 @@ TEST(CrmReportDecode, ForgetsTheMessageBefore) {
     CrmReport sample = SampleReport();
     sample.packet.reset();
     sample.pairs = {{"Rule", "x"}};
-    ASSERT_EQ(DecodeCrmReport(Encode(sample), message), "");
+    ASSERT_EQ("", DecodeCrmReport(Encode(sample), message));
     EXPECT_FALSE(message.packet.has_value());
     EXPECT_EQ(message.pairs, sample.pairs);
 }
@@ -60,15 +60,15 @@ TEST(CrmReportDecode, ForgetsTheMessageBefore) {
 TEST(CrmReportDecode, DividesNameAndSeverityAtTheLastColon) {
     CrmReport message;
     message.userData = "ET SCAN: probe:high";
-    EXPECT_EQ(message.EventName(), "ET SCAN: probe");
-    EXPECT_EQ(message.Severity(), "high");
+    EXPECT_EQ("ET SCAN: probe", message.EventName());
+    EXPECT_EQ("high", message.Severity());
 }
 
 TEST(CrmReportDecode, TakesATextWithoutAColonForTheNameAlone) {
     CrmReport message;
     message.userData = "probe";
-    EXPECT_EQ(message.EventName(), "probe");
-    EXPECT_EQ(message.Severity(), "");
+    EXPECT_EQ("probe", message.EventName());
+    EXPECT_EQ("", message.Severity());
 }
 
 TEST(CrmReportDecode, NeverHandsOutAPointerOfTheOtherProcess) {
@@ -77,10 +77,10 @@ TEST(CrmReportDecode, NeverHandsOutAPointerOfTheOtherProcess) {
     CrmBytes bytes = Encode(sample);
     PutWord(bytes, ChunkAt(bytes, kChunkPacket) + 8 + offsetof(PacketInfo, pData), 0xDEADBEEF);
     CrmReport message;
-    ASSERT_EQ(DecodeCrmReport(bytes, message), "");
-    EXPECT_EQ(message.report.userString, nullptr);
-    EXPECT_EQ(message.userString, 0xDEADBEEF00000001);
-    EXPECT_EQ(message.packet->info.pData, nullptr);
+    ASSERT_EQ("", DecodeCrmReport(bytes, message));
+    EXPECT_EQ(nullptr, message.report.userString);
+    EXPECT_EQ(0xDEADBEEF00000001, message.userString);
+    EXPECT_EQ(nullptr, message.packet->info.pData);
 }
 
 struct Malformed {
@@ -169,14 +169,14 @@ INSTANTIATE_TEST_SUITE_P(EveryKind, CrmReportMalformed, testing::ValuesIn(kMalfo
 TEST(CrmReportDecode, RefusesTwoPairsOfOneName) {
     CrmReport sample = SampleReport();
     sample.pairs = {{"URL", "a"}, {"URL", "b"}};
-    EXPECT_EQ(ReasonFor(Encode(sample)), "two pairs have the same name");
+    EXPECT_EQ("two pairs have the same name", ReasonFor(Encode(sample)));
 }
 
 TEST(CrmReportDecode, RefusesEveryMessageThatIsCutShort) {
     const CrmBytes whole = Encode(SampleReport());
     for (std::size_t length = 0; length < whole.size(); ++length) {
         const CrmBytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
-        EXPECT_NE(ReasonFor(cut), "") << length << " bytes";
+        EXPECT_NE("", ReasonFor(cut)) << length << " bytes";
     }
 }
 
@@ -216,7 +216,7 @@ TEST(CrmReportDecode, SurvivesBytesOfNoFormAtAll) {
         for (std::byte& byte : bytes) {
             byte = static_cast<std::byte>(random() % 2 == 0 ? 0 : random());
         }
-        EXPECT_NE(ReasonFor(bytes), "");
+        EXPECT_NE("", ReasonFor(bytes));
     }
 }
 

@@ -26,18 +26,20 @@ class ReportLine : public testing::Test {
 };
 
 TEST_F(ReportLine, TellsAllThatAPersonAsksOfAnAlert) {
-    EXPECT_EQ(ReportAsLine(SampleReport()),
-              "2025-11-13 08:24:17  ET SCAN: probe:high  10.1.2.3:51234 -> 192.168.1.20:80  TCP"
-              "  VLAN 12  SID 2019401  blocked  packet 4 bytes  URL=/index.html"
-              "  server=example.org");
+    EXPECT_EQ(
+        "2025-11-13 08:24:17  ET SCAN: probe:high  10.1.2.3:51234 -> 192.168.1.20:80  TCP"
+        "  VLAN 12  SID 2019401  blocked  packet 4 bytes  URL=/index.html"
+        "  server=example.org",
+        ReportAsLine(SampleReport()));
 }
 
 TEST_F(ReportLine, LeavesOutWhatAReportDoesNotHave) {
     CrmReport message;
     message.userData = "x:low";
-    EXPECT_EQ(ReportAsLine(message),
-              "1970-01-01 00:00:00  x:low  0.0.0.0 -> 0.0.0.0  protocol 0  SID 0  not blocked"
-              "  no packet");
+    EXPECT_EQ(
+        "1970-01-01 00:00:00  x:low  0.0.0.0 -> 0.0.0.0  protocol 0  SID 0  not blocked"
+        "  no packet",
+        ReportAsLine(message));
 }
 
 TEST_F(ReportLine, PutsIpv6AddressesInBracketsBeforeAPort) {
@@ -73,31 +75,31 @@ TEST(ReportJson, HasEveryFieldOfTheReport) {
     message.report.flow_id = 0xFFFFFFFFFFFFFFFF;
     message.report.reserved208[0] = 0xAB;
     const json object = json::parse(ReportAsJson({2, 0}, message));
-    EXPECT_EQ(object["report"].size(), 42U);
-    EXPECT_EQ(object["report"]["issueId"], 2019401);
-    EXPECT_EQ(object["report"]["intruderIp"], "10.1.2.3");
-    EXPECT_EQ(object["report"]["victimIpv6"], "::");
-    EXPECT_EQ(object["report"]["flow_id"], 0xFFFFFFFFFFFFFFFF);
-    EXPECT_EQ(object["report"]["reserved208"], "ab000000000000000000000000000000");
-    EXPECT_EQ(object["report"]["adapterId"], 0xFFFFFFFF);
+    EXPECT_EQ(42U, object["report"].size());
+    EXPECT_EQ(2019401, object["report"]["issueId"]);
+    EXPECT_EQ("10.1.2.3", object["report"]["intruderIp"]);
+    EXPECT_EQ("::", object["report"]["victimIpv6"]);
+    EXPECT_EQ(0xFFFFFFFFFFFFFFFF, object["report"]["flow_id"]);
+    EXPECT_EQ("ab000000000000000000000000000000", object["report"]["reserved208"]);
+    EXPECT_EQ(0xFFFFFFFF, object["report"]["adapterId"]);
 }
 
 TEST(ReportJson, HasStringsPairsAndPacket) {
     const json object = json::parse(ReportAsJson({3, 1}, SampleReport()));
-    EXPECT_EQ(object["channel"], 3);
-    EXPECT_EQ(object["ring"], 1);
-    EXPECT_EQ(object["name"], "ET SCAN: probe");
-    EXPECT_EQ(object["severity"], "high");
-    EXPECT_EQ(object["blocked"], true);
-    EXPECT_EQ(object["blockedStatus"], 5);
-    EXPECT_EQ(object["nameValues"], "");
-    EXPECT_EQ(object["userResponse"], "DISPLAY:WithRaw");
-    EXPECT_EQ(object["userData"], "ET SCAN: probe:high");
-    EXPECT_EQ(object["sensorName"], "");
+    EXPECT_EQ(3, object["channel"]);
+    EXPECT_EQ(1, object["ring"]);
+    EXPECT_EQ("ET SCAN: probe", object["name"]);
+    EXPECT_EQ("high", object["severity"]);
+    EXPECT_EQ(true, object["blocked"]);
+    EXPECT_EQ(5, object["blockedStatus"]);
+    EXPECT_EQ("", object["nameValues"]);
+    EXPECT_EQ("DISPLAY:WithRaw", object["userResponse"]);
+    EXPECT_EQ("ET SCAN: probe:high", object["userData"]);
+    EXPECT_EQ("", object["sensorName"]);
     EXPECT_EQ(object["pairs"], json({{"URL", "/index.html"}, {"server", "example.org"}}));
-    EXPECT_EQ(object["packet"]["length"], 4);
-    EXPECT_EQ(object["packet"]["capturedSize"], 4);
-    EXPECT_EQ(object["packet"]["bytes"], "3q2+7w==");
+    EXPECT_EQ(4, object["packet"]["length"]);
+    EXPECT_EQ(4, object["packet"]["capturedSize"]);
+    EXPECT_EQ("3q2+7w==", object["packet"]["bytes"]);
 }
 
 TEST(ReportJson, IsOneLineWhateverTheTextsHold) {
@@ -105,7 +107,7 @@ TEST(ReportJson, IsOneLineWhateverTheTextsHold) {
     message.userResponse = "a\nb\"c";
     const std::string line = ReportAsJson({2, 0}, message);
     EXPECT_THAT(line, Not(HasSubstr("\n")));
-    EXPECT_EQ(json::parse(line)["userResponse"], "a\nb\"c");
+    EXPECT_EQ("a\nb\"c", json::parse(line)["userResponse"]);
 }
 
 TEST(ReportJson, SaysNullWhereThereIsNoPacket) {
@@ -125,7 +127,7 @@ TEST(ReportJson, ListsThePairsWhenANameIsNoUnicode) {
     CrmReport message = SampleReport();
     message.pairs = {{"\xFF", "a"}, {"b", "c"}};
     const json pairs = json::parse(ReportAsJson({2, 0}, message))["pairs"];
-    ASSERT_EQ(pairs.size(), 2U);
+    ASSERT_EQ(2U, pairs.size());
     EXPECT_EQ(pairs[0], json({{"name", {{"base64", "/w=="}}}, {"value", "a"}}));
     EXPECT_EQ(pairs[1], json({{"name", "b"}, {"value", "c"}}));
 }
@@ -133,8 +135,8 @@ TEST(ReportJson, ListsThePairsWhenANameIsNoUnicode) {
 TEST(MalformedJson, KeepsTheBytesAndTheReason) {
     const CrmBytes bytes = {std::byte{1}, std::byte{2}};
     const json object = json::parse(MalformedReportAsJson({2, 0}, "too short", bytes));
-    EXPECT_EQ(object["malformed"], "too short");
-    EXPECT_EQ(object["bytes"], "AQI=");
+    EXPECT_EQ("too short", object["malformed"]);
+    EXPECT_EQ("AQI=", object["bytes"]);
 }
 
 }  // namespace

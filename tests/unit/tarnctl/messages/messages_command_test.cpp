@@ -61,45 +61,44 @@ class MessagesCommandTest : public testing::Test {
 
 TEST_F(MessagesCommandTest, ShowsALineForEachMessageInOrder) {
     m_options.count = 3;
-    EXPECT_EQ(RunWith([](MsgComm& channel) {
+    EXPECT_EQ(kExitFine, RunWith([](MsgComm& channel) {
                   (void)channel.SendErrorMessage("ERROR in SNORT. Reason: x\n");
                   (void)channel.SendInfoMessage("last");
-              }),
-              kExitFine);
-    ASSERT_EQ(Lines().size(), 3U);
+              }));
+    ASSERT_EQ(3U, Lines().size());
     EXPECT_THAT(Lines()[0], EndsWith("  information  first"));
     EXPECT_THAT(Lines()[1], EndsWith("  error  ERROR in SNORT. Reason: x"));
     EXPECT_THAT(Lines()[2], EndsWith("  information  last"));
-    EXPECT_EQ(m_err.str(), "tarnctl messages: receiving at " + m_options.socketPath +
-                               "\ntarnctl messages: 3 messages\n");
+    EXPECT_EQ("tarnctl messages: receiving at " + m_options.socketPath +
+                  "\ntarnctl messages: 3 messages\n",
+              m_err.str());
 }
 
 TEST_F(MessagesCommandTest, ShowsJsonLines) {
     m_options.json = true;
     m_options.count = 2;
-    EXPECT_EQ(RunWith([](MsgComm& channel) { (void)channel.SendErrorMessage("bad\n"); }),
-              kExitFine);
-    ASSERT_EQ(Lines().size(), 2U);
-    EXPECT_EQ(json::parse(Lines()[0])["kind"], "information");
-    EXPECT_EQ(json::parse(Lines()[1])["text"], "bad\n");
+    EXPECT_EQ(kExitFine,
+              RunWith([](MsgComm& channel) { (void)channel.SendErrorMessage("bad\n"); }));
+    ASSERT_EQ(2U, Lines().size());
+    EXPECT_EQ("information", json::parse(Lines()[0])["kind"]);
+    EXPECT_EQ("bad\n", json::parse(Lines()[1])["text"]);
 }
 
 TEST_F(MessagesCommandTest, EndsAfterTheQuietSeconds) {
-    EXPECT_EQ(Run(), kExitFine);
+    EXPECT_EQ(kExitFine, Run());
     EXPECT_THAT(m_err.str(), EndsWith("tarnctl messages: 0 messages\n"));
-    EXPECT_NE(access(m_options.socketPath.c_str(), F_OK), 0) << "its socket is gone";
+    EXPECT_NE(0, access(m_options.socketPath.c_str(), F_OK)) << "its socket is gone";
 }
 
 TEST_F(MessagesCommandTest, SkipsWhatIsNoMessageWithItsBytesAndShowsTheNext) {
     m_options.json = true;
     m_options.count = 2;
-    EXPECT_EQ(RunWith([](MsgComm& channel) {
+    EXPECT_EQ(kExitFailure, RunWith([](MsgComm& channel) {
                   (void)channel.Send("\x01\x02", 2);
                   (void)channel.SendInfoMessage("last");
-              }),
-              kExitFailure);
-    ASSERT_EQ(Lines().size(), 3U);
-    EXPECT_EQ(json::parse(Lines()[1])["bytes"], "AQI=");
+              }));
+    ASSERT_EQ(3U, Lines().size());
+    EXPECT_EQ("AQI=", json::parse(Lines()[1])["bytes"]);
     EXPECT_THAT(m_err.str(), HasSubstr("tarnctl messages: malformed message of 2 bytes skipped: "
                                        "it is shorter than any message: 01 02\n"));
     EXPECT_THAT(m_err.str(), EndsWith("tarnctl messages: 2 messages, 1 malformed\n"));
@@ -107,15 +106,16 @@ TEST_F(MessagesCommandTest, SkipsWhatIsNoMessageWithItsBytesAndShowsTheNext) {
 
 TEST_F(MessagesCommandTest, FailsWhenTheSocketCannotBeHad) {
     m_options.socketPath = m_dir.File("none/crm");
-    EXPECT_EQ(Run(), kExitFailure);
-    EXPECT_EQ(m_err.str(), "tarnctl messages: " + m_options.socketPath +
-                               ": No such file or directory; make the directory " +
-                               m_dir.File("none") + " first\n");
+    EXPECT_EQ(kExitFailure, Run());
+    EXPECT_EQ("tarnctl messages: " + m_options.socketPath +
+                  ": No such file or directory; make the directory " + m_dir.File("none") +
+                  " first\n",
+              m_err.str());
 }
 
 TEST_F(MessagesCommandTest, FailsWhenTheOutputTakesNoMore) {
     m_out.setstate(std::ios::badbit);
-    EXPECT_EQ(RunWith([](MsgComm&) {}), kExitFailure);
+    EXPECT_EQ(kExitFailure, RunWith([](MsgComm&) {}));
     EXPECT_THAT(m_err.str(), HasSubstr("the last message was taken and not shown"));
 }
 

@@ -46,34 +46,34 @@ std::vector<uint8_t> With(std::vector<uint8_t> bytes, size_t offset, uint8_t val
 
 TEST(DecodeTextMessage, ReadsTheGoldenMessages) {
     TextMessage message;
-    ASSERT_EQ(Decode(GoldenBytes("crm_message_error.txt"), message), "");
-    EXPECT_EQ(message.time, 1794495600U);
+    ASSERT_EQ("", Decode(GoldenBytes("crm_message_error.txt"), message));
+    EXPECT_EQ(1794495600U, message.time);
     EXPECT_TRUE(message.isError);
-    EXPECT_EQ(message.text, "bad rule");
-    ASSERT_EQ(Decode(GoldenBytes("crm_message_information.txt"), message), "");
+    EXPECT_EQ("bad rule", message.text);
+    ASSERT_EQ("", Decode(GoldenBytes("crm_message_information.txt"), message));
     EXPECT_FALSE(message.isError);
-    EXPECT_EQ(message.text, "");
+    EXPECT_EQ("", message.text);
 }
 
 TEST(DecodeTextMessage, ReadsATextThatWasCutAndHasNoNul) {
     TextMessage message;
-    ASSERT_EQ(Decode(Encode(std::string(513, 'x'), false), message), "");
-    EXPECT_EQ(message.text, std::string(513, 'x'));
-    ASSERT_EQ(Decode(Encode(std::string(512, 'x')), message), "");
-    EXPECT_EQ(message.text, std::string(512, 'x'));
+    ASSERT_EQ("", Decode(Encode(std::string(513, 'x'), false), message));
+    EXPECT_EQ(std::string(513, 'x'), message.text);
+    ASSERT_EQ("", Decode(Encode(std::string(512, 'x')), message));
+    EXPECT_EQ(std::string(512, 'x'), message.text);
 }
 
 TEST(DecodeTextMessage, TellsWhatDoesNotAddUp) {
     const std::vector<uint8_t> good = Encode("bad rule");
-    EXPECT_EQ(Reason(good), "");
-    EXPECT_EQ(Reason({}), "it is shorter than any message");
-    EXPECT_EQ(Reason(std::vector<uint8_t>(20)), "it is shorter than any message");
-    EXPECT_EQ(Reason(Encode(std::string(514, 'x'), false)), "it is longer than any message");
-    EXPECT_EQ(Reason(With(good, 4, 0xD6)), "its type is 1238 and not 1237");
-    EXPECT_EQ(Reason(With(good, 6, 28)), "its length says 28 bytes");
-    EXPECT_EQ(Reason(With(good, 16, 2)), "its kind is 2");
-    EXPECT_EQ(Reason(Encode("no end", false)), "its text has no end");
-    EXPECT_EQ(Reason(With(good, 22, 0)), "there are bytes behind its text");
+    EXPECT_EQ("", Reason(good));
+    EXPECT_EQ("it is shorter than any message", Reason({}));
+    EXPECT_EQ("it is shorter than any message", Reason(std::vector<uint8_t>(20)));
+    EXPECT_EQ("it is longer than any message", Reason(Encode(std::string(514, 'x'), false)));
+    EXPECT_EQ("its type is 1238 and not 1237", Reason(With(good, 4, 0xD6)));
+    EXPECT_EQ("its length says 28 bytes", Reason(With(good, 6, 28)));
+    EXPECT_EQ("its kind is 2", Reason(With(good, 16, 2)));
+    EXPECT_EQ("its text has no end", Reason(Encode("no end", false)));
+    EXPECT_EQ("there are bytes behind its text", Reason(With(good, 22, 0)));
 }
 
 class TextMessageInUtc : public testing::Test {
@@ -85,11 +85,11 @@ class TextMessageInUtc : public testing::Test {
 };
 
 TEST_F(TextMessageInUtc, IsALineWithoutTheNewlineAtItsEnd) {
-    EXPECT_EQ(TextMessageAsLine({1794495600, true, "ERROR in SNORT. Reason: x\n"}),
-              "2026-11-12 15:00:00  error  ERROR in SNORT. Reason: x");
-    EXPECT_EQ(TextMessageAsLine({1794495600, false, "\x1B[2J\n\n"}),
-              "2026-11-12 15:00:00  information  \\x1B[2J\\x0A");
-    EXPECT_EQ(TextMessageAsLine({1794495600, false, ""}), "2026-11-12 15:00:00  information  ");
+    EXPECT_EQ("2026-11-12 15:00:00  error  ERROR in SNORT. Reason: x",
+              TextMessageAsLine({1794495600, true, "ERROR in SNORT. Reason: x\n"}));
+    EXPECT_EQ("2026-11-12 15:00:00  information  \\x1B[2J\\x0A",
+              TextMessageAsLine({1794495600, false, "\x1B[2J\n\n"}));
+    EXPECT_EQ("2026-11-12 15:00:00  information  ", TextMessageAsLine({1794495600, false, ""}));
 }
 
 TEST(TextMessageJson, HoldsTheTextAsItCame) {

@@ -9,7 +9,7 @@ namespace {
 
 NftElement Translate(const std::string& text) {
     QuarantineParts parts;
-    EXPECT_EQ(ParseQuarantineText(text + " expires 2026-11-12T15:00:00Z", parts), "") << text;
+    EXPECT_EQ("", ParseQuarantineText(text + " expires 2026-11-12T15:00:00Z", parts)) << text;
     return ToNftElement(parts);
 }
 
@@ -63,7 +63,7 @@ INSTANTIATE_TEST_SUITE_P(
                          {"ip_saddr_100b", "ip saddr", "10.0.0.1", 100}}));
 
 TEST(NftScript, MakesAFreshTableAtBothHooks) {
-    EXPECT_EQ(NftFreshTable(), R"(add table inet tarn
+    EXPECT_EQ(R"(add table inet tarn
 delete table inet tarn
 table inet tarn {
     chain quarantine {
@@ -77,35 +77,38 @@ table inet tarn {
         jump quarantine
     }
 }
-)");
-    EXPECT_EQ(NftNoTable(), "add table inet tarn\ndelete table inet tarn\n");
+)",
+              NftFreshTable());
+    EXPECT_EQ("add table inet tarn\ndelete table inet tarn\n", NftNoTable());
 }
 
 TEST(NftScript, AddsASetAndItsRule) {
     EXPECT_EQ(
-        NftAddSet(Translate("ip intruder addr 10.0.0.1 tcp src port 0 dst port 80")),
         "add set inet tarn ip_saddr_tcp_dport { typeof ip saddr . tcp dport; flags timeout; }\n"
-        "add rule inet tarn quarantine ip saddr . tcp dport @ip_saddr_tcp_dport drop\n");
+        "add rule inet tarn quarantine ip saddr . tcp dport @ip_saddr_tcp_dport drop\n",
+        NftAddSet(Translate("ip intruder addr 10.0.0.1 tcp src port 0 dst port 80")));
 }
 
 TEST(NftScript, GivesEachElementOfASetALimitOfItsOwn) {
-    EXPECT_EQ(NftAddSet(Translate("ip victim addr 10.0.0.1 counter 7b")),
-              "add set inet tarn ip_daddr_7b { typeof ip daddr; flags timeout; "
-              "limit rate over 7 bytes/second; }\n"
-              "add rule inet tarn quarantine ip daddr @ip_daddr_7b drop\n");
+    EXPECT_EQ(
+        "add set inet tarn ip_daddr_7b { typeof ip daddr; flags timeout; "
+        "limit rate over 7 bytes/second; }\n"
+        "add rule inet tarn quarantine ip daddr @ip_daddr_7b drop\n",
+        NftAddSet(Translate("ip victim addr 10.0.0.1 counter 7b")));
 }
 
 TEST(NftScript, PutsAnElementInAnewWithItsTimeout) {
-    EXPECT_EQ(NftAddElement(Translate("ip intruder addr 10.0.0.1"), 86400 + 600),
-              "add element inet tarn ip_saddr { 10.0.0.1 }\n"
-              "delete element inet tarn ip_saddr { 10.0.0.1 }\n"
-              "add element inet tarn ip_saddr { 10.0.0.1 timeout 1d600s }\n");
+    EXPECT_EQ(
+        "add element inet tarn ip_saddr { 10.0.0.1 }\n"
+        "delete element inet tarn ip_saddr { 10.0.0.1 }\n"
+        "add element inet tarn ip_saddr { 10.0.0.1 timeout 1d600s }\n",
+        NftAddElement(Translate("ip intruder addr 10.0.0.1"), 86400 + 600));
 }
 
 TEST(NftScript, KeepsATimeoutWithinWhatNftTakes) {
     const NftElement element = Translate("ip intruder addr 10.0.0.1");
-    EXPECT_NE(NftAddElement(element, 0).find("timeout 0d1s"), std::string::npos);
-    EXPECT_NE(NftAddElement(element, INT64_MAX).find("timeout 36500d0s"), std::string::npos);
+    EXPECT_NE(std::string::npos, NftAddElement(element, 0).find("timeout 0d1s"));
+    EXPECT_NE(std::string::npos, NftAddElement(element, INT64_MAX).find("timeout 36500d0s"));
 }
 
 }  // namespace

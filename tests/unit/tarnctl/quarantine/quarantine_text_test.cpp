@@ -18,7 +18,7 @@ constexpr time_t kNovember = 1794495600;  // 2026-11-12T15:00:00Z
 
 QuarantineParts Parse(const std::string& text) {
     QuarantineParts parts;
-    EXPECT_EQ(ParseQuarantineText(text, parts), "") << text;
+    EXPECT_EQ("", ParseQuarantineText(text, parts)) << text;
     return parts;
 }
 
@@ -49,7 +49,7 @@ TEST_P(ManyQuarantineTexts, GiveBackEachRuleAndItsText) {
         const std::string text = WriteQuarantineText(parts);
         QuarantineParts parsed;
         const std::string reason = ParseQuarantineText(text, parsed);
-        ASSERT_EQ(reason, "") << "turn " << turn << ": " << text;
+        ASSERT_EQ("", reason) << "turn " << turn << ": " << text;
         ASSERT_EQ(parsed, parts) << "turn " << turn << ": " << text;
         ASSERT_EQ(WriteQuarantineText(parsed), text) << "turn " << turn;
     }
@@ -89,37 +89,37 @@ TEST(QuarantineText, TakesApartARuleWithPorts) {
     const QuarantineParts parts = Parse(
         "ip intruder addr 10.0.0.1 victim addr 10.0.0.2 udp src port 53 dst port 1025 "
         "expires 2026-11-12T15:00:00Z");
-    EXPECT_EQ(parts.ipVersion, 4);
-    EXPECT_EQ(parts.intruder, "10.0.0.1");
-    EXPECT_EQ(parts.victim, "10.0.0.2");
-    EXPECT_EQ(parts.protocol, IPPROTO_UDP);
-    EXPECT_EQ(parts.sourcePort, 53);
-    EXPECT_EQ(parts.destinationPort, 1025);
-    EXPECT_EQ(parts.counter, 0U);
-    EXPECT_EQ(parts.expiration, kNovember);
+    EXPECT_EQ(4, parts.ipVersion);
+    EXPECT_EQ("10.0.0.1", parts.intruder);
+    EXPECT_EQ("10.0.0.2", parts.victim);
+    EXPECT_EQ(IPPROTO_UDP, parts.protocol);
+    EXPECT_EQ(53, parts.sourcePort);
+    EXPECT_EQ(1025, parts.destinationPort);
+    EXPECT_EQ(0U, parts.counter);
+    EXPECT_EQ(kNovember, parts.expiration);
 }
 
 TEST(QuarantineText, TakesApartARuleWithIcmpFieldsAndACounter) {
     const QuarantineParts parts = Parse(
         "ipv6 victim addr 2001:db8::1 icmpv6 type 128 code 0 counter 100b "
         "expires 2026-11-12T15:00:00Z");
-    EXPECT_EQ(parts.ipVersion, 6);
-    EXPECT_EQ(parts.intruder, "");
-    EXPECT_EQ(parts.victim, "2001:db8::1");
-    EXPECT_EQ(parts.protocol, IPPROTO_ICMPV6);
-    EXPECT_EQ(parts.icmpType, 128);
-    EXPECT_EQ(parts.icmpCode, 0);
-    EXPECT_EQ(parts.counter, 100U);
+    EXPECT_EQ(6, parts.ipVersion);
+    EXPECT_EQ("", parts.intruder);
+    EXPECT_EQ("2001:db8::1", parts.victim);
+    EXPECT_EQ(IPPROTO_ICMPV6, parts.protocol);
+    EXPECT_EQ(128, parts.icmpType);
+    EXPECT_EQ(0, parts.icmpCode);
+    EXPECT_EQ(100U, parts.counter);
 }
 
 TEST(QuarantineText, TakesARuleOfAFamilyAndAnEndOnly) {
     QuarantineParts expected;
     expected.expiration = kNovember;
-    EXPECT_EQ(Parse("ip expires 2026-11-12T15:00:00Z"), expected);
+    EXPECT_EQ(expected, Parse("ip expires 2026-11-12T15:00:00Z"));
 }
 
 TEST(QuarantineText, WritesTimeInUtc) {
-    EXPECT_EQ(UtcText(kNovember), "2026-11-12T15:00:00Z");
+    EXPECT_EQ("2026-11-12T15:00:00Z", UtcText(kNovember));
 }
 
 class MalformedQuarantineText : public testing::TestWithParam<std::pair<const char*, const char*>> {

@@ -18,9 +18,9 @@ TEST(RuleTableAdd, KeepsRulesInTheOrderOfTheirAsking) {
     RuleTable table;
     table.Add(Rule("10.0.0.2", 2000), "two", 22, kNow);
     table.Add(Rule("10.0.0.1", 1500), "one", 11, kNow);
-    ASSERT_EQ(table.Rules().size(), 2U);
-    EXPECT_EQ(table.Rules()[0].text, "two");
-    EXPECT_EQ(table.Rules()[0].issueId, 22U);
+    ASSERT_EQ(2U, table.Rules().size());
+    EXPECT_EQ("two", table.Rules()[0].text);
+    EXPECT_EQ(22U, table.Rules()[0].issueId);
     EXPECT_EQ(table.Rules()[1].parts, Rule("10.0.0.1", 1500));
 }
 
@@ -35,14 +35,14 @@ TEST(RuleTableAdd, LetsTheLaterEndOfOneRuleHold) {
     RuleTable table;
     table.Add(Rule("10.0.0.1", 2000), "late", 1, kNow);
     table.Add(Rule("10.0.0.1", 1500), "early", 2, kNow);
-    ASSERT_EQ(table.Rules().size(), 1U);
-    EXPECT_EQ(table.Rules()[0].parts.expiration, 2000);
-    EXPECT_EQ(table.Rules()[0].text, "late");
-    EXPECT_EQ(table.Rules()[0].issueId, 2U);
-    EXPECT_EQ(table.Rules()[0].asked, 2U);
+    ASSERT_EQ(1U, table.Rules().size());
+    EXPECT_EQ(2000, table.Rules()[0].parts.expiration);
+    EXPECT_EQ("late", table.Rules()[0].text);
+    EXPECT_EQ(2U, table.Rules()[0].issueId);
+    EXPECT_EQ(2U, table.Rules()[0].asked);
     table.Add(Rule("10.0.0.1", 2500), "later", 3, kNow);
-    EXPECT_EQ(table.Rules()[0].parts.expiration, 2500);
-    EXPECT_EQ(table.Rules()[0].text, "later");
+    EXPECT_EQ(2500, table.Rules()[0].parts.expiration);
+    EXPECT_EQ("later", table.Rules()[0].text);
 }
 
 TEST(RuleTableAdd, TellsRulesApartByTheirCounter) {
@@ -51,14 +51,14 @@ TEST(RuleTableAdd, TellsRulesApartByTheirCounter) {
     limited.counter = 5;
     table.Add(Rule("10.0.0.1", 2000), "all", 1, kNow);
     table.Add(limited, "some", 1, kNow);
-    EXPECT_EQ(table.Rules().size(), 2U);
+    EXPECT_EQ(2U, table.Rules().size());
 }
 
 TEST(RuleTableEndOf, FindsARuleByAllButItsEnd) {
     RuleTable table;
     table.Add(Rule("10.0.0.1", 2000), "one", 1, kNow);
-    EXPECT_EQ(table.EndOf(Rule("10.0.0.1", 1)), 2000);
-    EXPECT_EQ(table.EndOf(Rule("10.0.0.2", 2000)), 0);
+    EXPECT_EQ(2000, table.EndOf(Rule("10.0.0.1", 1)));
+    EXPECT_EQ(0, table.EndOf(Rule("10.0.0.2", 2000)));
 }
 
 TEST(RuleTableDropExpired, TakesOutWhatHasEndedAndKeepsTheOrder) {
@@ -69,12 +69,12 @@ TEST(RuleTableDropExpired, TakesOutWhatHasEndedAndKeepsTheOrder) {
     table.Add(Rule("10.0.0.4", 1100), "d", 4, kNow);
     EXPECT_TRUE(table.DropExpired(1099).empty());
     const std::vector<RuleInForce> gone = table.DropExpired(1100);
-    ASSERT_EQ(gone.size(), 2U);
-    EXPECT_EQ(gone[0].text, "b");
-    EXPECT_EQ(gone[1].text, "d");
-    ASSERT_EQ(table.Rules().size(), 2U);
-    EXPECT_EQ(table.Rules()[0].text, "a");
-    EXPECT_EQ(table.Rules()[1].text, "c");
+    ASSERT_EQ(2U, gone.size());
+    EXPECT_EQ("b", gone[0].text);
+    EXPECT_EQ("d", gone[1].text);
+    ASSERT_EQ(2U, table.Rules().size());
+    EXPECT_EQ("a", table.Rules()[0].text);
+    EXPECT_EQ("c", table.Rules()[1].text);
 }
 
 }  // namespace

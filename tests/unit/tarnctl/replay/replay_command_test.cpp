@@ -28,7 +28,7 @@ class ReplayTest : public testing::Test {
         std::signal(SIGPIPE, SIG_IGN);
         m_options.fifo = m_dir.File("alerts.fifo");
         m_options.rate = 0;
-        EXPECT_EQ(mkfifo(m_options.fifo.c_str(), 0600), 0);
+        EXPECT_EQ(0, mkfifo(m_options.fifo.c_str(), 0600));
     }
     // Plays a file with this content to a reader and returns the exit status.
     int Play(const std::string& content) {
@@ -38,7 +38,7 @@ class ReplayTest : public testing::Test {
         const int status = RunReplay(m_options, m_out, m_err);
         // A replay that never opened the FIFO leaves its reader without an end to see.
         const int ending = open(m_options.fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-        EXPECT_NE(ending, -1);
+        EXPECT_NE(-1, ending);
         close(ending);
         m_received = received.get();
         return status;
@@ -53,34 +53,34 @@ class ReplayTest : public testing::Test {
 
 TEST_F(ReplayTest, SendsEveryRecordOfTheFile) {
     const std::string content = Alert() + Packet(1400) + AlertIpv6() + Packet(60000);
-    EXPECT_EQ(Play(content), kExitFine);
+    EXPECT_EQ(kExitFine, Play(content));
     EXPECT_EQ(m_received, content);
     EXPECT_THAT(m_out.str(), StartsWith("sent 4 records with 2 alerts, " +
                                         std::to_string(content.size()) + " bytes, in "));
-    EXPECT_EQ(m_err.str(), "");
+    EXPECT_EQ("", m_err.str());
 }
 
 TEST_F(ReplayTest, PlaysTheFileAsOftenAsAskedWithTheSameIds) {
     m_options.loop = 3;
     const std::string content = Alert() + Packet(10);
-    EXPECT_EQ(Play(content), kExitFine);
+    EXPECT_EQ(kExitFine, Play(content));
     EXPECT_EQ(m_received, content + content + content);
     EXPECT_THAT(m_out.str(), StartsWith("sent 6 records with 3 alerts, "));
 }
 
 TEST_F(ReplayTest, SummarisesInJson) {
     m_options.json = true;
-    EXPECT_EQ(Play(Alert() + Packet(10)), kExitFine);
+    EXPECT_EQ(kExitFine, Play(Alert() + Packet(10)));
     const json summary = json::parse(m_out.str());
-    EXPECT_EQ(summary["records"], 2);
-    EXPECT_EQ(summary["alerts"], 1);
-    EXPECT_EQ(summary["bytes"], 68 + 46);
+    EXPECT_EQ(2, summary["records"]);
+    EXPECT_EQ(1, summary["alerts"]);
+    EXPECT_EQ(68 + 46, summary["bytes"]);
     EXPECT_GE(summary["seconds"], 0.0);
     EXPECT_TRUE(summary["error"].is_null());
 }
 
 TEST_F(ReplayTest, SendsWhatIsWholeOfATruncatedFileAndSaysWhereItEnds) {
-    EXPECT_EQ(Play(Alert() + Packet(100).substr(0, 20)), kExitFailure);
+    EXPECT_EQ(kExitFailure, Play(Alert() + Packet(100).substr(0, 20)));
     EXPECT_EQ(m_received, Alert());
     EXPECT_THAT(m_err.str(), HasSubstr("the file is truncated: the record at offset 68 has 12 of "
                                        "128 bytes of payload; what stands before it was sent\n"));
@@ -88,8 +88,8 @@ TEST_F(ReplayTest, SendsWhatIsWholeOfATruncatedFileAndSaysWhereItEnds) {
 }
 
 TEST_F(ReplayTest, SendsNothingOfAForeignFile) {
-    EXPECT_EQ(Play("#!/bin/sh\necho this is a script\n"), kExitFailure);
-    EXPECT_EQ(m_received, "");
+    EXPECT_EQ(kExitFailure, Play("#!/bin/sh\necho this is a script\n"));
+    EXPECT_EQ("", m_received);
     EXPECT_THAT(m_err.str(), HasSubstr("not a unified2 file"));
 }
 
@@ -100,7 +100,7 @@ TEST_F(ReplayTest, KeepsTheRateOfAlertsAndLetsTheirRecordsFollowAtOnce) {
         content += Alert() + Packet(1) + Packet(2) + Packet(3);
     }
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(Play(content), kExitFine);
+    EXPECT_EQ(kExitFine, Play(content));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
     EXPECT_EQ(m_received, content);
 }
@@ -108,7 +108,7 @@ TEST_F(ReplayTest, KeepsTheRateOfAlertsAndLetsTheirRecordsFollowAtOnce) {
 TEST_F(ReplayTest, FailsWithoutAReader) {
     m_options.file = m_dir.Write("alerts.u2", Alert());
     m_options.json = true;
-    EXPECT_EQ(RunReplay(m_options, m_out, m_err), kExitFailure);
+    EXPECT_EQ(kExitFailure, RunReplay(m_options, m_out, m_err));
     EXPECT_THAT(m_err.str(),
                 HasSubstr("nobody is reading; start tarn, or wait for it with --wait"));
     EXPECT_THAT(std::string(json::parse(m_out.str())["error"]), HasSubstr("nobody is reading"));
@@ -116,13 +116,13 @@ TEST_F(ReplayTest, FailsWithoutAReader) {
 
 TEST_F(ReplayTest, FailsWithoutAFile) {
     m_options.file = m_dir.File("none.u2");
-    EXPECT_EQ(RunReplay(m_options, m_out, m_err), kExitFailure);
+    EXPECT_EQ(kExitFailure, RunReplay(m_options, m_out, m_err));
     EXPECT_THAT(m_err.str(), HasSubstr("none.u2: No such file or directory"));
 }
 
 TEST_F(ReplayTest, DrawsItsBarOnATerminalOnly) {
     m_options.isTerminal = true;
-    EXPECT_EQ(Play(Alert()), kExitFine);
+    EXPECT_EQ(kExitFine, Play(Alert()));
     EXPECT_THAT(m_err.str(), HasSubstr("[##############################] 100% 1 alert"));
 }
 

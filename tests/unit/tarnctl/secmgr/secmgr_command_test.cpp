@@ -113,8 +113,8 @@ class SecmgrCommandTest : public testing::Test {
 TEST_F(SecmgrCommandTest, AcceptsARuleAndShowsIt) {
     m_options.count = 1;
     const std::string rule = LiveRule();
-    EXPECT_EQ(Run([&] { EXPECT_EQ(Client(m_options.socketPath).Ask(rule, 77), kAdded); }),
-              kExitFine);
+    EXPECT_EQ(kExitFine,
+              Run([&] { EXPECT_EQ(kAdded, Client(m_options.socketPath).Ask(rule, 77)); }));
     EXPECT_THAT(m_out.str(), EndsWith("  accepted  SID 77  flags 1  " + rule + "\n"));
     EXPECT_THAT(m_err.str(), HasSubstr("serving at " + m_options.socketPath));
     EXPECT_THAT(m_err.str(), HasSubstr("tarnctl secmgr: 1 rule in force\n"));
@@ -124,8 +124,8 @@ TEST_F(SecmgrCommandTest, AcceptsARuleAndShowsIt) {
 
 TEST_F(SecmgrCommandTest, AcceptsARuleWhoseEndHasComeAndDoesNotKeepIt) {
     m_options.count = 1;
-    EXPECT_EQ(Run([&] { EXPECT_EQ(Client(m_options.socketPath).Ask(kPastRule), kAdded); }),
-              kExitFine);
+    EXPECT_EQ(kExitFine,
+              Run([&] { EXPECT_EQ(kAdded, Client(m_options.socketPath).Ask(kPastRule)); }));
     EXPECT_THAT(m_out.str(), EndsWith("  (its end has come already)\n"));
     EXPECT_THAT(m_err.str(), HasSubstr("0 rules in force\n"));
 }
@@ -135,7 +135,7 @@ TEST_F(SecmgrCommandTest, ShowsTheRuleAndItsPartsAsJson) {
     m_options.json = true;
     const std::string rule =
         "ipv6 victim addr 2001:db8::1 icmpv6 type 128 counter 100b expires 2026-11-12T15:00:00Z";
-    EXPECT_EQ(Run([&] { (void)Client(m_options.socketPath).Ask(rule, 5); }), kExitFine);
+    EXPECT_EQ(kExitFine, Run([&] { (void)Client(m_options.socketPath).Ask(rule, 5); }));
     json shown = json::parse(m_out.str());
     EXPECT_LE(std::abs(shown["time"].get<time_t>() - std::time(nullptr)), 20);
     shown.erase("time");
@@ -149,37 +149,35 @@ TEST_F(SecmgrCommandTest, ShowsTheRuleAndItsPartsAsJson) {
 
 TEST_F(SecmgrCommandTest, RefusesATextThatIsNoRule) {
     m_options.count = 1;
-    EXPECT_EQ(Run([&] { EXPECT_EQ(Client(m_options.socketPath).Ask("ip\x1b"), kRefused); }),
-              kExitFine);
+    EXPECT_EQ(kExitFine,
+              Run([&] { EXPECT_EQ(kRefused, Client(m_options.socketPath).Ask("ip\x1b")); }));
     EXPECT_THAT(m_out.str(), HasSubstr("  not accepted (the line begins with \"ip\\x1B\""));
     EXPECT_THAT(m_err.str(), EndsWith("1 rule, 0 accepted\n"));
 }
 
 TEST_F(SecmgrCommandTest, ServesASecondClientWhileTheFirstIsSilent) {
     m_options.count = 2;
-    EXPECT_EQ(Run([&] {
+    EXPECT_EQ(kExitFine, Run([&] {
                   const Client first(m_options.socketPath);
                   const std::string frame = RequestFrame(kPastRule, 1);
                   first.Send(frame.substr(0, 11));
-                  EXPECT_EQ(Client(m_options.socketPath).Ask(kPastRule), kAdded);
+                  EXPECT_EQ(kAdded, Client(m_options.socketPath).Ask(kPastRule));
                   first.Send(frame.substr(11));
-                  EXPECT_EQ(first.Receive(8), kAdded);
-              }),
-              kExitFine);
+                  EXPECT_EQ(kAdded, first.Receive(8));
+              }));
 }
 
 TEST_F(SecmgrCommandTest, ClosesAConnectionForAMalformedRequestAndGoesOn) {
     m_options.count = 2;
     m_options.json = true;
-    EXPECT_EQ(Run([&] {
+    EXPECT_EQ(kExitFailure, Run([&] {
                   const Client other(m_options.socketPath);
-                  EXPECT_EQ(other.Ask(kPastRule), kAdded);
+                  EXPECT_EQ(kAdded, other.Ask(kPastRule));
                   const Client wrong(m_options.socketPath);
                   wrong.Send(Words({12, 4}));
-                  EXPECT_EQ(wrong.Receive(1), "") << "closed";
-                  EXPECT_EQ(other.Ask(kPastRule), kAdded);
-              }),
-              kExitFailure);
+                  EXPECT_EQ("", wrong.Receive(1)) << "closed";
+                  EXPECT_EQ(kAdded, other.Ask(kPastRule));
+              }));
     EXPECT_THAT(m_err.str(),
                 HasSubstr("malformed request of 8 bytes skipped: command 12 is unknown; its "
                           "connection is closed\n"));
@@ -191,11 +189,10 @@ TEST_F(SecmgrCommandTest, ClosesAConnectionForAMalformedRequestAndGoesOn) {
 
 TEST_F(SecmgrCommandTest, TellsOfARequestThatIsCutOff) {
     m_options.count = 1;
-    EXPECT_EQ(Run([&] {
+    EXPECT_EQ(kExitFailure, Run([&] {
                   { Client(m_options.socketPath).Send("abc"); }
-                  EXPECT_EQ(Client(m_options.socketPath).Ask(kPastRule), kAdded);
-              }),
-              kExitFailure);
+                  EXPECT_EQ(kAdded, Client(m_options.socketPath).Ask(kPastRule));
+              }));
     EXPECT_THAT(m_err.str(),
                 HasSubstr("malformed request of 3 bytes skipped: the connection ended within it"));
 }
@@ -211,12 +208,11 @@ TEST_F(SecmgrCommandTest, AnswersWronglyOnPurpose) {
                                {"long", Words({15, 4, 0})}}) {
         m_options.count = 1;
         m_options.answer = wrong.word;
-        EXPECT_EQ(Run([&] {
+        EXPECT_EQ(kExitFine, Run([&] {
                       const Client client(m_options.socketPath);
                       client.Send(RequestFrame(LiveRule(), 1));
                       EXPECT_EQ(client.Receive(100), wrong.bytes) << wrong.word;
-                  }),
-                  kExitFine);
+                  }));
         EXPECT_THAT(m_out.str(), HasSubstr("answered wrongly on purpose: " + wrong.word));
     }
     EXPECT_THAT(m_err.str(), Not(HasSubstr("1 rule in force")));
@@ -226,43 +222,40 @@ TEST_F(SecmgrCommandTest, StaysSilentAndKeepsTheConnection) {
     m_options.count = 3;
     m_options.answer = "silent";
     m_options.failFirst = 1;
-    EXPECT_EQ(Run([&] {
+    EXPECT_EQ(kExitFine, Run([&] {
                   const Client first(m_options.socketPath);
                   first.Send(RequestFrame(kPastRule, 1));
                   while (!first.IsTaken()) {
                       std::this_thread::yield();
                   }
                   const Client second(m_options.socketPath);
-                  EXPECT_EQ(second.Ask(kPastRule), kAdded);
+                  EXPECT_EQ(kAdded, second.Ask(kPastRule));
                   EXPECT_TRUE(first.HasNothing());
-                  EXPECT_EQ(first.Ask(kPastRule), kAdded);
-              }),
-              kExitFine);
+                  EXPECT_EQ(kAdded, first.Ask(kPastRule));
+              }));
     EXPECT_THAT(m_err.str(), EndsWith("3 rules, 2 accepted\n"));
 }
 
 TEST_F(SecmgrCommandTest, BehavesAfterTheFirstFailures) {
     m_options.count = 3;
     m_options.failFirst = 2;
-    EXPECT_EQ(Run([&] {
-                  EXPECT_EQ(Client(m_options.socketPath).Ask(kPastRule), "");
-                  EXPECT_EQ(Client(m_options.socketPath).Ask(kPastRule), "");
-                  EXPECT_EQ(Client(m_options.socketPath).Ask(kPastRule), kAdded);
-              }),
-              kExitFine);
+    EXPECT_EQ(kExitFine, Run([&] {
+                  EXPECT_EQ("", Client(m_options.socketPath).Ask(kPastRule));
+                  EXPECT_EQ("", Client(m_options.socketPath).Ask(kPastRule));
+                  EXPECT_EQ(kAdded, Client(m_options.socketPath).Ask(kPastRule));
+              }));
     EXPECT_THAT(m_err.str(), EndsWith("3 rules, 1 accepted\n"));
 }
 
 TEST_F(SecmgrCommandTest, ShowsTheTableAtItsSignal) {
     m_options.count = 2;
     const std::string rule = LiveRule();
-    EXPECT_EQ(Run([&] {
+    EXPECT_EQ(kExitFine, Run([&] {
                   const Client client(m_options.socketPath);
-                  EXPECT_EQ(client.Ask(rule), kAdded);
+                  EXPECT_EQ(kAdded, client.Ask(rule));
                   kill(getpid(), SIGUSR1);
-                  EXPECT_EQ(client.Ask(rule), kAdded);
-              }),
-              kExitFine);
+                  EXPECT_EQ(kAdded, client.Ask(rule));
+              }));
     const std::string text = m_err.str();
     EXPECT_NE(text.find("1 rule in force"), text.rfind("1 rule in force"));
     EXPECT_THAT(text, HasSubstr("asked for 2 times"));
@@ -270,19 +263,19 @@ TEST_F(SecmgrCommandTest, ShowsTheTableAtItsSignal) {
 
 TEST_F(SecmgrCommandTest, EndsAfterItsQuietTimeAndRemovesItsSocket) {
     m_options.timeout = 0.01;
-    EXPECT_EQ(RunSecmgr(m_options, m_out, m_err), kExitFine);
+    EXPECT_EQ(kExitFine, RunSecmgr(m_options, m_out, m_err));
     struct stat file = {};
-    EXPECT_NE(lstat(m_options.socketPath.c_str(), &file), 0);
+    EXPECT_NE(0, lstat(m_options.socketPath.c_str(), &file));
 }
 
 TEST_F(SecmgrCommandTest, IsRefusedWhereAnotherManagerServes) {
     SocketFile other;
-    ASSERT_EQ(other.Open(m_options.socketPath, SOCK_STREAM), "");
-    ASSERT_EQ(listen(other.Descriptor(), 1), 0);
-    EXPECT_EQ(RunSecmgr(m_options, m_out, m_err), kExitFailure);
+    ASSERT_EQ("", other.Open(m_options.socketPath, SOCK_STREAM));
+    ASSERT_EQ(0, listen(other.Descriptor(), 1));
+    EXPECT_EQ(kExitFailure, RunSecmgr(m_options, m_out, m_err));
     EXPECT_THAT(m_err.str(), HasSubstr("another receiver is there already"));
     struct stat file = {};
-    EXPECT_EQ(lstat(m_options.socketPath.c_str(), &file), 0) << "the other's socket stays";
+    EXPECT_EQ(0, lstat(m_options.socketPath.c_str(), &file)) << "the other's socket stays";
 }
 
 // --- with a stand-in for nft, which keeps what it is told
@@ -303,16 +296,16 @@ class SecmgrNftTest : public SecmgrCommandTest {
     }
     std::string Script() const { return m_dir.Read("script"); }
     void ExpectRefusal(const std::string& rule, const std::string& reason) {
-        EXPECT_EQ(Run([&] { EXPECT_EQ(Client(m_options.socketPath).Ask(rule), kRefused); }),
-                  kExitFine);
+        EXPECT_EQ(kExitFine,
+                  Run([&] { EXPECT_EQ(kRefused, Client(m_options.socketPath).Ask(rule)); }));
         EXPECT_THAT(m_out.str(), HasSubstr("not accepted (" + reason + ")"));
         EXPECT_THAT(Script(), Not(HasSubstr("element")));
     }
 };
 
 TEST_F(SecmgrNftTest, HandsAnAcceptedRuleToNft) {
-    EXPECT_EQ(Run([&] { EXPECT_EQ(Client(m_options.socketPath).Ask(LiveRule()), kAdded); }),
-              kExitFine);
+    EXPECT_EQ(kExitFine,
+              Run([&] { EXPECT_EQ(kAdded, Client(m_options.socketPath).Ask(LiveRule())); }));
     EXPECT_THAT(Script(), HasSubstr("hook prerouting priority raw"));
     EXPECT_THAT(Script(), HasSubstr("add set inet tarn ip_saddr "));
     EXPECT_THAT(Script(), testing::ContainsRegex("203.0.113.1 timeout 0d(3600|3599)s"));
@@ -322,13 +315,12 @@ TEST_F(SecmgrNftTest, HandsAnAcceptedRuleToNft) {
 TEST_F(SecmgrNftTest, MakesASetOnceAndAnElementAnewOnlyForALaterEnd) {
     m_options.count = 3;
     const std::string rule = LiveRule();
-    EXPECT_EQ(Run([&] {
+    EXPECT_EQ(kExitFine, Run([&] {
                   const Client client(m_options.socketPath);
-                  EXPECT_EQ(client.Ask(rule), kAdded);
-                  EXPECT_EQ(client.Ask(rule), kAdded);
-                  EXPECT_EQ(client.Ask(LiveRule(" intruder addr 203.0.113.2")), kAdded);
-              }),
-              kExitFine);
+                  EXPECT_EQ(kAdded, client.Ask(rule));
+                  EXPECT_EQ(kAdded, client.Ask(rule));
+                  EXPECT_EQ(kAdded, client.Ask(LiveRule(" intruder addr 203.0.113.2")));
+              }));
     const std::string script = Script();
     EXPECT_EQ(script.find("add set"), script.rfind("add set"));
     EXPECT_EQ(script.find("203.0.113.1 timeout"), script.rfind("203.0.113.1 timeout"));
@@ -337,15 +329,15 @@ TEST_F(SecmgrNftTest, MakesASetOnceAndAnElementAnewOnlyForALaterEnd) {
 
 TEST_F(SecmgrNftTest, RemovesTheTableAtTheEndIfTold) {
     m_options.flush = true;
-    EXPECT_EQ(Run([&] { EXPECT_EQ(Client(m_options.socketPath).Ask(LiveRule()), kAdded); }),
-              kExitFine);
+    EXPECT_EQ(kExitFine,
+              Run([&] { EXPECT_EQ(kAdded, Client(m_options.socketPath).Ask(LiveRule())); }));
     EXPECT_THAT(Script(), EndsWith("delete table inet tarn\n"));
 }
 
 TEST_F(SecmgrNftTest, RefusesWhatNftDoesNotTake) {
     m_dir.Write("fail", "");
-    EXPECT_EQ(Run([&] { EXPECT_EQ(Client(m_options.socketPath).Ask(LiveRule()), kRefused); }),
-              kExitFine);
+    EXPECT_EQ(kExitFine,
+              Run([&] { EXPECT_EQ(kRefused, Client(m_options.socketPath).Ask(LiveRule())); }));
     EXPECT_THAT(m_out.str(), HasSubstr("not accepted (nft: Error: no such thing)"));
     EXPECT_THAT(m_err.str(), HasSubstr("0 rules in force"));
 }
@@ -375,14 +367,14 @@ TEST_F(SecmgrNftTest, RefusesAnAddressOfTheListsFile) {
 
 TEST_F(SecmgrNftTest, DoesNotBeginWithoutNft) {
     m_options.nftCommand = m_dir.File("none");
-    EXPECT_EQ(RunSecmgr(m_options, m_out, m_err), kExitFailure);
+    EXPECT_EQ(kExitFailure, RunSecmgr(m_options, m_out, m_err));
     EXPECT_THAT(m_err.str(), HasSubstr("none: No such file or directory"));
 }
 
 TEST_F(SecmgrNftTest, DoesNotBeginWithAListThatCannotBeRead) {
     m_options.neverFile = {m_dir.File("none")};
-    EXPECT_EQ(RunSecmgr(m_options, m_out, m_err), kExitFailure);
-    EXPECT_EQ(Script(), "") << "nothing was done yet";
+    EXPECT_EQ(kExitFailure, RunSecmgr(m_options, m_out, m_err));
+    EXPECT_EQ("", Script()) << "nothing was done yet";
 }
 
 }  // namespace

@@ -21,13 +21,13 @@ TEST(SecmgrFrames, TakesARequestThatCameByteByByte) {
     SecmgrFrames frames;
     SecmgrRequest request;
     for (const char byte : bytes) {
-        ASSERT_EQ(frames.Next(request), Result::kNeedsMore);
+        ASSERT_EQ(Result::kNeedsMore, frames.Next(request));
         Append(frames, std::string(1, byte));
     }
-    ASSERT_EQ(frames.Next(request), Result::kRequest);
-    EXPECT_EQ(request.flags, 1U);
-    EXPECT_EQ(request.issueId, 7U);
-    EXPECT_EQ(request.text, "ip");
+    ASSERT_EQ(Result::kRequest, frames.Next(request));
+    EXPECT_EQ(1U, request.flags);
+    EXPECT_EQ(7U, request.issueId);
+    EXPECT_EQ("ip", request.text);
     EXPECT_TRUE(frames.Waiting().empty());
 }
 
@@ -35,12 +35,12 @@ TEST(SecmgrFrames, TakesSeveralRequestsOutOfOnePiece) {
     SecmgrFrames frames;
     Append(frames, RequestFrame("one", 1) + RequestFrame("two", 2) + "\x0b");
     SecmgrRequest request;
-    ASSERT_EQ(frames.Next(request), Result::kRequest);
-    EXPECT_EQ(request.text, "one");
-    ASSERT_EQ(frames.Next(request), Result::kRequest);
-    EXPECT_EQ(request.text, "two");
-    EXPECT_EQ(frames.Next(request), Result::kNeedsMore);
-    EXPECT_EQ(frames.Waiting().size(), 1U);
+    ASSERT_EQ(Result::kRequest, frames.Next(request));
+    EXPECT_EQ("one", request.text);
+    ASSERT_EQ(Result::kRequest, frames.Next(request));
+    EXPECT_EQ("two", request.text);
+    EXPECT_EQ(Result::kNeedsMore, frames.Next(request));
+    EXPECT_EQ(1U, frames.Waiting().size());
 }
 
 TEST(SecmgrFrames, TakesTheLongestBodyAndNoLonger) {
@@ -48,35 +48,35 @@ TEST(SecmgrFrames, TakesTheLongestBodyAndNoLonger) {
     SecmgrFrames frames;
     SecmgrRequest request;
     Append(frames, RequestFrame(std::string(longest, 'x'), 1));
-    EXPECT_EQ(frames.Next(request), Result::kRequest);
+    EXPECT_EQ(Result::kRequest, frames.Next(request));
     Append(frames, RequestFrame(std::string(longest + 1, 'x'), 1));
-    EXPECT_EQ(frames.Next(request), Result::kMalformed);
+    EXPECT_EQ(Result::kMalformed, frames.Next(request));
 }
 
 std::string ReasonFor(const std::string& bytes) {
     SecmgrFrames frames;
     SecmgrRequest request;
     Append(frames, bytes);
-    EXPECT_EQ(frames.Next(request), Result::kMalformed);
-    EXPECT_EQ(frames.Next(request), Result::kMalformed) << "it stays so";
+    EXPECT_EQ(Result::kMalformed, frames.Next(request));
+    EXPECT_EQ(Result::kMalformed, frames.Next(request)) << "it stays so";
     return frames.Error();
 }
 
 TEST(SecmgrFrames, RefusesAnUnknownCommandBeforeItsBodyComes) {
-    EXPECT_EQ(ReasonFor(Words({12, 100})), "command 12 is unknown");
+    EXPECT_EQ("command 12 is unknown", ReasonFor(Words({12, 100})));
 }
 
 TEST(SecmgrFrames, RefusesABodyThatCanHoldNoRule) {
-    EXPECT_EQ(ReasonFor(Words({11, 0})), "a body of 0 bytes holds no rule");
-    EXPECT_EQ(ReasonFor(Words({11, 9})), "a body of 9 bytes holds no rule");
-    EXPECT_EQ(ReasonFor(Words({11, 0xFFFFFFFF})), "a body of 4294967295 bytes holds no rule");
+    EXPECT_EQ("a body of 0 bytes holds no rule", ReasonFor(Words({11, 0})));
+    EXPECT_EQ("a body of 9 bytes holds no rule", ReasonFor(Words({11, 9})));
+    EXPECT_EQ("a body of 4294967295 bytes holds no rule", ReasonFor(Words({11, 0xFFFFFFFF})));
 }
 
 TEST(SecmgrFrames, RefusesATextThatItsNulDoesNotEnd) {
     using namespace std::string_literals;
-    EXPECT_EQ(ReasonFor(Words({11, 10, 1, 1}) + "ab"), "a rule text without a NUL at its end");
-    EXPECT_EQ(ReasonFor(Words({11, 12, 1, 1}) + "a\0b\0"s), "a NUL within the rule text");
-    EXPECT_EQ(ReasonFor(Words({11, 12, 1, 1}) + "a\0bc"s), "a rule text without a NUL at its end");
+    EXPECT_EQ("a rule text without a NUL at its end", ReasonFor(Words({11, 10, 1, 1}) + "ab"));
+    EXPECT_EQ("a NUL within the rule text", ReasonFor(Words({11, 12, 1, 1}) + "a\0b\0"s));
+    EXPECT_EQ("a rule text without a NUL at its end", ReasonFor(Words({11, 12, 1, 1}) + "a\0bc"s));
 }
 
 TEST(SecmgrAnswer, KnowsItsWords) {
@@ -102,8 +102,8 @@ TEST(SecmgrAnswer, HasTheBytesThatItsWordSays) {
     EXPECT_EQ(bytesOf("3"), Words({3, 0}));
     EXPECT_EQ(bytesOf("long"), Words({15, 4, 0}));
     EXPECT_EQ(bytesOf("short"), Words({15}));
-    EXPECT_EQ(bytesOf("close"), "");
-    EXPECT_EQ(bytesOf("silent"), "");
+    EXPECT_EQ("", bytesOf("close"));
+    EXPECT_EQ("", bytesOf("silent"));
 }
 
 }  // namespace
