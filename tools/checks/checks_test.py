@@ -4,6 +4,8 @@
 The first argument is the compiler.
 """
 
+import importlib.machinery
+import importlib.util
 import pathlib
 import subprocess
 import sys
@@ -16,13 +18,26 @@ sys.path.insert(0, str(HERE))
 import formats_against_pages  # noqa: E402
 import include_direction  # noqa: E402
 
-COMPILER = 'c++'
 
-ORDER = include_direction.Order('''
+
+def load_mutate():
+    """The mutation runner is a program without a suffix, which import does not find by itself."""
+    path = str(HERE / "mutate" / "mutate")
+    loader = importlib.machinery.SourceFileLoader("mutate", path)
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("mutate", loader))
+    sys.modules["mutate"] = module
+    loader.exec_module(module)
+    return module
+
+
+mutate = load_mutate()
+COMPILER = "c++"
+
+ORDER = include_direction.Order("""
 order low middle high   # lowest first
 shared common rules
 apart middle/alone*.* low/log*.h
-''')
+""")
 
 
 class Tree(unittest.TestCase):
@@ -34,22 +49,22 @@ class Tree(unittest.TestCase):
     def write(self, name, text):
         path = self.root / name
         path.parent.mkdir(parents=True, exist_ok=True)
-        path.write_text(text, encoding='utf-8')
+        path.write_text(text, encoding="utf-8")
 
 
 class IncludeDirection(Tree):
     def write(self, name, text):
-        super().write(f'src/{name}', text)
+        super().write(f"src/{name}", text)
 
-    def header(self, name, *included, root='src'):
-        super().write(f'{root}/{name}',
-                      '#pragma once\n' + ''.join(f'#include "{i}"\n' for i in included))
+    def header(self, name, *included, root="src"):
+        super().write(f"{root}/{name}",
+                      "#pragma once\n" + "".join(f'#include "{i}"\n' for i in included))
 
     def tool(self, name, *included):
-        self.header(name, *included, root='tools')
+        self.header(name, *included, root="tools")
 
     def faults(self):
-        return list(include_direction.faults_of(self.root / 'src', ORDER, self.root / 'tools'))
+        return list(include_direction.faults_of(self.root / "src", ORDER, self.root / "tools"))
 
     def assert_one_fault(self, text):
         faults = self.faults()
@@ -57,94 +72,94 @@ class IncludeDirection(Tree):
         self.assertIn(text, faults[0])
 
     def test_lets_includes_point_downwards(self):
-        self.header('low/a.h')
-        self.header('middle/b.h', 'low/a.h')
-        self.header('high/c.h', 'middle/b.h', 'low/a.h')
+        self.header("low/a.h")
+        self.header("middle/b.h", "low/a.h")
+        self.header("high/c.h", "middle/b.h", "low/a.h")
         self.assertEqual([], self.faults())
 
     def test_finds_an_include_that_points_upwards(self):
-        self.header('middle/b.h')
-        self.header('low/a.h', 'middle/b.h')
+        self.header("middle/b.h")
+        self.header("low/a.h", "middle/b.h")
         self.assert_one_fault('low/a.h:2: includes "middle/b.h" but points upwards')
 
     def test_lets_anyone_include_what_lies_at_the_top(self):
-        self.header('paths.h')
-        self.header('low/a.h', 'paths.h')
+        self.header("paths.h")
+        self.header("low/a.h", "paths.h")
         self.assertEqual([], self.faults())
-        self.header('paths.h', 'low/a.h')
-        self.assert_one_fault('points upwards')
+        self.header("paths.h", "low/a.h")
+        self.assert_one_fault("points upwards")
 
     def test_finds_a_folder_that_the_order_does_not_name(self):
-        self.header('low/a.h')
-        self.header('other/b.h', 'low/a.h')
-        self.assert_one_fault('a folder that the order does not name')
+        self.header("low/a.h")
+        self.header("other/b.h", "low/a.h")
+        self.assert_one_fault("a folder that the order does not name")
 
     def test_lets_a_format_include_only_formats(self):
-        self.header('low/a.h')
-        self.header('low/x_format.h')
-        self.header('low/y_format.h', 'low/x_format.h')
+        self.header("low/a.h")
+        self.header("low/x_format.h")
+        self.header("low/y_format.h", "low/x_format.h")
         self.assertEqual([], self.faults())
-        self.header('low/y_format.h', 'low/a.h')
-        self.assert_one_fault('may include formats only')
+        self.header("low/y_format.h", "low/a.h")
+        self.assert_one_fault("may include formats only")
 
     def test_lets_sub_commands_include_what_is_shared_and_the_daemon(self):
-        self.header('low/a.h')
-        self.tool('tarnctl/common/c.h', 'low/a.h')
-        self.tool('tarnctl/rules/r.h', 'tarnctl/common/c.h')
-        self.tool('tarnctl/one/o.h', 'tarnctl/common/c.h', 'tarnctl/rules/r.h', 'low/a.h')
-        self.tool('tarnctl/main.h', 'tarnctl/one/o.h')
+        self.header("low/a.h")
+        self.tool("tarnctl/common/c.h", "low/a.h")
+        self.tool("tarnctl/rules/r.h", "tarnctl/common/c.h")
+        self.tool("tarnctl/one/o.h", "tarnctl/common/c.h", "tarnctl/rules/r.h", "low/a.h")
+        self.tool("tarnctl/main.h", "tarnctl/one/o.h")
         self.assertEqual([], self.faults())
 
     def test_finds_a_sub_command_that_includes_another(self):
-        self.tool('tarnctl/one/o.h')
-        self.tool('tarnctl/two/t.h', 'tarnctl/one/o.h')
-        self.assert_one_fault('belongs to another sub-command')
+        self.tool("tarnctl/one/o.h")
+        self.tool("tarnctl/two/t.h", "tarnctl/one/o.h")
+        self.assert_one_fault("belongs to another sub-command")
 
     def test_finds_what_is_shared_pointing_upwards(self):
-        self.tool('tarnctl/rules/r.h')
-        self.tool('tarnctl/common/c.h', 'tarnctl/rules/r.h')
-        self.assert_one_fault('points upwards')
-        self.tool('tarnctl/common/c.h', 'tarnctl/one/o.h')
-        self.tool('tarnctl/one/o.h')
-        self.assert_one_fault('belongs to another sub-command')
-        self.tool('tarnctl/common/c.h', 'tarnctl/top.h')
-        self.tool('tarnctl/top.h')
-        self.assert_one_fault('points upwards')
+        self.tool("tarnctl/rules/r.h")
+        self.tool("tarnctl/common/c.h", "tarnctl/rules/r.h")
+        self.assert_one_fault("points upwards")
+        self.tool("tarnctl/common/c.h", "tarnctl/one/o.h")
+        self.tool("tarnctl/one/o.h")
+        self.assert_one_fault("belongs to another sub-command")
+        self.tool("tarnctl/common/c.h", "tarnctl/top.h")
+        self.tool("tarnctl/top.h")
+        self.assert_one_fault("points upwards")
 
     def test_finds_a_daemon_that_includes_its_tools(self):
-        self.tool('tarnctl/common/c.h')
-        self.header('high/a.h', 'tarnctl/common/c.h')
-        self.assert_one_fault('knows nothing of its tools')
+        self.tool("tarnctl/common/c.h")
+        self.header("high/a.h", "tarnctl/common/c.h")
+        self.assert_one_fault("knows nothing of its tools")
 
     def test_keeps_apart_what_stands_alone(self):
-        self.header('low/log.h')
-        self.header('middle/alone.h', 'low/log.h')
-        self.assert_one_fault('has to do without it')
+        self.header("low/log.h")
+        self.header("middle/alone.h", "low/log.h")
+        self.assert_one_fault("has to do without it")
 
     def test_finds_what_every_file_keeps_to(self):
-        self.write('low/a.h', '')
-        self.assert_one_fault('no #pragma once')
-        self.header('low/a.h')
-        self.write('low/a.cpp', '#include <vector>\n#include "low/a.h"\n')
-        self.assert_one_fault('own header first')
-        self.write('low/a.cpp', '#include "a.h"\n')
-        self.assertTrue(any('is no path from src/ or tools/' in fault for fault in self.faults()))
-        self.write('low/a.cpp', '#include <low/a.h>\n')
-        self.assert_one_fault('belongs in quotes')
+        self.write("low/a.h", "")
+        self.assert_one_fault("no #pragma once")
+        self.header("low/a.h")
+        self.write("low/a.cpp", '#include <vector>\n#include "low/a.h"\n')
+        self.assert_one_fault("own header first")
+        self.write("low/a.cpp", '#include "a.h"\n')
+        self.assertTrue(any("is no path from src/ or tools/" in fault for fault in self.faults()))
+        self.write("low/a.cpp", "#include <low/a.h>\n")
+        self.assert_one_fault("belongs in quotes")
 
     def test_refuses_a_list_that_it_does_not_understand(self):
         with self.assertRaises(ValueError):
-            include_direction.Order('apart only_one\n')
+            include_direction.Order("apart only_one\n")
 
 
-HEADER = '''#pragma once
+HEADER = """#pragma once
 #include <cstdint>
 namespace x {
 struct Head { uint16_t type; uint16_t reserved; };
 }
 struct Message { x::Head head; uint32_t words[2]; };
-'''
-PAGE = '''# Message
+"""
+PAGE = """# Message
 
 <!-- check: Message from low/message_format.h -->
 
@@ -154,17 +169,17 @@ PAGE = '''# Message
 | 2 | 2 | `head.reserved` | 0 |
 | 4 | 0x8 | `words` | two of them |
 | 12 | n | text | the text behind it |
-'''
+"""
 
 
 class FormatsAgainstPages(Tree):
     def run_on(self, page):
-        self.write('src/low/message_format.h', HEADER)
-        self.write('pages/message.md', page)
+        self.write("src/low/message_format.h", HEADER)
+        self.write("pages/message.md", page)
         return subprocess.run(
-            [sys.executable, '-B', HERE / 'formats_against_pages.py', '--pages',
-             self.root / 'pages', '--source', self.root / 'src', '--compiler', COMPILER,
-             '--output', self.root / 'generated.cpp'],
+            [sys.executable, "-B", HERE / "formats_against_pages.py", "--pages",
+             self.root / "pages", "--source", self.root / "src", "--compiler", COMPILER,
+             "--output", self.root / "generated.cpp"],
             capture_output=True, text=True, check=False)
 
     def assert_fault(self, page, text):
@@ -175,49 +190,95 @@ class FormatsAgainstPages(Tree):
     def test_is_silent_where_page_and_compiler_agree(self):
         result = self.run_on(PAGE)
         self.assertEqual(0, result.returncode, result.stdout + result.stderr)
-        self.assertIn('1 tables, 3 fields compared', result.stdout)
+        self.assertIn("1 tables, 3 fields compared", result.stdout)
 
     def test_finds_a_wrong_offset(self):
-        page = PAGE.replace('| 0 | 2 | `head.type`', '| 0 | 2 | `head.reserved`')
-        self.assert_fault(page.replace('| 2 | 2 | `head.reserved`', '| 2 | 2 | `head.type`'),
-                          'message.md:7: Message, head.reserved: the offset is not 0')
+        page = PAGE.replace("| 0 | 2 | `head.type`", "| 0 | 2 | `head.reserved`")
+        self.assert_fault(page.replace("| 2 | 2 | `head.reserved`", "| 2 | 2 | `head.type`"),
+                          "message.md:7: Message, head.reserved: the offset is not 0")
 
     def test_finds_a_wrong_size(self):
-        self.assert_fault(PAGE.replace('0x8', '4'), 'the size is not 4')
+        self.assert_fault(PAGE.replace("0x8", "4"), "the size is not 4")
 
     def test_finds_a_table_that_ends_too_early(self):
-        self.assert_fault(PAGE.replace('`words`', 'words'), 'does not end at 4')
+        self.assert_fault(PAGE.replace("`words`", "words"), "does not end at 4")
 
     def test_finds_a_gap_between_rows(self):
-        self.assert_fault(PAGE.replace('| 2 | 2 | `head.reserved` | 0 |\n', ''),
-                          '`words` begins at 4, not at 2')
+        self.assert_fault(PAGE.replace("| 2 | 2 | `head.reserved` | 0 |\n", ""),
+                          "`words` begins at 4, not at 2")
 
     def test_finds_a_member_that_does_not_exist(self):
-        self.assert_fault(PAGE.replace('head.type', 'head.kind'), 'kind')
+        self.assert_fault(PAGE.replace("head.type", "head.kind"), "kind")
 
     def test_finds_a_mark_without_a_table(self):
-        self.assert_fault(PAGE.split('|', maxsplit=1)[0], 'no table follows')
+        self.assert_fault(PAGE.split("|", maxsplit=1)[0], "no table follows")
 
     def test_finds_a_mark_that_is_misspelt(self):
-        self.assert_fault(PAGE.replace(' from ', ' in '), 'is no mark of the form')
+        self.assert_fault(PAGE.replace(" from ", " in "), "is no mark of the form")
 
     def test_finds_a_table_without_a_mark(self):
-        page = PAGE.replace('<!-- check: Message from low/message_format.h -->', '')
-        self.assert_fault(page, 'a table of offsets without a mark')
-        self.assert_fault(page, 'low/message_format.h: no page of the formats')
+        page = PAGE.replace("<!-- check: Message from low/message_format.h -->", "")
+        self.assert_fault(page, "a table of offsets without a mark")
+        self.assert_fault(page, "low/message_format.h: no page of the formats")
 
     def test_takes_a_table_that_is_excused(self):
-        extra = PAGE[PAGE.index('| Offset'):]
-        page = PAGE + '\n<!-- unchecked: the bytes of a peer, no struct of ours -->\n\n' + extra
+        extra = PAGE[PAGE.index("| Offset"):]
+        page = PAGE + "\n<!-- unchecked: the bytes of a peer, no struct of ours -->\n\n" + extra
         self.assertEqual(0, self.run_on(page).returncode)
 
     def test_reads_numbers_in_both_forms_and_nothing_else(self):
-        self.assertEqual(12, formats_against_pages.number_of('12'))
-        self.assertEqual(28, formats_against_pages.number_of('`0x1c`'))
-        self.assertIsNone(formats_against_pages.number_of('12 to 15'))
+        self.assertEqual(12, formats_against_pages.number_of("12"))
+        self.assertEqual(28, formats_against_pages.number_of("`0x1c`"))
+        self.assertIsNone(formats_against_pages.number_of("12 to 15"))
 
 
-if __name__ == '__main__':
+MUTANTS = """# what may go wrong
+@ one is added twice
+- return a +
+-     1;
++ return a + 2;
+tests unit_low system.reload
+
+file src/low/b.h
+@ nothing changes
+- int b;
++ int b{};
+= zero either way,
+= as nobody reads it
+"""
+
+
+class Mutation(Tree):
+    def mutants(self, text=MUTANTS):
+        self.write("lists/low/a.txt", text)
+        return mutate.read_list(self.root / "lists/low/a.txt", self.root / "lists")
+
+    def test_reads_a_list(self):
+        first, second = self.mutants()
+        self.assertEqual(("src/low/a.cpp", ["unit_low", "system.reload"], ""),
+                         (first.source, first.tests, first.equivalent))
+        self.assertEqual(("src/low/b.h", ["unit_low"], "zero either way, as nobody reads it"),
+                         (second.source, second.tests, second.equivalent))
+
+    def test_finds_old_text_whatever_its_white_space(self):
+        first = self.mutants()[0]
+        text = "int f(int a) {\n    return a + 1;\n}\n"
+        self.assertEqual("", first.fault(text))
+        self.assertEqual("int f(int a) {\n    return a + 2;\n}\n", first.apply(text))
+
+    def test_names_an_entry_that_no_longer_fits(self):
+        self.write("src/low/a.cpp", "int f(int a) { return a + 1; }  int g(int a) { return a + 1; }\n")
+        faults = list(mutate.faults_of(self.mutants(), self.root))
+        self.assertEqual(2, len(faults))
+        self.assertIn("low/a.txt:2: one is added twice: its old text occurs 2 times", faults[0])
+        self.assertIn("src/low/b.h does not exist", faults[1])
+
+    def test_refuses_a_list_that_it_does_not_understand(self):
+        with self.assertRaises(ValueError):
+            self.mutants("- text before any entry\n")
+
+
+if __name__ == "__main__":
     if len(sys.argv) > 1:
         COMPILER = sys.argv.pop(1)
     unittest.main()

@@ -12,7 +12,7 @@ import re
 import sys
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]')
-TOOL = 'tarnctl'
+TOOL = "tarnctl"
 
 
 class Order:
@@ -23,56 +23,56 @@ class Order:
         self.shared = []
         self.apart = []
         for number, line in enumerate(text.splitlines(), 1):
-            words = line.split('#', 1)[0].split()
+            words = line.split("#", 1)[0].split()
             if not words:
                 continue
             kind, rest = words[0], words[1:]
-            if kind == 'order':
+            if kind == "order":
                 self.folders = rest
-            elif kind == 'shared':
+            elif kind == "shared":
                 self.shared = rest
-            elif kind == 'apart' and len(rest) >= 2:
+            elif kind == "apart" and len(rest) >= 2:
                 self.apart.append((rest[0], rest[1:]))
             else:
-                raise ValueError(f'line {number} of the list is not understood: {line}')
+                raise ValueError(f"line {number} of the list is not understood: {line}")
 
     def rank(self, file):
         """The place of a file of src/ in the order; what lies at the top, as paths.h, is lowest."""
-        folder, _, rest = file.partition('/')
+        folder, _, rest = file.partition("/")
         if not rest:
             return -1
         return self.folders.index(folder) if folder in self.folders else None
 
     def fault(self, file, included):
         """Why `file` may not include `included`; None if it may."""
-        if fnmatch.fnmatch(file, '*_format.h') and not fnmatch.fnmatch(included, '*_format.h'):
-            return 'is a format and may include formats only'
+        if fnmatch.fnmatch(file, "*_format.h") and not fnmatch.fnmatch(included, "*_format.h"):
+            return "is a format and may include formats only"
         for pattern, refused in self.apart:
             if fnmatch.fnmatch(file, pattern):
                 if any(fnmatch.fnmatch(included, name) for name in refused):
-                    return 'has to do without it'
-        if file.startswith(TOOL + '/'):
+                    return "has to do without it"
+        if file.startswith(TOOL + "/"):
             return self._fault_of_tool(file, included)
-        if included.startswith(TOOL + '/'):
-            return 'is part of the daemon, which knows nothing of its tools'
+        if included.startswith(TOOL + "/"):
+            return "is part of the daemon, which knows nothing of its tools"
         mine, other = self.rank(file), self.rank(included)
         if mine is None or other is None:
-            return 'lies in a folder that the order does not name'
-        return 'points upwards' if other > mine else None
+            return "lies in a folder that the order does not name"
+        return "points upwards" if other > mine else None
 
     def _fault_of_tool(self, file, included):
         """Sub-commands include themselves, the shared folders and src/; the top includes all."""
-        if not included.startswith(TOOL + '/') or file.count('/') == 1:
+        if not included.startswith(TOOL + "/") or file.count("/") == 1:
             return None
-        if included.count('/') == 1:
-            return 'points upwards'
-        mine, other = file.split('/')[1], included.split('/')[1]
+        if included.count("/") == 1:
+            return "points upwards"
+        mine, other = file.split("/")[1], included.split("/")[1]
         if mine == other:
             return None
         if other not in self.shared:
-            return 'belongs to another sub-command'
+            return "belongs to another sub-command"
         if mine in self.shared and self.shared.index(other) > self.shared.index(mine):
-            return 'points upwards'
+            return "points upwards"
         return None
 
 
@@ -85,7 +85,7 @@ def includes_of(text):
 
 
 def files_of(root):
-    return [path for path in sorted(root.rglob('*')) if path.suffix in ('.h', '.cpp')]
+    return [path for path in sorted(root.rglob("*")) if path.suffix in (".h", ".cpp")]
 
 
 def faults_of(source, order, tools=None):
@@ -95,17 +95,17 @@ def faults_of(source, order, tools=None):
         files |= {path.relative_to(tools).as_posix(): path
                   for path in files_of(tools / TOOL)}
     for file, path in files.items():
-        text = path.read_text(encoding='utf-8')
-        if path.suffix == '.h' and not re.search(r'^#pragma once$', text, re.MULTILINE):
-            yield f'{file}: has no #pragma once'
+        text = path.read_text(encoding="utf-8")
+        if path.suffix == ".h" and not re.search(r"^#pragma once$", text, re.MULTILINE):
+            yield f"{file}: has no #pragma once"
         included = list(includes_of(text))
-        own = file[:-len('.cpp')] + '.h'
-        if path.suffix == '.cpp' and own in files and (not included or included[0][2] != own):
-            yield f'{file}: does not include its own header first'
+        own = file[:-len(".cpp")] + ".h"
+        if path.suffix == ".cpp" and own in files and (not included or included[0][2] != own):
+            yield f"{file}: does not include its own header first"
         for number, quoted, name in included:
             if not quoted:
                 if name in files:
-                    yield f'{file}:{number}: <{name}> is the project\'s and belongs in quotes'
+                    yield f"{file}:{number}: <{name}> is the project's and belongs in quotes"
             elif name not in files:
                 yield f'{file}:{number}: "{name}" is no path from src/ or tools/'
             else:
@@ -116,17 +116,17 @@ def faults_of(source, order, tools=None):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument('--source', type=pathlib.Path, required=True, help='the folder src')
-    parser.add_argument('--tools', type=pathlib.Path, help='the folder tools')
-    parser.add_argument('--order', type=pathlib.Path,
-                        default=pathlib.Path(__file__).with_name('include_order.txt'))
+    parser.add_argument("--source", type=pathlib.Path, required=True, help="the folder src")
+    parser.add_argument("--tools", type=pathlib.Path, help="the folder tools")
+    parser.add_argument("--order", type=pathlib.Path,
+                        default=pathlib.Path(__file__).with_name("include_order.txt"))
     options = parser.parse_args()
-    order = Order(options.order.read_text(encoding='utf-8'))
+    order = Order(options.order.read_text(encoding="utf-8"))
     faults = list(faults_of(options.source, order, options.tools))
     for fault in faults:
         print(fault)
     return 1 if faults else 0
 
 
-if __name__ == '__main__':
+if __name__ == "__main__":
     sys.exit(main())
