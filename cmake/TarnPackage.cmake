@@ -2,7 +2,15 @@
 # build folder.
 include(GNUInstallDirs)
 
-install(FILES docs/man/tarn.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+# The man pages, with the version in their last line.
+file(GLOB pages CONFIGURE_DEPENDS docs/man/*.[1-8])
+foreach(page IN LISTS pages)
+  get_filename_component(name ${page} NAME)
+  string(REGEX REPLACE ".*\\." "" section ${name})
+  configure_file(${page} ${PROJECT_BINARY_DIR}/man/${name} @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/man/${name} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endforeach()
+
 install(FILES packaging/examples/tarn.conf packaging/examples/tarn_event.conf
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 # systemd reads these below /usr/lib, whatever the prefix' own library folder is called.
@@ -10,7 +18,7 @@ install(FILES packaging/systemd/tarn.service DESTINATION lib/systemd/system)
 install(FILES packaging/tmpfiles.d/tarn.conf DESTINATION lib/tmpfiles.d)
 
 set(CPACK_PACKAGE_NAME tarn)
-set(CPACK_PACKAGE_VERSION 1.0.116.251)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "The tarn maintainers <maintainers@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "acts on the alerts of the Snort process beside it")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)

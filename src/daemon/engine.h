@@ -50,7 +50,7 @@ class TarnEngine : public Application {
     [[nodiscard]] std::string GetAppName() const { return m_appName; }
     // Stores what follows the last "/" of argv0.
     void SetAppName(const char* argv0);
-    [[nodiscard]] static std::string GetVersion() { return "1.0.116.251"; }
+    [[nodiscard]] static std::string GetVersion();
 
     // True when the options are used up, false for one that is not known. -h and -v end the
     // process.

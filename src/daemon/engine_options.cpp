@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "daemon/engine.h"
+#include "version.h"
 
 namespace {
 
@@ -47,6 +48,10 @@ bool TarnEngine::ParseOptions(int argc, char** argv) {
                 return false;
         }
     }
+}
+
+std::string TarnEngine::GetVersion() {
+    return TARN_VERSION;
 }
 
 void TarnEngine::ShowVersion() const {

@@ -1,10 +1,11 @@
 #include "daemon/engine.h"
+#include "version.h"
 
 namespace {
 
 // Marks by which a binary is identified on disk; nothing reads them at run time.
 [[gnu::used]] const char kNameMark[] = "@(#)!QORNAME!tarn!QORNAME!";
-[[gnu::used]] const char kVersionMark[] = "@(#)!QORVER!1.0.116.251!QORVER!";
+[[gnu::used]] const char kVersionMark[] = "@(#)!QORVER!" TARN_VERSION "!QORVER!";
 [[gnu::used]] const char kSpecialMark[] = "@(#)!QORSPECIAL!!QORSPECIAL!";
 
 }  // namespace

@@ -11,10 +11,16 @@ def named_tests(page):
     """The tests of the page as (line number, name); a line that names none as (number, None)."""
     entry = re.compile(r"^- \*\*")
     name = re.compile(r"\b(Keeps\w+|test_keeps_\w+)")
-    for number, line in enumerate(page.read_text(encoding="utf-8").splitlines(), start=1):
+    lines = page.read_text(encoding="utf-8").splitlines()
+    for number, line in enumerate(lines, start=1):
         if not entry.match(line):
             continue
-        names = name.findall(line)
+        text = line
+        for further in lines[number:]:
+            if not further.startswith("  "):
+                break
+            text += f" {further.strip()}"
+        names = name.findall(text)
         yield from ((number, found) for found in names or [None])
 
 

@@ -22,6 +22,7 @@ class Order:
         self.folders = []
         self.shared = []
         self.apart = []
+        self.made = []
         for number, line in enumerate(text.splitlines(), 1):
             words = line.split("#", 1)[0].split()
             if not words:
@@ -31,6 +32,8 @@ class Order:
                 self.folders = rest
             elif kind == "shared":
                 self.shared = rest
+            elif kind == "made":
+                self.made = rest
             elif kind == "apart" and len(rest) >= 2:
                 self.apart.append((rest[0], rest[1:]))
             else:
@@ -106,7 +109,7 @@ def faults_of(source, order, tools=None):
             if not quoted:
                 if name in files:
                     yield f"{file}:{number}: <{name}> is the project's and belongs in quotes"
-            elif name not in files:
+            elif name not in files and name not in order.made:
                 yield f'{file}:{number}: "{name}" is no path from src/ or tools/'
             else:
                 fault = order.fault(file, name)

@@ -13,12 +13,13 @@
 #include "tarnctl/common/stop_signals.h"
 #include "tarnctl/replay/replay_command.h"
 #include "tarnctl/secmgr/secmgr_command.h"
+#include "version.h"
 
 namespace tarnctl {
 
 int RunCommandLine(int argc, char** argv, std::ostream& out, std::ostream& err) {
     CLI::App app("The companion command of tarn: watches and feeds a running daemon.", "tarnctl");
-    app.set_version_flag("--version", "tarnctl " TARNCTL_VERSION);
+    app.set_version_flag("--version", "tarnctl " TARN_VERSION);
     app.require_subcommand(1);
     app.footer(R"(Exit status: 0 fine, 1 the work could not be done, 2 the command line is wrong.
 
