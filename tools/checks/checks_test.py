@@ -15,6 +15,7 @@ import unittest
 HERE = pathlib.Path(__file__).parent
 sys.path.insert(0, str(HERE))
 
+import documents  # noqa: E402
 import formats_against_pages  # noqa: E402
 import include_direction  # noqa: E402
 
@@ -230,6 +231,56 @@ class FormatsAgainstPages(Tree):
         self.assertEqual(12, formats_against_pages.number_of("12"))
         self.assertEqual(28, formats_against_pages.number_of("`0x1c`"))
         self.assertIsNone(formats_against_pages.number_of("12 to 15"))
+
+
+class Documents(Tree):
+    FILES = {
+        "src/low/ring.h": "class RingPipe;\n",
+        "src/low/README.md": "# low/\n\n## Owners\n\n## Tests\n",
+        "tests/system/way_test.py": "",
+        "docs/testing.md": "Run `way_test.py`.\n",
+    }
+
+    def faults(self, page=""):
+        files = self.FILES | {"docs/page.md": page} if page else self.FILES
+        for name, text in files.items():
+            self.write(name, text)
+        return list(documents.Pages(self.root, list(files)).faults())
+
+    def assert_one_fault(self, page, text):
+        faults = self.faults(page)
+        self.assertEqual(1, len(faults), faults)
+        self.assertIn(text, faults[0])
+
+    def test_is_silent_where_everything_exists(self):
+        self.assertEqual([], self.faults("`src/low/ring.{h}`, `ring.h`, `low/ring.h`, `src/low/` and "
+                                         "[a page](testing.md#top)\nof `RingPipe`, `/etc/x.conf`.\n"))
+
+    def test_finds_a_link_that_leads_nowhere(self):
+        self.assert_one_fault("See [that](gone.md).\n", "docs/page.md:1: the link to gone.md")
+
+    def test_finds_a_path_a_file_and_a_type_that_do_not_exist(self):
+        self.assert_one_fault("In `src/low/gone.h`.\n", "a path that does not exist")
+        self.assert_one_fault("In `gone.h`.\n", "a file that does not exist")
+        self.assert_one_fault("In `low/gone.h`.\n", "a file that does not exist")
+        self.assert_one_fault("A `GoneType`.\n", "a type that no source knows")
+
+    def test_leaves_code_blocks_alone(self):
+        self.assertEqual([], self.faults("```\n`gone.h`\n```\n\n    `gone.h`\n"))
+
+    def test_finds_history_and_wide_lines(self):
+        self.assert_one_fault("It is no longer so.\n", "tells of a former state")
+        self.assert_one_fault("word " * 21 + "\n", "is wider than 100 characters")
+
+    def test_finds_headings_of_another_kind_or_order(self):
+        self.FILES = self.FILES | {"src/low/README.md": "# low/\n\n## Tests\n\n## Owners\n"}
+        self.assertIn("not in the order", self.faults()[0])
+        self.FILES = self.FILES | {"src/low/README.md": "# low/\n\n## History\n"}
+        self.assertIn("is none of the list", self.faults()[0])
+
+    def test_finds_a_system_test_that_the_page_does_not_name(self):
+        self.FILES = self.FILES | {"docs/testing.md": "Nothing.\n"}
+        self.assertIn("does not name tests/system/way_test.py", self.faults()[0])
 
 
 MUTANTS = """# what may go wrong

@@ -81,7 +81,7 @@ class Pages:
             words = HISTORY.search(CODE.sub("", line))
             if words and name != "CHANGELOG.md":
                 yield f"{where}: \"{words.group()}\" tells of a former state"
-            if len(line) > WIDTH and not line.startswith("|") and not LINK.search(line):
+            if len(line) > WIDTH and not line.startswith(("|", "<!--")) and not LINK.search(line):
                 yield f"{where}: is wider than {WIDTH} characters"
         if re.fullmatch(r"src/\w+/README\.md", name):
             yield from self._headings(name, text)
