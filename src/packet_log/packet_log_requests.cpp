@@ -160,13 +160,16 @@ int32_t PacketLogCtrlIF::ConsumeInterfaceCount(uint32_t uInterface) {
     if (uInterface >= kInterfaceCount) {
         return 0;
     }
+    // The count is taken down only from above 0. Were it taken down first and mended afterwards,
+    // two threads that meet at 0 would leave it below for good, and later captures would be cut
+    // short.
     std::atomic<int32_t>& count = m_aLEInterfaces[uInterface];
-    const int32_t iRemaining = count.fetch_sub(1, std::memory_order_relaxed) - 1;
-    if (iRemaining > 0) {
-        return iRemaining;
+    int32_t iSeen = count.load(std::memory_order_relaxed);
+    while (iSeen > 0) {
+        if (count.compare_exchange_weak(iSeen, iSeen - 1, std::memory_order_relaxed)) {
+            return iSeen - 1;
+        }
     }
-    int32_t iOvershot = -1;
-    (void)count.compare_exchange_strong(iOvershot, 0, std::memory_order_relaxed);  // or it is 0
     return 0;
 }
 

@@ -36,6 +36,19 @@ auto InCancellationWindow(Call call) {
 
 __attribute__((format(printf, 3, 4))) void DropReport(uint64_t, uint32_t, const char*, ...) {}
 
+// An exchange that has connected disconnects on every way out, also when an answer finds no memory
+// and when the thread is cancelled.
+class DisconnectAtEnd {
+  public:
+    explicit DisconnectAtEnd(RequestClient& client) : m_client(client) {}
+    ~DisconnectAtEnd() { m_client.Disconnect(); }
+    DisconnectAtEnd(const DisconnectAtEnd&) = delete;
+    DisconnectAtEnd& operator=(const DisconnectAtEnd&) = delete;
+
+  private:
+    RequestClient& m_client;
+};
+
 }  // namespace
 
 RequestClient::~RequestClient() {
@@ -173,9 +186,8 @@ bool RequestClient::Exchange(const char* szPath, uint32_t uType, const void* pBo
     if (!Connect(szPath, iTimeout)) {
         return false;
     }
-    const bool bSuccess = SendRequest(uType, pBody, uLength) && receiveAnswer();
-    Disconnect();
-    return bSuccess;
+    const DisconnectAtEnd disconnect(*this);
+    return SendRequest(uType, pBody, uLength) && receiveAnswer();
 }
 
 bool RequestClient::Transact(const char* szPath, uint32_t uType, const void* pBody,

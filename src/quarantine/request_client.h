@@ -62,8 +62,9 @@ class RequestClient {
     [[nodiscard]] bool ReceiveRecords(uint8_t** ppBuffer, uint64_t* puSize, uint64_t uRecordSize,
                                       int32_t iTimeout);
 
-    // Connect, SendRequest, then ReceiveResponse if both out pointers are given, then Disconnect.
-    // True when every step that ran succeeded. The limit goes for connecting and for the answer.
+    // Connect, SendRequest, then ReceiveResponse if both out pointers are given. Once it has
+    // connected it disconnects on every way out, an exception and a cancel included. True when
+    // every step that ran succeeded. The limit goes for connecting and for the answer.
     [[nodiscard]] bool Transact(const char* szPath, uint32_t uType, const void* pBody,
                                 uint64_t uLength, uint8_t** ppBuffer, uint64_t* puSize,
                                 int32_t iTimeout);

@@ -534,6 +534,34 @@ TEST_F(PacketLogCtrlIF, ConsumesAnInterfaceDownToZeroAndRestsThere) {
     EXPECT_EQ(0, m_control->ConsumeInterfaceCount(16));
 }
 
+TEST_F(PacketLogCtrlIF, GivesEachPacketOfAnInterfaceToOneOfEightThreads) {
+    constexpr int32_t kPackets = 1000;
+    std::atomic<int32_t>& count = Peer::InterfaceCount(*m_control, 5);
+    for (int round = 0; round < 20; ++round) {
+        count = kPackets;
+        std::atomic<int32_t> taken{0};
+        std::atomic<int32_t> lowest{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 8; ++t) {
+            threads.emplace_back([&] {
+                for (int32_t i = 0; i < kPackets; ++i) {
+                    taken += m_control->ConsumeInterfaceCount(5) > 0 ? 1 : 0;
+                    const int32_t seen = count;
+                    if (seen < 0) {
+                        lowest = seen;
+                    }
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        ASSERT_EQ(kPackets - 1, taken) << "the last packet leaves 0";
+        ASSERT_EQ(0, lowest) << "nobody ever saw it below";
+        ASSERT_EQ(0, count) << "and there it rests";
+    }
+}
+
 TEST_F(PacketLogCtrlIF, AllocatesNothingForAPacket) {
     Open();
     const PacketLogDaemon daemon(Path());

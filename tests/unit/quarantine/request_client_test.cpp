@@ -13,9 +13,12 @@
 #include <chrono>
 #include <functional>
 #include <future>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "support/allocation_count.h"
 #include "support/bound_socket.h"
 #include "support/golden_bytes.h"
 #include "support/request_client_fixture.h"
@@ -55,6 +58,10 @@ using RequestClientTransact = RequestClientTest;
 ino_t InodeAt(int fd) {
     struct stat status {};
     return fstat(fd, &status) == 0 ? status.st_ino : 0;
+}
+
+__attribute__((format(printf, 3, 4))) void ThrowReport(uint64_t, uint32_t, const char*, ...) {
+    throw std::runtime_error("the owner's log is full");
 }
 
 TEST_F(RequestClientConnect, GivesABlockingSocketThatNoChildInherits) {
@@ -266,6 +273,45 @@ TEST_F(RequestClientTransact, FailsWithTheStepThatFailsAndDisconnects) {
     EXPECT_THAT(m_reports,
                 ElementsAre("1 Unable to connect socket, reason: No such file or directory",
                             "1 Unexpected response length: 0"));
+    EXPECT_FALSE(m_client.SendRequest(1, nullptr, 0));
+}
+
+TEST_F(RequestClientTransact, DisconnectsWhenAnAnswerFindsNoMemory) {
+    if (!FailNextAllocation()) {
+        GTEST_SKIP() << "the sanitizer's allocator cannot be made to fail";
+    }
+    EXPECT_THROW(::operator delete(::operator new(1)), std::bad_alloc) << "takes the failure";
+    const std::size_t before = OpenDescriptors();
+    for (const bool asRecords : {false, true}) {
+        const std::string path = m_path + (asRecords ? "records" : "response");
+        StreamPeer peer(path, [&](Session& session) {
+            session.ReadRequest();
+            session.SendWords(0, 3);
+            session.Send(Iota(3));
+            session.StaySilent();
+        });
+        uint8_t* buffer = nullptr;
+        const auto exchange = [&] {
+            EXPECT_TRUE(FailNextAllocation());
+            return asRecords ? m_client.TransactRecords(path.c_str(), 7, nullptr, 0, &buffer,
+                                                        &m_size, 1, kPlentyOfTime)
+                             : m_client.Transact(path.c_str(), 7, nullptr, 0, &buffer, &m_size,
+                                                 kPlentyOfTime);
+        };
+        EXPECT_THROW(exchange(), std::bad_alloc);
+        EXPECT_EQ(nullptr, buffer);
+        EXPECT_FALSE(m_client.SendRequest(1, nullptr, 0));
+    }
+    EXPECT_EQ(before, OpenDescriptors());
+}
+
+TEST_F(RequestClientTransact, DisconnectsWhenAReportThrows) {
+    m_client.SetLog(&ThrowReport, 0);
+    StreamPeer peer(m_path, [](Session& session) { session.ReadRequest(); });
+    uint8_t* buffer = nullptr;
+    EXPECT_THROW(
+        (void)m_client.Transact(m_path.c_str(), 7, nullptr, 0, &buffer, &m_size, kPlentyOfTime),
+        std::runtime_error);
     EXPECT_FALSE(m_client.SendRequest(1, nullptr, 0));
 }
 
