@@ -8,26 +8,26 @@
 
 namespace {
 
-// Deliberate: others may write and nobody else may do anything, the owner included. The peer runs
-// with every right, and the mode is part of what both processes agree on.
+// Deliberate: only others may write, and nobody else may do anything, not even the owner. The peer
+// is privileged, and the mode is part of what both processes agree on.
 constexpr mode_t kSemaphoreMode = 2;
 constexpr unsigned kSemaphoreStart = 0;
 
-std::string SemaphoreName(const char* szName) {
-    return std::string(tarn::paths::kEventQueueSemaphore) + szName + ".sem";
+std::string SemaphoreName(const char* name) {
+    return std::string(tarn::paths::kEventQueueSemaphore) + name + ".sem";
 }
 
 }  // namespace
 
-EventQueue::EventQueue(const char* szName, int32_t iIndex, int32_t /*iIgnored*/)
-    : m_strSemName(SemaphoreName(szName)), m_iWriterSide(1) {
-    AddPair(WRITER, szName, iIndex, false);
+EventQueue::EventQueue(const char* name, int32_t index, int32_t /*ignored*/)
+    : m_strSemName(SemaphoreName(name)), m_iWriterSide(1) {
+    AddPair(WRITER, name, index, false);
 }
 
-EventQueue::EventQueue(const char* szName, ForReader /*eSide*/, int32_t iCount)
-    : m_strSemName(SemaphoreName(szName)), m_iWriterSide(0) {
-    for (int32_t iIndex = 0; iIndex < iCount; ++iIndex) {
-        AddPair(READER, szName, iIndex, true);
+EventQueue::EventQueue(const char* name, ForReader /*side*/, int32_t count)
+    : m_strSemName(SemaphoreName(name)), m_iWriterSide(0) {
+    for (int32_t index = 0; index < count; ++index) {
+        AddPair(READER, name, index, true);
     }
 }
 
@@ -38,46 +38,47 @@ EventQueue::~EventQueue() {
     }
 }
 
-void EventQueue::AddPair(ShmPipeRole eRole, const char* szName, int32_t iIndex, bool bRemoveStale) {
-    const std::string strBase = tarn::paths::kEventQueueBase + (szName + std::to_string(iIndex));
+void EventQueue::AddPair(ShmPipeRole role, const char* name, int32_t index, bool removeStale) {
+    const std::string base = tarn::paths::kEventQueueBase + (name + std::to_string(index));
     m_pairs.push_back(std::make_unique<ShmEventPipePair>(
-        eRole, strBase.c_str(), kEventQueueSecondRingSize, kEventQueueFirstRingSize, bRemoveStale));
+        role, base.c_str(), kEventQueueSecondRingSize, kEventQueueFirstRingSize, removeStale));
     ++m_uPairCount;
 }
 
 int EventQueue::Open() {
-    sem_t* const pSem = sem_open(m_strSemName.c_str(), O_CREAT, kSemaphoreMode, kSemaphoreStart);
-    if (pSem == SEM_FAILED) {
+    sem_t* const semaphore =
+        sem_open(m_strSemName.c_str(), O_CREAT, kSemaphoreMode, kSemaphoreStart);
+    if (semaphore == SEM_FAILED) {
         const int error = errno;
         return error;
     }
     if (m_pSem != nullptr) {
         sem_close(m_pSem);
     }
-    m_pSem = pSem;
-    bool bAllOpen = true;
-    for (const auto& pPair : m_pairs) {
-        bAllOpen = pPair->Open() == 0 && bAllOpen;
+    m_pSem = semaphore;
+    bool allOpen = true;
+    for (const auto& pair : m_pairs) {
+        allOpen = pair->Open() == 0 && allOpen;
     }
-    return bAllOpen ? 0 : -1;
+    return allOpen ? 0 : -1;
 }
 
 int EventQueue::Close() {
-    bool bAllClosed = true;
-    for (const auto& pPair : m_pairs) {
-        bAllClosed = pPair->Close() == 0 && bAllClosed;
+    bool allClosed = true;
+    for (const auto& pair : m_pairs) {
+        allClosed = pair->Close() == 0 && allClosed;
     }
-    return bAllClosed ? 0 : 1;
+    return allClosed ? 0 : 1;
 }
 
 int EventQueue::Destroy() {
-    bool bAllGone = true;
-    for (const auto& pPair : m_pairs) {
-        bAllGone = pPair->Destroy() == 0 && bAllGone;
+    bool allGone = true;
+    for (const auto& pair : m_pairs) {
+        allGone = pair->Destroy() == 0 && allGone;
     }
     // The reader outlives its writers, so the semaphore that they share is its to remove.
     if (m_iWriterSide == 0) {
         sem_unlink(m_strSemName.c_str());
     }
-    return bAllGone ? 0 : 1;
+    return allGone ? 0 : 1;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-// Rings and a named semaphore joined into one channel between processes: the writing process puts
+// Rings and a named semaphore that form one channel between processes: the writing process puts
 // a message into a ring and posts the semaphore, the reading process waits on it and drains its
 // rings. Names and sizes are shared with the reading process: docs/formats/event_queue.md.
 //
@@ -28,10 +28,10 @@ class EventQueue {
     enum class ForReader { kTag };
 
     // A writer's queue: the one pair of this index. The last argument is ignored.
-    EventQueue(const char* szName, int32_t iIndex, int32_t iIgnored);
-    // A reader's queue: one pair for each index below iCount. Removes the ring files of an earlier
+    EventQueue(const char* name, int32_t index, int32_t ignored);
+    // A reader's queue: one pair for each index below count. Removes the ring files of an earlier
     // run, so a reader that starts drops what was written before.
-    EventQueue(const char* szName, ForReader eSide, int32_t iCount);
+    EventQueue(const char* name, ForReader side, int32_t count);
     // Closes rings and semaphore, and removes neither.
     ~EventQueue();
     EventQueue(const EventQueue&) = delete;
@@ -46,14 +46,14 @@ class EventQueue {
     // failed.
     int Destroy();
 
-    uint32_t m_uReserved = 0;                                // nothing uses it
+    uint32_t m_uReserved = 0;                                // Deliberate: stored, not read
     uint32_t m_uPairCount = 0;                               // number of pairs
     std::vector<std::unique_ptr<ShmEventPipePair>> m_pairs;  // owned
     std::string m_strSemName;
     sem_t* m_pSem = nullptr;  // null until Open; given back by the destructor
     int32_t m_iWriterSide;    // 1 writer, 0 reader: whether Destroy leaves the semaphore
-    ShmReportCallback m_pfnLog = nullptr;  // the owner's; not passed on to the rings
+    ShmReportCallback m_pfnLog = nullptr;  // the owner's; Deliberate: stored, not read
 
   private:
-    void AddPair(ShmPipeRole eRole, const char* szName, int32_t iIndex, bool bRemoveStale);
+    void AddPair(ShmPipeRole role, const char* name, int32_t index, bool removeStale);
 };

@@ -22,24 +22,24 @@ constexpr mode_t kFileMode = 0700;
 constexpr std::size_t kResetSyncBytes = 16;
 
 // Pairs with StoreRelease of the same word in the other process.
-uint32_t LoadAcquire(uint32_t& uWord) {
-    return std::atomic_ref<uint32_t>(uWord).load(std::memory_order_acquire);
+uint32_t LoadAcquire(uint32_t& word) {
+    return std::atomic_ref<uint32_t>(word).load(std::memory_order_acquire);
 }
 
 // Pairs with LoadAcquire of the same word in the other process.
-void StoreRelease(uint32_t& uWord, uint32_t uValue) {
-    std::atomic_ref<uint32_t>(uWord).store(uValue, std::memory_order_release);
+void StoreRelease(uint32_t& word, uint32_t value) {
+    std::atomic_ref<uint32_t>(word).store(value, std::memory_order_release);
 }
 
 // The side that stores an index needs no order to read its own last value back.
-uint32_t LoadOwn(uint32_t& uWord) {
-    return std::atomic_ref<uint32_t>(uWord).load(std::memory_order_relaxed);
+uint32_t LoadOwn(uint32_t& word) {
+    return std::atomic_ref<uint32_t>(word).load(std::memory_order_relaxed);
 }
 
 }  // namespace
 
-ShmEventPipe::ShmEventPipe(ShmPipeRole eRole, std::string strPath, uint32_t uFileSize)
-    : m_eRole(eRole), m_strPath(std::move(strPath)), m_uSize(ShmRingRoundUp(uFileSize)) {}
+ShmEventPipe::ShmEventPipe(ShmPipeRole role, std::string path, uint32_t fileSize)
+    : m_eRole(role), m_strPath(std::move(path)), m_uSize(ShmRingRoundUp(fileSize)) {}
 
 ShmEventPipe::~ShmEventPipe() {
     const CancellationOff off;
@@ -54,28 +54,33 @@ void ShmEventPipe::CloseDescriptor() {
     }
 }
 
+// The format comes from the caller, which passes a literal with one %s; the type of this pointer
+// does not ask for a literal here.
+void ShmEventPipe::ReportErrno(const char* method, const char* format) const {
+    const int error = errno;
+    if (m_pfnLog != nullptr) {
+        int (*const report)(const char*, const char*, int64_t, const char*, ...) = m_pfnLog;
+        report(m_szClass, method, m_iInfoLevel, format, std::strerror(error));
+    }
+}
+
 bool ShmEventPipe::Create() {
     CloseDescriptor();
-    m_bCreated = true;
+    m_bCreated = false;
     m_uSize = ShmRingRoundUp(m_uSize);
     m_iFd = ::open(m_strPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode);
-    if (m_iFd == -1 && errno != EEXIST) {
-        const int error = errno;
-        if (m_pfnLog != nullptr) {
-            m_pfnLog(m_szClass, "Create", m_iInfoLevel, "open: %s", std::strerror(error));
-        }
-        m_bCreated = false;
+    if (m_iFd == -1) {
+        ReportErrno("Create", "open: %s");
         return false;
     }
     if (::ftruncate(m_iFd, m_uSize) == -1) {
-        const int error = errno;
-        if (m_pfnLog != nullptr) {
-            m_pfnLog(m_szClass, "Create", m_iInfoLevel, "ftruncate: %s", std::strerror(error));
-        }
-        m_bCreated = false;
+        ReportErrno("Create", "ftruncate: %s");
         ::unlink(m_strPath.c_str());
+        CloseDescriptor();
+        return false;
     }
-    return m_bCreated;
+    m_bCreated = true;
+    return true;
 }
 
 // A file that Create made is sized already, and its descriptor is still open.
@@ -86,24 +91,36 @@ bool ShmEventPipe::OpenFile() {
     CloseDescriptor();
     m_iFd = ::open(m_strPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode);
     if (m_iFd == -1) {
-        const int error = errno;
-        if (m_pfnLog != nullptr) {
-            m_pfnLog(m_szClass, "Open", m_iInfoLevel, "open: %s", std::strerror(error));
-        }
+        ReportErrno("Open", "open: %s");
         return false;
     }
     if (::ftruncate(m_iFd, m_uSize) == -1) {
-        const int error = errno;
-        if (m_pfnLog != nullptr) {
-            m_pfnLog(m_szClass, "Open", m_iInfoLevel, "ftruncate: %s", std::strerror(error));
-        }
+        ReportErrno("Open", "ftruncate: %s");
+        CloseDescriptor();
         return false;
     }
     return true;
 }
 
-bool ShmEventPipe::Open(bool bOption) {
-    m_bOpenOption = !bOption;
+// The mapping of the whole file, or null, which has been reported.
+void* ShmEventPipe::MapFile() const {
+    // The kernel refuses to map a file of no size. A file with no place for a ring is refused in
+    // the same way.
+    if (m_uSize < kShmRingSmallestFile) {
+        errno = EINVAL;
+        ReportErrno("Open", "mmap: %s");
+        return nullptr;
+    }
+    void* const map = ::mmap(nullptr, m_uSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_iFd, 0);
+    if (map == MAP_FAILED) {
+        ReportErrno("Open", "mmap: %s");
+        return nullptr;
+    }
+    return map;
+}
+
+bool ShmEventPipe::Open(bool option) {
+    m_bOpenOption = !option;
     if (m_bMapped) {
         ::munmap(m_pMap, std::size_t{m_uSize} + kShmRingHeaderSize);
         m_bMapped = false;
@@ -111,35 +128,31 @@ bool ShmEventPipe::Open(bool bOption) {
     if (!OpenFile()) {
         return false;
     }
-    // The kernel refuses to map a file of no size; one with no place for a ring goes the same way.
-    errno = EINVAL;
-    void* const pMap = m_uSize < kShmRingSmallestFile
-                           ? MAP_FAILED
-                           : ::mmap(nullptr, m_uSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_iFd, 0);
-    if (pMap == MAP_FAILED) {
-        const int error = errno;
-        if (m_pfnLog != nullptr) {
-            m_pfnLog(m_szClass, "Open", m_iInfoLevel, "mmap: %s", std::strerror(error));
+    void* const map = MapFile();
+    if (map == nullptr) {
+        // The descriptor that Create left is kept for the next Open.
+        if (!m_bCreated) {
+            CloseDescriptor();
         }
         return false;
     }
     m_bMapped = true;
-    m_pMap = pMap;
-    m_pHeader = static_cast<ShmRingHeader*>(pMap);
-    m_pData = static_cast<std::byte*>(pMap) + ShmRingRoundUp(kShmRingHeaderSize);
-    // Deliberate: a second Open takes the header off once more and so disagrees with the other
-    // side about the ring; the owners open an object once.
+    m_pMap = map;
+    m_pHeader = static_cast<ShmRingHeader*>(map);
+    m_pData = static_cast<std::byte*>(map) + ShmRingRoundUp(kShmRingHeaderSize);
+    // Deliberate: a second Open takes the header off once more and then disagrees with the other
+    // side about the size of the ring. The owners open an object once.
     m_uSize -= kShmRingHeaderSize;
     m_pDataEnd = m_pData + ShmRingRoundUp(m_uSize);
 
-    // Each side touches its own index only. The messages stay in place, so that a side that was
-    // restarted carries on where it stopped.
+    // Each side changes its own index only. The messages stay in place, so that a side that was
+    // restarted continues where it stopped.
     if (m_eRole == WRITER) {
-        const uint32_t uWrite = AdoptIndex(LoadOwn(m_pHeader->uWriteIndex));
-        StoreRelease(m_pHeader->uWriteIndex, uWrite);
-        StoreWord(uWrite, 0);
+        const uint32_t writeIndex = AdoptIndex(LoadOwn(m_pHeader->writeIndex));
+        StoreRelease(m_pHeader->writeIndex, writeIndex);
+        StoreWord(writeIndex, 0);
     } else {
-        StoreRelease(m_pHeader->uReadIndex, AdoptIndex(LoadOwn(m_pHeader->uReadIndex)));
+        StoreRelease(m_pHeader->readIndex, AdoptIndex(LoadOwn(m_pHeader->readIndex)));
     }
     return true;
 }
@@ -150,10 +163,7 @@ bool ShmEventPipe::Close() {
     }
     const CancellationOff off;
     if (::munmap(m_pMap, std::size_t{m_uSize} + kShmRingHeaderSize) == -1) {
-        const int error = errno;
-        if (m_pfnLog != nullptr) {
-            m_pfnLog(m_szClass, "Close", m_iInfoLevel, "munmap: %s", std::strerror(error));
-        }
+        ReportErrno("Close", "munmap: %s");
         return false;
     }
     m_bMapped = false;
@@ -165,14 +175,11 @@ bool ShmEventPipe::Reset() {
     if (!m_bMapped) {
         return false;
     }
-    StoreRelease(m_pHeader->uReadIndex, 0);
-    StoreRelease(m_pHeader->uWriteIndex, 0);
+    StoreRelease(m_pHeader->readIndex, 0);
+    StoreRelease(m_pHeader->writeIndex, 0);
     StoreWord(0, 0);
     if (::msync(m_pMap, kResetSyncBytes, MS_SYNC) == -1) {
-        const int error = errno;
-        if (m_pfnLog != nullptr) {
-            m_pfnLog(m_szClass, "Reset", m_iInfoLevel, "msync: %s", std::strerror(error));
-        }
+        ReportErrno("Reset", "msync: %s");
         return false;
     }
     return true;
@@ -183,50 +190,59 @@ bool ShmEventPipe::Destroy() {
         return true;
     }
     if (::unlink(m_strPath.c_str()) == -1) {
-        const int error = errno;
-        if (m_pfnLog != nullptr) {
-            m_pfnLog(m_szClass, "Destroy", m_iInfoLevel, "unlink: %s", std::strerror(error));
-        }
+        ReportErrno("Destroy", "unlink: %s");
         return false;
     }
     m_bCreated = false;
     return true;
 }
 
-// The other process can write anything into an index word. One that is no index of this ring is
-// rounded up to a word and wrapped, at Open and at every later use alike.
-inline uint32_t ShmEventPipe::AdoptIndex(uint32_t uIndex) const {
-    if (uIndex % kShmRingWordSize != 0 || uIndex >= m_uSize) [[unlikely]] {
-        return ShmRingRoundUp(uIndex) % m_uSize;
+ShmRingState ShmEventPipe::State() const {
+    if (!m_bMapped) {
+        return {};
     }
-    return uIndex;
+    // The write index first: what it covers is in place, so a length word of 0 below it stays 0.
+    const uint32_t writeIndex = AdoptIndex(LoadAcquire(m_pHeader->writeIndex));
+    const uint32_t readIndex = AdoptIndex(LoadAcquire(m_pHeader->readIndex));
+    const uint32_t used =
+        writeIndex >= readIndex ? writeIndex - readIndex : m_uSize - readIndex + writeIndex;
+    return {m_uSize, readIndex, writeIndex, used, used != 0 && LoadWord(readIndex) == 0};
 }
 
-// At most two laps lie behind the longest message that a length word can tell of, and subtracting
-// them is several times cheaper than the division of a modulo.
-inline uint32_t ShmEventPipe::NextIndex(uint32_t uAt, uint32_t uLength) const {
-    uint64_t uNext = ShmRingRoundUp(uint64_t{uAt} + kShmRingWordSize + uLength);
-    if (uNext >= m_uSize) {
-        uNext -= m_uSize;
-        if (uNext >= m_uSize) [[unlikely]] {
-            uNext -= m_uSize;
+// The other process can write any number into an index word. A number that is no index of this ring
+// is rounded up to a multiple of 4 and taken modulo the ring size, at Open and at every later use.
+inline uint32_t ShmEventPipe::AdoptIndex(uint32_t index) const {
+    if (index % kShmRingWordSize != 0 || index >= m_uSize) [[unlikely]] {
+        return ShmRingRoundUp(index) % m_uSize;
+    }
+    return index;
+}
+
+// The modulo, by subtraction: the sum is at most twice the ring size, since the index is at least a
+// word below the size and the length at most the size. A division would take several times as long.
+inline uint32_t ShmEventPipe::NextIndex(uint32_t at, uint32_t length) const {
+    uint64_t next = ShmRingRoundUp(uint64_t{at} + kShmRingWordSize + length);
+    if (next >= m_uSize) {
+        next -= m_uSize;
+        if (next >= m_uSize) [[unlikely]] {
+            next -= m_uSize;
         }
     }
-    return static_cast<uint32_t>(uNext);
+    return static_cast<uint32_t>(next);
 }
 
 // Length words and terminators need no order of their own: the index that covers them has it.
-inline uint32_t ShmEventPipe::LoadWord(uint32_t uAt) const {
-    return std::atomic_ref<uint32_t>(*reinterpret_cast<uint32_t*>(m_pData + uAt))
+inline uint32_t ShmEventPipe::LoadWord(uint32_t at) const {
+    return std::atomic_ref<uint32_t>(*reinterpret_cast<uint32_t*>(m_pData + at))
         .load(std::memory_order_relaxed);
 }
 
-inline void ShmEventPipe::StoreWord(uint32_t uAt, uint32_t uValue) {
-    std::atomic_ref<uint32_t>(*reinterpret_cast<uint32_t*>(m_pData + uAt))
-        .store(uValue, std::memory_order_relaxed);
+inline void ShmEventPipe::StoreWord(uint32_t at, uint32_t value) {
+    std::atomic_ref<uint32_t>(*reinterpret_cast<uint32_t*>(m_pData + at))
+        .store(value, std::memory_order_relaxed);
 }
 
-inline ShmPipeResult ShmEventPipe::Claim(uint32_t uLength, Slot& slot) {
+inline ShmPipeResult ShmEventPipe::Claim(uint32_t length, Slot& slot) {
     if (m_eRole != WRITER) [[unlikely]] {
         if (m_pfnLog != nullptr) {
             m_pfnLog(m_szClass, "write", m_iInfoLevel, "Cannot write to READER pipe");
@@ -236,162 +252,169 @@ inline ShmPipeResult ShmEventPipe::Claim(uint32_t uLength, Slot& slot) {
     if (!m_bMapped) [[unlikely]] {
         return PIPE_ERROR;
     }
-    if (m_uSize < uLength) [[unlikely]] {
+    if (m_uSize < length) [[unlikely]] {
         if (m_pfnLog != nullptr) {
             m_pfnLog(m_szClass, "write", m_iInfoLevel,
                      "Cannot write message larger than pipe size");
         }
         return PIPE_ERROR;
     }
-    const uint32_t uRead = LoadAcquire(m_pHeader->uReadIndex);
-    const uint32_t uWrite = AdoptIndex(LoadOwn(m_pHeader->uWriteIndex));
-    // The read index only enters this sum and is never an offset, so any value of it is safe.
-    uint32_t uUsed = uWrite - uRead;
-    if (uWrite < uRead) {
-        uUsed += m_uSize;
+    const uint32_t readIndex = LoadAcquire(m_pHeader->readIndex);
+    const uint32_t writeIndex = AdoptIndex(LoadOwn(m_pHeader->writeIndex));
+    // The bytes that unread messages take up. The read index comes from the other process and may
+    // be any number. It is used in this sum only and never as an offset, so none of them does harm.
+    uint32_t used = writeIndex - readIndex;
+    if (writeIndex < readIndex) {
+        used += m_uSize;
     }
-    if (uUsed >= m_uSize) [[unlikely]] {
-        uUsed %= m_uSize;
+    if (used >= m_uSize) [[unlikely]] {
+        used %= m_uSize;
     }
-    // Strictly less, so that a full ring is never mistaken for an empty one. Deliberate: what needs
-    // the whole ring is called full for ever and not refused; the peer draws the line at the size.
-    const uint64_t uNeed = ShmRingRoundUp(uint64_t{kShmRingWordSize} + uLength);
-    if (m_uSize - uUsed <= uNeed) {
+    // A message goes in only if free bytes remain after it. If it took the last ones, the write
+    // index would become equal to the read index, and equal indexes mean an empty ring. Deliberate:
+    // for a message that needs the whole ring the answer is therefore always "full". It is refused
+    // as too large only above the ring size, which is where the peer expects it.
+    const uint64_t need = ShmRingRoundUp(uint64_t{kShmRingWordSize} + length);
+    if (m_uSize - used <= need) {
         return PIPE_FULL;
     }
-    slot = {uWrite, NextIndex(uWrite, uLength)};
-    // Zeroes as padding behind a body that ends inside a word; the body is copied over the rest.
-    if (uLength % kShmRingWordSize != 0) {
-        StoreWord((slot.uNext != 0 ? slot.uNext : m_uSize) - kShmRingWordSize, 0);
+    slot = {writeIndex, NextIndex(writeIndex, length)};
+    // The padding after a body that ends within a word is zero: its last word is cleared here, and
+    // the body is copied over it.
+    if (length % kShmRingWordSize != 0) {
+        StoreWord((slot.next != 0 ? slot.next : m_uSize) - kShmRingWordSize, 0);
     }
     return PIPE_OK;
 }
 
-// Returns the ring offset behind the copy; the size of the ring where it ends at the end.
-inline uint32_t ShmEventPipe::CopyIn(uint32_t uAt, const void* pFrom, uint32_t uLength) {
-    const uint32_t uRoom = m_uSize - uAt;
-    if (uLength <= uRoom) [[likely]] {
-        std::memcpy(m_pData + uAt, pFrom, uLength);
-        return uAt + uLength;
+// Returns the ring offset after the copy, which is the ring size when it ends at the end of the
+// ring.
+inline uint32_t ShmEventPipe::CopyIn(uint32_t at, const void* from, uint32_t length) {
+    const uint32_t room = m_uSize - at;
+    if (length <= room) [[likely]] {
+        std::memcpy(m_pData + at, from, length);
+        return at + length;
     }
-    std::memcpy(m_pData + uAt, pFrom, uRoom);
-    std::memcpy(m_pData, static_cast<const std::byte*>(pFrom) + uRoom, uLength - uRoom);
-    return uLength - uRoom;
+    std::memcpy(m_pData + at, from, room);
+    std::memcpy(m_pData, static_cast<const std::byte*>(from) + room, length - room);
+    return length - room;
 }
 
-inline void ShmEventPipe::CopyOut(uint32_t uAt, void* pTo, uint32_t uLength) const {
-    const uint32_t uRoom = m_uSize - uAt;
-    if (uLength <= uRoom) [[likely]] {
-        std::memcpy(pTo, m_pData + uAt, uLength);
+inline void ShmEventPipe::CopyOut(uint32_t at, void* to, uint32_t length) const {
+    const uint32_t room = m_uSize - at;
+    if (length <= room) [[likely]] {
+        std::memcpy(to, m_pData + at, length);
         return;
     }
-    std::memcpy(pTo, m_pData + uAt, uRoom);
-    std::memcpy(static_cast<std::byte*>(pTo) + uRoom, m_pData, uLength - uRoom);
+    std::memcpy(to, m_pData + at, room);
+    std::memcpy(static_cast<std::byte*>(to) + room, m_pData, length - room);
 }
 
-// The terminator goes in before the index moves. The room test has kept it off the read index, so
-// it never lands on the length word of an unread message. The store of the index publishes all of
-// the message and is the last of all.
+// The terminator is stored before the index moves. It never overwrites the length word of an unread
+// message, because the room test keeps the next index off the read index. The store of the write
+// index comes last of all: it publishes the message.
 inline void ShmEventPipe::Publish(const Slot& slot) {
-    StoreWord(slot.uNext, 0);
-    StoreRelease(m_pHeader->uWriteIndex, slot.uNext);
+    StoreWord(slot.next, 0);
+    StoreRelease(m_pHeader->writeIndex, slot.next);
 }
 
-ShmPipeResult ShmEventPipe::write(const void* pBuffer, const uint32_t* pLength) {
-    // Deliberate: a length of 0 is let through here and below. It stands for no message, so the
-    // reader stops there; the callers never send one, and a check would cost every message.
-    const uint32_t uLength = *pLength;
+ShmPipeResult ShmEventPipe::write(const void* buffer, const uint32_t* length) {
+    // Deliberate: a length of 0 is accepted here and in the other form. It means "no message here",
+    // so the reader stops at it. The callers never send one, and a check would cost every message.
+    const uint32_t bytes = *length;
     Slot slot;
-    const ShmPipeResult eResult = Claim(uLength, slot);
-    if (eResult != PIPE_OK) {
-        return eResult;
+    const ShmPipeResult result = Claim(bytes, slot);
+    if (result != PIPE_OK) {
+        return result;
     }
-    if (uLength != 0) {
-        CopyIn(slot.uAt + kShmRingWordSize, pBuffer, uLength);
+    if (bytes != 0) {
+        CopyIn(slot.at + kShmRingWordSize, buffer, bytes);
     }
-    StoreWord(slot.uAt, uLength);
+    StoreWord(slot.at, bytes);
     Publish(slot);
     return PIPE_OK;
 }
 
-ShmPipeResult ShmEventPipe::write(const iovec* pPieces, int32_t iCount) {
-    uint32_t uLength = 0;
-    for (int32_t i = 0; i < iCount; ++i) {
-        uLength += static_cast<uint32_t>(pPieces[i].iov_len);
+ShmPipeResult ShmEventPipe::write(const iovec* pieces, int32_t count) {
+    uint32_t length = 0;
+    for (int32_t i = 0; i < count; ++i) {
+        length += static_cast<uint32_t>(pieces[i].iov_len);
     }
     Slot slot;
-    const ShmPipeResult eResult = Claim(uLength, slot);
-    if (eResult != PIPE_OK) {
-        return eResult;
+    const ShmPipeResult result = Claim(length, slot);
+    if (result != PIPE_OK) {
+        return result;
     }
-    StoreWord(slot.uAt, uLength);
-    uint32_t uAt = slot.uAt + kShmRingWordSize;
-    // A sum that has passed 32 bits promises fewer bytes than the pieces hold, and no more than it
-    // promises may go in.
-    uint32_t uLeft = uLength;
-    for (int32_t i = 0; i < iCount && uLeft != 0; ++i) {
-        const auto uPiece = static_cast<uint32_t>(std::min<std::size_t>(pPieces[i].iov_len, uLeft));
-        if (uPiece != 0) {
-            uAt = CopyIn(uAt, pPieces[i].iov_base, uPiece);
-            uLeft -= uPiece;
+    StoreWord(slot.at, length);
+    uint32_t at = slot.at + kShmRingWordSize;
+    // The sum is kept in 32 bits, so it can be less than the pieces hold. No more than the sum is
+    // copied.
+    uint32_t left = length;
+    for (int32_t i = 0; i < count && left != 0; ++i) {
+        const auto pieceBytes =
+            static_cast<uint32_t>(std::min<std::size_t>(pieces[i].iov_len, left));
+        if (pieceBytes != 0) {
+            at = CopyIn(at, pieces[i].iov_base, pieceBytes);
+            left -= pieceBytes;
         }
     }
     Publish(slot);
     return PIPE_OK;
 }
 
-ShmPipeResult ShmEventPipe::read(void* pBuffer, uint32_t* pSize, uint32_t* pStatus) {
-    uint32_t uUnwanted = 0;
-    pStatus = pStatus != nullptr ? pStatus : &uUnwanted;
+ShmPipeResult ShmEventPipe::read(void* buffer, uint32_t* size, uint32_t* status) {
+    uint32_t unwanted = 0;
+    status = status != nullptr ? status : &unwanted;
     if (m_eRole != READER) [[unlikely]] {
         if (m_pfnLog != nullptr) {
             m_pfnLog(m_szClass, "read", m_iInfoLevel, "Cannot read from WRITER pipe");
         }
-        *pStatus = READ_WRONG_ROLE;
+        *status = READ_WRONG_ROLE;
         return PIPE_ERROR;
     }
-    const uint32_t uCapacity = std::exchange(*pSize, 0);
-    *pStatus = READ_EMPTY;
+    const uint32_t capacity = std::exchange(*size, 0);
+    *status = READ_EMPTY;
     if (!m_bMapped) [[unlikely]] {
         return PIPE_ERROR;
     }
-    const uint32_t uRead = AdoptIndex(LoadOwn(m_pHeader->uReadIndex));
-    const uint32_t uWrite = AdoptIndex(LoadAcquire(m_pHeader->uWriteIndex));
-    if (uRead == uWrite) {
+    const uint32_t readIndex = AdoptIndex(LoadOwn(m_pHeader->readIndex));
+    const uint32_t writeIndex = AdoptIndex(LoadAcquire(m_pHeader->writeIndex));
+    if (readIndex == writeIndex) {
         return PIPE_NO_DATA;
     }
-    const uint32_t uLength = LoadWord(uRead);
-    if (uLength > m_uSize) [[unlikely]] {
+    const uint32_t length = LoadWord(readIndex);
+    if (length > m_uSize) [[unlikely]] {
         if (m_pfnLog != nullptr) {
             m_pfnLog(m_szClass, "read", m_iErrorLevel,
-                     "Invalid message size %u at offset %u. write index: %u", uLength, uRead,
-                     uWrite);
+                     "Invalid message size %u at offset %u. write index: %u", length, readIndex,
+                     writeIndex);
         }
-        // Deliberate: where the next good message begins cannot be told, so all pending ones go.
-        StoreRelease(m_pHeader->uReadIndex, uWrite);
-        *pStatus = READ_BAD_SIZE;
+        // Deliberate: all pending messages are dropped, because the start of the next good one is
+        // not known.
+        StoreRelease(m_pHeader->readIndex, writeIndex);
+        *status = READ_BAD_SIZE;
         return PIPE_ERROR;
     }
-    if (uLength == 0) [[unlikely]] {
+    if (length == 0) [[unlikely]] {
         return PIPE_NO_DATA;
     }
-    const uint32_t uNext = NextIndex(uRead, uLength);
-    ShmPipeResult eResult = PIPE_OK;
-    if (uLength > uCapacity) [[unlikely]] {
+    const uint32_t next = NextIndex(readIndex, length);
+    ShmPipeResult result = PIPE_OK;
+    if (length > capacity) [[unlikely]] {
         if (m_pfnLog != nullptr) {
             m_pfnLog(m_szClass, "read", m_iInfoLevel,
-                     "output buffer too small: size = %u; msgSize = %u", uCapacity, uLength);
+                     "output buffer too small: size = %u; msgSize = %u", capacity, length);
         }
-        // Deliberate: the message is passed over all the same, since a caller whose buffer is too
-        // small would meet it for ever.
-        *pStatus = READ_BUFFER_TOO_SMALL;
-        eResult = PIPE_NO_DATA;
+        // Deliberate: the message is skipped all the same. A caller whose buffer is too small would
+        // otherwise meet it at every call.
+        *status = READ_BUFFER_TOO_SMALL;
+        result = PIPE_NO_DATA;
     } else {
-        CopyOut(uRead + kShmRingWordSize, pBuffer, uLength);
-        *pSize = uLength;
-        *pStatus = READ_OK;
+        CopyOut(readIndex + kShmRingWordSize, buffer, length);
+        *size = length;
+        *status = READ_OK;
     }
-    StoreWord(uRead, 0);
-    StoreRelease(m_pHeader->uReadIndex, uNext);
-    return eResult;
+    StoreWord(readIndex, 0);
+    StoreRelease(m_pHeader->readIndex, next);
+    return result;
 }

@@ -4,10 +4,10 @@
 // reading process, with no lock and no system call on the data path. The format of the file is
 // docs/formats/shm_ring.md. The file and the messages in it outlive both processes.
 //
-// A pipe belongs to an EventQueue, as half of a pair, or to a PacketLogWriter. It wakes nobody:
-// that a message waits is for the owner to tell.
+// A pipe belongs to an EventQueue, as half of a pair, or to a PacketLogWriter. It wakes nobody: the
+// owner tells the other side that a message waits.
 //
-// The other process is not trusted. Whatever stands in the shared words, nothing is read or
+// The other process is not trusted. Whatever it writes into the shared words, nothing is read or
 // written outside the mapping.
 //
 // Threads: one thread at a time per object, by the owner's arrangement. The two sides may run at
@@ -47,15 +47,24 @@ enum ShmReadStatus : uint32_t {
 // Takes class name, method name, level, printf format and arguments. The result is not looked at.
 using ShmReportCallback
     [[gnu::format(printf, 4, 5)]] = int (*)(const char* szClass, const char* szMethod,
-                                            int64_t iLevel, const char* szFormat, ...);
+                                            int64_t level, const char* format, ...);
+
+// What a ring holds at one moment. The other side may be moving its index meanwhile.
+struct ShmRingState {
+    uint32_t size = 0;        // bytes of the ring; 0 when it is not mapped
+    uint32_t readIndex = 0;   // ring offset, below size
+    uint32_t writeIndex = 0;  // ring offset, below size
+    uint32_t used = 0;        // bytes of unread messages, length words and padding included
+    bool isStuck = false;     // the oldest unread message has no bytes, so a reader never passes it
+};
 
 class ShmEventPipe {
   public:
     // First argument of every report.
     static inline const char* const m_szClass = "ShmEventPipe";
 
-    // uFileSize in bytes, rounded up to a multiple of 4. Touches no file.
-    ShmEventPipe(ShmPipeRole eRole, std::string strPath, uint32_t uFileSize);
+    // fileSize in bytes, rounded up to a multiple of 4. Touches no file.
+    ShmEventPipe(ShmPipeRole role, std::string path, uint32_t fileSize);
     // Closes. The file stays.
     ~ShmEventPipe();
     ShmEventPipe(const ShmEventPipe&) = delete;
@@ -66,8 +75,9 @@ class ShmEventPipe {
     [[nodiscard]] bool Create();
     // Maps the file, which is made if it is missing, and adopts this side's index from it, so that
     // the messages in it stay. True when mapped. An object is opened once: each success takes the
-    // header's 8 bytes off m_uSize. The argument goes into m_bOpenOption.
-    [[nodiscard]] bool Open(bool bOption);
+    // header's 8 bytes off m_uSize. The argument goes into m_bOpenOption. After a failure no
+    // descriptor is open but one that Create left.
+    [[nodiscard]] bool Open(bool option);
     // True when the object is not mapped afterwards.
     bool Close();
     // Empties the ring. False when it is not mapped or cannot be synchronised. The other side must
@@ -76,50 +86,55 @@ class ShmEventPipe {
     // Removes the file if Create made it. True unless that failed.
     bool Destroy();
 
-    // Delivers the oldest message. *pSize is the buffer's capacity going in and the message's
+    // How full the ring is, in either role. Changes nothing.
+    [[nodiscard]] ShmRingState State() const;
+
+    // Delivers the oldest message. *size is the buffer's capacity going in and the message's
     // length coming out. A message larger than the buffer is lost; a bad length word costs all
-    // that is pending. PIPE_OK, PIPE_NO_DATA or PIPE_ERROR, with the reason in *pStatus.
-    [[nodiscard]] ShmPipeResult read(void* pBuffer, uint32_t* pSize, uint32_t* pStatus = nullptr);
+    // that is pending. PIPE_OK, PIPE_NO_DATA or PIPE_ERROR, with the reason in *status.
+    [[nodiscard]] ShmPipeResult read(void* buffer, uint32_t* size, uint32_t* status = nullptr);
 
     // Each puts one message into the ring: PIPE_OK, PIPE_FULL or PIPE_ERROR. A message of no bytes
     // is accepted and blocks the reader for good, so callers never send one. The gather form takes
-    // the pieces in order and sums their lengths in 32 bits; iCount of 0 or less is no bytes.
-    [[nodiscard]] ShmPipeResult write(const void* pBuffer, const uint32_t* pLength);
-    [[nodiscard]] ShmPipeResult write(const iovec* pPieces, int32_t iCount);
+    // the pieces in order and sums their lengths in 32 bits; count of 0 or less is no bytes.
+    [[nodiscard]] ShmPipeResult write(const void* buffer, const uint32_t* length);
+    [[nodiscard]] ShmPipeResult write(const iovec* pieces, int32_t count);
 
     ShmPipeRole m_eRole;
     int m_iFd = -1;
     void* m_pMap = nullptr;  // start of the mapping
     std::string m_strPath;
     uint32_t m_uSize;            // bytes: of the file until Open succeeds, of the ring from then on
-    bool m_bOpenOption = false;  // inverse of Open's argument
+    bool m_bOpenOption = false;  // inverse of Open's argument; Deliberate: stored, not read
     bool m_bMapped = false;      // the file is mapped
     bool m_bCreated = false;     // Create made the file
     std::byte* m_pData = nullptr;     // ring offset 0
-    std::byte* m_pDataEnd = nullptr;  // behind the ring; for a debugger
+    std::byte* m_pDataEnd = nullptr;  // end of the ring; Deliberate: stored, not read
     ShmRingHeader* m_pHeader = nullptr;
     int64_t m_iErrorLevel = 1;             // level of the report of a bad length word
     int64_t m_iInfoLevel = 0;              // level of every other report
     ShmReportCallback m_pfnLog = nullptr;  // null: nothing is reported
 
   private:
-    // Where a message goes: its own ring offset and that of the one behind it.
+    // Where a message goes: its own ring offset and that of the one after it.
     struct Slot {
-        uint32_t uAt;
-        uint32_t uNext;
+        uint32_t at;
+        uint32_t next;
     };
 
+    [[gnu::format(printf, 3, 0)]] void ReportErrno(const char* method, const char* format) const;
     [[nodiscard]] bool OpenFile();
+    [[nodiscard]] void* MapFile() const;
     void CloseDescriptor();
 
-    [[nodiscard]] uint32_t AdoptIndex(uint32_t uIndex) const;
-    [[nodiscard]] uint32_t NextIndex(uint32_t uAt, uint32_t uLength) const;
-    [[nodiscard]] uint32_t LoadWord(uint32_t uAt) const;
-    void StoreWord(uint32_t uAt, uint32_t uValue);
+    [[nodiscard]] uint32_t AdoptIndex(uint32_t index) const;
+    [[nodiscard]] uint32_t NextIndex(uint32_t at, uint32_t length) const;
+    [[nodiscard]] uint32_t LoadWord(uint32_t at) const;
+    void StoreWord(uint32_t at, uint32_t value);
 
-    [[nodiscard]] ShmPipeResult Claim(uint32_t uLength, Slot& slot);
-    uint32_t CopyIn(uint32_t uAt, const void* pFrom, uint32_t uLength);
-    void CopyOut(uint32_t uAt, void* pTo, uint32_t uLength) const;
+    [[nodiscard]] ShmPipeResult Claim(uint32_t length, Slot& slot);
+    uint32_t CopyIn(uint32_t at, const void* from, uint32_t length);
+    void CopyOut(uint32_t at, void* to, uint32_t length) const;
     void Publish(const Slot& slot);
 };
 
@@ -127,9 +142,9 @@ class ShmEventPipe {
 // Operations go to both whatever the first one gave: 0 when both succeeded, 1 when either failed.
 class ShmEventPipePair {
   public:
-    // Sizes in bytes, the second ring's first. bRemoveStale removes files of an earlier run.
-    ShmEventPipePair(ShmPipeRole eRole, const char* szBaseName, uint32_t uSecondSize,
-                     uint32_t uFirstSize, bool bRemoveStale);
+    // Sizes in bytes, the second ring's first. removeStale removes files of an earlier run.
+    ShmEventPipePair(ShmPipeRole role, const char* baseName, uint32_t secondSize,
+                     uint32_t firstSize, bool removeStale);
     // Closes the second ring, then the first.
     ~ShmEventPipePair();
     ShmEventPipePair(const ShmEventPipePair&) = delete;

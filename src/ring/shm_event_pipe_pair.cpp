@@ -6,24 +6,25 @@
 namespace {
 
 // The path of one ring of a pair; a file of an earlier run is removed when that is asked for.
-std::string RingPath(const char* szBaseName, const char* szSuffix, bool bRemoveStale) {
-    std::string strPath = std::string(szBaseName) + szSuffix;
-    if (bRemoveStale) {
-        ::unlink(strPath.c_str());
+std::string RingPath(const char* baseName, const char* suffix, bool removeStale) {
+    std::string path = std::string(baseName) + suffix;
+    if (removeStale) {
+        ::unlink(path.c_str());
     }
-    return strPath;
+    return path;
 }
 
 }  // namespace
 
-// Deliberate: the second ring's size comes first, which is the order that the callers keep.
-ShmEventPipePair::ShmEventPipePair(ShmPipeRole eRole, const char* szBaseName, uint32_t uSecondSize,
-                                   uint32_t uFirstSize, bool bRemoveStale)
-    : m_eRole(eRole),
-      m_aPipes{{{eRole, RingPath(szBaseName, kShmRingFirstSuffix, bRemoveStale), uFirstSize},
-                {eRole, RingPath(szBaseName, kShmRingSecondSuffix, bRemoveStale), uSecondSize}}} {}
+// Deliberate: the second ring's size comes first, which is the order that the callers use.
+ShmEventPipePair::ShmEventPipePair(ShmPipeRole role, const char* baseName, uint32_t secondSize,
+                                   uint32_t firstSize, bool removeStale)
+    : m_eRole(role),
+      m_aPipes{{{role, RingPath(baseName, kShmRingFirstSuffix, removeStale), firstSize},
+                {role, RingPath(baseName, kShmRingSecondSuffix, removeStale), secondSize}}} {}
 
-// The members' own destructors would close them too, but the order is this class's to tell.
+// The destructors of the members would close the rings too. They are closed here so that the second
+// one is always closed first.
 ShmEventPipePair::~ShmEventPipePair() {
     const CancellationOff off;
     m_aPipes[1].Close();
@@ -31,19 +32,19 @@ ShmEventPipePair::~ShmEventPipePair() {
 }
 
 int ShmEventPipePair::Open() {
-    const bool bFirst = m_aPipes[0].Open(true);
-    const bool bSecond = m_aPipes[1].Open(true);
-    return bFirst && bSecond ? 0 : 1;
+    const bool first = m_aPipes[0].Open(true);
+    const bool second = m_aPipes[1].Open(true);
+    return first && second ? 0 : 1;
 }
 
 int ShmEventPipePair::Close() {
-    const bool bFirst = m_aPipes[0].Close();
-    const bool bSecond = m_aPipes[1].Close();
-    return bFirst && bSecond ? 0 : 1;
+    const bool first = m_aPipes[0].Close();
+    const bool second = m_aPipes[1].Close();
+    return first && second ? 0 : 1;
 }
 
 int ShmEventPipePair::Destroy() {
-    const bool bFirst = m_aPipes[0].Destroy();
-    const bool bSecond = m_aPipes[1].Destroy();
-    return bFirst && bSecond ? 0 : 1;
+    const bool first = m_aPipes[0].Destroy();
+    const bool second = m_aPipes[1].Destroy();
+    return first && second ? 0 : 1;
 }

@@ -1,5 +1,6 @@
 #include "ring/shm_event_pipe.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -174,15 +175,46 @@ TEST_F(ShmEventPipeLifecycle, CloseReleasesTheWholeMappingAndTheDescriptor) {
     EXPECT_TRUE(pipe.Close());
 }
 
-TEST_F(ShmEventPipeLifecycle, LeavesNothingOpenBehindAFailedOpen) {
+TEST_F(ShmEventPipeLifecycle, LeavesNothingOpenAfterAFailedOpen) {
     const auto descriptors = DescriptorCount();
-    {
-        ShmEventPipe pipe(WRITER, m_path, 0);
-        EXPECT_FALSE(pipe.Open(true));
-        EXPECT_NE(-1, pipe.m_iFd);
-        EXPECT_FALSE(pipe.Open(true));
-    }
+    ShmEventPipe noRing(WRITER, m_path, 0);
+    EXPECT_FALSE(noRing.Open(true)) << "cannot be mapped";
+    EXPECT_EQ(-1, noRing.m_iFd);
+    std::filesystem::remove(m_path);
+    ASSERT_EQ(0, mkfifo(m_path.c_str(), 0600));
+    ShmEventPipe noFile(WRITER, m_path, kFileSize);
+    EXPECT_FALSE(noFile.Open(true)) << "cannot be sized";
+    EXPECT_FALSE(noFile.Create());
+    EXPECT_EQ(-1, noFile.m_iFd);
     EXPECT_EQ(DescriptorCount(), descriptors);
+}
+
+TEST_F(ShmEventPipeLifecycle, FailedOpenLeavesTheDescriptorOfCreate) {
+    ShmEventPipe pipe(WRITER, m_path, 0);
+    ASSERT_TRUE(pipe.Create());
+    const int descriptor = pipe.m_iFd;
+    EXPECT_FALSE(pipe.Open(true));
+    EXPECT_EQ(descriptor, pipe.m_iFd);
+    EXPECT_TRUE(pipe.m_bCreated);
+}
+
+TEST_F(ShmEventPipeLifecycle, OpensAFileThatItsOwnerAloneMayUse) {
+    const mode_t former = umask(0);
+    ShmEventPipe pipe(WRITER, m_path, kFileSize);
+    EXPECT_TRUE(pipe.Open(true));
+    umask(former);
+    struct stat status {};
+    ASSERT_EQ(0, stat(m_path.c_str(), &status));
+    EXPECT_EQ(0700U, status.st_mode & 07777U);
+}
+
+TEST_F(ShmEventPipeLifecycle, GivesNoDescriptorToAChild) {
+    ShmEventPipe created(WRITER, m_path, kFileSize);
+    ASSERT_TRUE(created.Create());
+    EXPECT_EQ(FD_CLOEXEC, fcntl(created.m_iFd, F_GETFD));
+    ShmEventPipe opened(READER, m_path, kFileSize);
+    ASSERT_TRUE(opened.Open(true));
+    EXPECT_EQ(FD_CLOEXEC, fcntl(opened.m_iFd, F_GETFD));
 }
 
 TEST_F(ShmEventPipeLifecycle, OpenOfAMappedObjectReleasesTheFormerMapping) {
@@ -252,5 +284,65 @@ TEST_F(ShmEventPipeReset, EmptiesTheRingInEitherRole) {
         EXPECT_EQ(0U, raw.Word(4));
         EXPECT_EQ(0U, raw.Word(8));
         EXPECT_EQ(0x22222222U, raw.Word(12));
+    }
+}
+
+// ---- State ----
+
+class ShmEventPipeState : public RingTest {
+  protected:
+    ShmEventPipe m_writer{WRITER, m_path, kFileSize};
+    ShmEventPipe m_reader{READER, m_path, kFileSize};
+    const bool m_open = m_writer.Open(true) && m_reader.Open(true);
+    IndependentRing m_raw{m_path};
+};
+
+TEST_F(ShmEventPipeState, IsAllZeroWhileNothingIsMapped) {
+    const ShmEventPipe pipe(READER, m_path, kFileSize);
+    const ShmRingState state = pipe.State();
+    EXPECT_EQ(0U, state.size + state.readIndex + state.writeIndex + state.used);
+    EXPECT_FALSE(state.isStuck);
+}
+
+TEST_F(ShmEventPipeState, CountsWhatWaitsInEitherRole) {
+    ASSERT_EQ(PIPE_OK, Write(m_writer, Counting(5)));
+    ASSERT_EQ(PIPE_OK, Write(m_writer, Counting(8)));
+    ASSERT_EQ(PIPE_OK, Read(m_reader).result);
+    for (const ShmEventPipe* const pipe : {&m_writer, &m_reader}) {
+        const ShmRingState state = pipe->State();
+        EXPECT_EQ(kRing, state.size);
+        EXPECT_EQ(12U, state.readIndex);
+        EXPECT_EQ(24U, state.writeIndex);
+        EXPECT_EQ(12U, state.used);
+        EXPECT_FALSE(state.isStuck);
+    }
+}
+
+TEST_F(ShmEventPipeState, CountsAcrossTheEndOfTheRing) {
+    m_raw.Poke(0, 56);
+    m_raw.Poke(4, 8);
+    m_raw.Poke(8 + 56, 12);
+    EXPECT_EQ(16U, m_reader.State().used);
+    EXPECT_FALSE(m_reader.State().isStuck);
+}
+
+TEST_F(ShmEventPipeState, TellsAMessageOfNoBytesFromAnEmptyRing) {
+    EXPECT_FALSE(m_reader.State().isStuck) << "nothing waits";
+    const uint32_t zero = 0;
+    ASSERT_EQ(PIPE_OK, m_writer.write(nullptr, &zero));
+    EXPECT_TRUE(m_reader.State().isStuck);
+    EXPECT_EQ(4U, m_reader.State().used);
+    ASSERT_EQ(PIPE_OK, Write(m_writer, Counting(5)));
+    EXPECT_TRUE(m_reader.State().isStuck) << "whatever comes after it";
+}
+
+TEST_F(ShmEventPipeState, StaysInTheRingWhateverThePeerWrites) {
+    for (const uint32_t poked : {1U, kRing - 1, kRing, kRing + 6, 0x80000001U, 0xFFFFFFFFU}) {
+        m_raw.Poke(0, poked);
+        m_raw.Poke(4, poked);
+        const ShmRingState state = m_reader.State();
+        EXPECT_EQ(((poked + 3) & ~3U) % kRing, state.readIndex) << poked;
+        EXPECT_EQ(state.readIndex, state.writeIndex) << poked;
+        EXPECT_EQ(0U, state.used) << poked;
     }
 }

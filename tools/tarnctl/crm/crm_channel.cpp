@@ -134,8 +134,8 @@ CrmChannel::ReadResult CrmChannel::Next(std::span<const std::byte>& bytes, int& 
 }
 
 bool CrmChannel::IsStuck(const ShmEventPipe& ring) const {
-    const uint32_t write = LoadAcquire(ring.m_pHeader->uWriteIndex);
-    const uint32_t read = ring.m_pHeader->uReadIndex;
+    const uint32_t write = LoadAcquire(ring.m_pHeader->writeIndex);
+    const uint32_t read = ring.m_pHeader->readIndex;
     const uint32_t size = ring.m_uSize;
     if (read == write || read >= size) {
         return false;
