@@ -4,36 +4,30 @@
 #include <netinet/in.h>
 
 #include <cstring>
+#include <span>
 #include <utility>
 
 #include "config/event_rule_node.h"
 #include "crm/crm_event_message.h"
 #include "crm/crm_event_producer.h"
 #include "logging/log.h"
+#include "quarantine/address_text.h"
 
 using vald::Log;
 
 namespace {
 
-std::string Ipv6Text(const uint8_t* address) {
-    char text[INET6_ADDRSTRLEN] = "";
-    return inet_ntop(AF_INET6, address, text, sizeof(text)) != nullptr ? text : "";
-}
-
-int AddressText(const EventReport& report, uint32_t ip, const uint8_t* ipv6, std::string& text) {
-    char buffer[INET6_ADDRSTRLEN];
-    const char* converted = nullptr;
+int AddressText(const EventReport& report, uint32_t ip, std::span<const uint8_t, 16> ipv6,
+                std::string& text) {
     if (report.etherType == kEtherTypeIpv4) {
-        const uint32_t networkOrder = htonl(ip);
-        converted = inet_ntop(AF_INET, &networkOrder, buffer, sizeof(buffer));
-    } else if (report.etherType == kEtherTypeIpv6) {
-        converted = inet_ntop(AF_INET6, ipv6, buffer, sizeof(buffer));
+        text = Ipv4Text(htonl(ip));
+        return 0;
     }
-    if (converted == nullptr) {
-        return -1;
+    if (report.etherType == kEtherTypeIpv6) {
+        text = Ipv6Text(ipv6);
+        return 0;
     }
-    text = converted;
-    return 0;
+    return -1;
 }
 
 // 0, or 1 for an address of another family. The copies keep clear of the address's alignment.

@@ -15,7 +15,7 @@ namespace {
 using tarn::secmgr::ResponseHeader;
 using vald::Log;
 
-// Hands a report of the client to the log as it stands.
+// Passes a report of the client to the log unchanged.
 __attribute__((format(printf, 3, 4))) void LogClientReport(uint64_t, uint32_t level,
                                                            const char* format, ...) {
     va_list args;
@@ -24,9 +24,9 @@ __attribute__((format(printf, 3, 4))) void LogClientReport(uint64_t, uint32_t le
     va_end(args);
 }
 
-// A cancelled exchange leaves its answer, or half of one, on the way, and the next rule would take
-// it for its own. The socket is therefore given up while the cancelled thread unwinds; the channel
-// stays marked as open, and the next rule fails to send, resets it and is retried.
+// The answer of a cancelled exchange, or a part of it, may still arrive, and the next rule would
+// take it for its own. The socket is therefore closed while the cancelled thread unwinds. The
+// channel stays marked as open: the next rule fails to send, resets the channel and is retried.
 class ClosedOnUnwinding {
   public:
     explicit ClosedOnUnwinding(RequestClient& client) : m_client(&client) {}
@@ -52,7 +52,7 @@ DbtComm::DbtComm(std::string socketPath, int32_t timeoutSeconds)
 }
 
 DbtComm::~DbtComm() {
-    const CancellationOff whole;
+    const CancellationOff off;
     if (m_opened) {
         Close();
     }
@@ -88,7 +88,7 @@ void DbtComm::Close() {
 }
 
 // Deliberate: a failed exchange leaves the channel marked as open. Only the retry resets it, so the
-// rule after a failed retry meets the same failure first and is then retried on a fresh channel.
+// rule after a failed retry first fails in the same way and is then retried on a new channel.
 int DbtComm::SendCommand(uint32_t command, const void* payload, std::size_t length,
                          uint8_t** response, uint64_t* responseLength) {
     if (!m_opened) {

@@ -2,7 +2,7 @@
 
 // Client end of the security manager's command socket. It hands over one quarantine rule text at a
 // time, waits for the answer, and resets the channel once when an exchange fails. EventBridge holds
-// one by value. docs/formats/security_manager.md tells the frames.
+// one by value. docs/formats/security_manager.md describes the frames.
 //
 // Threads: no lock; only the thread that processes events uses it, and all waits block that thread.
 // It may be cancelled in those waits (see RequestClient).

@@ -1,11 +1,10 @@
 #include "quarantine/quarantine_rule.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <utility>
 
 #include "logging/log.h"
+#include "quarantine/address_text.h"
 
 namespace {
 
@@ -14,27 +13,22 @@ using vald::Log;
 constexpr int kIpv4 = 4;
 constexpr int kIpv6 = 6;
 
+// The text of an address; an address of zeros counts as none.
 std::string TextOf(in_addr_t networkOrder) {
-    char text[INET_ADDRSTRLEN] = "";
-    if (networkOrder != 0) {
-        inet_ntop(AF_INET, &networkOrder, text, sizeof(text));
-    }
-    return text;
+    return networkOrder != 0 ? Ipv4Text(networkOrder) : "";
 }
 
 std::string TextOf(QuarantineRule::Ipv6Bytes address) {
-    char text[INET6_ADDRSTRLEN] = "";
-    if (std::any_of(address.begin(), address.end(), [](uint8_t byte) { return byte != 0; })) {
-        inet_ntop(AF_INET6, address.data(), text, sizeof(text));
-    }
-    return text;
+    const bool isSet =
+        std::any_of(address.begin(), address.end(), [](uint8_t byte) { return byte != 0; });
+    return isSet ? Ipv6Text(address) : "";
 }
 
 std::string TextOf(const char* address) {
     return address == nullptr ? "" : address;
 }
 
-// The lower half of a time, which is all that the messages show of it.
+// The lower half of a time. The messages show no more of it.
 int Lower32(std::time_t time) {
     return static_cast<int>(static_cast<uint32_t>(time));
 }
@@ -203,7 +197,7 @@ void QuarantineRule::AppendIcmpFields(std::string& text) const {
     }
 }
 
-// Deliberate: a port that was never set is written as 0, for the security manager expects both
+// Deliberate: a port that was never set is written as 0, because the security manager expects both
 // port fields with TCP and UDP.
 void QuarantineRule::AppendPorts(std::string& text) const {
     text += " src port " + std::to_string(m_sourcePort);

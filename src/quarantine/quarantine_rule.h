@@ -2,7 +2,7 @@
 
 // The parts of one blocking rule and the line of text that the security manager takes for it. The
 // event policy makes one on the stack for each block rule, fills it, asks for the text and throws
-// it away. docs/formats/quarantine_rule.md tells the text piece by piece.
+// it away. docs/formats/quarantine_rule.md describes the text piece by piece.
 //
 // Threads: not shared; each rule belongs to the thread that processes the event.
 

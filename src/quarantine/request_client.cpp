@@ -55,51 +55,48 @@ RequestClient::~RequestClient() {
     Disconnect();
 }
 
-void RequestClient::SetLog(LogCallback pfnLog, uint64_t uContext) {
-    m_pfnLog = pfnLog;
-    m_uLogContext = uContext;
+void RequestClient::SetLog(LogCallback log, uint64_t context) {
+    m_pfnLog = log;
+    m_uLogContext = context;
 }
 
 RequestClient::LogCallback RequestClient::Report() const {
     return m_pfnLog != nullptr ? m_pfnLog : &DropReport;
 }
 
-bool RequestClient::Connect(const char* szPath, int32_t iTimeout) {
+bool RequestClient::Connect(const char* path, int32_t timeout) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", szPath);
+    std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", path);
 
-    // Deliberate: a descriptor from an earlier Connect is not closed but lost. Whether the channel
-    // is open is for the owner to know.
-    m_iSocket = socket(AF_UNIX, SOCK_STREAM, 0);
+    // Deliberate: a descriptor from an earlier Connect is not closed but lost. The owner keeps its
+    // own record of whether the channel is open.
+    m_iSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (m_iSocket < 0) {
-        const int iError = errno;
+        const int error = errno;
         Report()(m_uLogContext, kErrorLevel, "Unable to create socket, reason: %s",
-                 std::strerror(iError));
+                 std::strerror(error));
         return false;
     }
-    const int iFlags = fcntl(m_iSocket, F_GETFD);
-    (void)fcntl(m_iSocket, F_SETFD,
-                iFlags | FD_CLOEXEC);  // a child would merely inherit the socket
 
-    const bool bLimited = iTimeout > 0;
-    if (bLimited && !SetBlocking(false)) {
+    const bool limited = timeout > 0;
+    if (limited && !SetBlocking(false)) {
         Disconnect();
         return false;
     }
     const auto connectSocket = [&] {
         return connect(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     };
-    const int iResult = bLimited ? connectSocket() : InCancellationWindow(connectSocket);
-    const bool bInProgress = iResult < 0 && errno == EINPROGRESS && bLimited;
-    if (iResult < 0 && !(bInProgress && AwaitConnection(iTimeout))) {
-        const int iError = errno;
+    const int result = limited ? connectSocket() : InCancellationWindow(connectSocket);
+    const bool inProgress = result < 0 && errno == EINPROGRESS && limited;
+    if (result < 0 && !(inProgress && AwaitConnection(timeout))) {
+        const int error = errno;
         Report()(m_uLogContext, kErrorLevel, "Unable to connect socket, reason: %s",
-                 std::strerror(iError));
+                 std::strerror(error));
         Disconnect();
         return false;
     }
-    if (bLimited && !SetBlocking(true)) {
+    if (limited && !SetBlocking(true)) {
         Disconnect();
         return false;
     }
@@ -110,214 +107,211 @@ void RequestClient::Disconnect() {
     if (m_iSocket < 0) {
         return;
     }
-    const CancellationOff whole;  // close is a cancellation point, and destructors come this way
+    const CancellationOff off;  // close is a cancellation point, and destructors call this
     close(m_iSocket);
     m_iSocket = -1;
 }
 
-bool RequestClient::SendRequest(uint32_t uType, const void* pBody, uint64_t uLength) {
+bool RequestClient::SendRequest(uint32_t type, const void* body, uint64_t length) {
     if (m_iSocket < 0) {
         return false;
     }
-    const bool bHasBody = pBody != nullptr && uLength != 0;
-    const RequestHeader header{uType, bHasBody ? static_cast<uint32_t>(uLength) : 0};
-    const int iMore = bHasBody ? MSG_MORE : 0;
-    if (send(m_iSocket, &header, sizeof(header), kSendFlags | iMore) < 0) {
+    const bool hasBody = body != nullptr && length != 0;
+    const RequestHeader header{type, hasBody ? static_cast<uint32_t>(length) : 0};
+    const int more = hasBody ? MSG_MORE : 0;
+    if (send(m_iSocket, &header, sizeof(header), kSendFlags | more) < 0) {
         return false;
     }
-    // Deliberate: a short count passes for success. What the socket could not take shows as an
-    // answer that never comes, which the owner has to deal with in any case.
-    return !bHasBody || send(m_iSocket, pBody, uLength, kSendFlags) >= 0;
+    // Deliberate: a short count counts as success. When the socket could not take the whole body,
+    // no answer comes, and the owner handles a missing answer in any case.
+    return !hasBody || send(m_iSocket, body, length, kSendFlags) >= 0;
 }
 
-bool RequestClient::ReceiveResponse(uint8_t** ppBuffer, uint64_t* puSize, int32_t iTimeout) {
-    *ppBuffer = nullptr;
+bool RequestClient::ReceiveResponse(uint8_t** buffer, uint64_t* size, int32_t timeout) {
+    *buffer = nullptr;
     ResponseHeader header{};
-    if (!ReceiveHeader(header, puSize, iTimeout)) {
+    if (!ReceiveHeader(header, size, timeout)) {
         return false;
     }
-    // The memory is left untouched until bytes arrive, so a length that lies costs address space
-    // and no more.
-    const std::size_t uBody = header.bodyLength;
-    auto pBuffer = std::make_unique_for_overwrite<uint8_t[]>(sizeof(header) + uBody);
-    std::memcpy(pBuffer.get(), &header, sizeof(header));
+    // The memory is not touched until bytes arrive, so a false length costs address space only.
+    const std::size_t bodyBytes = header.bodyLength;
+    auto answer = std::make_unique_for_overwrite<uint8_t[]>(sizeof(header) + bodyBytes);
+    std::memcpy(answer.get(), &header, sizeof(header));
 
-    // Deliberate: a body that ends early is no failure here. The size tells, and the owner judges.
-    *puSize += Receive(pBuffer.get() + sizeof(header), uBody);
-    *ppBuffer = pBuffer.release();
+    // Deliberate: a body that ends early is no failure here. The owner sees it in the size.
+    *size += Receive(answer.get() + sizeof(header), bodyBytes);
+    *buffer = answer.release();
     return true;
 }
 
-bool RequestClient::ReceiveRecords(uint8_t** ppBuffer, uint64_t* puSize, uint64_t uRecordSize,
-                                   int32_t iTimeout) {
-    *ppBuffer = nullptr;
+bool RequestClient::ReceiveRecords(uint8_t** buffer, uint64_t* size, uint64_t recordSize,
+                                   int32_t timeout) {
+    *buffer = nullptr;
     ResponseHeader header{};
-    if (!ReceiveHeader(header, puSize, iTimeout)) {
+    if (!ReceiveHeader(header, size, timeout)) {
         return false;
     }
     constexpr uint32_t kMaxTotal = std::numeric_limits<uint32_t>::max();
-    const uint64_t uCount = header.bodyLength;
-    if (uRecordSize != 0 && uCount > kMaxTotal / uRecordSize) {
+    const uint64_t count = header.bodyLength;
+    if (recordSize != 0 && count > kMaxTotal / recordSize) {
         Report()(m_uLogContext, kErrorLevel, "read %u of %u data bytes", 0U, kMaxTotal);
         return false;
     }
-    const auto uTotal = static_cast<uint32_t>(uCount * uRecordSize);
-    const std::size_t uRecordsAt = sizeof(header) + uCount * sizeof(iovec);
-    auto pBuffer = std::make_unique_for_overwrite<uint8_t[]>(uRecordsAt + uTotal);
-    std::memcpy(pBuffer.get(), &header, sizeof(header));
+    const auto total = static_cast<uint32_t>(count * recordSize);
+    const std::size_t recordsAt = sizeof(header) + count * sizeof(iovec);
+    auto answer = std::make_unique_for_overwrite<uint8_t[]>(recordsAt + total);
+    std::memcpy(answer.get(), &header, sizeof(header));
 
-    uint8_t* const pRecords = pBuffer.get() + uRecordsAt;
-    if (!ReceiveAll(pRecords, uTotal)) {
+    uint8_t* const records = answer.get() + recordsAt;
+    if (!ReceiveAll(records, total)) {
         return false;
     }
-    // The vector comes last, so that a count that lies touches no memory before its records came.
-    for (uint64_t i = 0; i < uCount; ++i) {
-        const iovec record{pRecords + i * uRecordSize, uRecordSize};
-        std::memcpy(pBuffer.get() + sizeof(header) + i * sizeof(iovec), &record, sizeof(record));
+    // The vector is filled last, so that a false count touches no memory before its records arrive.
+    for (uint64_t i = 0; i < count; ++i) {
+        const iovec record{records + i * recordSize, recordSize};
+        std::memcpy(answer.get() + sizeof(header) + i * sizeof(iovec), &record, sizeof(record));
     }
-    *puSize += uTotal;
-    *ppBuffer = pBuffer.release();
+    *size += total;
+    *buffer = answer.release();
     return true;
 }
 
 template <typename ReceiveAnswer>
-bool RequestClient::Exchange(const char* szPath, uint32_t uType, const void* pBody,
-                             uint64_t uLength, int32_t iTimeout, ReceiveAnswer receiveAnswer) {
-    if (!Connect(szPath, iTimeout)) {
+bool RequestClient::Exchange(const char* path, uint32_t type, const void* body, uint64_t length,
+                             int32_t timeout, ReceiveAnswer receiveAnswer) {
+    if (!Connect(path, timeout)) {
         return false;
     }
     const DisconnectAtEnd disconnect(*this);
-    return SendRequest(uType, pBody, uLength) && receiveAnswer();
+    return SendRequest(type, body, length) && receiveAnswer();
 }
 
-bool RequestClient::Transact(const char* szPath, uint32_t uType, const void* pBody,
-                             uint64_t uLength, uint8_t** ppBuffer, uint64_t* puSize,
-                             int32_t iTimeout) {
-    return Exchange(szPath, uType, pBody, uLength, iTimeout, [&] {
-        return ppBuffer == nullptr || puSize == nullptr ||
-               ReceiveResponse(ppBuffer, puSize, iTimeout);
+bool RequestClient::Transact(const char* path, uint32_t type, const void* body, uint64_t length,
+                             uint8_t** buffer, uint64_t* size, int32_t timeout) {
+    return Exchange(path, type, body, length, timeout, [&] {
+        return buffer == nullptr || size == nullptr || ReceiveResponse(buffer, size, timeout);
     });
 }
 
-bool RequestClient::TransactRecords(const char* szPath, uint32_t uType, const void* pBody,
-                                    uint64_t uLength, uint8_t** ppBuffer, uint64_t* puSize,
-                                    uint64_t uRecordSize, int32_t iTimeout) {
-    return Exchange(szPath, uType, pBody, uLength, iTimeout, [&] {
-        return ppBuffer == nullptr || puSize == nullptr ||
-               ReceiveRecords(ppBuffer, puSize, uRecordSize, iTimeout);
+bool RequestClient::TransactRecords(const char* path, uint32_t type, const void* body,
+                                    uint64_t length, uint8_t** buffer, uint64_t* size,
+                                    uint64_t recordSize, int32_t timeout) {
+    return Exchange(path, type, body, length, timeout, [&] {
+        return buffer == nullptr || size == nullptr ||
+               ReceiveRecords(buffer, size, recordSize, timeout);
     });
 }
 
-void RequestClient::FreeResponse(uint8_t* pBuffer) {
-    delete[] pBuffer;
+void RequestClient::FreeResponse(uint8_t* buffer) {
+    delete[] buffer;
 }
 
-int RequestClient::WaitUntil(Readiness eReadiness, int32_t iTimeout) const {
+int RequestClient::WaitUntil(Readiness readiness, int32_t timeout) const {
     if (m_iSocket >= FD_SETSIZE) {
         errno = EMFILE;  // select would write beyond its set
         return -1;
     }
-    // select counts the limit down, so that a repeated call waits for the rest of it only.
-    timeval limit{iTimeout, 0};
-    int iResult = -1;
-    for (int iAttempt = 0; iAttempt < kWaitAttempts; ++iAttempt) {
+    // select reduces the limit by the time that it waited, so that a repeated call waits for the
+    // rest.
+    timeval limit{timeout, 0};
+    int result = -1;
+    for (int attempt = 0; attempt < kWaitAttempts; ++attempt) {
         fd_set sockets;
         FD_ZERO(&sockets);
         FD_SET(m_iSocket, &sockets);
-        fd_set* const pToRead = eReadiness == Readiness::ToRead ? &sockets : nullptr;
-        fd_set* const pToWrite = eReadiness == Readiness::ToWrite ? &sockets : nullptr;
-        iResult = InCancellationWindow(
-            [&] { return select(m_iSocket + 1, pToRead, pToWrite, nullptr, &limit); });
-        if (iResult >= 0 || errno != EINTR) {
+        fd_set* const toRead = readiness == Readiness::ToRead ? &sockets : nullptr;
+        fd_set* const toWrite = readiness == Readiness::ToWrite ? &sockets : nullptr;
+        result = InCancellationWindow(
+            [&] { return select(m_iSocket + 1, toRead, toWrite, nullptr, &limit); });
+        if (result >= 0 || errno != EINTR) {
             break;
         }
     }
-    return iResult;
+    return result;
 }
 
-// Deliberate: a writable socket counts as connected, without a look at its pending error. A peer
-// that refused after all shows at the first send. A limit that ran out leaves errno as it stood.
-bool RequestClient::AwaitConnection(int32_t iTimeout) const {
-    return WaitUntil(Readiness::ToWrite, iTimeout) > 0;
+// Deliberate: a writable socket counts as connected, and its pending error is not read. If the peer
+// refused after all, the first send fails. When the limit runs out, errno stays as it was.
+bool RequestClient::AwaitConnection(int32_t timeout) const {
+    return WaitUntil(Readiness::ToWrite, timeout) > 0;
 }
 
-bool RequestClient::SetBlocking(bool bBlocking) const {
-    const int iFlags = fcntl(m_iSocket, F_GETFL);
-    if (iFlags < 0) {
+bool RequestClient::SetBlocking(bool blocking) const {
+    const int flags = fcntl(m_iSocket, F_GETFL);
+    if (flags < 0) {
         return false;
     }
-    const int iWanted = bBlocking ? iFlags & ~O_NONBLOCK : iFlags | O_NONBLOCK;
-    return fcntl(m_iSocket, F_SETFL, iWanted) >= 0;
+    const int wanted = blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK;
+    return fcntl(m_iSocket, F_SETFL, wanted) >= 0;
 }
 
-std::size_t RequestClient::Receive(uint8_t* pTarget, std::size_t uLength) const {
-    std::size_t uGot = 0;
-    while (uGot < uLength) {
-        const ssize_t iResult = InCancellationWindow(
-            [&] { return recv(m_iSocket, pTarget + uGot, uLength - uGot, 0); });
-        if (iResult == 0) {
+std::size_t RequestClient::Receive(uint8_t* target, std::size_t length) const {
+    std::size_t got = 0;
+    while (got < length) {
+        const ssize_t result =
+            InCancellationWindow([&] { return recv(m_iSocket, target + got, length - got, 0); });
+        if (result == 0) {
             break;
         }
-        if (iResult < 0) {
-            const int iError = errno;
-            if (iError == EINTR) {
+        if (result < 0) {
+            const int error = errno;
+            if (error == EINTR) {
                 continue;
             }
-            Report()(m_uLogContext, kErrorLevel, "recv returned %d: %d\n",
-                     static_cast<int>(iResult), iError);
+            Report()(m_uLogContext, kErrorLevel, "recv returned %d: %d\n", static_cast<int>(result),
+                     error);
             break;
         }
-        uGot += static_cast<std::size_t>(iResult);
+        got += static_cast<std::size_t>(result);
     }
-    return uGot;
+    return got;
 }
 
-bool RequestClient::ReceiveHeader(ResponseHeader& header, uint64_t* puSize,
-                                  int32_t iTimeout) const {
+bool RequestClient::ReceiveHeader(ResponseHeader& header, uint64_t* size, int32_t timeout) const {
     if (m_iSocket < 0) {
         return false;
     }
-    *puSize = 0;
-    const int iReady = WaitUntil(Readiness::ToRead, iTimeout);
-    if (iReady < 0) {
-        const int iError = errno;
+    *size = 0;
+    const int ready = WaitUntil(Readiness::ToRead, timeout);
+    if (ready < 0) {
+        const int error = errno;
         Report()(m_uLogContext, kErrorLevel, "Failed to wait for response, reason: %s",
-                 std::strerror(iError));
+                 std::strerror(error));
         return false;
     }
-    if (iReady == 0) {
+    if (ready == 0) {
         Report()(m_uLogContext, kErrorLevel, "Timeout waiting for response.");
         return false;
     }
     uint8_t bytes[sizeof(header)];
-    const std::size_t uGot = Receive(bytes, sizeof(bytes));
-    if (uGot != sizeof(bytes)) {
-        Report()(m_uLogContext, kErrorLevel, "Unexpected response length: %zu", uGot);
+    const std::size_t got = Receive(bytes, sizeof(bytes));
+    if (got != sizeof(bytes)) {
+        Report()(m_uLogContext, kErrorLevel, "Unexpected response length: %zu", got);
         return false;
     }
     std::memcpy(&header, bytes, sizeof(header));
-    *puSize = uGot;
+    *size = got;
     return true;
 }
 
-bool RequestClient::ReceiveAll(uint8_t* pTarget, uint32_t uTotal) const {
-    uint32_t uGot = 0;
-    while (uGot < uTotal) {
-        const iovec rest{pTarget + uGot, uTotal - uGot};
-        const ssize_t iResult = InCancellationWindow([&] { return readv(m_iSocket, &rest, 1); });
-        if (iResult == 0) {
-            Report()(m_uLogContext, kErrorLevel, "read %u of %u data bytes", uGot, uTotal);
+bool RequestClient::ReceiveAll(uint8_t* target, uint32_t total) const {
+    uint32_t got = 0;
+    while (got < total) {
+        const iovec rest{target + got, total - got};
+        const ssize_t result = InCancellationWindow([&] { return readv(m_iSocket, &rest, 1); });
+        if (result == 0) {
+            Report()(m_uLogContext, kErrorLevel, "read %u of %u data bytes", got, total);
             return false;
         }
-        if (iResult < 0) {
-            const int iError = errno;
-            if (iError == EINTR) {
+        if (result < 0) {
+            const int error = errno;
+            if (error == EINTR) {
                 continue;
             }
-            Report()(m_uLogContext, kErrorLevel, "readv error: %s", std::strerror(iError));
+            Report()(m_uLogContext, kErrorLevel, "readv error: %s", std::strerror(error));
             return false;
         }
-        uGot += static_cast<uint32_t>(iResult);
+        got += static_cast<uint32_t>(result);
     }
     return true;
 }

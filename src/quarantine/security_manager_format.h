@@ -2,7 +2,7 @@
 
 // What passes over the security manager's command socket: the frame of a request and of an answer,
 // and the one command that is in use, adding quarantine rules. docs/formats/security_manager.md
-// tells the whole of it, docs/formats/quarantine_rule.md the text that it carries.
+// describes all of it, docs/formats/quarantine_rule.md the text that it carries.
 //
 // A request is a RequestHeader and a body, an answer a ResponseHeader and a body. All words are 32
 // bits in host byte order, since both ends run on one machine.
@@ -18,13 +18,13 @@ namespace tarn::secmgr {
 inline constexpr uint32_t kCommandAddQuarantineRules = 11;
 inline constexpr uint32_t kStatusAdded = 15;  // any other status is a refusal
 
-// Stands before each request.
+// Comes before each request.
 struct RequestHeader {
     uint32_t command;
     uint32_t bodyLength;  // bytes that follow this header
 };
 
-// Stands before each answer.
+// Comes before each answer.
 struct ResponseHeader {
     uint32_t status;
     uint32_t bodyLength;  // bytes that follow, or the number of records for a list of records

@@ -1,12 +1,14 @@
 // How the records show in the log: one line a field, with the labels that operators search for.
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <array>
+#include <bit>
 #include <cctype>
+#include <string>
 
 #include "logging/log.h"
+#include "quarantine/address_text.h"
 #include "unified2/unified2_events.h"
 #include "unified2/unified2_format.h"
 
@@ -16,21 +18,17 @@ constexpr int kDebug = vald::Log::kDebug;
 constexpr uint32_t kBytesPerLine = 16;
 constexpr size_t kHexWidth = 3;  // two digits and a blank
 
-using AddressText = std::array<char, INET6_ADDRSTRLEN>;
-static_assert(INET_ADDRSTRLEN == 16 && INET6_ADDRSTRLEN == 46);
-
-const char* TextOf(const std::array<uint8_t, 4>& address, AddressText& text) {
-    return inet_ntop(AF_INET, address.data(), text.data(), INET_ADDRSTRLEN);
+std::string TextOf(const std::array<uint8_t, 4>& address) {
+    return Ipv4Text(std::bit_cast<in_addr_t>(address));
 }
 
-const char* TextOf(const std::array<uint8_t, 16>& address, AddressText& text) {
-    return inet_ntop(AF_INET6, address.data(), text.data(), INET6_ADDRSTRLEN);
+std::string TextOf(const std::array<uint8_t, 16>& address) {
+    return Ipv6Text(address);
 }
 
 template <typename Record>
 void DumpAlert(const Record& record) {
     vald::Log& log = *vald::Log::GetInstance();
-    AddressText text;
     const uint32_t eventId = record.eventId.HostOrder();
     log.Write(kDebug, "Type: Event %u -------------------------------------------", eventId);
     log.Write(kDebug, "  sensor_id          = %u", record.sensorId.HostOrder());
@@ -42,9 +40,9 @@ void DumpAlert(const Record& record) {
     log.Write(kDebug, "  signature_revision = %u", record.signatureRevision.HostOrder());
     log.Write(kDebug, "  classification_id  = %u", record.classificationId.HostOrder());
     log.Write(kDebug, "  priority_id        = %u", record.priorityId.HostOrder());
-    log.Write(kDebug, "  ip_source          = %s", TextOf(record.ipSource, text));
+    log.Write(kDebug, "  ip_source          = %s", TextOf(record.ipSource).c_str());
     log.Write(kDebug, "  sport_itype        = %u", unsigned{record.sportItype.HostOrder()});
-    log.Write(kDebug, "  ip_destination     = %s", TextOf(record.ipDestination, text));
+    log.Write(kDebug, "  ip_destination     = %s", TextOf(record.ipDestination).c_str());
     log.Write(kDebug, "  dport_icode        = %u", unsigned{record.dportIcode.HostOrder()});
     log.Write(kDebug, "  ip_protocol        = %u", unsigned{record.ipProtocol});
     log.Write(kDebug, "  impact             = %u", unsigned{record.impactFlag});
