@@ -3,69 +3,190 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
 
+#include "tarnctl/common/descriptor_output.h"
+#include "tarnctl/common/display.h"
 #include "tarnctl/common/exit_status.h"
-#include "tarnctl/crm/crm_command.h"
-#include "tarnctl/messages/messages_command.h"
-#ifdef TARNCTL_WITH_PCAP
-#include "tarnctl/packetlog/packetlog_command.h"
-#endif
-#include "tarnctl/common/stop_signals.h"
-#include "tarnctl/replay/replay_command.h"
-#include "tarnctl/secmgr/secmgr_command.h"
+#include "tarnctl/common/help_text.h"
+#include "tarnctl/common/nearest_word.h"
+#include "tarnctl/common/signals.h"
+#include "tarnctl/sub_commands.h"
 #include "version.h"
 
 namespace tarnctl {
+namespace {
 
-int RunCommandLine(int argc, char** argv, std::ostream& out, std::ostream& err) {
-    CLI::App app("The companion command of tarn: watches and feeds a running daemon.", "tarnctl");
-    app.set_version_flag("--version", "tarnctl " TARN_VERSION);
-    app.require_subcommand(1);
-    app.footer(R"(Exit status: 0 fine, 1 the work could not be done, 2 the command line is wrong.
+constexpr const char* kProgram = "tarnctl";
+
+constexpr const char* kExamples =
+    R"(Data goes to standard output and messages to standard error; a file named - is standard input or
+output. Exit status: 0 fine, 1 the work could not be done, 2 the command line is wrong.
 
 Examples:
-  tarnctl crm --timeout 10 &
-  tarnctl replay samples/sensor-302-alerts.u2
-  tarnctl replay --help)");
+  tarnctl crm --timeout 10 &                 show the reports of a running tarn
+  tarnctl replay samples/sensor-302-alerts.u2  play a recorded sensor
+  tarnctl help replay                        the options of a sub-command)";
 
-    CrmOptions crm;
-    MessagesOptions messages;
-    ReplayOptions replay;
-    SecmgrOptions secmgr;
-    replay.isTerminal = isatty(STDERR_FILENO) == 1;
-    const CLI::App* const crmCommand = AddCrmCommand(app, crm);
-    const CLI::App* const messagesCommand = AddMessagesCommand(app, messages);
-#ifdef TARNCTL_WITH_PCAP
-    PacketLogOptions packetLog;
-    const CLI::App* const packetLogCommand = AddPacketLogCommand(app, packetLog);
-#endif
-    const CLI::App* const replayCommand = AddReplayCommand(app, replay);
-    const CLI::App* const secmgrCommand = AddSecmgrCommand(app, secmgr);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& fault) {
-        return app.exit(fault, out, err) == 0 ? kExitFine : kExitUsage;
+class CommandLine {
+  public:
+    CommandLine(int argc, char** argv, std::ostream& out, std::ostream& err)
+        : m_words(argv + 1, argv + std::max(argc, 1)), m_out(out), m_err(err) {
+        m_app.set_help_flag("-h,--help", "Show this help and end");
+        m_app.set_version_flag("--version", "tarnctl " TARN_VERSION);
+        m_app.get_option("--version")->description("Show the version and end");
+        m_app.require_subcommand(1);
+        m_app.footer(kExamples);
+        m_app.formatter_fn([this](const CLI::App* app, const std::string& name,
+                                  CLI::AppFormatMode) { return HelpText(*app, name, m_width); });
+        for (const auto& command : m_commands) {
+            m_added.push_back(command->Add(m_app));
+        }
+        m_help = m_app.add_subcommand("help", "Show the help of tarnctl or of a sub-command");
+        m_help->footer("Examples:\n  tarnctl help\n  tarnctl help replay");
+        m_help->add_option("SUB-COMMAND", m_helpTopic, "What the help is about");
     }
 
-    CatchStopSignals();
-    if (crmCommand->parsed()) {
-        return RunCrm(crm, out, err);
+    int Run() {
+        if (!m_words.empty() && !m_words.front().starts_with('-') &&
+            !IsSubCommand(m_words.front())) {
+            return RefuseSubCommand(m_words.front());
+        }
+        try {
+            // The parser takes the words from the end of its list.
+            m_app.parse(std::vector<std::string>(m_words.rbegin(), m_words.rend()));
+        } catch (const CLI::Success& request) {
+            (void)m_app.exit(request, m_out, m_err);  // help and version, which it prints
+            return kExitFine;
+        } catch (const CLI::ExtrasError&) {
+            return Refuse("unexpected word '" + m_app.remaining(true).front() + "'");
+        } catch (const CLI::ParseError& fault) {
+            return Refuse(fault.what());
+        }
+        if (m_help->parsed()) {
+            return ShowHelp();
+        }
+        CatchStopSignals();
+        for (std::size_t i = 0; i < m_commands.size(); ++i) {
+            if (m_added[i]->parsed()) {
+                return m_commands[i]->Run(m_out, m_err);
+            }
+        }
+        return kExitUsage;
     }
-    if (messagesCommand->parsed()) {
-        return RunMessages(messages, out, err);
+
+  private:
+    // The columns of a help: those of the usual page, or of a terminal that is narrower.
+    static std::size_t HelpColumns() {
+        const std::size_t terminal = TerminalWidth(STDOUT_FILENO);
+        return terminal == 0 ? kHelpWidth : std::min(terminal, kHelpWidth);
     }
-#ifdef TARNCTL_WITH_PCAP
-    if (packetLogCommand->parsed()) {
-        return RunPacketLog(packetLog, out, err);
+
+    [[nodiscard]] std::vector<std::string> Names() const {
+        std::vector<std::string> names;
+        for (const CLI::App* const command : m_app.get_subcommands({})) {
+            names.push_back(command->get_name());
+        }
+        return names;
     }
-#endif
-    if (replayCommand->parsed()) {
-        return RunReplay(replay, out, err);
+
+    [[nodiscard]] bool IsSubCommand(const std::string& word) const {
+        const std::vector<std::string> names = Names();
+        return std::find(names.begin(), names.end(), word) != names.end();
     }
-    if (secmgrCommand->parsed()) {
-        return RunSecmgr(secmgr, out, err);
+
+    int RefuseSubCommand(const std::string& word) {
+        const std::string meant = DidYouMean(word, Names());
+        m_err << kProgram << ": unknown sub-command '" << word << "'"
+              << (meant.empty() ? "; see 'tarnctl help'" : meant) << std::endl;
+        return kExitUsage;
     }
-    return kExitUsage;
+
+    int ShowHelp() {
+        if (m_helpTopic.empty()) {
+            m_out << HelpText(m_app, kProgram, m_width);
+            return kExitFine;
+        }
+        if (!IsSubCommand(m_helpTopic)) {
+            return RefuseSubCommand(m_helpTopic);
+        }
+        m_out << HelpText(*m_app.get_subcommand(m_helpTopic),
+                          std::string(kProgram) + " " + m_helpTopic, m_width);
+        return kExitFine;
+    }
+
+    // Says what is wrong with the command line. An option that nobody knows comes first, since what
+    // the parser says of it is often about what follows from it.
+    int Refuse(std::string fault) {
+        const bool hasCommand = !m_words.empty() && IsSubCommand(m_words.front());
+        const CLI::App& command = hasCommand ? *m_app.get_subcommand(m_words.front()) : m_app;
+        const std::string name =
+            hasCommand ? std::string(kProgram) + " " + m_words.front() : kProgram;
+        const std::string unknown = UnknownOption(command, hasCommand ? 1 : 0);
+        if (!unknown.empty()) {
+            const std::string meant = DidYouMean(unknown, OptionNames(command));
+            fault = "unknown option '" + unknown + "'" + meant;
+        } else if (m_words.empty()) {
+            fault = "a sub-command is missing";
+        }
+        m_err << name << ": " << fault << (fault.ends_with('?') ? " See '" : "; see '") << name
+              << " --help'" << std::endl;
+        return kExitUsage;
+    }
+
+    static std::vector<std::string> OptionNames(const CLI::App& command) {
+        std::vector<std::string> names;
+        for (const CLI::Option* const option : command.get_options({})) {
+            for (const std::string& name : option->get_lnames()) {
+                names.push_back("--" + name);
+            }
+        }
+        return names;
+    }
+
+    // The first option from the word `first` on that the command does not have, or an empty text.
+    [[nodiscard]] std::string UnknownOption(const CLI::App& command, std::size_t first) const {
+        for (std::size_t i = first; i < m_words.size() && m_words[i] != "--"; ++i) {
+            const std::string name = m_words[i].substr(0, m_words[i].find('='));
+            if (!name.starts_with("--")) {
+                continue;
+            }
+            const CLI::Option* const option = command.get_option_no_throw(name);
+            if (option == nullptr) {
+                return name;
+            }
+            const bool hasValue = option->get_type_size() != 0 && name.size() == m_words[i].size();
+            i += hasValue ? 1 : 0;
+        }
+        return "";
+    }
+
+    const std::vector<std::string> m_words;
+    std::ostream& m_out;
+    std::ostream& m_err;
+    const std::size_t m_width = HelpColumns();
+    // The options that the parser fills are within the commands, so these outlive it.
+    const std::vector<std::unique_ptr<SubCommand>> m_commands = MakeSubCommands();
+    CLI::App m_app{"The companion command of tarn: watches and feeds a running daemon.", kProgram};
+    std::vector<const CLI::App*> m_added;  // in the order of m_commands; borrowed from m_app
+    CLI::App* m_help = nullptr;            // borrowed from m_app
+    std::string m_helpTopic;
+};
+
+}  // namespace
+
+int RunCommandLine(int argc, char** argv, std::ostream& out, std::ostream& err) {
+    const int status = CommandLine(argc, argv, out, err).Run();
+    const std::string fault = OutputFault(out);
+    if (!fault.empty()) {
+        err << kProgram << ": " << fault << std::endl;
+        return status == kExitUsage ? status : kExitFailure;
+    }
+    return status;
 }
 
 }  // namespace tarnctl

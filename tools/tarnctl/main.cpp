@@ -1,7 +1,14 @@
-#include <iostream>
+#include <unistd.h>
+
+#include <ostream>
 
 #include "tarnctl/command_line.h"
+#include "tarnctl/common/descriptor_output.h"
 
 int main(int argc, char** argv) {
-    return tarnctl::RunCommandLine(argc, argv, std::cout, std::cerr);
+    tarnctl::DescriptorBuffer output(STDOUT_FILENO);
+    tarnctl::DescriptorBuffer messages(STDERR_FILENO);
+    std::ostream out(&output);
+    std::ostream err(&messages);
+    return tarnctl::RunCommandLine(argc, argv, out, err);
 }

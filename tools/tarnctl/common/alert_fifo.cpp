@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "tarnctl/common/failure_text.h"
-#include "tarnctl/common/stop_signals.h"
+#include "tarnctl/common/signals.h"
 
 namespace tarnctl {
 namespace {

@@ -3,9 +3,10 @@
 #include <ostream>
 
 #include "tarnctl/common/counted.h"
+#include "tarnctl/common/descriptor_output.h"
 #include "tarnctl/common/exit_status.h"
 #include "tarnctl/common/number_checks.h"
-#include "tarnctl/common/stop_signals.h"
+#include "tarnctl/common/signals.h"
 
 namespace tarnctl {
 
@@ -18,6 +19,7 @@ void AddMonitorOptions(CLI::App& command, MonitorOptions& options, const std::st
     command.add_option("--timeout", options.timeout, "End after S quiet seconds")
         ->type_name("S")
         ->check(AboveZero());
+    AddWideOption(command, options);
 }
 
 Monitor::Monitor(const char* name, const char* thing, const MonitorOptions& options,
@@ -36,12 +38,15 @@ int Monitor::Run() {
         return kExitFailure;
     }
     m_quiet.Restart();
-    while (!IsDone()) {
+    while (!IsDone() && !IsReaderGone(m_out)) {
         Serve(m_quiet.TimeToWait());
     }
     End();
-    Say(Counts() +
-        (m_malformed > 0 ? ", " + std::to_string(m_malformed) + " malformed" : std::string()));
+    // Who has closed the output has seen enough, and is not told how it ended.
+    if (!IsReaderGone(m_out)) {
+        Say(Counts() +
+            (m_malformed > 0 ? ", " + std::to_string(m_malformed) + " malformed" : std::string()));
+    }
     return m_failed || m_malformed > 0 ? kExitFailure : kExitFine;
 }
 
@@ -56,7 +61,7 @@ void Monitor::Say(const std::string& text) {
 
 void Monitor::Write(const std::string& line) {
     m_out << line << std::endl;
-    if (!m_out && !m_failed) {
+    if (!m_out && !m_failed && !IsReaderGone(m_out)) {
         Fail(std::string("the output takes no more; the last ") + m_thing +
              " was taken and not shown");
     }

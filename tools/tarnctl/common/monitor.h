@@ -1,7 +1,7 @@
 #pragma once
 
-// What the sub-commands that stand in for a receiver have in common: --json, --count and --timeout,
-// their loop, how they tell what they see, and their exit status.
+// What the sub-commands that stand in for a receiver have in common: --json, --count, --timeout and
+// --wide, their loop, how they show what they see, and their exit status.
 //
 // Threads: one at a time.
 
@@ -13,17 +13,19 @@
 #include <span>
 #include <string>
 
+#include "tarnctl/common/display.h"
 #include "tarnctl/common/quiet_time.h"
 
 namespace tarnctl {
 
-struct MonitorOptions {
+struct MonitorOptions : Display {
     bool json = false;     // JSON lines instead of lines for a person
     uint64_t count = 0;    // ends after this many things taken; 0: no end
     double timeout = 0.0;  // ends after this many quiet seconds; 0: no end
 };
 
-// Declares the three. `things` are what the sub-command counts, `members` what an object holds.
+// Declares the three and --wide. `things` are what the sub-command counts, `members` what an object
+// holds.
 void AddMonitorOptions(CLI::App& command, MonitorOptions& options, const std::string& things,
                        const std::string& members);
 
@@ -33,8 +35,9 @@ class Monitor {
     Monitor(const Monitor&) = delete;
     Monitor& operator=(const Monitor&) = delete;
 
-    // Takes what comes until the options' end or StopRequested(). Returns an exit status: a failure
-    // when it cannot begin, when the output takes no more, or when anything was malformed.
+    // Takes what comes until the options' end, StopRequested(), or the reader of its output is
+    // gone. Returns an exit status: a failure when it cannot begin, when the output takes no more,
+    // or when anything was malformed.
     [[nodiscard]] int Run();
 
   protected:

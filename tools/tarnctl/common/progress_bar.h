@@ -1,6 +1,7 @@
 #pragma once
 
-// A progress bar on one line of a terminal. Where there is no terminal it writes nothing.
+// A progress bar on one line of a terminal, as wide as that allows. Where there is no terminal it
+// writes nothing.
 //
 // Threads: one at a time.
 
@@ -8,18 +9,20 @@
 #include <iosfwd>
 #include <string>
 
+#include "tarnctl/common/display.h"
+
 namespace tarnctl {
 
 class ProgressBar {
   public:
-    // `isTerminal` says whether `stream` is one.
-    ProgressBar(std::ostream& stream, bool isTerminal);
+    // `stream` is standard error as `display` describes it; both live as long.
+    ProgressBar(std::ostream& stream, const Display& display);
     // Takes the bar off the line.
     ~ProgressBar();
     ProgressBar(const ProgressBar&) = delete;
     ProgressBar& operator=(const ProgressBar&) = delete;
 
-    // Shows `done` (0 to 1) with a text behind it, at most ten times a second.
+    // Shows `done` (0 to 1) with a text after it, at most ten times a second.
     void Show(double done, const std::string& text);
 
     // Takes the bar off the line.
@@ -27,7 +30,7 @@ class ProgressBar {
 
   private:
     std::ostream& m_stream;
-    const bool m_isTerminal;
+    const Display& m_display;
     bool m_isShown = false;
     std::chrono::steady_clock::time_point m_lastShown;
 };

@@ -16,7 +16,7 @@
 #include "tarnctl/common/pacer.h"
 #include "tarnctl/common/progress_bar.h"
 #include "tarnctl/common/record_file.h"
-#include "tarnctl/common/stop_signals.h"
+#include "tarnctl/common/signals.h"
 
 namespace tarnctl {
 namespace {
@@ -55,7 +55,7 @@ class Replay {
           m_fifo(options.fifo.empty() ? tarn::paths::kAlertFifo : options.fifo, LimitsOf(options)),
           m_pacer(options.rate),
           m_err(err),
-          m_bar(err, options.isTerminal) {}
+          m_bar(err, options) {}
 
     int Run() {
         auto started = Clock::now();

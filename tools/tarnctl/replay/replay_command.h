@@ -7,6 +7,8 @@
 #include <iosfwd>
 #include <string>
 
+#include "tarnctl/common/display.h"
+
 namespace tarnctl {
 
 // Alerts a second at which a daemon with its default settings drops nothing. It leaves the event
@@ -14,14 +16,13 @@ namespace tarnctl {
 // queue of 1024 alerts covers two seconds in which that thread does not run at all.
 inline constexpr double kDefaultRate = 500.0;
 
-struct ReplayOptions {
+struct ReplayOptions : Display {
     std::string file;
     std::string fifo;            // the daemon's own unless --fifo names another
     double rate = kDefaultRate;  // alerts a second; 0: as fast as the daemon reads
     uint64_t loop = 1;           // times that the file is played
     double wait = 0.0;           // seconds to wait for the FIFO and its reader
     bool json = false;           // the summary as a JSON object
-    bool isTerminal = false;     // not an option: whether to draw a progress bar
 };
 
 // Declares the sub-command with its options, which are stored in `options` when it is parsed.

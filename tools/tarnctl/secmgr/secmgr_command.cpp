@@ -1,12 +1,14 @@
 #include "tarnctl/secmgr/secmgr_command.h"
 
 #include <algorithm>
+#include <csignal>
 #include <ctime>
 #include <string>
 
 #include "quarantine/security_manager_format.h"
 #include "tarnctl/common/counted.h"
 #include "tarnctl/common/number_checks.h"
+#include "tarnctl/common/signals.h"
 #include "tarnctl/common/text_forms.h"
 #include "tarnctl/quarantine/never_list.h"
 #include "tarnctl/quarantine/nft_quarantine.h"
@@ -14,7 +16,6 @@
 #include "tarnctl/secmgr/secmgr_answer.h"
 #include "tarnctl/secmgr/secmgr_server.h"
 #include "tarnctl/secmgr/secmgr_text.h"
-#include "tarnctl/secmgr/table_signal.h"
 
 namespace tarnctl {
 namespace {
@@ -61,7 +62,7 @@ class SecurityManager final : public Monitor {
             reason = reason.empty() ? m_nft.Open() : reason;
         }
         if (reason.empty()) {
-            CatchTableSignal();
+            CatchRequests(SIGUSR1);
             Say("serving at " + m_options.socketPath +
                 (m_options.nft ? "; rules cut off traffic" : "; nothing is cut off"));
         }
@@ -71,7 +72,7 @@ class SecurityManager final : public Monitor {
     void Serve(std::chrono::milliseconds time) override {
         ServeClients(time);
         TellExpired();
-        if (TakeTableRequest()) {
+        if (TakeRequest(SIGUSR1)) {
             TellTable();
         }
     }

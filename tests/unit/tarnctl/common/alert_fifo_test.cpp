@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "support/temp_dir.h"
-#include "tarnctl/common/stop_signals.h"
+#include "tarnctl/common/signals.h"
 #include "unit/tarnctl/common/fifo_reader.h"
 #include "unit/tarnctl/common/unified2_files.h"
 

@@ -42,7 +42,14 @@ class CountingMonitor final : public Monitor {
 
 class MonitorTest : public testing::Test {
   protected:
-    MonitorOptions m_options{.json = false, .count = 2, .timeout = 0.05};
+    static MonitorOptions ShortOptions() {
+        MonitorOptions options;
+        options.count = 2;
+        options.timeout = 0.05;
+        return options;
+    }
+
+    MonitorOptions m_options = ShortOptions();
     std::ostringstream m_out;
     std::ostringstream m_err;
     CountingMonitor m_monitor{m_options, m_out, m_err};

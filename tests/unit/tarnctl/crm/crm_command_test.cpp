@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "tarnctl/common/exit_status.h"
-#include "tarnctl/common/stop_signals.h"
+#include "tarnctl/common/signals.h"
 #include "unit/tarnctl/common/lines_of.h"
 #include "unit/tarnctl/common/test_channel.h"
 
@@ -24,7 +24,7 @@ class CrmCommandTest : public testing::Test {
     CrmCommandTest() {
         m_options.channel = TestChannel::kChannel;
         m_options.queueName = m_daemon.Name();
-        m_options.timeout = 0.01;
+        m_options.timeout = 0.05;
     }
     int Run() { return RunCrm(m_options, m_out, m_err); }
     std::vector<std::string> Lines() const { return LinesOf(m_out); }

@@ -15,7 +15,7 @@
 #include "crm/msg_comm.h"
 #include "support/temp_dir.h"
 #include "tarnctl/common/exit_status.h"
-#include "tarnctl/common/stop_signals.h"
+#include "tarnctl/common/signals.h"
 #include "unit/tarnctl/common/lines_of.h"
 
 using nlohmann::json;

@@ -11,7 +11,7 @@
 
 #include "support/temp_dir.h"
 #include "tarnctl/common/exit_status.h"
-#include "tarnctl/common/stop_signals.h"
+#include "tarnctl/common/signals.h"
 #include "unit/tarnctl/common/fifo_reader.h"
 #include "unit/tarnctl/common/unified2_files.h"
 
@@ -121,7 +121,10 @@ TEST_F(ReplayTest, FailsWithoutAFile) {
 }
 
 TEST_F(ReplayTest, DrawsItsBarOnATerminalOnly) {
-    m_options.isTerminal = true;
+    EXPECT_EQ(kExitFine, Play(Alert()));
+    EXPECT_EQ("", m_err.str());
+    m_options.errorIsTerminal = true;
+    m_options.width = 80;
     EXPECT_EQ(kExitFine, Play(Alert()));
     EXPECT_THAT(m_err.str(), HasSubstr("[##############################] 100% 1 alert"));
 }

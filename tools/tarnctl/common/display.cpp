@@ -1,0 +1,174 @@
+#include "tarnctl/common/display.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace tarnctl {
+namespace {
+
+constexpr std::size_t kUsualWidth = 80;
+constexpr char kCutMark = '>';
+constexpr std::string_view kPlain = "\x1b[0m";
+
+std::string_view SequenceOf(Color color) {
+    switch (color) {
+        case Color::kRed:
+            return "\x1b[31m";
+        case Color::kYellow:
+            return "\x1b[33m";
+        case Color::kGreen:
+            return "\x1b[32m";
+        case Color::kBlue:
+            return "\x1b[34m";
+        case Color::kBold:
+            return "\x1b[1m";
+        case Color::kNone:
+            break;
+    }
+    return "";
+}
+
+std::string CheckColorChoice(const std::string& word) {
+    const bool isKnown = word == "auto" || word == "always" || word == "never";
+    return isKnown ? "" : word + " is none of auto, always and never";
+}
+
+// NO_COLOR counts when it is set and not empty; a terminal without a name for its abilities is
+// taken to have none.
+bool TerminalTakesColor() {
+    const char* const refused = std::getenv("NO_COLOR");
+    const char* const terminal = std::getenv("TERM");
+    return (refused == nullptr || *refused == '\0') && terminal != nullptr && *terminal != '\0' &&
+           std::string_view(terminal) != "dumb";
+}
+
+// The bytes of the escape sequence at the front of `text`; 0 when none begins there.
+std::size_t SequenceLength(std::string_view text) {
+    if (!text.starts_with("\x1b[")) {
+        return 0;
+    }
+    const std::size_t end = text.find('m');
+    return end == std::string_view::npos ? 0 : end + 1;
+}
+
+bool BeginsColumn(char letter) {
+    constexpr unsigned kUtf8Mask = 0xC0;
+    constexpr unsigned kUtf8Continuation = 0x80;
+    return (static_cast<unsigned char>(letter) & kUtf8Mask) != kUtf8Continuation;
+}
+
+std::size_t ColumnsOf(std::string_view text) {
+    std::size_t columns = 0;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t skipped = SequenceLength(text.substr(at));
+        columns += skipped == 0 && BeginsColumn(text[at]) ? 1U : 0U;
+        at += std::max<std::size_t>(1, skipped);
+    }
+    return columns;
+}
+
+}  // namespace
+
+void Display::Resolve() {
+    isTerminal = isatty(STDOUT_FILENO) == 1;
+    errorIsTerminal = isatty(STDERR_FILENO) == 1;
+    const bool isAlways = colorChoice == "always";
+    const bool isPossible = colorChoice == "auto" && TerminalTakesColor();
+    color = isAlways || (isPossible && isTerminal);
+    errorColor = isAlways || (isPossible && errorIsTerminal);
+}
+
+std::size_t Display::Width() const {
+    if (wide || !isTerminal) {
+        return 0;
+    }
+    return width != 0 ? width : TerminalWidth(STDOUT_FILENO);
+}
+
+std::size_t Display::ErrorWidth() const {
+    if (!errorIsTerminal) {
+        return 0;
+    }
+    return width != 0 ? width : TerminalWidth(STDERR_FILENO);
+}
+
+void AddColorOption(CLI::App& command, Display& display) {
+    command
+        .add_option("--color", display.colorChoice,
+                    "Colour: auto (on a terminal, unless NO_COLOR is set), always or never")
+        ->type_name("WHEN")
+        ->check(CLI::Validator(CheckColorChoice, "", "color"))
+        ->capture_default_str();
+}
+
+void AddWideOption(CLI::App& command, Display& display) {
+    command.add_flag("--wide", display.wide, "Do not cut lines to the width of the terminal");
+}
+
+std::size_t TerminalWidth(int descriptor) {
+    winsize size = {};
+    if (isatty(descriptor) != 1) {
+        return 0;
+    }
+    if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
+        return kUsualWidth;
+    }
+    return size.ws_col;
+}
+
+std::string Painted(std::string_view text, Color color, bool isColored) {
+    if (!isColored || color == Color::kNone || text.empty()) {
+        return std::string(text);
+    }
+    return std::string(SequenceOf(color)) + std::string(text) + std::string(kPlain);
+}
+
+std::string CutToWidth(std::string_view line, std::size_t width) {
+    if (width == 0 || ColumnsOf(line) <= width) {
+        return std::string(line);
+    }
+    std::string cut;
+    std::size_t columns = 0;
+    bool isPainted = false;
+    for (std::size_t at = 0; at < line.size();) {
+        const std::size_t skipped = SequenceLength(line.substr(at));
+        if (skipped != 0) {
+            isPainted = line.substr(at, skipped) != kPlain;
+            cut += line.substr(at, skipped);
+            at += skipped;
+            continue;
+        }
+        columns += BeginsColumn(line[at]) ? 1U : 0U;
+        if (columns == width) {
+            break;
+        }
+        cut += line[at++];
+    }
+    if (isPainted) {
+        cut += kPlain;
+    }
+    return cut + kCutMark;
+}
+
+std::string LineOf(std::span<const Cell> cells, const Display& display) {
+    std::string line;
+    std::size_t padding = 0;  // owed before the next cell, so that no line ends in blanks
+    for (const Cell& cell : cells) {
+        if (!display.isTerminal && cell.text.empty()) {
+            continue;
+        }
+        if (!cell.text.empty()) {
+            line += std::string(padding, ' ') + Painted(cell.text, cell.color, display.color);
+            padding = 0;
+        }
+        const std::size_t columns = ColumnsOf(cell.text);
+        padding += display.isTerminal && cell.width > columns ? cell.width - columns : 0;
+        padding += 2;
+    }
+    return CutToWidth(line, display.Width());
+}
+
+}  // namespace tarnctl

@@ -1,0 +1,35 @@
+#include "tarnctl/sub_commands.h"
+
+#include "tarnctl/crm/crm_command.h"
+#include "tarnctl/messages/messages_command.h"
+#ifdef TARNCTL_WITH_PCAP
+#include "tarnctl/packetlog/packetlog_command.h"
+#endif
+#include "tarnctl/replay/replay_command.h"
+#include "tarnctl/secmgr/secmgr_command.h"
+
+namespace tarnctl {
+namespace {
+
+// A new sub-command is one line here.
+constexpr std::unique_ptr<SubCommand> (*kMakers[])() = {
+    MakeSubCommand<AddCrmCommand, RunCrm>,
+    MakeSubCommand<AddMessagesCommand, RunMessages>,
+#ifdef TARNCTL_WITH_PCAP
+    MakeSubCommand<AddPacketLogCommand, RunPacketLog>,
+#endif
+    MakeSubCommand<AddReplayCommand, RunReplay>,
+    MakeSubCommand<AddSecmgrCommand, RunSecmgr>,
+};
+
+}  // namespace
+
+std::vector<std::unique_ptr<SubCommand>> MakeSubCommands() {
+    std::vector<std::unique_ptr<SubCommand>> commands;
+    for (const auto make : kMakers) {
+        commands.push_back(make());
+    }
+    return commands;
+}
+
+}  // namespace tarnctl
