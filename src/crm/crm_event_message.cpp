@@ -1,11 +1,13 @@
 #include "crm/crm_event_message.h"
 
 #include <cstdint>
+#include <iterator>
 #include <string_view>
 
 #include "config/event_rule_node.h"
 #include "crm/crm_event_source.h"
 #include "logging/log.h"
+#include "ring/zero_pieces.h"
 
 using vald::Log;
 
@@ -71,7 +73,8 @@ void CrmEventMessage::AddPacket(const CrmEventSource& source) {
         return;
     }
     Add(&source.m_rawChunk, sizeof(source.m_rawChunk));
-    Add(source.m_packet.pData, static_cast<uint32_t>(source.m_packet.iCapturedSize));
+    Add(source.m_packet.pData, source.m_heldBytes);
+    AddZeros(static_cast<uint32_t>(source.m_packet.iCapturedSize) - source.m_heldBytes);
 }
 
 void CrmEventMessage::AddNameValues(const CrmEventSource& source) {
@@ -81,7 +84,9 @@ void CrmEventMessage::AddNameValues(const CrmEventSource& source) {
     size_t length = sizeof(m_pairsHeader);
     for (const auto& [key, value] : source.m_nameValues) {
         length += AddString(key);
-        length += AddString(value);
+        // The NUL of the text is the first of the zeros, and the last of them is the value's NUL.
+        length += AddString(value.text);
+        length += AddZeros(value.zeros);
     }
     Add(&kEndOfList, sizeof(kEndOfList));
     length += sizeof(kEndOfList);
@@ -93,6 +98,11 @@ void CrmEventMessage::AddNameValues(const CrmEventSource& source) {
 void CrmEventMessage::Add(const void* data, size_t length) {
     // The ring only reads what the pieces point at; iovec has no const form.
     m_pieces.push_back({const_cast<void*>(data), length});
+}
+
+size_t CrmEventMessage::AddZeros(uint32_t count) {
+    GatherZeros(count, std::back_inserter(m_pieces));
+    return count;
 }
 
 size_t CrmEventMessage::AddString(TerminatedText text) {

@@ -58,6 +58,8 @@ class CrmEventMessage {
     void AddPacket(const CrmEventSource& source);
     void AddNameValues(const CrmEventSource& source);
     void Add(const void* data, size_t length);
+    // Returns the bytes that the message claims for them; no more than kMostZeros are gathered.
+    size_t AddZeros(uint32_t count);
     // These return the bytes added, the NUL counted. A list loses one comma in front.
     size_t AddString(TerminatedText text);
     size_t AddList(TerminatedText list);

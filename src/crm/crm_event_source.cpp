@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <cstring>
 #include <span>
 #include <utility>
@@ -64,6 +65,7 @@ CrmEventSource::CrmEventSource(const CrmEventSource& other)
       m_blockedStatus(other.m_blockedStatus),
       m_sendRaw(other.m_sendRaw),
       m_packet(other.m_packet),
+      m_heldBytes(other.m_heldBytes),
       m_rawChunk(other.m_rawChunk),
       m_nameValues(other.m_nameValues) {}
 
@@ -171,7 +173,7 @@ int CrmEventSource::SetUserResponse(uint32_t flags, const std::string& text) {
 }
 
 int CrmEventSource::SetPacket(const uint8_t* data, uint32_t length, uint32_t seconds,
-                              uint32_t microseconds) {
+                              uint32_t microseconds, uint32_t held) {
     m_ownedPacket.reset();
     if (data == nullptr || length == 0) {
         data = nullptr;
@@ -182,6 +184,7 @@ int CrmEventSource::SetPacket(const uint8_t* data, uint32_t length, uint32_t sec
     m_packet.uSeconds = seconds;
     m_packet.uMicroseconds = microseconds;
     m_packet.pData = data;
+    m_heldBytes = std::min(length, held);
 
     m_rawChunk.chunkLength = static_cast<uint32_t>(sizeof(m_rawChunk)) + length;
     m_rawChunk.packet.uPacketLength = m_packet.uPacketLength;
@@ -195,16 +198,15 @@ int CrmEventSource::CopyPacket() {
     if (m_packet.pData == nullptr || m_packet.pData == m_ownedPacket.get()) {
         return 0;
     }
-    const auto size = static_cast<uint32_t>(m_packet.iCapturedSize);
-    auto copy = std::make_unique_for_overwrite<uint8_t[]>(size);
-    memcpy(copy.get(), m_packet.pData, size);
+    auto copy = std::make_unique_for_overwrite<uint8_t[]>(m_heldBytes);
+    memcpy(copy.get(), m_packet.pData, m_heldBytes);
     m_ownedPacket = std::move(copy);
     m_packet.pData = m_ownedPacket.get();
     return 0;
 }
 
-int CrmEventSource::AddNameValue(const std::string& key, const std::string& value) {
-    m_nameValues.insert_or_assign(key, value);
+int CrmEventSource::AddNameValue(const std::string& key, const std::string& value, uint32_t zeros) {
+    m_nameValues.insert_or_assign(key, Value{value, zeros});
     return 0;
 }
 

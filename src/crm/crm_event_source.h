@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <memory>
 #include <string>
@@ -26,7 +27,14 @@ class CrmEventProducer;
 
 class CrmEventSource {
   public:
-    using NameValues = std::map<std::string, std::string>;  // ordered by the key's bytes
+    // A value may claim more bytes than its text has; they go out as zeros after the text.
+    struct Value {
+        std::string text;
+        uint32_t zeros = 0;  // bytes
+    };
+    using NameValues = std::map<std::string, Value>;  // ordered by the key's bytes
+
+    static constexpr uint32_t kAllHeld = std::numeric_limits<uint32_t>::max();
 
     explicit CrmEventSource(int ipVersion);
     // Copies strings and pairs. The copy owns no packet: its packet data stays the borrowed
@@ -65,14 +73,18 @@ class CrmEventSource {
     // goes into the message.
     int SetUserResponse(uint32_t flags, const std::string& text);
 
-    // Borrows `length` bytes at `data`. A null pointer or a length of 0 means no packet; the time
-    // is stored all the same. Releases an earlier private copy.
-    int SetPacket(const uint8_t* data, uint32_t length, uint32_t seconds, uint32_t microseconds);
+    // Borrows the packet at `data`. A null pointer or a length of 0 means no packet; the time is
+    // stored all the same. Releases an earlier private copy. `length` is the length that the packet
+    // claims; when it is above `held`, only that many bytes are read at `data` and the report has
+    // zeros after them.
+    int SetPacket(const uint8_t* data, uint32_t length, uint32_t seconds, uint32_t microseconds,
+                  uint32_t held = kAllHeld);
     // Makes a private copy of the packet, if there is one and it isn't private already.
     int CopyPacket();
 
-    // Inserts the pair, or replaces the value of an existing key.
-    int AddNameValue(const std::string& key, const std::string& value);
+    // Inserts the pair, or replaces the value of an existing key. The report has `zeros` zero bytes
+    // after the value's own.
+    int AddNameValue(const std::string& key, const std::string& value, uint32_t zeros = 0);
     int ClearNameValues();
 
     [[nodiscard]] int GetIpVersion() const;  // 4 or 6
@@ -90,7 +102,9 @@ class CrmEventSource {
     [[nodiscard]] int GetVictimAddressText(std::string& text) const;
 
     [[nodiscard]] const EventReport& GetReport() const { return m_report; }
+    // Only GetHeldBytes() of the packet's bytes exist, however many it claims.
     [[nodiscard]] const PacketInfo& GetPacket() const { return m_packet; }
+    [[nodiscard]] uint32_t GetHeldBytes() const { return m_heldBytes; }
 
     // Builds the message and sends it on ring 0: the result of CrmEventProducer::Send. Copies
     // neither the packet nor the strings; the message is a list of pointers into this object.
@@ -106,9 +120,10 @@ class CrmEventSource {
     std::string m_userResponse;
     uint32_t m_severity = 0;
     uint32_t m_blockedStatus = 0;
-    bool m_sendRaw = false;  // the packet goes into the message
-    PacketInfo m_packet;     // what the packet logging interface gets
-    PacketChunk m_rawChunk;  // a second copy of the packet's fields, as it stands on the wire
+    bool m_sendRaw = false;    // the packet goes into the message
+    PacketInfo m_packet;       // what the packet logging interface gets
+    uint32_t m_heldBytes = 0;  // bytes that exist at m_packet.pData, at most the length it claims
+    PacketChunk m_rawChunk;    // a second copy of the packet's fields, as it stands on the wire
     std::unique_ptr<uint8_t[]> m_ownedPacket;
     NameValues m_nameValues;
 };

@@ -143,7 +143,8 @@ int EventBridge::ProcessOneEvent(U2AlertEvent* event) {
     if ((UserResponseFlagsOf(entry.get()) & kUserResponseLogPackets) != 0) {
         EventReport report = source->GetReport();
         report.userString = "SNORT";
-        PresentPacketLog(m_packetLog).SendOffendingPacketCapture(&report, &source->GetPacket(), 0);
+        PresentPacketLog(m_packetLog)
+            .SendOffendingPacketCapture(&report, &source->GetPacket(), 0, source->GetHeldBytes());
     }
 
     if (m_producer->SendEvent(source.get()) != 0) {

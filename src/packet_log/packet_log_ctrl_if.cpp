@@ -5,14 +5,16 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <iterator>
 
 #include "logging/log.h"
 #include "packet_log/connection_table.h"
 #include "paths.h"
+#include "ring/zero_pieces.h"
 #include "threads/cancellation.h"
 
 using vald::Log;
@@ -21,6 +23,7 @@ namespace PacketLogCtrl {
 namespace {
 
 constexpr useconds_t kRetryMicroseconds = 1000;
+constexpr std::size_t kFixedPieces = 3;  // of a datagram: the message, its zeros, the payload
 
 // The bytes of a packet that follow the datagram's 128.
 uint32_t PayloadBytes(const LogControlMessage* pMessage, const uint8_t* pPayload) {
@@ -181,7 +184,8 @@ void PacketLogCtrlIF::Shutdown() {
 }
 
 int32_t PacketLogCtrlIF::SendControlMessage(const LogControlMessage* pMessage,
-                                            const uint8_t* pPayload, uint32_t uNow) {
+                                            const uint8_t* pPayload, uint32_t uNow,
+                                            uint32_t uHeldBytes) {
     if (!m_bEnabled) {
         return 0;
     }
@@ -202,10 +206,10 @@ int32_t PacketLogCtrlIF::SendControlMessage(const LogControlMessage* pMessage,
     }
 
     const uint32_t uPayloadBytes = PayloadBytes(pMessage, pPayload);
-    int error = TrySend(pMessage, pPayload, uPayloadBytes);
+    int error = TrySend(pMessage, pPayload, uPayloadBytes, uHeldBytes);
     if (error != 0) {
         usleep(kRetryMicroseconds);
-        error = TrySend(pMessage, pPayload, uPayloadBytes);
+        error = TrySend(pMessage, pPayload, uPayloadBytes, uHeldBytes);
     }
     if (error != 0) {
         if (uNow != 0) {
@@ -225,19 +229,21 @@ bool PacketLogCtrlIF::IsQuiet(uint32_t uNow) const {
 
 // The datagram gathered from where its pieces are. 0, or the errno, which has been logged.
 int PacketLogCtrlIF::TrySend(const LogControlMessage* pMessage, const uint8_t* pPayload,
-                             uint32_t uPayloadBytes) const {
-    static constexpr std::byte kZeros[kControlDatagramBytes] = {};
-    // The kernel only reads what a piece points at; the type of a piece cannot say so.
-    iovec pieces[] = {
-        {const_cast<LogControlMessage*>(pMessage), pMessage->uLength},
-        {const_cast<std::byte*>(kZeros), kControlDatagramBytes - pMessage->uLength},
-        {const_cast<uint8_t*>(pPayload), uPayloadBytes},
-    };
+                             uint32_t uPayloadBytes, uint32_t uHeldBytes) const {
+    static_assert(kControlDatagramBytes <= kZeroBlockBytes);
+    const uint32_t uHeld = std::min(uPayloadBytes, uHeldBytes);
+    // The kernel only reads what a piece points at; the type of a piece cannot say so. The array is
+    // not initialised, since all but the first pieces serve lying lengths only.
+    std::array<iovec, kFixedPieces + kMostZeroPieces> pieces;
+    pieces[0] = {const_cast<LogControlMessage*>(pMessage), pMessage->uLength};
+    pieces[1] = {const_cast<std::byte*>(ZeroBlock()), kControlDatagramBytes - pMessage->uLength};
+    pieces[2] = {const_cast<uint8_t*>(pPayload), uHeld};
+    const auto end = GatherZeros(uPayloadBytes - uHeld, pieces.begin() + kFixedPieces);
     msghdr datagram{};
     datagram.msg_name = const_cast<sockaddr_un*>(&m_sockAddr);
     datagram.msg_namelen = m_uSockAddrLen;
-    datagram.msg_iov = pieces;
-    datagram.msg_iovlen = std::size(pieces);
+    datagram.msg_iov = pieces.data();
+    datagram.msg_iovlen = static_cast<std::size_t>(end - pieces.begin());
 
     int error = ENOTSOCK;  // what descriptor 0 would give, which is not asked
     if (m_iSocket != 0) {

@@ -21,6 +21,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <limits>
 #include <mutex>
 #include <sstream>
 
@@ -35,6 +36,8 @@ namespace PacketLogCtrl {
 class PacketLogCtrlIF {
   public:
     static constexpr uint32_t kInterfaceCount = 16;
+    // Every byte of a payload exists.
+    static constexpr uint32_t kAllHeld = std::numeric_limits<uint32_t>::max();
     // Results of SendControlMessage beside 0 and an errno.
     static constexpr int32_t kTooLong = -1;
     static constexpr int32_t kThrottled = -2;
@@ -73,14 +76,16 @@ class PacketLogCtrlIF {
     // Sends one message, which the pointer leads to whole, and behind it the payload of a type 4.
     // uNow is a time in seconds that puts the message under throttling; 0 leaves it out. 0 when it
     // was sent or sending is off; kTooLong; kThrottled; else the errno of the second try. Never
-    // waits for the socket; a failure costs one millisecond. Allocates nothing.
+    // waits for the socket; a failure costs one millisecond. Allocates nothing. Of a payload that
+    // is shorter than the message's captured size only uHeldBytes are read; the rest goes out as
+    // zeros.
     int32_t SendControlMessage(const LogControlMessage* pMessage, const uint8_t* pPayload,
-                               uint32_t uNow);
+                               uint32_t uNow, uint32_t uHeldBytes = kAllHeld);
 
     // packet_log_senders.cpp. What they return is what SendControlMessage gave, unless told
     // otherwise. Report and packet may be null.
     void SendOffendingPacketCapture(const EventReport* pReport, const PacketInfo* pPacket,
-                                    uint32_t uPacketHash);
+                                    uint32_t uPacketHash, uint32_t uHeldBytes = kAllHeld);
     // 0 when the capture was asked for or the event names no connection, 1 when the send failed or
     // there is no report. bNewCapture and uCaptureId tell of a TCP capture that begins here;
     // uConnectionID is the connection's number, 0 going in when the caller has none yet.
@@ -118,7 +123,7 @@ class PacketLogCtrlIF {
     void SizeSendBuffer() const;
     [[nodiscard]] bool IsQuiet(uint32_t uNow) const;
     [[nodiscard]] int TrySend(const LogControlMessage* pMessage, const uint8_t* pPayload,
-                              uint32_t uPayloadBytes) const;
+                              uint32_t uPayloadBytes, uint32_t uHeldBytes) const;
     void CountFailure(uint32_t uType);
     int32_t SendBare(LogControlType eType);
     void RaiseInterfaceCount(uint32_t uInterface);

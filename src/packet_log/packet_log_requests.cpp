@@ -27,7 +27,8 @@ void CopyText(char* szTo, std::size_t uLimit, const char* szFrom) {
 }  // namespace
 
 void PacketLogCtrlIF::SendOffendingPacketCapture(const EventReport* pReport,
-                                                 const PacketInfo* pPacket, uint32_t uPacketHash) {
+                                                 const PacketInfo* pPacket, uint32_t uPacketHash,
+                                                 uint32_t uHeldBytes) {
     LogControlMessage_OffendingPacketCapture message;
     if (pReport != nullptr) {
         message.uEventID = pReport->issueId;
@@ -49,7 +50,8 @@ void PacketLogCtrlIF::SendOffendingPacketCapture(const EventReport* pReport,
         pData = pPacket->pData;
     }
     message.uPacketHash = uPacketHash;
-    (void)SendControlMessage(&message.head, pData, message.uSeconds);  // it counts its failures
+    // It counts its failures.
+    (void)SendControlMessage(&message.head, pData, message.uSeconds, uHeldBytes);
 }
 
 int32_t PacketLogCtrlIF::SendNewConnectionCapture(const EventReport* pReport,

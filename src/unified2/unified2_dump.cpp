@@ -1,10 +1,12 @@
-// How the records show in the log: one line a field, with the labels that operators search for.
+// How the records show in the log: one line per field, with the labels that operators search for.
 
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cctype>
+#include <cstring>
 #include <string>
 
 #include "logging/log.h"
@@ -17,6 +19,10 @@ namespace {
 constexpr int kDebug = vald::Log::kDebug;
 constexpr uint32_t kBytesPerLine = 16;
 constexpr size_t kHexWidth = 3;  // two digits and a blank
+
+// A packet's dump goes on for at most this many of the bytes that the packet claims and its record
+// lacks. A claim of gibibytes would hold the reader's thread for minutes.
+constexpr uint32_t kMostDumpedZeros = 0x100000;
 
 std::string TextOf(const std::array<uint8_t, 4>& address) {
     return Ipv4Text(std::bit_cast<in_addr_t>(address));
@@ -74,16 +80,26 @@ struct DumpLine {
     }
 };
 
-void DumpBytes(const uint8_t* bytes, uint32_t length) {
+// The bytes at `offset` of a packet that holds `held` of its `length` bytes; the others are zeros.
+DumpLine LineAt(const U2PacketEvent& packet, uint32_t offset, uint32_t count) {
+    std::array<uint8_t, kBytesPerLine> bytes{};
+    if (offset < packet.held) {
+        std::memcpy(bytes.data(), packet.data + offset, std::min(count, packet.held - offset));
+    }
+    return {bytes.data(), count};
+}
+
+void DumpBytes(const U2PacketEvent& packet) {
     vald::Log& log = *vald::Log::GetInstance();
+    const uint32_t length = packet.held + std::min(packet.length - packet.held, kMostDumpedZeros);
     const uint32_t rest = length % kBytesPerLine;
     const uint32_t full = length - rest;
     for (uint32_t offset = 0; offset < full; offset += kBytesPerLine) {
-        const DumpLine line(bytes + offset, kBytesPerLine);
+        const DumpLine line = LineAt(packet, offset, kBytesPerLine);
         log.Write(kDebug, "%5u: %s %s", offset, line.hex.data(), line.printable.data());
     }
     if (rest > 0) {
-        const DumpLine line(bytes + full, rest);
+        const DumpLine line = LineAt(packet, full, rest);
         log.Write(kDebug, "%5u: %-48.48s %s", full, line.hex.data(), line.printable.data());
     }
 }
@@ -133,7 +149,7 @@ void U2PacketEvent::Dump() const {
     log.Write(kDebug, "  linktype            = %u", record.linktype.HostOrder());
     log.Write(kDebug, "  packet_length       = %u", record.packetLength.HostOrder());
     log.Write(kDebug, "---- Packet Dump ----");
-    DumpBytes(data, length);
+    DumpBytes(*this);
 }
 
 void U2ExtraDataEvent::Dump() const {

@@ -29,29 +29,8 @@ struct AlertTraits<unified2::AlertIpv6> {
     static constexpr uint8_t kIcmp = IPPROTO_ICMPV6;
 };
 
-// How many of the bytes that a record claims to have behind its fixed part are believed.
-uint32_t BelievedLength(uint32_t claimed, uint32_t held) {
-    if (claimed > held && claimed - held > unified2::kMaxOverrun) {
-        return held;
-    }
-    return claimed;
-}
-
-uint32_t BytesBehind(size_t fixedSize, uint32_t recordLength) {
+uint32_t BytesAfter(size_t fixedSize, uint32_t recordLength) {
     return recordLength > fixedSize ? static_cast<uint32_t>(recordLength - fixedSize) : 0;
-}
-
-// Makes the buffer `wanted` bytes long, with zeros from `held` on. False if there is no memory for
-// it; the buffer is then as it was.
-bool GrowWithZeros(U2RawBytes& bytes, size_t held, size_t wanted) {
-    uint8_t* former = bytes.release();
-    auto* grown = static_cast<uint8_t*>(realloc(former, wanted));
-    bytes.reset(grown != nullptr ? grown : former);
-    if (grown == nullptr) {
-        return false;
-    }
-    std::memset(grown + held, 0, wanted - held);
-    return true;
 }
 
 void SetAddresses(CrmEventSource& source, const unified2::AlertIpv4& record) {
@@ -122,11 +101,8 @@ U2PacketEvent::U2PacketEvent(void* recordBytes, uint32_t recordLength)
         vald::Log::GetInstance()->Write(vald::Log::kWarning,
                                         "Packet length doesn't match to the receive payload");
     }
-    const uint32_t held = BytesBehind(sizeof(record), recordLength);
-    length = BelievedLength(claimed, held);
-    if (length > held && !GrowWithZeros(raw, sizeof(record) + held, sizeof(record) + length)) {
-        length = held;
-    }
+    length = claimed;
+    held = std::min(claimed, BytesAfter(sizeof(record), recordLength));
     data = raw.get() + sizeof(record);
 }
 
@@ -145,11 +121,10 @@ U2ExtraDataEvent::U2ExtraDataEvent(void* recordBytes, uint32_t recordLength)
     if (blobLength < unified2::kBlobOverhead) {
         throw std::length_error("extra data with a blob_length below 8");
     }
-    const uint32_t held = BytesBehind(sizeof(record), recordLength);
-    const uint32_t length = BelievedLength(blobLength - unified2::kBlobOverhead, held);
-    text.reserve(length);
-    text.assign(reinterpret_cast<const char*>(raw.get()) + sizeof(record), std::min(length, held));
-    text.resize(length, '\0');
+    const uint32_t claimed = blobLength - unified2::kBlobOverhead;
+    const uint32_t held = std::min(claimed, BytesAfter(sizeof(record), recordLength));
+    text.assign(reinterpret_cast<const char*>(raw.get()) + sizeof(record), held);
+    zeros = claimed - held;
 }
 
 U2AlertEvent::U2AlertEvent(void* recordBytes)
@@ -182,13 +157,13 @@ bool U2AlertEvent::SetExtraData(U2ExtraDataEvent* extra) {
 void U2AlertEvent::ApplyAttachments(CrmEventSource& source, bool withPacket) const {
     if (withPacket && m_pPacket != nullptr) {
         source.SetPacket(m_pPacket->data, m_pPacket->length, m_pPacket->second,
-                         m_pPacket->microsecond);
+                         m_pPacket->microsecond, m_pPacket->held);
     }
     if (m_pUri != nullptr) {
-        source.AddNameValue("URL", m_pUri->text);
+        source.AddNameValue("URL", m_pUri->text, m_pUri->zeros);
     }
     if (m_pHostname != nullptr) {
-        source.AddNameValue("server", m_pHostname->text);
+        source.AddNameValue("server", m_pHostname->text, m_pHostname->zeros);
     }
 }
 

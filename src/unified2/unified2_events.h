@@ -31,18 +31,18 @@ class U2PacketEvent {
   public:
     // Takes over `recordBytes`, which malloc gave and which holds the larger of `recordLength` and
     // 28 bytes. Warns when the packet's own length is not what the record holds, and goes on with
-    // the packet's own: the bytes that the record lacks are zeros. Only a length that overruns its
-    // record by more than unified2::kMaxOverrun is cut to what is there.
+    // the packet's own. The bytes that the record lacks count as zeros and exist nowhere.
     U2PacketEvent(void* recordBytes, uint32_t recordLength);
 
     void Dump() const;  // To the log, at level 5.
 
     uint32_t eventId = 0;
-    const uint8_t* data = nullptr;  // borrowed from `raw`, `length` bytes
-    uint32_t length = 0;            // bytes
+    const uint8_t* data = nullptr;  // borrowed from `raw`, `held` bytes
+    uint32_t length = 0;            // bytes that the packet claims
     uint32_t second = 0;            // time of capture
     uint32_t microsecond = 0;
-    U2RawBytes raw;  // owned
+    U2RawBytes raw;     // owned
+    uint32_t held = 0;  // bytes that the record has of the packet, at most `length`
 };
 
 // An extra data record, type 110.
@@ -59,9 +59,10 @@ class U2ExtraDataEvent {
     void Dump() const;  // To the log, at level 5.
 
     uint32_t eventId = 0;
-    uint32_t type = 0;  // unified2::ExtraDataType
-    std::string text;   // the blob, embedded zero bytes included
-    U2RawBytes raw;     // owned
+    uint32_t type = 0;   // unified2::ExtraDataType
+    std::string text;    // the blob as far as the record has it, embedded zero bytes included
+    U2RawBytes raw;      // owned
+    uint32_t zeros = 0;  // bytes that the blob claims beyond its text; they count as zeros
 };
 
 // An alert record with its attachments.

@@ -151,11 +151,6 @@ template <typename Record>
 // What blobLength counts besides the blob: dataType and blobLength.
 inline constexpr uint32_t kBlobOverhead = 8;
 
-// A packet or blob may claim to be longer than its record by this much and is then filled up with
-// zeros. A larger claim is no slip of a sensor, whose packets end at 64 KiB, and is cut to the
-// record.
-inline constexpr uint32_t kMaxOverrun = 65536;
-
 // The bytes that are read of every record of a type, whatever its length; 0 for other types.
 [[nodiscard]] constexpr uint32_t FixedSize(uint32_t type) {
     switch (type) {

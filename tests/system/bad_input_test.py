@@ -9,18 +9,20 @@ import struct
 import harness
 from harness import ALERT_FIFO
 from peers.crm import Entry, expected_message
+from peers.packet_logger import OFFENDING_PACKET, PacketLogger, expected_capture
 from unified2 import (ALERT_IPV4, ALERT_IPV6, EXTRA_DATA, HOST_NAME, PACKET, alerts_of, build_alert,
                       build_extra_data, build_packet, frame, records)
 
 ENTRY = Entry("Good", 2, "rule", "DISPLAY:WithRaw")
-SIGNATURE = 7
+LOGGED_ENTRY = Entry("Logged", 2, "rule", "LOGEVIDENCE")
+SIGNATURE, LOGGED = 7, 8
 
 
 class BadInput(harness.DaemonTest):
     def setUp(self):
         super().setUp()
         harness.write_config(debug__single=1)
-        harness.write_events({SIGNATURE: ENTRY})
+        harness.write_events({SIGNATURE: ENTRY, LOGGED: LOGGED_ENTRY})
         self.running = self.daemon().ready()
         harness.wait_log("File is opened, waiting for Snort events")
 
@@ -122,11 +124,59 @@ class BadInput(harness.DaemonTest):
         self.assertEqual(expected_message(alert, ENTRY), message)
         self.assert_still_reports()
 
-    def test_a_packet_that_claims_four_gibibytes(self):
-        packet = bytearray(build_packet(4, b"short"))
-        struct.pack_into(">I", packet, 8 + 24, 0xFFFFFFFF)
-        self.feeder().write(bytes(packet))
+    def alert_with_packet_that_claims(self, length, signature=SIGNATURE):
+        packet = bytearray(build_packet(4, b"short", second=5))
+        struct.pack_into(">I", packet, 8 + 24, length)
+        self.feeder().write(build_alert(4, signature, second=4) + bytes(packet))
         harness.wait_log("Packet length doesn't match to the receive payload")
+        alert, = alerts_of(build_alert(4, signature, second=4)
+                           + build_packet(4, b"short".ljust(length, b"\0"), second=5)
+                           if length < 1 << 24 else build_alert(4, signature, second=4))
+        return alert
+
+    def test_keeps_a_claim_of_64_kibibytes_beyond_the_record(self):
+        alert = self.alert_with_packet_that_claims(65542)
+        message, = self.crm.collect(1)
+        self.assertEqual(expected_message(alert, ENTRY), message)
+        self.assert_still_reports()
+
+    def test_keeps_a_lying_claim_in_the_capture_request(self):
+        logger = PacketLogger()
+        self.addCleanup(logger.close)
+        alert = self.alert_with_packet_that_claims(65542, LOGGED)
+        message, = self.crm.collect(1)
+        self.assertEqual(expected_message(alert, LOGGED_ENTRY), message)
+        harness.wait_for(lambda: logger.of_type(OFFENDING_PACKET), "the capture request")
+        self.assertEqual([expected_capture(alert)], logger.of_type(OFFENDING_PACKET))
+        self.assert_still_reports()
+
+    def check_no_ring_takes(self, length):
+        self.alert_with_packet_that_claims(length)
+        harness.wait_log("Unable to dispatch CRM events.")
+        self.assertIsNone(self.crm.read())
+        self.assertEqual(0, self.crm.posts())
+        self.assert_still_reports()
+
+    def test_a_claim_that_no_ring_takes_loses_the_report(self):
+        self.check_no_ring_takes(9_000_000)
+
+    def test_a_packet_that_claims_four_gibibytes(self):
+        self.check_no_ring_takes(0xFFFFFFFF)
+
+    def test_keeps_a_blob_that_claims_more_than_its_record(self):
+        alert = build_alert(6, SIGNATURE, second=6)
+        for claimed in (3, 65542):
+            extra = bytearray(build_extra_data(6, HOST_NAME, b"hi"))
+            struct.pack_into(">I", extra, 8 + 28, 8 + claimed)
+            self.feeder().write(alert + bytes(extra))
+            message, = self.crm.collect(1)
+            expected, = alerts_of(alert + build_extra_data(6, HOST_NAME,
+                                                           b"hi".ljust(claimed, b"\0")))
+            self.assertEqual(expected_message(expected, ENTRY), message)
+        extra = bytearray(build_extra_data(6, HOST_NAME, b"hi"))
+        struct.pack_into(">I", extra, 8 + 28, 0xFFFFFFFF)
+        self.feeder().write(alert + bytes(extra))
+        harness.wait_log("Unable to dispatch CRM events.")
         self.assert_still_reports()
 
     def test_attachments_without_their_alert(self):

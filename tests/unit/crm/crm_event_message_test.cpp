@@ -221,6 +221,51 @@ TEST(CrmEventMessagePacket, KeepsTheHostsPointerOffTheWireAlsoForAPrivateCopy) {
                                   bytes.begin() + static_cast<long>(chunk) + 48));
 }
 
+TEST(CrmEventMessagePacket, LengthThatIsNoneOfTheHeldBytesGoesOutWithZeros) {
+    const uint8_t packet[] = {1, 2, 3, 4};
+    CrmEventSource source(4);
+    source.SetUserResponse(0x02, "");
+    source.SetPacket(packet, 65542, 9, 8, 3);
+    const Bytes bytes = Gathered(source);
+    const size_t chunk = WordAt(bytes, 4);
+    EXPECT_EQ(48u + 65542, WordAt(bytes, chunk + 4));
+    EXPECT_EQ(65542u, WordAt(bytes, chunk + 8));
+    EXPECT_EQ(65542u, WordAt(bytes, chunk + 12));
+    Bytes expected = {1, 2, 3};
+    expected.resize(65542);
+    EXPECT_EQ(expected, Bytes(bytes.begin() + static_cast<long>(chunk) + 48,
+                              bytes.begin() + static_cast<long>(chunk) + 48 + 65542));
+    EXPECT_EQ((std::vector<uint32_t>{1, 2, 3, 0xFF}), ChunkTypes(bytes));
+}
+
+TEST(CrmEventMessagePacket, ClaimBeyondTheRingIsLongerThanTheRingAndNoLonger) {
+    const uint8_t packet[] = {1};
+    for (const uint32_t claimed : {9'000'000U, 0xFFFFFFFFU}) {
+        CrmEventSource source(4);
+        source.SetUserResponse(0x02, "");
+        source.SetPacket(packet, claimed, 0, 0, 1);
+        const CrmEventMessage message(source);
+        size_t length = 0;
+        for (int i = 0; i < message.PieceCount(); ++i) {
+            length += message.Pieces()[i].iov_len;
+        }
+        EXPECT_LT(0x800000U, length);
+        EXPECT_GT(0x900000U, length);
+    }
+}
+
+TEST(CrmEventMessagePacket, PrivateCopyHoldsTheHeldBytesOnly) {
+    const uint8_t packet[] = {1, 2, 3};
+    CrmEventSource source(4);
+    source.SetUserResponse(0x02, "");
+    source.SetPacket(packet, 0xFFFFFFFF, 0, 0, 3);
+    source.CopyPacket();
+    EXPECT_EQ(3u, source.GetHeldBytes());
+    EXPECT_EQ(Bytes({1, 2, 3}), Bytes(source.GetPacket().pData, source.GetPacket().pData + 3));
+    const CrmEventSource copy(source);
+    EXPECT_EQ(3u, copy.GetHeldBytes());
+}
+
 std::string PairsOf(const CrmEventSource& source) {
     const Bytes bytes = Gathered(source);
     const size_t chunk = WordAt(bytes, 4);
@@ -252,6 +297,16 @@ TEST(CrmEventMessagePairs, CountZeroBytesInsideAValue) {
     using namespace std::string_literals;
     source.AddNameValue("URL", "/a\0b"s);
     EXPECT_EQ("URL\0/a\0b\0\0"s, PairsOf(source));
+}
+
+TEST(CrmEventMessagePairs, HaveTheZerosOfAValueAfterItsText) {
+    CrmEventSource source(4);
+    using namespace std::string_literals;
+    source.AddNameValue("URL", "/a", 3);
+    source.AddNameValue("server", "", 1);
+    EXPECT_EQ("URL\0/a\0\0\0\0server\0\0\0\0"s, PairsOf(source));
+    source.AddNameValue("URL", "/a");
+    EXPECT_EQ("URL\0/a\0server\0\0\0\0"s, PairsOf(source));
 }
 
 TEST(CrmEventMessagePairs, MayBeMoreThanTheUsualOnesAndTheNameLongerThanTheRoom) {

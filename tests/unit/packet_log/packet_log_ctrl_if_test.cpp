@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -282,6 +283,34 @@ TEST_F(PacketLogCtrlIF, SendsAPayloadWithType4Alone) {
     message.head = {4, 92};
     EXPECT_EQ(0, m_control->SendControlMessage(&message.head, payload, 0));
     EXPECT_EQ(128U, daemon.Take().size()) << "too short to hold a captured size";
+}
+
+TEST_F(PacketLogCtrlIF, SendsZerosForThePartOfAPayloadThatDoesNotExist) {
+    Open();
+    const PacketLogDaemon daemon(Path());
+    const uint8_t payload[] = {1, 2, 3};
+    PacketInfo packet;
+    packet.uPacketLength = 65542;
+    packet.iCapturedSize = 65542;
+    packet.pData = payload;
+    m_control->SendOffendingPacketCapture(nullptr, &packet, 0, 2);
+    const Datagram datagram = daemon.Take();
+    ASSERT_EQ(128U + 65542, datagram.size());
+    Datagram expected = {1, 2};
+    expected.resize(65542);
+    EXPECT_EQ(expected, Datagram(datagram.begin() + 128, datagram.end()));
+}
+
+TEST_F(PacketLogCtrlIF, FailsToSendAPayloadThatNoDatagramHolds) {
+    Open();
+    const PacketLogDaemon daemon(Path());
+    const uint8_t payload[] = {1};
+    PacketLogCtrl::LogControlMessage_OffendingPacketCapture message;
+    for (const int32_t captured : {9'000'000, std::numeric_limits<int32_t>::max()}) {
+        message.iCapturedSize = captured;
+        EXPECT_EQ(EMSGSIZE, m_control->SendControlMessage(&message.head, payload, 0, 1));
+    }
+    EXPECT_THAT(daemon.TakeTypes(), IsEmpty());
 }
 
 // --- failures ------------------------------------------------------------------------------------

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -61,10 +62,15 @@ Lines Dumped(const u2test::Packet& packet, int level = 5) {
 }
 
 // What the log shows of a packet's bytes alone.
+Lines DumpedBytes(const u2test::Packet& packet) {
+    const Lines lines = Dumped(packet);
+    const auto title = std::find(lines.begin(), lines.end(), "---- Packet Dump ----");
+    EXPECT_NE(lines.end(), title);
+    return {title + 1, lines.end()};
+}
+
 Lines DumpedBytes(const Bytes& bytes) {
-    const Lines lines = Dumped(u2test::Packet{.data = bytes});
-    constexpr long kHead = 9;
-    return {lines.begin() + kHead, lines.end()};
+    return DumpedBytes(u2test::Packet{.data = bytes});
 }
 
 TEST(Unified2Dump, WritesAnIpv4AlertFieldByField) {
@@ -196,6 +202,25 @@ TEST(Unified2Dump, ShowsTheLengthThatThePacketClaims) {
     const Lines lines = Dumped(u2test::Packet{.data = {0x41}, .claimedLength = 3});
     EXPECT_EQ("  packet_length       = 3", lines.at(8));  // behind the warning
     EXPECT_EQ("    0: 41 00 00                                         A..", lines.back());
+}
+
+TEST(Unified2Dump, ZerosAfterTheRecordsEndFillWholeLinesToo) {
+    u2test::Packet packet{.data = Bytes(17, 0x41), .claimedLength = 33};
+    const Lines expected = {
+        "    0: 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41  AAAAAAAAAAAAAAAA",
+        "   16: 41 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00  A...............",
+        "   32: 00                                               .",
+    };
+    EXPECT_EQ(expected, DumpedBytes(packet));
+}
+
+TEST(Unified2Dump, KeepsToAMebibyteOfZerosForALargerClaim) {
+    u2test::Packet packet{.data = {0x41}, .claimedLength = 1 + 0x100000};
+    const Lines whole = DumpedBytes(packet);
+    EXPECT_EQ(0x10000U + 1, whole.size());
+    EXPECT_EQ("1048576: 00                                               .", whole.back());
+    packet.claimedLength = 0xFFFFFFFF;
+    EXPECT_EQ(whole, DumpedBytes(packet));
 }
 
 TEST(Unified2Dump, WritesExtraDataFieldByField) {

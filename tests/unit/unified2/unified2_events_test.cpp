@@ -51,14 +51,20 @@ std::unique_ptr<CrmEventSource> SourceOf(const u2test::Alert& alert) {
     return SourceOf(*Made(alert));
 }
 
-// The name-value pairs as the report carries them: the chunk behind the first one.
-std::map<std::string, std::string> PairsOf(const CrmEventSource& source) {
+// The report as it goes out.
+std::string BytesOf(const CrmEventSource& source) {
     const CrmEventMessage message(source);
     std::string bytes;
     for (int i = 0; i < message.PieceCount(); ++i) {
         const iovec& piece = message.Pieces()[i];
         bytes.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
     }
+    return bytes;
+}
+
+// The name-value pairs as the report carries them: the chunk after the first one.
+std::map<std::string, std::string> PairsOf(const CrmEventSource& source) {
+    const std::string bytes = BytesOf(source);
     uint32_t reportLength = 0;
     std::memcpy(&reportLength, bytes.data() + 4, sizeof(reportLength));
     const char* at = bytes.data() + reportLength;
@@ -302,6 +308,7 @@ TEST_F(U2PacketEventTest, CopiesItsFieldsAndPointsAtItsBytes) {
     const auto packet = Made(u2test::Packet{.eventId = 0x00010002, .data = {9, 8, 7}});
     EXPECT_EQ(0x00010002U, packet->eventId);
     EXPECT_EQ(3U, packet->length);
+    EXPECT_EQ(3U, packet->held);
     EXPECT_EQ(1700000001U, packet->second);
     EXPECT_EQ(999U, packet->microsecond);
     EXPECT_EQ(packet->data, packet->raw.get() + 28);
@@ -312,25 +319,27 @@ TEST_F(U2PacketEventTest, CopiesItsFieldsAndPointsAtItsBytes) {
 TEST_F(U2PacketEventTest, KeepsAShorterLengthThanTheRecordHolds) {
     const auto packet = LyingPacket(3);
     EXPECT_EQ(3U, packet->length);
+    EXPECT_EQ(3U, packet->held);
     EXPECT_EQ(1, m_log.CountAt(2, kLengthWarning));
 }
 
-TEST_F(U2PacketEventTest, KeepsALongerLengthThanTheRecordHoldsAndReadsZerosBeyond) {
-    const auto packet = LyingPacket(9);
-    ASSERT_EQ(9U, packet->length);
-    EXPECT_EQ((Bytes{1, 2, 3, 4, 0, 0, 0, 0, 0}), Bytes(packet->data, packet->data + 9));
-    EXPECT_EQ(1, m_log.CountAt(2, kLengthWarning));
+TEST_F(U2PacketEventTest, KeepsALongerLengthThanTheRecordHolds) {
+    for (const uint32_t claimed : {9U, 65540U, 65541U, std::numeric_limits<uint32_t>::max()}) {
+        const auto packet = LyingPacket(claimed);
+        EXPECT_EQ(claimed, packet->length);
+        ASSERT_EQ(4U, packet->held);
+        EXPECT_EQ((Bytes{1, 2, 3, 4}), Bytes(packet->data, packet->data + 4));
+    }
+    EXPECT_EQ(4, m_log.CountAt(2, kLengthWarning));
 }
 
-TEST_F(U2PacketEventTest, BelievesAnOverrunUpToTheLimitOnly) {
-    const auto believed = LyingPacket(4 + unified2::kMaxOverrun);
-    ASSERT_EQ(4 + unified2::kMaxOverrun, believed->length);
-    EXPECT_EQ(0, believed->data[4 + unified2::kMaxOverrun - 1]);
-    EXPECT_EQ(4U, LyingPacket(4 + unified2::kMaxOverrun + 1)->length);
-    const auto absurd = LyingPacket(std::numeric_limits<uint32_t>::max());
-    ASSERT_EQ(4U, absurd->length);
-    EXPECT_EQ((Bytes{1, 2, 3, 4}), Bytes(absurd->data, absurd->data + 4));
-    EXPECT_EQ(3, m_log.CountAt(2, kLengthWarning));
+TEST_F(U2PacketEventTest, LyingLengthReachesTheReportWithTheBytesThatExist) {
+    const auto event = Made(u2test::Alert{});
+    event->SetPacket(LyingPacket(9'000'000).release());
+    const auto source = SourceOf(*event);
+    EXPECT_EQ(9'000'000U, source->GetPacket().uPacketLength);
+    EXPECT_EQ(9'000'000, source->GetPacket().iCapturedSize);
+    EXPECT_EQ(4U, source->GetHeldBytes());
 }
 
 TEST_F(U2PacketEventTest, RecordWithoutBytesIsAPacketOfZeros) {
@@ -345,8 +354,8 @@ TEST_F(U2PacketEventTest, RecordCutBehindItsLengthHoldsNoBytes) {
     packet.data = {};
     packet.claimedLength = 2;
     const U2PacketEvent event(Allocated(packet.Payload()), 27);
-    ASSERT_EQ(2U, event.length);
-    EXPECT_EQ((Bytes{0, 0}), Bytes(event.data, event.data + 2));
+    EXPECT_EQ(2U, event.length);
+    EXPECT_EQ(0U, event.held);
 }
 
 TEST_F(U2ExtraDataEventTest, CopiesItsFieldsAndItsTextWithZeroBytes) {
@@ -374,17 +383,30 @@ TEST_F(U2ExtraDataEventTest, KeepsThrowingOnABlobLengthBelowEight) {
     }
 }
 
-TEST_F(U2ExtraDataEventTest, TextBeyondTheRecordIsZeros) {
-    const auto extra = Made(u2test::ExtraData{.data = "ab", .claimedLength = 8 + 5});
-    EXPECT_EQ(std::string("ab\0\0\0", 5), extra->text);
+TEST_F(U2ExtraDataEventTest, KeepsALongerBlobThanTheRecordHolds) {
+    for (const uint32_t claimed : {5U, 65538U, 65539U, 0xFFFFFFFFU - 8}) {
+        const auto extra =
+            Made(u2test::ExtraData{.data = "ab", .claimedLength = 8 + int64_t{claimed}});
+        EXPECT_EQ("ab", extra->text);
+        EXPECT_EQ(claimed - 2, extra->zeros);
+    }
 }
 
-TEST_F(U2ExtraDataEventTest, BelievesAnOverrunUpToTheLimitOnly) {
-    const int64_t limit = 8 + 2 + int64_t{unified2::kMaxOverrun};
-    EXPECT_EQ(2 + unified2::kMaxOverrun,
-              Made(u2test::ExtraData{.data = "ab", .claimedLength = limit})->text.size());
-    EXPECT_EQ("ab", Made(u2test::ExtraData{.data = "ab", .claimedLength = limit + 1})->text);
-    EXPECT_EQ("ab", Made(u2test::ExtraData{.data = "ab", .claimedLength = 0xFFFFFFFF})->text);
+TEST_F(U2ExtraDataEventTest, KeepsAShorterBlobThanTheRecordHolds) {
+    const auto extra = Made(u2test::ExtraData{.data = "abc", .claimedLength = 8 + 2});
+    EXPECT_EQ("ab", extra->text);
+    EXPECT_EQ(0U, extra->zeros);
+}
+
+TEST_F(U2ExtraDataEventTest, BytesBeyondTheRecordReachTheReportAsZeros) {
+    for (const uint32_t type : {9U, 10U}) {
+        const auto event = Made(u2test::Alert{});
+        event->SetExtraData(
+            Made(u2test::ExtraData{.type = type, .data = "ab", .claimedLength = 8 + 5}).release());
+        const auto source = SourceOf(*event);
+        const std::string bytes = BytesOf(*source);
+        EXPECT_NE(std::string::npos, bytes.find(std::string("ab\0\0\0\0\0\xFF", 8)));
+    }
 }
 
 }  // namespace
