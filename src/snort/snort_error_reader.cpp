@@ -114,30 +114,43 @@ bool SnortErrorReader::OpenFifo() {
         Close();
         return false;
     }
+    (void)setvbuf(m_pFile.get(), m_streamBuffer.data(), _IOFBF, m_streamBuffer.size());
     log->Write(Log::kDebug, "File is opened, waiting for Snort errors");
     return true;
 }
 
 ssize_t SnortErrorReader::ReadDescriptor(void* self, char* buffer, size_t size) {
-    return read(static_cast<SnortErrorReader*>(self)->m_fd, buffer, size);
+    auto* const reader = static_cast<SnortErrorReader*>(self);
+    const ssize_t count = read(reader->m_fd, buffer, size);
+    if (count == -1) {
+        reader->m_streamError = errno;
+    }
+    return count;
 }
 
-// A line whose end has not come yet is delivered as far as it goes, and its rest as the next one.
+// Why the stream gave no line, as an errno. The end of a writer has none of its own and counts as
+// ESPIPE, by which a stream says that it is on a FIFO.
+int SnortErrorReader::StreamFailure(int error) const {
+    if (feof(m_pFile.get()) != 0) {
+        return ESPIPE;
+    }
+    return ferror(m_pFile.get()) != 0 ? m_streamError : error;
+}
+
 bool SnortErrorReader::ReadLine(std::string* line) {
     LineBuffer buffer;
-    clearerr(m_pFile.get());  // such a line leaves a mark by which the next read would fail
+    // Deliberate: a line whose end is late is delivered as far as it has come, and the read that
+    // did not find the end leaves the stream in error. The next call then fails here, and the rest
+    // of the line is read from the FIFO when it is open again.
     const ssize_t length = getdelim(&buffer.text, &buffer.capacity, '\n', m_pFile.get());
     if (length < 0) {
-        const int error = errno;
-        // A writer's end leaves no errno of its own; it counts as the one by which a stream says
-        // that it stands on a FIFO.
-        const int reason = feof(m_pFile.get()) != 0 ? ESPIPE : error;
-        if (reason != ESPIPE) {
-            Log::GetInstance()->Write(Log::kError, "getline error, reason: %s", strerror(reason));
+        const int error = StreamFailure(errno);
+        if (error != ESPIPE) {
+            Log::GetInstance()->Write(Log::kError, "getline error, reason: %s", strerror(error));
         } else if (Log::Passes(Log::kDebug)) {
             Log::GetInstance()->Write(Log::kDebug,
                                       "Get EOF in SNORT stderr, please igore the reason: %s",
-                                      strerror(reason));
+                                      strerror(error));
         }
         m_pFile.reset();
         Close();

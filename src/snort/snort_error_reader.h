@@ -15,6 +15,7 @@
 // pause after a failed send) are the only cancellation points; a cancel there leaves a reader that
 // its destructor closes.
 
+#include <array>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -62,11 +63,17 @@ class SnortErrorReader : public SnortReaderBase {
 
     [[nodiscard]] bool OpenFifo();
     [[nodiscard]] bool ReadLine(std::string* line);
+    [[nodiscard]] int StreamFailure(int error) const;
     [[nodiscard]] std::string DescribeError(const std::string& line) const;
     [[nodiscard]] std::string DescribeRuleError(long lineNumber, const char* reason) const;
     static ssize_t ReadDescriptor(void* self, char* buffer, size_t size);
 
+    // What the stream reads at a time, in bytes: as much as a stream that fdopen makes of a FIFO.
+    static constexpr size_t kStreamBytes = 4096;
+
     const std::unique_ptr<MsgComm> m_pMsgComm;
+    std::array<char, kStreamBytes> m_streamBuffer{};  // lent to m_pFile
+    int m_streamError = 0;                            // errno of the stream's last read that failed
     // Buffers what m_fd yields; null after the FIFO was closed at a failed read. It does not own
     // the descriptor.
     std::unique_ptr<FILE, CloseStream> m_pFile;

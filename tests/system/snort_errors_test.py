@@ -134,6 +134,33 @@ class SnortErrors(harness.DaemonTest):
         self.stop_in_time(daemon, 2)
         self.assertFalse(any("getline error" in line for line in harness.log_messages()))
 
+    def test_keeps_the_lines_beyond_4096_bytes_until_the_fifo_stirs(self):
+        queue = self.message_queue()
+        daemon = self.ready_daemon()
+        snort = self.snort()
+        lines = [f"line {number:02}".ljust(99, "x") + "\n" for number in range(60)]
+        snort.write("".join(lines).encode())
+        for line in lines[:41]:
+            self.assertEqual((INFORMATION, line), queue.take())
+        daemon.idle()
+        self.assertIsNone(queue.take(0), "the stream holds the others")
+        snort.write(b"stirs\n")
+        for line in lines[41:] + ["stirs\n"]:
+            self.assertEqual((INFORMATION, line), queue.take())
+        self.stop_in_time(daemon, 2)
+
+    def test_keeps_opening_the_fifo_again_after_a_line_whose_end_is_late(self):
+        queue = self.message_queue()
+        daemon = self.ready_daemon()
+        snort = self.snort()
+        snort.write(b"half")
+        self.assertEqual((INFORMATION, "half"), queue.take())
+        snort.write(b" done\n")
+        harness.wait_log("getline error, reason: Resource temporarily unavailable")
+        self.assertEqual((INFORMATION, " done\n"), queue.take())
+        harness.wait_log(OPENED, 2)
+        self.stop_in_time(daemon, 2)
+
     def test_waits_for_its_fifo_to_be_made(self):
         queue = self.message_queue()
         daemon = self.ready_daemon()

@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "support/bound_socket.h"
 #include "support/crm_message_socket.h"
@@ -34,6 +36,8 @@ class SnortErrorReaderTest : public testing::Test {
         ASSERT_FALSE(m_reader->ReadErrors(0));
         ASSERT_TRUE(m_fifo.OpenWriter());
     }
+
+    [[nodiscard]] std::vector<std::string> ReadAll();
 
     QuestionedLog m_log;
     ErrorFifo m_fifo;
@@ -242,19 +246,62 @@ TEST_F(SnortErrorReaderRead, KeepsFurtherLinesOfOneWriteUntilTheFifoStirsAgain) 
     EXPECT_EQ(1, m_log.Count(kEof));
 }
 
-TEST_F(SnortErrorReaderRead, DeliversALineInPiecesWhenItsEndIsLate) {
+// Reads lines until none comes, and takes their messages.
+std::vector<std::string> SnortErrorReaderTest::ReadAll() {
+    std::vector<std::string> messages;
+    while (m_reader->ReadErrors(0)) {
+        messages.push_back(m_crm->Take());
+    }
+    return messages;
+}
+
+TEST_F(SnortErrorReaderRead, KeepsReading4096BytesAtATimeAndTheRestWhenTheFifoStirs) {
+    ListenAsCrm();
+    Connect();
+    std::string written;
+    std::vector<std::string> expected;
+    for (int i = 100; i < 160; ++i) {
+        const std::string line = std::to_string(i) + std::string(96, 'x') + "\n";
+        written += line;
+        expected.push_back("I " + line);
+    }
+    ASSERT_TRUE(m_fifo.Write(written));
+    // The 41st line begins in the first 4096 bytes, and what is left of the FIFO comes with it.
+    std::vector<std::string> messages = ReadAll();
+    EXPECT_EQ(41U, messages.size());
+    m_fifo.CloseWriter();
+    for (std::string& message : ReadAll()) {
+        messages.push_back(std::move(message));
+    }
+    EXPECT_EQ(expected, messages);
+}
+
+TEST_F(SnortErrorReaderRead, KeepsOpeningTheFifoAgainAfterALineWhoseEndIsLate) {
     ListenAsCrm();
     Connect();
     ASSERT_TRUE(m_fifo.Write("half"));
     EXPECT_TRUE(m_reader->ReadErrors(10));
+    EXPECT_EQ("I half", m_crm->Take());
     ASSERT_TRUE(m_fifo.Write(" done\n"));
+    errno = 0;
+    EXPECT_FALSE(m_reader->ReadErrors(10));
+    EXPECT_EQ(1, m_log.CountAt(1, "getline error, reason: Resource temporarily unavailable"));
+    EXPECT_EQ(1, m_log.Count(kOpened));
     EXPECT_TRUE(m_reader->ReadErrors(10));
+    EXPECT_EQ(2, m_log.Count(kOpened));
+    EXPECT_EQ("I  done\n", m_crm->Take());
+    EXPECT_EQ(1, m_log.Count("getline error"));
+}
+
+TEST_F(SnortErrorReaderRead, DeliversTheLastLineOfAWriterWithoutItsNewline) {
+    ListenAsCrm();
+    Connect();
     ASSERT_TRUE(m_fifo.Write("no newline"));
     m_fifo.CloseWriter();
     EXPECT_TRUE(m_reader->ReadErrors(10));
-    EXPECT_EQ("I half", m_crm->Take());
-    EXPECT_EQ("I  done\n", m_crm->Take());
+    EXPECT_FALSE(m_reader->ReadErrors(10));
     EXPECT_EQ("I no newline", m_crm->Take());
+    EXPECT_EQ(1, m_log.Count(kEof));
     EXPECT_EQ(0, m_log.Count("getline error"));
 }
 
