@@ -38,7 +38,7 @@ struct Buffer {
     explicit Buffer(int length)
         : size(length), bytes(std::make_unique<char[]>(static_cast<size_t>(length))) {}
 
-    // Whether a text with its NUL stands in it.
+    // Whether it holds a text with its NUL.
     [[nodiscard]] bool IsText() const {
         return size == 0 || std::find(bytes.get(), bytes.get() + size, '\0') != bytes.get() + size;
     }

@@ -1,5 +1,5 @@
 // Any bytes at all as the payloads of records: the objects, what they report and what they dump.
-// Every buffer is exactly as long as the reader makes it, so that a read behind it is found.
+// Every buffer is exactly as long as the reader makes it, so that a read beyond it is found.
 
 #include <algorithm>
 #include <cstdint>

@@ -1,7 +1,7 @@
 #pragma once
 
 // The alerts that wait for their attachments, oldest first: a ring of fixed size, so that nothing
-// is allocated while alerts come and go. The id stands beside the alert, and so looking for the
+// is allocated while alerts come and go. The id is stored beside the alert, so the search for the
 // alert that a record belongs to touches no alert.
 //
 // Owned by SnortEventReader. Owns the alerts that are in it.

@@ -20,15 +20,15 @@ std::string LineAt(std::istream& file, long number) {
     return line;
 }
 
-// Deliberate: a text of which nothing is left throws std::out_of_range, since it has no position to
-// begin at. A rule with an empty option ends the error thread.
+// Deliberate: a text that consists of `what` alone throws std::out_of_range, because it has no
+// first character to keep. A rule with an empty option ends the error thread.
 void Strip(std::string& text, char what) {
     text = text.substr(text.find_first_not_of(what));
     text.erase(text.find_last_not_of(what) + 1);
 }
 
-// Finds an option by its name in small or in capital letters and stores what stands behind it, up
-// to the next ";" or the end of the line, with its blanks stripped. False when there is none.
+// Finds an option by its name, in small or in capital letters, and stores its value: the text up to
+// the next ";" or the end of the line, without the blanks at both ends. False when there is none.
 bool FindOption(const std::string& rule, const char* name, const char* capitalName,
                 std::string* value) {
     size_t at = rule.find(name);

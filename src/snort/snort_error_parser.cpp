@@ -13,8 +13,8 @@ constexpr std::string_view kRulesError = "ERROR: /etc/snort/rules/snort.rules";
 constexpr std::string_view kConfigurationError = "ERROR: /etc/snort/qor-snort.conf";
 static_assert(kRulesError.size() == 35 && kConfigurationError.size() == 32);
 
-// What stands between the first and the second "(", or up to the end of the line.
-std::string BehindParenthesis(std::string_view line) {
+// The text between the first and the second "(", or up to the end of the line.
+std::string AfterParenthesis(std::string_view line) {
     const size_t first = line.find('(');
     if (first == std::string_view::npos) {
         return {};
@@ -25,11 +25,11 @@ std::string BehindParenthesis(std::string_view line) {
 
 // Snort's form is the file name, the line number in parentheses, a blank, and the text.
 //
-// Deliberate: the line is cut at parentheses and nowhere else, so a text that contains "(" ends
-// there, and of one that contains ")" only what follows the last one is left. An empty part cannot
-// lose its blank and throws, which ends the thread that reads the lines.
+// Deliberate: the line is split at parentheses and nowhere else. A text that contains "(" ends
+// there, and only what follows the last ")" of a text is kept. The first character of each part is
+// dropped as the blank; an empty part has none and throws, which ends the error thread.
 void ParseRulesError(std::string_view line, long* lineNumber, char* reason, int reasonSize) {
-    const std::string piece = BehindParenthesis(line);
+    const std::string piece = AfterParenthesis(line);
     size_t end = piece.find(')');
     *lineNumber = static_cast<int32_t>(std::strtol(piece.substr(0, end).c_str(), nullptr, 10));
     while (end != std::string::npos && end + 1 < piece.size()) {

@@ -236,7 +236,7 @@ std::string SnortErrorReader::DescribeRuleError(long lineNumber, const char* rea
         return std::string("ERROR in SNORT rule. Error: ") + reason;
     }
     log->Write(
-        5,
+        Log::kDebug,
         "[SNORT ERROR] SnortHandler::Process: Rule error found - SID: %s, MSG: '%s', Error: '%s'",
         sid.data(), message.data(), reason);
     return std::string("ERROR in SNORT rule. SID: ") + sid.data() + ", Msg: \"" + message.data() +

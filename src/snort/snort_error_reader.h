@@ -5,15 +5,15 @@
 // further line is read, so that Snort's output waits in the FIFO and nothing is lost.
 //
 // A process-wide singleton, driven by SnortErrorThread, which releases it when it ends.
-// docs/formats/snort_errors.md tells the lines and what becomes of them,
+// docs/formats/snort_errors.md describes the lines and what becomes of them,
 // docs/formats/crm_message.md the messages.
 //
-// Threads: Instance and ReleaseInstance may be called by any thread. A reader belongs to the error
-// thread, but for CreateFifo, which the engine calls on it while that thread may be running and
-// which touches nothing that changes. The error thread releases the instance only when the engine
-// has told it to stop, so no pointer that the engine uses goes stale. The long waits (the FIFO, the
-// pause after a failed send) are the only cancellation points; a cancel there leaves a reader that
-// its destructor closes.
+// Threads: any thread may call Instance and ReleaseInstance. A reader belongs to the error thread,
+// except for CreateFifo: the engine calls it while that thread may be running, and it touches
+// nothing that changes. The error thread releases the instance only after the engine has stopped
+// it, so no pointer that the engine uses becomes invalid. The thread can be cancelled in the two
+// long waits only, for the FIFO and after a failed send; the destructor of the reader then closes
+// what is open.
 
 #include <array>
 #include <cstdio>

@@ -117,8 +117,8 @@ bool SnortEventReader::ReadFully(void* buffer, uint32_t length) {
             Close();
             return false;
         }
-        // Deliberate: measured against the whole, so that the last piece of a split record shows
-        // too.
+        // Deliberate: the piece is compared with the full length and not with what was left, so
+        // the last piece of a split record is logged too.
         if (static_cast<size_t>(count) != length) {
             Log::GetInstance()->Write(Log::kWarning, "Partial event read: %d",
                                       static_cast<int>(count));
@@ -165,7 +165,7 @@ bool SnortEventReader::AssociatePacket(std::unique_ptr<U2PacketEvent> packet) {
         return true;
     }
     Log::GetInstance()->Write(
-        3,
+        Log::kInfo,
         "Failed to associate alert event %u with packet event. Packet event reported from Snort doesn't match previous alert event",
         eventId);
     return false;
@@ -183,13 +183,14 @@ bool SnortEventReader::AssociateExtraData(std::unique_ptr<U2ExtraDataEvent> extr
         const int32_t position = static_cast<int32_t>(m_pending.Size()) - distance - 1;
         const auto unsignedPosition = static_cast<uint32_t>(position);
         Log::GetInstance()->Write(
-            5, "Incoming event ID: %u, assocated to position in pending events: %d", eventId,
-            position);
+            Log::kDebug, "Incoming event ID: %u, assocated to position in pending events: %d",
+            eventId, position);
         // Deliberate: the limit is that of a full list, so a position behind the end of a shorter
         // one passes here and fails below, without this line.
         if (unsignedPosition >= kMaxPendingEvents) {
             Log::GetInstance()->Write(
-                3, "Out of the range of pending events, position in pending events: %d", position);
+                Log::kInfo, "Out of the range of pending events, position in pending events: %d",
+                position);
         } else if (unsignedPosition < m_pending.Size() &&
                    m_pending.At(unsignedPosition).eventId == eventId) {
             Log::GetInstance()->Write(Log::kDebug, "Associate alert event %u with extra data event",
@@ -201,16 +202,13 @@ bool SnortEventReader::AssociateExtraData(std::unique_ptr<U2ExtraDataEvent> extr
         }
     }
     Log::GetInstance()->Write(
-        3,
+        Log::kInfo,
         "Failed to associate alert event %u with extra data event. Number of pending events: %lu",
         eventId, static_cast<unsigned long>(m_pending.Size()));
     return false;
 }
 
 bool SnortEventReader::SendToBridge(std::unique_ptr<U2AlertEvent> event) {
-    if (event == nullptr) {
-        return false;
-    }
     Log::GetInstance()->Write(Log::kDebug, "Sending event to event bridge");
     if (Config::s_logLevel.load(std::memory_order_relaxed) > Log::kNotice) {
         event->Dump();

@@ -8,7 +8,7 @@
 // alert.
 //
 // A process-wide singleton, made anew by the engine for each run cycle.
-// docs/formats/unified2.md tells the stream and its records.
+// docs/formats/unified2.md describes the stream and its records.
 //
 // Threads: the engine's main thread only. The hand-over to other threads is EventBridge's.
 

@@ -14,8 +14,10 @@ namespace {
 
 using vald::Log;
 
-// select, with the errno of a failure as a negative number. It has no room for a descriptor outside
-// of its sets; such a one is a failure like any. The error thread may be cancelled here.
+constexpr mode_t kFifoMode = 0666;  // the umask applies
+
+// Waits like select, and returns the errno of a failure as a negative number. A descriptor too
+// large for the sets of select is such a failure. The error thread may be cancelled here.
 int SelectReadable(int fd, long timeoutSeconds) {
     if (fd < 0 || fd >= FD_SETSIZE) {
         return -EBADF;
@@ -46,7 +48,7 @@ bool SnortReaderBase::CreateFifo() {
     Log::GetInstance()->Write(Log::kDebug, "Creating FIFO: %s", m_path.c_str());
     struct stat status;
     if (stat(m_path.c_str(), &status) != 0) {
-        if (mkfifo(m_path.c_str(), 0666) != 0) {
+        if (mkfifo(m_path.c_str(), kFifoMode) != 0) {
             const int error = errno;
             Log::GetInstance()->Write(Log::kError, "Cannot create FIFO: %s, reason: %s",
                                       m_path.c_str(), strerror(error));
@@ -56,7 +58,7 @@ bool SnortReaderBase::CreateFifo() {
     }
     if (!S_ISFIFO(status.st_mode)) {
         Log::GetInstance()->Write(
-            1,
+            Log::kError,
             "Fatal error: %s is already created by SNORT, reader won't work. Please remove it manually",
             m_path.c_str());
         return false;
@@ -84,8 +86,8 @@ int SnortReaderBase::WaitReadable(long timeoutSeconds) {
 }
 
 void SnortReaderBase::Close() {
-    // A cancel inside close would leave it open whether the descriptor is still ours.
-    const CancellationOff whole;
+    // A thread cancelled inside close could not know whether the descriptor is closed already.
+    const CancellationOff off;
     close(m_fd);
     m_fd = -1;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
-// A text into a buffer of the caller's, as the parser and the rule lookup deliver their results.
+// Stores a text in a buffer of the caller, as the error parser and the rule lookup deliver their
+// results.
 //
 // Threads: a pure function.
 
@@ -8,12 +9,13 @@
 #include <cstring>
 #include <string_view>
 
-// Clears the whole buffer of `size` bytes and copies what fits of the text before its last byte.
+// Clears the buffer of `size` bytes and copies as much of the text as fits before its last byte,
+// which stays the NUL. A buffer without a byte is left alone.
 inline void FillText(char* buffer, int size, std::string_view text) {
     if (size <= 0) {
         return;
     }
-    const auto capacity = static_cast<std::size_t>(size);
+    const auto capacity = static_cast<size_t>(size);
     std::memset(buffer, 0, capacity);
     text.copy(buffer, capacity - 1);
 }

@@ -6,8 +6,8 @@
 // copied out, in host order, when the object is made.
 //
 // SnortEventReader makes them and owns an alert while it is pending; EventBridge owns it
-// afterwards. docs/formats/unified2.md tells the records and what becomes of a record that is too
-// short.
+// afterwards. docs/formats/unified2.md describes the records and what becomes of a record that is
+// too short.
 //
 // Threads: an object belongs to one thread at a time. EventBridge's queue makes the hand-over safe.
 

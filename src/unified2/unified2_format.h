@@ -18,7 +18,8 @@
 
 namespace unified2 {
 
-// A number as it stands in a record. It becomes a number of this host only through HostOrder().
+// A number in the byte order of a record. It becomes a number of this host only through
+// HostOrder().
 template <typename T>
 class BigEndian {
   public:

@@ -39,6 +39,14 @@ class QuestionedLog {
         return std::count(loud.begin(), loud.end(), std::to_string(level) + " " + text);
     }
 
+    // The number of messages of this level, 1 to 3, that begin with `text`.
+    [[nodiscard]] long CountBeginningAt(int level, const std::string& text) const {
+        const auto& loud = levelled_log::Loud();
+        return std::count_if(loud.begin(), loud.end(), [&](const std::string& line) {
+            return line.starts_with(std::to_string(level) + " " + text);
+        });
+    }
+
   private:
     LogCapture m_capture;
 };

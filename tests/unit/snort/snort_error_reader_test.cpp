@@ -17,6 +17,7 @@
 #include "threads/cancellation.h"
 #include "unit/snort/error_fifo.h"
 #include "unit/snort/log_questions.h"
+#include "unit/snort/recorded_waits.h"
 
 namespace {
 
@@ -164,6 +165,42 @@ TEST_F(SnortErrorReaderSend, HoldsTheMessageAndClosesTheChannelWhenItFails) {
     ListenAsCrm();
     EXPECT_TRUE(m_reader->SendMessage(0));
     EXPECT_EQ("I hello\n", m_crm->Take());
+}
+
+TEST_F(SnortErrorReaderSend, PausesForASecondAfterASendThatFails) {
+    Connect();
+    const RecordedWaits waits;
+    ASSERT_TRUE(m_fifo.Write("hello\n"));
+    EXPECT_TRUE(m_reader->ReadErrors(10));
+    EXPECT_EQ((std::vector<long>{1}), RecordedWaits::Sleeps()) << "after the line was read";
+    EXPECT_FALSE(m_reader->ReadErrors(10));
+    EXPECT_EQ((std::vector<long>{1, 1}), RecordedWaits::Sleeps()) << "while the message is owed";
+    EXPECT_FALSE(m_reader->SendMessage(0));
+    EXPECT_EQ((std::vector<long>{1, 1, 0}), RecordedWaits::Sleeps());
+}
+
+TEST_F(SnortErrorReaderTest, SaysNothingOfTheUsualBelowTheDebugLevel) {
+    vald::Log::SetLevel(vald::Log::kNotice);
+    ListenAsCrm();
+    m_fifo.m_dir.Write("snort.rules", "alert ip (msg:\"m\"; sid:1;)\n");
+    Connect();
+    for (const std::string& line : {std::string("hello\n"), std::string("ERROR: x\n"),
+                                    std::string("ERROR: /etc/snort/qor-snort.conf(3) bad\n"),
+                                    kRulesError + "(1) found\n", kRulesError + "(2) not found\n"}) {
+        ASSERT_TRUE(m_fifo.Write(line));
+        EXPECT_TRUE(m_reader->ReadErrors(10));
+        EXPECT_NE("", m_crm->Take());
+    }
+    m_fifo.CloseWriter();
+    EXPECT_FALSE(m_reader->ReadErrors(10));
+    long sentences = 0;
+    for (const std::string& line : m_log.Lines()) {
+        sentences +=
+            line.starts_with("[SNORT INFO] ") || line.starts_with("[SNORT ERROR] ERROR in") ? 1 : 0;
+        EXPECT_TRUE(line.empty() || line.starts_with("[SNORT ")) << line;
+        EXPECT_EQ(std::string::npos, line.find("SnortHandler::Process")) << line;
+    }
+    EXPECT_EQ(5, sentences);
 }
 
 TEST_F(SnortErrorReaderSend, FailsAtOnceWhenTheChannelCannotBeOpened) {

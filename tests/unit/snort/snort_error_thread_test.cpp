@@ -7,11 +7,13 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "snort/snort_error_reader.h"
 #include "support/crm_message_socket.h"
 #include "unit/snort/error_fifo.h"
 #include "unit/snort/log_questions.h"
+#include "unit/snort/recorded_waits.h"
 
 namespace {
 
@@ -65,6 +67,28 @@ TEST_F(SnortErrorThreadTest, HearsAStopWithinASecondOfWaiting) {
     const auto start = steady_clock::now();
     StopAndJoin(thread);
     EXPECT_LT(steady_clock::now() - start, seconds(10));
+}
+
+TEST_F(SnortErrorThreadTest, WaitsForTheFifoASecondAtATime) {
+    const RecordedWaits waits;
+    SnortErrorThread thread("snorterrorthread", 0);
+    StartReading(thread);
+    while (RecordedWaits::Selects().empty()) {
+        sched_yield();
+    }
+    StopAndJoin(thread);
+    for (const long wait : RecordedWaits::Selects()) {
+        EXPECT_EQ(1000, wait);
+    }
+}
+
+TEST_F(SnortErrorThreadTest, SaysNothingOfItselfBelowTheDebugLevel) {
+    vald::Log::SetLevel(vald::Log::kNotice);
+    const int cpu = sysconf(_SC_NPROCESSORS_ONLN) < 2 ? 0 : 1;
+    SnortErrorThread thread("snorterrorthread", cpu);
+    StartReading(thread);
+    StopAndJoin(thread);
+    EXPECT_EQ(std::vector<std::string>{}, m_log.Lines());
 }
 
 TEST_F(SnortErrorThreadTest, HearsAStopWhileTheFifoIsMissing) {
@@ -147,6 +171,7 @@ TEST_F(SnortErrorThreadTest, RunsOnWhenTheCpuDoesNotExist) {
         EXPECT_EQ(1, m_log.Count(" to CPU " + std::to_string(cpu)));
     }
     EXPECT_EQ(2, m_log.Count("Unable to assign Snort error thread "));
+    EXPECT_EQ(2, m_log.CountBeginningAt(2, "Unable to assign Snort error thread "));
 }
 
 TEST_F(SnortErrorThreadTest, BindsToACpuAboveZero) {
@@ -157,6 +182,7 @@ TEST_F(SnortErrorThreadTest, BindsToACpuAboveZero) {
     StartReading(thread);
     StopAndJoin(thread);
     EXPECT_EQ(1, m_log.Count("Assigned Snort error thread "));
+    EXPECT_EQ(1, m_log.Count(" to CPU 1"));
 }
 
 TEST_F(SnortErrorThreadTest, ForceQuitEndsAThreadThatWaitsForTheFifo) {

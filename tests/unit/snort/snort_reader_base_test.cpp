@@ -1,11 +1,14 @@
 #include "snort/snort_reader_base.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -15,9 +18,11 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "support/temp_dir.h"
 #include "unit/snort/log_questions.h"
+#include "unit/snort/recorded_waits.h"
 
 namespace {
 
@@ -39,6 +44,37 @@ bool IsFifo(const std::string& path) {
     struct stat status {};
     return lstat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
 }
+
+// A connection whose receiver has one urgent byte waiting, and no data.
+class UrgentByte {
+  public:
+    UrgentByte() {
+        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        auto* const raw = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(0, bind(listener, raw, length));
+        EXPECT_EQ(0, listen(listener, 1));
+        EXPECT_EQ(0, getsockname(listener, raw, &length));
+        m_sender = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(0, connect(m_sender, raw, length));
+        m_receiver = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        EXPECT_NE(-1, m_receiver);
+        close(listener);
+        EXPECT_EQ(1, send(m_sender, "!", 1, MSG_OOB));
+    }
+    ~UrgentByte() { close(m_sender); }
+    UrgentByte(const UrgentByte&) = delete;
+    UrgentByte& operator=(const UrgentByte&) = delete;
+
+    [[nodiscard]] int TakeReceiver() const { return m_receiver; }  // the caller closes it
+
+  private:
+    int m_sender = -1;
+    int m_receiver = -1;
+};
 
 void IgnoreAlarm(int) {}
 
@@ -117,11 +153,19 @@ TEST_F(SnortReaderBaseTest, CloseLeavesTheReaderClosed) {
 TEST_F(SnortReaderBaseCreateFifo, MakesAFifoUnderTheUmask) {
     OpenReader reader(m_path);
     EXPECT_TRUE(reader.CreateFifo());
-    struct stat status {};
-    ASSERT_EQ(0, stat(m_path.c_str(), &status));
-    EXPECT_TRUE(S_ISFIFO(status.st_mode));
-    EXPECT_EQ(0644U, status.st_mode & 07777);
+    EXPECT_TRUE(IsFifo(m_path));
     EXPECT_EQ(std::vector<std::string>{"Creating FIFO: " + m_path}, m_log.Lines());
+}
+
+TEST_F(SnortReaderBaseCreateFifo, LeavesTheModeToTheUmaskAlone) {
+    for (const mode_t mask : {0U, 022U, 027U, 0111U, 0666U}) {
+        umask(mask);
+        const std::string path = m_folder.File("fifo-" + std::to_string(mask));
+        EXPECT_TRUE(OpenReader(path).CreateFifo());
+        struct stat status {};
+        ASSERT_EQ(0, stat(path.c_str(), &status));
+        EXPECT_EQ(0666U & ~mask, status.st_mode & 07777);
+    }
 }
 
 TEST_F(SnortReaderBaseCreateFifo, AcceptsAFifoOfAnEarlierRunAsItStands) {
@@ -199,6 +243,23 @@ TEST_F(SnortReaderBaseWaitReadable, ReturnsAPositiveNumberWhenDataIsThere) {
     EXPECT_GT(reader->WaitReadable(10), 0);
     EXPECT_NE(-1, reader->Fd());
     close(m_writer);
+}
+
+TEST_F(SnortReaderBaseWaitReadable, WaitsForAsManySecondsAsItIsTold) {
+    auto reader = OpenedReader();
+    const RecordedWaits waits;
+    EXPECT_EQ(0, reader->WaitReadable(0));
+    EXPECT_EQ(0, reader->WaitReadable(1));
+    EXPECT_EQ((std::vector<long>{0, 1000}), RecordedWaits::Selects());
+    close(m_writer);
+}
+
+TEST_F(SnortReaderBaseWaitReadable, ReturnsAPositiveNumberAtAnExceptionalCondition) {
+    OpenReader reader(m_path);
+    const UrgentByte urgent;  // which cannot be read as data
+    reader.Adopt(urgent.TakeReceiver());
+    EXPECT_GT(reader.WaitReadable(10), 0);
+    EXPECT_NE(-1, reader.Fd());
 }
 
 TEST_F(SnortReaderBaseWaitReadable, ReturnsAPositiveNumberWhenTheWriterIsGone) {

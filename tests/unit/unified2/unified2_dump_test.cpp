@@ -200,7 +200,7 @@ TEST(Unified2Dump, PacketWithoutBytesEndsWithTheTitleOfItsBytes) {
 
 TEST(Unified2Dump, ShowsTheLengthThatThePacketClaims) {
     const Lines lines = Dumped(u2test::Packet{.data = {0x41}, .claimedLength = 3});
-    EXPECT_EQ("  packet_length       = 3", lines.at(8));  // behind the warning
+    EXPECT_EQ("  packet_length       = 3", lines.at(8));  // after the warning
     EXPECT_EQ("    0: 41 00 00                                         A..", lines.back());
 }
 
