@@ -230,6 +230,15 @@ TEST_F(SnortErrorReaderRead, SendsALineAsItComes) {
     EXPECT_EQ(1, m_log.Count("### Debug Snort stderr ### hello"));
 }
 
+TEST_F(SnortErrorReaderRead, DescriptorIsNotInheritedByOtherPrograms) {
+    m_fifo.Make();
+    const int next = dup(STDERR_FILENO);
+    ASSERT_NE(-1, next);
+    close(next);
+    EXPECT_FALSE(m_reader->ReadErrors(0));  // opens at the number that is free now
+    EXPECT_NE(0, fcntl(next, F_GETFD) & FD_CLOEXEC);
+}
+
 TEST_F(SnortErrorReaderRead, SendsALineOfAnyLength) {
     ListenAsCrm();
     Connect();

@@ -188,6 +188,14 @@ TEST_F(SnortReaderBaseCreateFifo, AcceptsAFifoOfAnEarlierRunAsItStands) {
     close(both);
 }
 
+TEST_F(SnortReaderBaseCreateFifo, AcceptsASymbolicLinkToAFifo) {
+    const std::string target = m_folder.File("target.fifo");
+    ASSERT_EQ(0, mkfifo(target.c_str(), 0600));
+    ASSERT_EQ(0, symlink(target.c_str(), m_path.c_str()));
+    EXPECT_TRUE(OpenReader(m_path).CreateFifo());
+    EXPECT_EQ(1, m_log.Count("FIFO: " + m_path + " is already existed"));
+}
+
 TEST_F(SnortReaderBaseCreateFifo, RefusesAPlainFileAndLeavesItAlone) {
     m_folder.Write("test.fifo", "records");
     OpenReader reader(m_path);
