@@ -119,6 +119,17 @@ TEST_F(EventPolicy, KeepsFaultingOnAnUnknownSignatureAfterTwoLogLines) {
     EXPECT_THAT(Reports(), IsEmpty());
 }
 
+TEST_F(EventPolicy, TellsOfAnUnknownSignatureAtTheWarningLevel) {
+    const LogCapture log(vald::Log::kError);
+    EXPECT_EXIT(
+        {
+            DefaultFaults();
+            (void)m_bridge->ProcessEvent(new TestAlert(kUnknown));
+        },
+        testing::KilledBySignal(SIGSEGV), testing::Not(testing::HasSubstr("runtime error")));
+    EXPECT_THAT(log.Messages(), IsEmpty());
+}
+
 TEST_F(EventPolicy, KeepsFaultingOnAnUnknownSignatureFromTheRing) {
     m_bridge->Finalize();
     InitializeForThreads();
