@@ -161,13 +161,13 @@ int CrmEventSource::SetBlockedStatus(uint32_t status) {
     return 0;
 }
 
-int CrmEventSource::SetEventName(const std::string& name) {
-    m_eventName = name;
+int CrmEventSource::SetEventName(std::string name) {
+    m_eventName = std::move(name);
     return 0;
 }
 
-int CrmEventSource::SetUserResponse(uint32_t flags, const std::string& text) {
-    m_userResponse = text;
+int CrmEventSource::SetUserResponse(uint32_t flags, std::string text) {
+    m_userResponse = std::move(text);
     m_sendRaw = (flags & kUserResponseWithRaw) != 0;
     return 0;
 }

@@ -68,10 +68,10 @@ class CrmEventSource {
     int SetEventTime(uint64_t seconds);  // since the epoch
     int SetSeverity(uint32_t severity);  // EventSeverity
     int SetBlockedStatus(uint32_t status);
-    int SetEventName(const std::string& name);
+    int SetEventName(std::string name);
     // Takes over the text, and from the bit kUserResponseWithRaw of the flags whether the packet
     // goes into the message.
-    int SetUserResponse(uint32_t flags, const std::string& text);
+    int SetUserResponse(uint32_t flags, std::string text);
 
     // Borrows the packet at `data`. A null pointer or a length of 0 means no packet; the time is
     // stored all the same. Releases an earlier private copy. `length` is the length that the packet

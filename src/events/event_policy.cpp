@@ -1,85 +1,77 @@
 // What the daemon does with one event: the members of EventBridge that turn an alert into a report
 // by the rule table's entry for its signature. The order of the steps is part of the design: the
-// report goes out last, so that it can tell of what was done before.
-
-#include <netinet/in.h>
+// report goes out last, so that it can say what was done before. What is to be done is decided in
+// policy_decision; these members carry the decision out and log it.
 
 #include <memory>
-#include <string>
+#include <utility>
 
 #include "config/config.h"
 #include "config/event_rule_node.h"
 #include "crm/crm_event_producer.h"
 #include "crm/crm_event_source.h"
 #include "events/event_bridge.h"
+#include "events/policy_decision.h"
 #include "logging/log.h"
 #include "packet_log/packet_log_ctrl_if.h"
-#include "quarantine/quarantine_rule.h"
 #include "unified2/unified2_events.h"
 
+using tarn::policy::BlockDecision;
+using tarn::policy::BlockOutcome;
+using tarn::policy::CaptureOutcome;
+using tarn::policy::QuarantineOutcome;
 using vald::Log;
 
 namespace {
 
-constexpr uint64_t kDefaultBlockSeconds = 3600;
 constexpr uint32_t kQuarantineFlags = 1;  // what the security manager expects of an event
 
-bool IsIcmp(int protocol) {
-    return protocol == IPPROTO_ICMP || protocol == IPPROTO_ICMPV6;
-}
-
-// Puts the addresses that the flags ask for into the rule. True when it holds one.
-bool SetAddresses(const CrmEventSource& source, uint32_t flags, QuarantineRule& rule) {
+// The lines about a decision, in the order in which its steps are taken. `configuredFlags` are the
+// block rule's own.
+void LogBlockDecision(BlockDecision& decision, uint32_t configuredFlags, int ipVersion,
+                      int protocol) {
     Log& log = *Log::GetInstance();
-    bool haveAddress = false;
-    std::string address;
-    if ((flags & kBlockIntruderAddress) != 0) {
-        haveAddress = source.GetIntruderAddressText(address) == 0;
-        if (haveAddress) {
-            rule.SetIntruderAddress(address);
+    if ((configuredFlags & kBlockIntruderSubnet) != 0) {
+        log.Write(
+            Log::kInfo,
+            "Don't know how to deal with quarantine-intruder-subnet. Treat it as quarantine-intruder-address.");
+    }
+    if ((configuredFlags & kBlockVictimSubnet) != 0) {
+        log.Write(
+            Log::kInfo,
+            "Don't know how to deal with quarantine-victim-subnet. Treat it as quarantine-victim-address.");
+    }
+    if (decision.outcome == BlockOutcome::NoIpVersion) {
+        log.Write(Log::kError, "Unable to determine IP version: %d", ipVersion);
+        return;
+    }
+    if (decision.lacksIntruder) {
+        log.Write(Log::kWarning, "Unable to produce source address for quarantine rule.");
+    }
+    if (decision.lacksVictim) {
+        log.Write(Log::kWarning, "Unable to produce destination address for quarantine rule.");
+    }
+    if (!tarn::policy::Applies(decision.outcome)) {
+        // Deliberate: the flags are shown as the configuration gave them.
+        if (tarn::policy::IsIcmp(protocol)) {
+            log.Write(Log::kDebug, "Ignoring invalid block rule (0x%04x) for ICMP event (%d).",
+                      configuredFlags, protocol);
         } else {
-            log.Write(Log::kWarning, "Unable to produce source address for quarantine rule.");
+            log.Write(Log::kDebug, "Ignoring invalid block rule (0x%04x) for non-ICMP event (%d).",
+                      configuredFlags, protocol);
         }
+        return;
     }
-    if ((flags & kBlockVictimAddress) != 0) {
-        if (source.GetVictimAddressText(address) == 0) {
-            rule.SetVictimAddress(address);
-            haveAddress = true;
-        } else {
-            log.Write(Log::kWarning, "Unable to produce destination address for quarantine rule.");
-        }
+    if ((configuredFlags & kBlockIssue) != 0) {
+        log.Write(Log::kDebug, "Ignoring issue ID blocking for Snort event.");
     }
-    return haveAddress;
-}
-
-// Puts the ICMP fields or the ports that the flags ask for into the rule, as the event's protocol
-// has them. False when the flags do not fit the event.
-//
-// Deliberate: a field of the event's own family is enough without any address and beside fields
-// of the other family, while an address is not enough beside fields of the other family only.
-bool SetProtocolFields(const CrmEventSource& source, uint32_t flags, bool haveAddress,
-                       QuarantineRule& rule) {
-    const bool icmp = IsIcmp(source.GetProtocol());
-    constexpr uint32_t kIcmpFields = kBlockIcmpType | kBlockIcmpCode;
-    constexpr uint32_t kPorts = kBlockIntruderPort | kBlockVictimPort;
-    if (icmp) {
-        if ((flags & kBlockIcmpType) != 0) {
-            rule.SetIcmpType(source.GetIcmpType());
-        }
-        if ((flags & kBlockIcmpCode) != 0) {
-            rule.SetIcmpCode(source.GetIcmpCode());
-        }
-    } else {
-        if ((flags & kBlockIntruderPort) != 0) {
-            rule.SetSourcePort(source.GetIntruderPort());
-        }
-        if ((flags & kBlockVictimPort) != 0) {
-            rule.SetDestinationPort(source.GetVictimPort());
-        }
+    if (decision.isDefaultEnd) {
+        log.Write(Log::kInfo, "Block duration is not assigned. Use default value (3600) instead.");
     }
-    const uint32_t own = icmp ? kIcmpFields : kPorts;
-    const uint32_t other = icmp ? kPorts : kIcmpFields;
-    return (flags & own) != 0 || ((flags & other) == 0 && haveAddress);
+    if (decision.expiration == 0) {
+        (void)decision.rule.SetExpiration(0);  // refused, with a line of its own
+    }
+    decision.rule.LogText(decision.textFault, decision.text);
 }
 
 // Deliberate: without an entry this faults, and the fatal signal ends the daemon. A sensor that
@@ -122,29 +114,28 @@ int EventBridge::ProcessOneEvent(U2AlertEvent* event) {
         return -2;
     }
 
+    tarn::policy::ReportDecision report =
+        tarn::policy::DecideReport(source->GetIssueId(), entry.get());
     if (entry == nullptr) {
-        const uint32_t issueId = source->GetIssueId();
         log.Write(Log::kWarning, "Fail to look up Snort event %d from TaRN rule configuration.",
-                  issueId);
-        source->SetEventName("Unknown Snort Event (" + std::to_string(issueId) + ")");
-        source->SetUserResponse(0, "DISPLAY:WithoutRaw");
-        source->SetSeverity(kSeverityLow);
-    } else {
-        source->SetEventName(entry->eventName);
-        source->SetUserResponse(entry->userResponseFlags, entry->userResponse);
-        source->SetSeverity(entry->severity);
-        // Before the report, so that the report can tell of it.
+                  source->GetIssueId());
+    }
+    source->SetEventName(std::move(report.eventName));
+    source->SetUserResponse(report.userResponseFlags, std::move(report.userResponse));
+    source->SetSeverity(report.severity);
+    if (entry != nullptr) {
+        // Before the report, so that the report can say so.
         if (ApplyQuarantinePolicy(source.get(), entry->responseFlags, entry->blockRules) == 0) {
             source->SetBlockedStatus(kReportBlocked);
         }
         source->AddNameValue("Rule", entry->rule);
     }
 
-    if ((UserResponseFlagsOf(entry.get()) & kUserResponseLogPackets) != 0) {
-        EventReport report = source->GetReport();
-        report.userString = "SNORT";
+    const uint32_t userResponseFlags = UserResponseFlagsOf(entry.get());
+    if (tarn::policy::DecideCapture(userResponseFlags) == CaptureOutcome::Requested) {
+        const EventReport labelled = tarn::policy::CaptureReport(*source);
         PresentPacketLog(m_packetLog)
-            .SendOffendingPacketCapture(&report, &source->GetPacket(), 0, source->GetHeldBytes());
+            .SendOffendingPacketCapture(&labelled, &source->GetPacket(), 0, source->GetHeldBytes());
     }
 
     if (m_producer->SendEvent(source.get()) != 0) {
@@ -156,9 +147,8 @@ int EventBridge::ProcessOneEvent(U2AlertEvent* event) {
 
 int EventBridge::ApplyQuarantinePolicy(const CrmEventSource* source, uint32_t responseFlags,
                                        const std::list<BlockRule>& blockRules) {
-    const uint32_t relevant =
-        IsIcmp(source->GetProtocol()) ? kResponseQuarantineIcmp : kResponseQuarantineTraffic;
-    if ((responseFlags & relevant) == 0) {
+    if (tarn::policy::DecideQuarantine(source->GetProtocol(), responseFlags, blockRules) !=
+        QuarantineOutcome::Considered) {
         return 1;
     }
     bool added = false;
@@ -170,61 +160,23 @@ int EventBridge::ApplyQuarantinePolicy(const CrmEventSource* source, uint32_t re
 
 int EventBridge::QuarantineByRule(const CrmEventSource* source, const BlockRule* blockRule) {
     Log& log = *Log::GetInstance();
-    uint32_t flags = blockRule->flags;
-    log.Write(Log::kDebug, "Quarantine by rule: 0x%04x", flags);
-    if ((flags & kBlockIntruderSubnet) != 0) {
-        log.Write(
-            3,
-            "Don't know how to deal with quarantine-intruder-subnet. Treat it as quarantine-intruder-address.");
-        flags |= kBlockIntruderAddress;
+    log.Write(Log::kDebug, "Quarantine by rule: 0x%04x", blockRule->flags);
+    BlockDecision decision = tarn::policy::DecideBlock(*source, *blockRule);
+    LogBlockDecision(decision, blockRule->flags, source->GetIpVersion(), source->GetProtocol());
+    switch (decision.outcome) {
+        case BlockOutcome::Sent:
+            break;
+        case BlockOutcome::OtherFamily:
+        case BlockOutcome::NothingNamed:
+        case BlockOutcome::NoAddress:
+            return 1;
+        case BlockOutcome::NoIpVersion:
+            return -1;
+        case BlockOutcome::NoText:
+            log.Write(Log::kError, "Fail to construct quarantine rule string.");
+            return -1;
     }
-    if ((flags & kBlockVictimSubnet) != 0) {
-        log.Write(
-            3,
-            "Don't know how to deal with quarantine-victim-subnet. Treat it as quarantine-victim-address.");
-        flags |= kBlockVictimAddress;
-    }
-
-    QuarantineRule rule;
-    const int ipVersion = source->GetIpVersion();
-    if (ipVersion != 4 && ipVersion != 6) {
-        log.Write(Log::kError, "Unable to determine IP version: %d", ipVersion);
-        return -1;
-    }
-    (void)rule.SetIpVersion(ipVersion);  // both versions are taken
-    const bool haveAddress = SetAddresses(*source, flags, rule);
-    const int protocol = source->GetProtocol();
-    rule.SetProtocol(protocol);
-    if (!SetProtocolFields(*source, flags, haveAddress, rule)) {
-        // Deliberate: the flags are shown as the configuration gave them.
-        if (IsIcmp(protocol)) {
-            log.Write(Log::kDebug, "Ignoring invalid block rule (0x%04x) for ICMP event (%d).",
-                      blockRule->flags, protocol);
-        } else {
-            log.Write(Log::kDebug, "Ignoring invalid block rule (0x%04x) for non-ICMP event (%d).",
-                      blockRule->flags, protocol);
-        }
-        return 1;
-    }
-    if ((flags & kBlockIssue) != 0) {
-        log.Write(Log::kDebug, "Ignoring issue ID blocking for Snort event.");
-    }
-    rule.SetCounter(blockRule->rateLimit);
-
-    uint64_t duration = blockRule->duration;
-    if (duration == 0) {
-        log.Write(Log::kInfo, "Block duration is not assigned. Use default value (3600) instead.");
-        duration = kDefaultBlockSeconds;
-    }
-    // Deliberate: counted from the time of the event, so a late event's rule is already shorter. A
-    // time that the rule does not take is found out when the text is made.
-    (void)rule.SetExpiration(static_cast<time_t>(source->GetStartTime() + duration));
-
-    std::string text;
-    if (rule.ToString(text) != 0) {
-        log.Write(Log::kError, "Fail to construct quarantine rule string.");
-        return -1;
-    }
+    const std::string& text = decision.text;
     if (m_dbtComm.AddQuarantineRules(kQuarantineFlags, text.c_str(), source->GetIssueId(), 0) !=
         0) {
         log.Write(Log::kError, "Fail to add quarantine rule %s.", text.c_str());

@@ -28,6 +28,11 @@ std::string TextOf(const char* address) {
     return address == nullptr ? "" : address;
 }
 
+bool IsNamedProtocol(int protocol) {
+    return protocol == 0 || protocol == IPPROTO_ICMP || protocol == IPPROTO_ICMPV6 ||
+           protocol == IPPROTO_TCP || protocol == IPPROTO_UDP;
+}
+
 // The lower half of a time. The messages show no more of it.
 int Lower32(std::time_t time) {
     return static_cast<int>(static_cast<uint32_t>(time));
@@ -118,9 +123,15 @@ int QuarantineRule::SetCounter(uint32_t counter) {
 }
 
 int QuarantineRule::ToString(std::string& out) const {
+    const TextFault fault = MakeText(out);
+    LogText(fault, out);
+    return fault == TextFault::None ? 0 : -1;
+}
+
+QuarantineRule::TextFault QuarantineRule::MakeText(std::string& out) const {
     std::string text;
-    if (!AppendFamily(text)) {
-        return -1;
+    if (const TextFault fault = AppendFamily(text); fault != TextFault::None) {
+        return fault;
     }
     if (!m_intruderAddress.empty()) {
         text += " intruder addr " + m_intruderAddress;
@@ -128,63 +139,91 @@ int QuarantineRule::ToString(std::string& out) const {
     if (!m_victimAddress.empty()) {
         text += " victim addr " + m_victimAddress;
     }
-    if (!AppendProtocol(text)) {
-        return -1;
+    if (const TextFault fault = AppendProtocol(text); fault != TextFault::None) {
+        return fault;
     }
     if (m_counter != 0) {
         text += " counter " + std::to_string(m_counter) + "b";
     }
-    if (!AppendExpiration(text)) {
-        return -1;
+    if (const TextFault fault = AppendExpiration(text); fault != TextFault::None) {
+        return fault;
     }
     out = std::move(text);
-    Log::GetInstance()->Write(Log::kDebug, "Quarantine rule constructed: %s", out.c_str());
-    return 0;
+    return TextFault::None;
 }
 
-bool QuarantineRule::AppendFamily(std::string& text) const {
+void QuarantineRule::LogText(TextFault fault, const std::string& text) const {
+    Log& log = *Log::GetInstance();
+    // The protocol comes before the expiration in the text, and so in the log.
+    if (fault != TextFault::IpVersion && fault != TextFault::Protocol &&
+        !IsNamedProtocol(m_protocol)) {
+        log.Write(Log::kInfo, "Unrecognized protocol number %d.", m_protocol);
+    }
+    switch (fault) {
+        case TextFault::None:
+            log.Write(Log::kDebug, "Quarantine rule constructed: %s", text.c_str());
+            break;
+        case TextFault::IpVersion:
+            log.Write(Log::kError, "Unable to produce quarantine rule for IP version %d.",
+                      m_ipVersion);
+            break;
+        case TextFault::Protocol:
+            log.Write(Log::kError, "Invalid IP version (%d) and protocol (%d) combination.",
+                      m_ipVersion, m_protocol);
+            break;
+        case TextFault::NoExpiration:
+            log.Write(Log::kError, "Quarantine rule must have an expiration time.");
+            break;
+        case TextFault::ExpirationTime:
+            log.Write(Log::kError, "Invalid expiration time (%d) for quarantine rule.",
+                      Lower32(m_expiration));
+            break;
+        case TextFault::ExpirationForm:
+            log.Write(
+                Log::kError,
+                "strftime() failed to create expiration time (%d) for quarantine rule in RFC-3339 format.",
+                Lower32(m_expiration));
+            break;
+    }
+}
+
+QuarantineRule::TextFault QuarantineRule::AppendFamily(std::string& text) const {
     switch (m_ipVersion) {
         case kIpv4:
             text += "ip";
-            return true;
+            return TextFault::None;
         case kIpv6:
             text += "ipv6";
-            return true;
+            return TextFault::None;
         default:
-            Log::GetInstance()->Write(
-                Log::kError, "Unable to produce quarantine rule for IP version %d.", m_ipVersion);
-            return false;
+            return TextFault::IpVersion;
     }
 }
 
-bool QuarantineRule::AppendProtocol(std::string& text) const {
+QuarantineRule::TextFault QuarantineRule::AppendProtocol(std::string& text) const {
     switch (m_protocol) {
         case 0:
-            return true;
+            return TextFault::None;
         case IPPROTO_ICMP:
         case IPPROTO_ICMPV6:
             if ((m_protocol == IPPROTO_ICMP) != (m_ipVersion == kIpv4)) {
-                Log::GetInstance()->Write(Log::kError,
-                                          "Invalid IP version (%d) and protocol (%d) combination.",
-                                          m_ipVersion, m_protocol);
-                return false;
+                return TextFault::Protocol;
             }
             text += m_protocol == IPPROTO_ICMP ? " icmp" : " icmpv6";
             AppendIcmpFields(text);
-            return true;
+            return TextFault::None;
         case IPPROTO_TCP:
             text += " tcp";
             AppendPorts(text);
-            return true;
+            return TextFault::None;
         case IPPROTO_UDP:
             text += " udp";
             AppendPorts(text);
-            return true;
+            return TextFault::None;
         default:
             // The security manager takes any protocol by number, so the rule stands.
-            Log::GetInstance()->Write(Log::kInfo, "Unrecognized protocol number %d.", m_protocol);
             text += " proto " + std::to_string(m_protocol);
-            return true;
+            return TextFault::None;
     }
 }
 
@@ -204,26 +243,19 @@ void QuarantineRule::AppendPorts(std::string& text) const {
     text += " dst port " + std::to_string(m_destinationPort);
 }
 
-bool QuarantineRule::AppendExpiration(std::string& text) const {
+QuarantineRule::TextFault QuarantineRule::AppendExpiration(std::string& text) const {
     if (m_expiration == 0) {
-        Log::GetInstance()->Write(Log::kError, "Quarantine rule must have an expiration time.");
-        return false;
+        return TextFault::NoExpiration;
     }
     std::tm utc{};
     if (gmtime_r(&m_expiration, &utc) == nullptr) {
-        Log::GetInstance()->Write(Log::kError, "Invalid expiration time (%d) for quarantine rule.",
-                                  Lower32(m_expiration));
-        return false;
+        return TextFault::ExpirationTime;
     }
     char buffer[255];
     if (std::strftime(buffer, sizeof(buffer), "%Y-%m-%dT%H:%M:%SZ", &utc) == 0) {
-        Log::GetInstance()->Write(
-            Log::kError,
-            "strftime() failed to create expiration time (%d) for quarantine rule in RFC-3339 format.",
-            Lower32(m_expiration));
-        return false;
+        return TextFault::ExpirationForm;
     }
     text += " expires ";
     text += buffer;
-    return true;
+    return TextFault::None;
 }

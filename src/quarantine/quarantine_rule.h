@@ -17,6 +17,16 @@ class QuarantineRule {
   public:
     using Ipv6Bytes = std::span<const uint8_t, 16>;
 
+    // Why a rule cannot be written.
+    enum class TextFault {
+        None,            // it can
+        IpVersion,       // neither 4 nor 6
+        Protocol,        // ICMP of the other IP version
+        NoExpiration,    // no time was set
+        ExpirationTime,  // the time has no calendar date
+        ExpirationForm,  // the date has no text
+    };
+
     // 4 or 6. Returns 0, or -1 for any other number, which leaves the version as it was.
     [[nodiscard]] int SetIpVersion(int version);
 
@@ -49,14 +59,20 @@ class QuarantineRule {
     // which is logged and leaves out as it was. The rule itself never changes.
     [[nodiscard]] int ToString(std::string& out) const;
 
+    // The two halves of ToString, for those who decide before they act. MakeText logs nothing: None
+    // with the text in out, or the fault, which leaves out as it was. LogText logs the lines that
+    // belong to such a result.
+    [[nodiscard]] TextFault MakeText(std::string& out) const;
+    void LogText(TextFault fault, const std::string& text) const;
+
   private:
     static constexpr uint16_t kIcmpFieldNotSet = 0xFFFF;
     static constexpr uint16_t kIcmpFieldMax = 0xFF;  // whatever is above counts as not set
 
-    // Each appends its piece; false when the rule cannot have that piece.
-    bool AppendFamily(std::string& text) const;
-    bool AppendProtocol(std::string& text) const;
-    bool AppendExpiration(std::string& text) const;
+    // Each appends its piece, or says why the rule cannot have it.
+    TextFault AppendFamily(std::string& text) const;
+    TextFault AppendProtocol(std::string& text) const;
+    TextFault AppendExpiration(std::string& text) const;
     void AppendIcmpFields(std::string& text) const;
     void AppendPorts(std::string& text) const;
 

@@ -1,0 +1,193 @@
+#include "events/policy_decision.h"
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <limits>
+#include <list>
+#include <string>
+
+#include "crm/crm_event_source.h"
+#include "support/levelled_log.h"
+#include "support/log_capture.h"
+
+namespace {
+
+using tarn::policy::BlockDecision;
+using tarn::policy::BlockOutcome;
+using tarn::policy::CaptureOutcome;
+using tarn::policy::DecideBlock;
+using tarn::policy::DecideCapture;
+using tarn::policy::DecideQuarantine;
+using tarn::policy::DecideReport;
+using tarn::policy::QuarantineOutcome;
+using TextFault = QuarantineRule::TextFault;
+
+constexpr uint64_t kEventTime = 1794495600;  // 2026-11-12T15:00:00Z
+
+CrmEventSource Source(int version, uint16_t protocol) {
+    CrmEventSource source(version);
+    source.SetIssueId(1100);
+    source.SetEventTime(kEventTime);
+    source.SetProtocol(protocol);
+    source.SetSourceIp(htonl(0x0A000001));
+    source.SetDestinationIp(htonl(0x0A000002));
+    source.SetSourcePort(1025);
+    source.SetDestinationPort(80);
+    source.SetIcmp(8, 3);
+    return source;
+}
+
+BlockDecision Decide(const CrmEventSource& source, uint32_t flags, uint64_t duration = 60) {
+    BlockRule rule;
+    rule.flags = flags;
+    rule.duration = duration;
+    return DecideBlock(source, rule);
+}
+
+TEST(DecideReport, TakesNameResponseFlagsAndSeverityFromTheEntry) {
+    Node entry(7);
+    entry.eventName = "Name";
+    entry.userResponse = "WithRaw, and more of it";
+    entry.userResponseFlags = kUserResponseWithRaw | kUserResponseWithoutRaw;
+    entry.severity = kSeverityHigh;
+    const auto report = DecideReport(8, &entry);
+    EXPECT_EQ("Name", report.eventName);
+    EXPECT_EQ("WithRaw, and more of it", report.userResponse);
+    EXPECT_EQ(kUserResponseWithRaw | kUserResponseWithoutRaw, report.userResponseFlags);
+    EXPECT_EQ(kSeverityHigh, report.severity);
+}
+
+TEST(DecideReport, NamesASignatureWithoutAnEntryByItsNumber) {
+    const auto report = DecideReport(4294967295U, nullptr);
+    EXPECT_EQ("Unknown Snort Event (4294967295)", report.eventName);
+    EXPECT_EQ("DISPLAY:WithoutRaw", report.userResponse);
+    EXPECT_EQ(0u, report.userResponseFlags);
+    EXPECT_EQ(kSeverityLow, report.severity);
+}
+
+TEST(DecideQuarantine, AsksForTheBitOfTheTraffic) {
+    const std::list<BlockRule> rules(1);
+    for (const int protocol : {1, 58}) {
+        EXPECT_EQ(QuarantineOutcome::Considered, DecideQuarantine(protocol, 0x08, rules));
+        EXPECT_EQ(QuarantineOutcome::NoResponse, DecideQuarantine(protocol, 0xF7, rules));
+    }
+    for (const int protocol : {6, 17, 0, 47}) {
+        EXPECT_EQ(QuarantineOutcome::Considered, DecideQuarantine(protocol, 0x04, rules));
+        EXPECT_EQ(QuarantineOutcome::NoResponse, DecideQuarantine(protocol, 0xFB, rules));
+    }
+}
+
+TEST(DecideQuarantine, TellsAnEntryWithoutRulesFromOneWithoutAResponse) {
+    EXPECT_EQ(QuarantineOutcome::NoRules, DecideQuarantine(IPPROTO_TCP, 0x0C, {}));
+    EXPECT_EQ(QuarantineOutcome::NoResponse, DecideQuarantine(IPPROTO_TCP, 0, {}));
+}
+
+TEST(DecideBlock, GivesTheTextAndItsEnd) {
+    const BlockDecision decision =
+        Decide(Source(4, IPPROTO_TCP), kBlockIntruderAddress | kBlockVictimPort, 600);
+    EXPECT_EQ(BlockOutcome::Sent, decision.outcome);
+    EXPECT_EQ("ip intruder addr 10.0.0.1 tcp src port 0 dst port 80 expires 2026-11-12T15:10:00Z",
+              decision.text);
+    EXPECT_EQ(static_cast<std::time_t>(kEventTime + 600), decision.expiration);
+    EXPECT_FALSE(decision.isDefaultEnd);
+    EXPECT_FALSE(decision.lacksIntruder || decision.lacksVictim);
+    EXPECT_EQ(TextFault::None, decision.textFault);
+}
+
+TEST(DecideBlock, EndsAnHourAfterTheEventWithoutADuration) {
+    const BlockDecision decision = Decide(Source(4, IPPROTO_UDP), kBlockVictimAddress, 0);
+    EXPECT_TRUE(decision.isDefaultEnd);
+    EXPECT_EQ("ip victim addr 10.0.0.2 udp src port 0 dst port 0 expires 2026-11-12T16:00:00Z",
+              decision.text);
+}
+
+TEST(DecideBlock, SubnetsStandForTheirAddresses) {
+    const BlockDecision decision =
+        Decide(Source(4, IPPROTO_ICMP), kBlockIntruderSubnet | kBlockVictimSubnet);
+    EXPECT_EQ(
+        kBlockIntruderSubnet | kBlockVictimSubnet | kBlockIntruderAddress | kBlockVictimAddress,
+        decision.flags);
+    EXPECT_EQ("ip intruder addr 10.0.0.1 victim addr 10.0.0.2 icmp expires 2026-11-12T15:01:00Z",
+              decision.text);
+}
+
+TEST(DecideBlock, SaysWhyARuleDoesNotFit) {
+    const CrmEventSource tcp = Source(4, IPPROTO_TCP);
+    const CrmEventSource icmp = Source(4, IPPROTO_ICMP);
+    EXPECT_EQ(BlockOutcome::OtherFamily,
+              Decide(tcp, kBlockIntruderAddress | kBlockIcmpType).outcome);
+    EXPECT_EQ(BlockOutcome::OtherFamily, Decide(tcp, kBlockIcmpCode).outcome);
+    EXPECT_EQ(BlockOutcome::OtherFamily, Decide(icmp, kBlockIntruderPort).outcome);
+    EXPECT_EQ(BlockOutcome::OtherFamily,
+              Decide(icmp, kBlockVictimAddress | kBlockVictimPort).outcome);
+    EXPECT_EQ(BlockOutcome::NothingNamed, Decide(tcp, 0).outcome);
+    EXPECT_EQ(BlockOutcome::NothingNamed, Decide(icmp, kBlockIssue).outcome);
+    EXPECT_EQ("", Decide(tcp, 0).text);
+    EXPECT_EQ(0, Decide(tcp, 0).expiration);
+}
+
+TEST(DecideBlock, SaysWhyARuleHasNoText) {
+    const BlockDecision mixed = Decide(Source(6, IPPROTO_ICMP), kBlockIcmpType);
+    EXPECT_EQ(BlockOutcome::NoText, mixed.outcome);
+    EXPECT_EQ(TextFault::Protocol, mixed.textFault);
+    EXPECT_EQ("", mixed.text);
+
+    const CrmEventSource tcp = Source(4, IPPROTO_TCP);
+    constexpr uint64_t kToTheEnd = std::numeric_limits<uint64_t>::max();
+    const BlockDecision wrapped = Decide(tcp, kBlockVictimPort, kToTheEnd - kEventTime + 1);
+    EXPECT_EQ(BlockOutcome::NoText, wrapped.outcome);
+    EXPECT_EQ(0, wrapped.expiration);
+    EXPECT_EQ(TextFault::NoExpiration, wrapped.textFault);
+
+    const BlockDecision far = Decide(tcp, kBlockVictimPort, uint64_t{1} << 62);
+    EXPECT_EQ(BlockOutcome::NoText, far.outcome);
+    EXPECT_EQ(TextFault::ExpirationTime, far.textFault);
+}
+
+TEST(DecideBlock, AppliesWhereTheRuleFitsThoughItHasNoText) {
+    using tarn::policy::Applies;
+    EXPECT_TRUE(Applies(BlockOutcome::Sent));
+    EXPECT_TRUE(Applies(BlockOutcome::NoText));
+    EXPECT_FALSE(Applies(BlockOutcome::OtherFamily));
+    EXPECT_FALSE(Applies(BlockOutcome::NothingNamed));
+    EXPECT_FALSE(Applies(BlockOutcome::NoAddress));
+    EXPECT_FALSE(Applies(BlockOutcome::NoIpVersion));
+}
+
+TEST(DecideBlock, LogsNothing) {
+    const LogCapture log(5);
+    for (const uint16_t protocol : std::initializer_list<uint16_t>{6, 1, 47}) {
+        for (const int version : {4, 6}) {
+            for (uint32_t flags = 0; flags <= 0x1FF; ++flags) {
+                (void)Decide(Source(version, protocol), flags, 0);
+            }
+            (void)Decide(Source(version, protocol), kBlockIntruderAddress, 0 - kEventTime);
+        }
+    }
+    EXPECT_THAT(log.Messages(), testing::IsEmpty());
+}
+
+TEST(DecideCapture, WantsThePacketOfAnEntryThatAsksForEvidence) {
+    EXPECT_EQ(CaptureOutcome::Requested,
+              DecideCapture(kUserResponseLogEvidence | kUserResponseLogPackets));
+    EXPECT_EQ(CaptureOutcome::NotAsked,
+              DecideCapture(kUserResponseWithRaw | kUserResponseWithoutRaw));
+}
+
+TEST(DecideCapture, KeepsAWordForAScopeFromAskingForPackets) {
+    for (const uint32_t scope :
+         {kUserResponseLogConnection, kUserResponseLogInterface, kUserResponseLogAllInterfaces}) {
+        EXPECT_EQ(CaptureOutcome::ScopeNamed, DecideCapture(kUserResponseLogEvidence | scope));
+    }
+}
+
+TEST(CaptureReport, LabelsTheCopyOnly) {
+    const CrmEventSource source = Source(4, IPPROTO_TCP);
+    const EventReport labelled = tarn::policy::CaptureReport(source);
+    EXPECT_STREQ("SNORT", labelled.userString);
+    EXPECT_EQ(1100u, labelled.issueId);
+    EXPECT_EQ(nullptr, source.GetReport().userString);
+}
+
+}  // namespace
