@@ -31,59 +31,59 @@ static_assert(std::has_unique_object_representations_v<ConnectionKey>);
 
 // One step of both functions: scrambles a word of the key and takes it into a lane.
 constexpr uint32_t kMultiplier = 0x5bd1e995;
-void Mix(uint32_t& uLane, const unsigned char* pWord) {
-    uint32_t uWord = 0;
-    std::memcpy(&uWord, pWord, sizeof uWord);
-    uWord *= kMultiplier;
-    uWord ^= uWord >> 24;
-    uWord *= kMultiplier;
-    uLane = (uLane * kMultiplier) ^ uWord;
+void Mix(uint32_t& lane, const unsigned char* bytes) {
+    uint32_t word = 0;
+    std::memcpy(&word, bytes, sizeof word);
+    word *= kMultiplier;
+    word ^= word >> 24;
+    word *= kMultiplier;
+    lane = (lane * kMultiplier) ^ word;
 }
 
-// The one to three bytes that are left behind the last whole word.
-void MixTail(uint32_t& uLane, const unsigned char* pTail, std::size_t uLength) {
-    if (uLength == 0) {
+// The one to three bytes that are left after the last whole word.
+void MixTail(uint32_t& lane, const unsigned char* tail, std::size_t length) {
+    if (length == 0) {
         return;
     }
-    for (std::size_t i = 0; i < uLength; ++i) {
-        uLane ^= static_cast<uint32_t>(pTail[i]) << (8 * i);
+    for (std::size_t i = 0; i < length; ++i) {
+        lane ^= static_cast<uint32_t>(tail[i]) << (8 * i);
     }
-    uLane *= kMultiplier;
+    lane *= kMultiplier;
 }
 
 }  // namespace
 
-uint64_t MurmurHash64B(const void* pKey, std::size_t uLength, uint64_t uSeed) {
-    const auto* pAt = static_cast<const unsigned char*>(pKey);
-    auto uFirst = static_cast<uint32_t>(uSeed) ^ static_cast<uint32_t>(uLength);
-    auto uSecond = static_cast<uint32_t>(uSeed >> 32);
-    for (; uLength >= 8; uLength -= 8, pAt += 8) {
-        Mix(uFirst, pAt);
-        Mix(uSecond, pAt + 4);
+uint64_t MurmurHash64B(const void* key, std::size_t length, uint64_t seed) {
+    const auto* at = static_cast<const unsigned char*>(key);
+    auto first = static_cast<uint32_t>(seed) ^ static_cast<uint32_t>(length);
+    auto second = static_cast<uint32_t>(seed >> 32);
+    for (; length >= 8; length -= 8, at += 8) {
+        Mix(first, at);
+        Mix(second, at + 4);
     }
-    if (uLength >= 4) {
-        Mix(uFirst, pAt);
-        uLength -= 4;
-        pAt += 4;
+    if (length >= 4) {
+        Mix(first, at);
+        length -= 4;
+        at += 4;
     }
-    MixTail(uSecond, pAt, uLength);
+    MixTail(second, at, length);
 
-    uFirst = (uFirst ^ (uSecond >> 18)) * kMultiplier;
-    uSecond = (uSecond ^ (uFirst >> 22)) * kMultiplier;
-    uFirst = (uFirst ^ (uSecond >> 17)) * kMultiplier;
-    uSecond = (uSecond ^ (uFirst >> 19)) * kMultiplier;
-    return uint64_t{uFirst} << 32 | uSecond;
+    first = (first ^ (second >> 18)) * kMultiplier;
+    second = (second ^ (first >> 22)) * kMultiplier;
+    first = (first ^ (second >> 17)) * kMultiplier;
+    second = (second ^ (first >> 19)) * kMultiplier;
+    return uint64_t{first} << 32 | second;
 }
 
-uint32_t MurmurHash2(const void* pKey, std::size_t uLength, uint32_t uSeed) {
-    const auto* pAt = static_cast<const unsigned char*>(pKey);
-    uint32_t uLane = uSeed ^ static_cast<uint32_t>(uLength);
-    for (; uLength >= 4; uLength -= 4, pAt += 4) {
-        Mix(uLane, pAt);
+uint32_t MurmurHash2(const void* key, std::size_t length, uint32_t seed) {
+    const auto* at = static_cast<const unsigned char*>(key);
+    uint32_t lane = seed ^ static_cast<uint32_t>(length);
+    for (; length >= 4; length -= 4, at += 4) {
+        Mix(lane, at);
     }
-    MixTail(uLane, pAt, uLength);
-    uLane = (uLane ^ (uLane >> 13)) * kMultiplier;
-    return uLane ^ (uLane >> 15);
+    MixTail(lane, at, length);
+    lane = (lane ^ (lane >> 13)) * kMultiplier;
+    return lane ^ (lane >> 15);
 }
 
 uint64_t ConnectionHash(const ConnectionRecord& record) {
@@ -93,26 +93,26 @@ uint64_t ConnectionHash(const ConnectionRecord& record) {
     ConnectionKey key;
     // Deliberate: where the ports are equal the source comes first, so the two directions of such a
     // connection have two hashes. The peer numbers its captures by the same rule.
-    const bool bSourceFirst = record.uSourcePort <= record.uDestinationPort;
+    const bool sourceFirst = record.uSourcePort <= record.uDestinationPort;
     if (record.uProtocol == IPPROTO_TCP || record.uProtocol == IPPROTO_UDP) {
-        const auto [uLower, uHigher] = std::minmax(record.uSourcePort, record.uDestinationPort);
-        key.uFirstPort = static_cast<uint16_t>(uLower);
-        key.uSecondPort = static_cast<uint16_t>(uHigher);
+        const auto [lower, higher] = std::minmax(record.uSourcePort, record.uDestinationPort);
+        key.uFirstPort = static_cast<uint16_t>(lower);
+        key.uSecondPort = static_cast<uint16_t>(higher);
     }
     key.uProtocol = static_cast<uint16_t>(record.uProtocol);
     if (record.uVlanId <= kHighestVlanId) {
         key.uVlanId = static_cast<uint16_t>(record.uVlanId);
     }
     if (record.uEtherType == kEtherTypeIpv4) {
-        key.uFirstIp = bSourceFirst ? record.uSourceIp : record.uDestinationIp;
-        key.uSecondIp = bSourceFirst ? record.uDestinationIp : record.uSourceIp;
-        const auto* const pKey = reinterpret_cast<const unsigned char*>(&key);
-        return MurmurHash64B(pKey + kIpv4Part, sizeof key - kIpv4Part, kConnectionHashSeed);
+        key.uFirstIp = sourceFirst ? record.uSourceIp : record.uDestinationIp;
+        key.uSecondIp = sourceFirst ? record.uDestinationIp : record.uSourceIp;
+        const auto* const bytes = reinterpret_cast<const unsigned char*>(&key);
+        return MurmurHash64B(bytes + kIpv4Part, sizeof key - kIpv4Part, kConnectionHashSeed);
     }
-    const auto& aFirst = bSourceFirst ? record.aSourceIpv6 : record.aDestinationIpv6;
-    const auto& aSecond = bSourceFirst ? record.aDestinationIpv6 : record.aSourceIpv6;
-    std::memcpy(key.aFirstIpv6, aFirst, sizeof key.aFirstIpv6);
-    std::memcpy(key.aSecondIpv6, aSecond, sizeof key.aSecondIpv6);
+    const auto& firstAddress = sourceFirst ? record.aSourceIpv6 : record.aDestinationIpv6;
+    const auto& secondAddress = sourceFirst ? record.aDestinationIpv6 : record.aSourceIpv6;
+    std::memcpy(key.aFirstIpv6, firstAddress, sizeof key.aFirstIpv6);
+    std::memcpy(key.aSecondIpv6, secondAddress, sizeof key.aSecondIpv6);
     return MurmurHash64B(&key, sizeof key, kConnectionHashSeed);
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 // The 64-bit number by which the packet logging interface and its daemon call a connection. Key and
-// hash are told in docs/formats/connection_hash.md.
+// hash are described in docs/formats/connection_hash.md.
 //
 // Threads: any; nothing is shared.
 
@@ -34,5 +34,5 @@ struct ConnectionRecord {
 [[nodiscard]] uint64_t CaptureIdHash(uint64_t uCaptureId);
 
 // The published functions. Words of the key are taken in host byte order.
-[[nodiscard]] uint64_t MurmurHash64B(const void* pKey, std::size_t uLength, uint64_t uSeed);
-[[nodiscard]] uint32_t MurmurHash2(const void* pKey, std::size_t uLength, uint32_t uSeed);
+[[nodiscard]] uint64_t MurmurHash64B(const void* key, std::size_t length, uint64_t seed);
+[[nodiscard]] uint32_t MurmurHash2(const void* key, std::size_t length, uint32_t seed);

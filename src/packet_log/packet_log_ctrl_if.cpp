@@ -26,16 +26,16 @@ constexpr useconds_t kRetryMicroseconds = 1000;
 constexpr std::size_t kFixedPieces = 3;  // of a datagram: the message, its zeros, the payload
 
 // The bytes of a packet that follow the datagram's 128.
-uint32_t PayloadBytes(const LogControlMessage* pMessage, const uint8_t* pPayload) {
+uint32_t PayloadBytes(const LogControlMessage* message, const uint8_t* payload) {
     constexpr std::size_t kAt = offsetof(LogControlMessage_OffendingPacketCapture, iCapturedSize);
-    int32_t iCapturedSize = 0;
-    if (pMessage->uType != kOffendingPacketCapture || pPayload == nullptr ||
-        pMessage->uLength < kAt + sizeof iCapturedSize) {
+    int32_t capturedSize = 0;
+    if (message->uType != kOffendingPacketCapture || payload == nullptr ||
+        message->uLength < kAt + sizeof capturedSize) {
         return 0;
     }
-    std::memcpy(&iCapturedSize, reinterpret_cast<const std::byte*>(pMessage) + kAt,
-                sizeof iCapturedSize);
-    return iCapturedSize >= 1 ? static_cast<uint32_t>(iCapturedSize) : 0;
+    std::memcpy(&capturedSize, reinterpret_cast<const std::byte*>(message) + kAt,
+                sizeof capturedSize);
+    return capturedSize >= 1 ? static_cast<uint32_t>(capturedSize) : 0;
 }
 
 // A socket whose number says that it is open: 0 stands for a closed one. -1 with errno.
@@ -57,16 +57,16 @@ PacketLogCtrlIF* PacketLogCtrlIF::m_pInstance = nullptr;
 std::atomic<int32_t> PacketLogCtrlIF::m_iRefCount{0};
 std::mutex PacketLogCtrlIF::s_CounterMutex;
 LOCK_FREE_HASH_MAP* PacketLogCtrlIF::m_pConnHashMap = nullptr;
-pthread_mutex_t PacketLogCtrlIF::s_LEInterfacesMutex = PTHREAD_MUTEX_INITIALIZER;
+std::mutex PacketLogCtrlIF::s_LEInterfacesMutex;
 
 PacketLogCtrlIF::PacketLogCtrlIF() {
-    m_rpcApplied.head.uType = kConfigureRollingPacketCapture;
-    m_rpcApplied.uFileFormat = kFormatPcap;
-    m_rpcPending = m_rpcApplied;
-    m_dpcApplied.head.uType = kConfigureDropPacketCapture;
-    m_dpcApplied.uMaxFiles = 1000;
-    m_dpcApplied.uMaxFileSize = 500;
-    m_dpcPending = m_dpcApplied;
+    m_rpc.pending.head.uType = kConfigureRollingPacketCapture;
+    m_rpc.pending.uFileFormat = kFormatPcap;
+    m_rpc.applied = m_rpc.pending;
+    m_dpc.pending.head.uType = kConfigureDropPacketCapture;
+    m_dpc.pending.uMaxFiles = 1000;
+    m_dpc.pending.uMaxFileSize = 500;
+    m_dpc.applied = m_dpc.pending;
     SetDestination(tarn::paths::kPacketLogSocket);
     if (m_pConnHashMap == nullptr) {
         m_pConnHashMap = new LOCK_FREE_HASH_MAP;
@@ -75,7 +75,7 @@ PacketLogCtrlIF::PacketLogCtrlIF() {
 }
 
 PacketLogCtrlIF::~PacketLogCtrlIF() {
-    const CancellationOff whole;  // a cancel must not unwind out of a destructor
+    const CancellationOff off;  // a cancel must not unwind out of a destructor
     Shutdown();
     delete m_pConnHashMap;
     m_pConnHashMap = nullptr;
@@ -94,25 +94,25 @@ PacketLogCtrlIF* PacketLogCtrlIF::GetInstance() {
 
 int32_t PacketLogCtrlIF::Release() {
     const std::lock_guard lock(s_CounterMutex);
-    const int32_t iRemaining = m_iRefCount.fetch_sub(1, std::memory_order_relaxed) - 1;
-    if (iRemaining == 0) {
-        PacketLogCtrlIF* const pInstance = m_pInstance;
+    const int32_t remaining = m_iRefCount.fetch_sub(1, std::memory_order_relaxed) - 1;
+    if (remaining == 0) {
+        PacketLogCtrlIF* const instance = m_pInstance;
         m_pInstance = nullptr;
-        delete pInstance;
+        delete instance;
     }
-    return iRemaining;
+    return remaining;
 }
 
 uint32_t PacketLogCtrlIF::ConnectionCount() {
     return m_pConnHashMap != nullptr ? m_pConnHashMap->NodeCount() : 0;
 }
 
-void PacketLogCtrlIF::SetDestination(const char* szPath) {
-    const std::size_t uBytes = strnlen(szPath, sizeof m_sockAddr.sun_path);
+void PacketLogCtrlIF::SetDestination(const char* path) {
+    const std::size_t bytes = strnlen(path, sizeof m_sockAddr.sun_path);
     m_sockAddr = {};
     m_sockAddr.sun_family = AF_UNIX;
-    std::memcpy(m_sockAddr.sun_path, szPath, uBytes);
-    m_uSockAddrLen = static_cast<uint32_t>(offsetof(sockaddr_un, sun_path) + uBytes);
+    std::memcpy(m_sockAddr.sun_path, path, bytes);
+    m_uSockAddrLen = static_cast<uint32_t>(offsetof(sockaddr_un, sun_path) + bytes);
 }
 
 int32_t PacketLogCtrlIF::OpenControlChannel() {
@@ -146,31 +146,32 @@ int32_t PacketLogCtrlIF::Initialize() {
     Log::GetInstance()->Write(Log::kDebug, "Log evidence throttling set to to %d seconds.",
                               static_cast<int>(m_uSuppressSeconds));
     SizeSendBuffer();
-    m_uLEInterfaceMask.exchange(m_iRpcEnabledPending == 1 ? m_rpcPending.uInterfaces : 0);
-    // What the daemon misses it learns at the next reload, and every send counts its own failures.
+    m_uLEInterfaceMask.exchange(m_rpc.enabledPending == 1 ? m_rpc.pending.uInterfaces : 0);
+    // The daemon is sent again at the next reload what it misses now, and every send counts its own
+    // failures.
     (void)SendBare(kEngineStarting);
     (void)ApplyDpcSettings();
     return ApplyRpcSettings();
 }
 
 void PacketLogCtrlIF::SizeSendBuffer() const {
-    Log* const pLog = Log::GetInstance();
-    const int iWanted = static_cast<int>(m_uBufferCtrlSize);
-    // While sending is off there is no socket, and descriptor 0 belongs to somebody else.
+    Log* const log = Log::GetInstance();
+    const int wanted = static_cast<int>(m_uBufferCtrlSize);
+    // While sending is disabled there is no socket, and descriptor 0 belongs to somebody else.
     if (m_iSocket == 0 ||
-        setsockopt(m_iSocket, SOL_SOCKET, SO_SNDBUF, &iWanted, sizeof iWanted) != 0) {
-        pLog->Write(
+        setsockopt(m_iSocket, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted) != 0) {
+        log->Write(
             Log::kDebug,
             "Failed setting log evidence control channel size to %d.  System will operate normally.",
-            iWanted);
+            wanted);
         return;
     }
-    int iAdjusted = 0;
-    socklen_t uBytes = sizeof iAdjusted;
-    if (getsockopt(m_iSocket, SOL_SOCKET, SO_SNDBUF, &iAdjusted, &uBytes) == 0) {
-        pLog->Write(Log::kDebug,
-                    "After adjustment, the log evidnece control channel size was set to %d.",
-                    iAdjusted);
+    int adjusted = 0;
+    socklen_t bytes = sizeof adjusted;
+    if (getsockopt(m_iSocket, SOL_SOCKET, SO_SNDBUF, &adjusted, &bytes) == 0) {
+        log->Write(Log::kDebug,
+                   "After adjustment, the log evidnece control channel size was set to %d.",
+                   adjusted);
     }
 }
 
@@ -178,67 +179,67 @@ void PacketLogCtrlIF::Shutdown() {
     if (m_iSocket == 0) {
         return;
     }
-    (void)SendBare(kEngineShuttingDown);  // a daemon that is gone needs no good-bye
+    (void)SendBare(kEngineShuttingDown);  // a daemon that is gone needs no message
     close(m_iSocket);
     m_iSocket = 0;
 }
 
-int32_t PacketLogCtrlIF::SendControlMessage(const LogControlMessage* pMessage,
-                                            const uint8_t* pPayload, uint32_t uNow,
-                                            uint32_t uHeldBytes) {
+int32_t PacketLogCtrlIF::SendControlMessage(const LogControlMessage* message,
+                                            const uint8_t* payload, uint32_t now,
+                                            uint32_t heldBytes) {
     if (!m_bEnabled) {
         return 0;
     }
-    if (pMessage->uLength > kControlDatagramBytes) {
+    if (message->uLength > kControlDatagramBytes) {
         Log::GetInstance()->Write(
             Log::kError,
             "Message type %d not being sent.  It exceeds the allowable length of %d by %d bytes.",
-            static_cast<int>(pMessage->uType), static_cast<int>(kControlDatagramBytes),
-            static_cast<int>(pMessage->uLength - kControlDatagramBytes));
+            static_cast<int>(message->uType), static_cast<int>(kControlDatagramBytes),
+            static_cast<int>(message->uLength - kControlDatagramBytes));
         return kTooLong;
     }
     m_uAttempted.fetch_add(1, std::memory_order_relaxed);
-    // Deliberate: a notice passes in the quiet period, since the daemon must learn that a capture
-    // goes on or it ends one that is still wanted.
-    if (IsQuiet(uNow) && pMessage->uType != kConnectionCaptureNotice) {
+    // Deliberate: a notice is sent in the quiet period as well. Without it the daemon would end a
+    // capture that is still wanted.
+    if (IsQuiet(now) && message->uType != kConnectionCaptureNotice) {
         m_uThrottled.fetch_add(1, std::memory_order_relaxed);
         return kThrottled;
     }
 
-    const uint32_t uPayloadBytes = PayloadBytes(pMessage, pPayload);
-    int error = TrySend(pMessage, pPayload, uPayloadBytes, uHeldBytes);
+    const uint32_t payloadBytes = PayloadBytes(message, payload);
+    int error = TrySend(message, payload, payloadBytes, heldBytes);
     if (error != 0) {
         usleep(kRetryMicroseconds);
-        error = TrySend(pMessage, pPayload, uPayloadBytes, uHeldBytes);
+        error = TrySend(message, payload, payloadBytes, heldBytes);
     }
     if (error != 0) {
-        if (uNow != 0) {
-            m_uLastFailTime.store(uNow, std::memory_order_relaxed);
+        if (now != 0) {
+            m_uLastFailTime.store(now, std::memory_order_relaxed);
         }
-        CountFailure(pMessage->uType);
+        CountFailure(message->uType);
     }
     return error;
 }
 
-// Unsigned, so that a packet from before the failure is held to be long after it. Deliberate:
-// before any failure the first seconds of time count as quiet; no packet of a working clock lies
-// there.
-bool PacketLogCtrlIF::IsQuiet(uint32_t uNow) const {
-    return uNow != 0 && uNow - m_uLastFailTime.load(std::memory_order_relaxed) < m_uSuppressSeconds;
+// The difference is unsigned, so a packet from before the failure counts as one from long after it.
+// Deliberate: before any failure the first seconds of the epoch count as quiet. No packet of a
+// working clock has such a time.
+bool PacketLogCtrlIF::IsQuiet(uint32_t now) const {
+    return now != 0 && now - m_uLastFailTime.load(std::memory_order_relaxed) < m_uSuppressSeconds;
 }
 
 // The datagram gathered from where its pieces are. 0, or the errno, which has been logged.
-int PacketLogCtrlIF::TrySend(const LogControlMessage* pMessage, const uint8_t* pPayload,
-                             uint32_t uPayloadBytes, uint32_t uHeldBytes) const {
+int PacketLogCtrlIF::TrySend(const LogControlMessage* message, const uint8_t* payload,
+                             uint32_t payloadBytes, uint32_t heldBytes) const {
     static_assert(kControlDatagramBytes <= kZeroBlockBytes);
-    const uint32_t uHeld = std::min(uPayloadBytes, uHeldBytes);
+    const uint32_t held = std::min(payloadBytes, heldBytes);
     // The kernel only reads what a piece points at; the type of a piece cannot say so. The array is
     // not initialised, since all but the first pieces serve lying lengths only.
     std::array<iovec, kFixedPieces + kMostZeroPieces> pieces;
-    pieces[0] = {const_cast<LogControlMessage*>(pMessage), pMessage->uLength};
-    pieces[1] = {const_cast<std::byte*>(ZeroBlock()), kControlDatagramBytes - pMessage->uLength};
-    pieces[2] = {const_cast<uint8_t*>(pPayload), uHeld};
-    const auto end = GatherZeros(uPayloadBytes - uHeld, pieces.begin() + kFixedPieces);
+    pieces[0] = {const_cast<LogControlMessage*>(message), message->uLength};
+    pieces[1] = {const_cast<std::byte*>(ZeroBlock()), kControlDatagramBytes - message->uLength};
+    pieces[2] = {const_cast<uint8_t*>(payload), held};
+    const auto end = GatherZeros(payloadBytes - held, pieces.begin() + kFixedPieces);
     msghdr datagram{};
     datagram.msg_name = const_cast<sockaddr_un*>(&m_sockAddr);
     datagram.msg_namelen = m_uSockAddrLen;
@@ -253,40 +254,40 @@ int PacketLogCtrlIF::TrySend(const LogControlMessage* pMessage, const uint8_t* p
         Log::GetInstance()->Write(
             Log::kDebug,
             "Error sending control message of type %d to the packet logging daemon.  Message: %s",
-            static_cast<int>(pMessage->uType), std::strerror(error));
+            static_cast<int>(message->uType), std::strerror(error));
     }
     return error;
 }
 
-void PacketLogCtrlIF::CountFailure(uint32_t uType) {
-    std::atomic<uint32_t>* pCounter = nullptr;
-    switch (uType) {
+void PacketLogCtrlIF::CountFailure(uint32_t type) {
+    std::atomic<uint32_t>* counter = nullptr;
+    switch (type) {
         case kNewConnectionCapture:
-            pCounter = &m_uFailNewConnection;
+            counter = &m_uFailNewConnection;
             break;
         case kInterfaceCapture:
-            pCounter = &m_uFailInterfaceCapture;
+            counter = &m_uFailInterfaceCapture;
             break;
         case kOffendingPacketCapture:
-            pCounter = &m_uFailOffendingPacket;
+            counter = &m_uFailOffendingPacket;
             break;
         case kConfigureRollingPacketCapture:
-            pCounter = &m_uFailConfigureRolling;
+            counter = &m_uFailConfigureRolling;
             break;
         case kStartDropPacketCapture:
-            pCounter = &m_uFailStartDrop;
+            counter = &m_uFailStartDrop;
             break;
         case kConnectionCaptureNotice:
-            pCounter = &m_uFailConnectionNotice;
+            counter = &m_uFailConnectionNotice;
             break;
         default:
             return;
     }
-    pCounter->fetch_add(1, std::memory_order_relaxed);
+    counter->fetch_add(1, std::memory_order_relaxed);
 }
 
-int32_t PacketLogCtrlIF::SendBare(LogControlType eType) {
-    const LogControlMessage message{eType, sizeof message};
+int32_t PacketLogCtrlIF::SendBare(LogControlType type) {
+    const LogControlMessage message{type, sizeof message};
     return SendControlMessage(&message, nullptr, 0);
 }
 

@@ -1,12 +1,15 @@
 // The requests of PacketLogCtrlIF, one operation each: what goes into a message, and what a request
 // that went out changes here.
 
+#include <netinet/in.h>
+
 #include <cstring>
 
 #include "logging/log.h"
 #include "packet_log/connection_hash.h"
 #include "packet_log/connection_table.h"
 #include "packet_log/packet_log_ctrl_if.h"
+#include "packet_log/packet_words.h"
 
 using vald::Log;
 
@@ -14,81 +17,76 @@ namespace PacketLogCtrl {
 namespace {
 
 constexpr uint32_t kFlowEventType = 4;  // its flow id names the connection
-constexpr uint16_t kTcp = 6;
 
-// The space behind the text stays zero. Deliberate: a text that fills it has no NUL; the packet
-// logging daemon reads the field by its size.
-void CopyText(char* szTo, std::size_t uLimit, const char* szFrom) {
-    if (szFrom != nullptr) {
-        std::memcpy(szTo, szFrom, strnlen(szFrom, uLimit));
+// The space after the text stays zero. Deliberate: a text that fills the field has no NUL, because
+// the packet logging daemon reads the field by its size.
+void CopyText(char* to, std::size_t limit, const char* from) {
+    if (from != nullptr) {
+        std::memcpy(to, from, strnlen(from, limit));
     }
 }
 
 }  // namespace
 
-void PacketLogCtrlIF::SendOffendingPacketCapture(const EventReport* pReport,
-                                                 const PacketInfo* pPacket, uint32_t uPacketHash,
-                                                 uint32_t uHeldBytes) {
-    LogControlMessage_OffendingPacketCapture message;
-    if (pReport != nullptr) {
-        message.uEventID = pReport->issueId;
-        CopyText(message.szUserString, kUserStringBytes, pReport->userString);
-    }
+template <typename Message>
+void PacketLogCtrlIF::PutEvidenceFiles(Message& message) const {
     message.uFileFormat = m_uEvidenceFormat;
     message.uMaxFiles = m_uEvidenceMaxFiles;
     message.uMaxFileSize = m_uEvidenceMaxKBytes;
-    const uint8_t* pData = nullptr;
-    if (pPacket != nullptr) {
-        message.uPacketLength = pPacket->uPacketLength;
-        message.iCapturedSize = pPacket->iCapturedSize;
-        message.uSeconds = pPacket->uSeconds;
-        message.uMicroseconds = pPacket->uMicroseconds;
-        message.uFrameNumber = pPacket->uFrameNumber;
-        message.uReserved = pPacket->uReserved;
-        message.uFlags = pPacket->uFlags;
-        message.uAdapterID = pPacket->uAdapterID;
-        pData = pPacket->pData;
-    }
-    message.uPacketHash = uPacketHash;
-    // It counts its failures.
-    (void)SendControlMessage(&message.head, pData, message.uSeconds, uHeldBytes);
 }
 
-int32_t PacketLogCtrlIF::SendNewConnectionCapture(const EventReport* pReport,
-                                                  const PacketInfo* pPacket, bool& bNewCapture,
-                                                  uint16_t& uCaptureId, uint64_t& uConnectionID) {
-    if (uConnectionID != 0) {
+void PacketLogCtrlIF::SendOffendingPacketCapture(const EventReport* report,
+                                                 const PacketInfo* packet, uint32_t packetHash,
+                                                 uint32_t heldBytes) {
+    LogControlMessage_OffendingPacketCapture message;
+    if (report != nullptr) {
+        message.uEventID = report->issueId;
+        CopyText(message.szUserString, kUserStringBytes, report->userString);
+    }
+    PutEvidenceFiles(message);
+    const uint8_t* data = nullptr;
+    if (packet != nullptr) {
+        CopyPacketWords(*packet, message);
+        data = packet->pData;
+    }
+    message.uPacketHash = packetHash;
+    // It counts its failures.
+    (void)SendControlMessage(&message.head, data, message.uSeconds, heldBytes);
+}
+
+int32_t PacketLogCtrlIF::SendNewConnectionCapture(const EventReport* report,
+                                                  const PacketInfo* packet, bool& bNewCapture,
+                                                  uint16_t& uCaptureId, uint64_t& connectionId) {
+    if (connectionId != 0) {
         m_uRepeatConnections.fetch_add(1, std::memory_order_relaxed);
     }
     uCaptureId = 0;
     bNewCapture = false;
-    if (pReport == nullptr) {
+    if (report == nullptr) {
         return 1;
     }
     LogControlMessage_NewConnectionCapture message;
-    message.uFileFormat = m_uEvidenceFormat;
-    message.uMaxFiles = m_uEvidenceMaxFiles;
-    message.uMaxFileSize = m_uEvidenceMaxKBytes;
-    message.uSeconds = pPacket != nullptr ? pPacket->uSeconds : 0;
-    message.uEventID = pReport->issueId;
+    PutEvidenceFiles(message);
+    message.uSeconds = packet != nullptr ? packet->uSeconds : 0;
+    message.uEventID = report->issueId;
     message.uPacketSaveCount = m_uEvidenceCount;
-    CopyText(message.szUserString, kUserStringBytes, pReport->userString);
+    CopyText(message.szUserString, kUserStringBytes, report->userString);
 
-    if (pReport->eventType != kFlowEventType && pReport->ipProtocol == kTcp) {
-        if (uConnectionID == 0) {
+    if (report->eventType != kFlowEventType && report->ipProtocol == IPPROTO_TCP) {
+        if (connectionId == 0) {
             bNewCapture = true;
             uCaptureId = m_uNextCaptureId.fetch_add(1, std::memory_order_relaxed);
-            uConnectionID = CaptureIdHash(uCaptureId);
+            connectionId = CaptureIdHash(uCaptureId);
         }
-        message.uConnectionID = uConnectionID;
+        message.uConnectionID = connectionId;
         return SendControlMessage(&message.head, nullptr, message.uSeconds) != 0 ? 1 : 0;
     }
 
     // Deliberate: without a flow id the hash names the connection, whatever the caller holds.
-    if (pReport->flow_id == 0) {
-        message.uConnectionID = ConnectionHash(*pReport);
+    if (report->flow_id == 0) {
+        message.uConnectionID = ConnectionHash(*report);
     } else {
-        message.uConnectionID = uConnectionID != 0 ? uConnectionID : pReport->flow_id;
+        message.uConnectionID = connectionId != 0 ? connectionId : report->flow_id;
     }
     if (message.uConnectionID == 0) {
         return 0;
@@ -96,95 +94,93 @@ int32_t PacketLogCtrlIF::SendNewConnectionCapture(const EventReport* pReport,
     if (SendControlMessage(&message.head, nullptr, message.uSeconds) != 0) {
         return 1;
     }
-    uint32_t uRemaining = m_uEvidenceCount;
-    if (uConnectionID == 0) {
-        uConnectionID = message.uConnectionID;
-        --uRemaining;  // the packet at hand
+    uint32_t remaining = m_uEvidenceCount;
+    if (connectionId == 0) {
+        connectionId = message.uConnectionID;
+        --remaining;  // the packet at hand
     }
-    (void)m_pConnHashMap->Insert(message.uConnectionID, message.uSeconds, uRemaining);
+    (void)m_pConnHashMap->Insert(message.uConnectionID, message.uSeconds, remaining);
     return 0;
 }
 
-bool PacketLogCtrlIF::LookupConnection(uint64_t uConnectionID, uint32_t uNow) {
-    return m_pConnHashMap->Update(uConnectionID, uNow, 0);
+bool PacketLogCtrlIF::LookupConnection(uint64_t connectionId, uint32_t now) {
+    return m_pConnHashMap->Update(connectionId, now, 0);
 }
 
-int32_t PacketLogCtrlIF::SendInterfaceCapture(uint32_t uInterface, uint32_t uEventID, uint32_t uNow,
-                                              const char* szUserString) {
+int32_t PacketLogCtrlIF::SendInterfaceCapture(uint32_t interface, uint32_t eventId, uint32_t now,
+                                              const char* userString) {
     LogControlMessage_InterfaceCapture message;
-    message.uFileFormat = m_uEvidenceFormat;
-    message.uMaxFiles = m_uEvidenceMaxFiles;
-    message.uMaxFileSize = m_uEvidenceMaxKBytes;
-    message.uSeconds = uNow;
-    message.uEventID = uEventID;
+    PutEvidenceFiles(message);
+    message.uSeconds = now;
+    message.uEventID = eventId;
     message.uPacketSaveCount = m_uEvidenceCount;
     message.uInterfaces =
-        uInterface == kAllInterfaces ? kAllInterfaces : uint32_t{1} << (uInterface % 32);
-    CopyText(message.szUserString, kUserStringBytes, szUserString);
-    const int32_t iResult = SendControlMessage(&message.head, nullptr, uNow);
-    if (iResult != 0 || pthread_mutex_lock(&s_LEInterfacesMutex) != 0) {
-        return iResult;
+        interface == kAllInterfaces ? kAllInterfaces : uint32_t{1} << (interface % 32);
+    CopyText(message.szUserString, kUserStringBytes, userString);
+    const int32_t result = SendControlMessage(&message.head, nullptr, now);
+    if (result != 0) {
+        return result;
     }
-    if (uInterface == kAllInterfaces) {
-        for (uint32_t uEach = 0; uEach < kInterfaceCount; ++uEach) {
-            RaiseInterfaceCount(uEach);
+    const std::lock_guard lock(s_LEInterfacesMutex);
+    if (interface == kAllInterfaces) {
+        for (uint32_t each = 0; each < kInterfaceCount; ++each) {
+            RaiseInterfaceCount(each);
         }
-    } else if (uInterface < kInterfaceCount) {
-        RaiseInterfaceCount(uInterface);
+    } else if (interface < kInterfaceCount) {
+        RaiseInterfaceCount(interface);
     }
-    pthread_mutex_unlock(&s_LEInterfacesMutex);
-    return iResult;
+    return result;
 }
 
-// The lock keeps other raisers out and not the consumers, so the result is looked at once more.
-void PacketLogCtrlIF::RaiseInterfaceCount(uint32_t uInterface) {
-    std::atomic<int32_t>& count = m_aLEInterfaces[uInterface];
-    const auto iTarget = static_cast<int32_t>(m_uEvidenceCount);
-    int32_t iSeen = count.load(std::memory_order_relaxed);
-    for (int iPass = 0; iPass < 2 && iSeen < iTarget; ++iPass) {
-        const int32_t iMissing = iTarget - iSeen;
-        iSeen = count.fetch_add(iMissing, std::memory_order_relaxed) + iMissing;
+// The lock keeps other raisers out but not the consumers, so the result is checked once more.
+void PacketLogCtrlIF::RaiseInterfaceCount(uint32_t interface) {
+    std::atomic<int32_t>& count = m_aLEInterfaces[interface];
+    const auto target = static_cast<int32_t>(m_uEvidenceCount);
+    int32_t seen = count.load(std::memory_order_relaxed);
+    for (int pass = 0; pass < 2 && seen < target; ++pass) {
+        const int32_t missing = target - seen;
+        seen = count.fetch_add(missing, std::memory_order_relaxed) + missing;
     }
 }
 
-int32_t PacketLogCtrlIF::SendInterfaceCaptureSettings(uint32_t /*uUnused*/, uint32_t uInterfaces,
-                                                      uint32_t uPacketSaveCount) {
+int32_t PacketLogCtrlIF::SendInterfaceCaptureSettings(uint32_t /*unused*/, uint32_t interfaces,
+                                                      uint32_t saveCount) {
     LogControlMessage_InterfaceCapture message;
     message.uFileFormat = kFormatPcap;
     message.uMaxFiles = m_uEvidenceMaxFiles;
     message.uMaxFileSize = m_uEvidenceMaxKBytes;
-    message.uPacketSaveCount = uPacketSaveCount;
-    message.uInterfaces = uInterfaces;
+    message.uPacketSaveCount = saveCount;
+    message.uInterfaces = interfaces;
     return SendControlMessage(&message.head, nullptr, 0);
 }
 
-int32_t PacketLogCtrlIF::ConsumeInterfaceCount(uint32_t uInterface) {
-    if (uInterface >= kInterfaceCount) {
+int32_t PacketLogCtrlIF::ConsumeInterfaceCount(uint32_t interface) {
+    if (interface >= kInterfaceCount) {
         return 0;
     }
     // The count is taken down only from above 0. Were it taken down first and mended afterwards,
     // two threads that meet at 0 would leave it below for good, and later captures would be cut
     // short.
-    std::atomic<int32_t>& count = m_aLEInterfaces[uInterface];
-    int32_t iSeen = count.load(std::memory_order_relaxed);
-    while (iSeen > 0) {
-        if (count.compare_exchange_weak(iSeen, iSeen - 1, std::memory_order_relaxed)) {
-            return iSeen - 1;
+    std::atomic<int32_t>& count = m_aLEInterfaces[interface];
+    int32_t seen = count.load(std::memory_order_relaxed);
+    while (seen > 0) {
+        if (count.compare_exchange_weak(seen, seen - 1, std::memory_order_relaxed)) {
+            return seen - 1;
         }
     }
     return 0;
 }
 
-int32_t PacketLogCtrlIF::SendConnectionCaptureNotice(uint64_t uConnectionID, uint32_t uNow) {
+int32_t PacketLogCtrlIF::SendConnectionCaptureNotice(uint64_t connectionId, uint32_t now) {
     LogControlMessage_ConnectionCaptureNotice message;
-    message.uConnectionID = uConnectionID;
-    message.uSeconds = uNow;
-    return SendControlMessage(&message.head, nullptr, uNow);
+    message.uConnectionID = connectionId;
+    message.uSeconds = now;
+    return SendControlMessage(&message.head, nullptr, now);
 }
 
-int32_t PacketLogCtrlIF::SendText(const char* szText) {
+int32_t PacketLogCtrlIF::SendText(const char* text) {
     LogControlMessage_Text message;
-    CopyText(message.szText, kTextLimit, szText);
+    CopyText(message.szText, kTextLimit, text);
     return SendControlMessage(&message.head, nullptr, 0);
 }
 
@@ -201,8 +197,8 @@ int32_t PacketLogCtrlIF::SendReloadEventsMessage() {
     return SendBare(kReloadEvents);
 }
 
-uint32_t PacketLogCtrlIF::CountFrameNotSent(uint32_t uFrame) {
-    m_uLastFrameNotSent.store(uFrame, std::memory_order_relaxed);
+uint32_t PacketLogCtrlIF::CountFrameNotSent(uint32_t frame) {
+    m_uLastFrameNotSent.store(frame, std::memory_order_relaxed);
     return m_uFramesNotSent.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 

@@ -17,41 +17,49 @@ char Lower(char c) {
 }
 
 // What follows the prefix of a setting's name, or null when it has another one.
-const char* KeyAfter(const char* szPrefix, const char* szName) {
-    if (szName == nullptr) {
+const char* KeyAfter(const char* prefix, const char* name) {
+    if (name == nullptr) {
         return nullptr;
     }
-    for (; *szPrefix != '\0'; ++szPrefix, ++szName) {
-        if (Lower(*szName) != *szPrefix) {
+    for (; *prefix != '\0'; ++prefix, ++name) {
+        if (Lower(*name) != *prefix) {
             return nullptr;
         }
     }
-    return szName;
+    return name;
 }
 
 constexpr const char* kDropLog = "engine.droplog.";
 constexpr const char* kRolling = "engine.rollpktcap.";
 constexpr const char* kEvidence = "engine.logevidence.";
 
-// One letter of a key; the NUL for all that lie behind its end.
-char Letter(const char* szKey, std::size_t uAt) {
-    return strnlen(szKey, uAt) == uAt ? szKey[uAt] : '\0';
+// One letter of a key; NUL after its end.
+char Letter(const char* key, std::size_t at) {
+    return strnlen(key, at) == at ? key[at] : '\0';
 }
 
-bool BeginsWith(const char* szValue, char cLetter) {
-    return szValue != nullptr && Lower(szValue[0]) == cLetter;
+bool BeginsWith(const char* value, char letter) {
+    return value != nullptr && Lower(value[0]) == letter;
 }
 
 // One bit for each letter, A being the lowest.
-uint32_t InterfaceMask(const char* szLetters) {
-    uint32_t uMask = 0;
-    for (; szLetters != nullptr && *szLetters != '\0'; ++szLetters) {
-        const char cLetter = Lower(*szLetters);
-        if (cLetter >= 'a' && cLetter <= 'z') {
-            uMask |= uint32_t{1} << (cLetter - 'a');
+uint32_t InterfaceMask(const char* letters) {
+    uint32_t mask = 0;
+    for (; letters != nullptr && *letters != '\0'; ++letters) {
+        const char letter = Lower(*letters);
+        if (letter >= 'a' && letter <= 'z') {
+            mask |= uint32_t{1} << (letter - 'a');
         }
     }
-    return uMask;
+    return mask;
+}
+
+uint32_t FormatOf(const char* value) {
+    return BeginsWith(value, 'p') ? kFormatPcap : 0;
+}
+
+int32_t StateOf(const char* value) {
+    return BeginsWith(value, 't') ? 1 : 0;
 }
 
 bool Differ(const LogControlMessage_CaptureSettings& one,
@@ -66,181 +74,179 @@ bool AreComplete(const LogControlMessage_CaptureSettings& settings) {
 
 }  // namespace
 
-// Deliberate: names are told apart by a prefix and single letters, so that another spelling of a
-// setting is taken for it. Engines name their settings differently and mean the same.
-int32_t PacketLogCtrlIF::SetIntParameter(const char* szName, uint32_t uValue) {
-    if (const char* const szKey = KeyAfter(kDropLog, szName)) {
-        return SetDropLogInt(szKey, uValue);
+// What the two captures differ in when they are applied.
+struct PacketLogCtrlIF::CaptureMessages {
+    LogControlType start;
+    LogControlType end;
+    const char* configNotSent;
+    const char* stateNotSent;
+};
+
+// Deliberate: a name is recognised by its prefix and single letters, so another spelling of a
+// setting is accepted as well. Engines name their settings differently and mean the same.
+int32_t PacketLogCtrlIF::SetIntParameter(const char* name, uint32_t value) {
+    if (const char* const key = KeyAfter(kDropLog, name)) {
+        return SetDropLogInt(key, value);
     }
-    if (const char* const szKey = KeyAfter(kRolling, szName)) {
-        return SetRollingInt(szKey, uValue);
+    if (const char* const key = KeyAfter(kRolling, name)) {
+        return SetRollingInt(key, value);
     }
-    if (const char* const szKey = KeyAfter(kEvidence, szName)) {
-        return SetEvidenceInt(szKey, uValue);
+    if (const char* const key = KeyAfter(kEvidence, name)) {
+        return SetEvidenceInt(key, value);
     }
     return 0;
 }
 
-int32_t PacketLogCtrlIF::SetDropLogInt(const char* szKey, uint32_t uValue) {
-    if (Lower(szKey[0]) == 'm') {
-        uint32_t& uSize =
-            Lower(Letter(szKey, 3)) == 'k' ? m_dpcPending.uMaxFileSize : m_dpcPending.uMaxFiles;
-        // Deliberate: a size of 0 is no size, and the setting counts as known all the same.
-        if (uValue != 0) {
-            uSize = uValue;
+int32_t PacketLogCtrlIF::SetDropLogInt(const char* key, uint32_t value) {
+    LogControlMessage_CaptureSettings& pending = m_dpc.pending;
+    if (Lower(key[0]) == 'm') {
+        uint32_t& size = Lower(Letter(key, 3)) == 'k' ? pending.uMaxFileSize : pending.uMaxFiles;
+        // Deliberate: a size of 0 is ignored, and the setting counts as known all the same.
+        if (value != 0) {
+            size = value;
         }
         return 1;
     }
-    if (Lower(szKey[0]) == 'f' && Lower(Letter(szKey, 1)) == 'l') {
-        m_dpcPending.uInterfaces = uValue;
+    if (Lower(key[0]) == 'f' && Lower(Letter(key, 1)) == 'l') {
+        pending.uInterfaces = value;
         return 1;
     }
     return 0;
 }
 
-int32_t PacketLogCtrlIF::SetRollingInt(const char* szKey, uint32_t uValue) {
-    if (Lower(szKey[0]) != 'm') {
+int32_t PacketLogCtrlIF::SetRollingInt(const char* key, uint32_t value) {
+    if (Lower(key[0]) != 'm') {
         return 0;
     }
-    (Letter(szKey, 3) == 'f' ? m_rpcPending.uMaxFiles : m_rpcPending.uMaxFileSize) = uValue;
+    (Letter(key, 3) == 'f' ? m_rpc.pending.uMaxFiles : m_rpc.pending.uMaxFileSize) = value;
     return 1;
 }
 
-int32_t PacketLogCtrlIF::SetEvidenceInt(const char* szKey, uint32_t uValue) {
-    switch (Lower(szKey[0])) {
+int32_t PacketLogCtrlIF::SetEvidenceInt(const char* key, uint32_t value) {
+    switch (Lower(key[0])) {
         case 'b':
-            m_uBufferCtrlSize = uValue;
+            m_uBufferCtrlSize = value;
             return 1;
         case 'c':
-            m_uEvidenceCount = uValue;
+            m_uEvidenceCount = value;
             return 1;
         case 'm':
-            // Deliberate: only a lower-case f stands for files; here the case does count.
-            (Letter(szKey, 3) == 'f' ? m_uEvidenceMaxFiles : m_uEvidenceMaxKBytes) = uValue;
+            // Deliberate: only a lower-case f means files; the case counts here and nowhere else.
+            (Letter(key, 3) == 'f' ? m_uEvidenceMaxFiles : m_uEvidenceMaxKBytes) = value;
             return 1;
         case 's':
-            m_uSuppressSeconds = uValue;
+            m_uSuppressSeconds = value;
             return 1;
         case 't':
-            m_uEvidenceTimeout = uValue;
+            m_uEvidenceTimeout = value;
             return 1;
         default:
             return 0;
     }
 }
 
-int32_t PacketLogCtrlIF::SetStringParameter(const char* szName, const char* szValue) {
-    if (const char* const szKey = KeyAfter(kDropLog, szName)) {
-        if (Lower(szKey[0]) == 'e') {
-            m_iDpcEnabledPending = BeginsWith(szValue, 't') ? 1 : 0;
-            return 1;
-        }
-        if (Lower(szKey[0]) == 'f' && Lower(Letter(szKey, 1)) == 'o') {
-            m_dpcPending.uFileFormat = BeginsWith(szValue, 'p') ? kFormatPcap : 0;
-            return 1;
-        }
+int32_t PacketLogCtrlIF::SetStringParameter(const char* name, const char* value) {
+    if (const char* const key = KeyAfter(kDropLog, name)) {
+        return SetDropLogText(key, value);
+    }
+    if (const char* const key = KeyAfter(kRolling, name)) {
+        return SetRollingText(key, value);
+    }
+    const char* const key = KeyAfter(kEvidence, name);
+    if (key == nullptr || Lower(key[0]) != 'f' || value == nullptr) {
         return 0;
     }
-    if (const char* const szKey = KeyAfter(kRolling, szName)) {
-        switch (Lower(szKey[0])) {
-            case 'e':
-                m_iRpcEnabledPending = BeginsWith(szValue, 't') ? 1 : 0;
-                return 1;
-            case 'f':
-                // Deliberate: no value leaves the format alone here and counts as known, while the
-                // log evidence format refuses it.
-                if (szValue != nullptr) {
-                    m_rpcPending.uFileFormat = BeginsWith(szValue, 'p') ? kFormatPcap : 0;
-                }
-                return 1;
-            case 'i':
-                m_rpcPending.uInterfaces = InterfaceMask(szValue);
-                return 1;
-            default:
-                return 0;
-        }
-    }
-    const char* const szKey = KeyAfter(kEvidence, szName);
-    if (szKey == nullptr || Lower(szKey[0]) != 'f' || szValue == nullptr) {
-        return 0;
-    }
-    m_uEvidenceFormat = BeginsWith(szValue, 'p') ? kFormatPcap : 0;
+    m_uEvidenceFormat = FormatOf(value);
     return 1;
 }
 
-void PacketLogCtrlIF::GetRpcSettings(
-    LogControlMessage_ConfigureRollingPacketCapture* pSettings) const {
-    *pSettings = m_rpcPending;
+int32_t PacketLogCtrlIF::SetDropLogText(const char* key, const char* value) {
+    if (Lower(key[0]) == 'e') {
+        m_dpc.enabledPending = StateOf(value);
+        return 1;
+    }
+    if (Lower(key[0]) == 'f' && Lower(Letter(key, 1)) == 'o') {
+        m_dpc.pending.uFileFormat = FormatOf(value);
+        return 1;
+    }
+    return 0;
 }
 
-void PacketLogCtrlIF::GetDpcSettings(
-    LogControlMessage_ConfigureDropPacketCapture* pSettings) const {
-    *pSettings = m_dpcPending;
+int32_t PacketLogCtrlIF::SetRollingText(const char* key, const char* value) {
+    switch (Lower(key[0])) {
+        case 'e':
+            m_rpc.enabledPending = StateOf(value);
+            return 1;
+        case 'f':
+            // Deliberate: a missing value leaves the format unchanged here and counts as known,
+            // while the log evidence format refuses it.
+            if (value != nullptr) {
+                m_rpc.pending.uFileFormat = FormatOf(value);
+            }
+            return 1;
+        case 'i':
+            m_rpc.pending.uInterfaces = InterfaceMask(value);
+            return 1;
+        default:
+            return 0;
+    }
+}
+
+void PacketLogCtrlIF::GetRpcSettings(
+    LogControlMessage_ConfigureRollingPacketCapture* settings) const {
+    *settings = m_rpc.pending;
+}
+
+void PacketLogCtrlIF::GetDpcSettings(LogControlMessage_ConfigureDropPacketCapture* settings) const {
+    *settings = m_dpc.pending;
 }
 
 int32_t PacketLogCtrlIF::ApplyRpcSettings() {
-    if (Differ(m_rpcPending, m_rpcApplied) && AreComplete(m_rpcPending)) {
-        if (SendControlMessage(&m_rpcPending.head, nullptr, 0) != 0) {
-            Log::GetInstance()->Write(
-                Log::kWarning,
-                "Failed to send the RPC config change message to packet logging daemon.");
-            return -1;
-        }
-        m_rpcApplied = m_rpcPending;
-    }
-    if (m_iRpcEnabledApplied == m_iRpcEnabledPending) {
-        return 0;
-    }
-    const int32_t iResult = SendRpcState();
-    if (iResult != 0) {
-        Log::GetInstance()->Write(
-            Log::kWarning,
-            "Failed sending the RPC Enabled state change message to the packet logging daemon.");
-        return -iResult;
-    }
-    m_iRpcEnabledApplied = m_iRpcEnabledPending;
-    return 0;
-}
-
-int32_t PacketLogCtrlIF::SendRpcState() {
-    if (m_iRpcEnabledPending != 1) {
-        return SendBare(kEndRollingPacketCapture);
-    }
-    LogControlMessage_StartRollingPacketCapture start = m_rpcPending;
-    start.head.uType = kStartRollingPacketCapture;
-    return SendControlMessage(&start.head, nullptr, 0);
+    static constexpr CaptureMessages kMessages{
+        kStartRollingPacketCapture,
+        kEndRollingPacketCapture,
+        "Failed to send the RPC config change message to packet logging daemon.",
+        "Failed sending the RPC Enabled state change message to the packet logging daemon.",
+    };
+    return Apply(m_rpc, kMessages);
 }
 
 int32_t PacketLogCtrlIF::ApplyDpcSettings() {
-    if (Differ(m_dpcPending, m_dpcApplied) && AreComplete(m_dpcPending)) {
-        if (SendControlMessage(&m_dpcPending.head, nullptr, 0) != 0) {
-            Log::GetInstance()->Write(
-                Log::kWarning,
-                "Failed to send the DPC config change message to packet logging daemon.");
+    static constexpr CaptureMessages kMessages{
+        kStartDropPacketCapture,
+        kEndDropPacketCapture,
+        "Failed to send the DPC config change message to packet logging daemon.",
+        "Failed sending the DPC Enabled state change message to the packet logging daemon.",
+    };
+    return Apply(m_dpc, kMessages);
+}
+
+int32_t PacketLogCtrlIF::Apply(Capture& capture, const CaptureMessages& messages) {
+    if (Differ(capture.pending, capture.applied) && AreComplete(capture.pending)) {
+        if (SendControlMessage(&capture.pending.head, nullptr, 0) != 0) {
+            Log::GetInstance()->Write(Log::kWarning, "%s", messages.configNotSent);
             return -1;
         }
-        m_dpcApplied = m_dpcPending;
+        capture.applied = capture.pending;
     }
-    if (m_iDpcEnabledApplied == m_iDpcEnabledPending) {
+    if (capture.enabledApplied == capture.enabledPending) {
         return 0;
     }
-    const int32_t iResult = SendDpcState();
-    if (iResult != 0) {
-        Log::GetInstance()->Write(
-            Log::kWarning,
-            "Failed sending the DPC Enabled state change message to the packet logging daemon.");
-        return -iResult;
+    const int32_t result = SendState(capture, messages);
+    if (result != 0) {
+        Log::GetInstance()->Write(Log::kWarning, "%s", messages.stateNotSent);
+        return -result;
     }
-    m_iDpcEnabledApplied = m_iDpcEnabledPending;
+    capture.enabledApplied = capture.enabledPending;
     return 0;
 }
 
-int32_t PacketLogCtrlIF::SendDpcState() {
-    if (m_iDpcEnabledPending != 1) {
-        return SendBare(kEndDropPacketCapture);
+int32_t PacketLogCtrlIF::SendState(const Capture& capture, const CaptureMessages& messages) {
+    if (capture.enabledPending != 1) {
+        return SendBare(messages.end);
     }
-    LogControlMessage_StartDropPacketCapture start = m_dpcPending;
-    start.head.uType = kStartDropPacketCapture;
+    LogControlMessage_CaptureSettings start = capture.pending;
+    start.head.uType = messages.start;
     return SendControlMessage(&start.head, nullptr, 0);
 }
 

@@ -3,8 +3,11 @@
 #include <cstdio>
 
 #include "logging/log.h"
+#include "packet_log/packet_words.h"
 #include "paths.h"
 #include "ring/shm_event_pipe.h"
+
+using vald::Log;
 
 PacketLogWriter::PacketLogWriter() = default;
 
@@ -12,83 +15,74 @@ PacketLogWriter::~PacketLogWriter() {
     ClosePipe();
 }
 
-bool PacketLogWriter::Initialize(uint32_t uInstance) {
-    m_uInstance = uInstance;
-    vald::Log::GetInstance()->Write(vald::Log::kDebug,
-                                    "Initializing instance %d of PacketLogWriter.",
-                                    static_cast<int>(uInstance));
+bool PacketLogWriter::Initialize(uint32_t instance) {
+    m_uInstance = instance;
+    Log::GetInstance()->Write(Log::kDebug, "Initializing instance %d of PacketLogWriter.",
+                              static_cast<int>(instance));
     return true;
 }
 
 bool PacketLogWriter::OpenPipe() {
-    vald::Log* const pLog = vald::Log::GetInstance();
+    Log* const log = Log::GetInstance();
     if (m_uInstance == kNoInstance) {
-        pLog->Write(
-            vald::Log::kError,
+        log->Write(
+            Log::kError,
             "Error Initializing the PacketLog Writer for instance %d.  Initialize() wasn't called.",
             static_cast<int>(m_uInstance));
         return false;
     }
-    char szPath[64];
-    std::snprintf(szPath, sizeof szPath, tarn::paths::kPacketLogRing,
-                  static_cast<int>(m_uInstance));
-    // Deliberate: a pipe that failed to open counts as open here; its owner has taken the failure
-    // as final, and the ring refuses every write.
+    char path[64];
+    std::snprintf(path, sizeof path, tarn::paths::kPacketLogRing, static_cast<int>(m_uInstance));
+    // Deliberate: a pipe that failed to open counts as open here. Its owner treats the first
+    // failure as final, and the ring refuses every write.
     if (m_pPipe != nullptr) {
-        pLog->Write(vald::Log::kDebug, "Successfully opened shared pipe, %s", szPath);
+        log->Write(Log::kDebug, "Successfully opened shared pipe, %s", path);
         return true;
     }
-    pLog->Write(vald::Log::kDebug, "Opening shared pipe, %s", szPath);
-    m_pPipe = std::make_unique<ShmEventPipe>(WRITER, szPath, kPacketLogRingSize);
+    log->Write(Log::kDebug, "Opening shared pipe, %s", path);
+    m_pPipe = std::make_unique<ShmEventPipe>(WRITER, path, kPacketLogRingSize);
     if (!m_pPipe->Open(true)) {
-        pLog->Write(vald::Log::kError, "Failed opening shared pipe %s", szPath);
+        log->Write(Log::kError, "Failed opening shared pipe %s", path);
         return false;
     }
     if (!m_pPipe->m_bMapped) {
-        pLog->Write(vald::Log::kError, "Shared pipe %s was not successfully opened", szPath);
+        log->Write(Log::kError, "Shared pipe %s was not successfully opened", path);
         return false;
     }
-    pLog->Write(vald::Log::kDebug, "Successfully opened shared pipe, %s", szPath);
+    log->Write(Log::kDebug, "Successfully opened shared pipe, %s", path);
     return true;
 }
 
-int32_t PacketLogWriter::WritePacket(const PacketInfo* pPacket, uint64_t uValueB, uint32_t uValueA,
-                                     uint32_t uValueC) {
-    if (m_pPipe == nullptr || pPacket == nullptr) {
+int32_t PacketLogWriter::WritePacket(const PacketInfo* packet, uint64_t valueB, uint32_t valueA,
+                                     uint32_t valueC) {
+    if (m_pPipe == nullptr || packet == nullptr) {
         return PIPE_OK;
     }
-    m_record.uPacketLength = pPacket->uPacketLength;
-    m_record.iCapturedSize = pPacket->iCapturedSize;
-    m_record.uSeconds = pPacket->uSeconds;
-    m_record.uMicroseconds = pPacket->uMicroseconds;
-    m_record.uFrameNumber = pPacket->uFrameNumber;
-    m_record.uReserved = pPacket->uReserved;
-    m_record.uFlags = pPacket->uFlags;
-    m_record.uAdapterID = pPacket->uAdapterID;
-    m_record.uValueC = uValueC;
-    m_record.uValueB = uValueB;
-    m_record.uValueA = uValueA;
+    PacketLogCtrl::CopyPacketWords(*packet, m_record);
+    m_record.uValueC = valueC;
+    m_record.uValueB = valueB;
+    m_record.uValueA = valueA;
 
     iovec pieces[] = {{&m_record, sizeof m_record}, {nullptr, 0}};
-    if (pPacket->pData != nullptr && pPacket->iCapturedSize > 0) {
-        const auto uCaptured = static_cast<uint32_t>(pPacket->iCapturedSize);
+    if (packet->pData != nullptr && packet->iCapturedSize > 0) {
+        const auto captured = static_cast<uint32_t>(packet->iCapturedSize);
         // The ring only reads what a piece points at; the type of a piece cannot say so.
-        pieces[1] = {const_cast<uint8_t*>(pPacket->pData), uCaptured};
-        // Deliberate: a running total over all packets, lost ones included. The length of this
-        // record is the ring's length word.
-        m_record.uRunningLength += uCaptured;
+        pieces[1] = {const_cast<uint8_t*>(packet->pData), captured};
+        // Deliberate: a running total of all packets, lost ones included. The length of this record
+        // is in the ring's length word.
+        m_record.uRunningLength += captured;
     }
-    const ShmPipeResult eResult = m_pPipe->write(pieces, 2);
-    if (eResult == PIPE_FULL) {
-        const auto iSinceReport =
-            static_cast<int32_t>(pPacket->uSeconds - static_cast<uint32_t>(m_uLastFullReport));
-        if (iSinceReport > kFullReportInterval) {
-            vald::Log::GetInstance()->Write(
-                vald::Log::kDebug, "Failed to send packets to logger daemon, pipe is full.");
-            m_uLastFullReport = static_cast<int32_t>(pPacket->uSeconds);
+    const ShmPipeResult result = m_pPipe->write(pieces, 2);
+    if (result == PIPE_FULL) {
+        const auto sinceReport =
+            static_cast<int32_t>(packet->uSeconds - static_cast<uint32_t>(m_uLastFullReport));
+        if (sinceReport > kFullReportInterval) {
+            Log::GetInstance()->Write(Log::kDebug,
+                                      "Failed to send packets to logger daemon, pipe is full.");
+            m_uLastFullReport = static_cast<int32_t>(packet->uSeconds);
         }
     }
-    return eResult;
+    return result;
 }
 
 void PacketLogWriter::ClosePipe() {

@@ -1,8 +1,8 @@
 #pragma once
 
 // Moves packets to the packet logging daemon through a ring of its own, a fixed record in front of
-// each (docs/formats/packet_log_record.md). What that daemon is to do with them, PacketLogCtrlIF
-// tells it by datagram. Each instance number has its own ring file.
+// each (docs/formats/packet_log_record.md). PacketLogCtrlIF tells that daemon by datagram what to
+// do with them. Each instance number has its own ring file.
 //
 // Whoever makes a writer owns it: Initialize, OpenPipe, then WritePacket for each packet. A packet
 // costs no allocation and no system call; one that finds the ring full is lost.
@@ -26,7 +26,7 @@ class PacketLogWriter {
     PacketLogWriter& operator=(const PacketLogWriter&) = delete;
 
     // Sets the instance number, which names the ring file. Always true.
-    bool Initialize(uint32_t uInstance);
+    bool Initialize(uint32_t instance);
 
     // Maps the ring. False without an instance number and when the ring cannot be opened. The first
     // failure is final: the failed pipe stays, and a further call takes it for an open one.
@@ -34,8 +34,8 @@ class PacketLogWriter {
 
     // Sends the packet, or the bare record when there are no captured bytes. PIPE_OK also when
     // there is no pipe or no packet, else the result of the ring's write.
-    [[nodiscard]] int32_t WritePacket(const PacketInfo* pPacket, uint64_t uValueB, uint32_t uValueA,
-                                      uint32_t uValueC);
+    [[nodiscard]] int32_t WritePacket(const PacketInfo* packet, uint64_t valueB, uint32_t valueA,
+                                      uint32_t valueC);
 
     void ClosePipe();
 

@@ -64,21 +64,21 @@ class PacketLogCtrlIFPeer {
     static std::atomic<uint16_t>& NextCaptureId(PacketLogCtrlIF& c) { return c.m_uNextCaptureId; }
 
     static LogControlMessage_CaptureSettings& RpcApplied(PacketLogCtrlIF& c) {
-        return c.m_rpcApplied;
+        return c.m_rpc.applied;
     }
     static LogControlMessage_CaptureSettings& RpcPending(PacketLogCtrlIF& c) {
-        return c.m_rpcPending;
+        return c.m_rpc.pending;
     }
     static LogControlMessage_CaptureSettings& DpcApplied(PacketLogCtrlIF& c) {
-        return c.m_dpcApplied;
+        return c.m_dpc.applied;
     }
     static LogControlMessage_CaptureSettings& DpcPending(PacketLogCtrlIF& c) {
-        return c.m_dpcPending;
+        return c.m_dpc.pending;
     }
-    static int32_t RpcEnabledPending(const PacketLogCtrlIF& c) { return c.m_iRpcEnabledPending; }
-    static int32_t RpcEnabledApplied(const PacketLogCtrlIF& c) { return c.m_iRpcEnabledApplied; }
-    static int32_t DpcEnabledPending(const PacketLogCtrlIF& c) { return c.m_iDpcEnabledPending; }
-    static int32_t DpcEnabledApplied(const PacketLogCtrlIF& c) { return c.m_iDpcEnabledApplied; }
+    static int32_t RpcEnabledPending(const PacketLogCtrlIF& c) { return c.m_rpc.enabledPending; }
+    static int32_t RpcEnabledApplied(const PacketLogCtrlIF& c) { return c.m_rpc.enabledApplied; }
+    static int32_t DpcEnabledPending(const PacketLogCtrlIF& c) { return c.m_dpc.enabledPending; }
+    static int32_t DpcEnabledApplied(const PacketLogCtrlIF& c) { return c.m_dpc.enabledApplied; }
 
     static uint32_t EvidenceFormat(const PacketLogCtrlIF& c) { return c.m_uEvidenceFormat; }
     static uint32_t EvidenceMaxFiles(const PacketLogCtrlIF& c) { return c.m_uEvidenceMaxFiles; }
@@ -86,6 +86,9 @@ class PacketLogCtrlIFPeer {
     static uint32_t EvidenceCount(const PacketLogCtrlIF& c) { return c.m_uEvidenceCount; }
     static uint32_t EvidenceTimeout(const PacketLogCtrlIF& c) { return c.m_uEvidenceTimeout; }
     static uint32_t BufferCtrlSize(const PacketLogCtrlIF& c) { return c.m_uBufferCtrlSize; }
+    static void SetBufferCtrlSize(PacketLogCtrlIF& c, uint32_t bytes) {
+        c.m_uBufferCtrlSize = bytes;
+    }
     static uint32_t SuppressSeconds(const PacketLogCtrlIF& c) { return c.m_uSuppressSeconds; }
 };
 
