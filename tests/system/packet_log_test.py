@@ -66,7 +66,7 @@ class PacketLog(harness.DaemonTest):
         feeder.write(build_packet(event_id, data, second=second, microsecond=event_id))
 
     def reports(self, count):
-        self.assertEqual(len(self.crm.collect(count)), count)
+        self.assertEqual(count, len(self.crm.collect(count)))
 
     # --- a sensor's stream ------------------------------------------------------------------------
 
@@ -108,7 +108,7 @@ class PacketLog(harness.DaemonTest):
             if record_type in (ALERT_IPV4, ALERT_IPV6):
                 fed += 1
                 came += len(self.crm.drain())
-        self.assertEqual(came + len(self.crm.collect(fed - came)), fed)
+        self.assertEqual(fed, came + len(self.crm.collect(fed - came)))
 
     def check_stream(self, single):
         stream, alerts = self.stream()
@@ -123,11 +123,11 @@ class PacketLog(harness.DaemonTest):
         self.assertEqual(bare(packet_logger.ENGINE_STARTING), logger.datagrams[0])
         self.assertEqual(bare(packet_logger.ENGINE_SHUTTING_DOWN), logger.datagrams[-1])
         captures = logger.datagrams[1:-1]
-        self.assertEqual(len(captures), len(alerts))
+        self.assertEqual(len(alerts), len(captures))
         for number, (capture, alert) in enumerate(zip(captures, alerts)):
             self.assertEqual(expected_capture(alert), capture, f"capture {number}")
         # The good-bye comes after the lines.
-        self.assertEqual(counters(), (1 + len(alerts), 0, 0, 0))
+        self.assertEqual((1 + len(alerts), 0, 0, 0), counters())
         self.assert_clean_errors(daemon)
 
     def test_the_302_alerts_on_the_reader_thread(self):
@@ -177,13 +177,13 @@ class PacketLog(harness.DaemonTest):
         process.send_signal(signal.SIGINT)
         self.assertEqual(0, process.wait(harness.PATIENCE), process.stderr.read())
         reader.join()
-        self.assertEqual(len(lines), len(alerts) + 2)
+        self.assertEqual(len(alerts) + 2, len(lines))
 
         def packets_of(chosen):
             return [(alert.packet.second, alert.packet.microsecond, len(alert.packet.data),
                      alert.packet.data) for alert in chosen if alert.packet and alert.packet.data]
 
-        self.assertEqual(pcap_packets(directory / "all.pcap"), packets_of(alerts))
+        self.assertEqual(packets_of(alerts), pcap_packets(directory / "all.pcap"))
         for signature in logged:
             expected = packets_of(alert for alert in alerts if alert.signature == signature)
             path = directory / f"event-{signature}.pcap"
@@ -264,7 +264,7 @@ class PacketLog(harness.DaemonTest):
         self.reports(count)
         self.assertEqual(0, daemon.stop())
         attempted, failed, not_sent, throttled = counters()
-        self.assertEqual((attempted, not_sent, throttled), (1 + count, 0, 0))
+        self.assertEqual((1 + count, 0, 0), (attempted, not_sent, throttled))
         self.assertGreater(failed, 0)
         self.assertLess(failed, count)
         logger.close()
@@ -289,6 +289,26 @@ class PacketLog(harness.DaemonTest):
         settings = [struct.unpack_from("<3I", capture, 8) for capture in logger.of_type(4)]
         self.assertEqual([packet_logger.SETTINGS, (0, 7, 9)], settings)
         self.assertEqual((4, 0, 0, 0), counters())
+
+    def test_reloads_of_a_changed_file_keep_the_one_socket(self):
+        logger = self.logger()
+        daemon = self.daemon().ready()
+
+        def sockets():
+            return [name for name in daemon.descriptors() if name.startswith("socket:")]
+
+        before = sockets()
+        self.assertNotEqual([], before)
+        reloads = 20
+        for number in range(1, reloads + 1):
+            harness.write_config(evidencelog__maxfiles=number)
+            daemon.send(signal.SIGHUP)
+            daemon.ready(1 + number)
+        self.assertEqual(before, sockets())
+        self.assertEqual(0, daemon.stop())
+        logger.close()
+        self.assertEqual([bare(packet_logger.ENGINE_STARTING)] * (1 + reloads) +
+                         [bare(packet_logger.ENGINE_SHUTTING_DOWN)], logger.datagrams)
 
 
 if __name__ == "__main__":

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -11,7 +12,7 @@
 #include "packet_log/connection_hash.h"
 #include "packet_log/packet_log_ctrl_if.h"
 #include "support/golden_bytes.h"
-#include "support/log_capture.h"
+#include "support/levelled_log.h"
 #include "support/packet_log_daemon.h"
 
 namespace {
@@ -238,9 +239,133 @@ TEST_F(PacketLogMessages, KeepsAUserStringOf56BytesWithoutANul) {
 }
 
 TEST_F(PacketLogMessages, ReloadEventsIsLoggedFirst) {
-    const LogCapture log;
-    EXPECT_EQ(0, m_control->SendReloadEventsMessage());
-    EXPECT_THAT(log.Messages(), ElementsAre("SendReloadEventsMessage called"));
+    Peer::SetDestination(*m_control, m_dir.File("nobody"));
+    const std::string failure =
+        "5 Error sending control message of type 17 to the packet logging daemon.  Message: No such file or directory";
+    EXPECT_THAT(
+        LevelledMessages([this] { EXPECT_EQ(ENOENT, m_control->SendReloadEventsMessage()); }),
+        ElementsAre("5 SendReloadEventsMessage called", failure, failure));
+}
+
+// --- what the settings change --------------------------------------------------------------------
+
+TEST_F(PacketLogMessages, CarryTheEvidenceSettingsOfTheMoment) {
+    ASSERT_EQ(1, m_control->SetStringParameter("engine.logevidence.format", "text"));
+    ASSERT_EQ(1, m_control->SetIntParameter("engine.logevidence.maxfiles", 11));
+    ASSERT_EQ(1, m_control->SetIntParameter("engine.logevidence.maxkbytes", 12));
+    ASSERT_EQ(1, m_control->SetIntParameter("engine.logevidence.count", 13));
+    EventReport report = Report();
+    report.ipProtocol = 6;
+    report.issueId = 4711;
+    const PacketInfo packet = Packet();
+    const auto expectFiles = [](const Datagram& datagram) {
+        EXPECT_EQ(0U, WordAt(datagram, 8)) << "the format";
+        EXPECT_EQ(11U, WordAt(datagram, 12));
+        EXPECT_EQ(12U, WordAt(datagram, 16));
+    };
+    EXPECT_EQ(0, m_control->SendNewConnectionCapture(&report, &packet, m_isNew, m_captureId,
+                                                     m_connection));
+    const Datagram connection = m_daemon.Take();
+    expectFiles(connection);
+    EXPECT_EQ(0x2000U, WordAt(connection, 20));
+    EXPECT_EQ(4711U, WordAt(connection, 32));
+    EXPECT_EQ(13U, WordAt(connection, 36));
+
+    EXPECT_EQ(0, m_control->SendInterfaceCapture(2, 4712, kTime, "SNORT"));
+    const Datagram interface = m_daemon.Take();
+    expectFiles(interface);
+    EXPECT_EQ(kTime, WordAt(interface, 20));
+    EXPECT_EQ(4712U, WordAt(interface, 24));
+    EXPECT_EQ(13U, WordAt(interface, 28));
+    EXPECT_EQ(4U, WordAt(interface, 32));
+
+    EXPECT_EQ(0, m_control->SendInterfaceCaptureSettings(0, 1, 2));
+    const Datagram settings = m_daemon.Take();
+    EXPECT_EQ(1U, WordAt(settings, 8)) << "this one is always pcap";
+    EXPECT_EQ(11U, WordAt(settings, 12));
+    EXPECT_EQ(12U, WordAt(settings, 16));
+    EXPECT_EQ(2U, WordAt(settings, 28)) << "the caller's count";
+
+    m_control->SendOffendingPacketCapture(&report, &packet, 0);
+    const Datagram offending = m_daemon.Take();
+    expectFiles(offending);
+    EXPECT_EQ(4711U, WordAt(offending, 28));
+}
+
+TEST_F(PacketLogMessages, NewConnectionCaptureSavesTheConfiguredCountWithThePacketAtHand) {
+    EventReport report = Report();
+    report.flow_id = 4711;
+    const PacketInfo packet = Packet();
+    ASSERT_EQ(1, m_control->SetIntParameter("engine.logevidence.count", 4));
+    EXPECT_EQ(0, m_control->SendNewConnectionCapture(&report, &packet, m_isNew, m_captureId,
+                                                     m_connection));
+    for (int left = 3; left > 0; --left) {
+        EXPECT_TRUE(m_control->LookupConnection(4711, packet.uSeconds)) << left;
+    }
+    EXPECT_FALSE(m_control->LookupConnection(4711, packet.uSeconds));
+}
+
+TEST_F(PacketLogMessages, ConnectionIsKeptWithThePacketsTime) {
+    EventReport report = Report();
+    report.flow_id = 4711;
+    const PacketInfo packet = Packet();
+    EXPECT_EQ(0, m_control->SendNewConnectionCapture(&report, &packet, m_isNew, m_captureId,
+                                                     m_connection));
+    EXPECT_TRUE(m_control->LookupConnection(4711, packet.uSeconds + 300));
+    EXPECT_TRUE(m_control->LookupConnection(4711, packet.uSeconds + 301)) << "found, then swept";
+    EXPECT_FALSE(m_control->LookupConnection(4711, packet.uSeconds));
+}
+
+// --- the quiet period ----------------------------------------------------------------------------
+
+TEST_F(PacketLogMessages, NewConnectionCaptureIsThrottledByThePacketsTime) {
+    PacketInfo packet = Packet();
+    EventReport report = Report();
+    for (const uint16_t protocol : {uint16_t{6}, uint16_t{17}}) {
+        report.ipProtocol = protocol;
+        report.flow_id = 4711;
+        packet.uSeconds += 1000;
+        const uint32_t failures = m_control->m_uFailNewConnection;
+        const uint32_t throttled = m_control->m_uThrottled;
+        Peer::SetDestination(*m_control, m_dir.File("nobody"));
+        m_connection = 0;
+        EXPECT_EQ(1, m_control->SendNewConnectionCapture(&report, &packet, m_isNew, m_captureId,
+                                                         m_connection));
+        EXPECT_EQ(packet.uSeconds, Peer::LastFailTime(*m_control));
+        Peer::SetDestination(*m_control, Path());
+        m_connection = 0;
+        EXPECT_EQ(1, m_control->SendNewConnectionCapture(&report, &packet, m_isNew, m_captureId,
+                                                         m_connection))
+            << "skipped is not sent";
+        EXPECT_EQ(failures + 1, m_control->m_uFailNewConnection);
+        EXPECT_EQ(throttled + 1, m_control->m_uThrottled);
+        EXPECT_EQ(0U, Control::ConnectionCount());
+        EXPECT_THAT(m_daemon.TakeTypes(), IsEmpty());
+        PacketInfo later = packet;
+        later.uSeconds += 5;
+        m_connection = 0;
+        EXPECT_EQ(0, m_control->SendNewConnectionCapture(&report, &later, m_isNew, m_captureId,
+                                                         m_connection));
+        EXPECT_THAT(m_daemon.TakeTypes(), ElementsAre(2));
+        EXPECT_EQ(protocol == 6 ? 0U : 1U, Control::ConnectionCount());
+    }
+}
+
+TEST_F(PacketLogMessages, ThatFailStartAQuietPeriodAtTheirTime) {
+    Peer::SetDestination(*m_control, m_dir.File("nobody"));
+    EXPECT_EQ(ENOENT, m_control->SendConnectionCaptureNotice(7, 1000));
+    EXPECT_EQ(1000U, Peer::LastFailTime(*m_control));
+    EXPECT_EQ(ENOENT, m_control->SendInterfaceCapture(1, 1, 2000, nullptr));
+    EXPECT_EQ(2000U, Peer::LastFailTime(*m_control));
+    PacketInfo packet = Packet();
+    packet.uSeconds = 3000;
+    m_control->SendOffendingPacketCapture(nullptr, &packet, 0);
+    EXPECT_EQ(3000U, Peer::LastFailTime(*m_control));
+    EXPECT_EQ(ENOENT, m_control->SendInterfaceCaptureSettings(0, 1, 1));
+    EXPECT_EQ(ENOENT, m_control->SendText("x"));
+    EXPECT_EQ(ENOENT, m_control->SendType15());
+    EXPECT_EQ(ENOENT, m_control->SendType16());
+    EXPECT_EQ(3000U, Peer::LastFailTime(*m_control)) << "these have no time";
 }
 
 // --- which connection a capture is for -----------------------------------------------------------

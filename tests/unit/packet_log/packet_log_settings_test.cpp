@@ -102,6 +102,44 @@ TEST_F(PacketLogSettings, KeepsToALowerCaseFForFiles) {
     EXPECT_EQ(33U, Peer::DpcPending(*m_control).uMaxFileSize) << "either case here";
 }
 
+TEST_F(PacketLogSettings, GoByLettersInEitherCase) {
+    for (const char* const name : {"engine.logevidence.BUFFER", "ENGINE.LOGEVIDENCE.buffer"}) {
+        Peer::SetBufferCtrlSize(*m_control, 0);
+        EXPECT_EQ(1, SetInt(name, 41));
+        EXPECT_EQ(41U, Peer::BufferCtrlSize(*m_control)) << name;
+    }
+    EXPECT_EQ(1, SetInt("engine.logevidence.Count", 42));
+    EXPECT_EQ(42U, Peer::EvidenceCount(*m_control));
+    EXPECT_EQ(1, SetInt("engine.logevidence.Maxfiles", 43));
+    EXPECT_EQ(43U, Peer::EvidenceMaxFiles(*m_control));
+    EXPECT_EQ(1, SetInt("engine.logevidence.Timeout", 44));
+    EXPECT_EQ(44U, Peer::EvidenceTimeout(*m_control));
+    EXPECT_EQ(1, SetString("engine.logevidence.Format", "text"));
+    EXPECT_EQ(0U, Peer::EvidenceFormat(*m_control));
+
+    EXPECT_EQ(1, SetInt("engine.droplog.MaxKbytes", 45));
+    EXPECT_EQ(45U, Peer::DpcPending(*m_control).uMaxFileSize);
+    EXPECT_EQ(1, SetInt("engine.droplog.maxKbytes", 46));
+    EXPECT_EQ(46U, Peer::DpcPending(*m_control).uMaxFileSize);
+    EXPECT_EQ(1, SetInt("engine.droplog.FLags", 47));
+    EXPECT_EQ(47U, Peer::DpcPending(*m_control).uInterfaces);
+    EXPECT_EQ(1, SetString("engine.droplog.FOrmat", "PCAP"));
+    EXPECT_EQ(1U, Peer::DpcPending(*m_control).uFileFormat);
+    EXPECT_EQ(1, SetString("engine.droplog.Enabled", "True"));
+    EXPECT_EQ(1, Peer::DpcEnabledPending(*m_control));
+
+    EXPECT_EQ(1, SetInt("engine.rollpktcap.Maxfiles", 48));
+    EXPECT_EQ(48U, Peer::RpcPending(*m_control).uMaxFiles);
+    EXPECT_EQ(1, SetString("engine.rollpktcap.Format", "text"));
+    EXPECT_EQ(0U, Peer::RpcPending(*m_control).uFileFormat);
+    EXPECT_EQ(1, SetString("engine.rollpktcap.Format", "Pcap"));
+    EXPECT_EQ(1U, Peer::RpcPending(*m_control).uFileFormat);
+    EXPECT_EQ(1, SetString("engine.rollpktcap.Enabled", "T"));
+    EXPECT_EQ(1, Peer::RpcEnabledPending(*m_control));
+    EXPECT_EQ(1, SetString("engine.rollpktcap.Interfaces", "ac"));
+    EXPECT_EQ(5U, Peer::RpcPending(*m_control).uInterfaces);
+}
+
 TEST_F(PacketLogSettings, OfAnUnknownNameGiveZero) {
     for (const char* const name :
          {"", "engine.", "engine.logevidence", "engine.logevidence.", "engine.logevidence.x",
@@ -244,7 +282,71 @@ TEST_F(PacketLogSettings, OfAStateThatDoesNotGoOutGiveTheNegatedErrno) {
     EXPECT_EQ(-ENOENT, m_control->ApplyRpcSettings());
     EXPECT_EQ(-ENOENT, m_control->ApplyDpcSettings());
     EXPECT_EQ(1U, m_control->m_uFailStartDrop);
-    EXPECT_EQ(-ENOENT, m_control->Initialize()) << "the rolling capture's result is Initialize's";
+}
+
+TEST_F(PacketLogSettings, OfTheRollingCaptureGiveInitializeItsResult) {
+    ASSERT_EQ(1, SetString("engine.droplog.enabled", "true"));
+    EXPECT_EQ(0, m_control->Initialize()) << "the drop log's failure is not told";
+    ASSERT_EQ(1, SetInt("engine.rollpktcap.maxfiles", 3));
+    ASSERT_EQ(1, SetInt("engine.rollpktcap.maxkbytes", 4));
+    EXPECT_EQ(-1, m_control->Initialize());
+    ASSERT_EQ(1, SetInt("engine.rollpktcap.maxfiles", 0));
+    ASSERT_EQ(1, SetString("engine.rollpktcap.enabled", "true"));
+    ASSERT_EQ(1, SetInt("engine.droplog.flags", 1));
+    EXPECT_EQ(-ENOENT, m_control->Initialize());
+    EXPECT_EQ(-1, m_control->ApplyDpcSettings()) << "and not this";
+}
+
+TEST_F(PacketLogSettings, AreSentForAChangeOfAnyOne) {
+    const PacketLogDaemon daemon(Path());
+    ASSERT_EQ(1, SetInt("engine.rollpktcap.maxfiles", 3));
+    ASSERT_EQ(1, SetInt("engine.rollpktcap.maxkbytes", 4));
+    ASSERT_EQ(0, m_control->ApplyRpcSettings());
+    ASSERT_THAT(daemon.TakeTypes(), ElementsAre(8));
+    const auto appliesOnce = [&](int32_t (Control::*apply)(), uint32_t type) {
+        EXPECT_EQ(0, (m_control->*apply)());
+        EXPECT_EQ(0, (m_control->*apply)());
+        EXPECT_THAT(daemon.TakeTypes(), ElementsAre(type));
+    };
+    ASSERT_EQ(1, SetInt("engine.rollpktcap.maxfiles", 5));
+    appliesOnce(&Control::ApplyRpcSettings, 8);
+    ASSERT_EQ(1, SetInt("engine.rollpktcap.maxkbytes", 6));
+    appliesOnce(&Control::ApplyRpcSettings, 8);
+    ASSERT_EQ(1, SetString("engine.rollpktcap.format", "text"));
+    appliesOnce(&Control::ApplyRpcSettings, 8);
+    ASSERT_EQ(1, SetString("engine.rollpktcap.interfaces", "b"));
+    appliesOnce(&Control::ApplyRpcSettings, 8);
+    ASSERT_EQ(1, SetInt("engine.droplog.maxfiles", 5));
+    appliesOnce(&Control::ApplyDpcSettings, 11);
+    ASSERT_EQ(1, SetInt("engine.droplog.maxkbytes", 6));
+    appliesOnce(&Control::ApplyDpcSettings, 11);
+    ASSERT_EQ(1, SetString("engine.droplog.format", "pcap"));
+    appliesOnce(&Control::ApplyDpcSettings, 11);
+    ASSERT_EQ(1, SetInt("engine.droplog.flags", 1));
+    appliesOnce(&Control::ApplyDpcSettings, 11);
+}
+
+TEST_F(PacketLogSettings, OfOneSizeMissingAreHeldBack) {
+    const PacketLogDaemon daemon(Path());
+    ASSERT_EQ(1, SetInt("engine.rollpktcap.maxkbytes", 4));
+    EXPECT_EQ(0, m_control->ApplyRpcSettings());
+    EXPECT_THAT(daemon.TakeTypes(), IsEmpty()) << "no number of files";
+    ASSERT_EQ(1, SetInt("engine.rollpktcap.maxfiles", 3));
+    ASSERT_EQ(1, SetInt("engine.rollpktcap.maxkbytes", 0));
+    EXPECT_EQ(0, m_control->ApplyRpcSettings());
+    EXPECT_THAT(daemon.TakeTypes(), IsEmpty()) << "no size of a file";
+}
+
+TEST_F(PacketLogSettings, ThatAreWantedGoOutWithTheDropLogsStart) {
+    const PacketLogDaemon daemon(Path());
+    Peer::DpcPending(*m_control).uMaxFiles = 0;  // no setter stores it, and it is held back
+    ASSERT_EQ(1, SetInt("engine.droplog.flags", 9));
+    ASSERT_EQ(1, SetString("engine.droplog.enabled", "true"));
+    EXPECT_EQ(0, m_control->ApplyDpcSettings());
+    const Datagram datagram = daemon.Take();
+    EXPECT_EQ(9U, WordAt(datagram, 0));
+    EXPECT_EQ(0U, WordAt(datagram, 12));
+    EXPECT_EQ(9U, WordAt(datagram, 24));
 }
 
 TEST_F(PacketLogSettings, ThatFailAreLoggedAsWarnings) {

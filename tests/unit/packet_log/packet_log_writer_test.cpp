@@ -193,8 +193,11 @@ TEST_F(PacketLogWriterWrite, KeepsARunningTotalInTheLengthWord) {
         EXPECT_EQ(72 + captured, message.size());
         PacketLogRecord record;
         std::memcpy(&record, message.data(), sizeof record);
-        EXPECT_EQ(record.uRunningLength, total);
+        EXPECT_EQ(total, record.uRunningLength);
     }
+    ASSERT_EQ(PIPE_OK, Send(PacketOf(Counting(3900))));
+    ASSERT_EQ(PIPE_FULL, Send(PacketOf(Counting(200))));
+    EXPECT_EQ(total + 3900 + 200, m_writer.m_record.uRunningLength) << "lost packets included";
 }
 
 TEST_F(PacketLogWriterWrite, ReturnsTheRingsErrorForAPacketLargerThanTheRing) {

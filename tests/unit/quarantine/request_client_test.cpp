@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,6 +29,9 @@ namespace {
 // What the next connect() of this thread does in place of the real one.
 thread_local std::function<int(int fd)> t_connectInstead;
 
+// The seconds that the last select() of this thread was given; -1 before any.
+thread_local time_t t_selectSeconds = -1;
+
 }  // namespace
 
 // A local stream socket never connects in the background, so that road is shown by a connect()
@@ -41,6 +45,16 @@ extern "C" __attribute__((no_sanitize("address"))) int connect(int fd, const soc
     static const auto real =
         reinterpret_cast<int (*)(int, const sockaddr*, socklen_t)>(dlsym(RTLD_NEXT, "connect"));
     return real(fd, address, length);
+}
+
+// Notes the limit and waits as usual.
+extern "C" __attribute__((no_sanitize("address"))) int select(int count, fd_set* toRead,
+                                                              fd_set* toWrite, fd_set* failed,
+                                                              timeval* limit) {
+    t_selectSeconds = limit->tv_sec;
+    static const auto real = reinterpret_cast<int (*)(int, fd_set*, fd_set*, fd_set*, timeval*)>(
+        dlsym(RTLD_NEXT, "select"));
+    return real(count, toRead, toWrite, failed, limit);
 }
 
 namespace {
@@ -120,6 +134,43 @@ TEST_F(RequestClientConnect, KeepsAWritableSocketForConnected) {
     EXPECT_EQ(0, fcntl(fd, F_GETFL) & O_NONBLOCK);
     EXPECT_FALSE(m_client.SendRequest(1, nullptr, 0)) << "the socket never was connected";
     EXPECT_THAT(m_reports, IsEmpty());
+}
+
+TEST_F(RequestClientConnect, KeepsAPendingErrorOfAWritableSocketUnread) {
+    int pair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+    ASSERT_EQ(1, send(pair[0], "x", 1, 0));
+    close(pair[1]);  // with a byte that nobody has read, which leaves an error at the other end
+    int connected = -1;
+    t_connectInstead = [&](int fd) {
+        connected = fd;
+        dup2(pair[0], fd);
+        errno = EINPROGRESS;
+        return -1;
+    };
+    EXPECT_TRUE(m_client.Connect(m_path.c_str(), kPlentyOfTime));
+    int error = 0;
+    socklen_t length = sizeof(error);
+    EXPECT_EQ(0, getsockopt(connected, SOL_SOCKET, SO_ERROR, &error, &length));
+    EXPECT_EQ(ECONNRESET, error);
+    close(pair[0]);
+}
+
+TEST_F(RequestClientConnect, WaitsForTheLimitInSeconds) {
+    StreamPeer peer(m_path, [](Session& session) {
+        session.SendWords(0, 0);
+        session.StaySilent();
+    });
+    t_connectInstead = [](int) {
+        errno = EINPROGRESS;
+        return -1;
+    };
+    EXPECT_TRUE(m_client.Connect(m_path.c_str(), 7));
+    EXPECT_EQ(7, t_selectSeconds);
+    m_client.Disconnect();
+    ASSERT_TRUE(m_client.Connect(m_path.c_str(), kPlentyOfTime));
+    EXPECT_TRUE(Receive(9));
+    EXPECT_EQ(9, t_selectSeconds);
 }
 
 TEST_F(RequestClientConnect, GivesUpWhenTheLimitRunsOut) {
@@ -258,6 +309,9 @@ TEST_F(RequestClientTransact, AwaitsNoAnswerWithoutBothOutArguments) {
     uint8_t* buffer = nullptr;
     EXPECT_TRUE(m_client.Transact(m_path.c_str(), 7, "hi", 2, nullptr, nullptr, kPlentyOfTime));
     EXPECT_TRUE(m_client.Transact(m_path.c_str(), 7, "hi", 2, &buffer, nullptr, kPlentyOfTime));
+    EXPECT_TRUE(m_client.Transact(m_path.c_str(), 7, "hi", 2, nullptr, &m_size, kPlentyOfTime));
+    EXPECT_TRUE(
+        m_client.TransactRecords(m_path.c_str(), 7, "hi", 2, &buffer, nullptr, 4, kPlentyOfTime));
     EXPECT_TRUE(
         m_client.TransactRecords(m_path.c_str(), 7, "hi", 2, nullptr, &m_size, 4, kPlentyOfTime));
     EXPECT_EQ(77U, m_size);

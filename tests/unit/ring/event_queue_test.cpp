@@ -253,8 +253,10 @@ TEST_F(EventQueueDestroy, GoesOnPastARingThatFails) {
     ASSERT_TRUE(queue.m_pairs[0]->m_aPipes[0].Create());
     ASSERT_TRUE(queue.m_pairs[1]->m_aPipes[1].Create());
     std::filesystem::remove(Ring(0, 0));
+    MakeSemaphore();
     EXPECT_EQ(1, queue.Destroy());
     EXPECT_FALSE(std::filesystem::exists(Ring(1, 1)));
+    EXPECT_FALSE(SemaphoreExists());
 }
 
 TEST_F(EventQueueDestroy, ByTheDestructorRemovesNothing) {
@@ -315,4 +317,40 @@ TEST_F(ShmEventPipePairTest, AppliesEveryOperationToBothRings) {
     EXPECT_TRUE(pair.m_aPipes[1].m_bMapped);
     EXPECT_EQ(pair.Close(), 0);
     EXPECT_EQ(pair.Destroy(), 0);
+}
+
+TEST_F(ShmEventPipePairTest, DestroysTheSecondRingWhenTheFirstFails) {
+    const std::string base = Ring(0, 0).substr(0, Ring(0, 0).size() - 2);
+    ShmEventPipePair pair(WRITER, base.c_str(), 64, 64, false);
+    ASSERT_TRUE(pair.m_aPipes[0].Create() && pair.m_aPipes[1].Create());
+    std::filesystem::remove(Ring(0, 0));
+    EXPECT_EQ(1, pair.Destroy());
+    EXPECT_FALSE(std::filesystem::exists(Ring(0, 1)));
+}
+
+TEST_F(ShmEventPipePairTest, FailsWhenTheSecondRingAloneFails) {
+    const std::string base = Ring(0, 0).substr(0, Ring(0, 0).size() - 2);
+    ShmEventPipePair pair(WRITER, base.c_str(), 64, 64, false);
+    std::filesystem::create_directory(Ring(0, 1));
+    EXPECT_EQ(1, pair.Open());
+    EXPECT_TRUE(pair.m_aPipes[0].m_bMapped);
+    std::filesystem::remove(Ring(0, 1));
+    ASSERT_TRUE(pair.m_aPipes[1].Create() && pair.m_aPipes[1].Open(true));
+    void* const map = pair.m_aPipes[1].m_pMap;
+    pair.m_aPipes[1].m_pMap = static_cast<std::byte*>(map) + 4;
+    EXPECT_EQ(1, pair.Close());
+    pair.m_aPipes[1].m_pMap = map;
+    std::filesystem::remove(Ring(0, 1));
+    EXPECT_EQ(1, pair.Destroy());
+}
+
+TEST_F(ShmEventPipePairTest, ClosesTheSecondRingWhenTheFirstFails) {
+    const std::string base = Ring(0, 0).substr(0, Ring(0, 0).size() - 2);
+    ShmEventPipePair pair(WRITER, base.c_str(), 64, 64, false);
+    ASSERT_EQ(0, pair.Open());
+    void* const map = pair.m_aPipes[0].m_pMap;
+    pair.m_aPipes[0].m_pMap = static_cast<std::byte*>(map) + 4;
+    EXPECT_EQ(1, pair.Close());
+    pair.m_aPipes[0].m_pMap = map;
+    EXPECT_FALSE(pair.m_aPipes[1].m_bMapped);
 }
