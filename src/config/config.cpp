@@ -1,15 +1,17 @@
 #include "config/config.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <string_view>
 
 #include "config/event_rule_parser.h"
 #include "config/event_rule_table.h"
+#include "config/load_observer.h"
 #include "logging/log.h"
 
-EventRuleTable Config::s_eventTable;
+EventRuleTable& Config::s_eventTable = *new EventRuleTable;
 
 namespace {
 
@@ -24,11 +26,9 @@ std::string_view StripRight(std::string_view text) {
     return text.substr(0, text.find_last_not_of(kBlanks) + 1);
 }
 
-// --- the keys ---------------------------------------------------------------------------------
-
 struct Setting;
 
-// What becomes of a number that stands in a file as `text`.
+// What becomes of a number that is written in a file as `text`.
 using Rule = int (*)(int number, const Setting& setting, const char* text);
 
 // One key. Exactly one of `number` and `string` is set; a string is kept as it stands.
@@ -63,14 +63,14 @@ int LogLevel(int number, const Setting&, const char*) {
 int EvidenceTimeout(int number, const Setting& setting, const char* text) {
     const auto minutes = static_cast<unsigned>(number);
     if (minutes < 5) {
-        vald::Log::GetInstance()->Write(
-            4, "Tuning parameter: '%s = %s' is out of range (5-30), setting it to 5 minutes.",
+        vald::Log::Notice(
+            "Tuning parameter: '%s = %s' is out of range (5-30), setting it to 5 minutes.",
             setting.name, text);
         return 5;
     }
     if (minutes > 30) {
-        vald::Log::GetInstance()->Write(
-            4, "Tuning parameter: '%s = %s' is out of range (5-30), setting it to 30 minutes.",
+        vald::Log::Notice(
+            "Tuning parameter: '%s = %s' is out of range (5-30), setting it to 30 minutes.",
             setting.name, text);
         return 30;
     }
@@ -106,13 +106,43 @@ constexpr Setting kSettings[] = {
     Number("tarn.evidencelog.suppress", Config::s_evidenceSuppress, Kept),
 };
 
+// What the observer is to learn of the line that is being read; null without an observer.
+LineRead* reading = nullptr;
+
+void NoteOutcome(LineRead::Outcome outcome) {
+    if (reading != nullptr) {
+        reading->outcome = outcome;
+    }
+}
+
 void Apply(const Setting& setting, const std::string& value) {
     if (setting.string != nullptr) {
         *setting.string = value;
         return;
     }
-    const auto number = static_cast<int>(std::strtol(value.c_str(), nullptr, 10));
-    setting.number->store(setting.rule(number, setting, value.c_str()), std::memory_order_relaxed);
+    char* end = nullptr;
+    const long wide = std::strtol(value.c_str(), &end, 10);
+    const int number = setting.rule(static_cast<int>(wide), setting, value.c_str());
+    setting.number->store(number, std::memory_order_relaxed);
+    if (reading != nullptr) {
+        reading->isNumber = true;
+        reading->numberRead = wide;
+        reading->numberEnd = static_cast<std::size_t>(end - value.c_str());
+        reading->numberStored = number;
+    }
+}
+
+void ParseObservedLine(const std::string& line, int kind, uint32_t number) {
+    LineRead read;
+    read.text = line;
+    read.number = number;
+    read.kind = kind;
+    reading = &read;
+    Config::ParseLine(line, kind);
+    reading = nullptr;
+    if (read.outcome != LineRead::Outcome::kBlank) {
+        Config::s_observer->OnLine(read);
+    }
 }
 
 // Passes each line of a file to Config::ParseLine; false if the file cannot be opened.
@@ -120,19 +150,82 @@ void Apply(const Setting& setting, const std::string& value) {
 // owner has made read-only is out of use.
 bool ParseFile(const char* path, int kind) {
     std::fstream file(path, std::ios::in | std::ios::out);
+    if (Config::s_observer != nullptr) {
+        const int error = file ? 0 : errno;
+        if (Config::s_observer->OnFile(path, kind, error) && error != 0) {
+            file.open(path, std::ios::in);
+        }
+    }
     if (!file) {
         return false;
     }
     std::string line;
-    while (std::getline(file, line)) {
-        Config::ParseLine(line, kind);
+    for (uint32_t number = 1; std::getline(file, line); ++number) {
+        if (Config::s_observer != nullptr) {
+            ParseObservedLine(line, kind, number);
+        } else {
+            Config::ParseLine(line, kind);
+        }
     }
     return true;
 }
 
-}  // namespace
+void NoteFlags(uint32_t flags) {
+    if (reading != nullptr) {
+        reading->flags = flags;
+    }
+}
 
-// --- loading ----------------------------------------------------------------------------------
+ListTrace* TraceOfList() {
+    return reading != nullptr ? &reading->list : nullptr;
+}
+
+// Sets the field of the pending entry that a key names; false where the value is no setting.
+// Deliberate: but for the severity, a value that fails halfway counts with what stands before the
+// failure, so that a word this version does not know costs only itself and what follows.
+bool SetEventField(uint32_t id, int key, const std::string& value) {
+    EventRuleTable& table = Config::s_eventTable;
+    uint32_t flags = 0;
+    switch (key) {
+        case kEventKeySeverity:
+            if (!ParseSeverity(value.c_str(), &flags) || flags == kSeverityNone) {
+                return false;
+            }
+            NoteFlags(flags);
+            return table.SetSeverity(id, flags);
+        case kEventKeyRule:
+            return table.SetRule(id, value);
+        case kEventKeyMessage:
+            return table.SetEventName(id, value);
+        case kEventKeyUserResponse:
+            (void)ParseUserResponse(value.c_str(), &flags);
+            NoteFlags(flags);
+            return table.SetUserResponseFlags(id, flags) && table.SetUserResponse(id, value);
+        case kEventKeyResponse:
+            (void)ParseResponse(value.c_str(), &flags, TraceOfList());
+            NoteFlags(flags);
+            return table.SetResponseFlags(id, flags);
+        default: {
+            BlockRule rule;  // of zeros for an empty value
+            (void)ParseBlockRule(value.c_str(), &rule, TraceOfList());
+            if (reading != nullptr) {
+                reading->blockRule = rule;
+            }
+            return table.AddBlockRule(id, rule);
+        }
+    }
+}
+
+// Deliberate: a duplicate loses against the first entry of its id and stays pending.
+void CommitPending() {
+    const uint32_t id = Config::s_eventTable.PendingId();
+    const bool entered = Config::s_eventTable.Commit();
+    if (Config::s_observer != nullptr && id != 0) {
+        Config::s_observer->OnEntryClosed(id, entered);
+    }
+}
+
+}  // namespace
 
 void Config::Initialize() {
     s_eventTable.Initialize();
@@ -151,7 +244,7 @@ void Config::Load(const char* path, int kind) {
         s_configFile = path;
     }
     if (kind == kEventFile) {
-        (void)s_eventTable.Commit();  // a duplicate loses against the first entry of its id
+        CommitPending();
     }
 }
 
@@ -160,22 +253,32 @@ void Config::ParseLine(const std::string& line, int kind) {
     if (stripped.empty() || stripped.front() == '#') {
         return;
     }
+    if (reading != nullptr) {
+        reading->nameAt = static_cast<std::size_t>(stripped.data() - line.data());
+    }
     const std::size_t equals = stripped.find('=');
     if (equals == std::string_view::npos) {
-        vald::Log::GetInstance()->Write(vald::Log::kWarning,
-                                        "Config file entry is missing value: '%s'",
-                                        std::string(stripped).c_str());
+        NoteOutcome(LineRead::Outcome::kMissingValue);
+        vald::Log::Warning("Config file entry is missing value: '%s'",
+                           std::string(stripped).c_str());
         return;
     }
     const std::string value(StripLeft(stripped.substr(equals + 1)));
     const std::string name(StripRight(stripped.substr(0, equals)));
+    if (reading != nullptr) {
+        reading->nameLength = name.size();
+        reading->valueAt = reading->nameAt + stripped.size() - value.size();
+        reading->name = name;
+        reading->value = value;
+    }
     if (name.empty()) {
-        vald::Log::GetInstance()->Write(vald::Log::kWarning,
-                                        "Config file entry is missing parameter name: '%s'",
-                                        std::string(stripped).c_str());
+        NoteOutcome(LineRead::Outcome::kMissingName);
+        vald::Log::Warning("Config file entry is missing parameter name: '%s'",
+                           std::string(stripped).c_str());
         return;
     }
     // An unknown name is dropped without a message, whichever file it stands in.
+    NoteOutcome(LineRead::Outcome::kUnknownName);
     if (kind == kMainFile) {
         (void)ApplySetting(name, value);
     } else if (kind == kEventFile) {
@@ -187,6 +290,7 @@ bool Config::ApplySetting(const std::string& name, const std::string& value) {
     for (const Setting& setting : kSettings) {
         if (name == setting.name) {
             Apply(setting, value);
+            NoteOutcome(LineRead::Outcome::kApplied);
             return true;
         }
     }
@@ -196,46 +300,31 @@ bool Config::ApplySetting(const std::string& name, const std::string& value) {
 bool Config::ApplyEventSetting(const std::string& name, const std::string& value) {
     int kind = kEventKeyNone;
     uint32_t id = 0;
-    if (name.empty() || !ParseEventKey(name.c_str(), &kind, &id) || kind == kEventKeyNone) {
+    if (name.empty()) {
+        return false;
+    }
+    const bool isKnown =
+        ParseEventKey(name.c_str(), &kind, &id, reading != nullptr ? &reading->keyTrace : nullptr);
+    if (reading != nullptr) {
+        reading->eventKey = kind;
+        reading->id = id;
+    }
+    if (!isKnown) {
+        NoteOutcome(LineRead::Outcome::kRefused);
+        return false;
+    }
+    if (kind == kEventKeyNone) {
         return false;
     }
     // The first line with another id closes an entry. A duplicate stays pending, and the setter
     // below discards it.
     if (s_eventTable.PendingId() != 0 && s_eventTable.PendingId() != id) {
-        (void)s_eventTable.Commit();
+        CommitPending();
     }
-    // Deliberate: but for the severity, a value that fails halfway counts with what stands before
-    // the failure, so that a word this version does not know costs only itself and what follows.
-    switch (kind) {
-        case kEventKeySeverity: {
-            uint32_t severity = kSeverityNone;
-            return ParseSeverity(value.c_str(), &severity) && severity != kSeverityNone &&
-                   s_eventTable.SetSeverity(id, severity);
-        }
-        case kEventKeyRule:
-            return s_eventTable.SetRule(id, value);
-        case kEventKeyMessage:
-            return s_eventTable.SetEventName(id, value);
-        case kEventKeyUserResponse: {
-            uint32_t flags = 0;
-            (void)ParseUserResponse(value.c_str(), &flags);
-            return s_eventTable.SetUserResponseFlags(id, flags) &&
-                   s_eventTable.SetUserResponse(id, value);
-        }
-        case kEventKeyResponse: {
-            uint32_t flags = 0;
-            (void)ParseResponse(value.c_str(), &flags);
-            return s_eventTable.SetResponseFlags(id, flags);
-        }
-        default: {
-            BlockRule rule;  // of zeros for an empty value
-            (void)ParseBlockRule(value.c_str(), &rule);
-            return s_eventTable.AddBlockRule(id, rule);
-        }
-    }
+    const bool applied = SetEventField(id, kind, value);
+    NoteOutcome(applied ? LineRead::Outcome::kApplied : LineRead::Outcome::kRefused);
+    return applied;
 }
-
-// --- queries ----------------------------------------------------------------------------------
 
 std::shared_ptr<Node> Config::GetResponseSetting(int eventId) {
     std::shared_ptr<Node> node = s_eventTable.Find(static_cast<uint32_t>(eventId));
@@ -244,6 +333,14 @@ std::shared_ptr<Node> Config::GetResponseSetting(int eventId) {
                                         "Cannot get response setting for issue '%d'", eventId);
     }
     return node;
+}
+
+std::vector<std::string> Config::SettingNames() {
+    std::vector<std::string> names;
+    for (const Setting& setting : kSettings) {
+        names.emplace_back(setting.name);
+    }
+    return names;
 }
 
 void Config::Dump() {

@@ -1,23 +1,28 @@
 #pragma once
 
 // Every tuning value of the daemon, the table of per-signature settings, and the loader that reads
-// both from their files. There are no instances: all operations and data are static and stand
+// both from their files. There are no instances: all operations and data are static and are ready
 // before main() runs.
 //
-// The files are told in docs/formats/tarn_conf.md, tarn_event_conf.md and state_file.md.
+// docs/formats/tarn_conf.md, tarn_event_conf.md and state_file.md describe the files.
+//
+// Messages of a load go through the static functions of the log: at start, before the log is open,
+// they reach standard error and the system log.
 //
 // Threads: Initialize, Load and what they call run on the main thread only. GetResponseSetting may
 // be called by any thread. The numbers are atomics, since other threads read them while a load
-// writes them; each stands for itself, so relaxed order is enough. The strings belong to the main
-// thread.
+// writes them; each is independent of the others, so relaxed order is enough. The strings belong to
+// the main thread.
 
 #include <atomic>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "paths.h"
 
 class EventRuleTable;
+class LoadObserver;
 struct Node;
 
 class Config {
@@ -54,7 +59,15 @@ class Config {
     // Rewrites the state file with its two comment lines; settings in it are lost.
     static void Save();
 
-    static EventRuleTable s_eventTable;
+    // The names of all tarn.* keys, in the order in which they are dumped.
+    [[nodiscard]] static std::vector<std::string> SettingNames();
+
+    // Never destroyed: a thread that the engine had to abandon may still look an event up while the
+    // process ends.
+    static EventRuleTable& s_eventTable;
+
+    // Is called for each line of a load. Borrowed; null in the daemon.
+    inline static LoadObserver* s_observer = nullptr;
 
     // Path of the configuration file opened last, and of the file that the daemon itself owns.
     inline static std::string s_configFile;
@@ -72,7 +85,7 @@ class Config {
     inline static std::atomic<int> s_engineCrm = 2;    // channel number of the CRM event queue
     inline static std::atomic<int> s_debugSingle = 0;  // non-zero: no event thread
 
-    // tarn.evidencelog.*, handed on to the packet logging daemon as they stand
+    // tarn.evidencelog.*, passed on to the packet logging daemon unchanged
     inline static std::string s_evidenceFileFormat = "pcap";
     inline static std::atomic<int> s_evidenceMaxFiles = 10;
     inline static std::atomic<int> s_evidenceMaxKBytes = 10;

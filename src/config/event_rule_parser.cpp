@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -23,34 +24,89 @@ void SkipBlanks(const char*& text) {
     text += std::strspn(text, kBlanks);
 }
 
+// Notes what is read of a list, if somebody wants to know.
+class Tracer {
+  public:
+    Tracer(const char* value, ListTrace* trace) : m_value(value), m_trace(trace) {
+        if (m_trace != nullptr) {
+            m_trace->entries.clear();
+            m_trace->stop = ListTrace::Stop::kNowhere;
+            m_trace->stoppedAt = 0;
+            m_trace->hasTrailingComma = false;
+        }
+    }
+
+    void Word(const char* begin, const char* end, uint32_t erasedFlags) const {
+        if (m_trace != nullptr) {
+            m_trace->entries.push_back(
+                {ListTrace::Item::kWord, At(begin), At(end), At(end), 0, erasedFlags});
+        }
+    }
+
+    void Number(ListTrace::Item item, const char* begin, const char* numberBegin, const char* end,
+                uint64_t number) const {
+        if (m_trace != nullptr) {
+            m_trace->entries.push_back({item, At(begin), At(end), At(numberBegin), number, 0});
+        }
+    }
+
+    void TrailingComma() const {
+        if (m_trace != nullptr) {
+            m_trace->hasTrailingComma = true;
+        }
+    }
+
+    // False, which is what the caller returns.
+    [[nodiscard]] bool Stop(const char* text, ListTrace::Stop stop) const {
+        if (m_trace != nullptr) {
+            m_trace->stop = stop;
+            m_trace->stoppedAt = At(text);
+        }
+        return false;
+    }
+
+  private:
+    [[nodiscard]] std::size_t At(const char* text) const {
+        return static_cast<std::size_t>(text - m_value);
+    }
+
+    const char* m_value;
+    ListTrace* m_trace;  // borrowed; may be null
+};
+
 // Moves past what may stand between two items of a list; false if something else stands there.
-// A comma with nothing behind it is accepted.
-bool AcceptSeparator(const char*& text) {
+// A comma with nothing after it is accepted.
+bool AcceptSeparator(const char*& text, const Tracer& tracer) {
     SkipBlanks(text);
     if (*text == '\0') {
         return true;
     }
     if (!Accept(text, ",")) {
-        return false;
-    }
-    SkipBlanks(text);
-    return true;
-}
-
-// Moves past ":" and a number. The number is stored before what follows it is looked at.
-bool AcceptNumber(const char*& text, uint64_t* number) {
-    SkipBlanks(text);
-    if (!Accept(text, ":")) {
-        return false;
+        return tracer.Stop(text, ListTrace::Stop::kNoComma);
     }
     SkipBlanks(text);
     if (*text == '\0') {
-        return false;
+        tracer.TrailingComma();
+    }
+    return true;
+}
+
+// Moves past a name, ":" and a number. The number is stored before what follows it is looked at.
+bool AcceptNumber(const char*& text, ListTrace::Item item, const char* begin, const Tracer& tracer,
+                  uint64_t* number) {
+    SkipBlanks(text);
+    if (!Accept(text, ":")) {
+        return tracer.Stop(text, ListTrace::Stop::kNoColon);
+    }
+    SkipBlanks(text);
+    if (*text == '\0') {
+        return tracer.Stop(text, ListTrace::Stop::kNoNumber);
     }
     char* end = nullptr;
     *number = std::strtoul(text, &end, 10);
+    tracer.Number(item, begin, text, end, *number);
     if (*end != '\0' && *end != ',' && std::strchr(kBlanks, *end) == nullptr) {
-        return false;
+        return tracer.Stop(end, ListTrace::Stop::kTextAfterNumber);
     }
     text = end;
     return true;
@@ -83,9 +139,11 @@ constexpr BlockWord kBlockWords[] = {
     {"quarantine-ddos", 0, kBlockIntruderAddress | kBlockIssue},
 };
 
-bool AcceptBlockWord(const char*& text, uint32_t* flags) {
+bool AcceptBlockWord(const char*& text, const Tracer& tracer, uint32_t* flags) {
     for (const BlockWord& entry : kBlockWords) {
+        const char* const begin = text;
         if (Accept(text, entry.word)) {
+            tracer.Word(begin, text, *flags & ~entry.keep & ~entry.add);
             *flags = (*flags & entry.keep) | entry.add;
             return true;
         }
@@ -93,20 +151,24 @@ bool AcceptBlockWord(const char*& text, uint32_t* flags) {
     return false;
 }
 
-bool AcceptBlockItem(const char*& text, BlockRule* rule) {
-    if (AcceptBlockWord(text, &rule->flags)) {
+constexpr char kDuration[] = "duration";
+constexpr char kRateLimit[] = "ratelimit";
+
+bool AcceptBlockItem(const char*& text, const Tracer& tracer, BlockRule* rule) {
+    if (AcceptBlockWord(text, tracer, &rule->flags)) {
         return true;
     }
-    if (Accept(text, "duration")) {
-        return AcceptNumber(text, &rule->duration);
+    const char* const begin = text;
+    if (Accept(text, kDuration)) {
+        return AcceptNumber(text, ListTrace::Item::kDuration, begin, tracer, &rule->duration);
     }
-    if (Accept(text, "ratelimit")) {
+    if (Accept(text, kRateLimit)) {
         uint64_t number = rule->rateLimit;
-        const bool fits = AcceptNumber(text, &number);
+        const bool fits = AcceptNumber(text, ListTrace::Item::kRateLimit, begin, tracer, &number);
         rule->rateLimit = static_cast<uint32_t>(number);
         return fits;
     }
-    return false;
+    return tracer.Stop(text, ListTrace::Stop::kUnknownWord);
 }
 
 // Deliberate: all four words mean both kinds of traffic. The names tell the intent of whoever
@@ -118,77 +180,107 @@ constexpr const char* kResponseWords[] = {
     "quarantine-future-icmp-traffic",
 };
 
-bool AcceptResponseWord(const char*& text) {
+constexpr char kNoResponse[] = "none";
+
+bool AcceptResponseWord(const char*& text, const Tracer& tracer) {
     for (const char* word : kResponseWords) {
+        const char* const begin = text;
         if (Accept(text, word)) {
+            tracer.Word(begin, text, 0);
             return true;
         }
     }
-    return false;
+    return tracer.Stop(text, ListTrace::Stop::kUnknownWord);
 }
+
+constexpr char kConnection[] = "Connection";
+constexpr char kAllInterfaces[] = "AllInterfaces";
+constexpr char kInterface[] = "Interface";
 
 // The one scope bit of a value that asks for evidence. "AllInterfaces" contains "Interface".
 uint32_t EvidenceScope(const char* value) {
-    if (std::strstr(value, "Connection") != nullptr) {
+    if (std::strstr(value, kConnection) != nullptr) {
         return kUserResponseLogConnection;
     }
-    if (std::strstr(value, "AllInterfaces") != nullptr) {
+    if (std::strstr(value, kAllInterfaces) != nullptr) {
         return kUserResponseLogAllInterfaces;
     }
-    if (std::strstr(value, "Interface") != nullptr) {
+    if (std::strstr(value, kInterface) != nullptr) {
         return kUserResponseLogInterface;
     }
     return kUserResponseLogPackets;
 }
 
-int EventKeyOf(const char* name) {
-    const auto names = [name](const char* marker) { return std::strstr(name, marker) != nullptr; };
-    if (names(".severity")) {
-        return kEventKeySeverity;
+struct KeyMarker {
+    const char* text;
+    EventKey key;
+};
+
+// In the order in which they are looked for: a longer one stands ahead of its own ending, but for
+// ".rule", which EventKeyOf passes over where the longer one stands.
+constexpr KeyMarker kKeyMarkers[] = {
+    {".severity", kEventKeySeverity}, {".rule", kEventKeyRule},
+    {".msg", kEventKeyMessage},       {".user.response", kEventKeyUserResponse},
+    {".response", kEventKeyResponse}, {".quarantine.rule", kEventKeyQuarantineRule},
+};
+constexpr char kQuarantineRuleMarker[] = ".quarantine.rule";
+
+// The first key that stands anywhere in the name; null if none does.
+const KeyMarker* EventKeyOf(const char* name) {
+    const bool isQuarantine = std::strstr(name, kQuarantineRuleMarker) != nullptr;
+    for (const KeyMarker& marker : kKeyMarkers) {
+        const bool isHidden = marker.key == kEventKeyRule && isQuarantine;
+        if (!isHidden && std::strstr(name, marker.text) != nullptr) {
+            return &marker;
+        }
     }
-    if (names(".rule") && !names(".quarantine.rule")) {
-        return kEventKeyRule;
-    }
-    if (names(".msg")) {
-        return kEventKeyMessage;
-    }
-    if (names(".user.response")) {
-        return kEventKeyUserResponse;
-    }
-    if (names(".response")) {
-        return kEventKeyResponse;
-    }
-    return names(".quarantine.rule") ? kEventKeyQuarantineRule : kEventKeyNone;
+    return nullptr;
 }
+
+constexpr char kEventPrefix[] = "se.";
+
+constexpr char kLow[] = "low";
+constexpr char kMedium[] = "medium";
+constexpr char kHigh[] = "high";
+
+constexpr char kLogEvidence[] = "LOGEVIDENCE";
+constexpr char kWithRaw[] = "WithRaw";
 
 }  // namespace
 
-bool ParseEventKey(const char* name, int* kind, uint32_t* id) {
+bool ParseEventKey(const char* name, int* kind, uint32_t* id, EventKeyTrace* trace) {
     *kind = kEventKeyNone;
     *id = 0;
     const char* digits = name;
-    if (!Accept(digits, "se.")) {
+    if (!Accept(digits, kEventPrefix)) {
         return true;
     }
-    *kind = EventKeyOf(name);
-    if (*kind == kEventKeyNone) {
+    const KeyMarker* const marker = EventKeyOf(name);
+    if (marker == nullptr) {
         return false;
     }
-    *id = static_cast<uint32_t>(std::strtol(digits, nullptr, 10));  // ends at the key's dot
+    *kind = marker->key;
+    char* end = nullptr;
+    *id = static_cast<uint32_t>(std::strtol(digits, &end, 10));  // ends at the key's dot
+    if (trace != nullptr) {
+        trace->idEnd = static_cast<std::size_t>(end - name);
+        trace->keyBegin = static_cast<std::size_t>(std::strstr(name, marker->text) - name);
+        trace->keyEnd = trace->keyBegin + std::strlen(marker->text);
+    }
     return *id != 0;
 }
 
 bool ParseSeverity(const char* value, uint32_t* severity) {
     *severity = kSeverityNone;
-    // Deliberate: only the beginning counts, so that a word may carry more text behind it.
+    // Deliberate: only the beginning counts, so that a word may carry more text after it.
     const auto begins = [value](const char* word) {
         return strncasecmp(value, word, std::strlen(word)) == 0;
     };
-    if (begins("low")) {
+    if (begins(kLow)) {
         *severity = kSeverityLow;
-    } else if (begins("medium")) {
+    } else if (begins(kMedium)) {
         *severity = kSeverityMedium;
-    } else if (begins("high")) {
+    } else if (begins(kHigh)) {
         *severity = kSeverityHigh;
     }
     return *value != '\0';
@@ -202,8 +294,8 @@ bool ParseUserResponse(const char* value, uint32_t* flags) {
     if (*value == '\0') {
         return false;
     }
-    const bool evidence = std::strstr(value, "LOGEVIDENCE") != nullptr;
-    const bool raw = std::strstr(value, "WithRaw") != nullptr;
+    const bool evidence = std::strstr(value, kLogEvidence) != nullptr;
+    const bool raw = std::strstr(value, kWithRaw) != nullptr;
     if (evidence) {
         *flags |= kUserResponseLogEvidence | EvidenceScope(value);
     }
@@ -216,35 +308,69 @@ bool ParseUserResponse(const char* value, uint32_t* flags) {
     return true;
 }
 
-bool ParseResponse(const char* value, uint32_t* flags) {
+bool ParseResponse(const char* value, uint32_t* flags, ListTrace* trace) {
+    const Tracer tracer(value, trace);
     if (*value == '\0') {
         return false;
     }
-    if (std::strcmp(value, "none") == 0) {
+    if (std::strcmp(value, kNoResponse) == 0) {
         *flags = 0;
         return true;
     }
     while (*value != '\0') {
-        if (!AcceptResponseWord(value)) {
+        if (!AcceptResponseWord(value, tracer)) {
             return false;
         }
         *flags |= kResponseQuarantineTraffic | kResponseQuarantineIcmp;
-        if (!AcceptSeparator(value)) {
+        if (!AcceptSeparator(value, tracer)) {
             return false;
         }
     }
     return true;
 }
 
-bool ParseBlockRule(const char* value, BlockRule* rule) {
+bool ParseBlockRule(const char* value, BlockRule* rule, ListTrace* trace) {
+    const Tracer tracer(value, trace);
     if (*value == '\0') {
         return false;
     }
     *rule = BlockRule{};
     while (*value != '\0') {
-        if (!AcceptBlockItem(value, rule) || !AcceptSeparator(value)) {
+        if (!AcceptBlockItem(value, tracer, rule) || !AcceptSeparator(value, tracer)) {
             return false;
         }
     }
     return true;
+}
+
+std::vector<std::string> EventKeyNames() {
+    std::vector<std::string> names;
+    for (const KeyMarker& marker : kKeyMarkers) {
+        names.emplace_back(marker.text + 1);
+    }
+    return names;
+}
+
+std::vector<std::string> SeverityWords() {
+    return {kLow, kMedium, kHigh};
+}
+
+std::vector<std::string> UserResponseWords() {
+    return {kLogEvidence, kWithRaw, kConnection, kAllInterfaces, kInterface};
+}
+
+std::vector<std::string> ResponseWords() {
+    std::vector<std::string> words(std::begin(kResponseWords), std::end(kResponseWords));
+    words.emplace_back(kNoResponse);
+    return words;
+}
+
+std::vector<std::string> BlockRuleWords() {
+    std::vector<std::string> words;
+    for (const BlockWord& entry : kBlockWords) {
+        words.emplace_back(entry.word);
+    }
+    words.emplace_back(kDuration);
+    words.emplace_back(kRateLimit);
+    return words;
 }

@@ -1,4 +1,6 @@
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "unit/config/config_fixture.h"
 
@@ -48,6 +50,21 @@ TEST_F(ConfigStateFile, ReportsALineWithoutAnEqualsSignOnceForEachKind) {
     LoadEvents("");
     EXPECT_THAT(log.Messages(), ElementsAre("Config file entry is missing value: 'nonsense'",
                                             "Config file entry is missing value: 'nonsense'"));
+}
+
+TEST_F(ConfigStateFile, KeepsAReadOnlyOneOutOfUse) {
+    const std::string path = dir.Write("tarn.state", "tarn.engine.crm = 4\n");
+    ASSERT_EQ(0, chmod(path.c_str(), 0444));
+    ASSERT_EQ(0, chmod(dir.Path().c_str(), 0755));
+    const bool superuser = geteuid() == 0;  // to whom no file is read-only
+    if (superuser && seteuid(65534) != 0) {
+        GTEST_SKIP() << "runs as the superuser in a namespace without other users";
+    }
+    Config::Load(nullptr, Config::kMainFile);
+    if (superuser) {
+        ASSERT_EQ(0, seteuid(0));
+    }
+    EXPECT_EQ(2, Config::s_engineCrm);
 }
 
 TEST_F(ConfigSave, LeavesTheTwoCommentLinesAndNothingElse) {

@@ -136,7 +136,7 @@ void ExpectNumbers(const char* name, const std::atomic<int>& member,
                    std::initializer_list<Case> cases) {
     for (const auto& [text, number] : cases) {
         EXPECT_TRUE(Config::ApplySetting(name, text));
-        EXPECT_EQ(member, number) << name << " = " << text;
+        EXPECT_EQ(number, member) << name << " = " << text;
     }
 }
 
@@ -170,11 +170,17 @@ TEST_F(ConfigApplySetting, MakesANegativeSingleThreadModeZero) {
 TEST_F(ConfigApplySetting, LeavesTheEvidenceNumbersAsTheyStand) {
     ExpectNumbers("tarn.evidencelog.maxfiles", Config::s_evidenceMaxFiles, {{"0", 0}, {"-1", -1}});
     ExpectNumbers("tarn.evidencelog.suppress", Config::s_evidenceSuppress, {{"0", 0}, {"-1", -1}});
+    ExpectNumbers("tarn.evidencelog.maxkbytes", Config::s_evidenceMaxKBytes,
+                  {{"0", 0}, {"-1", -1}});
+    ExpectNumbers("tarn.evidencelog.packetcount", Config::s_evidencePacketCount,
+                  {{"0", 0}, {"-1", -1}, {"2147483647", 2147483647}});
+    ExpectNumbers("tarn.evidencelog.bufferctrlsize", Config::s_evidenceBufferCtrlSize,
+                  {{"0", 0}, {"-1", -1}, {"2147483647", 2147483647}});
 }
 
 TEST_F(ConfigApplySetting, ReadsNumbersUpToWhatIsNone) {
     ExpectNumbers("tarn.evidencelog.maxkbytes", Config::s_evidenceMaxKBytes,
-                  {{"12kB", 12}, {"many", 0}, {"", 0}, {"0x10", 0}, {"+4", 4}});
+                  {{"12kB", 12}, {"many", 0}, {"", 0}, {"0x10", 0}, {"010", 10}, {"+4", 4}});
 }
 
 TEST_F(ConfigApplySetting, TruncatesNumbersToThirtyTwoBits) {
@@ -226,6 +232,12 @@ TEST_F(ConfigApplySetting, LogsATimeoutOutOfRangeAtLevelFour) {
     vald::Log::SetLevel(4);
     EXPECT_TRUE(Config::ApplySetting("tarn.evidencelog.file.timeout", "31"));
     EXPECT_EQ(1U, log.Messages().size());
+    vald::Log::SetLevel(3);
+    EXPECT_TRUE(Config::ApplySetting("tarn.evidencelog.file.timeout", "4"));
+    EXPECT_EQ(1U, log.Messages().size());
+    vald::Log::SetLevel(4);
+    EXPECT_TRUE(Config::ApplySetting("tarn.evidencelog.file.timeout", "4"));
+    EXPECT_EQ(2U, log.Messages().size());
 }
 
 TEST_F(ConfigLoad, OverlaysTheValuesThatAreThere) {
@@ -248,11 +260,11 @@ TEST_F(ConfigLoad, GoesOnAfterALineThatIsNoSetting) {
 
 TEST_F(ConfigLoad, StoresThePathOfTheFileItOpenedLast) {
     LoadMain("");
-    EXPECT_EQ(Config::s_configFile, dir.File("tarn.conf"));
+    EXPECT_EQ(dir.File("tarn.conf"), Config::s_configFile);
     LoadEvents("");
-    EXPECT_EQ(Config::s_configFile, dir.File("tarn_event.conf"));
+    EXPECT_EQ(dir.File("tarn_event.conf"), Config::s_configFile);
     Config::Load(dir.File("missing").c_str(), Config::kMainFile);
-    EXPECT_EQ(Config::s_configFile, dir.File("tarn_event.conf"));
+    EXPECT_EQ(dir.File("tarn_event.conf"), Config::s_configFile);
 }
 
 TEST_F(ConfigLoad, SkipsAFileThatCannotBeOpenedWithoutAMessage) {

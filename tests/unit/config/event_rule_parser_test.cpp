@@ -72,6 +72,7 @@ TEST(ParseEventKey, KeepsAnIdAsThirtyTwoBits) {
 TEST(ParseEventKey, FindsItsKeyAnywhereInTheName) {
     EXPECT_EQ((KeyResult{true, 3, 7}), Key("se.7.msg.text"));
     EXPECT_EQ((KeyResult{true, 3, 7}), Key("se.7x.msg"));
+    EXPECT_EQ((KeyResult{true, 3, 10}), Key("se.010.msg")) << "the base is ten";
     EXPECT_EQ((KeyResult{true, 1, 7}), Key("se.7.msg.severity")) << "the order of the keys decides";
 }
 
@@ -239,6 +240,17 @@ TEST(ParseBlockRule, KeepsPresetsReplacingWhatStandsBeforeThem) {
 TEST(ParseBlockRule, ReadsDurationAndRateLimitWithBlanksAroundTheColon) {
     EXPECT_EQ((Rule{true, 0x101, 60, 10}), RuleOf("quarantine-ddos, duration: 60, ratelimit:10"));
     EXPECT_EQ((Rule{true, 0, 60, 10}), RuleOf("duration \t:\t 60 ,ratelimit : 10"));
+}
+
+TEST(ParseBlockRule, TakesATabAfterANumber) {
+    EXPECT_EQ((Rule{true, 0, 60, 10}), RuleOf("duration:60\t,ratelimit:10\t"));
+    EXPECT_EQ((Rule{true, 0, 60, 10}), RuleOf("duration:60 ,ratelimit:10 "));
+}
+
+TEST(ParseBlockRule, ReadsNumbersInBaseTen) {
+    EXPECT_EQ((Rule{true, 0, 10, 10}), RuleOf("duration:010,ratelimit:010"));
+    EXPECT_EQ((Rule{false, 0, 0, 0}), RuleOf("duration:0x10"));
+    EXPECT_EQ((Rule{false, 0, 0, 0}), RuleOf("ratelimit:0x10"));
 }
 
 TEST(ParseBlockRule, KeepsADurationInSixtyFourBitsAndCutsARateLimitToThirtyTwo) {

@@ -31,7 +31,7 @@ TEST_F(ExampleFiles, MainFileHoldsEveryKeyWithItsStartValue) {
     Config::Dump();
     std::vector<std::string> twice = start;
     twice.insert(twice.end(), start.begin(), start.end());
-    EXPECT_EQ(log.Messages(), twice);
+    EXPECT_EQ(twice, log.Messages());
 }
 
 TEST_F(ExampleFiles, EventFileGivesTheEntriesItTellsOf) {
