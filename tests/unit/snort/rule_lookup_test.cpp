@@ -133,6 +133,14 @@ TEST_F(LookupRuleByLineTest, TellsAPathThatIsNotNamedFromAFileThatIsMissing) {
     EXPECT_EQ(kRuleFileMissing, LookupIn(m_dir.File("none").c_str(), 1).result);
 }
 
+TEST_F(LookupRuleByLineTest, GivesTheNumbersThatItsCallersCompareWith) {
+    EXPECT_EQ(0, Lookup("sid:1; msg:m;", 1).result);
+    EXPECT_EQ(1, Lookup("msg:m;", 1).result);
+    EXPECT_EQ(2, Lookup("sid:1;", 1).result);
+    EXPECT_EQ(5, LookupIn(m_dir.File("none").c_str(), 1).result);
+    EXPECT_EQ(6, LookupIn("", 1).result);
+}
+
 // A user who may read everything opens the file all the same, so that the case runs as another.
 TEST_F(LookupRuleByLineTest, KeepsAFileThatCannotBeOpenedForFoundWithNothingStored) {
     const std::string path = m_dir.Write("snort.rules", "sid:5; msg:m;");

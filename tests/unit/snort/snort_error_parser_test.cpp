@@ -92,7 +92,9 @@ TEST(ParseSnortErrorInConfiguration, YieldsTheWholeLine) {
 
 TEST(ParseSnortErrorElsewhere, YieldsTheWholeLine) {
     for (const std::string line : {"ERROR: Can't start DAQ (-1)!\n", "ERROR:\n", "anything",
-                                   "ERROR: /etc/snort/rules/snort.rule(1) short\n", ""}) {
+                                   "ERROR: /etc/snort/rules/snort.rule(1) short\n", "",
+                                   "see ERROR: /etc/snort/rules/snort.rules(1) not first\n",
+                                   " ERROR: /etc/snort/qor-snort.conf(1) not first\n"}) {
         const Parsed parsed = Parse(line);
         EXPECT_EQ(0, parsed.result);
         EXPECT_EQ(0, parsed.kind) << line;
