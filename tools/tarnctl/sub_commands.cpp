@@ -1,5 +1,6 @@
 #include "tarnctl/sub_commands.h"
 
+#include "tarnctl/check/check_command.h"
 #include "tarnctl/crm/crm_command.h"
 #include "tarnctl/messages/messages_command.h"
 #ifdef TARNCTL_WITH_PCAP
@@ -13,13 +14,12 @@ namespace {
 
 // A new sub-command is one line here.
 constexpr std::unique_ptr<SubCommand> (*kMakers[])() = {
-    MakeSubCommand<AddCrmCommand, RunCrm>,
+    MakeSubCommand<AddCheckCommand, RunCheck>,         MakeSubCommand<AddCrmCommand, RunCrm>,
     MakeSubCommand<AddMessagesCommand, RunMessages>,
 #ifdef TARNCTL_WITH_PCAP
     MakeSubCommand<AddPacketLogCommand, RunPacketLog>,
 #endif
-    MakeSubCommand<AddReplayCommand, RunReplay>,
-    MakeSubCommand<AddSecmgrCommand, RunSecmgr>,
+    MakeSubCommand<AddReplayCommand, RunReplay>,       MakeSubCommand<AddSecmgrCommand, RunSecmgr>,
 };
 
 }  // namespace

@@ -61,6 +61,16 @@ TEST_F(ConfigApplyEventSetting, KeepsWhatAResponseHasBeforeItFails) {
     EXPECT_EQ(0x0CU, Config::s_eventTable.Find(7)->responseFlags);
 }
 
+TEST_F(ConfigApplyEventSetting, LetsTheLastLineOfAKeyWin) {
+    LoadEvents(
+        "se.7.response = quarantine-traffic\nse.7.response = none\n"
+        "se.7.user.response = LOGEVIDENCE\nse.7.user.response = WithRaw\n"
+        "se.7.severity = high\nse.7.severity = low\n");
+    EXPECT_EQ(0U, Config::s_eventTable.Find(7)->responseFlags);
+    EXPECT_EQ(2U, Config::s_eventTable.Find(7)->userResponseFlags);
+    EXPECT_EQ(1U, Config::s_eventTable.Find(7)->severity);
+}
+
 TEST_F(ConfigApplyEventSetting, KeepsWhatAQuarantineRuleHasBeforeItFails) {
     LoadEvents("se.7.quarantine.rule = duration:60s\n");
     ASSERT_EQ(1U, Config::s_eventTable.Find(7)->blockRules.size());
