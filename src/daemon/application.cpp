@@ -3,10 +3,10 @@
 #include <execinfo.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdlib>
 
 #include "logging/log.h"
+#include "logging/log_guards.h"
 
 using vald::Log;
 
@@ -96,7 +96,7 @@ int Application::RecordSignalFailure(const char* call) {
 }
 
 void Application::SignalHandler(int sig, siginfo_t* /*info*/, void* /*context*/) {
-    const int savedErrno = errno;
+    const ErrnoKeeper keeper;
     switch (sig) {
         case SIGINT:
             Log::Error("Received INT signal");
@@ -127,7 +127,6 @@ void Application::SignalHandler(int sig, siginfo_t* /*info*/, void* /*context*/)
             s_other = sig;
             break;
     }
-    errno = savedErrno;
 }
 
 void Application::LogBacktrace() {

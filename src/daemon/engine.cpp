@@ -1,6 +1,5 @@
 #include "daemon/engine.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,7 +12,7 @@
 #include "events/event_bridge.h"
 #include "events/event_thread.h"
 #include "logging/log.h"
-#include "packet_log/packet_log_ctrl_if.h"
+#include "logging/log_guards.h"
 #include "paths.h"
 #include "snort/snort_error_reader.h"
 #include "snort/snort_error_thread.h"
@@ -21,9 +20,42 @@
 
 using vald::Log;
 
+// What comes up and what takes it down again, side by side. The numbers are the order in which each
+// operation takes its steps. That order is the contract: what is logged, which process number the
+// PID file holds, which thread finds what. A step without a partner is undone by the end of the
+// process.
+//
+//   Initialize, once                              Terminate, once
+//    1 hangup handler
+//    2 inherited descriptors closed
+//    3 application name
+//    4 options
+//    5 "starting"; the log's front
+//    6 a termination that came so far
+//    7 PID file                                    2 PID file removed
+//    8 priority
+//    9 background
+//   10 both files examined
+//   11 both files loaded
+//   12 log opened; settings dumped                 7 "exiting"; the log stays open
+//   13 main thread bound to its CPU
+//   14 packet log interface                        6 packet log interface
+//   15 bridge                                      5 bridge
+//   16 event thread made                           3 event thread quit by force, deleted
+//   17 error thread made                           4 error thread quit by force, deleted
+//
+//   StartEngine, in each cycle                    StopEngine, in each cycle
+//    1 changed files loaded
+//    2 bridge initialised                          5 bridge finalised
+//    3 event thread started                        2 event thread asked, 4 waited for
+//    4 error thread started unless it runs         1 error thread asked, 3 waited for: only when
+//                                                    the process is to end
+//    5 FIFOs made
+//
+//   Run makes the event reader when its loop begins and releases it when the loop has ended.
+
 namespace {
 
-constexpr int kFirstInheritedDescriptor = 3;
 constexpr int kHighestPriority = -20;
 constexpr unsigned kJoinMs = 2000;
 constexpr long kReadSeconds = 1;
@@ -32,41 +64,11 @@ constexpr long kReadSeconds = 1;
 std::atomic<TarnEngine*> s_engine{nullptr};
 
 void HangupHandler(int sig, siginfo_t* info, void* context) {
-    const int savedErrno = errno;
+    const ErrnoKeeper keeper;
     TarnEngine* const engine = s_engine.load(std::memory_order_acquire);
     if (engine != nullptr) {  // a hangup on the last lines of main finds nobody
         engine->OnHangup(sig, info, context);
     }
-    errno = savedErrno;
-}
-
-void CloseInheritedDescriptors() {
-    const long limit = sysconf(_SC_OPEN_MAX);
-    if (limit <= kFirstInheritedDescriptor) {
-        return;
-    }
-    // One call where the kernel has it: the limit can be a million.
-    if (close_range(kFirstInheritedDescriptor, static_cast<unsigned>(limit - 1), 0) == 0) {
-        return;
-    }
-    for (long fd = kFirstInheritedDescriptor; fd < limit; ++fd) {
-        close(static_cast<int>(fd));
-    }
-}
-
-// False with its message when `path` is not a regular file that can be examined.
-[[nodiscard]] bool ExamineFile(const std::string& path, time_t* modified) {
-    struct stat status {};
-    if (stat(path.c_str(), &status) != 0) {
-        Log::Error("Cannot obtain file status for \"%s\".", path.c_str());
-        return false;
-    }
-    if (!S_ISREG(status.st_mode)) {
-        Log::Error("Invalid file status mode %u for \"%s\".", status.st_mode, path.c_str());
-        return false;
-    }
-    *modified = status.st_mtime;
-    return true;
 }
 
 }  // namespace
@@ -98,109 +100,149 @@ void TarnEngine::SetAppName(const char* argv0) {
 }
 
 int TarnEngine::Initialize(int argc, char** argv) {
-    if (!InstallHangupHandler()) {
+    if (!InstallHangupHandler()) {  // 1
         return -1;
     }
-    CloseInheritedDescriptors();
-    SetAppName(argc > 0 ? argv[0] : "");
-    if (!ParseOptions(argc, argv)) {
+    CloseInheritedDescriptors();          // 2
+    SetAppName(argc > 0 ? argv[0] : "");  // 3
+    if (!ParseOptions(argc, argv)) {      // 4
         return -1;
     }
-
-    Log::Notice("%s starting", m_appName.c_str());
+    Log::Notice("%s starting", m_appName.c_str());  // 5
     if (Log::GetInstance() == nullptr) {
         Log::Error("Unable to create logging facility");
         return -1;
     }
-    if (s_term == 1) {
+    if (s_term == 1) {  // 6
         Log::Notice("Termination signal received, exiting.");
         exit(0);
     }
-    if (!ClaimPidFile()) {
+    if (!ClaimPidFile()) {  // 7
         return -1;
     }
+    RaisePriority();      // 8
+    if (m_runAsDaemon) {  // 9
+        Log::Debug("Running %s as a daemon process", m_appName.c_str());
+        Daemonize(true);
+    }
+    if (!ExamineFiles()) {  // 10
+        return -1;
+    }
+    Config::Initialize();
+    Config::Load(m_configFile.c_str(), Config::kMainFile);  // 11
+    Config::Load(m_eventConfigFile.c_str(), Config::kEventFile);
+    OpenLog();        // 12
+    PinToSnortCpu();  // 13
+    OpenPacketLog();  // 14
+    ApplyEvidenceSettings();
 
+    m_bridge = EventBridge::GetInstance();  // 15
+    if (m_bridge == nullptr) {
+        Log::GetInstance()->Write(Log::kError, "Error initializing the engine");
+        return -1;
+    }
+    if (Config::s_debugSingle == 0) {  // 16
+        MakeEventThread();
+    }
+    m_errorThread = new SnortErrorThread("snorterrorthread", Config::s_snortCpu);  // 17
+    return 0;
+}
+
+int TarnEngine::Terminate() {
+    Log::Debug("Terminate TaRN");  // 1
+    if (m_pidFileCreated) {
+        (void)RemovePidFile(m_pidFile.c_str());  // 2; gone already is as good
+    }
+    QuitRemaining(m_eventThread, "Event thread is still alive. Force quit it.");  // 3
+    QuitRemaining(m_errorThread, "Error thread is still alive. Force quit it.");  // 4
+    // Deliberate: a reader that is left by a start that failed half-way keeps its reference of the
+    // bridge, and the bridge its own of the packet log interface. The process ends anyway, and the
+    // packet logging daemon is not told of an engine that ends before it ran.
+    if (m_bridge != nullptr && !m_threadAbandoned) {
+        std::exchange(m_bridge, nullptr)->Release();  // 5
+    }
+    ClosePacketLog();                            // 6
+    Log::Info("%s exiting", m_appName.c_str());  // 7
+    return 0;
+}
+
+int TarnEngine::Run() {
+    const int failure = StartEngine();
+    if (failure != 0) {
+        return failure;
+    }
+    Log* const log = Log::GetInstance();
+    log->Write(Log::kDebug, "Enter event reader loop...");
+    // Deliberate: a hangup that came since the last loop is lost here; StartEngine has just looked.
+    m_hangup.store(false, std::memory_order_release);
+    SnortEventReader* const reader = SnortEventReader::Instance();
+    while (s_term != 1) {
+        (void)reader->ReadEvent(kReadSeconds);  // the reader logs; the loop is the retry
+        if (m_hangup.load(std::memory_order_acquire)) {
+            break;
+        }
+    }
+    log->Write(Log::kDebug, "Exit event reader loop...");
+    SnortEventReader::ReleaseInstance();
+    return StopEngine();
+}
+
+int TarnEngine::StartEngine() {
+    if (!LoadChangedFiles()) {  // 1
+        return kStatusFailed;
+    }
+    if (m_bridge->Initialize() != 0) {  // 2
+        Log::GetInstance()->Write(Log::kError, "Error starting the engine");
+        return kStatusFailed;
+    }
+    if (Config::s_debugSingle == 0 && !StartEventThread()) {  // 3
+        return kStatusFailed;
+    }
+    if (!m_errorThread->IsRunning()) {  // 4
+        Log::GetInstance()->Write(Log::kDebug, "Want to start ERROR thread");
+        (void)m_errorThread->Start(false);  // one that did not start is seen at the next reload
+    }
+    // Deliberate: the threads are up already. The error thread tries its FIFO again and again until
+    // it is there.
+    if (!SnortEventReader::Instance()->CreateFifo() ||  // 5
+        !SnortErrorReader::Instance()->CreateFifo()) {
+        return kStatusFailed;
+    }
+    return 0;
+}
+
+int TarnEngine::StopEngine() {
+    // Deliberate: a hangup leaves the error thread running. A termination signal that comes after
+    // this line leaves it to Terminate.
+    const bool stopErrorThread =
+        s_term == 1 && AskToStop(m_errorThread, "Error thread is running, stop it");  // 1
+    if (m_eventThread != nullptr) {
+        // A thread that was made and has not come to its first line is about to use the bridge.
+        (void)m_eventThread->AwaitBegun(kJoinMs);
+    }
+    const bool stopEventThread = AskToStop(m_eventThread, "EVENT thread is running, stop it");  // 2
+    // Both end at the same time.
+    if (stopErrorThread) {
+        WindDown(m_errorThread, "Error thread join timeout exceeded");  // 3
+    }
+    if (stopEventThread) {
+        WindDown(m_eventThread, "Event thread join timeout exceeded");  // 4
+    }
+    if (m_threadAbandoned) {
+        return kStatusFailed;
+    }
+    m_bridge->Finalize();  // 5
+    return 0;
+}
+
+void TarnEngine::RaisePriority() {
     errno = 0;
     if (nice(kHighestPriority) < 0 && errno != 0) {
         Log::Warning("Unable to increase packet processing priority");
     }
-    if (m_runAsDaemon) {
-        Log::Debug("Running %s as a daemon process", m_appName.c_str());
-        Daemonize(true);
-    }
-
-    if (m_configFile.empty()) {
-        Log::Error("No TaRN configuration file specified");
-        return -1;
-    }
-    if (!ExamineFile(m_configFile, &m_configMtime)) {
-        return -1;
-    }
-    if (m_eventConfigFile.empty()) {
-        Log::Error("No snort configuration file specified");
-        return -1;
-    }
-    // The time is taken before the file is read, so that an edit between the two counts as one.
-    if (!ExamineFile(m_eventConfigFile, &m_eventConfigMtime)) {
-        return -1;
-    }
-    Config::Initialize();
-    Config::Load(m_configFile.c_str(), Config::kMainFile);
-    Config::Load(m_eventConfigFile.c_str(), Config::kEventFile);
-
-    Log* const log = Log::GetInstance();
-    log->Open(m_appName.c_str(), Config::s_logFile.c_str(), Config::s_logLevel,
-              Config::s_logMaxFileSize, Config::s_logMaxFiles);
-    log->Write(Log::kNotice, "%s base address: %p", m_appName.c_str(), m_baseAddress);
-    log->Write(Log::kDebug, "Using config file %s, snort config file %s", m_configFile.c_str(),
-               m_eventConfigFile.c_str());
-    Config::Dump();
-    PinToSnortCpu();
-    OpenPacketLog();
-    ApplyEvidenceSettings();
-
-    m_bridge = EventBridge::GetInstance();
-    if (m_bridge == nullptr) {
-        log->Write(Log::kError, "Error initializing the engine");
-        return -1;
-    }
-    if (Config::s_debugSingle == 0) {
-        MakeEventThread();
-    }
-    m_errorThread = new SnortErrorThread("snorterrorthread", Config::s_snortCpu);
-    return 0;
 }
 
-std::string TarnEngine::PidFilePath(const std::string& path, uint32_t number) {
-    const size_t slash = path.rfind('/');
-    const size_t name = slash == std::string::npos ? 0 : slash;
-    size_t dot = path.rfind('.');
-    if (dot == std::string::npos || dot < name) {
-        dot = path.size();
-    }
-    std::string spliced = path;
-    return spliced.insert(dot, std::to_string(number));
-}
-
-bool TarnEngine::ClaimPidFile() {
-    m_pidFile = PidFilePath(tarn::paths::kPidFile, m_instanceNumber);
-    int pid = 0;
-    if (IsProcessRunning(m_appName.c_str(), m_pidFile.c_str(), &pid)) {
-        Log::Error("Process %s with PID %d is already running. Exiting.", m_appName.c_str(), pid);
-        return false;
-    }
-    // Deliberate: this one message goes to the log file, which is not open yet, and is lost.
-    Log::GetInstance()->Write(Log::kDebug, "Creating pid file %s", m_pidFile.c_str());
-    // Deliberate: with -d the file is written before the fork and so holds the number of the
-    // parent, which ends at once. Start scripts read it as the number of the process they made.
-    m_pidFileCreated = WritePidFile(m_pidFile.c_str());
-    if (!m_pidFileCreated) {
-        Log::Warning("Unable to create PID file: %s", m_pidFile.c_str());
-    }
-    return true;
-}
-
-void TarnEngine::PinToSnortCpu() const {
+void TarnEngine::PinToSnortCpu() {
     const int cpu = Config::s_snortCpu;
     if (cpu < 0) {
         return;
@@ -234,236 +276,64 @@ void TarnEngine::OnHangup(int sig, siginfo_t* /*info*/, void* /*context*/) {
     m_hangup.store(true, std::memory_order_release);
 }
 
-bool TarnEngine::LoadChangedFiles() {
-    bool changed = false;
-    time_t modified = 0;
-    if (!ExamineFile(m_configFile, &modified)) {
-        return false;
-    }
-    if (modified != m_configMtime) {
-        Config::Load(m_configFile.c_str(), Config::kMainFile);
-        m_configMtime = modified;
-        ApplyEvidenceSettings();
-        Log::SetLevel(Config::s_logLevel);
-        changed = true;
-    }
-    if (!ExamineFile(m_eventConfigFile, &modified)) {
-        return false;
-    }
-    if (modified != m_eventConfigMtime) {
-        Config::Load(m_eventConfigFile.c_str(), Config::kEventFile);
-        m_eventConfigMtime = modified;
-        changed = true;
-    }
-    if (changed) {
-        Log::GetInstance()->Write(Log::kNotice, "Configuration reloaded.");
-        Config::Dump();
-    }
-    return true;
-}
-
-// ForceQuit leaves a thread alone that has ended.
-template <typename Worker>
-void TarnEngine::QuitAndDiscard(Worker*& worker) {
-    worker->ForceQuit();
-    Discard(std::exchange(worker, nullptr));
-}
-
-int TarnEngine::StartEngine() {
-    Log* const log = Log::GetInstance();
-    if (!LoadChangedFiles()) {
-        return kStatusFailed;
-    }
-    if (m_bridge->Initialize() != 0) {
-        log->Write(Log::kError, "Error starting the engine");
-        return kStatusFailed;
-    }
-
-    if (Config::s_debugSingle == 0) {
-        if (m_eventThread != nullptr && m_eventThread->IsRunning()) {
-            log->Write(Log::kError,
-                       "Event thread is running which should not be. Try stop it to fix this.");
-            m_eventThread->Stop();
-            JoinOrQuitEventThread();
-            if (m_threadAbandoned) {  // a second thread would take from the same ring
-                return kStatusFailed;
-            }
-        }
-        if (m_eventThread == nullptr) {
-            MakeEventThread();
-        }
-        log->Write(Log::kDebug, "Want to start EVENT thread");
-        // A thread that did not start is seen at the next reload.
-        (void)m_eventThread->Start(false);
-    }
-    if (!m_errorThread->IsRunning()) {
-        log->Write(Log::kDebug, "Want to start ERROR thread");
-        (void)m_errorThread->Start(false);  // as above
-    }
-
-    // Deliberate: the threads are up already. The error thread tries its FIFO again and again until
-    // it is there.
-    if (!SnortEventReader::Instance()->CreateFifo() ||
-        !SnortErrorReader::Instance()->CreateFifo()) {
-        return kStatusFailed;
-    }
-    return 0;
-}
-
-int TarnEngine::Run() {
-    const int failure = StartEngine();
-    if (failure != 0) {
-        return failure;
-    }
-    Log* const log = Log::GetInstance();
-    log->Write(Log::kDebug, "Enter event reader loop...");
-    // Deliberate: a hangup that came since the last loop is lost here; StartEngine has just looked.
-    m_hangup.store(false, std::memory_order_release);
-    SnortEventReader* const reader = SnortEventReader::Instance();
-    while (s_term != 1) {
-        (void)reader->ReadEvent(kReadSeconds);  // the reader logs; the loop is the retry
-        if (m_hangup.load(std::memory_order_acquire)) {
-            break;
-        }
-    }
-    log->Write(Log::kDebug, "Exit event reader loop...");
-    SnortEventReader::ReleaseInstance();
-    return StopEngine();
-}
-
-int TarnEngine::StopEngine() {
-    Log* const log = Log::GetInstance();
-    // Deliberate: a hangup leaves the error thread running. A termination signal that comes behind
-    // this line leaves it to Terminate.
-    const bool stopErrorThread =
-        s_term == 1 && m_errorThread != nullptr && m_errorThread->IsRunning();
-    if (stopErrorThread) {
-        log->Write(Log::kDebug, "Error thread is running, stop it");
-        m_errorThread->Stop();
-    }
-    bool stopEventThread = false;
-    if (m_eventThread != nullptr) {
-        // A thread that was made and has not come to its first line is about to use the bridge.
-        (void)m_eventThread->AwaitBegun(kJoinMs);
-        stopEventThread = m_eventThread->IsRunning();
-    }
-    if (stopEventThread) {
-        log->Write(Log::kDebug, "EVENT thread is running, stop it");
-        m_eventThread->Stop();
-    }
-    // Both wind down at the same time.
-    if (stopErrorThread && !m_errorThread->Join(kJoinMs, nullptr)) {
-        log->Write(Log::kError, "Error thread join timeout exceeded");
-        QuitAndDiscard(m_errorThread);
-    }
-    if (stopEventThread) {
-        JoinOrQuitEventThread();
-    }
-    if (m_threadAbandoned) {
-        return kStatusFailed;
-    }
-    m_bridge->Finalize();
-    return 0;
-}
-
-int TarnEngine::Terminate() {
-    Log::Debug("Terminate TaRN");
-    if (m_pidFileCreated) {
-        (void)RemovePidFile(m_pidFile.c_str());  // gone already is as good
-    }
-    if (m_eventThread != nullptr) {
-        (void)m_eventThread->AwaitBegun(kJoinMs);
-        if (m_eventThread->IsRunning()) {
-            Log::Error("Event thread is still alive. Force quit it.");
-        }
-        QuitAndDiscard(m_eventThread);
-    }
-    if (m_errorThread != nullptr) {
-        (void)m_errorThread->AwaitBegun(kJoinMs);
-        if (m_errorThread->IsRunning()) {
-            Log::Error("Error thread is still alive. Force quit it.");
-        }
-        QuitAndDiscard(m_errorThread);
-    }
-    // Both readers are still there after a start that failed half-way.
-    SnortEventReader::ReleaseInstance();
-    if (!m_threadAbandoned) {
-        SnortErrorReader::ReleaseInstance();
-    }
-    if (m_bridge != nullptr && !m_threadAbandoned) {
-        m_bridge->Release();
-        m_bridge = nullptr;
-    }
-    ClosePacketLog();
-    Log::Info("%s exiting", m_appName.c_str());
-    return 0;
-}
-
-void TarnEngine::OpenPacketLog() {
-    Log* const log = Log::GetInstance();
-    log->Write(Log::kDebug, "Initializing Channel to Packet Logging Daemon");
-    m_packetLogCtrl = PacketLogCtrl::PacketLogCtrlIF::GetInstance();
-    if (m_packetLogCtrl == nullptr) {
-        log->Write(
-            1,
-            "Cannot get instance  of Packet Logging Daemon Interface.  Packet Logging will be disabled.");
-    }
-}
-
-void TarnEngine::ApplyEvidenceSettings() {
-    if (m_packetLogCtrl == nullptr) {
-        return;
-    }
-    const auto setInt = [this](const char* name, int value) {
-        (void)m_packetLogCtrl->SetIntParameter(name, static_cast<uint32_t>(value));
-    };
-    m_packetLogCtrl->m_bEnabled = true;
-    setInt("engine.logevidence.maxfiles", Config::s_evidenceMaxFiles);
-    setInt("engine.logevidence.maxkbytes", Config::s_evidenceMaxKBytes);
-    setInt("engine.logevidence.count", Config::s_evidencePacketCount);
-    setInt("engine.logevidence.timeout", Config::s_evidenceFileTimeout);
-    (void)m_packetLogCtrl->SetStringParameter("engine.logevidence.format",
-                                              Config::s_evidenceFileFormat.c_str());
-    setInt("engine.logevidence.bufferctrlsize", Config::s_evidenceBufferCtrlSize);
-    setInt("engine.logevidence.suppress", Config::s_evidenceSuppress);
-    (void)m_packetLogCtrl->Initialize();  // the packet logging daemon may come later or never
-}
-
-void TarnEngine::ClosePacketLog() {
-    if (m_packetLogCtrl == nullptr) {
-        return;
-    }
-    Log* const log = Log::GetInstance();
-    log->Write(Log::kInfo, "Number of Control Messages Attempted: %d.",
-               static_cast<int>(m_packetLogCtrl->m_uAttempted));
-    log->Write(Log::kInfo, "Number of Start Offending Packet Capture message failures: %d.",
-               static_cast<int>(m_packetLogCtrl->m_uFailOffendingPacket));
-    log->Write(Log::kInfo, "Number of Frames not sent to packet logging daemon: %d.",
-               static_cast<int>(m_packetLogCtrl->m_uFramesNotSent));
-    log->Write(Log::kInfo, "Number of Control Messages Skipped due to throttling: %d.",
-               static_cast<int>(m_packetLogCtrl->m_uThrottled));
-    if (m_packetLogCtrl->Release() == 0) {
-        m_packetLogCtrl = nullptr;
-        return;
-    }
-    log->Write(Log::kError,
-               "%s is exiting without having completely freed the Packet Log Control interface.",
-               m_appName.c_str());
-}
-
 void TarnEngine::MakeEventThread() {
     m_eventThread = new EventThread("eventthread", 0, Config::s_engineCpu);
 }
 
-void TarnEngine::JoinOrQuitEventThread() {
-    if (m_eventThread->Join(kJoinMs, nullptr)) {
-        return;
+bool TarnEngine::StartEventThread() {
+    Log* const log = Log::GetInstance();
+    if (m_eventThread != nullptr && m_eventThread->IsRunning()) {
+        log->Write(Log::kError,
+                   "Event thread is running which should not be. Try stop it to fix this.");
+        m_eventThread->Stop();
+        WindDown(m_eventThread, "Event thread join timeout exceeded");
+        if (m_threadAbandoned) {  // a second thread would take from the same ring
+            return false;
+        }
     }
-    Log::GetInstance()->Write(Log::kError, "Event thread join timeout exceeded");
-    QuitAndDiscard(m_eventThread);
+    if (m_eventThread == nullptr) {
+        MakeEventThread();
+    }
+    log->Write(Log::kDebug, "Want to start EVENT thread");
+    (void)m_eventThread->Start(false);  // one that did not start is seen at the next reload
+    return true;
 }
 
-void TarnEngine::Discard(Thread* thread) {
+template <typename Worker>
+bool TarnEngine::AskToStop(Worker* worker, const char* message) {
+    if (worker == nullptr || !worker->IsRunning()) {
+        return false;
+    }
+    Log::GetInstance()->Write(Log::kDebug, "%s", message);
+    worker->Stop();
+    return true;
+}
+
+template <typename Worker>
+void TarnEngine::WindDown(Worker*& worker, const char* message) {
+    if (worker->Join(kJoinMs, nullptr)) {
+        return;
+    }
+    Log::GetInstance()->Write(Log::kError, "%s", message);
+    QuitAndDiscard(worker);
+}
+
+template <typename Worker>
+void TarnEngine::QuitRemaining(Worker*& worker, const char* message) {
+    if (worker == nullptr) {
+        return;
+    }
+    (void)worker->AwaitBegun(kJoinMs);
+    if (worker->IsRunning()) {
+        Log::Error("%s", message);
+    }
+    QuitAndDiscard(worker);
+}
+
+template <typename Worker>
+void TarnEngine::QuitAndDiscard(Worker*& worker) {
+    worker->ForceQuit();  // leaves a thread alone that has ended
+    Thread* const thread = std::exchange(worker, nullptr);
     if (thread->Settle(kJoinMs)) {
         delete thread;
     } else {

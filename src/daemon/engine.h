@@ -25,7 +25,6 @@
 class EventBridge;
 class EventThread;
 class SnortErrorThread;
-class Thread;
 
 namespace PacketLogCtrl {
 class PacketLogCtrlIF;
@@ -37,8 +36,6 @@ class TarnEngine : public Application {
     static TarnEngine* Instance();
     static void ReleaseInstance();
 
-    ~TarnEngine() override;
-
     // All that happens once in a process, in a fixed order; starts no thread. 0, or -1.
     [[nodiscard]] int Initialize(int argc, char** argv) override;
     // The way out, also after a failed Initialize. Always 0.
@@ -46,6 +43,7 @@ class TarnEngine : public Application {
     // One cycle: start, reader loop, stop. 0 to be called again, else the exit status.
     [[nodiscard]] int Run() override;
     [[nodiscard]] int RunAlternate() override { return Run(); }
+    ~TarnEngine() override;
 
     [[nodiscard]] std::string GetAppName() const { return m_appName; }
     // Stores what follows the last "/" of argv0.
@@ -74,17 +72,40 @@ class TarnEngine : public Application {
   private:
     TarnEngine();
 
+    friend class TarnEnginePeer;  // tests
+
+    // Steps of Initialize; those with a result log their own failure.
     [[nodiscard]] bool ClaimPidFile();
-    void PinToSnortCpu() const;
+    static void RaisePriority();
+    [[nodiscard]] bool ExamineFiles();
+    void OpenLog();
+    static void PinToSnortCpu();
+
+    // False with its message when `path` is not a regular file that can be examined.
+    [[nodiscard]] static bool ExamineFile(const std::string& path, time_t* modified);
+    // False when a file cannot be examined any more.
+    [[nodiscard]] bool LoadChangedFiles();
+
+    // engine_packet_log.cpp
     void OpenPacketLog();
     void ApplyEvidenceSettings();
     void ClosePacketLog();
-    [[nodiscard]] bool LoadChangedFiles();
+
     void MakeEventThread();
-    void JoinOrQuitEventThread();
+    // False when a former thread hangs in the kernel and was abandoned.
+    [[nodiscard]] bool StartEventThread();
+    // Logs the message and asks for the end of a thread that runs. False when there is none.
+    template <typename Worker>
+    [[nodiscard]] static bool AskToStop(Worker* worker, const char* message);
+    // Waits for the end of a thread that was asked. One that does not end in time is logged and
+    // quit by force, and `worker` is null afterwards.
+    template <typename Worker>
+    void WindDown(Worker*& worker, const char* message);
+    // Quits what is left of a thread, logs the message if it still ran, and makes `worker` null.
+    template <typename Worker>
+    void QuitRemaining(Worker*& worker, const char* message);
     template <typename Worker>
     void QuitAndDiscard(Worker*& worker);
-    void Discard(Thread* thread);
 
     EventBridge* m_bridge = nullptr;            // owned as one reference
     EventThread* m_eventThread = nullptr;       // owned; stays null in single-thread mode

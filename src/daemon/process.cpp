@@ -13,6 +13,7 @@
 
 namespace {
 
+constexpr int kFirstInheritedDescriptor = 3;
 constexpr mode_t kDaemonUmask = 022;
 constexpr mode_t kPidFileMode = 0644;
 constexpr size_t kPidTextLimit = 79;  // more than this of a PID file is not looked at
@@ -20,6 +21,20 @@ constexpr useconds_t kPollMicroseconds = 10000;
 constexpr unsigned kPollsPerSecond = 100;
 
 }  // namespace
+
+void CloseInheritedDescriptors() {
+    const long limit = sysconf(_SC_OPEN_MAX);
+    if (limit <= kFirstInheritedDescriptor) {
+        return;
+    }
+    // One call where the kernel has it: the limit can be a million.
+    if (close_range(kFirstInheritedDescriptor, static_cast<unsigned>(limit - 1), 0) == 0) {
+        return;
+    }
+    for (long fd = kFirstInheritedDescriptor; fd < limit; ++fd) {
+        close(static_cast<int>(fd));
+    }
+}
 
 void Daemonize(bool fork) {
     if (fork) {

@@ -1,11 +1,15 @@
 #pragma once
 
-// Free functions of the process frame: the daemon step and the PID file with its running-copy
-// test. They log nothing; the caller reports.
+// Free functions of the process frame: inherited descriptors, the daemon step, and the PID file
+// with its running-copy test. They log nothing; the caller reports.
 //
-// Threads: for the main thread, Daemonize before any other thread exists.
+// Threads: for the main thread; CloseInheritedDescriptors and Daemonize before any other thread
+// exists.
 
 #include <sys/types.h>
+
+// Closes every descriptor above the three standard ones, up to the limit of open files.
+void CloseInheritedDescriptors();
 
 // Leaves the terminal: forks if `fork` is true (the parent ends with status 0, a failed fork with
 // status 1), starts a session, changes to "/", sets the umask to 022 and points descriptors 0, 1

@@ -5,10 +5,10 @@
 
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 
 #include "logging/log.h"
+#include "logging/log_guards.h"
 
 namespace {
 
@@ -105,14 +105,13 @@ void RequestStackReport(pthread_t thread) {
 
 // Deliberate: one report in a process. Threads that fault together would mix their lines.
 void ReportThreadFault(int /*sig*/, siginfo_t* info, void* /*context*/) {
-    const int savedErrno = errno;
+    const ErrnoKeeper keeper;
     if (s_reportPending.exchange(false, std::memory_order_acq_rel)) {
         if (info != nullptr) {
             ReportSignal(*info);
         }
         ReportStack();
     }
-    errno = savedErrno;
 }
 
 const char* SignalCodeText(int sig, int code) {

@@ -7,6 +7,7 @@ from pathlib import Path
 
 import harness
 from harness import ALERT_FIFO, CONFIG, ERROR_FIFO, EVENT_CONFIG, PID_FILE
+from peers.packet_logger import ENGINE_SHUTTING_DOWN, ENGINE_STARTING, PacketLogger
 
 USAGE = """\
 Usage: tarn -c <tarn_config_file> -n <snort_event_config_file> [-d] [-m] [-s] [-v] [-h]
@@ -19,6 +20,7 @@ The options are as follows:
 """
 NOT_A_FIFO = ("Fatal error: %s is already created by SNORT, reader won't work. "
               "Please remove it manually")
+NOT_FREED = "tarn is exiting without having completely freed the Packet Log Control interface."
 
 
 def running_copies():
@@ -91,6 +93,7 @@ class Lifecycle(harness.DaemonTest):
             "tarn exiting",
         ], harness.log_messages())
         self.assertEqual("tarn exiting", harness.log_messages()[-1])
+        self.assertNotIn(NOT_FREED, harness.log_messages())
 
     def test_stops_on_a_termination_signal(self):
         self.check_stop(signal.SIGTERM, "Received TERM signal")
@@ -225,6 +228,26 @@ class Lifecycle(harness.DaemonTest):
                 self.assertFalse(PID_FILE.exists())
                 path.unlink()
                 harness.LOG.unlink()
+
+    def test_keeps_the_readers_of_a_start_that_failed_half_way(self):
+        # They hold the bridge and the bridge holds the packet log interface, so the packet logging
+        # daemon is not told of the end.
+        logger = PacketLogger()
+        self.addCleanup(logger.close)
+        ERROR_FIFO.write_text("from the sensor")
+        self.fails()
+        messages = harness.log_messages()
+        self.assert_in_order([
+            "Event thread is still alive. Force quit it.",
+            "Error thread is still alive. Force quit it.",
+            "Number of Control Messages Attempted: 1.",
+            NOT_FREED,
+            "tarn exiting",
+        ], messages)
+        self.assertEqual("tarn exiting", messages[-1])
+        logger.close()
+        self.assertEqual(1, len(logger.of_type(ENGINE_STARTING)))
+        self.assertEqual([], logger.of_type(ENGINE_SHUTTING_DOWN))
 
     def test_refuses_a_fifo_that_cannot_be_made(self):
         ALERT_FIFO.parent.rmdir()
