@@ -16,7 +16,6 @@ class Application {
     // The exit status of a start or a cycle that failed.
     static constexpr int kStatusFailed = 4;
 
-    virtual ~Application() = default;
     Application(const Application&) = delete;
     Application& operator=(const Application&) = delete;
 
@@ -26,6 +25,8 @@ class Application {
     // One cycle: 0 to be called again, anything else is the exit status.
     [[nodiscard]] virtual int Run() = 0;
     [[nodiscard]] virtual int RunAlternate() { return m_status; }
+    // The destructor comes last among the virtual operations.
+    virtual ~Application() = default;
 
     // The whole life of the process. The result is its exit status.
     [[nodiscard]] int Main(int argc, char** argv);

@@ -44,11 +44,12 @@ bool Thread::Start(bool detached) {
         if (!Join(nullptr)) {
             return false;
         }
-        m_doneGate.Close();
-        m_begunGate.Close();
         m_finished.store(false, std::memory_order_release);
         m_running.store(false, std::memory_order_release);
     }
+    // A first start that failed has left the done gate open.
+    m_doneGate.Close();
+    m_begunGate.Close();
 
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);

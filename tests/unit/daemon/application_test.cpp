@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <regex>
 #include <string>
@@ -47,6 +49,23 @@ class RecordingApplication : public Application {
         return 0;
     };
 };
+
+// Where the table of virtual operations holds one, counted from 0. A pointer to a virtual member is
+// its offset in that table, on some machines with the lowest bit set.
+template <typename Operation>
+ptrdiff_t Slot(Operation operation) {
+    ptrdiff_t offset = 0;
+    static_assert(sizeof operation >= sizeof offset);
+    memcpy(&offset, &operation, sizeof offset);
+    return offset / static_cast<ptrdiff_t>(sizeof(void*));
+}
+
+TEST(ApplicationOperations, HaveTheDestructorLast) {
+    EXPECT_EQ(0, Slot(&Application::Initialize));
+    EXPECT_EQ(1, Slot(&Application::Terminate));
+    EXPECT_EQ(2, Slot(&Application::Run));
+    EXPECT_EQ(3, Slot(&Application::RunAlternate));
+}
 
 using Calls = std::vector<std::string>;
 

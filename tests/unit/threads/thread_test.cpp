@@ -145,6 +145,22 @@ TEST(ThreadStart, ThatFailsOpensTheGateAndMayBeTriedAgain) {
     ASSERT_TRUE(thread.Settle(kLongMs));
 }
 
+TEST(ThreadStart, AfterAFailedOneClosesTheGateAgain) {
+    ScriptedThread* self = nullptr;
+    ScriptedThread thread([&self] { return self->WaitForStop(); });
+    self = &thread;
+    {
+        const NoNewThreads none;
+        ASSERT_FALSE(thread.Start(true));
+    }
+    ASSERT_TRUE(thread.Start(true));
+    EXPECT_FALSE(thread.Join(0, nullptr)) << "the thread still runs";
+    EXPECT_FALSE(thread.Settle(0));
+    thread.Cancel();
+    EXPECT_TRUE(thread.Join(kLongMs, nullptr)) << "the cancel was heard";
+    EXPECT_TRUE(thread.IsFinished());
+}
+
 TEST(ThreadStart, KeepsRefusingAfterARestartThatFailed) {
     ScriptedThread thread([] { return 5; });
     ASSERT_TRUE(thread.Start(false));
