@@ -3,8 +3,8 @@
 #include <execinfo.h>
 
 #include <array>
-#include <cstdlib>
 
+#include "daemon/stack_listing.h"
 #include "logging/log.h"
 #include "logging/log_guards.h"
 
@@ -130,18 +130,6 @@ void Application::SignalHandler(int sig, siginfo_t* /*info*/, void* /*context*/)
 }
 
 void Application::LogBacktrace() {
-    std::array<void*, kMaxFrames> frames{};
-    const int count = backtrace(frames.data(), kMaxFrames);
-    if (count <= 0) {
-        return;
-    }
-    char** const symbols = backtrace_symbols(frames.data(), count);
-    if (symbols == nullptr) {
-        return;
-    }
-    Log::Critical("Stacktrace (%zd frames):", static_cast<ssize_t>(count));
-    for (int i = 0; i < count; ++i) {
-        Log::Critical("%s", symbols[i]);
-    }
-    std::free(symbols);
+    ListStack<kMaxFrames>([](ssize_t count) { Log::Critical("Stacktrace (%zd frames):", count); },
+                          [](size_t /*index*/, const char* frame) { Log::Critical("%s", frame); });
 }

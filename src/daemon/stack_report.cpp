@@ -1,12 +1,8 @@
 #include "daemon/stack_report.h"
 
-#include <execinfo.h>
-#include <sys/types.h>
-
-#include <array>
 #include <atomic>
-#include <cstdlib>
 
+#include "daemon/stack_listing.h"
 #include "logging/log.h"
 #include "logging/log_guards.h"
 
@@ -65,31 +61,21 @@ constexpr GeneralCode kGeneralCodes[] = {
 };
 
 void ReportSignal(const siginfo_t& info) {
-    Log::WriteConsole(1, "Received signal %d", info.si_signo);
-    Log::WriteConsole(1, "Signal code %d (%s)", info.si_code,
+    Log::WriteConsole(Log::kError, "Received signal %d", info.si_signo);
+    Log::WriteConsole(Log::kError, "Signal code %d (%s)", info.si_code,
                       SignalCodeText(info.si_signo, info.si_code));
     if (info.si_errno != 0) {
-        Log::WriteConsole(1, "Associated errno %d", info.si_errno);
+        Log::WriteConsole(Log::kError, "Associated errno %d", info.si_errno);
     }
-    Log::WriteConsole(1, "Fault Address %p", info.si_addr);
+    Log::WriteConsole(Log::kError, "Fault Address %p", info.si_addr);
 }
 
 void ReportStack() {
-    std::array<void*, kMaxFrames> frames{};
-    const int count = backtrace(frames.data(), kMaxFrames);
-    if (count <= 0) {
-        return;
-    }
-    char** const symbols = backtrace_symbols(frames.data(), count);
-    if (symbols == nullptr) {
-        return;
-    }
-    const auto frameCount = static_cast<size_t>(count);
-    Log::WriteConsole(1, "Stacktrace (%zd frames):", static_cast<ssize_t>(count));
-    for (size_t i = 0; i < frameCount; ++i) {
-        Log::WriteConsole(1, "%zu: %s", i, symbols[i]);
-    }
-    std::free(symbols);
+    ListStack<kMaxFrames>(
+        [](ssize_t count) { Log::WriteConsole(Log::kError, "Stacktrace (%zd frames):", count); },
+        [](size_t index, const char* frame) {
+            Log::WriteConsole(Log::kError, "%zu: %s", index, frame);
+        });
 }
 
 }  // namespace

@@ -3,13 +3,13 @@
 #include <cerrno>
 #include <memory>
 
-#include <sys/time.h>
-
 #include "config/config.h"
 #include "crm/crm_event_producer.h"
 #include "logging/log.h"
 #include "packet_log/packet_log_ctrl_if.h"
 #include "threads/cancellation.h"
+#include "threads/gate.h"
+#include "threads/mutex_lock.h"
 #include "unified2/unified2_events.h"
 
 using vald::Log;
@@ -19,17 +19,6 @@ namespace {
 int32_t NextSlot(int32_t index) {
     return (index + 1) & (EventBridge::kRingSize - 1);
 }
-
-class Locked {
-  public:
-    explicit Locked(pthread_mutex_t& mutex) : m_mutex(mutex) { pthread_mutex_lock(&m_mutex); }
-    ~Locked() { pthread_mutex_unlock(&m_mutex); }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-
-  private:
-    pthread_mutex_t& m_mutex;
-};
 
 }  // namespace
 
@@ -51,7 +40,7 @@ class EventBridge::Consumer {
 
     void Advance() {
         m_index = NextSlot(m_index);
-        const Locked lock(m_bridge.m_mutex);
+        const MutexLock lock(m_bridge.m_mutex);
         // Release: a producer that sees the room finds the slot cleared.
         m_bridge.m_count.fetch_sub(1, std::memory_order_release);
     }
@@ -211,7 +200,7 @@ int EventBridge::EnqueueEvent(U2AlertEvent* event) {
     m_queue[static_cast<size_t>(m_tail)].store(event, std::memory_order_release);
     m_tail = NextSlot(m_tail);
 
-    const Locked lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_count.fetch_add(1, std::memory_order_relaxed);
     pthread_cond_signal(&m_notEmpty);
     return 0;
@@ -259,16 +248,11 @@ int EventBridge::ProcessEventQueue(int32_t maximum, uint32_t seconds) {
 
 // False when nothing came in time.
 bool EventBridge::WaitForEvent(uint32_t seconds) {
-    const Locked lock(m_mutex);
+    const MutexLock lock(m_mutex);
     if (m_count.load(std::memory_order_relaxed) != 0) {
         return true;
     }
-    timeval now;
-    gettimeofday(&now, nullptr);
-    timespec deadline;
-    deadline.tv_sec = now.tv_sec + static_cast<time_t>(seconds);
-    deadline.tv_nsec = now.tv_usec * 1000;
-
+    const timespec deadline = DeadlineFromNow(uint64_t{seconds} * 1000);
     // The one place where a cancel may land; the wait takes the mutex again before it unwinds.
     const CancellationOn window;
     // Deliberate: a wake-up counts as an event without another look at the count. One that comes

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "logging/log_guards.h"
 #include "logging/sys_log.h"
@@ -15,21 +16,6 @@ namespace {
 // The highest level that is sent to the system log once the log is open, and on the console path.
 constexpr int kHighestToSyslog = Log::kInfo;
 constexpr int kHighestToConsoleSyslog = Log::kNotice;
-
-const char* LevelWord(int level) {
-    switch (level) {
-        case Log::kError:
-            return "Error: ";
-        case Log::kWarning:
-            return "Warning: ";
-        case Log::kInfo:
-            return "Info: ";
-        case Log::kNotice:
-            return "Notice: ";
-        default:
-            return "Debug: ";
-    }
-}
 
 // Deliberate: before the log is open an error has the priority of its name, unlike in SysLog,
 // where the level is the priority. Start-up trouble is to be found by its ordinary priority.
@@ -55,9 +41,6 @@ std::atomic<bool> Log::m_sendErrorsToConsole{false};
 std::atomic<bool> Log::m_sendWarningsToConsole{false};
 std::atomic<bool> Log::m_sendInfosToConsole{false};
 
-// ---------------------------------------------------------------------------------------------
-// The static level functions
-//
 // Deliberate: on the console path errors, warnings and notices go to the callback and infos do not,
 // nor does Critical. Once the log is open the callback takes levels 1 to 3, by whatever function.
 
@@ -182,11 +165,8 @@ void Log::VWriteConsole(int level, const char* format, va_list args, bool append
             syslog(ConsolePriority(level), "%s", text);
         }
     }
-    fprintf(stderr, "%s%s\n", LevelWord(level), text);
+    fprintf(stderr, "%s%s\n", log_level::WordsOf(level).console, text);
 }
-
-// ---------------------------------------------------------------------------------------------
-// Level and callback
 
 void Log::SetLevel(int level) {
     m_iLogLevel.store(level, std::memory_order_relaxed);
@@ -207,11 +187,8 @@ void Log::SetConsole(ConsoleCallback callback, bool errors, bool warnings, bool 
     m_pfnVLogToConsole.store(callback, std::memory_order_release);
 }
 
-// ---------------------------------------------------------------------------------------------
-// The singleton
-
 Log* Log::Create() {
-    m_pLog = new Log;
+    m_pLog = new (std::nothrow) Log;
     return m_pLog;
 }
 

@@ -12,7 +12,9 @@
 //
 //   1 error   2 warning   3 info   4 notice   5 debug
 //
-// Every operation leaves errno as it found it, and none is a cancellation point.
+// Every operation leaves errno as it found it, and none is a cancellation point. Once the log is
+// open, no message allocates memory: a signal handler may log while the thread that it interrupted
+// is inside the allocator.
 //
 // Threads: the first GetInstance, Destroy, Open, Reopen and Close belong to the main thread while
 // no other thread runs. All else may be called by any thread, and all but GetInstance by the
@@ -22,6 +24,7 @@
 #include <cstdarg>
 
 #include "logging/log_file.h"
+#include "logging/log_level.h"
 
 class SysLog;
 
@@ -29,11 +32,11 @@ namespace vald {
 
 class Log {
   public:
-    static constexpr int kError = 1;
-    static constexpr int kWarning = 2;
-    static constexpr int kInfo = 3;
-    static constexpr int kNotice = 4;
-    static constexpr int kDebug = 5;
+    static constexpr int kError = log_level::kError;
+    static constexpr int kWarning = log_level::kWarning;
+    static constexpr int kInfo = log_level::kInfo;
+    static constexpr int kNotice = log_level::kNotice;
+    static constexpr int kDebug = log_level::kDebug;
 
     // Takes the message as format and arguments; the list is the callee's to consume.
     using ConsoleCallback = void (*)(int level, const char* format, va_list args);
@@ -61,7 +64,8 @@ class Log {
     // Installs a callback and chooses the levels 1, 2 and 3 for it; a null one clears everything.
     static void SetConsole(ConsoleCallback callback, bool errors, bool warnings, bool infos);
 
-    // The singleton, made at the first call. Never null.
+    // The singleton, made at the first call. Null only when that call finds no memory for it: the
+    // engine makes the first call and then refuses the start.
     static Log* GetInstance() { return m_pLog != nullptr ? m_pLog : Create(); }
     // Deletes the singleton; the static functions take the console path again.
     static void Destroy();

@@ -43,6 +43,8 @@ bool LogFile::SetLimits(unsigned maxSize, unsigned maxFiles) {
     m_size = 0;
     m_maxSize = maxSize;
     m_maxFiles = maxFiles;
+    // The first use of the local time loads the time zone, which allocates. No line must be first.
+    (void)BuildPrefix(m_buffer, sizeof m_buffer, nullptr);
     return OpenWithRotation();
 }
 
@@ -150,26 +152,28 @@ bool LogFile::OpenWithRotation() {
 // along and is not closed, so that a number tells the age of a file.
 bool LogFile::Rotate() const {
     for (uint32_t i = m_maxFiles - 1; i >= 1; --i) {
-        const std::string source = i == 1 ? m_path : RotatedName(i - 1);
-        if (access(source.c_str(), F_OK) != 0) {
-            continue;
-        }
-        const std::string target = RotatedName(i);
-        if (access(target.c_str(), F_OK) == 0 && remove(target.c_str()) != 0) {
+        char source[kNameSize];
+        char target[kNameSize];
+        if (!NameFile(source, i - 1) || !NameFile(target, i)) {
             return false;
         }
-        if (rename(source.c_str(), target.c_str()) != 0) {
+        if (access(source, F_OK) != 0) {
+            continue;
+        }
+        if (access(target, F_OK) == 0 && remove(target) != 0) {
+            return false;
+        }
+        if (rename(source, target) != 0) {
             return false;
         }
     }
     return true;
 }
 
-// The path may be of any length; only the number has a form.
-std::string LogFile::RotatedName(uint32_t index) const {
-    char ending[16];
-    snprintf(ending, sizeof ending, ".%03u", index);
-    return m_path + ending;
+bool LogFile::NameFile(char (&out)[kNameSize], uint32_t index) const {
+    const int printed = index == 0 ? snprintf(out, sizeof out, "%s", m_path.c_str())
+                                   : snprintf(out, sizeof out, "%s.%03u", m_path.c_str(), index);
+    return printed >= 0 && static_cast<size_t>(printed) < sizeof out;
 }
 
 void LogFile::CloseFile() {

@@ -1,17 +1,21 @@
 #pragma once
 
-// The rotating log file. One line a message:
+// The rotating log file. Each message is one line:
 //
 //   2026/11/12 14:12:01.123 T:140 Configuration reloaded.
 //
 // with local time and the thread number. The level is not in the line. A file above its limit
 // becomes ".001", that one ".002", and so on; every opening starts a new file. Owned by vald::Log.
 //
+// No line allocates memory, be it the one that rotates the file: a signal handler writes lines,
+// too.
+//
 // Threads: any thread may write. m_mutex covers the line buffer, the rotation and the writes, so
 // that lines never interleave. Initialize belongs to the thread that opens the log.
 
 #include <pthread.h>
 
+#include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -52,9 +56,14 @@ class LogFile : public LogTrace {
     static size_t BuildPrefix(char* out, size_t size, const char* tag);
 
   private:
-    bool OpenWithRotation();
-    bool Rotate() const;
-    std::string RotatedName(uint32_t index) const;
+    // Bytes that any path has room in which the system takes, with its NUL.
+    static constexpr size_t kNameSize = PATH_MAX;
+
+    [[nodiscard]] bool OpenWithRotation();
+    [[nodiscard]] bool Rotate() const;
+    // Writes the name of the file with this number to `out`; 0 is the current file. False when it
+    // does not fit.
+    [[nodiscard]] bool NameFile(char (&out)[kNameSize], uint32_t index) const;
     void BuildLine(const char* format, va_list args) __attribute__((format(printf, 2, 0)));
     int WriteLine(const char* text);
     void CloseFile();

@@ -12,6 +12,7 @@
 #include <initializer_list>
 
 #include "threads/cancellation.h"
+#include "threads/mutex_lock.h"
 
 // Puts errno back, so that a caller may log first and look at errno afterwards.
 class ErrnoKeeper {
@@ -21,7 +22,7 @@ class ErrnoKeeper {
     ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
     ~ErrnoKeeper() { errno = m_errno; }
 
-    int Kept() const { return m_errno; }
+    [[nodiscard]] int Kept() const { return m_errno; }
 
   private:
     const int m_errno = errno;
@@ -45,7 +46,7 @@ class Uninterrupted {
     ~Uninterrupted() { pthread_sigmask(SIG_SETMASK, &m_former, nullptr); }
 
   private:
-    CancellationOff m_cancellationOff;
+    const CancellationOff m_off;
     sigset_t m_former;
 };
 
@@ -55,21 +56,14 @@ class Uninterrupted {
 // since the process is about to end and its last lines are worth more than their neatness.
 class LogLock {
   public:
-    explicit LogLock(pthread_mutex_t& mutex)
-        : m_mutex(mutex), m_owns(pthread_mutex_lock(&mutex) == 0) {}
+    explicit LogLock(pthread_mutex_t& mutex) : m_lock(mutex) {}
     LogLock(const LogLock&) = delete;
     LogLock& operator=(const LogLock&) = delete;
-    ~LogLock() {
-        if (m_owns) {
-            pthread_mutex_unlock(&m_mutex);
-        }
-    }
 
     // False: the calling thread held the mutex already.
-    bool Owns() const { return m_owns; }
+    [[nodiscard]] bool Owns() const { return m_lock.Owns(); }
 
   private:
-    Uninterrupted m_uninterrupted;
-    pthread_mutex_t& m_mutex;
-    const bool m_owns;
+    const Uninterrupted m_uninterrupted;  // from before the lock is taken until it is free again
+    const MutexLock m_lock;
 };

@@ -6,6 +6,8 @@
 
 #include <atomic>
 
+#include "logging/log_level.h"
+
 class LogTrace {
   public:
     LogTrace() = default;
@@ -21,6 +23,6 @@ class LogTrace {
     // One comparison; every writing operation of a sink begins with it.
     bool Passes(int level) const { return level <= m_level.load(std::memory_order_relaxed); }
 
-    std::atomic<int> m_level{3};
+    std::atomic<int> m_level{log_level::kInfo};
     static_assert(std::atomic<int>::is_always_lock_free);
 };

@@ -5,17 +5,13 @@
 #include <cstdio>
 
 #include "logging/log_guards.h"
+#include "logging/log_level.h"
 
-namespace {
-
-// The levels of vald::Log, which lies above this class.
-constexpr int kError = 1;
-constexpr int kWarning = 2;
-constexpr int kInfo = 3;
-constexpr int kNotice = 4;
-constexpr int kDebug = 5;
-
-}  // namespace
+using log_level::kDebug;
+using log_level::kError;
+using log_level::kInfo;
+using log_level::kNotice;
+using log_level::kWarning;
 
 SysLog* SysLog::m_logger = nullptr;
 std::atomic<bool> SysLog::m_syslogOpen{false};
@@ -57,7 +53,7 @@ void SysLog::Initialize(const std::string& appName, int level) {
 std::string SysLog::GetAppName() {
     std::string name;
     {
-        LogLock lock(m_mutex);
+        const LogLock lock(m_mutex);
         name = m_appName;
     }
     Debug("SysLog::GetAppName() - Returning application name %s", name.c_str());
@@ -66,7 +62,7 @@ std::string SysLog::GetAppName() {
 
 void SysLog::SetAppName(const std::string& appName) {
     Debug("SysLog::SetAppName() - Setting application name to %s", appName.c_str());
-    LogLock lock(m_mutex);
+    const LogLock lock(m_mutex);
     const bool wasOpen = m_syslogOpen.load(std::memory_order_relaxed);
     // Closing first: an open system log points at the characters of the former name.
     if (wasOpen) {
@@ -79,12 +75,12 @@ void SysLog::SetAppName(const std::string& appName) {
 }
 
 void SysLog::Open() {
-    LogLock lock(m_mutex);
+    const LogLock lock(m_mutex);
     OpenLocked();
 }
 
 void SysLog::Close() {
-    LogLock lock(m_mutex);
+    const LogLock lock(m_mutex);
     CloseLocked();
 }
 

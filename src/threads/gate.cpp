@@ -6,7 +6,7 @@ constexpr long kNanosecondsPerSecond = 1000000000L;
 
 }  // namespace
 
-timespec DeadlineAfter(const timeval& now, unsigned timeoutMs) {
+timespec DeadlineAfter(const timeval& now, uint64_t timeoutMs) {
     timespec deadline{};
     deadline.tv_sec = now.tv_sec + static_cast<time_t>(timeoutMs / 1000);
     deadline.tv_nsec = now.tv_usec * 1000L + static_cast<long>(timeoutMs % 1000) * 1000000L;
@@ -17,7 +17,7 @@ timespec DeadlineAfter(const timeval& now, unsigned timeoutMs) {
     return deadline;
 }
 
-timespec DeadlineFromNow(unsigned timeoutMs) {
+timespec DeadlineFromNow(uint64_t timeoutMs) {
     timeval now{};
     if (gettimeofday(&now, nullptr) != 0) {
         return timespec{};
@@ -38,12 +38,12 @@ void Gate::Destroy() {
 }
 
 void Gate::Close() {
-    const Lock lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_closed = true;
 }
 
 void Gate::Open(bool broadcast) {
-    const Lock lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_closed = false;
     if (broadcast) {
         pthread_cond_broadcast(&m_cond);
@@ -53,7 +53,7 @@ void Gate::Open(bool broadcast) {
 }
 
 bool Gate::Wait() {
-    const Lock lock(m_mutex);
+    const MutexLock lock(m_mutex);
     while (m_closed) {
         if (pthread_cond_wait(&m_cond, &m_mutex) != 0) {
             return false;
@@ -64,7 +64,7 @@ bool Gate::Wait() {
 
 bool Gate::Wait(unsigned timeoutMs) {
     const timespec deadline = DeadlineFromNow(timeoutMs);
-    const Lock lock(m_mutex);
+    const MutexLock lock(m_mutex);
     while (m_closed) {
         if (pthread_cond_timedwait(&m_cond, &m_mutex, &deadline) != 0) {
             return false;
@@ -74,6 +74,6 @@ bool Gate::Wait(unsigned timeoutMs) {
 }
 
 bool Gate::IsOpen() {
-    const Lock lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return !m_closed;
 }

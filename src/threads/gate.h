@@ -11,14 +11,17 @@
 #include <pthread.h>
 #include <sys/time.h>
 
+#include <cstdint>
 #include <ctime>
 
+#include "threads/mutex_lock.h"
+
 // The absolute time that lies timeoutMs milliseconds after `now`.
-[[nodiscard]] timespec DeadlineAfter(const timeval& now, unsigned timeoutMs);
+[[nodiscard]] timespec DeadlineAfter(const timeval& now, uint64_t timeoutMs);
 
 // The same from the present moment of the real-time clock, which is the clock that the timed
 // waits of this program use. All zero, a time long past, when the clock cannot be read.
-[[nodiscard]] timespec DeadlineFromNow(unsigned timeoutMs);
+[[nodiscard]] timespec DeadlineFromNow(uint64_t timeoutMs);
 
 class Gate {
   public:
@@ -43,28 +46,14 @@ class Gate {
     bool WhileClosed(Action action);
 
   private:
-    class Lock;
-
     bool m_closed = false;  // guarded by m_mutex
     pthread_cond_t m_cond{};
     pthread_mutex_t m_mutex{};
 };
 
-// Releases on every way out, the unwinding of a cancelled waiter included.
-class Gate::Lock {
-  public:
-    explicit Lock(pthread_mutex_t& mutex) : m_mutex(mutex) { pthread_mutex_lock(&m_mutex); }
-    ~Lock() { pthread_mutex_unlock(&m_mutex); }
-    Lock(const Lock&) = delete;
-    Lock& operator=(const Lock&) = delete;
-
-  private:
-    pthread_mutex_t& m_mutex;
-};
-
 template <typename Action>
 bool Gate::WhileClosed(Action action) {
-    const Lock lock(m_mutex);
+    const MutexLock lock(m_mutex);
     if (!m_closed) {
         return false;
     }
