@@ -49,6 +49,7 @@ class EventBridgePeer {
                                 const BlockRule& blockRule) {
         return bridge.QuarantineByRule(&source, &blockRule);
     }
+    static uint32_t References(EventBridge& bridge) { return bridge.m_refCount.load(); }
     static int32_t Count(EventBridge& bridge) { return bridge.m_count.load(); }
     static bool LockIsFree(EventBridge& bridge) {
         if (pthread_mutex_trylock(&bridge.m_mutex) != 0) {

@@ -5,7 +5,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <string>
+#include <vector>
 
 #include "config/config.h"
 #include "events/event_bridge.h"
@@ -13,6 +17,7 @@
 #include "support/levelled_log.h"
 #include "support/log_capture.h"
 #include "support/private_channel.h"
+#include "unit/events/bridge_fixture.h"
 
 namespace {
 
@@ -22,48 +27,159 @@ using std::chrono::steady_clock;
 constexpr unsigned kLongMs = 60000;
 
 // A bridge in multiple thread mode on a CRM channel of this test process's own.
-class EventThreadTest : public ::testing::Test {
+class EventThreadTest : public EventBridgeFixture {
   protected:
-    EventThreadTest() : m_bridge(EventBridge::GetInstance()) {}
-    ~EventThreadTest() override { m_bridge->Release(); }
+    void InitializeBridge() { InitializeForThreads(); }
 
-    void InitializeBridge() { ASSERT_EQ(0, m_bridge->Initialize()); }
+    // A stop that comes before the body has cleared the flag is lost, so ask until it is heard.
+    static void StopAndJoin(EventThread& thread) {
+        do {
+            EXPECT_EQ(1, thread.Stop());
+        } while (!thread.Join(1500, nullptr));
+    }
 
-    PrivateChannel m_channel;
-    EventBridge* m_bridge;
+    void ExpectOneReference() { EXPECT_EQ(1U, EventBridgePeer::References(*m_bridge)); }
+
+    // Hands one event over and waits until it has found its end: the loop runs.
+    void ExpectTheLoopToWork() {
+        const int before = TestAlert::s_deleted;
+        ASSERT_EQ(0, m_bridge->EnqueueEvent(new TestAlert(kKnown)));
+        const auto limit = steady_clock::now() + std::chrono::milliseconds(kLongMs);
+        while (TestAlert::s_deleted == before && steady_clock::now() < limit) {
+            sched_yield();
+        }
+        EXPECT_EQ(before + 1, TestAlert::s_deleted);
+    }
 };
+
+std::vector<int> CpusOf(pthread_t thread) {
+    cpu_set_t mask;
+    CPU_ZERO(&mask);
+    EXPECT_EQ(0, pthread_getaffinity_np(thread, sizeof mask, &mask));
+    std::vector<int> cpus;
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        if (CPU_ISSET(static_cast<size_t>(cpu), &mask)) {
+            cpus.push_back(cpu);
+        }
+    }
+    return cpus;
+}
+
+// The blocked signals of every thread of this process but the main one, as /proc shows them.
+std::vector<uint64_t> BlockedInOtherThreads() {
+    std::vector<uint64_t> masks;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (task.path().filename() == std::to_string(getpid())) {
+            continue;
+        }
+        std::ifstream status(task.path() / "status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("SigBlk:")) {
+                masks.push_back(std::stoull(line.substr(7), nullptr, 16));
+            }
+        }
+    }
+    return masks;
+}
 
 TEST_F(EventThreadTest, StopEndsAThreadThatWaitsInTheBridge) {
     InitializeBridge();
     EventThread thread("eventthread", 0, 0);
     ASSERT_TRUE(thread.Start(false));
-    ASSERT_TRUE(thread.AwaitBegun(kLongMs));
+    ExpectTheLoopToWork();
+    // The loop has begun, so the stop is heard, within the second that the bridge waits.
     const auto start = steady_clock::now();
-    // A stop that comes before the body has cleared the flag is lost, so ask until it is heard.
-    do {
-        EXPECT_EQ(1, thread.Stop());
-    } while (!thread.Join(1500, nullptr));
-    EXPECT_LT(steady_clock::now() - start, seconds(10));
+    EXPECT_EQ(1, thread.Stop());
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_LT(steady_clock::now() - start, std::chrono::milliseconds(2500));
     EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
 }
 
 TEST_F(EventThreadTest, ExitsWithTwoWhenTheBridgeIsNotInitialised) {
-    EventThread thread("eventthread", 0, 0);
-    ASSERT_TRUE(thread.Start(false));
-    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
-    EXPECT_EQ(EventThread::kExitBridgeRefused, thread.ExitCode());
+    const auto lines = LevelledMessages([] {
+        EventThread thread("eventthread", 0, 0);
+        ASSERT_TRUE(thread.Start(false));
+        ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+        EXPECT_EQ(EventThread::kExitBridgeRefused, thread.ExitCode());
+    });
+    EXPECT_EQ(1, std::count(lines.begin(), lines.end(),
+                            "1 EventBridge::ProcessEventQueue() is called before Initialize()."))
+        << "the bridge is asked once";
+}
+
+TEST_F(EventThreadTest, LogsItsLifeAtLevelFive) {
+    std::string self;
+    const auto lines = LevelledMessages([this, &self] {
+        EventThread thread("eventthread", 0, 0);
+        ASSERT_TRUE(thread.Start(false));
+        self = std::to_string(thread.Handle());
+        ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    });
+    const auto ends = [&lines](const std::string& start, const std::string& end) {
+        return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+            return line.starts_with(start) && line.ends_with(end);
+        });
+    };
+    EXPECT_EQ(1, ends("5 event thread ", " starting."));
+    EXPECT_EQ(1, ends("5 Event thread ", " exiting: 2"));
 }
 
 TEST_F(EventThreadTest, WorksASecondTimeAfterAStop) {
+    InitializeBridge();
+    EventThread thread("eventthread", 0, 0);
+    for (int run = 0; run < 2; ++run) {
+        ASSERT_TRUE(thread.Start(false));
+        ExpectTheLoopToWork();
+        StopAndJoin(thread);
+        EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
+    }
+}
+
+TEST_F(EventThreadTest, WorksASecondTimeAfterTheBridgeRefused) {
     EventThread thread("eventthread", 0, 0);
     ASSERT_TRUE(thread.Start(false));
     ASSERT_TRUE(thread.Join(kLongMs, nullptr));
     InitializeBridge();
     ASSERT_TRUE(thread.Start(false));
-    do {
-        thread.Stop();
-    } while (!thread.Join(1500, nullptr));
+    ExpectTheLoopToWork();
+    StopAndJoin(thread);
     EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
+}
+
+TEST_F(EventThreadTest, GivesItsReferenceOfTheBridgeBackAtItsEnd) {
+    InitializeBridge();
+    EventThread thread("eventthread", 0, 0);
+    ASSERT_TRUE(thread.Start(false));
+    ExpectTheLoopToWork();
+    StopAndJoin(thread);
+    ExpectOneReference();
+}
+
+TEST_F(EventThreadTest, HoldsAReferenceOfTheBridgeWhileItRuns) {
+    InitializeBridge();
+    EventThread thread("eventthread", 0, 0);
+    ASSERT_TRUE(thread.Start(false));
+    ExpectTheLoopToWork();
+    EXPECT_EQ(2U, EventBridgePeer::References(*m_bridge));
+    StopAndJoin(thread);
+}
+
+TEST_F(EventThreadTest, BlocksAndIgnoresTheSignalOfTheStackReport) {
+    struct sigaction former {};
+    sigaction(SIGUSR2, nullptr, &former);
+    InitializeBridge();
+    EventThread thread("eventthread", 0, 0);
+    ASSERT_TRUE(thread.Start(false));
+    ExpectTheLoopToWork();
+    const uint64_t bit = uint64_t{1} << (SIGUSR2 - 1);
+    const std::vector<uint64_t> masks = BlockedInOtherThreads();
+    EXPECT_TRUE(std::any_of(masks.begin(), masks.end(),
+                            [bit](uint64_t mask) { return (mask & bit) != 0; }));
+    struct sigaction action {};
+    sigaction(SIGUSR2, nullptr, &action);
+    EXPECT_EQ(SIG_IGN, action.sa_handler);
+    StopAndJoin(thread);
+    sigaction(SIGUSR2, &former, nullptr);
 }
 
 TEST_F(EventThreadTest, SuspendsAndResumes) {
@@ -74,16 +190,22 @@ TEST_F(EventThreadTest, SuspendsAndResumes) {
     thread.Suspend();
     ASSERT_TRUE(thread.WaitSuspended(kLongMs));
     EXPECT_TRUE(thread.IsRunning());
+    ASSERT_EQ(0, m_bridge->EnqueueEvent(new TestAlert(kKnown)));
+    EXPECT_FALSE(thread.Join(50, nullptr));
+    EXPECT_EQ(0, TestAlert::s_deleted) << "a suspended thread takes no event";
     thread.Resume();
-    do {
-        thread.Stop();
-    } while (!thread.Join(1500, nullptr));
+    while (TestAlert::s_deleted == 0) {
+        sched_yield();
+    }
+    EXPECT_FALSE(thread.WaitSuspended(0)) << "it has left its suspended state";
+    ExpectTheLoopToWork();
+    StopAndJoin(thread);
     EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
 }
 
 TEST_F(EventThreadTest, StopWakesASuspendedThreadWhichLogsThatItResumed) {
     InitializeBridge();
-    const LogCapture log(5);
+    const LogCapture log(vald::Log::kDebug);
     EventThread thread("eventthread", 0, 0);
     ASSERT_TRUE(thread.Start(false));
     thread.Suspend();
@@ -97,10 +219,15 @@ TEST_F(EventThreadTest, StopWakesASuspendedThreadWhichLogsThatItResumed) {
 }
 
 TEST_F(EventThreadTest, KeepsCpuZeroUnbound) {
-    const LogCapture log(5);
-    EventThread thread("eventthread", 0, 0);
-    ASSERT_TRUE(thread.Start(false));
-    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    InitializeBridge();
+    const LogCapture log(vald::Log::kDebug);
+    for (const int cpu : {0, -1}) {
+        EventThread thread("eventthread", 0, cpu);
+        ASSERT_TRUE(thread.Start(false));
+        ExpectTheLoopToWork();
+        EXPECT_EQ(CpusOf(pthread_self()), CpusOf(thread.Handle()));
+        StopAndJoin(thread);
+    }
     EXPECT_TRUE(log.Contains("event thread "));
     EXPECT_FALSE(log.Contains("CPU"));
 }
@@ -128,12 +255,18 @@ TEST_F(EventThreadTest, BindsToACpuAboveZero) {
     if (cpu == 0) {
         GTEST_SKIP() << "this process may use no CPU above 0";
     }
-    const LogCapture log(5);
-    EventThread thread("eventthread", 0, cpu);
-    ASSERT_TRUE(thread.Start(false));
-    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
-    EXPECT_TRUE(log.Contains("Assigned event thread "));
-    EXPECT_TRUE(log.Contains(" to CPU " + std::to_string(cpu)));
+    InitializeBridge();
+    const auto lines = LevelledMessages([this, cpu] {
+        EventThread thread("eventthread", 0, cpu);
+        ASSERT_TRUE(thread.Start(false));
+        ExpectTheLoopToWork();
+        EXPECT_EQ(std::vector<int>{cpu}, CpusOf(thread.Handle()));
+        StopAndJoin(thread);
+    });
+    EXPECT_EQ(1, std::count_if(lines.begin(), lines.end(), [cpu](const std::string& line) {
+                  return line.starts_with("5 Assigned event thread ") &&
+                         line.ends_with(" to CPU " + std::to_string(cpu));
+              }));
 }
 
 TEST_F(EventThreadTest, ForceQuitEndsAWaitingThreadAndGivesItsReferenceBack) {
@@ -146,9 +279,7 @@ TEST_F(EventThreadTest, ForceQuitEndsAWaitingThreadAndGivesItsReferenceBack) {
         ASSERT_TRUE(thread.Settle(0));
         EXPECT_FALSE(thread.IsRunning());
     }
-    // Had a reference been kept, the last Release would not have closed the bridge.
-    m_bridge->Finalize();
-    EXPECT_EQ(-1, m_bridge->ProcessEventQueue(0, 0));
+    ExpectOneReference();
 }
 
 TEST_F(EventThreadTest, ForceQuitLeavesAnIdleThreadAlone) {

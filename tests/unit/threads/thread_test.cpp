@@ -1,15 +1,22 @@
 #include "threads/thread.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
+
+using std::chrono::seconds;
+using std::chrono::steady_clock;
 
 constexpr unsigned kLongMs = 60000;  // a limit that a working thread never meets
 
@@ -43,6 +50,36 @@ class ScriptedThread : public Thread {
     std::function<int()> m_body;
 };
 
+std::vector<int> CpusOfThisThread() {
+    cpu_set_t mask;
+    CPU_ZERO(&mask);
+    EXPECT_EQ(0, pthread_getaffinity_np(pthread_self(), sizeof mask, &mask));
+    std::vector<int> cpus;
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        if (CPU_ISSET(static_cast<size_t>(cpu), &mask)) {
+            cpus.push_back(cpu);
+        }
+    }
+    return cpus;
+}
+
+TEST(BindCallingThreadToCpu, LeavesTheThreadOnThatCpuAlone) {
+    for (const int cpu : CpusOfThisThread()) {
+        std::thread([cpu] {
+            EXPECT_TRUE(BindCallingThreadToCpu(cpu));
+            EXPECT_EQ(std::vector<int>{cpu}, CpusOfThisThread());
+        }).join();
+    }
+}
+
+TEST(BindCallingThreadToCpu, RefusesOneThatIsNotThereAndLeavesTheMaskAlone) {
+    const std::vector<int> before = CpusOfThisThread();
+    for (const int cpu : {-1, CPU_SETSIZE - 1, CPU_SETSIZE, 5000}) {
+        EXPECT_FALSE(BindCallingThreadToCpu(cpu)) << cpu;
+        EXPECT_EQ(before, CpusOfThisThread()) << cpu;
+    }
+}
+
 TEST(ThreadStart, RunsTheBodyAndKeepsItsResult) {
     ScriptedThread thread([] { return 42; });
     EXPECT_FALSE(thread.IsRunning());
@@ -63,7 +100,7 @@ TEST(ThreadStart, RefusesASecondStartWhileTheThreadLives) {
     ASSERT_TRUE(thread.Start(false));
     const pthread_t handle = thread.Handle();
     EXPECT_FALSE(thread.Start(false));
-    EXPECT_EQ(thread.Handle(), handle);
+    EXPECT_EQ(handle, thread.Handle());
     thread.Stop();
     ASSERT_TRUE(thread.Join(nullptr));
     EXPECT_EQ(7, thread.ExitCode());
@@ -72,13 +109,68 @@ TEST(ThreadStart, RefusesASecondStartWhileTheThreadLives) {
 TEST(ThreadStart, ShowsAsNotRunningUntilItsFirstLine) {
     ScriptedThread thread([] { return 0; });
     EXPECT_FALSE(thread.AwaitBegun(0));
-    // Not running before the start, and possibly so for a moment behind it: the flag is the new
+    // Not running before the start, and possibly so for a moment after it: the flag is the new
     // thread's own. A stop that is only asked of running threads therefore passes it by.
     EXPECT_FALSE(thread.IsRunning());
     ASSERT_TRUE(thread.Start(false));
     EXPECT_TRUE(thread.AwaitBegun(kLongMs));
     EXPECT_TRUE(thread.IsRunning() || thread.IsFinished());
     ASSERT_TRUE(thread.Join(nullptr));
+}
+
+TEST(ThreadStart, ShowsAsRunningFromThereUntilItsEnd) {
+    ScriptedThread* self = nullptr;
+    ScriptedThread thread([&self] { return self->WaitForStop(); });
+    self = &thread;
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.AwaitBegun(kLongMs));
+    EXPECT_TRUE(thread.IsRunning());
+    EXPECT_FALSE(thread.IsFinished());
+    thread.Stop();
+    ASSERT_TRUE(thread.Join(nullptr));
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_TRUE(thread.IsFinished());
+}
+
+// A thread that runs again does not count as ended, whatever the former one left.
+TEST(ThreadStart, ForgetsTheFormerThread) {
+    bool waits = false;
+    ScriptedThread* self = nullptr;
+    ScriptedThread thread([&] { return waits ? self->WaitForStop() : 1; });
+    self = &thread;
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(nullptr));
+    waits = true;
+    ASSERT_TRUE(thread.Start(false));
+    EXPECT_FALSE(thread.IsFinished());
+    EXPECT_FALSE(thread.Join(0, nullptr));
+    EXPECT_FALSE(thread.Settle(0));
+    EXPECT_FALSE(thread.Start(false));
+    thread.Stop();
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_EQ(7, thread.ExitCode());
+}
+
+int DetachState(const Thread& thread) {
+    pthread_attr_t attributes;
+    EXPECT_EQ(0, pthread_getattr_np(thread.Handle(), &attributes));
+    int state = -1;
+    pthread_attr_getdetachstate(&attributes, &state);
+    pthread_attr_destroy(&attributes);
+    return state;
+}
+
+TEST(ThreadStart, MakesAThreadThatNobodyCanJoinOnlyWhenItIsToBeDetached) {
+    for (const bool detached : {false, true}) {
+        ScriptedThread* self = nullptr;
+        ScriptedThread thread([&self] { return self->WaitForStop(); });
+        self = &thread;
+        ASSERT_TRUE(thread.Start(detached));
+        EXPECT_EQ(detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE,
+                  DetachState(thread));
+        thread.Stop();
+        ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    }
 }
 
 TEST(ThreadStart, WorksAgainAfterAJoinWithANewHandle) {
@@ -202,7 +294,7 @@ TEST(ThreadJoin, OfADetachedThreadGoesThroughTheGate) {
     EXPECT_FALSE(thread.Join(10, &result));
     thread.Stop();
     EXPECT_TRUE(thread.Join(kLongMs, &result));
-    EXPECT_EQ(result, &thread) << "the result of a detached thread is not filled in";
+    EXPECT_EQ(&thread, result) << "the result of a detached thread is not filled in";
     EXPECT_TRUE(thread.Join(nullptr));
 }
 
@@ -213,7 +305,7 @@ TEST(ThreadJoin, KeepsADetachedThreadDetachedForLaterStarts) {
     ASSERT_TRUE(thread.Start(false));
     void* result = &thread;
     ASSERT_TRUE(thread.Join(kLongMs, &result));
-    EXPECT_EQ(result, &thread);
+    EXPECT_EQ(&thread, result);
     ASSERT_TRUE(thread.Settle(kLongMs));
 }
 
@@ -256,7 +348,9 @@ TEST(ThreadCancel, EndsTheThreadAndOpensTheGate) {
     ASSERT_TRUE(thread.Start(false));
     ASSERT_TRUE(thread.AwaitBegun(kLongMs));
     thread.Cancel();
-    EXPECT_TRUE(thread.Join(kLongMs, nullptr));
+    void* result = &thread;
+    EXPECT_TRUE(thread.Join(kLongMs, &result));
+    EXPECT_EQ(&thread, result) << "the result of a detached thread is not filled in";
     EXPECT_FALSE(thread.IsRunning());
     EXPECT_EQ("", thread.m_caught) << "a cancel is no exception of the body";
 }
@@ -297,7 +391,11 @@ TEST(ThreadCancelAndJoin, GivesUpOnAThreadThatDoesNotLetItselfBeCancelled) {
         return 0;
     });
     ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.AwaitBegun(kLongMs));
+    const auto begun = steady_clock::now();
     EXPECT_FALSE(thread.ForceQuit());
+    EXPECT_GE(steady_clock::now() - begun, seconds(1)) << "it had its time to end";
+    EXPECT_LT(steady_clock::now() - begun, seconds(10));
     EXPECT_FALSE(thread.Settle(0));
     release = true;
     EXPECT_TRUE(thread.Settle(kLongMs));
@@ -315,6 +413,10 @@ TEST(ThreadPriority, ReportsWhatTheSystemSays) {
     if (failure == 0) {
         EXPECT_EQ(0, thread.GetPriority(&priority));
         EXPECT_EQ(1, priority);
+        int policy = -1;
+        sched_param parameters{};
+        EXPECT_EQ(0, pthread_getschedparam(thread.Handle(), &policy, &parameters));
+        EXPECT_EQ(SCHED_FIFO, policy);
     } else {
         EXPECT_EQ(EPERM, failure);
     }
