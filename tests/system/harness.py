@@ -37,6 +37,7 @@ TREE = Path(__file__).resolve().parents[2]
 # A daemon under a sanitizer on a busy machine still answers well within this many seconds.
 PATIENCE = float(os.environ.get("TARN_TEST_PATIENCE", "30"))
 READY = "Enter event reader loop..."
+LOG_LOCAL0 = 16 << 3  # the facility in a priority of the system log
 
 
 def wait_for(condition, what, seconds=PATIENCE):
@@ -110,6 +111,15 @@ class SystemLog:
         os.close(self._stop)
         self._socket.close()
         DEV_LOG.unlink(missing_ok=True)
+
+
+def stamp_of(message):
+    """The time of the first line with this message, in seconds since the epoch."""
+    for line in log_text().splitlines():
+        if line.count(" ") >= 3 and line.split(" ", 3)[3] == message:
+            stamp = line[:23]
+            return time.mktime(time.strptime(stamp[:19], "%Y/%m/%d %H:%M:%S")) + float(stamp[19:])
+    raise AssertionError(f"no {message!r} in the log")
 
 
 class Feeder:
@@ -306,6 +316,22 @@ class DaemonTest(unittest.TestCase):
         feeder = Feeder()
         self.addCleanup(feeder.close)
         return feeder
+
+    def in_system_log(self, level, message):
+        """Whether the daemon's open log has sent the message to the system log at this level."""
+        return any(line.startswith(f"<{LOG_LOCAL0 + level}>") and line.endswith(f"]: {message}")
+                   for line in self.system_log.lines())
+
+    def assert_logged_at(self, level, message):
+        """A message of level 1 to 3 is in the system log under its level."""
+        wait_for(lambda: self.in_system_log(level, message),
+                 f"{message!r} at level {level} in the system log")
+        self.assertIn(message, log_messages())
+
+    def assert_quiet(self, message):
+        """A message of level 4 or 5 is in the log and not in the system log."""
+        self.assertIn(message, log_messages())
+        self.assertFalse(any(message in line for line in self.system_log.lines()), message)
 
     def assert_clean_errors(self, daemon):
         """Standard error holds the messages of the start and no report of a sanitizer."""

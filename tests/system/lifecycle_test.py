@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """How the daemon starts, refuses to start, and stops; its exit status, texts and PID file."""
 
+import ctypes
 import os
 import signal
 from pathlib import Path
@@ -21,6 +22,28 @@ The options are as follows:
 NOT_A_FIFO = ("Fatal error: %s is already created by SNORT, reader won't work. "
               "Please remove it manually")
 NOT_FREED = "tarn is exiting without having completely freed the Packet Log Control interface."
+
+
+class HeldThread:
+    """One thread of a child process, stopped as a debugger stops it, until it is let go."""
+
+    ATTACH, DETACH, WAIT_ALL_THREADS = 16, 17, 0x40000000
+
+    def __init__(self, task):
+        self._task = task
+        self._ptrace(self.ATTACH)
+        os.waitpid(task, self.WAIT_ALL_THREADS)
+
+    def _ptrace(self, request):
+        library = ctypes.CDLL(None, use_errno=True)
+        if library.ptrace(ctypes.c_long(request), ctypes.c_long(self._task), None, None) != 0:
+            number = ctypes.get_errno()
+            raise OSError(number, os.strerror(number))
+
+    def close(self):
+        if self._task:
+            self._ptrace(self.DETACH)
+            self._task = None
 
 
 def running_copies():
@@ -60,7 +83,7 @@ class Lifecycle(harness.DaemonTest):
         self.assert_clean_errors(daemon)
         return daemon.errors()
 
-    def check_stop(self, number, message):
+    def check_stop(self, number, message, level):
         daemon = self.daemon().ready()
         harness.wait_log("File is opened, waiting for Snort events")
         daemon.idle()
@@ -71,6 +94,7 @@ class Lifecycle(harness.DaemonTest):
         self.assert_in_order([
             f"Using config file {CONFIG}, snort config file {EVENT_CONFIG}",
             "tarn.log.level = 5",
+            "Set CPU affinity to 0",
             "Initializing Channel to Packet Logging Daemon",
             "Initializing EventBridge.",
             "EventBridge is initialized for multiple thread mode.",
@@ -94,15 +118,89 @@ class Lifecycle(harness.DaemonTest):
         ], harness.log_messages())
         self.assertEqual("tarn exiting", harness.log_messages()[-1])
         self.assertNotIn(NOT_FREED, harness.log_messages())
+        if level <= 3:
+            self.assert_logged_at(level, message)
+        else:
+            self.assert_quiet(message)
+        for text in ("Number of Control Messages Attempted: 1.",
+                     "Number of Start Offending Packet Capture message failures: 0.",
+                     "Number of Frames not sent to packet logging daemon: 0.",
+                     "Number of Control Messages Skipped due to throttling: 0.", "tarn exiting"):
+            self.assert_logged_at(3, text)
 
     def test_stops_on_a_termination_signal(self):
-        self.check_stop(signal.SIGTERM, "Received TERM signal")
+        self.check_stop(signal.SIGTERM, "Received TERM signal", 5)
 
     def test_stops_on_an_interrupt(self):
-        self.check_stop(signal.SIGINT, "Received INT signal")
+        self.check_stop(signal.SIGINT, "Received INT signal", 1)
 
     def test_stops_on_a_quit_without_a_core(self):
-        self.check_stop(signal.SIGQUIT, "Received QUIT signal")
+        self.check_stop(signal.SIGQUIT, "Received QUIT signal", 1)
+
+    def test_raises_its_priority(self):
+        own = os.getpriority(os.PRIO_PROCESS, 0)
+        daemon = self.daemon().ready()
+        refused = "Unable to increase packet processing priority" in daemon.errors()
+        self.assertEqual(own if refused else -20, os.getpriority(os.PRIO_PROCESS, daemon.pid))
+        self.assertEqual(0, daemon.stop())
+
+    def test_binds_the_main_thread_to_its_processor(self):
+        for number in sorted(os.sched_getaffinity(0)):
+            with self.subTest(number=number):
+                harness.write_config(snort__cpu=number)
+                harness.LOG.unlink(missing_ok=True)
+                daemon = self.daemon().ready()
+                self.assertEqual({number}, os.sched_getaffinity(daemon.pid))
+                harness.wait_for(lambda: daemon.threads() == 3, "both threads")
+                for task in daemon.tasks():
+                    self.assertEqual({number}, os.sched_getaffinity(task), "inherited")
+                self.assert_quiet(f"Set CPU affinity to {number}")
+                self.assertEqual(0, daemon.stop())
+
+    def test_runs_on_without_its_processor(self):
+        harness.write_config(snort__cpu=1023)
+        daemon = self.daemon().ready()
+        self.assertEqual(os.sched_getaffinity(0), os.sched_getaffinity(daemon.pid))
+        self.assert_logged_at(2, "Unable to set CPU affinity to 1023")
+        self.assertEqual(0, daemon.stop())
+
+    def test_quits_an_error_thread_that_does_not_stop_in_time(self):
+        daemon = self.daemon().ready().idle()
+        harness.wait_for(lambda: daemon.threads() == 3, "both threads")
+        # The event thread was made first, the error thread after it.
+        held = self.hold(daemon.tasks()[2])
+        daemon.send(signal.SIGTERM)
+        harness.wait_log("Error thread join timeout exceeded")
+        held.close()
+        self.assertEqual(0, daemon.wait())
+        self.assert_logged_at(1, "Error thread join timeout exceeded")
+        waited = (harness.stamp_of("Error thread join timeout exceeded")
+                  - harness.stamp_of("Error thread is running, stop it"))
+        self.assertGreater(waited, 1.9)
+        self.assertLess(waited, 4)
+        self.assertNotIn("Error thread is still alive. Force quit it.", harness.log_messages())
+
+    def test_quits_an_event_thread_that_does_not_stop_in_time(self):
+        daemon = self.daemon().ready().idle()
+        harness.wait_for(lambda: daemon.threads() == 3, "both threads")
+        held = self.hold(daemon.tasks()[1])
+        daemon.send(signal.SIGTERM)
+        harness.wait_log("Event thread join timeout exceeded")
+        held.close()
+        self.assertEqual(0, daemon.wait())
+        self.assert_logged_at(1, "Event thread join timeout exceeded")
+        waited = (harness.stamp_of("Event thread join timeout exceeded")
+                  - harness.stamp_of("EVENT thread is running, stop it"))
+        self.assertGreater(waited, 1.9)
+        self.assertLess(waited, 4)
+
+    def hold(self, task):
+        try:
+            held = HeldThread(task)
+        except PermissionError as error:
+            self.skipTest(f"a thread cannot be held here: {error}")
+        self.addCleanup(held.close)
+        return held
 
     def test_tells_the_start_on_standard_error_and_the_end_in_the_system_log(self):
         daemon = self.daemon().ready()
@@ -134,8 +232,10 @@ class Lifecycle(harness.DaemonTest):
         messages = harness.log_messages()
         self.assertRegex(messages[0], "^tarn base address: 0x[0-9a-f]+$")
         for step in ("Using config file", "Set CPU affinity", "Initializing Channel",
-                     "Want to start", "Enter event reader loop...", "Terminate TaRN"):
+                     "Want to start", "Enter event reader loop...", "Received TERM signal",
+                     "Terminate TaRN"):
             self.assertNotIn(step, harness.log_text())
+        self.assertFalse(any("base address" in line for line in self.system_log.lines()))
         self.assertEqual("tarn exiting", messages[-1])
 
     def test_carries_its_marks(self):
@@ -245,6 +345,9 @@ class Lifecycle(harness.DaemonTest):
             "tarn exiting",
         ], messages)
         self.assertEqual("tarn exiting", messages[-1])
+        for message in ("Event thread is still alive. Force quit it.",
+                        "Error thread is still alive. Force quit it.", NOT_FREED):
+            self.assert_logged_at(1, message)
         logger.close()
         self.assertEqual(1, len(logger.of_type(ENGINE_STARTING)))
         self.assertEqual([], logger.of_type(ENGINE_SHUTTING_DOWN))

@@ -3,6 +3,7 @@
 
 import os
 import signal
+import time
 from pathlib import Path
 
 import harness
@@ -112,6 +113,48 @@ class Reload(harness.DaemonTest):
         self.assertEqual(self.one_report(self.feeder(), 2), self.expected(2, changed))
         self.assertEqual(0, daemon.stop())
 
+    def test_leaves_a_touched_configuration_alone_until_the_hangup(self):
+        entry = Entry("Any", 1, "rule", "DISPLAY:WithoutRaw")
+        harness.write_events({7: entry})
+        daemon = self.daemon().ready()
+        harness.write_config(evidencelog__maxfiles=21)
+        self.assertEqual(self.expected(1, entry), self.one_report(self.feeder(), 1))
+        self.assertEqual(0, harness.count_log(RELOADED))
+        self.assertEqual(0, harness.count_log("tarn.evidencelog.maxfiles = 21"))
+        self.hang_up(daemon, 2)
+        self.assertEqual(1, harness.count_log(RELOADED))
+        self.assertEqual(1, harness.count_log("tarn.evidencelog.maxfiles = 21"))
+        self.assertEqual(0, daemon.stop())
+
+    def test_outlives_a_storm_of_hangups_with_a_rotation_at_every_line(self):
+        harness.write_events({7: Entry("Load", 2, "rule", "DISPLAY:WithRaw")})
+        harness.write_config(log__maxfilesize=1, log__maxfiles=3)
+        daemon = self.daemon()
+        self.feeder()  # opens once the reader loop has
+        load = LoadThread(7)
+        load.start()
+        self.addCleanup(load.end)
+        for number in range(3000):
+            daemon.send(signal.SIGHUP)
+            if number % 1000 == 999:
+                self.assertTrue(self.crm.collect(1), "it still works")
+        load.end()
+        self.assertEqual(0, daemon.stop())
+        self.assert_clean_errors(daemon)
+        self.assertEqual(3, len(harness.log_files()))
+
+    def test_releases_what_is_pending_after_a_second(self):
+        entry = Entry("Pending", 1, "rule", "DISPLAY:WithoutRaw")
+        harness.write_events({7: entry})
+        daemon = self.daemon().ready()
+        feeder = self.feeder()
+        began = time.monotonic()
+        self.assertEqual(self.expected(1, entry), self.one_report(feeder, 1))
+        waited = time.monotonic() - began
+        self.assertGreater(waited, 0.9, "the quiet second")
+        self.assertLess(waited, 2.9)
+        self.assertEqual(0, daemon.stop())
+
     def test_rebuilds_the_event_table(self):
         entry = Entry("Kept", 1, "rule", "DISPLAY:WithoutRaw")
         harness.write_events({7: entry, 8: entry})
@@ -138,6 +181,7 @@ class Reload(harness.DaemonTest):
         daemon.send(signal.SIGHUP)
         harness.wait_log(RELOADED)
         self.assertEqual(0, daemon.stop())
+        self.assert_quiet(RELOADED)
         messages = harness.log_messages()
         self.assertNotIn("tarn.log.level = 4", messages, "the dump is a debug message")
         self.assertEqual(1, messages.count(harness.READY))
@@ -240,8 +284,25 @@ class Reload(harness.DaemonTest):
         self.assertEqual(0, daemon.stop())
 
     def test_keeps_losing_a_hangup_that_comes_while_the_engine_restarts(self):
+        # A table of this size takes long enough to read for a second hangup to come meanwhile.
+        entry = Entry("Many", 1, "rule", "DISPLAY:WithoutRaw")
+        daemon = self.daemon().ready()
+        harness.write_events({signature: entry for signature in range(60000)})
+        daemon.send(signal.SIGHUP)
+        harness.wait_for(lambda: str(EVENT_CONFIG) in daemon.descriptors(), "the file to be read")
+        daemon.send(signal.SIGHUP)
+        harness.wait_log("Received HUP signal", 2)
+        daemon.ready(2)
+        messages = harness.log_messages()
+        second = len(messages) - 1 - messages[::-1].index("Received HUP signal")
+        self.assertLess(second, messages.index(RELOADED), "it came while the file was read")
+        self.assertEqual(self.expected(1, entry), self.one_report(self.feeder(), 1))
+        self.assertEqual(0, daemon.stop())
+        self.assertEqual(2, harness.count_log(harness.READY), "one cycle came of both")
+
+    def test_keeps_losing_a_hangup_that_comes_while_the_engine_stops(self):
         # A security manager that never answers holds the event thread for the whole of its join,
-        # and that is when the second hangup comes.
+        # and the second hangup comes during that wait.
         EVENT_CONFIG.write_text(harness.event_lines(
             7, Entry("Blocked", 1, "rule", "DISPLAY:WithoutRaw"), "response = quarantine-traffic",
             "quarantine.rule = quarantine-intruder-address, duration: 60"))
@@ -305,6 +366,7 @@ class Reload(harness.DaemonTest):
         ALERT_FIFO.write_text("a file")
         daemon.send(signal.SIGHUP)
         self.assertEqual(4, daemon.wait())
+        self.assertIn("Event thread is still alive. Force quit it.", harness.log_messages())
         self.assertIn("Error thread is still alive. Force quit it.", harness.log_messages())
         self.assert_clean_errors(daemon)
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
@@ -15,6 +16,9 @@
 #include <regex>
 #include <string>
 #include <vector>
+
+#include "logging/log.h"
+#include "support/stderr_capture.h"
 
 namespace {
 
@@ -195,6 +199,27 @@ TEST(ApplicationSignals, AnUnknownSignalIsOnlyStored) {
                   Application::SignalHandler(SIGUSR1, nullptr, nullptr);
                   return Application::s_other == SIGUSR1 && Application::s_term == 0;
               }));
+}
+
+TEST(ApplicationSignals, AreLoggedAtTheirLevels) {
+    const struct {
+        int sig;
+        const char* line;
+    } cases[] = {{SIGINT, "Error: Received INT signal\n"},
+                 {SIGQUIT, "Error: Received QUIT signal\n"},
+                 {SIGTERM, "Debug: Received TERM signal\n"},
+                 {SIGUSR1, "Debug: Received signal 10\n"}};
+    vald::Log::SetLevel(vald::Log::kDebug);
+    for (const auto& [sig, line] : cases) {
+        const StderrCapture captured;
+        errno = EDOM;
+        Application::SignalHandler(sig, nullptr, nullptr);
+        EXPECT_EQ(EDOM, errno);
+        EXPECT_EQ(line, captured.Text());
+    }
+    vald::Log::SetLevel(vald::Log::kNotice);
+    Application::s_term = 0;
+    Application::s_other = 0;
 }
 
 TEST(ApplicationSignals, AFaultLogsItsMessageAndStackAndKillsTheProcess) {

@@ -1,12 +1,33 @@
 #include "daemon/engine.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <string>
 #include <vector>
 
+#include "events/event_bridge.h"
+#include "events/event_thread.h"
 #include "logging/log.h"
+#include "support/levelled_log.h"
+#include "support/private_channel.h"
+#include "unit/events/bridge_fixture.h"
+
+// Reaches what no operation shows.
+class TarnEnginePeer {
+  public:
+    static bool HungUp(const TarnEngine& engine) { return engine.m_hangup.load(); }
+    static void SetEventThread(TarnEngine& engine, EventThread* thread) {
+        engine.m_eventThread = thread;
+    }
+    static EventThread* TheEventThread(const TarnEngine& engine) { return engine.m_eventThread; }
+    static bool StartsEventThread(TarnEngine& engine) { return engine.StartEventThread(); }
+    // The way out, which quits the threads by force.
+    static void Quit(TarnEngine& engine) { engine.Terminate(); }
+};
 
 namespace {
 
@@ -121,13 +142,69 @@ TEST_F(EngineTest, ATerminationSignalDuringTheStartEndsItWithStatusZeroAndWithou
 }
 
 TEST_F(EngineTest, OnlyAHangupCountsAsOne) {
-    testing::internal::CaptureStderr();
+    TarnEngine& engine = *TarnEngine::Instance();
     vald::Log::SetLevel(vald::Log::kDebug);
-    TarnEngine::Instance()->OnHangup(SIGHUP, nullptr, nullptr);
-    TarnEngine::Instance()->OnHangup(SIGUSR1, nullptr, nullptr);
-    vald::Log::SetLevel(vald::Log::kNotice);
-    EXPECT_EQ("Debug: Received HUP signal\nDebug: Received signal 10\n",
+    testing::internal::CaptureStderr();
+    engine.OnHangup(SIGUSR1, nullptr, nullptr);
+    EXPECT_FALSE(TarnEnginePeer::HungUp(engine));
+    engine.OnHangup(SIGHUP, nullptr, nullptr);
+    EXPECT_TRUE(TarnEnginePeer::HungUp(engine));
+    EXPECT_EQ("Debug: Received signal 10\nDebug: Received HUP signal\n",
               testing::internal::GetCapturedStderr());
+    vald::Log::SetLevel(vald::Log::kNotice);
+}
+
+TEST_F(EngineTest, CatchesAHangupAndUnblocksIt) {
+    EXPECT_EXIT(
+        {
+            sigset_t all;
+            sigfillset(&all);
+            sigprocmask(SIG_BLOCK, &all, nullptr);
+            TarnEngine& engine = *TarnEngine::Instance();
+            const bool installed = engine.InstallHangupHandler();
+            raise(SIGHUP);
+            const bool caught = TarnEnginePeer::HungUp(engine);
+            sigprocmask(SIG_BLOCK, nullptr, &all);
+            _exit(installed && caught && sigismember(&all, SIGHUP) == 0 &&
+                          sigismember(&all, SIGUSR1) == 1
+                      ? 0
+                      : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(EngineTest, StopsAnEventThreadThatShouldNotRunAndStartsItAgain) {
+    const PrivateChannel channel;
+    EventBridge* const bridge = EventBridge::GetInstance();
+    ASSERT_EQ(0, bridge->Initialize());
+    const auto lines = LevelledMessages([bridge] {
+        TarnEngine& engine = *TarnEngine::Instance();
+        auto* const thread = new EventThread("eventthread", 0, 0);
+        TarnEnginePeer::SetEventThread(engine, thread);
+        ASSERT_TRUE(thread->Start(false));
+        while (EventBridgePeer::References(*bridge) < 2) {  // from there on it hears a stop
+            sched_yield();
+        }
+        EXPECT_TRUE(TarnEnginePeer::StartsEventThread(engine));
+        EXPECT_EQ(thread, TarnEnginePeer::TheEventThread(engine)) << "the same object again";
+        EXPECT_TRUE(thread->AwaitBegun(60000));
+        TarnEnginePeer::Quit(engine);
+        EXPECT_EQ(nullptr, TarnEnginePeer::TheEventThread(engine));
+    });
+    bridge->Release();
+    const auto has = [&lines](const char* line) {
+        return std::find(lines.begin(), lines.end(), line) != lines.end();
+    };
+    EXPECT_TRUE(has("1 Event thread is running which should not be. Try stop it to fix this."));
+    EXPECT_TRUE(has("5 Want to start EVENT thread"));
+}
+
+TEST_F(EngineTest, MakesAnEventThreadWhereThereIsNone) {
+    TarnEngine& engine = *TarnEngine::Instance();
+    EXPECT_TRUE(TarnEnginePeer::StartsEventThread(engine));
+    ASSERT_NE(nullptr, TarnEnginePeer::TheEventThread(engine));
+    EXPECT_TRUE(TarnEnginePeer::TheEventThread(engine)->AwaitBegun(60000));
+    TarnEnginePeer::Quit(engine);
 }
 
 }  // namespace

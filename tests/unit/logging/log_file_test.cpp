@@ -42,7 +42,7 @@ class LogFileTest : public ::testing::Test {
         snprintf(ending, sizeof ending, ".%03d", number);
         return m_path + ending;
     }
-    // What the lines of a file say behind their prefix, each with its line feed.
+    // What the lines of a file say after their prefix, each with its line feed.
     static std::string Messages(const std::string& path) {
         static const std::regex prefix("[^\n]* T:[0-9]+ ([^\n]*\n)");
         return std::regex_replace(ReadFile(path), prefix, "$1");
@@ -129,7 +129,25 @@ TEST_F(LogFileLine, CarriesTheLocalTime) {
     EXPECT_LE(told, after);
 }
 
-TEST_F(LogFileLine, PutsATagAndATabBehindTheThreadNumber) {
+TEST_F(LogFileLine, CarriesTheTimeOfTheZone) {
+    const char* const former = getenv("TZ");
+    const std::string kept = former != nullptr ? former : "";
+    setenv("TZ", "EAST-9", 1);
+    tzset();
+    const time_t before = time(nullptr);
+    const std::string text = PrefixPeer::Prefix(nullptr);
+    tm parsed{};
+    EXPECT_NE(nullptr, strptime(text.c_str(), "%Y/%m/%d %H:%M:%S", &parsed));
+    EXPECT_GE(timegm(&parsed), before + 9 * 3600);
+    if (former != nullptr) {
+        setenv("TZ", kept.c_str(), 1);
+    } else {
+        unsetenv("TZ");
+    }
+    tzset();
+}
+
+TEST_F(LogFileLine, PutsATagAndATabAfterTheThreadNumber) {
     EXPECT_TRUE(std::regex_match(PrefixPeer::Prefix("engine"),
                                  std::regex(R"([\d/]{10} [\d:.]{12} T:\d{2,} engine\t)")));
 }
