@@ -36,7 +36,7 @@ int Application::Main(int argc, char** argv) {
     const std::string path = argc > 0 ? argv[0] : "";
     m_programName = path.substr(path.rfind('/') + 1);
 
-    (void)InstallSignals();  // a failure is on record in m_status and m_errorText; the life goes on
+    (void)InstallSignals();  // a failure is kept in m_status and m_errorText; the process goes on
 
     if (Initialize(argc, argv) != 0) {
         m_status = kStatusFailed;

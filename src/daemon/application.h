@@ -1,6 +1,6 @@
 #pragma once
 
-// The frame of a daemon's life: signal mask and handlers, then Initialize once, Run until told to
+// The frame of a daemon's life: signal mask and handlers, then Initialize once, Run until asked to
 // stop, and Terminate once. A derived class supplies those three.
 //
 // Threads: Main runs on the main thread. The handlers run on whichever thread takes the signal and
@@ -43,7 +43,7 @@ class Application {
 
     // 1 after a termination signal or a failed Initialize; never goes back to 0.
     static std::atomic<int> s_term;
-    // Number of the last signal that the handler did not know; only stored.
+    // Number of the last signal that the handler did not know. Deliberate: stored, not read.
     static std::atomic<int> s_other;
 
   protected:
@@ -51,8 +51,9 @@ class Application {
 
     int m_status = 0;                // what Main returns
     bool m_useAlternateRun = false;  // selects RunAlternate instead of Run; nothing sets it
-    std::string m_errorText;         // the system call that failed in InstallSignals
-    std::string m_programName = "unknown";
+    // The system call that failed in InstallSignals. Deliberate: stored, not read.
+    std::string m_errorText;
+    std::string m_programName = "unknown";  // Deliberate: stored, not read
 
   private:
     [[nodiscard]] int RecordSignalFailure(const char* call);

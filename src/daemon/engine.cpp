@@ -151,7 +151,7 @@ int TarnEngine::Initialize(int argc, char** argv) {
 int TarnEngine::Terminate() {
     Log::Debug("Terminate TaRN");  // 1
     if (m_pidFileCreated) {
-        (void)RemovePidFile(m_pidFile.c_str());  // 2; gone already is as good
+        (void)RemovePidFile(m_pidFile.c_str());  // 2; it may be gone already
     }
     QuitRemaining(m_eventThread, "Event thread is still alive. Force quit it.");  // 3
     QuitRemaining(m_errorThread, "Error thread is still alive. Force quit it.");  // 4
@@ -337,7 +337,7 @@ void TarnEngine::QuitAndDiscard(Worker*& worker) {
     if (thread->Settle(kJoinMs)) {
         delete thread;
     } else {
-        // It hangs in the kernel and may come back: the object and what it uses must outlive it.
+        // It hangs in the kernel and may return: the object and what it uses must outlive it.
         m_threadAbandoned = true;
     }
 }

@@ -4,7 +4,7 @@
 // exist, what a hangup reloads, and how all of it is taken down again.
 //
 // A hangup patches nothing in place. It ends the reader loop, the event side is taken down, and
-// the frame calls Run again, which brings it back up with whatever files have changed.
+// the frame calls Run again, which reads the files that have changed and brings it up again.
 //
 // Owns the threads, one reference each of EventBridge and PacketLogCtrlIF, and the PID file. main()
 // owns the engine through Instance and ReleaseInstance.
@@ -66,7 +66,7 @@ class TarnEngine : public Application {
     [[nodiscard]] int StopEngine();
 
     // Where the PID file of instance `number` lies: the digits go in before the last dot of the
-    // file name, or behind the name when it has none.
+    // file name, or after the name when it has none.
     [[nodiscard]] static std::string PidFilePath(const std::string& path, uint32_t number);
 
   private:

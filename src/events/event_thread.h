@@ -48,7 +48,7 @@ class EventThread : public Thread {
     Gate m_suspendedGate;  // open while the thread sits suspended
     std::atomic<bool> m_stop{false};
     std::atomic<bool> m_suspend{false};
-    [[maybe_unused]] int32_t m_reserved;
+    [[maybe_unused]] int32_t m_reserved;  // Deliberate: stored, not read
     int32_t m_cpu;
     EventBridge* m_bridge = nullptr;  // counted; held while the body runs
 };

@@ -42,7 +42,7 @@ std::atomic<bool> Log::m_sendWarningsToConsole{false};
 std::atomic<bool> Log::m_sendInfosToConsole{false};
 
 // Deliberate: on the console path errors, warnings and notices go to the callback and infos do not,
-// nor does Critical. Once the log is open the callback takes levels 1 to 3, by whatever function.
+// nor does Critical. Once the log is open the callback takes levels 1 to 3 from every function.
 
 void Log::Debug(const char* format, ...) {
     if (!Passes(kDebug)) {

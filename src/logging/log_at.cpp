@@ -13,7 +13,7 @@ namespace {
 
 constexpr unsigned kTextSize = 2048;
 
-// Puts what stands in front of a message of this level into `out`, cut to its size.
+// Puts the words in front of a message of this level into `out`, cut to its size.
 void BuildPrefix(char* out, size_t size, int level, int line, const char* function) {
     if (level == log_level::kDebug || level == log_level::kHighest) {
         std::snprintf(out, size, "<%s:%d>", function, line);

@@ -149,7 +149,7 @@ bool LogFile::OpenWithRotation() {
 }
 
 // Moves every file one number up, the oldest out. Deliberate: a gap left by a missing source moves
-// along and is not closed, so that a number tells the age of a file.
+// along and is not closed, so that a number shows the age of a file.
 bool LogFile::Rotate() const {
     for (uint32_t i = m_maxFiles - 1; i >= 1; --i) {
         char source[kNameSize];

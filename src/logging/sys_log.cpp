@@ -37,7 +37,7 @@ SysLog::~SysLog() {
     pthread_mutex_destroy(&m_mutex);
 }
 
-// Deliberate: level 5 never passes this sink, whatever is configured. The system log is shared
+// Deliberate: level 5 never passes this sink, at any configured level. The system log is shared
 // with the whole host, and debug lines would drown it; so the debug messages of this class itself
 // never appear either.
 void SysLog::SetLevel(int level) {
@@ -118,7 +118,7 @@ void SysLog::VWrite(int level, const char* format, va_list args) {
     if (!lock.Owns()) {
         return;
     }
-    // Deliberate: the level is the priority as it stands, so an error is an alert here and an info
+    // Deliberate: the level is used as the priority, so an error is an alert here and an info
     // message an error. The rules of the collecting hosts are written for these numbers.
     syslog(level, "%s", text);
 }

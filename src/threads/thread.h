@@ -84,7 +84,7 @@ class Thread {
     template <typename Action>
     void OnLiveHandle(Action action);
 
-    std::string m_name;
+    std::string m_name;  // Deliberate: stored, not read
     pthread_t m_handle = 0;
     bool m_detached = false;
     bool m_joined = false;  // m_handle has been given back and names nothing any more

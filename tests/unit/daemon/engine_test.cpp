@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,8 +13,11 @@
 #include "events/event_bridge.h"
 #include "events/event_thread.h"
 #include "logging/log.h"
+#include "support/file_text.h"
 #include "support/levelled_log.h"
 #include "support/private_channel.h"
+#include "support/stderr_capture.h"
+#include "support/temp_dir.h"
 #include "unit/events/bridge_fixture.h"
 
 // Reaches what no operation shows.
@@ -25,6 +29,12 @@ class TarnEnginePeer {
     }
     static EventThread* TheEventThread(const TarnEngine& engine) { return engine.m_eventThread; }
     static bool StartsEventThread(TarnEngine& engine) { return engine.StartEventThread(); }
+    static bool ExaminesFiles(TarnEngine& engine, const std::string& main,
+                              const std::string& events) {
+        engine.m_configFile = main;
+        engine.m_eventConfigFile = events;
+        return engine.ExamineFiles();
+    }
     // The way out, which quits the threads by force.
     static void Quit(TarnEngine& engine) { engine.Terminate(); }
 };
@@ -139,6 +149,35 @@ TEST_F(EngineTest, ATerminationSignalDuringTheStartEndsItWithStatusZeroAndWithou
         },
         testing::ExitedWithCode(0),
         "^Notice: tarn starting\nNotice: Termination signal received, exiting\\.\n$");
+}
+
+TEST_F(EngineTest, ExaminesBothOfItsFiles) {
+    const TempDir folder;
+    const std::string file = folder.File("a.conf");
+    WriteFile(file, "");
+    struct stat status {};
+    ASSERT_EQ(0, stat(folder.Path().c_str(), &status));
+    const std::string missing = folder.File("missing");
+    const struct {
+        std::string main;
+        std::string events;
+        std::string error;
+    } cases[] = {
+        {file, file, ""},
+        {"", file, "Error: No TaRN configuration file specified\n"},
+        {file, "", "Error: No snort configuration file specified\n"},
+        {missing, file, "Error: Cannot obtain file status for \"" + missing + "\".\n"},
+        {file, missing, "Error: Cannot obtain file status for \"" + missing + "\".\n"},
+        {folder.Path().string(), file,
+         "Error: Invalid file status mode " + std::to_string(status.st_mode) + " for \"" +
+             folder.Path().string() + "\".\n"},
+    };
+    for (const auto& [main, events, error] : cases) {
+        const StderrCapture captured;
+        EXPECT_EQ(error.empty(),
+                  TarnEnginePeer::ExaminesFiles(*TarnEngine::Instance(), main, events));
+        EXPECT_EQ(error, captured.Text());
+    }
 }
 
 TEST_F(EngineTest, OnlyAHangupCountsAsOne) {
