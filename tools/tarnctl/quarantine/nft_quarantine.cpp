@@ -21,7 +21,7 @@ uint32_t NextGeneration(uint32_t generation) {
     return generation + 1 == 0 ? 1 : generation + 1;
 }
 
-// The reason in words, or an empty string if the script was carried out.
+// The reason as text, or an empty string if the script was carried out.
 std::string ReasonIn(const NftAnswer& answer) {
     if (answer.kind == Kind::kDone) {
         return "";

@@ -42,7 +42,7 @@ class NftQuarantine {
     // is in force any more, and an empty table has taken its place.
     [[nodiscard]] std::string Check(bool& isLost);
 
-    // Puts the rule into force for this many seconds, or changes how long it has yet. Does nothing
+    // Puts the rule into force for this many seconds, or changes how long it lasts. Does nothing
     // and sets `isStale` if somebody else has changed the ruleset; then Check() comes first.
     [[nodiscard]] std::string Apply(const QuarantineParts& parts, int64_t seconds, bool& isStale);
 

@@ -19,7 +19,7 @@ void AddField(NftElement& element, const std::string& name, const std::string& k
 }
 
 // "tcp dport" names both the protocol and the field, so the protocol alone is a field only where
-// nothing else tells it.
+// nothing else names it.
 void AddProtocol(NftElement& element, int number) {
     AddField(element, "l4proto", "meta l4proto", std::to_string(number));
 }

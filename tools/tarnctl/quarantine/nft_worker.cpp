@@ -72,7 +72,7 @@ bool KeepOnly(int fd) {
     return close_range(kWorkerSocket + 1, ~0U, 0) == 0;
 }
 
-// What a terminal or a service manager sends to all processes is the caller's to deal with. It
+// What a terminal or a service manager sends to all processes is for the caller. It
 // still needs this one for what it does at its end.
 void HeedNoSignal() {
     struct sigaction action = {};
@@ -143,7 +143,7 @@ bool HasGone(pid_t process, Clock::time_point end) {
     // The C library declares this call for C only.
     const int fd = static_cast<int>(syscall(SYS_pidfd_open, process, 0));
     if (fd != -1) {
-        (void)WaitFor(fd, POLLIN, end);  // the wait below tells
+        (void)WaitFor(fd, POLLIN, end);  // the wait below has the result
         close(fd);
     }
     return waitpid(process, nullptr, WNOHANG) != 0;

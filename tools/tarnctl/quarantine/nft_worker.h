@@ -4,7 +4,7 @@
 // kernel or the library waits for, the caller goes on in time.
 //
 // The process is started at the first script, and again after one was given up or after it died. It
-// holds none of the caller's descriptors and heeds no signal of a terminal; it ends with its
+// holds none of the caller's descriptors and ignores the signals of a terminal; it ends with its
 // caller.
 //
 // Threads: one at a time.
@@ -26,7 +26,7 @@ struct NftAnswer {
     enum class Kind {
         kDone,
         kFailed,   // the engine did not carry it out
-        kGivenUp,  // no answer came: it may have been carried out, or may be yet
+        kGivenUp,  // no answer came: it may have been carried out, or may still be
         kNotSent,  // the engine has not seen it
         kStale,    // nor now, as the ruleset has another generation than the caller wanted
     };

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "tarnctl/common/counted.h"
-#include "tarnctl/quarantine/network_guard.h"
 
 namespace tarnctl {
 namespace {
@@ -28,7 +27,7 @@ std::string RuleEnforcer::Begin() {
     if (!m_settings.nftEngine) {
         return "--nft: this tarnctl was built without libnftables";
     }
-    std::string reason = ObjectionToThisNetwork();
+    std::string reason = m_settings.objectionToNetwork();
     reason = reason.empty() ? ReadLists(m_never) : reason;
     if (!reason.empty()) {
         return reason;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tarnctl/quarantine/host_addresses.h"
+#include "tarnctl/quarantine/network_guard.h"
 #include "tarnctl/quarantine/never_list.h"
 #include "tarnctl/quarantine/nft_quarantine.h"
 #include "tarnctl/quarantine/rule_table.h"
@@ -25,11 +26,12 @@ struct EnforcerSettings {
     // Not options; tests use others.
     NftEngineMaker nftEngine;  // empty: this build has none
     std::function<std::vector<std::string>()> hostAddresses = HostAddresses;
+    std::function<std::string()> objectionToNetwork = ObjectionToThisNetwork;
 };
 
 class RuleEnforcer {
   public:
-    // What is worth telling goes to `tell`. The settings live as long.
+    // What is worth reporting goes to `tell`. The settings live as long.
     RuleEnforcer(const EnforcerSettings& settings, std::function<void(const std::string&)> tell);
 
     // Each of these returns an empty string, or the reason why it failed.
@@ -76,7 +78,7 @@ class RuleEnforcer {
     AddressWatch m_watch;
     NftQuarantine m_nft;
     bool m_listHasGrown = false;  // rules in force may fall under it
-    std::string m_lastTrouble;    // told once
+    std::string m_lastTrouble;    // reported once
 };
 
 }  // namespace tarnctl

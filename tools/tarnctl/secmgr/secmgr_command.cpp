@@ -46,7 +46,7 @@ class SecurityManager final : public Monitor {
           m_enforcer(options, [this](const std::string& text) { Say(text); }) {}
 
   private:
-    // The socket comes first: it tells whether another manager is there, whose table of nftables
+    // The socket comes first: it shows whether another manager is there, whose table of nftables
     // must not be touched.
     std::string Begin() override {
         if (!m_options.answer.empty() && !ParseAnswer(m_options.answer, m_wrongAnswer)) {

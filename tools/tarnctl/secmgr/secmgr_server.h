@@ -21,9 +21,9 @@ namespace tarnctl {
 class SecmgrServer {
   public:
     enum class Result {
-        kNothing,    // nothing came within the time, or something that is no whole request yet
+        kNothing,    // nothing came within the time, or only a part of a request
         kRequest,    // to be answered with Answer()
-        kMalformed,  // a connection was closed for what Error() and Malformed() tell
+        kMalformed,  // a connection was closed for the reason in Error()
     };
 
     SecmgrServer() = default;

@@ -186,6 +186,9 @@ TEST_F(Objection, IsToMessagesOfNeighbourDiscovery) {
     }
     m_parts.icmpType.reset();
     EXPECT_EQ("", Reason());
+    m_parts.protocol = IPPROTO_ICMP;
+    m_parts.icmpType = 135;
+    EXPECT_EQ("", Reason()) << "ICMP of IPv4 has no such messages";
 }
 
 }  // namespace

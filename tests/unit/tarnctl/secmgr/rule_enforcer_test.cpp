@@ -29,6 +29,7 @@ class RuleEnforcerTest : public testing::Test {
         EnforcerSettings settings;
         settings.nft = true;
         settings.nftEngine = ScriptedEngine::Maker(m_dir.Path());
+        settings.objectionToNetwork = [] { return std::string(); };
         settings.hostAddresses = [this] {
             ++m_lookUps;
             return m_addresses;
@@ -198,7 +199,7 @@ TEST_F(RuleEnforcerTest, MendsItsTableAfterAForeignChangeAndKeepsTheRules) {
     EXPECT_THAT(changes, Not(HasSubstr("delete table")));
     EXPECT_THAT(changes, HasSubstr("flush table inet tarn\n"));
     EXPECT_THAT(changes, HasSubstr("add rule inet tarn quarantine ip saddr @ip_saddr drop\n"));
-    EXPECT_THAT(changes, Not(HasSubstr("timeout 0d"))) << "the kernel has the element yet";
+    EXPECT_THAT(changes, Not(HasSubstr("timeout 0d"))) << "the kernel still has the element";
     EXPECT_THAT(m_told, IsEmpty());
 }
 
@@ -322,6 +323,12 @@ TEST_F(RuleEnforcerTest, RefusesMoreRulesThanTheLimit) {
     EXPECT_EQ("", Ask("203.0.113.2"));
     EXPECT_EQ("the limit of 2 rules in force is reached (--max-rules)", Ask("203.0.113.3"));
     EXPECT_EQ("", Ask(Rule("203.0.113.2", 2 * kAnHour))) << "it is not one more";
+}
+
+TEST_F(RuleEnforcerTest, DoesNotBeginInANetworkThatIsNotItsOwn) {
+    m_settings.objectionToNetwork = [] { return std::string("not here"); };
+    EXPECT_EQ("not here", m_enforcer.Begin());
+    EXPECT_EQ("", NewChanges());
 }
 
 TEST_F(RuleEnforcerTest, TellsWhenARuleEnds) {

@@ -285,6 +285,7 @@ class SecmgrNftTest : public SecmgrCommandTest {
         m_options.nft = true;
         m_options.count = 1;
         m_options.nftEngine = ScriptedEngine::Maker(m_dir.Path());
+        m_options.objectionToNetwork = [] { return std::string(); };
     }
     std::string Script() const { return m_dir.Read("changes"); }
 };
