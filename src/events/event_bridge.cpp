@@ -22,9 +22,8 @@ int32_t NextSlot(int32_t index) {
 
 }  // namespace
 
-// The consumer's position in the ring while it takes events out. It is written back to the bridge
-// on every way out, also when the thread is cancelled, so that the next consumer goes on from
-// there.
+// The consumer's position while it drains. It goes back to the bridge on every way out, that of a
+// cancelled thread included, so that Finalize finds the queued events from there on.
 class EventBridge::Consumer {
   public:
     explicit Consumer(EventBridge& bridge) : m_bridge(bridge), m_index(bridge.m_head) {}
@@ -109,7 +108,7 @@ int EventBridge::Initialize() {
     }
     if (m_packetLog == nullptr) {
         log.Write(
-            Log::kError,
+            1,
             "Packet engine cannot get instance  of Packet Logging Daemon Interface.  Packet Logging will be disabled.");
     }
 
@@ -121,7 +120,7 @@ void EventBridge::Finalize() {
     if (!m_initialized) {
         return;
     }
-    // This comes first, so that queued events are dropped and not sent.
+    // First of all, so that queued events are dropped and not sent.
     m_producer->Release();
     m_producer = nullptr;
 
@@ -130,8 +129,7 @@ void EventBridge::Finalize() {
         Log::GetInstance()->Write(Log::kInfo,
                                   "EventBridge drops %d queued events during finalizing.", queued);
     }
-    // All slots are looked at, not only the counted ones: a wake-up without an event has skipped a
-    // slot and lowered the count, so the ring may hold an event that is no longer counted.
+    // Every slot, since an event that a stray wake-up has left behind is no longer counted.
     for (int32_t slots = 0; slots < kRingSize; ++slots) {
         auto& slot = m_queue[static_cast<size_t>(m_head)];
         delete slot.exchange(nullptr, std::memory_order_acquire);
@@ -193,8 +191,7 @@ int EventBridge::EnqueueEvent(U2AlertEvent* event) {
         log.Write(Log::kWarning, "Ignoring NULL event from enqueuing.");
         return 1;
     }
-    // Acquire: pairs with the release in Consumer::Advance. Until this call
-    // raises the count, it can only fall.
+    // Acquire: pairs with the release in Consumer::Advance. The count can only fall meanwhile.
     if (m_count.load(std::memory_order_acquire) == kRingSize) {
         log.Write(Log::kWarning, "EventBridge event queue is full.");
         return 2;
@@ -228,12 +225,11 @@ int EventBridge::ProcessEventQueue(int32_t maximum, uint32_t seconds) {
             if (!WaitForEvent(seconds)) {
                 break;
             }
-            // The event leaves its slot before it is processed, so that a cancel in the middle of
-            // the processing deletes it once.
+            // Out of its slot before it is worked off: a cancel inside deletes it once.
             std::unique_ptr<U2AlertEvent> event = consumer.Take();
             if (event == nullptr) {
                 log.Write(
-                    Log::kError,
+                    1,
                     "NULL event extracted from EventBridge event queue. Something wrong happened.");
             } else if (ProcessOneEvent(event.get()) == 0) {
                 ++processed;
@@ -257,8 +253,7 @@ bool EventBridge::WaitForEvent(uint32_t seconds) {
         return true;
     }
     const timespec deadline = DeadlineFromNow(uint64_t{seconds} * 1000);
-    // This is the one place where a cancel takes effect. A cancelled wait takes the mutex again
-    // before the thread unwinds, and the guard then releases it.
+    // The one place where a cancel may land; the wait takes the mutex again before it unwinds.
     const CancellationOn window;
     // Deliberate: a wake-up counts as an event without another look at the count. One that comes
     // with nothing in the ring is reported by the caller and takes one off the count.

@@ -17,7 +17,7 @@ bool LOCK_FREE_HASH_MAP::Update(const uint64_t& key, uint32_t now, uint32_t rema
             node.remaining.fetch_sub(1, std::memory_order_relaxed);
         }
     });
-    // Deliberate: a sender whose clock runs behind the timestamp yields a huge age, and the node
+    // Deliberate: a sender whose clock is before the timestamp gives a huge age, and the node
     // goes. A stale capture is cheap to start again; one that never ends is not.
     m_lists.DropIf(key, [now](const Node& swept) {
         return swept.remaining.load(std::memory_order_relaxed) == 0 ||
@@ -27,7 +27,7 @@ bool LOCK_FREE_HASH_MAP::Update(const uint64_t& key, uint32_t now, uint32_t rema
 }
 
 void LOCK_FREE_HASH_MAP::Dump() const {
-    const CancellationOff off;  // none may land with a lock held, nor amid what std::cout writes
+    const CancellationOff off;  // no cancel while a lock is held or std::cout writes
     std::cout << "-----------------------------\n"
               << "Bucket Size: " << kBucketCount << '\n'
               << "-----------------------------\n";

@@ -1,8 +1,8 @@
 #pragma once
 
-// The messages to the packet logging daemon's control socket, one a datagram. Each begins with its
-// type and its length; the datagram is filled with zeros to 128 bytes, and behind them stand the
-// packet's bytes, with type 4 alone. docs/formats/packet_log_control.md has the tables and worked
+// The messages to the packet logging daemon's control socket, one per datagram. Each begins with
+// its type and its length. The datagram is filled with zeros to 128 bytes, and with type 4 the
+// packet's bytes follow them. docs/formats/packet_log_control.md has the tables and worked
 // examples; integers are in host byte order.
 //
 //   type  length  message

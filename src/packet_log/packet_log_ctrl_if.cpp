@@ -16,6 +16,7 @@
 #include "paths.h"
 #include "ring/zero_pieces.h"
 #include "threads/cancellation.h"
+#include "threads/mutex_lock.h"
 
 using vald::Log;
 
@@ -38,7 +39,7 @@ uint32_t PayloadBytes(const LogControlMessage* message, const uint8_t* payload) 
     return capturedSize >= 1 ? static_cast<uint32_t>(capturedSize) : 0;
 }
 
-// A socket whose number says that it is open: 0 stands for a closed one. -1 with errno.
+// A socket with a number above 0, since 0 means a closed one. -1 with errno.
 int OpenSocket() {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd != 0) {
@@ -55,9 +56,9 @@ int OpenSocket() {
 
 PacketLogCtrlIF* PacketLogCtrlIF::m_pInstance = nullptr;
 std::atomic<int32_t> PacketLogCtrlIF::m_iRefCount{0};
-std::mutex PacketLogCtrlIF::s_CounterMutex;
+pthread_mutex_t PacketLogCtrlIF::s_CounterMutex = PTHREAD_MUTEX_INITIALIZER;
 LOCK_FREE_HASH_MAP* PacketLogCtrlIF::m_pConnHashMap = nullptr;
-std::mutex PacketLogCtrlIF::s_LEInterfacesMutex;
+pthread_mutex_t PacketLogCtrlIF::s_LEInterfacesMutex = PTHREAD_MUTEX_INITIALIZER;
 
 PacketLogCtrlIF::PacketLogCtrlIF() {
     m_rpc.pending.head.uType = kConfigureRollingPacketCapture;
@@ -84,7 +85,7 @@ PacketLogCtrlIF::~PacketLogCtrlIF() {
 PacketLogCtrlIF* PacketLogCtrlIF::GetInstance() {
     Log::GetInstance()->Write(Log::kDebug, "PacketLogCtrlIF::GetInstance(). count=%d",
                               m_iRefCount.load(std::memory_order_relaxed));
-    const std::lock_guard lock(s_CounterMutex);
+    const MutexLock lock(s_CounterMutex);
     if (m_pInstance == nullptr) {
         m_pInstance = new PacketLogCtrlIF;
     }
@@ -93,7 +94,7 @@ PacketLogCtrlIF* PacketLogCtrlIF::GetInstance() {
 }
 
 int32_t PacketLogCtrlIF::Release() {
-    const std::lock_guard lock(s_CounterMutex);
+    const MutexLock lock(s_CounterMutex);
     const int32_t remaining = m_iRefCount.fetch_sub(1, std::memory_order_relaxed) - 1;
     if (remaining == 0) {
         PacketLogCtrlIF* const instance = m_pInstance;

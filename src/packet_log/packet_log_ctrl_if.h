@@ -15,13 +15,13 @@
 // OpenControlChannel, the Apply operations and Shutdown belong to the engine's thread, which calls
 // them while no other thread sends; that is what guards the fields without a comment.
 
+#include <pthread.h>
 #include <sys/un.h>
 
 #include <array>
 #include <atomic>
 #include <cstdint>
 #include <limits>
-#include <mutex>
 #include <sstream>
 
 #include "crm/event_report_format.h"
@@ -67,8 +67,9 @@ class PacketLogCtrlIF {
     int32_t SetStringParameter(const char* name, const char* value);
     void GetRpcSettings(LogControlMessage_ConfigureRollingPacketCapture* settings) const;
     void GetDpcSettings(LogControlMessage_ConfigureDropPacketCapture* settings) const;
-    // Send what the daemon has not been told yet. 0; -1 when the configuration did not go out; the
-    // negated result of the send when the state did not. What failed is tried again next time.
+    // Send what has changed since the daemon was last sent it. 0; -1 when the configuration did not
+    // go out; the negated result of the send when the state did not. What failed is tried again
+    // next time.
     int32_t ApplyRpcSettings();
     int32_t ApplyDpcSettings();
 
@@ -192,9 +193,9 @@ class PacketLogCtrlIF {
 
     static PacketLogCtrlIF* m_pInstance;      // owned by its references; under s_CounterMutex
     static std::atomic<int32_t> m_iRefCount;  // changed under s_CounterMutex
-    static std::mutex s_CounterMutex;
+    static pthread_mutex_t s_CounterMutex;
     static LOCK_FREE_HASH_MAP* m_pConnHashMap;  // owned by the instance; has locks of its own
-    static std::mutex s_LEInterfacesMutex;
+    static pthread_mutex_t s_LEInterfacesMutex;
 };
 
 }  // namespace PacketLogCtrl

@@ -10,6 +10,7 @@
 #include "packet_log/connection_table.h"
 #include "packet_log/packet_log_ctrl_if.h"
 #include "packet_log/packet_words.h"
+#include "threads/mutex_lock.h"
 
 using vald::Log;
 
@@ -121,7 +122,7 @@ int32_t PacketLogCtrlIF::SendInterfaceCapture(uint32_t interface, uint32_t event
     if (result != 0) {
         return result;
     }
-    const std::lock_guard lock(s_LEInterfacesMutex);
+    const MutexLock lock(s_LEInterfacesMutex);
     if (interface == kAllInterfaces) {
         for (uint32_t each = 0; each < kInterfaceCount; ++each) {
             RaiseInterfaceCount(each);

@@ -40,7 +40,7 @@ class PacketLogWriter {
     void ClosePipe();
 
     static constexpr uint32_t kNoInstance = 0xffff;
-    // Packet time in seconds that must pass before a full ring is told of again.
+    // Packet time in seconds that must pass before a full ring is reported again.
     static constexpr int32_t kFullReportInterval = 300;
 
     uint32_t m_uInstance = kNoInstance;

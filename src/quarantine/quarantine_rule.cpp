@@ -221,7 +221,7 @@ QuarantineRule::TextFault QuarantineRule::AppendProtocol(std::string& text) cons
             AppendPorts(text);
             return TextFault::None;
         default:
-            // The security manager takes any protocol by number, so the rule stands.
+            // The security manager accepts any protocol by number, so the rule is valid.
             text += " proto " + std::to_string(m_protocol);
             return TextFault::None;
     }

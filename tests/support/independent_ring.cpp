@@ -63,10 +63,10 @@ bool IndependentRing::Put(const std::vector<unsigned char>& message) {
     const uint32_t untilEnd = ring - body < length ? ring - body : length;
     std::memcpy(m_file + 8 + body, message.data(), untilEnd);
     std::memcpy(m_file + 8, message.data() + untilEnd, length - untilEnd);
-    const uint32_t behind = Following(writer, length, ring);
-    __atomic_store_n(WordPointer(m_file, 8 + behind), 0, __ATOMIC_RELAXED);
+    const uint32_t next = Following(writer, length, ring);
+    __atomic_store_n(WordPointer(m_file, 8 + next), 0, __ATOMIC_RELAXED);
     __atomic_store_n(WordPointer(m_file, 8 + writer), length, __ATOMIC_RELAXED);
-    __atomic_store_n(WordPointer(m_file, 4), behind, __ATOMIC_RELEASE);
+    __atomic_store_n(WordPointer(m_file, 4), next, __ATOMIC_RELEASE);
     return true;
 }
 
