@@ -214,9 +214,9 @@ TEST(ConnectionHash, TakesAVlanFromOneTo4096) {
     };
     EXPECT_NE(hash(1), hash(0));
     EXPECT_NE(hash(4096), hash(0));
-    EXPECT_EQ(hash(4097), hash(0));
-    EXPECT_EQ(hash(0x10001), hash(0));
-    EXPECT_EQ(hash(0xFFFFFFFF), hash(0));
+    EXPECT_EQ(hash(0), hash(4097));
+    EXPECT_EQ(hash(0), hash(0x10001));
+    EXPECT_EQ(hash(0), hash(0xFFFFFFFF));
 }
 
 TEST(ConnectionHash, LooksAtTheAddressesOfItsOwnVersionAlone) {

@@ -201,6 +201,24 @@ TEST_F(PacketLogCtrlIF, InitializeOpensSizesAndGreets) {
     EXPECT_THAT(daemon.TakeTypes(), ElementsAre(1, 1)) << "each run greets, on the one socket";
 }
 
+TEST_F(PacketLogCtrlIF, InitializeGivesTheSocketTheConfiguredSendBuffer) {
+    const auto sendBuffer = [](int fd) {
+        int bytes = 0;
+        socklen_t length = sizeof(bytes);
+        EXPECT_EQ(0, getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, &length));
+        return bytes;
+    };
+    const int other = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int untouched = sendBuffer(other);
+    const int wanted = 12000;
+    ASSERT_EQ(0, setsockopt(other, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof(wanted)));
+    ASSERT_NE(untouched, sendBuffer(other));
+    ASSERT_EQ(1, m_control->SetIntParameter("engine.logevidence.bufferctrlsize", 12000));
+    EXPECT_EQ(0, m_control->Initialize());
+    EXPECT_EQ(sendBuffer(other), sendBuffer(Peer::Socket(*m_control)));
+    close(other);
+}
+
 TEST_F(PacketLogCtrlIF, InitializeAgainKeepsTheSocketAndGreetsAgain) {
     const PacketLogDaemon daemon(Path());
     ASSERT_EQ(0, m_control->Initialize());

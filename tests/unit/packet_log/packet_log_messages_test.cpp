@@ -106,7 +106,7 @@ TEST_F(PacketLogMessages, NewConnectionCaptureHasTheGoldenBytes) {
     m_connection = kConnection;
     EXPECT_EQ(0, m_control->SendNewConnectionCapture(&report, &packet, m_isNew, m_captureId,
                                                      m_connection));
-    EXPECT_EQ(GoldenBytes("packet_log_type2.txt"), m_daemon.Take()) << "and no packet behind it";
+    EXPECT_EQ(GoldenBytes("packet_log_type2.txt"), m_daemon.Take()) << "and no packet after it";
 }
 
 TEST_F(PacketLogMessages, InterfaceCaptureHasTheGoldenBytes) {
@@ -164,6 +164,15 @@ TEST_F(PacketLogMessages, OffendingPacketCaptureOfNoCapturedBytesIs128BytesLong)
     }
 }
 
+TEST_F(PacketLogMessages, OffendingPacketCaptureOfOneCapturedByteHasIt) {
+    PacketInfo packet = Packet();
+    packet.iCapturedSize = 1;
+    m_control->SendOffendingPacketCapture(nullptr, &packet, 0);
+    const Datagram datagram = m_daemon.Take();
+    ASSERT_EQ(129U, datagram.size());
+    EXPECT_EQ(0xDE, datagram[128]);
+}
+
 TEST_F(PacketLogMessages, OffendingPacketCaptureOfANullPointerIs128BytesLong) {
     PacketInfo packet = Packet();
     packet.pData = nullptr;
@@ -211,7 +220,7 @@ TEST_F(PacketLogMessages, TextHasTheGoldenBytes) {
     EXPECT_EQ(GoldenBytes("packet_log_type14.txt"), m_daemon.Take());
 }
 
-TEST_F(PacketLogMessages, TextEndsBehindIts118thByteWithTwoZeros) {
+TEST_F(PacketLogMessages, TextEndsAfterIts118thByteWithTwoZeros) {
     EXPECT_EQ(0, m_control->SendText(std::string(300, 'x').c_str()));
     const Datagram datagram = m_daemon.Take();
     ASSERT_EQ(128U, datagram.size());
@@ -223,7 +232,7 @@ TEST_F(PacketLogMessages, TextEndsBehindIts118thByteWithTwoZeros) {
 }
 
 TEST_F(PacketLogMessages, KeepsAUserStringOf56BytesWithoutANul) {
-    const std::string text = std::string(56, 'u') + "behind it";
+    const std::string text = std::string(56, 'u') + "after it";
     const EventReport report = Report(text.c_str());
     const PacketInfo packet = Packet();
     m_control->SendOffendingPacketCapture(&report, &packet, 0);
@@ -568,7 +577,7 @@ TEST_F(PacketLogMessages, SerializeStructOfSettingsNamesItsFields) {
 }
 
 TEST_F(PacketLogMessages, SerializeStructOfAShortMessageFindsZeros) {
-    const LogControlMessage head{4, 8};  // nothing lies behind it
+    const LogControlMessage head{4, 8};  // nothing comes after it
     EXPECT_EQ(
         " Message of type/len 4/8 LogControlMessage_OffendingPacketCapture  EventID= 0  "
         "PacketHash= 0\n capturedSize=0 frameNumber=0 flags=0 adapterID=0",

@@ -286,7 +286,7 @@ TEST_F(PacketLogSettings, OfAStateThatDoesNotGoOutGiveTheNegatedErrno) {
 
 TEST_F(PacketLogSettings, OfTheRollingCaptureGiveInitializeItsResult) {
     ASSERT_EQ(1, SetString("engine.droplog.enabled", "true"));
-    EXPECT_EQ(0, m_control->Initialize()) << "the drop log's failure is not told";
+    EXPECT_EQ(0, m_control->Initialize()) << "the drop log's failure does not count";
     ASSERT_EQ(1, SetInt("engine.rollpktcap.maxfiles", 3));
     ASSERT_EQ(1, SetInt("engine.rollpktcap.maxkbytes", 4));
     EXPECT_EQ(-1, m_control->Initialize());

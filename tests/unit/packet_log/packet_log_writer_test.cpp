@@ -98,9 +98,9 @@ TEST(PacketLogWriter, NamesTheRingFileByAtLeastTwoDigits) {
         PacketLogWriter writer;
         EXPECT_TRUE(writer.Initialize(instance));
         const bool opened = writer.OpenPipe();  // not for every user
-        EXPECT_EQ(opened, access(path, W_OK) == 0);
+        EXPECT_EQ(access(path, W_OK) == 0, opened);
         ASSERT_NE(nullptr, writer.m_pPipe);
-        EXPECT_EQ(writer.m_pPipe->m_strPath, path);
+        EXPECT_EQ(path, writer.m_pPipe->m_strPath);
         if (!wasThere) {
             std::filesystem::remove(path);
         }
@@ -214,11 +214,11 @@ TEST_F(PacketLogWriterWrite, TellsOfAFullRingOncePer300SecondsOfPacketTime) {
         EXPECT_EQ(PIPE_FULL, Send(PacketOf(large, seconds)));
         return log.Messages();
     };
-    const Lines told{"Failed to send packets to logger daemon, pipe is full."};
-    EXPECT_EQ(linesAt(1000000), told);
+    const Lines reported{"Failed to send packets to logger daemon, pipe is full."};
+    EXPECT_EQ(reported, linesAt(1000000));
     EXPECT_EQ(Lines{}, linesAt(1000000));
     EXPECT_EQ(Lines{}, linesAt(1000300));
-    EXPECT_EQ(linesAt(1000301), told);
+    EXPECT_EQ(reported, linesAt(1000301));
     EXPECT_EQ(Lines{}, linesAt(1000601));
     EXPECT_EQ(Lines{}, linesAt(999000));
     EXPECT_EQ(1000301, m_writer.m_uLastFullReport);
@@ -246,6 +246,6 @@ TEST_F(PacketLogWriterWrite, AllocatesNothing) {
     while (m_writer.WritePacket(&packet, 1, 2, 3) == PIPE_OK) {
         ++sent;
     }
-    EXPECT_EQ(AllocationCount(), before);
+    EXPECT_EQ(before, AllocationCount());
     EXPECT_GT(sent, 10);
 }

@@ -122,7 +122,7 @@ TEST(QuarantineRuleToString, WritesNoPortsWithIcmpAndNoIcmpFieldsWithTcp) {
     EXPECT_EQ("ip tcp src port 1 dst port 2" + kExpires, TextOf(rule));
 }
 
-TEST(QuarantineRuleToString, WritesTheCounterWithItsLetterRightBehind) {
+TEST(QuarantineRuleToString, WritesTheCounterWithItsLetterRightAfterIt) {
     QuarantineRule rule = RuleOf(4);
     rule.SetCounter(5);
     EXPECT_EQ("ip counter 5b" + kExpires, TextOf(rule));

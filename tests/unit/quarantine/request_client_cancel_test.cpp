@@ -10,7 +10,7 @@
 #include "support/request_client_fixture.h"
 #include "threads/cancellation.h"
 
-// A thread that waits for a peer is cancelled there, and nothing stays behind.
+// A thread that waits for a peer is cancelled there, and nothing of it stays.
 
 namespace {
 

@@ -157,7 +157,7 @@ TEST_F(RequestClientReceiveRecords, GivesTheHeaderAVectorAndTheRecords) {
     EXPECT_EQ((Bytes{9, 0, 0, 0, 3, 0, 0, 0}), Bytes(m_response.get(), m_response.get() + 8));
     const auto* vector = reinterpret_cast<const iovec*>(m_response.get() + 8);
     for (std::size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(vector[i].iov_base, m_response.get() + 8 + 3 * sizeof(iovec) + 4 * i);
+        EXPECT_EQ(m_response.get() + 8 + 3 * sizeof(iovec) + 4 * i, vector[i].iov_base);
         EXPECT_EQ(4U, vector[i].iov_len);
     }
     const auto* first = static_cast<const uint8_t*>(vector[0].iov_base);

@@ -13,7 +13,7 @@
 
 namespace {
 
-// A queue name of this process's own, and nothing of it left behind.
+// A queue name of this process's own, nothing of which stays.
 class EventQueueTest : public testing::Test {
   protected:
     EventQueueTest() { Clear(); }
@@ -79,17 +79,17 @@ TEST_F(EventQueueWriter, HasThePairOfItsIndexAlone) {
     EXPECT_EQ(1, queue.m_iWriterSide);
     EXPECT_EQ(nullptr, queue.m_pfnLog);
     const ShmEventPipePair& pair = *queue.m_pairs[0];
-    EXPECT_EQ(pair.m_eRole, WRITER);
-    EXPECT_EQ(pair.m_aPipes[0].m_eRole, WRITER);
-    EXPECT_EQ(pair.m_aPipes[0].m_strPath, "/var/tmp/EventQueueCRM3-0");
-    EXPECT_EQ(pair.m_aPipes[0].m_uSize, 8388608U);
-    EXPECT_EQ(pair.m_aPipes[1].m_eRole, WRITER);
-    EXPECT_EQ(pair.m_aPipes[1].m_strPath, "/var/tmp/EventQueueCRM3-1");
-    EXPECT_EQ(pair.m_aPipes[1].m_uSize, 262144U);
-    EXPECT_EQ(pair.m_aPipes[0].m_pfnLog, nullptr);
+    EXPECT_EQ(WRITER, pair.m_eRole);
+    EXPECT_EQ(WRITER, pair.m_aPipes[0].m_eRole);
+    EXPECT_EQ("/var/tmp/EventQueueCRM3-0", pair.m_aPipes[0].m_strPath);
+    EXPECT_EQ(8388608U, pair.m_aPipes[0].m_uSize);
+    EXPECT_EQ(WRITER, pair.m_aPipes[1].m_eRole);
+    EXPECT_EQ("/var/tmp/EventQueueCRM3-1", pair.m_aPipes[1].m_strPath);
+    EXPECT_EQ(262144U, pair.m_aPipes[1].m_uSize);
+    EXPECT_EQ(nullptr, pair.m_aPipes[0].m_pfnLog);
 }
 
-TEST_F(EventQueueWriter, PutsIndexAndSuffixBehindTheNameWithNoSeparator) {
+TEST_F(EventQueueWriter, PutsIndexAndSuffixAfterTheNameWithNoSeparator) {
     const EventQueue queue("CRM", 12, 1);
     EXPECT_EQ("/var/tmp/EventQueueCRM12-0", queue.m_pairs[0]->m_aPipes[0].m_strPath);
 }
@@ -104,14 +104,14 @@ TEST_F(EventQueueReader, HasOnePairForEachIndexBelowItsCount) {
     const EventQueue queue(m_szName, EventQueue::ForReader::kTag, 3);
     EXPECT_EQ(3U, queue.m_uPairCount);
     ASSERT_EQ(3U, queue.m_pairs.size());
-    EXPECT_EQ(queue.m_strSemName, Semaphore());
+    EXPECT_EQ(Semaphore(), queue.m_strSemName);
     EXPECT_EQ(0, queue.m_iWriterSide);
     for (int index = 0; index < 3; ++index) {
         const ShmEventPipePair& pair = *queue.m_pairs[static_cast<std::size_t>(index)];
-        EXPECT_EQ(pair.m_eRole, READER);
-        EXPECT_EQ(pair.m_aPipes[0].m_strPath, Ring(index, 0));
-        EXPECT_EQ(pair.m_aPipes[1].m_strPath, Ring(index, 1));
-        EXPECT_EQ(pair.m_aPipes[1].m_eRole, READER);
+        EXPECT_EQ(READER, pair.m_eRole);
+        EXPECT_EQ(Ring(index, 0), pair.m_aPipes[0].m_strPath);
+        EXPECT_EQ(Ring(index, 1), pair.m_aPipes[1].m_strPath);
+        EXPECT_EQ(READER, pair.m_aPipes[1].m_eRole);
     }
 }
 
@@ -292,10 +292,10 @@ TEST_F(EventQueueOpen, FollowedByACloseThatFailsGoesOnToTheOtherRings) {
 
 TEST_F(ShmEventPipePairTest, KeepsTakingTheSecondRingsSizeFirst) {
     const ShmEventPipePair pair(READER, "/tmp/base", 101, 202, false);
-    EXPECT_EQ(pair.m_aPipes[0].m_strPath, "/tmp/base-0");
-    EXPECT_EQ(pair.m_aPipes[0].m_uSize, 204U);
-    EXPECT_EQ(pair.m_aPipes[1].m_strPath, "/tmp/base-1");
-    EXPECT_EQ(pair.m_aPipes[1].m_uSize, 104U);
+    EXPECT_EQ("/tmp/base-0", pair.m_aPipes[0].m_strPath);
+    EXPECT_EQ(204U, pair.m_aPipes[0].m_uSize);
+    EXPECT_EQ("/tmp/base-1", pair.m_aPipes[1].m_strPath);
+    EXPECT_EQ(104U, pair.m_aPipes[1].m_uSize);
 }
 
 TEST_F(ShmEventPipePairTest, RemovesStaleFilesOnlyWhenAsked) {
@@ -313,10 +313,10 @@ TEST_F(ShmEventPipePairTest, AppliesEveryOperationToBothRings) {
     const std::string base = Ring(0, 0).substr(0, Ring(0, 0).size() - 2);
     std::filesystem::create_directory(Ring(0, 0));
     ShmEventPipePair pair(WRITER, base.c_str(), 64, 64, false);
-    EXPECT_EQ(pair.Open(), 1);
+    EXPECT_EQ(1, pair.Open());
     EXPECT_TRUE(pair.m_aPipes[1].m_bMapped);
-    EXPECT_EQ(pair.Close(), 0);
-    EXPECT_EQ(pair.Destroy(), 0);
+    EXPECT_EQ(0, pair.Close());
+    EXPECT_EQ(0, pair.Destroy());
 }
 
 TEST_F(ShmEventPipePairTest, DestroysTheSecondRingWhenTheFirstFails) {
@@ -348,6 +348,7 @@ TEST_F(ShmEventPipePairTest, ClosesTheSecondRingWhenTheFirstFails) {
     const std::string base = Ring(0, 0).substr(0, Ring(0, 0).size() - 2);
     ShmEventPipePair pair(WRITER, base.c_str(), 64, 64, false);
     ASSERT_EQ(0, pair.Open());
+    EXPECT_FALSE(pair.m_aPipes[0].m_bOpenOption || pair.m_aPipes[1].m_bOpenOption);
     void* const map = pair.m_aPipes[0].m_pMap;
     pair.m_aPipes[0].m_pMap = static_cast<std::byte*>(map) + 4;
     EXPECT_EQ(1, pair.Close());

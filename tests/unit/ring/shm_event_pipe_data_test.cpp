@@ -23,7 +23,7 @@ using ShmEventPipeRead = ShmEventPipeWrite;
 
 TEST_F(ShmEventPipeWrite, AcceptsUpToEightBytesLessThanAnEmptyRing) {
     EXPECT_EQ(PIPE_OK, Write(m_writer, Counting(kRing - 8)));
-    EXPECT_EQ(Read(m_reader).message, Counting(kRing - 8));
+    EXPECT_EQ(Counting(kRing - 8), Read(m_reader).message);
 }
 
 TEST_F(ShmEventPipeWrite, KeepsCallingAMessageOfNearlyTheRingFullForEver) {
@@ -31,14 +31,14 @@ TEST_F(ShmEventPipeWrite, KeepsCallingAMessageOfNearlyTheRingFullForEver) {
         EXPECT_EQ(PIPE_FULL, Write(m_writer, Counting(length))) << length;
     }
     EXPECT_EQ(PIPE_ERROR, Write(m_writer, Counting(kRing + 1)));
-    EXPECT_EQ(m_raw.Bytes(), Bytes(kFileSize, 0));
+    EXPECT_EQ(Bytes(kFileSize, 0), m_raw.Bytes());
 }
 
 TEST_F(ShmEventPipeWrite, RefusesAMessageThatWouldMeetTheReadIndex) {
     ASSERT_EQ(PIPE_OK, Write(m_writer, Counting(28)));  // 32 of 64 bytes
     const Bytes before = m_raw.Bytes();
     EXPECT_EQ(PIPE_FULL, Write(m_writer, Counting(28)));
-    EXPECT_EQ(m_raw.Bytes(), before);
+    EXPECT_EQ(before, m_raw.Bytes());
     EXPECT_EQ(PIPE_OK, Write(m_writer, Counting(24)));
 }
 
@@ -47,7 +47,7 @@ TEST_F(ShmEventPipeWrite, WrapsToZeroWhenTheRoundedEndIsTheEndOfTheRing) {
     m_raw.Poke(4, 40);
     ASSERT_EQ(PIPE_OK, Write(m_writer, Counting(18)));  // 40 + 4 + 18 rounds up to 64
     EXPECT_EQ(0U, m_raw.Word(4));
-    EXPECT_EQ(Read(m_reader).message, Counting(18));
+    EXPECT_EQ(Counting(18), Read(m_reader).message);
     EXPECT_EQ(0U, m_raw.Word(0));
 }
 
@@ -58,7 +58,7 @@ TEST_F(ShmEventPipeWrite, PutsTheWholeBodyAtTheStartWhenTheLengthWordIsTheLastWo
     const Bytes file = m_raw.Bytes();
     EXPECT_EQ(6U, m_raw.Word(8 + kRing - 4));
     EXPECT_EQ(Bytes(file.begin() + 8, file.begin() + 14), Counting(6));
-    EXPECT_EQ(Read(m_reader).message, Counting(6));
+    EXPECT_EQ(Counting(6), Read(m_reader).message);
 }
 
 TEST_F(ShmEventPipeWrite, WritesZeroesAsPadding) {
@@ -82,7 +82,7 @@ TEST_F(ShmEventPipeWrite, KeepsAcceptingAMessageOfNoBytesThatBlocksTheReader) {
         EXPECT_EQ(0U, m_raw.Word(0));
         EXPECT_TRUE(m_writer.Reset());
         EXPECT_EQ(PIPE_OK, Write(m_writer, Counting(3)));
-        EXPECT_EQ(Read(m_reader).message, Counting(3));
+        EXPECT_EQ(Counting(3), Read(m_reader).message);
         EXPECT_TRUE(m_writer.Reset());
     };
     stuck(m_writer.write(nullptr, &zero));
@@ -96,7 +96,7 @@ TEST_F(ShmEventPipeWrite, SkipsEmptyPiecesWithNoAddress) {
     Bytes second = Counting(4, 4);
     const iovec pieces[] = {{nullptr, 0}, {first.data(), 3}, {nullptr, 0}, {second.data(), 4}};
     ASSERT_EQ(PIPE_OK, m_writer.write(pieces, 4));
-    EXPECT_EQ(Read(m_reader).message, Counting(7));
+    EXPECT_EQ(Counting(7), Read(m_reader).message);
 }
 
 TEST_F(ShmEventPipeWrite, TakesNoMoreThanTheSumOfLengthsInThirtyTwoBits) {
@@ -105,10 +105,15 @@ TEST_F(ShmEventPipeWrite, TakesNoMoreThanTheSumOfLengthsInThirtyTwoBits) {
     const iovec pieces[] = {{first.data(), 3}, {&first[3], 0x100000005U}, {&first[0], 0}};
     ASSERT_EQ(PIPE_OK, m_writer.write(pieces, 2));
     EXPECT_EQ(8U, m_raw.Word(8));
-    EXPECT_EQ(Read(m_reader).message, Counting(8));
+    EXPECT_EQ(Counting(8), Read(m_reader).message);
+    // The sum of these is 4, which the first piece alone exceeds.
+    const iovec exceeding[] = {{first.data(), 8}, {first.data(), 0xFFFFFFFCU}};
+    ASSERT_EQ(PIPE_OK, m_writer.write(exceeding, 2));
+    EXPECT_EQ(Counting(4), Read(m_reader).message);
+    EXPECT_EQ(20U, m_raw.Word(4));
     const iovec wrapped[] = {{first.data(), 0x80000000U}, {first.data(), 0x80000000U}};
     ASSERT_EQ(PIPE_OK, m_writer.write(wrapped, 2));
-    EXPECT_EQ(16U, m_raw.Word(4));
+    EXPECT_EQ(24U, m_raw.Word(4));
 }
 
 TEST_F(ShmEventPipeWrite, FailsOnAReaderAndChangesNothing) {
@@ -116,7 +121,7 @@ TEST_F(ShmEventPipeWrite, FailsOnAReaderAndChangesNothing) {
     EXPECT_EQ(PIPE_ERROR, Write(m_reader, Counting(4)));
     iovec piece{nullptr, 0};
     EXPECT_EQ(PIPE_ERROR, m_reader.write(&piece, 1));
-    EXPECT_EQ(m_raw.Bytes(), before);
+    EXPECT_EQ(before, m_raw.Bytes());
 }
 
 // ---- read ----
@@ -130,7 +135,7 @@ TEST_F(ShmEventPipeRead, FailsOnAWriterAndChangesNothing) {
     EXPECT_EQ(PIPE_ERROR, m_writer.read(buffer.data(), &size, &status));
     EXPECT_EQ(16U, size);
     EXPECT_EQ(READ_WRONG_ROLE, status);
-    EXPECT_EQ(m_raw.Bytes(), before);
+    EXPECT_EQ(before, m_raw.Bytes());
 }
 
 TEST_F(ShmEventPipeRead, FindsAnEmptyRing) {
@@ -142,7 +147,7 @@ TEST_F(ShmEventPipeRead, NeedsNoStatus) {
     Bytes buffer(4);
     uint32_t size = 4;
     EXPECT_EQ(PIPE_OK, m_reader.read(buffer.data(), &size));
-    EXPECT_EQ(buffer, Counting(4));
+    EXPECT_EQ(Counting(4), buffer);
     EXPECT_EQ(PIPE_NO_DATA, m_reader.read(buffer.data(), &size));
     EXPECT_EQ(0U, size);
 }
@@ -168,10 +173,10 @@ TEST_F(ShmEventPipeRead, KeepsDroppingAllThatIsPendingForOneBadLengthWord) {
     ASSERT_EQ(PIPE_OK, Write(m_writer, Counting(6)));
     m_raw.Poke(8, kRing + 1);
     EXPECT_EQ((Outcome{PIPE_ERROR, READ_BAD_SIZE, {}}), Read(m_reader));
-    EXPECT_EQ(m_raw.Word(0), m_raw.Word(4));
+    EXPECT_EQ(m_raw.Word(4), m_raw.Word(0));
     EXPECT_EQ(READ_EMPTY, Read(m_reader).status);
     ASSERT_EQ(PIPE_OK, Write(m_writer, Counting(7)));
-    EXPECT_EQ(Read(m_reader).message, Counting(7));
+    EXPECT_EQ(Counting(7), Read(m_reader).message);
 }
 
 TEST_F(ShmEventPipeRead, StopsAtALengthWordOfZero) {
@@ -191,6 +196,6 @@ TEST_F(ShmEventPipeRead, TakesALengthOfTheWholeRingWithoutLeavingIt) {
         expected[kRing - 4] = kRing;  // the body ends with its own length word
         expected[kRing - 3] = expected[kRing - 2] = expected[kRing - 1] = 0;
         EXPECT_EQ((Outcome{PIPE_OK, READ_OK, expected}), Read(m_reader)) << start;
-        EXPECT_EQ(m_raw.Word(0), (start + 4) % kRing) << start;
+        EXPECT_EQ((start + 4) % kRing, m_raw.Word(0)) << start;
     }
 }

@@ -43,7 +43,7 @@ TEST_F(ShmEventPipeLifecycle, StartsWithTheStatedFields) {
     EXPECT_EQ(WRITER, pipe.m_eRole);
     EXPECT_EQ(-1, pipe.m_iFd);
     EXPECT_EQ(nullptr, pipe.m_pMap);
-    EXPECT_EQ(pipe.m_strPath, m_path);
+    EXPECT_EQ(m_path, pipe.m_strPath);
     EXPECT_EQ(72U, pipe.m_uSize);
     EXPECT_FALSE(pipe.m_bOpenOption);
     EXPECT_FALSE(pipe.m_bMapped);
@@ -77,8 +77,8 @@ TEST_F(ShmEventPipeLifecycle, OpenMakesAMissingFileAndTakesTheHeaderOffTheSize) 
     EXPECT_FALSE(pipe.m_bOpenOption);
     EXPECT_EQ(kRing, pipe.m_uSize);
     EXPECT_EQ(static_cast<void*>(pipe.m_pHeader), pipe.m_pMap);
-    EXPECT_EQ(pipe.m_pData, static_cast<std::byte*>(pipe.m_pMap) + 8);
-    EXPECT_EQ(pipe.m_pDataEnd, pipe.m_pData + kRing);
+    EXPECT_EQ(static_cast<std::byte*>(pipe.m_pMap) + 8, pipe.m_pData);
+    EXPECT_EQ(pipe.m_pData + kRing, pipe.m_pDataEnd);
     EXPECT_EQ(kFileSize, std::filesystem::file_size(m_path));
 }
 
@@ -94,7 +94,7 @@ TEST_F(ShmEventPipeLifecycle, OpenUsesTheDescriptorThatCreateLeft) {
     const int descriptor = pipe.m_iFd;
     std::filesystem::remove(m_path);
     EXPECT_TRUE(pipe.Open(true));
-    EXPECT_EQ(pipe.m_iFd, descriptor);
+    EXPECT_EQ(descriptor, pipe.m_iFd);
     EXPECT_FALSE(std::filesystem::exists(m_path));
 }
 
@@ -120,15 +120,15 @@ TEST_F(ShmEventPipeLifecycle, MessagesOutliveTheirWriterAndAReaderThatComesBack)
     {
         ShmEventPipe reader(READER, m_path, kFileSize);
         ASSERT_TRUE(reader.Open(true));
-        EXPECT_EQ(Read(reader).message, Counting(5));
+        EXPECT_EQ(Counting(5), Read(reader).message);
     }
     ShmEventPipe writer(WRITER, m_path, kFileSize);
     ASSERT_TRUE(writer.Open(true));
     ASSERT_EQ(PIPE_OK, Write(writer, Counting(7)));
     ShmEventPipe reader(READER, m_path, kFileSize);
     ASSERT_TRUE(reader.Open(true));
-    EXPECT_EQ(Read(reader).message, Counting(6));
-    EXPECT_EQ(Read(reader).message, Counting(7));
+    EXPECT_EQ(Counting(6), Read(reader).message);
+    EXPECT_EQ(Counting(7), Read(reader).message);
     EXPECT_EQ(READ_EMPTY, Read(reader).status);
 }
 
@@ -171,7 +171,7 @@ TEST_F(ShmEventPipeLifecycle, CloseReleasesTheWholeMappingAndTheDescriptor) {
     EXPECT_TRUE(pipe.Close());
     EXPECT_FALSE(pipe.m_bMapped);
     EXPECT_FALSE(IsMappedAnywhere(m_path));
-    EXPECT_EQ(DescriptorCount(), descriptors);
+    EXPECT_EQ(descriptors, DescriptorCount());
     EXPECT_TRUE(pipe.Close());
 }
 
@@ -184,9 +184,10 @@ TEST_F(ShmEventPipeLifecycle, LeavesNothingOpenAfterAFailedOpen) {
     ASSERT_EQ(0, mkfifo(m_path.c_str(), 0600));
     ShmEventPipe noFile(WRITER, m_path, kFileSize);
     EXPECT_FALSE(noFile.Open(true)) << "cannot be sized";
+    EXPECT_EQ(-1, noFile.m_iFd);
     EXPECT_FALSE(noFile.Create());
     EXPECT_EQ(-1, noFile.m_iFd);
-    EXPECT_EQ(DescriptorCount(), descriptors);
+    EXPECT_EQ(descriptors, DescriptorCount());
 }
 
 TEST_F(ShmEventPipeLifecycle, FailedOpenLeavesTheDescriptorOfCreate) {

@@ -86,7 +86,7 @@ class ShmEventPipeWrap : public RingTest {
     }
 };
 
-// The bytes of the page behind the end of the file belong to the same mapping, so a step over the
+// The bytes of the page after the end of the file belong to the same mapping, so a step over the
 // end of a small ring shows there.
 void MarkOutside(ShmEventPipe& pipe) {
     std::memset(pipe.m_pDataEnd, kOutside, kPage - 8 - pipe.m_uSize);
@@ -110,7 +110,7 @@ TEST_F(ShmEventPipeWrap, SingleFormMatchesTheModelFromEveryPairOfIndexes) {
                     const ShmPipeResult expected = model.Write(message);
                     ASSERT_EQ(expected, Write(writer, message))
                         << ring << ' ' << read << ' ' << write << ' ' << length;
-                    ASSERT_EQ(raw.Bytes(), model.file)
+                    ASSERT_EQ(model.file, raw.Bytes())
                         << ring << ' ' << read << ' ' << write << ' ' << length;
                 }
             }
@@ -134,7 +134,7 @@ TEST_F(ShmEventPipeWrap, GatherFormMatchesTheModelForEveryCutOfEveryMessage) {
                     const ShmPipeResult expected = model.Write(message);
                     ASSERT_EQ(expected, writer.write(pieces, 4))
                         << ring << ' ' << start << ' ' << length << ' ' << cut;
-                    ASSERT_EQ(raw.Bytes(), model.file)
+                    ASSERT_EQ(model.file, raw.Bytes())
                         << ring << ' ' << start << ' ' << length << ' ' << cut;
                 }
             }
@@ -154,7 +154,7 @@ TEST_F(ShmEventPipeWrap, ReadDeliversEveryMessageFromEveryOffset) {
                     << ring << ' ' << start << ' ' << length;
                 model.PutWord(8 + start, 0);
                 model.PutWord(0, model.Word(4));
-                ASSERT_EQ(raw.Bytes(), model.file) << ring << ' ' << start << ' ' << length;
+                ASSERT_EQ(model.file, raw.Bytes()) << ring << ' ' << start << ' ' << length;
                 ASSERT_EQ(READ_EMPTY, Read(reader).status);
             }
         }
@@ -171,7 +171,7 @@ TEST_F(ShmEventPipeWrap, TooSmallABufferPassesOverTheMessageFromEveryOffset) {
                 ASSERT_EQ(READ_BUFFER_TOO_SMALL, Read(reader, length - 1).status);
                 model.PutWord(8 + start, 0);
                 model.PutWord(0, model.Word(4));
-                ASSERT_EQ(raw.Bytes(), model.file) << ring << ' ' << start << ' ' << length;
+                ASSERT_EQ(model.file, raw.Bytes()) << ring << ' ' << start << ' ' << length;
             }
         }
     });
@@ -209,11 +209,11 @@ TEST_F(ShmEventPipeWrap, AnIndexThatIsNoneIsRoundedUpAndWrapped) {
             Lay(writer, At(ring, meant, meant));
             raw.Poke(4, poked);
             ASSERT_EQ(PIPE_OK, Write(writer, message)) << ring << ' ' << poked;
-            ASSERT_EQ(raw.Bytes(), model.file) << ring << ' ' << poked;
+            ASSERT_EQ(model.file, raw.Bytes()) << ring << ' ' << poked;
 
             raw.Poke(0, poked);
             ASSERT_EQ((Outcome{PIPE_OK, READ_OK, message}), Read(reader)) << ring << ' ' << poked;
-            ASSERT_EQ(raw.Word(0), raw.Word(4));
+            ASSERT_EQ(raw.Word(4), raw.Word(0));
         }
     });
 }
@@ -226,8 +226,8 @@ TEST_F(ShmEventPipeWrap, AnyReadIndexOnlyDecidesWhetherThereIsRoom) {
                     RingModel model = At(ring, read, write);
                     Lay(writer, model);
                     const Bytes message = Counting(length);
-                    ASSERT_EQ(Write(writer, message), model.Write(message));
-                    ASSERT_EQ(raw.Bytes(), model.file);
+                    ASSERT_EQ(model.Write(message), Write(writer, message));
+                    ASSERT_EQ(model.file, raw.Bytes());
                 }
             }
         }
