@@ -14,7 +14,7 @@ _tarnctl() {
 
     COMPREPLY=()
     case $previous in
-        --channel | --count | --timeout | --loop | --wait | --linktype | --ring | --drop | --fail-first | --never) return ;;
+        --channel | --count | --timeout | --loop | --wait | --linktype | --ring | --drop | --fail-first | --never | --max-rules) return ;;
         --dir)
             compopt -o filenames
             mapfile -t COMPREPLY < <(compgen -d -- "$current")
@@ -64,7 +64,7 @@ _tarnctl() {
             ;;
         secmgr)
             mapfile -t COMPREPLY < <(
-                compgen -W '--json --count --timeout --answer --fail-first --nft --flush --never --never-file --help' \
+                compgen -W '--json --count --timeout --answer --fail-first --nft --flush --never --never-file --max-rules --help' \
                     -- "$current"
             )
             ;;

@@ -13,20 +13,6 @@ using vald::Log;
 
 namespace {
 
-std::string_view SeverityWord(uint32_t severity) {
-    switch (severity) {
-        case kSeverityLow:
-            return "low";
-        case kSeverityMedium:
-            return "medium";
-        case kSeverityHigh:
-            return "high";
-        default:
-            Log::GetInstance()->Write(Log::kWarning, "Unknown event severity, send as low.");
-            return "low";
-    }
-}
-
 // The wire counts in 32 bits, and so does the ring.
 uint32_t WireLength(size_t length) {
     return static_cast<uint32_t>(length);
@@ -38,6 +24,9 @@ CrmEventMessage::CrmEventMessage(const CrmEventSource& source)
     : m_arena(m_room.data(), m_room.size()), m_pieces(&m_arena), m_userData(&m_arena) {
     // One reservation each, so that the arena is not spent on growing.
     m_pieces.reserve(kFixedPieces + 2 * source.m_nameValues.size());
+    if (!IsSeverity(source.m_severity)) {
+        Log::GetInstance()->Write(Log::kWarning, "Unknown event severity, send as low.");
+    }
     const std::string_view severity = SeverityWord(source.m_severity);
     m_userData.reserve(source.m_eventName.size() + severity.size() + 2);
     m_userData.append(",").append(source.m_eventName).append(":").append(severity);
@@ -49,6 +38,21 @@ CrmEventMessage::CrmEventMessage(const CrmEventSource& source)
     m_end.chunkType = kChunkEnd;
     m_end.chunkLength = sizeof(m_end);
     Add(&m_end, sizeof(m_end));
+}
+
+bool CrmEventMessage::IsSeverity(uint32_t severity) {
+    return severity == kSeverityLow || severity == kSeverityMedium || severity == kSeverityHigh;
+}
+
+std::string_view CrmEventMessage::SeverityWord(uint32_t severity) {
+    switch (severity) {
+        case kSeverityMedium:
+            return "medium";
+        case kSeverityHigh:
+            return "high";
+        default:
+            return "low";
+    }
 }
 
 void CrmEventMessage::AddReport(const CrmEventSource& source) {

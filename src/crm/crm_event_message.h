@@ -6,7 +6,8 @@
 // nothing is copied before the ring's own copy, and nothing is allocated as long as the event has
 // at most kUsualPairs pairs and its user data at most kUsualUserData bytes.
 //
-// Owner: CrmEventSource::Dispatch. The event source must outlive it and stay as it is meanwhile.
+// Owner: CrmEventSource::Dispatch. The event source must outlive it and must not change while it
+// lives.
 //
 // Threads: those of the event source.
 
@@ -14,8 +15,10 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <memory_resource>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "crm/event_report_format.h"
@@ -31,18 +34,22 @@ class CrmEventMessage {
     [[nodiscard]] const iovec* Pieces() const { return m_pieces.data(); }
     [[nodiscard]] int PieceCount() const { return static_cast<int>(m_pieces.size()); }
 
-    // The event's name, a colon and the severity's word, behind a comma that stays off the wire.
+    // A comma, the event's name, a colon and the severity's word. The wire goes without the comma.
     [[nodiscard]] const char* UserData() const { return m_userData.c_str(); }
     // Both are empty: this sensor has nothing to say there, and the CRM expects the strings.
     [[nodiscard]] static const char* NameValues() { return ""; }
     [[nodiscard]] static const char* SensorName() { return ""; }
 
+    // True for a severity that has a word of its own; the others are sent as low.
+    [[nodiscard]] static bool IsSeverity(uint32_t severity);
+    [[nodiscard]] static std::string_view SeverityWord(uint32_t severity);
+
   private:
-    static constexpr size_t kFixedPieces = 11;  // all but the pairs, the packet included
+    static constexpr size_t kFixedPieces = 11;  // without the pairs, with the packet
     static constexpr size_t kUsualPairs = 8;
     static constexpr size_t kUsualUserData = 512;  // bytes, the NUL counted
 
-    // A text whose NUL stands behind its last byte; zero bytes inside it are part of it.
+    // A text that is followed by a NUL; zero bytes inside it are part of it.
     struct TerminatedText {
         template <class String>
         TerminatedText(const String& text) : data(text.c_str()), length(text.size()) {}

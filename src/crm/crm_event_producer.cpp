@@ -66,7 +66,7 @@ int CrmEventProducer::Open(int32_t channelId) {
             return 0;
         }
         Log::GetInstance()->Write(
-            5, "CRM communication channel has already opened with another channel ID.");
+            Log::kDebug, "CRM communication channel has already opened with another channel ID.");
         return kNotOpen;
     }
     m_queue = std::make_unique<EventQueue>(kQueueName, channelId, 1);
@@ -92,7 +92,8 @@ int CrmEventProducer::SendEvent(CrmEventSource* source) {
 int CrmEventProducer::Send(const iovec* pieces, int32_t count, uint32_t ring) {
     if (m_queue == nullptr) {
         Log::GetInstance()->Write(
-            1, "Attempt to send event to CRM but communication channel has not be opened.");
+            Log::kError,
+            "Attempt to send event to CRM but communication channel has not be opened.");
         return kNotOpen;
     }
     auto& rings = m_queue->m_pairs.front()->m_aPipes;

@@ -1,9 +1,10 @@
 #pragma once
 
-// CrmEventProducer: the daemon's end of the CRM event queue, counted, one a process.
+// CrmEventProducer: the daemon's end of the CRM event queue, one reference-counted instance per
+// process.
 //
 // It is closed until Open, and open until Close or the last Release. A message goes into a ring of
-// the queue's first pair, and the queue's semaphore is posted behind it.
+// the queue's first pair, and then the queue's semaphore is posted.
 //
 // Owner: its holders, by reference count. EventBridge is the one holder in the daemon.
 //

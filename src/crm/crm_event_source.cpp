@@ -296,8 +296,8 @@ void CrmEventSource::LogReport(const CrmEventMessage& message) const {
     log.Write(Log::kDebug,
               "Dispatching CRM event - eventReport.nameValues (leading comma excluded): %s",
               CrmEventMessage::NameValues());
-    // Deliberate: both texts stand here as they came, a comma in front included, whatever the label
-    // says; only the wire goes without it.
+    // Deliberate: both texts are shown with their leading comma, whatever the label says. Only the
+    // wire goes without it.
     log.Write(Log::kDebug, "Dispatching CRM event - eventReport.userResponse: %s",
               m_userResponse.c_str());
     log.Write(Log::kDebug,

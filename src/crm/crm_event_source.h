@@ -4,7 +4,7 @@
 // the name-value pairs that go with it.
 //
 // A U2AlertEvent makes it and fills in what the record says, EventBridge adds what the rule table
-// says, and Dispatch sends it. The message's bytes are told in crm/event_report_format.h.
+// says, and Dispatch sends it. crm/event_report_format.h describes the message's bytes.
 //
 // Owner: EventBridge::ProcessOneEvent, for the processing of one event. The packet's bytes belong
 // to the alert, which outlives the report, unless CopyPacket made a private copy.
@@ -43,7 +43,7 @@ class CrmEventSource {
     CrmEventSource& operator=(const CrmEventSource&) = delete;
     ~CrmEventSource() = default;
 
-    // The setters return 0, unless told otherwise.
+    // The setters return 0, except where a result is described.
 
     // 6 means IPv6, any other number IPv4.
     int SetIpVersion(int version);
@@ -104,6 +104,7 @@ class CrmEventSource {
     [[nodiscard]] const EventReport& GetReport() const { return m_report; }
     // Only GetHeldBytes() of the packet's bytes exist, however many it claims.
     [[nodiscard]] const PacketInfo& GetPacket() const { return m_packet; }
+    [[nodiscard]] const NameValues& GetNameValues() const { return m_nameValues; }
     [[nodiscard]] uint32_t GetHeldBytes() const { return m_heldBytes; }
 
     // Builds the message and sends it on ring 0: the result of CrmEventProducer::Send. Copies
@@ -123,7 +124,7 @@ class CrmEventSource {
     bool m_sendRaw = false;    // the packet goes into the message
     PacketInfo m_packet;       // what the packet logging interface gets
     uint32_t m_heldBytes = 0;  // bytes that exist at m_packet.pData, at most the length it claims
-    PacketChunk m_rawChunk;    // a second copy of the packet's fields, as it stands on the wire
+    PacketChunk m_rawChunk;    // the same fields in the form of the wire
     std::unique_ptr<uint8_t[]> m_ownedPacket;
     NameValues m_nameValues;
 };

@@ -1,7 +1,7 @@
 #pragma once
 
 // A text message to the CRM, as one datagram on its message socket: this header, then the text.
-// docs/formats/crm_message.md tells the whole of it. All words are in host byte order.
+// docs/formats/crm_message.md describes it in full. All words are in host byte order.
 //
 // Threads: no state; anyone may include it.
 
@@ -15,7 +15,7 @@ inline constexpr uint16_t kMessageType = 1237;
 
 enum class MessageKind : uint32_t { Error = 0, Information = 1 };
 
-// A text goes out with the byte behind its last counted one, so 512 counted bytes make 513.
+// At most 512 bytes of a text are counted. The byte after them, usually the NUL, is sent too.
 inline constexpr std::size_t kTextLimit = 512;
 inline constexpr std::size_t kTextBytes = kTextLimit + 1;
 

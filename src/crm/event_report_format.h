@@ -1,6 +1,6 @@
 #pragma once
 
-// The message that tells the CRM of one event: four chunks, one after the other without padding.
+// The message that reports one event to the CRM: four chunks, one after the other without padding.
 //
 //   type 1     ReportChunkHeader, EventReport, four NUL-terminated strings
 //   type 2     PacketChunk and the packet's bytes; only in a report that carries its packet
@@ -89,7 +89,7 @@ struct ChunkHeader {
     uint32_t chunkLength = 0;
 };
 
-// The head of the first chunk. Each offset counts from the start of the EventReport behind it, so
+// The head of the first chunk. Each offset counts from the start of the EventReport after it, so
 // the first of them is always 256.
 struct ReportChunkHeader {
     uint32_t chunkType = kChunkReport;

@@ -1,6 +1,5 @@
 #include "crm/msg_comm.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -33,14 +32,12 @@ int MsgComm::Open() {
             Log::kInfo, "MsgComm attempts to open message channel but it has been opened already.");
         return 0;
     }
-    m_fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (m_fd < 0) {
         const int error = errno;
         Log::GetInstance()->Write(Log::kError, "socket() call failed: %s", std::strerror(error));
         return -1;
     }
-    const int flags = fcntl(m_fd, F_GETFD);
-    (void)fcntl(m_fd, F_SETFD, flags | FD_CLOEXEC);  // a child would merely inherit the socket
     m_address = {};
     m_address.sun_family = AF_UNIX;
     std::snprintf(m_address.sun_path, sizeof(m_address.sun_path), "%s", m_socketPath.c_str());
@@ -86,7 +83,7 @@ int MsgComm::SendInfoMessage(const char* text) {
     return SendMessage(tarn::crm::MessageKind::Information, text);
 }
 
-// Deliberate: a text of more than 512 bytes is cut behind its 513th byte, with no NUL at the end.
+// Deliberate: a text of more than 512 bytes is cut after its 513th byte, with no NUL at the end.
 // The CRM goes by the length word.
 int MsgComm::SendMessage(tarn::crm::MessageKind kind, const char* text) {
     const std::size_t textBytes = strnlen(text, tarn::crm::kTextLimit) + 1;

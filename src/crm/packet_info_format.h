@@ -7,7 +7,7 @@
 //
 // Owner: whoever fills it. `pData` is borrowed and must outlive every use of the record.
 //
-// Threads: a plain value; copies are independent but for what `pData` points at.
+// Threads: a plain value; copies are independent, except for what `pData` points at.
 //
 // | Offset | Width | Field          |
 // |-------:|------:|----------------|

@@ -22,8 +22,9 @@ int32_t NextSlot(int32_t index) {
 
 }  // namespace
 
-// The consumer's position while it drains. It goes back to the bridge on every way out, that of a
-// cancelled thread included, so that Finalize finds the queued events from there on.
+// The consumer's position in the ring while it takes events out. It is written back to the bridge
+// on every way out, also when the thread is cancelled, so that the next consumer goes on from
+// there.
 class EventBridge::Consumer {
   public:
     explicit Consumer(EventBridge& bridge) : m_bridge(bridge), m_index(bridge.m_head) {}
@@ -108,7 +109,7 @@ int EventBridge::Initialize() {
     }
     if (m_packetLog == nullptr) {
         log.Write(
-            1,
+            Log::kError,
             "Packet engine cannot get instance  of Packet Logging Daemon Interface.  Packet Logging will be disabled.");
     }
 
@@ -120,7 +121,7 @@ void EventBridge::Finalize() {
     if (!m_initialized) {
         return;
     }
-    // First of all, so that queued events are dropped and not sent.
+    // This comes first, so that queued events are dropped and not sent.
     m_producer->Release();
     m_producer = nullptr;
 
@@ -129,7 +130,8 @@ void EventBridge::Finalize() {
         Log::GetInstance()->Write(Log::kInfo,
                                   "EventBridge drops %d queued events during finalizing.", queued);
     }
-    // Every slot, since an event that a stray wake-up has left behind is no longer counted.
+    // All slots are looked at, not only the counted ones: a wake-up without an event has skipped a
+    // slot and lowered the count, so the ring may hold an event that is no longer counted.
     for (int32_t slots = 0; slots < kRingSize; ++slots) {
         auto& slot = m_queue[static_cast<size_t>(m_head)];
         delete slot.exchange(nullptr, std::memory_order_acquire);
@@ -191,7 +193,8 @@ int EventBridge::EnqueueEvent(U2AlertEvent* event) {
         log.Write(Log::kWarning, "Ignoring NULL event from enqueuing.");
         return 1;
     }
-    // Acquire: pairs with the release in Consumer::Advance. The count can only fall meanwhile.
+    // Acquire: pairs with the release in Consumer::Advance. Until this call
+    // raises the count, it can only fall.
     if (m_count.load(std::memory_order_acquire) == kRingSize) {
         log.Write(Log::kWarning, "EventBridge event queue is full.");
         return 2;
@@ -225,11 +228,12 @@ int EventBridge::ProcessEventQueue(int32_t maximum, uint32_t seconds) {
             if (!WaitForEvent(seconds)) {
                 break;
             }
-            // Out of its slot before it is worked off: a cancel inside deletes it once.
+            // The event leaves its slot before it is processed, so that a cancel in the middle of
+            // the processing deletes it once.
             std::unique_ptr<U2AlertEvent> event = consumer.Take();
             if (event == nullptr) {
                 log.Write(
-                    1,
+                    Log::kError,
                     "NULL event extracted from EventBridge event queue. Something wrong happened.");
             } else if (ProcessOneEvent(event.get()) == 0) {
                 ++processed;
@@ -253,7 +257,8 @@ bool EventBridge::WaitForEvent(uint32_t seconds) {
         return true;
     }
     const timespec deadline = DeadlineFromNow(uint64_t{seconds} * 1000);
-    // The one place where a cancel may land; the wait takes the mutex again before it unwinds.
+    // This is the one place where a cancel takes effect. A cancelled wait takes the mutex again
+    // before the thread unwinds, and the guard then releases it.
     const CancellationOn window;
     // Deliberate: a wake-up counts as an event without another look at the count. One that comes
     // with nothing in the ring is reported by the caller and takes one off the count.

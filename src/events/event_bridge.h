@@ -1,8 +1,8 @@
 #pragma once
 
-// EventBridge: stands between the Snort readers and everything that acts on an event.
+// EventBridge: takes alerts from the Snort readers and has each of them processed.
 //
-// A reader hands it a finished alert. In single thread mode the bridge works it off on the caller's
+// A reader hands it a finished alert. In single thread mode the bridge processes it on the caller's
 // thread; in multiple thread mode it puts it in a fixed ring that EventThread drains. What is done
 // with one event is in event_policy.cpp.
 //
@@ -14,7 +14,7 @@
 // over by the count, which changes under m_mutex only. The lock is never held while an event is
 // processed. Initialize, Finalize and the last Release run while the consumer does not. A consumer
 // whose owner has switched cancellation off can be cancelled while it waits for an event; it then
-// leaves the lock free and the ring as it stands.
+// leaves the lock free and the queued events in the ring.
 
 #include <pthread.h>
 
@@ -57,7 +57,7 @@ class EventBridge {
     // other result, which is that of SendEvent or EnqueueEvent or -1, it stays the caller's.
     [[nodiscard]] int ProcessEvent(U2AlertEvent* event);
 
-    // Works the event off on this thread. 0 done and deleted; -1 not initialised or no event; -2
+    // Processes the event on this thread. 0 done and deleted; -1 not initialised or no event; -2
     // the event could not be processed. With other results than 0 it stays the caller's.
     [[nodiscard]] int SendEvent(U2AlertEvent* event);
 
@@ -65,8 +65,8 @@ class EventBridge {
     // not in multiple thread mode. With other results than 0 it stays the caller's.
     [[nodiscard]] int EnqueueEvent(U2AlertEvent* event);
 
-    // Works off events from the ring, at most `maximum` of them, or without limit when that is
-    // negative, and leaves once nothing came for `seconds`. The number of events that were
+    // Processes events from the ring, at most `maximum` of them, or without limit when that is
+    // negative, and returns once nothing came for `seconds`. The number of events that were
     // processed without error, or -1 when not initialised or not in multiple thread mode.
     [[nodiscard]] int ProcessEventQueue(int32_t maximum, uint32_t seconds);
 

@@ -23,6 +23,7 @@ import time
 import unittest
 from pathlib import Path
 
+SANDBOX = Path(__file__).resolve().parents[3] / "scripts" / "sandbox"
 SOCKET = "/var/tmp/.secmgrsock"
 NFT, IP = "/usr/sbin/nft", "/usr/sbin/ip"
 ADDED, REFUSED = struct.pack("=II", 15, 0), struct.pack("=II", 3, 0)
@@ -135,6 +136,14 @@ class Manager:
         body = struct.pack("=II", 1, 1) + text + b"\0"
         self._client.sendall(struct.pack("=II", 11, len(body)) + body)
         return self._client.recv(8, socket.MSG_WAITALL)
+
+    def worker(self):
+        """The process that changes the table."""
+        children = Path(f"/proc/{self._process.pid}/task/{self._process.pid}/children")
+        return int(children.read_text(encoding="ascii").split()[0])
+
+    def hang_up(self):
+        self._process.send_signal(signal.SIGHUP)
 
     def stop(self):
         """The exit status and what it said of each rule."""
@@ -354,6 +363,168 @@ class NftQuarantine(unittest.TestCase):
         self.assertIn("names no address", output)
         self.assertIn("its end has come already", output)
         self.assertIn("10 rules, 1 accepted", manager.errors())
+
+    def test_what_hosts_need_to_reach_each_other_is_refused(self):
+        manager = self.manager("--never", IN)
+        for intruder in ("0.0.0.0", "0.1.2.3", "127.9.9.9", "169.254.7.7", "224.0.0.251",
+                         "255.255.255.255", "10.9.1.255", "10.9.2.255"):
+            self.assertEqual(REFUSED, manager.ask(f"ip intruder addr {intruder}"), intruder)
+            self.assertEqual(REFUSED, manager.ask(f"ip victim addr {intruder}"), intruder)
+        for intruder in ("::", "fe80::1", "ff02::1", "ff02::1:ff00:1", "ff02::1:ff00:2",
+                         "::ffff:10.9.2.2", "64:ff9b::a09:202", "2002:a09:202::1"):
+            for more in ("", " icmpv6", " icmpv6 type 135", " udp src port 0 dst port 0"):
+                for who in ("intruder", "victim"):
+                    self.assertEqual(REFUSED, manager.ask(f"ipv6 {who} addr {intruder}{more}"))
+        for kind in range(133, 138):
+            self.assertEqual(REFUSED, manager.ask(f"ipv6 intruder addr {OUT6} icmpv6 type {kind}"))
+        self.assertNotIn("set ", run(NFT, "list table inet tarn"))
+        self.assertEqual([True, True], self.forwarded())
+
+    def test_neighbours_find_each_other_whatever_is_asked_for(self):
+        manager = self.manager()
+        for victim in ("ff02::1:ff00:1", "ff02::1:ff00:2", "ff02::1:ff00:3", "ff02::1"):
+            self.assertEqual(REFUSED, manager.ask(f"ipv6 victim addr {victim} icmpv6"))
+        for kind in (135, 136):
+            for who in ("intruder", "victim"):
+                for address in (OUT6, IN6):
+                    manager.ask(f"ipv6 {who} addr {address} icmpv6 type {kind}")
+        # Every host asks for its neighbours' link addresses anew.
+        for side in (self.network.outside, self.network.inside):
+            side.ip("-6", "neighbour", "flush", "dev", "eth")
+        for name in ("out", "in"):
+            run(IP, "-6", "neighbour", "flush", "dev", name)
+        self.assertEqual([True, True], self.forwarded((OUT6, OUT6_TOO), IN6))
+
+    def test_broadcast_and_multicast_still_arrive(self):
+        manager = self.manager()
+        self.assertEqual(REFUSED, manager.ask("ip victim addr 10.9.1.255"))
+        self.assertEqual(REFUSED, manager.ask("ip victim addr 255.255.255.255"))
+        self.assertEqual(REFUSED, manager.ask("ip victim addr 224.0.0.251"))
+        for target in ("10.9.1.255", "255.255.255.255", "224.0.0.251"):
+            receiver = self.socket_in(None, socket.SOCK_DGRAM, "0.0.0.0", PORT)
+            group = struct.pack("4s4s", socket.inet_aton("224.0.0.251"), socket.inet_aton(SENSOR))
+            receiver.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, group)
+            sender = self.socket_in(self.network.outside, socket.SOCK_DGRAM, OUT)
+            sender.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+            sender.sendto(target.encode(), (target, PORT))
+            self.assertEqual(target.encode(), receiver.recv(100))
+            receiver.close()
+
+    def test_another_form_of_a_protected_address_is_not_cut_off(self):
+        forms = ("64:ff9b::a09:202", "2002:a09:202::1")
+        for form in forms:
+            self.network.inside.ip("address", "add", f"{form}/128", "dev", "eth", "nodad")
+            run(IP, "-6", "route", "replace", f"{form}/128", "via", IN6)
+        manager = self.manager("--never", IN)
+        for form in forms:
+            self.assertEqual(REFUSED, manager.ask(f"ipv6 victim addr {form}"))
+            receiver = self.socket_in(self.network.inside, socket.SOCK_DGRAM, form, PORT)
+            sender = self.socket_in(self.network.outside, socket.SOCK_DGRAM, OUT6)
+            sender.sendto(b"passes", (form, PORT))
+            self.assertEqual(b"passes", receiver.recv(100))
+
+    # --- what others do meanwhile -----------------------------------------------------------------
+
+    def test_a_rule_holds_again_after_the_ruleset_was_flushed(self):
+        manager = self.manager()
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}"))
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT_TOO}"))
+        run(NFT, "flush ruleset; add table inet filter; add chain inet filter theirs; "
+                 "add rule inet filter theirs ip saddr 192.0.2.1 accept")
+        self.assertEqual([True, True], self.forwarded())
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}"))
+        self.assertEqual([False, True], self.forwarded())
+        self.assertEqual(2, manager.errors().count("somebody else has removed the table"))
+        manager.stop()
+        self.assertIn("secmgr: 1 rule in force", manager.errors())
+
+    def test_a_rule_holds_again_after_the_table_was_emptied_or_deleted(self):
+        manager = self.manager()
+        for harm in ("flush table inet tarn", "delete table inet tarn",
+                     "flush chain inet tarn prerouting", "flush set inet tarn ip_saddr",
+                     "add table inet tarn { flags dormant; }",
+                     "delete element inet tarn ip_saddr { 10.9.1.2 }",
+                     "delete table inet tarn; add table inet tarn"):
+            self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}"))
+            self.assertEqual([False, True], self.forwarded(), harm)
+            run(NFT, harm)
+            self.assertEqual([True, True], self.forwarded(), harm)
+            self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}"))
+            self.assertEqual([False, True], self.forwarded(), harm)
+
+    def test_only_what_the_kernel_has_is_shown(self):
+        manager = self.manager()
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}"))
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT_TOO} proto 47 counter 5b"))
+        self.assertEqual(ADDED, manager.ask(f"ipv6 victim addr {IN6} icmpv6 type 128 code 0"))
+        run(NFT, f"delete element inet tarn ip_saddr {{ {OUT} }}")
+        manager.stop()
+        self.assertIn("secmgr: 2 rules in force", manager.errors())
+        self.assertIn(f"(somebody else has removed it): SID 1  ip intruder addr {OUT} ",
+                      manager.errors())
+
+    def test_a_kernel_that_does_not_answer_makes_a_refusal(self):
+        manager = self.manager()
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}"))
+        os.kill(manager.worker(), signal.SIGSTOP)
+        start = time.monotonic()
+        self.assertEqual(REFUSED, manager.ask(f"ip intruder addr {OUT_TOO}"))
+        self.assertLess(time.monotonic() - start, 3.0, "the daemon waits for five seconds")
+        self.assertEqual([False, True], self.forwarded())
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT_TOO}"))
+        self.assertEqual([False, False], self.forwarded())
+
+    def test_an_address_that_becomes_the_hosts_own_is_reachable_again(self):
+        mine, mine6 = "10.9.1.77", "2001:db8:1::77"
+        manager = self.manager()
+        self.assertEqual(ADDED, manager.ask(f"ip victim addr {mine}"))
+        self.assertEqual(ADDED, manager.ask(f"ipv6 victim addr {mine6}"))
+        run(IP, "address", "add", f"{mine}/24", "dev", "out")
+        self.addCleanup(run, IP, "address", "delete", f"{mine}/24", "dev", "out")
+        run(IP, "address", "add", f"{mine6}/64", "dev", "out", "nodad")
+        self.addCleanup(run, IP, "address", "delete", f"{mine6}/64", "dev", "out")
+        wait_for(lambda: manager.errors().count("no longer in force") == 2, "the rules to end")
+        for address, source in ((mine, OUT), (mine6, OUT6)):
+            receiver = self.socket_in(None, socket.SOCK_DGRAM, address, PORT)
+            sender = self.socket_in(self.network.outside, socket.SOCK_DGRAM, source)
+            sender.sendto(b"arrives", (address, PORT))
+            self.assertEqual(b"arrives", receiver.recv(100))
+            word = "ipv6" if ":" in address else "ip"
+            self.assertEqual(REFUSED, manager.ask(f"{word} victim addr {address}"))
+
+    def test_a_hangup_reads_the_lists_again(self):
+        never = Path("/var/tmp/never")
+        never.write_text("", encoding="utf-8")
+        manager = self.manager("--never-file", str(never))
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}"))
+        self.assertEqual([False, True], self.forwarded())
+        never.write_text(f"{OUT}\n", encoding="utf-8")
+        manager.hang_up()
+        wait_for(lambda: "the lists were read again" in manager.errors(), "the lists")
+        self.assertEqual([True, True], self.forwarded())
+        self.assertEqual(REFUSED, manager.ask(f"ip intruder addr {OUT}"))
+        never.write_text("nonsense\n", encoding="utf-8")
+        manager.hang_up()
+        wait_for(lambda: "the lists stay as they were" in manager.errors(), "the refusal")
+        self.assertEqual(REFUSED, manager.ask(f"ip intruder addr {OUT}"))
+        self.assertEqual(0, manager.stop()[0])
+
+    def test_a_sandbox_leaves_the_tables_of_the_machine_alone(self):
+        command = [os.environ["TARNCTL_BINARY"], "secmgr", "--nft", "--timeout", "0.1"]
+        for words, status in ((command, 1), (["--net", *command], 0),
+                              (["unshare", "--net", *command], 0)):
+            result = subprocess.run([SANDBOX, *words], check=False, capture_output=True, text=True)
+            self.assertEqual(status, result.returncode, result.stderr)
+            self.assertEqual(status, result.stderr.count("call scripts/sandbox with --net"))
+            self.assertNotIn("inet tarn", run(NFT, "list tables"))
+
+    def test_a_limit_of_rules_is_kept(self):
+        manager = self.manager("--max-rules", "2")
+        self.assertEqual(ADDED, manager.ask(f"ip intruder addr {OUT}"))
+        self.assertEqual(ADDED, manager.ask("ip intruder addr 192.0.2.9"))
+        self.assertEqual(REFUSED, manager.ask(f"ip intruder addr {OUT_TOO}"))
+        self.assertEqual([False, True], self.forwarded())
+        self.assertIn("the limit of 2 rules in force is reached (--max-rules)", manager.stop()[1])
 
     def test_a_second_manager_touches_nothing(self):
         manager = self.manager()

@@ -45,7 +45,7 @@ std::vector<std::string> Texts(const Bytes& bytes) {
     return texts;
 }
 
-// The chunks behind the report chunk, as their types.
+// The types of the chunks after the report chunk.
 std::vector<uint32_t> ChunkTypes(const Bytes& bytes) {
     std::vector<uint32_t> types;
     for (size_t at = 0; at < bytes.size(); at += WordAt(bytes, at + 4)) {
@@ -111,7 +111,8 @@ TEST(CrmEventMessage, OfTheUsualEventTakesNothingFromTheHeap) {
     std::pmr::memory_resource* const former = std::pmr::set_default_resource(&refusing);
     EXPECT_NO_THROW(CrmEventMessage{source});
     source.SetEventName(std::string(5000, 'n'));
-    EXPECT_THROW(CrmEventMessage{source}, std::bad_alloc) << "the heap stands behind the room";
+    EXPECT_THROW(CrmEventMessage{source}, std::bad_alloc)
+        << "what does not fit comes from the heap";
     std::pmr::set_default_resource(former);
 }
 

@@ -37,7 +37,7 @@ std::atomic<int> g_posts{0};
 
 }  // namespace
 
-// All channels of the machine share one semaphore, so its value tells nothing about this process.
+// All channels of the machine share one semaphore, so its value says nothing about this process.
 // This one counts the posts of this process on their way to the real one.
 extern "C" int sem_post(sem_t* semaphore) noexcept {
     using Post = int (*)(sem_t*);

@@ -6,6 +6,10 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
+
+#include "crm/crm_event_message.h"
+#include "unit/crm/report_samples.h"
 
 namespace {
 
@@ -42,7 +46,7 @@ TEST(CrmEventSourceIpVersion, IsSixForSixAndFourForAnythingElse) {
 
 TEST(CrmEventSourceSetters, StoreWhatTheyAreGivenAndReturnZero) {
     CrmEventSource source(4);
-    EXPECT_EQ(0, source.SetProtocol(17));
+    EXPECT_EQ(0, source.SetProtocol(IPPROTO_UDP));
     EXPECT_EQ(0, source.SetIcmp(8, 3));
     EXPECT_EQ(0, source.SetIssueId(4000000000u));
     EXPECT_EQ(0, source.SetVlanId(12));
@@ -51,7 +55,7 @@ TEST(CrmEventSourceSetters, StoreWhatTheyAreGivenAndReturnZero) {
     EXPECT_EQ(0, source.SetSeverity(3));
     EXPECT_EQ(0, source.SetBlockedStatus(5));
     EXPECT_EQ(0, source.SetUserResponse(0, "text"));
-    EXPECT_EQ(17, source.GetProtocol());
+    EXPECT_EQ(IPPROTO_UDP, source.GetProtocol());
     EXPECT_EQ(8, source.GetIcmpType());
     EXPECT_EQ(3, source.GetIcmpCode());
     EXPECT_EQ(4000000000u, source.GetIssueId());
@@ -214,6 +218,31 @@ TEST(CrmEventSourceCopy, OwnsNoPacketAndBorrowsThatOfTheOriginal) {
     copy.SetEventName("second");
     EXPECT_EQ("first", source.GetEventName());
     EXPECT_EQ(6, copy.GetIpVersion());
+}
+
+std::vector<uint8_t> MessageOf(const CrmEventSource& source) {
+    const CrmEventMessage message(source);
+    std::vector<uint8_t> bytes;
+    for (int i = 0; i < message.PieceCount(); ++i) {
+        const auto* const piece = static_cast<const uint8_t*>(message.Pieces()[i].iov_base);
+        bytes.insert(bytes.end(), piece, piece + message.Pieces()[i].iov_len);
+    }
+    return bytes;
+}
+
+// With packet, pairs, response, severity and blocked status.
+TEST(CrmEventSourceCopy, SendsTheSameBytesAsTheOriginal) {
+    const CrmEventSource source = samples::Ipv4();
+    const CrmEventSource copy(source);
+    EXPECT_EQ(MessageOf(source), MessageOf(copy));
+}
+
+TEST(CrmEventSourceCopy, HasItsOwnPairs) {
+    CrmEventSource source = samples::Ipv4();
+    const CrmEventSource copy(source);
+    source.ClearNameValues();
+    EXPECT_EQ(3u, copy.GetNameValues().size());
+    EXPECT_TRUE(source.GetNameValues().empty());
 }
 
 }  // namespace

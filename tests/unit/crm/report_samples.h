@@ -1,10 +1,11 @@
 #pragma once
 
-// The events whose messages stand in tests/golden/event_report_*.txt.
+// The events of tests/golden/event_report_*.txt.
 //
 // Threads: plain functions; each result is a value of its own.
 
 #include <arpa/inet.h>
+#include <netinet/in.h>
 
 #include <cstdint>
 
@@ -28,7 +29,7 @@ inline CrmEventSource Ipv4() {
     CrmEventSource source(4);
     source.SetIssueId(2019401);
     source.SetEventTime(1762956721);
-    source.SetProtocol(6);
+    source.SetProtocol(IPPROTO_TCP);
     source.SetSourceIp(inet_addr("10.1.2.3"));
     source.SetDestinationIp(inet_addr("192.168.1.20"));
     source.SetSourcePort(51234);
@@ -55,7 +56,7 @@ inline CrmEventSource Ipv6() {
     source.SetIssueId(3000000000u);
     source.SetEventTime(1762956800);
     source.SetIpVersion(6);
-    source.SetProtocol(58);
+    source.SetProtocol(IPPROTO_ICMPV6);
     source.SetSourceIpv6(kFrom);
     source.SetDestinationIpv6(kTo);
     source.SetIcmp(128, 1);

@@ -87,7 +87,7 @@ TEST_F(EventPolicy, EventWithoutAReportIsGivenUp) {
 TEST_F(EventPolicy, ReportThatFindsNoRoomIsLost) {
     {
         IndependentRing ring(m_channel.RingBase() + "-0");
-        // Word 0 is the read index: behind the write index by less than a report, the ring is full.
+        // Word 0 is the read index. A read index shortly after the write index means a full ring.
         ring.Poke(0, 64);
     }
     TestAlert event(kKnown);
@@ -143,7 +143,7 @@ TEST_F(EventPolicy, KeepsFaultingOnAnUnknownSignatureFromTheRing) {
     EXPECT_THAT(Reports(), IsEmpty());
 }
 
-// The address of the fault tells that it was the entry that was read.
+// The address of the fault shows that it was the entry that was read.
 void OnFault(int, siginfo_t* info, void*) {
     const bool nearNull = reinterpret_cast<uintptr_t>(info->si_addr) < 4096;
     _exit(nearNull ? 77 : 78);

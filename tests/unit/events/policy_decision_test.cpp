@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <limits>
 #include <list>
 #include <string>
@@ -68,11 +69,12 @@ TEST(DecideReport, NamesASignatureWithoutAnEntryByItsNumber) {
 
 TEST(DecideQuarantine, AsksForTheBitOfTheTraffic) {
     const std::list<BlockRule> rules(1);
-    for (const int protocol : {1, 58}) {
+    for (const int protocol : std::initializer_list<int>{IPPROTO_ICMP, IPPROTO_ICMPV6}) {
         EXPECT_EQ(QuarantineOutcome::Considered, DecideQuarantine(protocol, 0x08, rules));
         EXPECT_EQ(QuarantineOutcome::NoResponse, DecideQuarantine(protocol, 0xF7, rules));
     }
-    for (const int protocol : {6, 17, 0, 47}) {
+    for (const int protocol :
+         std::initializer_list<int>{IPPROTO_TCP, IPPROTO_UDP, 0, IPPROTO_GRE}) {
         EXPECT_EQ(QuarantineOutcome::Considered, DecideQuarantine(protocol, 0x04, rules));
         EXPECT_EQ(QuarantineOutcome::NoResponse, DecideQuarantine(protocol, 0xFB, rules));
     }
@@ -157,7 +159,8 @@ TEST(DecideBlock, AppliesWhereTheRuleFitsThoughItHasNoText) {
 
 TEST(DecideBlock, LogsNothing) {
     const LogCapture log(5);
-    for (const uint16_t protocol : std::initializer_list<uint16_t>{6, 1, 47}) {
+    for (const uint16_t protocol :
+         std::initializer_list<uint16_t>{IPPROTO_TCP, IPPROTO_ICMP, IPPROTO_GRE}) {
         for (const int version : {4, 6}) {
             for (uint32_t flags = 0; flags <= 0x1FF; ++flags) {
                 (void)Decide(Source(version, protocol), flags, 0);

@@ -94,7 +94,7 @@ class QuarantinePolicy : public EventBridgeFixture {
         ASSERT_TRUE(Config::s_eventTable.Commit());
     }
 
-    // Works off an event and yields the blocked status of its report.
+    // Processes an event and yields the blocked status of its report.
     uint32_t BlockedStatusOf(int version, uint16_t protocol) {
         EXPECT_EQ(0, m_bridge->ProcessEvent(new PolicyAlert(version, protocol)));
         const auto reports = Reports();
@@ -173,16 +173,16 @@ struct Kind {
     const char* piece;  // of the rule text; null where no text can be made
 };
 constexpr std::array<Kind, 10> kKinds = {{
-    {"TcpOverIpv4", 4, 6, false, " tcp"},
-    {"TcpOverIpv6", 6, 6, false, " tcp"},
-    {"UdpOverIpv4", 4, 17, false, " udp"},
-    {"UdpOverIpv6", 6, 17, false, " udp"},
-    {"IcmpOverIpv4", 4, 1, true, " icmp"},
-    {"IcmpOverIpv6", 6, 1, true, nullptr},
-    {"Icmpv6OverIpv4", 4, 58, true, nullptr},
-    {"Icmpv6OverIpv6", 6, 58, true, " icmpv6"},
-    {"GreOverIpv4", 4, 47, false, " proto 47"},
-    {"GreOverIpv6", 6, 47, false, " proto 47"},
+    {"TcpOverIpv4", 4, IPPROTO_TCP, false, " tcp"},
+    {"TcpOverIpv6", 6, IPPROTO_TCP, false, " tcp"},
+    {"UdpOverIpv4", 4, IPPROTO_UDP, false, " udp"},
+    {"UdpOverIpv6", 6, IPPROTO_UDP, false, " udp"},
+    {"IcmpOverIpv4", 4, IPPROTO_ICMP, true, " icmp"},
+    {"IcmpOverIpv6", 6, IPPROTO_ICMP, true, nullptr},
+    {"Icmpv6OverIpv4", 4, IPPROTO_ICMPV6, true, nullptr},
+    {"Icmpv6OverIpv6", 6, IPPROTO_ICMPV6, true, " icmpv6"},
+    {"GreOverIpv4", 4, IPPROTO_GRE, false, " proto 47"},
+    {"GreOverIpv6", 6, IPPROTO_GRE, false, " proto 47"},
 }};
 
 struct Expected {
@@ -246,7 +246,7 @@ Expected Expect(const Kind& kind, uint32_t bits, bool isConnected) {
     if (kind.isIcmp) {
         text += (bits & kIcmpType) != 0 ? " type 8" : "";
         text += (bits & kIcmpCode) != 0 ? " code 3" : "";
-    } else if (kind.protocol == 47) {
+    } else if (kind.protocol == IPPROTO_GRE) {
         lines.push_back("Unrecognized protocol number 47.");
     } else {
         text += (bits & kIntruderPort) != 0 ? " src port 1025" : " src port 0";
@@ -296,7 +296,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, QuarantineCombination, testing::ValuesIn(kKinds)
 // --- one event ----------------------------------------------------------------------------------
 
 TEST_F(QuarantinePolicy, SendsFlagsIssueAndText) {
-    const std::unique_ptr<CrmEventSource> source(MakeSource(4, 6));
+    const std::unique_ptr<CrmEventSource> source(MakeSource(4, IPPROTO_TCP));
     BlockRule rule;
     rule.flags = kIntruderAddress;
     rule.duration = 600;
@@ -314,8 +314,8 @@ TEST_F(QuarantinePolicy, SendsFlagsIssueAndText) {
 }
 
 TEST_F(QuarantinePolicy, EveryMessageHasItsLevel) {
-    const std::unique_ptr<CrmEventSource> tcp(MakeSource(4, 6));
-    const std::unique_ptr<CrmEventSource> icmp(MakeSource(6, 1));
+    const std::unique_ptr<CrmEventSource> tcp(MakeSource(4, IPPROTO_TCP));
+    const std::unique_ptr<CrmEventSource> icmp(MakeSource(6, IPPROTO_ICMP));
     Answer({3});
     BlockRule rule;
     const auto lines = LevelledMessages([&] {
@@ -352,7 +352,7 @@ TEST_F(QuarantinePolicy, EveryMessageHasItsLevel) {
 TEST_F(QuarantinePolicy, IntruderAddressWithoutADurationEndsAnHourAfterTheEvent) {
     Block("quarantine-traffic", {"quarantine-intruder-address"});
     const LogCapture log(3);
-    EXPECT_EQ(5u, BlockedStatusOf(4, 6));
+    EXPECT_EQ(5u, BlockedStatusOf(4, IPPROTO_TCP));
     EXPECT_THAT(Texts(), ElementsAre("ip intruder addr 10.0.0.1 tcp src port 0 dst port 0 expires "
                                      "2026-11-12T16:00:00Z"));
     EXPECT_THAT(log.Messages(),
@@ -362,14 +362,14 @@ TEST_F(QuarantinePolicy, IntruderAddressWithoutADurationEndsAnHourAfterTheEvent)
 TEST_F(QuarantinePolicy, NoResponseMeansNoTrafficAndNoBlockedStatus) {
     Block("none", {"quarantine-intruder-address"});
     const LogCapture log(3);
-    EXPECT_EQ(0u, BlockedStatusOf(4, 6));
+    EXPECT_EQ(0u, BlockedStatusOf(4, IPPROTO_TCP));
     EXPECT_THAT(Texts(), IsEmpty());
     EXPECT_THAT(log.Messages(), IsEmpty());
 }
 
 TEST_F(QuarantinePolicy, NoBlockRulesMeansNoTrafficAndNoBlockedStatus) {
     Block("quarantine-traffic, quarantine-icmp-traffic", {});
-    EXPECT_EQ(0u, BlockedStatusOf(4, 6));
+    EXPECT_EQ(0u, BlockedStatusOf(4, IPPROTO_TCP));
     EXPECT_THAT(Texts(), IsEmpty());
 }
 
@@ -395,7 +395,7 @@ TEST_F(QuarantinePolicy, ResponseCountsForItsOwnKindOfTraffic) {
 TEST_F(QuarantinePolicy, IcmpIsToldByTheProtocolWhateverTheVersion) {
     Block("quarantine-icmp-traffic", {"quarantine-intruder-address, duration: 60"});
     const LogCapture log(1);
-    EXPECT_EQ(0u, BlockedStatusOf(6, 1));
+    EXPECT_EQ(0u, BlockedStatusOf(6, IPPROTO_ICMP));
     EXPECT_THAT(log.Messages(), ElementsAre("Invalid IP version (6) and protocol (1) combination.",
                                             "Fail to construct quarantine rule string."));
 }
@@ -405,7 +405,7 @@ TEST_F(QuarantinePolicy, SecondRuleCountsWhereTheFirstFails) {
           {"quarantine-intruder-address, duration: 60", "quarantine-victim-address, duration: 60"});
     Answer({3, 15});
     const LogCapture log(2);
-    EXPECT_EQ(5u, BlockedStatusOf(4, 17));
+    EXPECT_EQ(5u, BlockedStatusOf(4, IPPROTO_UDP));
     const Lines texts = Texts();
     ASSERT_EQ(2u, texts.size());
     EXPECT_THAT(log.Messages(), ElementsAre("Failed to add quarantine rules: 3",
@@ -416,20 +416,20 @@ TEST_F(QuarantinePolicy, FirstRuleCountsWhereTheSecondFails) {
     Block("quarantine-traffic",
           {"quarantine-intruder-address, duration: 60", "quarantine-victim-address, duration: 60"});
     Answer({15, 3});
-    EXPECT_EQ(5u, BlockedStatusOf(4, 17));
+    EXPECT_EQ(5u, BlockedStatusOf(4, IPPROTO_UDP));
     EXPECT_EQ(2u, Texts().size()) << "each rule is tried";
 }
 
 TEST_F(QuarantinePolicy, NothingIsBlockedWhereEveryRuleIsRefused) {
     Block("quarantine-traffic", {"quarantine-intruder-address", "quarantine-victim-address"});
     Answer({3});
-    EXPECT_EQ(0u, BlockedStatusOf(4, 17));
+    EXPECT_EQ(0u, BlockedStatusOf(4, IPPROTO_UDP));
     EXPECT_EQ(2u, Texts().size());
 }
 
 TEST_F(QuarantinePolicy, NothingIsBlockedWhereNoRuleApplies) {
     Block("quarantine-traffic", {"quarantine-icmp-type"});
-    EXPECT_EQ(0u, BlockedStatusOf(4, 6));
+    EXPECT_EQ(0u, BlockedStatusOf(4, IPPROTO_TCP));
     EXPECT_THAT(Texts(), IsEmpty());
 }
 
@@ -437,7 +437,7 @@ TEST_F(QuarantinePolicy, ReportGoesOutThoughNoManagerIsThere) {
     EventBridgePeer::SetSecurityManager(*m_bridge, m_dir.File("nobody"), 1);
     Block("quarantine-traffic", {"quarantine-intruder-address, duration: 60"});
     const LogCapture log(1);
-    EXPECT_EQ(0u, BlockedStatusOf(4, 6));
+    EXPECT_EQ(0u, BlockedStatusOf(4, IPPROTO_TCP));
     EXPECT_THAT(log.Messages(),
                 ElementsAre("Unable to connect socket, reason: No such file or directory",
                             "DbtComm failed to open command channel.",
@@ -453,7 +453,7 @@ TEST_F(QuarantinePolicy, ConnectionStaysFromRuleToRule) {
     Block("quarantine-traffic",
           {"quarantine-intruder-address, duration: 60", "quarantine-victim-address, duration: 60"});
     const LogCapture log(5);
-    EXPECT_EQ(5u, BlockedStatusOf(4, 6));
+    EXPECT_EQ(5u, BlockedStatusOf(4, IPPROTO_TCP));
     const Lines lines = log.Messages();
     EXPECT_EQ(1, std::count(lines.begin(), lines.end(), "DbtComm opened command channel."));
 }
@@ -461,7 +461,7 @@ TEST_F(QuarantinePolicy, ConnectionStaysFromRuleToRule) {
 // --- oddities -----------------------------------------------------------------------------------
 
 TEST_F(QuarantinePolicy, KeepsShowingTheConfiguredFlagsOfAnInvalidRule) {
-    const std::unique_ptr<CrmEventSource> source(MakeSource(4, 6));
+    const std::unique_ptr<CrmEventSource> source(MakeSource(4, IPPROTO_TCP));
     BlockRule rule;
     rule.flags = kIntruderSubnet | kIcmpType;
     const LogCapture log(5);
@@ -471,7 +471,7 @@ TEST_F(QuarantinePolicy, KeepsShowingTheConfiguredFlagsOfAnInvalidRule) {
 }
 
 TEST_F(QuarantinePolicy, KeepsAPortRuleWithoutAnAddressValid) {
-    const std::unique_ptr<CrmEventSource> source(MakeSource(4, 6));
+    const std::unique_ptr<CrmEventSource> source(MakeSource(4, IPPROTO_TCP));
     BlockRule rule;
     rule.flags = kVictimPort;
     rule.duration = 60;
@@ -480,7 +480,7 @@ TEST_F(QuarantinePolicy, KeepsAPortRuleWithoutAnAddressValid) {
 }
 
 TEST_F(QuarantinePolicy, KeepsAFieldOfTheOtherFamilyFromSpoilingOneOfTheOwn) {
-    const std::unique_ptr<CrmEventSource> source(MakeSource(4, 6));
+    const std::unique_ptr<CrmEventSource> source(MakeSource(4, IPPROTO_TCP));
     BlockRule rule;
     rule.flags = kIntruderPort | kIcmpType;
     rule.duration = 60;
@@ -490,7 +490,7 @@ TEST_F(QuarantinePolicy, KeepsAFieldOfTheOtherFamilyFromSpoilingOneOfTheOwn) {
 }
 
 TEST_F(QuarantinePolicy, KeepsRefusingAnIcmpEventWithAPortRuleBesideItsAddress) {
-    const std::unique_ptr<CrmEventSource> source(MakeSource(4, 1));
+    const std::unique_ptr<CrmEventSource> source(MakeSource(4, IPPROTO_ICMP));
     BlockRule rule;
     rule.flags = kIntruderPort | kIntruderAddress;
     const LogCapture log(5);
@@ -501,7 +501,7 @@ TEST_F(QuarantinePolicy, KeepsRefusingAnIcmpEventWithAPortRuleBesideItsAddress) 
 }
 
 TEST_F(QuarantinePolicy, KeepsCountingTheEndFromTheTimeOfTheEvent) {
-    const std::unique_ptr<CrmEventSource> source(MakeSource(4, 6));
+    const std::unique_ptr<CrmEventSource> source(MakeSource(4, IPPROTO_TCP));
     source->SetEventTime(1);
     BlockRule rule;
     rule.flags = kIntruderAddress;

@@ -1,50 +1,29 @@
 #include "tarnctl/quarantine/never_list.h"
 
-#include <arpa/inet.h>
-#include <ifaddrs.h>
-#include <net/if.h>
+#include <netinet/icmp6.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <charconv>
 #include <fstream>
-#include <memory>
+#include <optional>
 
 #include "tarnctl/common/failure_text.h"
-#include "tarnctl/common/text_forms.h"
 
 namespace tarnctl {
 namespace {
 
-using AddressBytes = std::array<uint8_t, sizeof(in6_addr)>;
-
-// The family of an address, or AF_UNSPEC for a text that is none.
-int ParseAddress(const std::string& text, AddressBytes& bytes) {
-    bytes = {};
-    for (const int family : {AF_INET, AF_INET6}) {
-        if (inet_pton(family, text.c_str(), bytes.data()) == 1) {
-            return family;
-        }
-    }
-    return AF_UNSPEC;
-}
-
-unsigned BitsOf(int family) {
-    return family == AF_INET ? 32U : 128U;
-}
-
-bool BitAt(const AddressBytes& bytes, unsigned place) {
-    return (bytes[place / 8] >> (7U - place % 8) & 1U) != 0;
-}
-
-bool AgreeUpTo(unsigned prefix, const AddressBytes& one, const AddressBytes& other) {
-    for (unsigned place = 0; place < prefix; ++place) {
-        if (BitAt(one, place) != BitAt(other, place)) {
-            return false;
-        }
-    }
-    return true;
-}
+constexpr std::array kAlways = {
+    "0.0.0.0/8",        // this network
+    "127.0.0.0/8",      // loopback
+    "169.254.0.0/16",   // link-local
+    "224.0.0.0/4",      // multicast
+    "255.255.255.255",  // broadcast
+    "::",               // unspecified
+    "::1",              // loopback
+    "fe80::/10",        // link-local
+    "ff00::/8",         // multicast
+};
 
 std::string Trimmed(const std::string& line) {
     const std::string text = line.substr(0, line.find('#'));
@@ -54,34 +33,34 @@ std::string Trimmed(const std::string& line) {
                : text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
 }
 
+// By these messages neighbours and routers of a link find each other.
+bool IsNeighbourDiscovery(const QuarantineParts& parts) {
+    return parts.protocol == IPPROTO_ICMPV6 && parts.icmpType >= ND_ROUTER_SOLICIT &&
+           parts.icmpType <= ND_REDIRECT;
+}
+
 }  // namespace
 
+NeverList::NeverList() {
+    for (const char* const text : kAlways) {
+        (void)Add(text);  // all are well formed
+    }
+}
+
 std::string NeverList::Add(const std::string& text) {
-    const std::size_t slash = text.find('/');
-    Network network = {AF_UNSPEC, {}, 0, text};
-    network.family = ParseAddress(text.substr(0, slash), network.bytes);
-    if (network.family == AF_UNSPEC) {
-        return "\"" + ForTerminal(text) +
-               "\" is no address and no network; write it as 10.0.0.1 or 10.0.0.0/24";
+    if (m_texts.contains(text)) {
+        return "";
     }
-    const unsigned bits = BitsOf(network.family);
-    network.prefix = bits;
-    if (slash != std::string::npos) {
-        const char* const end = text.data() + text.size();
-        const auto [rest, error] = std::from_chars(text.data() + slash + 1, end, network.prefix);
-        if (error != std::errc() || rest != end || network.prefix > bits) {
-            return "\"" + ForTerminal(text) + "\" has no prefix length up to " +
-                   std::to_string(bits);
-        }
+    IpNetwork network;
+    std::string reason = ParseIpNetwork(text, network);
+    if (!reason.empty()) {
+        return reason;
     }
-    for (unsigned place = network.prefix; place < bits; ++place) {
-        if (BitAt(network.bytes, place)) {
-            return "\"" + text + "\" has bits behind its prefix; clear them or lengthen it";
-        }
-    }
-    const auto isSame = [&](const Network& known) { return known.text == text; };
-    if (std::none_of(m_networks.begin(), m_networks.end(), isSame)) {
-        m_networks.push_back(std::move(network));
+    m_texts.insert(text);
+    m_entries.push_back({network, text});
+    const std::optional<IpNetwork> embedded = EmbeddedIpv4(network);
+    if (embedded) {
+        m_entries.push_back({*embedded, text});
     }
     return "";
 }
@@ -100,44 +79,41 @@ std::string NeverList::AddFile(const std::string& path) {
             return reason.insert(0, path + ", line " + std::to_string(number) + ": ");
         }
     }
-    return file.bad() ? path + ": cannot be read; name a file with one address or network a line"
+    return file.bad() ? path + ": cannot be read; name a file with one address or network per line"
                       : "";
 }
 
-void NeverList::AddHostAddresses() {
-    (void)Add("127.0.0.0/8");  // both are well formed
-    (void)Add("::1");
-    ifaddrs* first = nullptr;
-    if (getifaddrs(&first) != 0) {
-        return;
+bool NeverList::AddAddresses(const std::vector<std::string>& addresses) {
+    const std::size_t before = m_entries.size();
+    for (const std::string& address : addresses) {
+        (void)Add(address);  // the system's addresses are well formed
     }
-    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(first, &freeifaddrs);
-    for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
-        if (entry->ifa_addr == nullptr) {
-            continue;
-        }
-        const int family = entry->ifa_addr->sa_family;
-        const void* address = nullptr;
-        if (family == AF_INET) {
-            address = &reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr;
-        } else if (family == AF_INET6) {
-            address = &reinterpret_cast<const sockaddr_in6*>(entry->ifa_addr)->sin6_addr;
-        } else {
-            continue;
-        }
-        std::array<char, INET6_ADDRSTRLEN> text = {};
-        if (inet_ntop(family, address, text.data(), text.size()) != nullptr) {
-            (void)Add(text.data());  // inet_ntop writes what Add reads
-        }
-    }
+    return m_entries.size() != before;
 }
 
 std::string NeverList::Covering(const std::string& address) const {
-    AddressBytes bytes = {};
-    const int family = ParseAddress(address, bytes);
-    for (const Network& network : m_networks) {
-        if (network.family == family && AgreeUpTo(network.prefix, network.bytes, bytes)) {
-            return network.text;
+    const std::optional<IpAddress> parsed = ParseIpAddress(address);
+    if (!parsed) {
+        return "";
+    }
+    const std::string entry = CoveringOne(*parsed);
+    const std::optional<IpNetwork> embedded = EmbeddedIpv4({*parsed, BitsOf(parsed->family)});
+    return entry.empty() && embedded ? CoveringOne(embedded->base) : entry;
+}
+
+std::string NeverList::CoveringOne(const IpAddress& address) const {
+    const auto entry = std::find_if(m_entries.begin(), m_entries.end(), [&](const Entry& known) {
+        return Contains(known.network, address);
+    });
+    return entry == m_entries.end() ? "" : entry->text;
+}
+
+std::string ProtectionFrom(const QuarantineParts& parts, const NeverList& never) {
+    for (const std::string& address : {parts.intruder, parts.victim}) {
+        const std::string entry = address.empty() ? "" : never.Covering(address);
+        if (!entry.empty()) {
+            return address + " is never quarantined" +
+                   (entry == address ? "" : ", as part of " + entry);
         }
     }
     return "";
@@ -150,14 +126,11 @@ std::string ObjectionTo(const QuarantineParts& parts, const NeverList& never, ti
     if (parts.expiration <= now) {
         return "its end has come already";
     }
-    for (const std::string& address : {parts.intruder, parts.victim}) {
-        const std::string entry = address.empty() ? "" : never.Covering(address);
-        if (!entry.empty()) {
-            return address + " is never quarantined" +
-                   (entry == address ? "" : ", as part of " + entry);
-        }
+    if (IsNeighbourDiscovery(parts)) {
+        return "neighbour discovery (ICMPv6 type " + std::to_string(*parts.icmpType) +
+               ") is never quarantined";
     }
-    return "";
+    return ProtectionFrom(parts, never);
 }
 
 }  // namespace tarnctl

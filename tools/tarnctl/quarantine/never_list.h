@@ -2,22 +2,26 @@
 
 // The addresses that no quarantine may touch.
 //
+// Some are on the list from the beginning, because hosts that must stay reachable depend on them:
+// loopback, multicast (by which neighbours find each other), link-local, broadcast, unspecified.
+//
 // Threads: one at a time.
 
-#include <netinet/in.h>
-
-#include <array>
-#include <cstdint>
+#include <cstddef>
 #include <ctime>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
+#include "tarnctl/quarantine/ip_network.h"
 #include "tarnctl/quarantine/quarantine_text.h"
 
 namespace tarnctl {
 
 class NeverList {
   public:
+    NeverList();
+
     // An address, or a network as address and prefix length. Returns an empty string, or the reason
     // why the text is none.
     [[nodiscard]] std::string Add(const std::string& text);
@@ -25,27 +29,36 @@ class NeverList {
     // The same for each line of a file; what follows a # and empty lines do not count.
     [[nodiscard]] std::string AddFile(const std::string& path);
 
-    // Loopback, and whatever the interfaces of this host have at the moment of the call. The
-    // addresses of an earlier call stay, so that a rule is not let through while one moves.
-    void AddHostAddresses();
+    // Addresses that were read from the system. Those of an earlier call stay, so that a rule is
+    // not let through while one moves. True if any of them is new.
+    bool AddAddresses(const std::vector<std::string>& addresses);
 
-    // The entry that an address falls under, as it was added; empty when it falls under none, and
-    // when it is no address.
+    // Why an address is never quarantined: the entry that it falls under, as it was added. An IPv6
+    // address that stands for an IPv4 address falls under that address's entries as well. Empty
+    // when it falls under none, and when it is no address.
     [[nodiscard]] std::string Covering(const std::string& address) const;
 
+    // How many entries there are.
+    [[nodiscard]] std::size_t Size() const { return m_entries.size(); }
+
   private:
-    struct Network {
-        int family;  // AF_INET or AF_INET6
-        std::array<uint8_t, sizeof(in6_addr)> bytes;
-        unsigned prefix;  // bits, 0 to 32 or 128
+    struct Entry {
+        IpNetwork network;
         std::string text;
     };
 
-    std::vector<Network> m_networks;
+    [[nodiscard]] std::string CoveringOne(const IpAddress& address) const;
+
+    std::vector<Entry> m_entries;
+    std::unordered_set<std::string> m_texts;  // of the entries
 };
 
+// Which address of a rule must not be touched, and why; empty if none.
+[[nodiscard]] std::string ProtectionFrom(const QuarantineParts& parts, const NeverList& never);
+
 // Why a rule must not be put into force in the kernel: it names no address and so would cut off
-// everybody, its end has come already, or an address of it is on the list. Empty when it may be.
+// everybody, its end has come already, neighbours could not find each other, or an address of it is
+// on the list. Empty when it may be.
 [[nodiscard]] std::string ObjectionTo(const QuarantineParts& parts, const NeverList& never,
                                       time_t now);
 

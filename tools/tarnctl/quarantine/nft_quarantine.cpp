@@ -1,127 +1,241 @@
 #include "tarnctl/quarantine/nft_quarantine.h"
 
-#include <spawn.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <array>
 #include <cerrno>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "tarnctl/common/text_forms.h"
-#include "tarnctl/quarantine/nft_script.h"
 
 namespace tarnctl {
 namespace {
 
-// A file in memory, by which text goes in and out of a child whatever its length: with pipes each
-// side could wait for the other.
-class MemoryFile {
-  public:
-    explicit MemoryFile(const char* name) : m_fd(memfd_create(name, MFD_CLOEXEC)) {}
-    ~MemoryFile() {
-        if (m_fd != -1) {
-            close(m_fd);
+using nlohmann::json;
+using Kind = NftAnswer::Kind;
+using Task = NftWorker::Task;
+
+constexpr std::size_t kRulesPerScript = 500;
+
+// The kernel leaves 0 out.
+uint32_t NextGeneration(uint32_t generation) {
+    return generation + 1 == 0 ? 1 : generation + 1;
+}
+
+// The reason as text, or an empty string if the script was carried out.
+std::string ReasonIn(const NftAnswer& answer) {
+    if (answer.kind == Kind::kDone) {
+        return "";
+    }
+    const std::string line = ForTerminal(answer.text.substr(0, answer.text.find('\n')));
+    const bool isForbidden = line.find(std::strerror(EPERM)) != std::string::npos;
+    return "nft: " + (line.empty() ? "failed without a reason" : line) +
+           (isForbidden ? "; run this as root or with CAP_NET_ADMIN" : "");
+}
+
+bool SaysThereIsNone(const NftAnswer& answer) {
+    return answer.kind == Kind::kFailed &&
+           answer.text.find(std::strerror(ENOENT)) != std::string::npos;
+}
+
+// The objects of one kind in what nft lists as JSON. What is no such list has none.
+std::vector<json> ObjectsIn(const std::string& text, const char* kind) {
+    std::vector<json> objects;
+    const json list = json::parse(text, nullptr, false);
+    if (!list.is_object() || !list.contains("nftables")) {
+        return objects;
+    }
+    for (const json& entry : list["nftables"]) {
+        if (entry.is_object() && entry.contains(kind)) {
+            objects.push_back(entry[kind]);
         }
     }
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
+    return objects;
+}
 
-    [[nodiscard]] int Descriptor() const { return m_fd; }
+std::string FieldText(const json& field) {
+    return field.is_string() ? field.get<std::string>() : field.dump();
+}
 
-    [[nodiscard]] bool Fill(const std::string& text) const {
-        return m_fd != -1 &&
-               write(m_fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-               lseek(m_fd, 0, SEEK_SET) == 0;
+// An element's value as NftElement has it.
+std::string ValueText(const json& element) {
+    const json& inner = element.is_object() && element.contains("elem") ? element["elem"] : element;
+    const json& value = inner.is_object() && inner.contains("val") ? inner["val"] : inner;
+    if (!value.is_object() || !value.contains("concat")) {
+        return FieldText(value);
     }
-
-    // The first line, shortened if it is very long.
-    [[nodiscard]] std::string FirstLine() const {
-        std::array<char, 512> bytes = {};
-        const ssize_t length = pread(m_fd, bytes.data(), bytes.size(), 0);
-        const std::string text(bytes.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
-        return ForTerminal(text.substr(0, text.find('\n')));
+    std::string text;
+    for (const json& field : value["concat"]) {
+        text += (text.empty() ? "" : " . ") + FieldText(field);
     }
-
-  private:
-    const int m_fd;
-};
-
-class SpawnActions {
-  public:
-    SpawnActions() { posix_spawn_file_actions_init(&m_actions); }
-    ~SpawnActions() { posix_spawn_file_actions_destroy(&m_actions); }
-    SpawnActions(const SpawnActions&) = delete;
-    SpawnActions& operator=(const SpawnActions&) = delete;
-
-    void Connect(int from, int to) { posix_spawn_file_actions_adddup2(&m_actions, from, to); }
-    [[nodiscard]] const posix_spawn_file_actions_t* Get() const { return &m_actions; }
-
-  private:
-    posix_spawn_file_actions_t m_actions = {};
-};
+    return text;
+}
 
 }  // namespace
 
-NftQuarantine::NftQuarantine(std::string command) : m_command(std::move(command)) {}
+NftQuarantine::NftQuarantine(NftEngineMaker maker) : m_worker(std::move(maker)) {}
+
+void NftQuarantine::GiveTime(std::chrono::seconds time) {
+    m_end = NftWorker::Clock::now() + time;
+}
+
+NftAnswer NftQuarantine::Change(const std::string& script, uint32_t onlyAt) {
+    NftAnswer answer = m_worker.Ask(Task::kChange, script, m_end, onlyAt);
+    if (answer.kind == Kind::kDone) {
+        const bool isAlone =
+            answer.before == m_generation && answer.after == NextGeneration(answer.before);
+        m_generation = isAlone ? answer.after : 0;
+    }
+    return answer;
+}
+
+NftAnswer NftQuarantine::Query(const std::string& script) {
+    return m_worker.Ask(Task::kQuery, script, m_end);
+}
+
+std::string NftQuarantine::AskForHandle(uint64_t& handle, uint32_t& generation) {
+    const NftAnswer answer = Query(NftListTables());
+    handle = 0;
+    generation = answer.before == answer.after ? answer.after : 0;
+    for (const json& table : ObjectsIn(answer.text, "table")) {
+        if (table.value("family", "") == "inet" && table.value("name", "") == "tarn") {
+            handle = table.value("handle", uint64_t{0});
+        }
+    }
+    return ReasonIn(answer);
+}
 
 std::string NftQuarantine::Open() {
     m_sets.clear();
-    return Run(NftFreshTable());
+    m_certain.clear();
+    m_doubtful.clear();
+    const NftAnswer answer = Change(NftFreshTable());
+    if (answer.kind != Kind::kDone) {
+        m_handle = 0;
+        return ReasonIn(answer);
+    }
+    uint32_t generation = 0;
+    std::string reason = AskForHandle(m_handle, generation);
+    // If somebody else made a change meanwhile, the next Check looks at the table again.
+    const bool isAlone = answer.after == NextGeneration(answer.before);
+    m_generation = isAlone && generation == answer.after ? generation : 0;
+    return reason;
 }
 
-std::string NftQuarantine::Apply(const QuarantineParts& parts, int64_t seconds) {
+std::string NftQuarantine::Check(bool& isLost) {
+    isLost = false;
+    const NftAnswer answer = Query("");
+    if (answer.kind != Kind::kDone) {
+        return ReasonIn(answer);
+    }
+    if (answer.after != 0 && answer.after == m_generation) {
+        m_doubtful.clear();  // what was given up has not been carried out
+        return "";
+    }
+    uint64_t handle = 0;
+    uint32_t generation = 0;
+    std::string reason = AskForHandle(handle, generation);
+    if (!reason.empty()) {
+        return reason;
+    }
+    if (handle == 0 || handle != m_handle) {
+        isLost = true;
+        return Open();
+    }
+    return Mend(generation);
+}
+
+std::string NftQuarantine::Mend(uint32_t generation) {
+    m_certain.clear();
+    NftSets sets = m_sets;
+    std::string removals;
+    for (const NftElement& element : m_doubtful) {
+        sets.emplace(element.set, element);
+        removals += NftRemoveElement(element);
+    }
+    m_generation = generation;
+    const NftAnswer answer = Change(NftMendedTable(sets) + removals);
+    if (answer.kind == Kind::kDone) {
+        m_sets = std::move(sets);
+        m_doubtful.clear();
+    } else {
+        m_generation = 0;  // the next Check tries again
+    }
+    return ReasonIn(answer);
+}
+
+std::string NftQuarantine::Apply(const QuarantineParts& parts, int64_t seconds, bool& isStale) {
+    isStale = m_generation == 0;
+    if (isStale) {
+        return "";
+    }
     const NftElement element = ToNftElement(parts);
     const bool isNewSet = !m_sets.contains(element.set);
-    std::string reason =
-        Run((isNewSet ? NftAddSet(element) : std::string()) + NftAddElement(element, seconds));
-    if (reason.empty()) {
-        m_sets.insert(element.set);
+    const bool wasThere = m_certain.contains(element.Id());
+    const NftAnswer answer =
+        Change((isNewSet ? NftAddSet(element) : std::string()) + NftAddElement(element, seconds),
+               m_generation);
+    isStale = answer.kind == Kind::kStale;
+    if (answer.kind == Kind::kDone) {
+        m_sets.emplace(element.set, element);
+        m_certain.insert(element.Id());
+        m_doubtful.clear();  // at this generation, what was given up has not been carried out
+    } else if (answer.kind == Kind::kGivenUp && !wasThere) {
+        m_doubtful.push_back(element);
     }
-    return reason;
+    return isStale ? "" : ReasonIn(answer);
+}
+
+std::string NftQuarantine::Withdraw(const std::vector<QuarantineParts>& rules) {
+    std::string script;
+    std::size_t count = 0;
+    for (const QuarantineParts& parts : rules) {
+        script += NftRemoveElement(ToNftElement(parts));
+        Forget(parts);
+        if (++count % kRulesPerScript == 0 || count == rules.size()) {
+            const NftAnswer answer = Change(std::exchange(script, std::string()));
+            if (answer.kind != Kind::kDone) {
+                return ReasonIn(answer);
+            }
+        }
+    }
+    return "";
+}
+
+std::string NftQuarantine::Find(const QuarantineParts& parts, bool& isThere) {
+    const NftElement element = ToNftElement(parts);
+    const NftAnswer answer = Query(NftGetElement(element));
+    isThere = answer.kind == Kind::kDone;
+    if (isThere) {
+        m_certain.insert(element.Id());
+    }
+    return SaysThereIsNone(answer) ? "" : ReasonIn(answer);
+}
+
+std::string NftQuarantine::List(std::set<std::string>& ids) {
+    const NftAnswer answer = Query(NftListTable());
+    for (const json& set : ObjectsIn(answer.text, "set")) {
+        if (!set.contains("elem")) {
+            continue;
+        }
+        for (const json& element : set["elem"]) {
+            ids.insert(set.value("name", "") + " " + ValueText(element));
+        }
+    }
+    return ReasonIn(answer);
 }
 
 std::string NftQuarantine::Remove() {
     m_sets.clear();
-    return Run(NftNoTable());
+    m_certain.clear();
+    return ReasonIn(Change(NftNoTable()));
 }
 
-std::string NftQuarantine::Run(const std::string& script) const {
-    const MemoryFile input("nft-script");
-    const MemoryFile errors("nft-errors");
-    if (!input.Fill(script) || errors.Descriptor() == -1) {
-        return std::string("nft: ") + std::strerror(errno);
-    }
-    SpawnActions actions;
-    actions.Connect(input.Descriptor(), STDIN_FILENO);
-    actions.Connect(errors.Descriptor(), STDOUT_FILENO);
-    actions.Connect(errors.Descriptor(), STDERR_FILENO);
-    std::array<std::string, 3> words = {"nft", "-f", "-"};
-    std::array<char*, 4> arguments = {words[0].data(), words[1].data(), words[2].data(), nullptr};
-    std::string language = "LC_ALL=C";
-    std::array<char*, 2> environment = {language.data(), nullptr};
+bool NftQuarantine::IsCertain(const QuarantineParts& parts) const {
+    return m_certain.contains(ToNftElement(parts).Id());
+}
 
-    pid_t child = 0;
-    const int error = posix_spawn(&child, m_command.c_str(), actions.Get(), nullptr,
-                                  arguments.data(), environment.data());
-    if (error != 0) {
-        return m_command + ": " + std::strerror(error) + "; install nftables";
-    }
-    int status = 0;
-    while (waitpid(child, &status, 0) == -1) {
-        if (errno != EINTR) {
-            return std::string("nft: ") + std::strerror(errno);
-        }
-    }
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-        return "";
-    }
-    const std::string told = errors.FirstLine();
-    const bool isForbidden = told.find(std::strerror(EPERM)) != std::string::npos;
-    return "nft: " + (told.empty() ? "ended without a word" : told) +
-           (isForbidden ? "; run this as root or with CAP_NET_ADMIN" : "");
+void NftQuarantine::Forget(const QuarantineParts& parts) {
+    m_certain.erase(ToNftElement(parts).Id());
 }
 
 }  // namespace tarnctl

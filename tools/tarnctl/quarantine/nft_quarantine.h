@@ -1,39 +1,86 @@
 #pragma once
 
-// Quarantine rules put into force in the kernel, through the nft command. Only the table
-// `inet tarn` is touched (nft_script.h tells what is in it).
+// Quarantine rules put into force in the kernel. Only the table `inet tarn` is touched;
+// nft_script.h describes what is in it.
 //
-// Threads: one at a time. Each operation waits for nft, which takes some milliseconds.
+// What is in force is what the kernel has, and other programs may change that at any time. So
+// before a rule is put into force, Check() compares the generation of the ruleset with the one that
+// this class left, and mends the table when they differ.
+//
+// Threads: one at a time. Each operation waits for the kernel, but only until the time is over that
+// GiveTime() gave.
 
+#include <chrono>
 #include <cstdint>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "tarnctl/quarantine/nft_engine.h"
+#include "tarnctl/quarantine/nft_script.h"
+#include "tarnctl/quarantine/nft_worker.h"
 #include "tarnctl/quarantine/quarantine_text.h"
 
 namespace tarnctl {
 
 class NftQuarantine {
   public:
-    explicit NftQuarantine(std::string command = "/usr/sbin/nft");
+    static constexpr std::chrono::seconds kTimeForARule{1};
+    static constexpr std::chrono::seconds kTimeForAList{2};
 
-    // Each returns an empty string, or the reason why it failed.
+    explicit NftQuarantine(NftEngineMaker maker);
+
+    // The operations that follow have this much time together.
+    void GiveTime(std::chrono::seconds time = kTimeForARule);
+
+    // Each of these returns an empty string, or the reason why it failed.
 
     // Begins with an empty table: what an earlier manager left in it ends.
     [[nodiscard]] std::string Open();
 
-    // Puts the rule into force for this many seconds, or changes how long it has yet.
-    [[nodiscard]] std::string Apply(const QuarantineParts& parts, int64_t seconds);
+    // Makes certain that the table works. `isLost` is true if somebody has removed it: then nothing
+    // is in force any more, and an empty table has taken its place.
+    [[nodiscard]] std::string Check(bool& isLost);
+
+    // Puts the rule into force for this many seconds, or changes how long it lasts. Does nothing
+    // and sets `isStale` if somebody else has changed the ruleset; then Check() comes first.
+    [[nodiscard]] std::string Apply(const QuarantineParts& parts, int64_t seconds, bool& isStale);
+
+    // Ends these rules. Some of them may have ended already when it fails.
+    [[nodiscard]] std::string Withdraw(const std::vector<QuarantineParts>& rules);
+
+    // Whether the kernel has the rule.
+    [[nodiscard]] std::string Find(const QuarantineParts& parts, bool& isThere);
+
+    // The Id() of each element that the kernel has.
+    [[nodiscard]] std::string List(std::set<std::string>& ids);
 
     // Removes the table; every quarantine ends.
     [[nodiscard]] std::string Remove();
 
-  private:
-    // Runs nft on a script, which is carried out whole or not at all.
-    [[nodiscard]] std::string Run(const std::string& script) const;
+    // Whether the rule is known to be in the kernel: nobody else has changed the ruleset since the
+    // rule was put there. It may be there nevertheless.
+    [[nodiscard]] bool IsCertain(const QuarantineParts& parts) const;
 
-    const std::string m_command;
-    std::set<std::string> m_sets;  // those that are in the table
+    // The rule has ended; nothing need be known of it any more.
+    void Forget(const QuarantineParts& parts);
+
+    [[nodiscard]] pid_t WorkerProcess() const { return m_worker.Process(); }
+
+  private:
+    NftAnswer Change(const std::string& script, uint32_t onlyAt = 0);
+    NftAnswer Query(const std::string& script);
+    // The table's number, which no later table gets again; 0 if there is no table.
+    [[nodiscard]] std::string AskForHandle(uint64_t& handle, uint32_t& generation);
+    [[nodiscard]] std::string Mend(uint32_t generation);
+
+    NftWorker m_worker;
+    NftWorker::Clock::time_point m_end;
+    uint32_t m_generation = 0;  // of the ruleset after the last change; 0: unknown
+    uint64_t m_handle = 0;
+    NftSets m_sets;                      // those that are in the table
+    std::set<std::string> m_certain;     // Id() of elements
+    std::vector<NftElement> m_doubtful;  // whose change was given up, and which must not be there
 };
 
 }  // namespace tarnctl

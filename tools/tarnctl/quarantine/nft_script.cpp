@@ -19,7 +19,7 @@ void AddField(NftElement& element, const std::string& name, const std::string& k
 }
 
 // "tcp dport" names both the protocol and the field, so the protocol alone is a field only where
-// nothing else tells it.
+// nothing else names it.
 void AddProtocol(NftElement& element, int number) {
     AddField(element, "l4proto", "meta l4proto", std::to_string(number));
 }
@@ -48,6 +48,10 @@ void AddIcmp(NftElement& element, const char* protocol, const QuarantineParts& p
     if (!parts.icmpType && !parts.icmpCode) {
         AddProtocol(element, parts.protocol);
     }
+}
+
+std::string ElementPlace(const NftElement& element) {
+    return " element inet tarn " + element.set + " { " + element.value;
 }
 
 }  // namespace
@@ -93,19 +97,30 @@ std::string NftNoTable() {
 }
 
 std::string NftFreshTable() {
-    return NftNoTable() +
-           "table inet tarn {\n"
-           "    chain quarantine {\n"
-           "    }\n"
-           "    chain prerouting {\n"
-           "        type filter hook prerouting priority raw; policy accept;\n"
-           "        jump quarantine\n"
-           "    }\n"
-           "    chain output {\n"
-           "        type filter hook output priority raw; policy accept;\n"
-           "        jump quarantine\n"
-           "    }\n"
-           "}\n";
+    return NftNoTable() + NftMendedTable({});
+}
+
+// What is there already is added without effect. Only rules would be there twice, so that all are
+// taken out first.
+std::string NftMendedTable(const NftSets& sets) {
+    std::string script =
+        "table inet tarn {\n"
+        "    chain quarantine {\n"
+        "    }\n"
+        "    chain prerouting {\n"
+        "        type filter hook prerouting priority raw; policy accept;\n"
+        "    }\n"
+        "    chain output {\n"
+        "        type filter hook output priority raw; policy accept;\n"
+        "    }\n"
+        "}\n"
+        "flush table inet tarn\n"
+        "add rule inet tarn prerouting jump quarantine\n"
+        "add rule inet tarn output jump quarantine\n";
+    for (const auto& [name, element] : sets) {
+        script += NftAddSet(element);
+    }
+    return script;
 }
 
 std::string NftAddSet(const NftElement& element) {
@@ -118,15 +133,32 @@ std::string NftAddSet(const NftElement& element) {
 }
 
 // The kernel leaves the timeout of an element that is there already as it is. So the element is
-// made certain to be there, taken out, and put in anew.
+// taken out and put in anew.
 std::string NftAddElement(const NftElement& element, int64_t seconds) {
     const int64_t left = std::clamp<int64_t>(seconds, 1, kLongestDays * kSecondsADay);
     // nft reads at most eight digits, which as seconds are three years.
     const std::string timeout =
         std::to_string(left / kSecondsADay) + "d" + std::to_string(left % kSecondsADay) + "s";
-    const std::string place = " element inet tarn " + element.set + " { " + element.value;
-    return "add" + place + " }\n" + "delete" + place + " }\n" +  //
-           "add" + place + " timeout " + timeout + " }\n";
+    return NftRemoveElement(element) +  //
+           "add" + ElementPlace(element) + " timeout " + timeout + " }\n";
+}
+
+// An element must be there to be taken out, so it is added first.
+std::string NftRemoveElement(const NftElement& element) {
+    const std::string place = ElementPlace(element) + " }\n";
+    return "add" + place + "delete" + place;
+}
+
+std::string NftGetElement(const NftElement& element) {
+    return "get" + ElementPlace(element) + " }\n";
+}
+
+std::string NftListTables() {
+    return "list tables inet\n";
+}
+
+std::string NftListTable() {
+    return "list table inet tarn\n";
 }
 
 }  // namespace tarnctl

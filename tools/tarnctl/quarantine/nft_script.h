@@ -19,6 +19,7 @@
 // Threads: pure functions.
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include "tarnctl/quarantine/quarantine_text.h"
@@ -33,7 +34,13 @@ struct NftElement {
     uint32_t limit = 0;  // bytes a second that each element lets pass; 0: none pass
 
     bool operator==(const NftElement&) const = default;
+
+    // Tells this element from every other one of the table.
+    [[nodiscard]] std::string Id() const { return set + " " + value; }
 };
+
+// An element of each set that is wanted, by the name of the set.
+using NftSets = std::map<std::string, NftElement>;
 
 // A port of 0 counts as not named. The rule must name an address: one without would cut off
 // everybody.
@@ -41,6 +48,10 @@ struct NftElement {
 
 // The table with its chains and without any set, whatever it held before.
 [[nodiscard]] std::string NftFreshTable();
+
+// The table with its chains, these sets, and the rules that look packets up in them, whatever
+// somebody else has done to it. Sets keep their elements.
+[[nodiscard]] std::string NftMendedTable(const NftSets& sets);
 
 // No table.
 [[nodiscard]] std::string NftNoTable();
@@ -50,5 +61,15 @@ struct NftElement {
 
 // The element for this many seconds, at least 1, whether it was there already or not.
 [[nodiscard]] std::string NftAddElement(const NftElement& element, int64_t seconds);
+
+// No such element, whether it was there or not. Its set must be there.
+[[nodiscard]] std::string NftRemoveElement(const NftElement& element);
+
+// A question that is answered if the element is there and fails if it is not.
+[[nodiscard]] std::string NftGetElement(const NftElement& element);
+
+// Questions for the tables there are, and for everything that is in the table.
+[[nodiscard]] std::string NftListTables();
+[[nodiscard]] std::string NftListTable();
 
 }  // namespace tarnctl

@@ -19,7 +19,7 @@ std::string Quoted(std::string_view word) {
     return "\"" + ForTerminal(word) + "\"";
 }
 
-// A number without sign, needless zeros or anything behind it.
+// A number without sign, needless zeros or anything after it.
 template <typename Number>
 bool ParseNumber(std::string_view word, Number& number) {
     if (word.empty() || word.front() == '-' || (word.front() == '0' && word.size() > 1)) {

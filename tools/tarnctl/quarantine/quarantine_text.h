@@ -1,8 +1,8 @@
 #pragma once
 
 // The line of text that makes up a quarantine rule, taken apart again.
-// docs/formats/quarantine_rule.md tells the line piece by piece; src/quarantine/quarantine_rule.h
-// writes it.
+// docs/formats/quarantine_rule.md describes the line piece by piece;
+// src/quarantine/quarantine_rule.h writes it.
 //
 // Threads: pure functions.
 
@@ -30,7 +30,7 @@ struct QuarantineParts {
     bool operator==(const QuarantineParts&) const = default;
 };
 
-// Takes exactly the lines that QuarantineRule writes for what IP knows: an address stands in its
+// Takes exactly the lines that QuarantineRule writes for what IP knows: an address is in its
 // shortest form, a number without needless digits, a protocol that has a name by its name. So a
 // line that is taken is what QuarantineRule writes for its parts. Returns an empty string with
 // the parts, or the reason why the line is none, which leaves the parts as they were.

@@ -2,51 +2,80 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace tarnctl {
 namespace {
 
-// Finds the rule that is the same but for its end.
-template <typename Rules>
-auto Find(Rules& rules, QuarantineParts parts) {
-    return std::find_if(rules.begin(), rules.end(), [&parts](const RuleInForce& rule) {
-        parts.expiration = rule.parts.expiration;
-        return rule.parts == parts;
-    });
+QuarantineParts WithoutEnd(QuarantineParts parts) {
+    parts.expiration = 0;
+    return parts;
 }
 
 }  // namespace
+
+// Addresses, protocol and ports tell most rules apart; rules that share them share a place.
+std::size_t RuleTable::Hash::operator()(const QuarantineParts& parts) const {
+    constexpr std::size_t kFactor = 31;
+    std::size_t hash = std::hash<std::string>()(parts.intruder);
+    hash = hash * kFactor + std::hash<std::string>()(parts.victim);
+    hash = hash * kFactor + static_cast<std::size_t>(parts.protocol);
+    hash = hash * kFactor + parts.sourcePort;
+    return hash * kFactor + parts.destinationPort;
+}
 
 void RuleTable::Add(const QuarantineParts& parts, const std::string& text, uint32_t issueId,
                     time_t now) {
     if (parts.expiration <= now) {
         return;
     }
-    const auto known = Find(m_rules, parts);
-    if (known == m_rules.end()) {
-        m_rules.push_back({parts, text, issueId});
+    const QuarantineParts key = WithoutEnd(parts);
+    const auto known = m_places.find(key);
+    if (known == m_places.end()) {
+        m_places.emplace(key, m_rules.insert(m_rules.end(), {parts, text, issueId}));
+        m_firstEnd = std::min(m_firstEnd, parts.expiration);
         return;
     }
-    if (parts.expiration > known->parts.expiration) {
-        known->parts.expiration = parts.expiration;
-        known->text = text;
+    RuleInForce& rule = *known->second;
+    if (parts.expiration > rule.parts.expiration) {
+        rule.parts.expiration = parts.expiration;
+        rule.text = text;
     }
-    known->issueId = issueId;
-    ++known->asked;
+    rule.issueId = issueId;
+    ++rule.asked;
 }
 
 time_t RuleTable::EndOf(const QuarantineParts& parts) const {
-    const auto known = Find(m_rules, parts);
-    return known == m_rules.end() ? 0 : known->parts.expiration;
+    const auto known = m_places.find(WithoutEnd(parts));
+    return known == m_places.end() ? 0 : known->second->parts.expiration;
 }
 
 std::vector<RuleInForce> RuleTable::DropExpired(time_t now) {
-    const auto isInForce = [now](const RuleInForce& rule) { return rule.parts.expiration > now; };
-    const auto firstGone = std::stable_partition(m_rules.begin(), m_rules.end(), isInForce);
-    std::vector<RuleInForce> gone(std::make_move_iterator(firstGone),
-                                  std::make_move_iterator(m_rules.end()));
-    m_rules.erase(firstGone, m_rules.end());
+    if (now < m_firstEnd) {
+        return {};
+    }
+    std::vector<RuleInForce> gone =
+        TakeOut([now](const RuleInForce& rule) { return rule.parts.expiration <= now; });
+    m_firstEnd = std::numeric_limits<time_t>::max();
+    for (const RuleInForce& rule : m_rules) {
+        m_firstEnd = std::min(m_firstEnd, rule.parts.expiration);
+    }
     return gone;
+}
+
+std::vector<RuleInForce> RuleTable::TakeOut(
+    const std::function<bool(const RuleInForce&)>& isWanted) {
+    std::vector<RuleInForce> taken;
+    for (auto rule = m_rules.begin(); rule != m_rules.end();) {
+        if (!isWanted(*rule)) {
+            ++rule;
+            continue;
+        }
+        m_places.erase(WithoutEnd(rule->parts));
+        taken.push_back(std::move(*rule));
+        rule = m_rules.erase(rule);
+    }
+    return taken;
 }
 
 }  // namespace tarnctl

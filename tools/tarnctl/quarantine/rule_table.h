@@ -7,7 +7,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <functional>
+#include <limits>
+#include <list>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "tarnctl/quarantine/quarantine_text.h"
@@ -31,13 +35,24 @@ class RuleTable {
     // When the rule in force that differs from this one in its end at most ends; 0 for none.
     [[nodiscard]] time_t EndOf(const QuarantineParts& parts) const;
 
-    // Takes out the rules whose end has come, and returns them.
+    // Takes out the rules whose end has come, and returns them in their order.
     std::vector<RuleInForce> DropExpired(time_t now);
 
-    [[nodiscard]] const std::vector<RuleInForce>& Rules() const { return m_rules; }
+    // Takes out the rules for which this is true, and returns them in their order.
+    std::vector<RuleInForce> TakeOut(const std::function<bool(const RuleInForce&)>& isWanted);
+
+    // In the order of their first asking.
+    [[nodiscard]] const std::list<RuleInForce>& Rules() const { return m_rules; }
 
   private:
-    std::vector<RuleInForce> m_rules;  // in the order of their first asking
+    struct Hash {
+        std::size_t operator()(const QuarantineParts& parts) const;
+    };
+
+    std::list<RuleInForce> m_rules;
+    // By the parts without an end.
+    std::unordered_map<QuarantineParts, std::list<RuleInForce>::iterator, Hash> m_places;
+    time_t m_firstEnd = std::numeric_limits<time_t>::max();  // no rule ends before this
 };
 
 }  // namespace tarnctl

@@ -11,8 +11,10 @@
 #include "tarnctl/common/signals.h"
 #include "tarnctl/common/text_forms.h"
 #include "tarnctl/quarantine/never_list.h"
-#include "tarnctl/quarantine/nft_quarantine.h"
-#include "tarnctl/quarantine/rule_table.h"
+#ifdef TARNCTL_WITH_NFTABLES
+#include "tarnctl/quarantine/nft_kernel.h"
+#endif
+#include "tarnctl/secmgr/rule_enforcer.h"
 #include "tarnctl/secmgr/secmgr_answer.h"
 #include "tarnctl/secmgr/secmgr_server.h"
 #include "tarnctl/secmgr/secmgr_text.h"
@@ -25,11 +27,13 @@ constexpr const char* kExamples =
 SIGUSR1 shows the rules in force, as the end does. Without --nft nothing is cut off.
 
 A quarantine in the kernel refuses rules that name no address, whose end has come, or that name an
-address of this host, of loopback or of --never. A counter lets that many bytes a second pass.
+address of this host, of --never, or that hosts need to reach each other at all: loopback, multicast,
+broadcast, link-local, neighbour discovery. A counter lets that many bytes a second pass. SIGHUP
+reads the --never-file again.
 
 Examples:
   tarnctl secmgr                              show rules as they come, until Ctrl-C
-  tarnctl secmgr --json | jq .parts.intruder  one JSON object a line
+  tarnctl secmgr --json | jq .parts.intruder  one JSON object per line
   tarnctl secmgr --fail-first 1               close once without an answer, then behave
   tarnctl secmgr --answer 3                   refuse every rule
   tarnctl secmgr --nft --never 10.0.0.0/24    cut off what the rules name, but never that network)";
@@ -39,10 +43,10 @@ class SecurityManager final : public Monitor {
     SecurityManager(const SecmgrOptions& options, std::ostream& out, std::ostream& err)
         : Monitor("secmgr", "rule", options, out, err),
           m_options(options),
-          m_nft(options.nftCommand) {}
+          m_enforcer(options, [this](const std::string& text) { Say(text); }) {}
 
   private:
-    // The socket comes first: it tells whether another manager is there, whose table of nftables
+    // The socket comes first: it shows whether another manager is there, whose table of nftables
     // must not be touched.
     std::string Begin() override {
         if (!m_options.answer.empty() && !ParseAnswer(m_options.answer, m_wrongAnswer)) {
@@ -52,17 +56,13 @@ class SecurityManager final : public Monitor {
         if (!reason.empty()) {
             return reason;
         }
-        if (m_options.nft) {
-            for (const std::string& entry : m_options.never) {
-                reason = reason.empty() ? m_never.Add(entry) : reason;
-            }
-            for (const std::string& path : m_options.neverFile) {
-                reason = reason.empty() ? m_never.AddFile(path) : reason;
-            }
-            reason = reason.empty() ? m_nft.Open() : reason;
-        }
+        reason = m_enforcer.Begin();
         if (reason.empty()) {
             CatchRequests(SIGUSR1);
+            if (m_options.nft) {
+                CatchRequests(SIGHUP);
+                m_server.WakeBy(m_enforcer.Descriptor());
+            }
             Say("serving at " + m_options.socketPath +
                 (m_options.nft ? "; rules cut off traffic" : "; nothing is cut off"));
         }
@@ -71,7 +71,10 @@ class SecurityManager final : public Monitor {
 
     void Serve(std::chrono::milliseconds time) override {
         ServeClients(time);
-        TellExpired();
+        m_enforcer.Upkeep();
+        if (m_options.nft && TakeRequest(SIGHUP)) {
+            Reload();
+        }
         if (TakeRequest(SIGUSR1)) {
             TellTable();
         }
@@ -79,7 +82,7 @@ class SecurityManager final : public Monitor {
 
     void End() override {
         TellTable();
-        const std::string reason = m_options.nft && m_options.flush ? m_nft.Remove() : "";
+        const std::string reason = m_options.nft && m_options.flush ? m_enforcer.Flush() : "";
         if (!reason.empty()) {
             Fail(reason);
         }
@@ -120,7 +123,10 @@ class SecurityManager final : public Monitor {
             outcome.reason = "answered wrongly on purpose: " + AnswerText(m_wrongAnswer);
             return;
         }
-        outcome.reason = outcome.isRule ? PutIntoForce(outcome) : fault;
+        outcome.reason = outcome.isRule
+                             ? m_enforcer.PutIntoForce(outcome.parts, outcome.request.text,
+                                                       outcome.request.issueId)
+                             : fault;
         outcome.accepted = outcome.reason.empty();
         outcome.answer.status = outcome.accepted ? tarn::secmgr::kStatusAdded : kStatusRefused;
         m_accepted += outcome.accepted ? 1U : 0U;
@@ -133,40 +139,24 @@ class SecurityManager final : public Monitor {
         return isTold && !isRight && (m_options.failFirst == 0 || Taken() <= m_options.failFirst);
     }
 
-    // Returns an empty string, or the reason why the rule is refused.
-    std::string PutIntoForce(const SecmgrOutcome& outcome) {
-        const QuarantineParts& parts = outcome.parts;
-        const time_t now = std::time(nullptr);
-        if (m_options.nft) {
-            m_never.AddHostAddresses();  // they may have changed since the last rule
-            std::string reason = ObjectionTo(parts, m_never, now);
-            if (reason.empty() && m_table.EndOf(parts) < parts.expiration) {
-                reason = m_nft.Apply(parts, parts.expiration - now);
-            }
-            if (!reason.empty()) {
-                return reason;
-            }
-        }
-        m_table.Add(parts, outcome.request.text, outcome.request.issueId, now);
-        return "";
-    }
-
     void Show(const SecmgrOutcome& outcome) {
         const time_t now = std::time(nullptr);
         Write(WritesJson() ? OutcomeAsJson(outcome, now) : OutcomeAsLine(outcome, now));
     }
 
-    void TellExpired() {
-        for (const RuleInForce& rule : m_table.DropExpired(std::time(nullptr))) {
-            Say("no longer in force: SID " + std::to_string(rule.issueId) + "  " + rule.text);
-        }
+    void Reload() {
+        const std::string reason = m_enforcer.ReloadLists();
+        Say(reason.empty() ? "the lists were read again"
+                           : "the lists stay as they were: " + reason);
     }
 
     void TellTable() {
+        m_enforcer.Upkeep();
+        m_enforcer.CompareWithKernel();
+        const std::list<RuleInForce>& rules = m_enforcer.Table().Rules();
         const time_t now = std::time(nullptr);
-        (void)m_table.DropExpired(now);  // what ends in this very moment is simply not shown
-        Say(Counted(m_table.Rules().size(), "rule") + " in force");
-        for (const RuleInForce& rule : m_table.Rules()) {
+        Say(Counted(rules.size(), "rule") + " in force");
+        for (const RuleInForce& rule : rules) {
             Say("  " + RuleInForceAsLine(rule, now));
         }
     }
@@ -174,9 +164,7 @@ class SecurityManager final : public Monitor {
     const SecmgrOptions& m_options;
     SecmgrAnswer m_wrongAnswer{SecmgrAnswer::Kind::kClose, 0};
     SecmgrServer m_server;
-    RuleTable m_table;
-    NeverList m_never;
-    NftQuarantine m_nft;
+    RuleEnforcer m_enforcer;
     uint64_t m_accepted = 0;
 };
 
@@ -217,10 +205,17 @@ CLI::App* AddSecmgrCommand(CLI::App& app, SecmgrOptions& options) {
         ->allow_extra_args(false)
         ->check(CLI::Validator(CheckNeverEntry, "", "never"))
         ->needs(nft);
-    command->add_option("--never-file", options.neverFile, "A file of such, one a line")
+    command->add_option("--never-file", options.neverFile, "A file of such, one per line")
         ->type_name("FILE")
         ->allow_extra_args(false)
         ->needs(nft);
+    command->add_option("--max-rules", options.maxRules, "Refuse rules while N are in force")
+        ->type_name("N")
+        ->capture_default_str()
+        ->check(AboveZero());
+#ifdef TARNCTL_WITH_NFTABLES
+    options.nftEngine = KernelEngineMaker();
+#endif
     command->footer(kExamples);
     return command;
 }

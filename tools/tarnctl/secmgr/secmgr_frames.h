@@ -1,6 +1,6 @@
 #pragma once
 
-// The requests in a stream of bytes. docs/formats/security_manager.md tells the frames.
+// The requests in a stream of bytes. docs/formats/security_manager.md describes the frames.
 //
 // Threads: one at a time.
 
@@ -34,7 +34,8 @@ class SecmgrFrames {
 
     [[nodiscard]] Result Next(SecmgrRequest& request);
 
-    // Bytes that belong to no whole request yet, or to none at all; they stay until the next call.
+    // Bytes that do not belong to a whole request so far, or to none at all; they stay until the
+    // next call.
     [[nodiscard]] std::span<const std::byte> Waiting() const {
         return std::as_bytes(std::span(m_bytes));
     }

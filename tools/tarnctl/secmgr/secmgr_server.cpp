@@ -84,14 +84,15 @@ void SecmgrServer::KeepMalformed(const Client& client, std::string reason) {
 }
 
 void SecmgrServer::Wait(std::chrono::milliseconds time) {
-    std::vector<pollfd> entries = {{m_socket.Descriptor(), POLLIN, 0}};
+    // An entry whose descriptor is negative is not waited for.
+    std::vector<pollfd> entries = {{m_socket.Descriptor(), POLLIN, 0}, {m_wakeBy, POLLIN, 0}};
     for (const Client& client : m_clients) {
         entries.push_back({client.fd, POLLIN, 0});
     }
     if (poll(entries.data(), entries.size(), static_cast<int>(time.count())) <= 0) {
         return;
     }
-    auto entry = std::next(entries.begin());
+    auto entry = std::next(entries.begin(), 2);
     for (Client& client : m_clients) {
         client.isReadable = entry->revents != 0;
         ++entry;

@@ -21,9 +21,9 @@ namespace tarnctl {
 class SecmgrServer {
   public:
     enum class Result {
-        kNothing,    // nothing came within the time, or something that is no whole request yet
+        kNothing,    // nothing came within the time, or only a part of a request
         kRequest,    // to be answered with Answer()
-        kMalformed,  // a connection was closed for what Error() and Malformed() tell
+        kMalformed,  // a connection was closed for the reason in Error()
     };
 
     SecmgrServer() = default;
@@ -36,6 +36,9 @@ class SecmgrServer {
 
     // Waits up to this long, and not at all when there is something already.
     [[nodiscard]] Result Next(SecmgrRequest& request, std::chrono::milliseconds time);
+
+    // Ends a wait when this descriptor becomes readable; -1 for none.
+    void WakeBy(int fd) { m_wakeBy = fd; }
 
     // Answers the request of the last call to Next. False when the client does not take it, which
     // closes its connection.
@@ -63,6 +66,7 @@ class SecmgrServer {
     Clients::iterator Close(Clients::iterator client);
 
     SocketFile m_socket;
+    int m_wakeBy = -1;     // borrowed
     Clients m_clients;     // the one that was served last is the last
     bool m_asked = false;  // the last client has a request to be answered
     std::string m_error;

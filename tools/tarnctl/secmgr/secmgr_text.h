@@ -1,6 +1,6 @@
 #pragma once
 
-// What the security manager has to tell, in words or as JSON.
+// What the security manager reports, as text or as JSON.
 //
 // Threads: pure functions.
 

@@ -62,24 +62,46 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"ip intruder addr 10.0.0.1 counter 100b",
                          {"ip_saddr_100b", "ip saddr", "10.0.0.1", 100}}));
 
-TEST(NftScript, MakesAFreshTableAtBothHooks) {
-    EXPECT_EQ(R"(add table inet tarn
-delete table inet tarn
-table inet tarn {
+constexpr const char* kStructure = R"(table inet tarn {
     chain quarantine {
     }
     chain prerouting {
         type filter hook prerouting priority raw; policy accept;
-        jump quarantine
     }
     chain output {
         type filter hook output priority raw; policy accept;
-        jump quarantine
     }
 }
-)",
+flush table inet tarn
+add rule inet tarn prerouting jump quarantine
+add rule inet tarn output jump quarantine
+)";
+
+TEST(NftScript, MakesAFreshTableAtBothHooks) {
+    EXPECT_EQ(std::string("add table inet tarn\ndelete table inet tarn\n") + kStructure,
               NftFreshTable());
     EXPECT_EQ("add table inet tarn\ndelete table inet tarn\n", NftNoTable());
+}
+
+TEST(NftScript, MendsTheTableWithEachSet) {
+    const NftElement one = Translate("ip intruder addr 10.0.0.1");
+    const NftElement two = Translate("ip victim addr 10.0.0.1 counter 7b");
+    EXPECT_EQ(kStructure + NftAddSet(two) + NftAddSet(one),
+              NftMendedTable({{one.set, one}, {two.set, two}}));
+}
+
+TEST(NftScript, AsksForAnElementAndForTables) {
+    EXPECT_EQ("get element inet tarn ip_saddr { 10.0.0.1 }\n",
+              NftGetElement(Translate("ip intruder addr 10.0.0.1")));
+    EXPECT_EQ("list tables inet\n", NftListTables());
+    EXPECT_EQ("list table inet tarn\n", NftListTable());
+}
+
+TEST(NftScript, TakesAnElementOutWhetherItIsThereOrNot) {
+    EXPECT_EQ(
+        "add element inet tarn ip_saddr { 10.0.0.1 }\n"
+        "delete element inet tarn ip_saddr { 10.0.0.1 }\n",
+        NftRemoveElement(Translate("ip intruder addr 10.0.0.1")));
 }
 
 TEST(NftScript, AddsASetAndItsRule) {

@@ -19,9 +19,9 @@ TEST(RuleTableAdd, KeepsRulesInTheOrderOfTheirAsking) {
     table.Add(Rule("10.0.0.2", 2000), "two", 22, kNow);
     table.Add(Rule("10.0.0.1", 1500), "one", 11, kNow);
     ASSERT_EQ(2U, table.Rules().size());
-    EXPECT_EQ("two", table.Rules()[0].text);
-    EXPECT_EQ(22U, table.Rules()[0].issueId);
-    EXPECT_EQ(table.Rules()[1].parts, Rule("10.0.0.1", 1500));
+    EXPECT_EQ("two", table.Rules().front().text);
+    EXPECT_EQ(22U, table.Rules().front().issueId);
+    EXPECT_EQ(table.Rules().back().parts, Rule("10.0.0.1", 1500));
 }
 
 TEST(RuleTableAdd, DoesNotKeepARuleWhoseEndHasCome) {
@@ -36,13 +36,13 @@ TEST(RuleTableAdd, LetsTheLaterEndOfOneRuleHold) {
     table.Add(Rule("10.0.0.1", 2000), "late", 1, kNow);
     table.Add(Rule("10.0.0.1", 1500), "early", 2, kNow);
     ASSERT_EQ(1U, table.Rules().size());
-    EXPECT_EQ(2000, table.Rules()[0].parts.expiration);
-    EXPECT_EQ("late", table.Rules()[0].text);
-    EXPECT_EQ(2U, table.Rules()[0].issueId);
-    EXPECT_EQ(2U, table.Rules()[0].asked);
+    EXPECT_EQ(2000, table.Rules().front().parts.expiration);
+    EXPECT_EQ("late", table.Rules().front().text);
+    EXPECT_EQ(2U, table.Rules().front().issueId);
+    EXPECT_EQ(2U, table.Rules().front().asked);
     table.Add(Rule("10.0.0.1", 2500), "later", 3, kNow);
-    EXPECT_EQ(2500, table.Rules()[0].parts.expiration);
-    EXPECT_EQ("later", table.Rules()[0].text);
+    EXPECT_EQ(2500, table.Rules().front().parts.expiration);
+    EXPECT_EQ("later", table.Rules().front().text);
 }
 
 TEST(RuleTableAdd, TellsRulesApartByTheirCounter) {
@@ -73,8 +73,36 @@ TEST(RuleTableDropExpired, TakesOutWhatHasEndedAndKeepsTheOrder) {
     EXPECT_EQ("b", gone[0].text);
     EXPECT_EQ("d", gone[1].text);
     ASSERT_EQ(2U, table.Rules().size());
-    EXPECT_EQ("a", table.Rules()[0].text);
-    EXPECT_EQ("c", table.Rules()[1].text);
+    EXPECT_EQ("a", table.Rules().front().text);
+    EXPECT_EQ("c", table.Rules().back().text);
+}
+
+TEST(RuleTableDropExpired, FindsTheFirstEndAgainAfterALaterOneWasAskedFor) {
+    RuleTable table;
+    table.Add(Rule("10.0.0.1", 1100), "a", 1, kNow);
+    table.Add(Rule("10.0.0.1", 1300), "a", 1, kNow);
+    table.Add(Rule("10.0.0.2", 1200), "b", 2, kNow);
+    EXPECT_TRUE(table.DropExpired(1150).empty());
+    EXPECT_EQ(1U, table.DropExpired(1200).size());
+    table.Add(Rule("10.0.0.3", 1250), "c", 3, 1200);
+    EXPECT_EQ(1U, table.DropExpired(1250).size());
+    EXPECT_EQ(1U, table.DropExpired(1300).size());
+    EXPECT_TRUE(table.DropExpired(9999).empty());
+}
+
+TEST(RuleTableTakeOut, TakesTheRulesThatAreWantedAndForgetsThem) {
+    RuleTable table;
+    table.Add(Rule("10.0.0.1", 2000), "a", 1, kNow);
+    table.Add(Rule("10.0.0.2", 2000), "b", 2, kNow);
+    const std::vector<RuleInForce> taken =
+        table.TakeOut([](const RuleInForce& rule) { return rule.text == "a"; });
+    ASSERT_EQ(1U, taken.size());
+    EXPECT_EQ("a", taken[0].text);
+    EXPECT_EQ(0, table.EndOf(Rule("10.0.0.1", 2000)));
+    EXPECT_EQ(2000, table.EndOf(Rule("10.0.0.2", 1)));
+    table.Add(Rule("10.0.0.1", 1500), "again", 3, kNow);
+    EXPECT_EQ(1500, table.EndOf(Rule("10.0.0.1", 1)));
+    EXPECT_EQ(1U, table.Rules().back().asked);
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #include "tarnctl/common/exit_status.h"
 #include "tarnctl/common/socket_file.h"
 #include "unit/tarnctl/quarantine/quarantine_parts.h"
+#include "unit/tarnctl/quarantine/scripted_engine.h"
 #include "unit/tarnctl/secmgr/secmgr_requests.h"
 
 using nlohmann::json;
@@ -278,53 +279,24 @@ TEST_F(SecmgrCommandTest, IsRefusedWhereAnotherManagerServes) {
     EXPECT_EQ(0, lstat(m_options.socketPath.c_str(), &file)) << "the other's socket stays";
 }
 
-// --- with a stand-in for nft, which keeps what it is told
-// -----------------------------------------
-
 class SecmgrNftTest : public SecmgrCommandTest {
   protected:
     SecmgrNftTest() {
         m_options.nft = true;
         m_options.count = 1;
-        // The number of a call is the number of lines in "calls"; call 2 fails if so told.
-        m_options.nftCommand = m_dir.Write(
-            "nft", "#!/bin/sh\ncd '" + m_dir.Path().string() +
-                       "'\n[ \"$*\" = '-f -' ] || exit 9\n/bin/cat >>script\necho x >>calls\n"
-                       "if [ -e fail ] && [ $(/usr/bin/wc -l <calls) = 2 ]; then\n"
-                       "echo 'Error: no such thing' >&2; exit 1; fi\n");
-        chmod(m_options.nftCommand.c_str(), 0700);
+        m_options.nftEngine = ScriptedEngine::Maker(m_dir.Path());
+        m_options.objectionToNetwork = [] { return std::string(); };
     }
-    std::string Script() const { return m_dir.Read("script"); }
-    void ExpectRefusal(const std::string& rule, const std::string& reason) {
-        EXPECT_EQ(kExitFine,
-                  Run([&] { EXPECT_EQ(kRefused, Client(m_options.socketPath).Ask(rule)); }));
-        EXPECT_THAT(m_out.str(), HasSubstr("not accepted (" + reason + ")"));
-        EXPECT_THAT(Script(), Not(HasSubstr("element")));
-    }
+    std::string Script() const { return m_dir.Read("changes"); }
 };
 
-TEST_F(SecmgrNftTest, HandsAnAcceptedRuleToNft) {
+TEST_F(SecmgrNftTest, PutsAnAcceptedRuleIntoTheKernel) {
     EXPECT_EQ(kExitFine,
               Run([&] { EXPECT_EQ(kAdded, Client(m_options.socketPath).Ask(LiveRule())); }));
     EXPECT_THAT(Script(), HasSubstr("hook prerouting priority raw"));
     EXPECT_THAT(Script(), HasSubstr("add set inet tarn ip_saddr "));
     EXPECT_THAT(Script(), testing::ContainsRegex("203.0.113.1 timeout 0d(3600|3599)s"));
     EXPECT_THAT(Script(), EndsWith("s }\n")) << "the table stays";
-}
-
-TEST_F(SecmgrNftTest, MakesASetOnceAndAnElementAnewOnlyForALaterEnd) {
-    m_options.count = 3;
-    const std::string rule = LiveRule();
-    EXPECT_EQ(kExitFine, Run([&] {
-                  const Client client(m_options.socketPath);
-                  EXPECT_EQ(kAdded, client.Ask(rule));
-                  EXPECT_EQ(kAdded, client.Ask(rule));
-                  EXPECT_EQ(kAdded, client.Ask(LiveRule(" intruder addr 203.0.113.2")));
-              }));
-    const std::string script = Script();
-    EXPECT_EQ(script.find("add set"), script.rfind("add set"));
-    EXPECT_EQ(script.find("203.0.113.1 timeout"), script.rfind("203.0.113.1 timeout"));
-    EXPECT_THAT(script, HasSubstr("203.0.113.2 timeout"));
 }
 
 TEST_F(SecmgrNftTest, RemovesTheTableAtTheEndIfTold) {
@@ -334,47 +306,66 @@ TEST_F(SecmgrNftTest, RemovesTheTableAtTheEndIfTold) {
     EXPECT_THAT(Script(), EndsWith("delete table inet tarn\n"));
 }
 
-TEST_F(SecmgrNftTest, RefusesWhatNftDoesNotTake) {
-    m_dir.Write("fail", "");
+TEST_F(SecmgrNftTest, RefusesWhatTheKernelDoesNotTake) {
+    m_dir.Write("fail", "1");
     EXPECT_EQ(kExitFine,
               Run([&] { EXPECT_EQ(kRefused, Client(m_options.socketPath).Ask(LiveRule())); }));
     EXPECT_THAT(m_out.str(), HasSubstr("not accepted (nft: Error: no such thing)"));
     EXPECT_THAT(m_err.str(), HasSubstr("0 rules in force"));
 }
 
-TEST_F(SecmgrNftTest, RefusesARuleWithoutAnAddress) {
-    ExpectRefusal(LiveRule(""), "names no address");
+TEST_F(SecmgrNftTest, FailsWhenTheTableCannotBeRemoved) {
+    m_options.flush = true;
+    m_dir.Write("fail", "2");
+    EXPECT_EQ(kExitFailure,
+              Run([&] { EXPECT_EQ(kAdded, Client(m_options.socketPath).Ask(LiveRule())); }));
+    EXPECT_THAT(m_err.str(), HasSubstr("tarnctl secmgr: nft: Error: no such thing\n"));
 }
 
-TEST_F(SecmgrNftTest, RefusesARuleWhoseEndHasCome) {
-    ExpectRefusal(kPastRule, "its end has come already");
-}
-
-TEST_F(SecmgrNftTest, RefusesLoopbackAlways) {
-    ExpectRefusal(LiveRule(" victim addr 127.0.0.1"),
-                  "127.0.0.1 is never quarantined, as part of 127.0.0.0/8");
-}
-
-TEST_F(SecmgrNftTest, RefusesAnAddressOfTheList) {
-    m_options.never = {"203.0.113.0/24"};
-    ExpectRefusal(LiveRule(), "203.0.113.1 is never quarantined, as part of 203.0.113.0/24");
-}
-
-TEST_F(SecmgrNftTest, RefusesAnAddressOfTheListsFile) {
-    m_options.neverFile = {m_dir.Write("never", "203.0.113.1\n")};
-    ExpectRefusal(LiveRule(), "203.0.113.1 is never quarantined");
+TEST_F(SecmgrNftTest, ReadsItsListsAgainAtAHangup) {
+    m_options.count = 3;
+    m_options.neverFile = {m_dir.Write("never", "")};
+    const std::string rule = LiveRule();
+    EXPECT_EQ(kExitFine, Run([&] {
+                  const Client client(m_options.socketPath);
+                  EXPECT_EQ(kAdded, client.Ask(rule));
+                  m_dir.Write("never", "203.0.113.0/24\n");
+                  kill(getpid(), SIGHUP);
+                  // The signal interrupts the manager's wait or comes before the next one.
+                  EXPECT_EQ(kAdded, client.Ask(LiveRule(" intruder addr 198.51.100.1")));
+                  EXPECT_EQ(kRefused, client.Ask(rule));
+              }));
+    EXPECT_THAT(m_err.str(), HasSubstr("the lists were read again\n"));
+    EXPECT_THAT(m_err.str(),
+                HasSubstr("no longer in force (203.0.113.1 is never quarantined, as part of "
+                          "203.0.113.0/24): SID 1"));
+    EXPECT_THAT(Script(), EndsWith(" }\n"));
 }
 
 TEST_F(SecmgrNftTest, DoesNotBeginWithoutNft) {
-    m_options.nftCommand = m_dir.File("none");
+    m_options.nftEngine = {};
     EXPECT_EQ(kExitFailure, RunSecmgr(m_options, m_out, m_err));
-    EXPECT_THAT(m_err.str(), HasSubstr("none: No such file or directory"));
+    EXPECT_THAT(m_err.str(), HasSubstr("--nft: this tarnctl was built without libnftables"));
 }
 
 TEST_F(SecmgrNftTest, DoesNotBeginWithAListThatCannotBeRead) {
     m_options.neverFile = {m_dir.File("none")};
     EXPECT_EQ(kExitFailure, RunSecmgr(m_options, m_out, m_err));
     EXPECT_EQ("", Script()) << "nothing was done yet";
+}
+
+TEST_F(SecmgrCommandTest, RefusesMoreRulesThanItsLimit) {
+    m_options.count = 4;
+    m_options.maxRules = 1;
+    EXPECT_EQ(kExitFine, Run([&] {
+                  const Client client(m_options.socketPath);
+                  EXPECT_EQ(kAdded, client.Ask(LiveRule()));
+                  EXPECT_EQ(kRefused, client.Ask(LiveRule(" intruder addr 203.0.113.2")));
+                  EXPECT_EQ(kAdded, client.Ask(LiveRule())) << "it is in force already";
+                  EXPECT_EQ(kAdded, client.Ask(kPastRule)) << "it is not kept";
+              }));
+    EXPECT_THAT(m_out.str(),
+                HasSubstr("not accepted (the limit of 1 rule in force is reached (--max-rules))"));
 }
 
 }  // namespace

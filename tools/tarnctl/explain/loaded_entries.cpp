@@ -1,0 +1,77 @@
+#include "tarnctl/explain/loaded_entries.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "config/config.h"
+#include "config/event_rule_table.h"
+#include "tarnctl/common/failure_text.h"
+#include "tarnctl/explain/standard_input.h"
+
+namespace tarnctl {
+
+std::string LoadedEntries::Load(const ConfigPaths& paths) {
+    m_paths = paths;
+    m_fault.clear();
+    m_blocks.clear();
+    m_openId = 0;
+    const StandardInput input;
+    Config::Initialize();
+    Config::s_stateFile = input.PathOf(paths.state);
+    Config::s_observer = this;
+    Config::Load(input.PathOf(paths.config).c_str(), Config::kMainFile);
+    Config::Load(input.PathOf(paths.events).c_str(), Config::kEventFile);
+    Config::s_observer = nullptr;
+    return m_fault;
+}
+
+std::shared_ptr<Node> LoadedEntries::Find(uint32_t id) {
+    return Config::s_eventTable.Find(id);
+}
+
+const std::vector<EntryBlock>& LoadedEntries::Blocks(uint32_t id) const {
+    static const std::vector<EntryBlock> kNone;
+    const auto found = m_blocks.find(id);
+    return found == m_blocks.end() ? kNone : found->second;
+}
+
+bool LoadedEntries::OnFile(const char* path, int kind, int error) {
+    const bool isState = path == Config::s_stateFile;
+    m_file = isState ? m_paths.state : kind == Config::kMainFile ? m_paths.config : m_paths.events;
+    if (error == 0) {
+        return true;
+    }
+    // The daemon reads what it could write to; whoever asks beforehand may only be allowed to read.
+    const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
+    const int reason = descriptor == -1 ? errno : 0;
+    if (descriptor != -1) {
+        close(descriptor);
+    } else if (!(isState && reason == ENOENT) && m_fault.empty()) {
+        m_fault = FailureText(m_file, reason);
+    }
+    return descriptor != -1;
+}
+
+void LoadedEntries::OnLine(const LineRead& line) {
+    if (line.kind != Config::kEventFile || line.id == 0) {
+        return;
+    }
+    if (line.id != m_openId) {
+        m_blocks[line.id].emplace_back();
+        m_openId = line.id;
+    }
+    m_blocks[line.id].back().lines.push_back(
+        {m_file, line.number, static_cast<uint32_t>(line.nameAt) + 1, line.name, line.value,
+         line.eventKey, line.outcome == LineRead::Outcome::kApplied});
+}
+
+void LoadedEntries::OnEntryClosed(uint32_t id, bool entered) {
+    const auto found = m_blocks.find(id);
+    if (found != m_blocks.end()) {
+        found->second.back().isInForce = entered;
+    }
+}
+
+}  // namespace tarnctl
