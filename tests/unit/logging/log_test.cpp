@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "logging/sys_log.h"
+#include "support/allocation_count.h"
 #include "support/file_text.h"
 #include "support/stderr_capture.h"
 #include "support/temp_dir.h"
@@ -191,7 +192,7 @@ TEST_F(LogConsole, AppendsTheTextOfErrnoWhereAsked) {
     EXPECT_EQ("Error: cannot open x: No such file or directory\n", captured.Text());
 }
 
-TEST_F(LogConsole, HasNoRoomForErrnoBehindAFullMessage) {
+TEST_F(LogConsole, HasNoRoomForErrnoAfterAFullMessage) {
     const StderrCapture captured;
     LogPeer::WriteConsoleWithErrno(1, "%s", std::string(9000, 'x').c_str());
     EXPECT_EQ("Error: " + std::string(8191, 'x') + "\n", captured.Text());
@@ -384,6 +385,14 @@ TEST_F(LogSingleton, IsMadeOnce) {
     EXPECT_FALSE(LogPeer::Exists());
     EXPECT_EQ(Log::GetInstance(), Log::GetInstance());
     EXPECT_TRUE(LogPeer::Exists());
+}
+
+TEST_F(LogSingleton, IsNullOnlyWhenThereIsNoMemoryForIt) {
+    if (!FailNextAllocation()) {
+        GTEST_SKIP() << "a sanitizer has an allocator of its own";
+    }
+    EXPECT_EQ(nullptr, Log::GetInstance());
+    EXPECT_NE(nullptr, Log::GetInstance());
 }
 
 TEST_F(LogSingleton, ClosesBothSinksWhenItIsDestroyed) {

@@ -299,10 +299,16 @@ TEST(ThreadJoin, OfADetachedThreadGoesThroughTheGate) {
 }
 
 TEST(ThreadJoin, KeepsADetachedThreadDetachedForLaterStarts) {
-    ScriptedThread thread([] { return 3; });
+    bool waits = false;
+    ScriptedThread* self = nullptr;
+    ScriptedThread thread([&] { return waits ? self->WaitForStop() : 3; });
+    self = &thread;
     ASSERT_TRUE(thread.Start(true));
     ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    waits = true;
     ASSERT_TRUE(thread.Start(false));
+    EXPECT_EQ(PTHREAD_CREATE_DETACHED, DetachState(thread));
+    thread.Stop();
     void* result = &thread;
     ASSERT_TRUE(thread.Join(kLongMs, &result));
     EXPECT_EQ(&thread, result);
