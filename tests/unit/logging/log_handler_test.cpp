@@ -56,6 +56,21 @@ TEST_F(LogAllocation, NoneForTheFirstLineNorForOnesThatRotate) {
     EXPECT_TRUE(std::filesystem::exists(m_path + ".009")) << "every line rotated";
 }
 
+// In a process of its own: nothing has used the local time there yet.
+TEST_F(LogAllocation, NoneForTheFirstLineOfAProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            const bool counted = MallocIsCounted();
+            Log::GetInstance()->Open("tarn", m_path.c_str(), Log::kDebug, 1000, 3);
+            const uint64_t before = MallocCount();
+            Log::Error("Received INT signal");
+            _exit(!counted || before == MallocCount() ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+    GTEST_FLAG_SET(death_test_style, "fast");
+}
+
 TEST_F(LogAllocation, NoneOnTheConsolePath) {
     if (!MallocIsCounted()) {
         GTEST_SKIP() << "a sanitizer has an allocator of its own";
