@@ -291,6 +291,16 @@ TEST_F(LogFileRotation, HappensBeforeTheLineThatFindsTheFileAboveItsLimit) {
     EXPECT_EQ("one\ntwo\n", Messages(Numbered(1)));
 }
 
+TEST_F(LogFileRotation, CountsTheLineFeedsToo) {
+    OpenWith(1000, 5);
+    const auto text = static_cast<unsigned>(m_log.Write(3, "one"));
+    OpenWith(text, 5);
+    m_log.Write(3, "one");
+    m_log.Write(3, "two");
+    EXPECT_EQ("two\n", Messages(m_path));
+    EXPECT_EQ("one\n", Messages(Numbered(1)));
+}
+
 TEST_F(LogFileRotation, FailsOnAFullDirectoryInTheWay) {
     WriteFile(m_path, "former\n");
     fs::create_directory(Numbered(1));
