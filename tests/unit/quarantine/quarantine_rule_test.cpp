@@ -12,6 +12,7 @@
 #include <random>
 #include <regex>
 #include <string>
+#include <utility>
 
 #include "support/levelled_log.h"
 
@@ -219,9 +220,25 @@ TEST(QuarantineRuleToString, LogsAnUnknownProtocolAndLetsTheRuleStand) {
                     "5 Quarantine rule constructed: ip proto 47" + kExpires));
 }
 
+TEST(QuarantineRuleToString, LogsNothingOfAProtocolThatHasAName) {
+    for (const auto& [version, protocol] :
+         {std::pair{4, 1}, std::pair{6, 58}, std::pair{4, 6}, std::pair{4, 17}}) {
+        const auto log =
+            LevelledMessages([&, v = version, p = protocol] { EXPECT_TRUE(TextOf(RuleOf(v, p))); });
+        ASSERT_EQ(1U, log.size()) << protocol;
+        EXPECT_EQ('5', log[0].front());
+    }
+}
+
 TEST(QuarantineRuleToString, RefusesARuleWithoutAnIpVersion) {
-    EXPECT_THAT(LevelledMessages([] { EXPECT_FALSE(TextOf(QuarantineRule())); }),
-                ElementsAre("1 Unable to produce quarantine rule for IP version 0."));
+    EXPECT_THAT(LevelledMessages([] {
+                    QuarantineRule rule;
+                    EXPECT_FALSE(TextOf(rule));
+                    rule.SetProtocol(47);  // which is not looked at
+                    EXPECT_FALSE(TextOf(rule));
+                }),
+                ElementsAre("1 Unable to produce quarantine rule for IP version 0.",
+                            "1 Unable to produce quarantine rule for IP version 0."));
 }
 
 TEST(QuarantineRuleToString, RefusesIcmpOfTheOtherFamily) {
