@@ -15,6 +15,7 @@
 #include "tarnctl/common/help_text.h"
 #include "tarnctl/common/nearest_word.h"
 #include "tarnctl/common/signals.h"
+#include "tarnctl/completion.h"
 #include "tarnctl/sub_commands.h"
 #include "version.h"
 
@@ -49,6 +50,11 @@ class CommandLine {
         m_help = m_app.add_subcommand("help", "Show the help of tarnctl or of a sub-command");
         m_help->footer("Examples:\n  tarnctl help\n  tarnctl help replay");
         m_help->add_option("SUB-COMMAND", m_helpTopic, "What the help is about");
+        m_completion = m_app.add_subcommand("completion", "Print the completion script of a shell");
+        m_completion->footer("Examples:\n  source <(tarnctl completion bash)");
+        m_completion->add_option("SHELL", m_shell, "bash, zsh or fish")
+            ->type_name("bash|zsh|fish")
+            ->required();
     }
 
     int Run() {
@@ -69,6 +75,9 @@ class CommandLine {
         }
         if (m_help->parsed()) {
             return ShowHelp();
+        }
+        if (m_completion->parsed()) {
+            return ShowCompletion();
         }
         CatchStopSignals();
         for (std::size_t i = 0; i < m_commands.size(); ++i) {
@@ -116,6 +125,15 @@ class CommandLine {
         }
         m_out << HelpText(*m_app.get_subcommand(m_helpTopic),
                           std::string(kProgram) + " " + m_helpTopic, m_width);
+        return kExitFine;
+    }
+
+    int ShowCompletion() {
+        const std::string script = CompletionScript(m_app, m_shell);
+        if (script.empty()) {
+            return Refuse("there is no completion for '" + m_shell + "'");
+        }
+        m_out << script;
         return kExitFine;
     }
 
@@ -175,6 +193,8 @@ class CommandLine {
     std::vector<const CLI::App*> m_added;  // in the order of m_commands; borrowed from m_app
     CLI::App* m_help = nullptr;            // borrowed from m_app
     std::string m_helpTopic;
+    CLI::App* m_completion = nullptr;  // borrowed from m_app
+    std::string m_shell;
 };
 
 }  // namespace

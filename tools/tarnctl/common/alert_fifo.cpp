@@ -14,6 +14,7 @@
 
 #include "tarnctl/common/failure_text.h"
 #include "tarnctl/common/signals.h"
+#include "tarnctl/common/tarn_process.h"
 
 namespace tarnctl {
 namespace {
@@ -40,7 +41,9 @@ FifoResult AlertFifo::Fail(const std::string& reason) {
 }
 
 FifoResult AlertFifo::Open() {
-    const auto deadline = Clock::now() + m_limits.open;
+    const auto started = Clock::now();
+    const auto deadline = started + m_limits.open;
+    bool isTold = false;
     while (true) {
         struct stat status = {};
         int failure = 0;
@@ -67,6 +70,12 @@ FifoResult AlertFifo::Open() {
                 failure == ENXIO
                     ? "nobody is reading; start tarn, or wait for it with --wait"
                     : "no such FIFO; start tarn, which makes it, or wait for it with --wait");
+        }
+        std::string reason;
+        if (!isTold) {
+            reason = (failure == ENXIO ? "nobody reads " : "no FIFO at ") + m_path;
+            TellWait(started, reason);
+            isTold = reason.empty();
         }
         std::this_thread::sleep_for(kReaderPoll);
     }
@@ -112,6 +121,7 @@ FifoResult AlertFifo::Drain() {
 FifoResult AlertFifo::WaitFor(Wait what) {
     int unread = Unread();
     auto moved = Clock::now();
+    std::string reason = "the reader of " + m_path + " takes nothing";
     while (what == Wait::kRoom || unread > 0) {
         pollfd entry = {};
         entry.fd = m_fd;
@@ -136,7 +146,9 @@ FifoResult AlertFifo::WaitFor(Wait what) {
         if (now != unread) {
             moved = Clock::now();
             unread = now;
-        } else if (Clock::now() - moved > m_limits.stall) {
+        } else if (Clock::now() - moved <= m_limits.stall) {
+            TellWait(moved, reason);
+        } else {
             return Fail("the reader takes nothing: " + std::to_string(unread) +
                         " bytes stand unread; see the log of tarn");
         }
@@ -145,7 +157,9 @@ FifoResult AlertFifo::WaitFor(Wait what) {
 }
 
 FifoResult AlertFifo::WaitForReader() {
-    const auto deadline = Clock::now() + m_limits.reopen;
+    const auto started = Clock::now();
+    const auto deadline = started + m_limits.reopen;
+    std::string reason = "the reader of " + m_path + " is gone";
     while (true) {
         pollfd entry = {};
         entry.fd = m_fd;
@@ -160,8 +174,18 @@ FifoResult AlertFifo::WaitForReader() {
             return Fail("the reader is gone, with " + std::to_string(std::max(0, Unread())) +
                         " bytes unread; start tarn and play again");
         }
+        TellWait(started, reason);
         std::this_thread::sleep_for(kReaderPoll);
     }
+}
+
+void AlertFifo::TellWait(Clock::time_point since, std::string& reason) const {
+    const std::chrono::milliseconds silent(kSilentWait);
+    if (reason.empty() || !m_tell || Clock::now() - since < silent) {
+        return;
+    }
+    m_tell("waiting: " + (IsTarnRunning() ? std::string() : "tarn is not running; ") + reason);
+    reason.clear();
 }
 
 bool AlertFifo::EnsureCapacity(std::size_t length) {

@@ -17,8 +17,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
+#include <utility>
 
 namespace tarnctl {
 
@@ -46,6 +48,9 @@ class AlertFifo {
     AlertFifo(const AlertFifo&) = delete;
     AlertFifo& operator=(const AlertFifo&) = delete;
 
+    // From here on a wait of more than kSilentWait tells `tell` what for, once for each wait.
+    void TellWaits(std::function<void(const std::string&)> tell) { m_tell = std::move(tell); }
+
     // Opens the FIFO, which must exist and have a reader.
     [[nodiscard]] FifoResult Open();
 
@@ -71,9 +76,12 @@ class AlertFifo {
     // Bytes that stand unread in the pipe, or -1.
     [[nodiscard]] int Unread() const;
     FifoResult Fail(const std::string& reason);
+    // Tells what is waited for when the wait that began at `since` is long; clears `reason` then.
+    void TellWait(Clock::time_point since, std::string& reason) const;
 
     const std::string m_path;
     const Limits m_limits;
+    std::function<void(const std::string&)> m_tell;
     int m_fd = -1;  // owned
     std::string m_error;
 };

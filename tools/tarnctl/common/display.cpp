@@ -98,8 +98,8 @@ std::size_t Display::ErrorWidth() const {
 void AddColorOption(CLI::App& command, Display& display) {
     command
         .add_option("--color", display.colorChoice,
-                    "Colour: auto (on a terminal, unless NO_COLOR is set), always or never")
-        ->type_name("WHEN")
+                    "When to use colour; auto: on a terminal, unless NO_COLOR is set")
+        ->type_name("auto|always|never")
         ->check(CLI::Validator(CheckColorChoice, "", "color"))
         ->capture_default_str();
 }

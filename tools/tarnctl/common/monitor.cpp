@@ -1,5 +1,6 @@
 #include "tarnctl/common/monitor.h"
 
+#include <algorithm>
 #include <ostream>
 
 #include "tarnctl/common/counted.h"
@@ -7,6 +8,7 @@
 #include "tarnctl/common/exit_status.h"
 #include "tarnctl/common/number_checks.h"
 #include "tarnctl/common/signals.h"
+#include "tarnctl/common/tarn_process.h"
 
 namespace tarnctl {
 
@@ -39,7 +41,8 @@ int Monitor::Run() {
     }
     m_quiet.Restart();
     while (!IsDone() && !IsReaderGone(m_out)) {
-        Serve(m_quiet.TimeToWait());
+        Serve(TimeToWait());
+        TellWaiting();
     }
     End();
     // Who has closed the output has seen enough, and is not told how it ended.
@@ -55,12 +58,41 @@ bool Monitor::IsDone() const {
            m_quiet.IsOver();
 }
 
+std::chrono::milliseconds Monitor::TimeToWait() const {
+    const std::chrono::milliseconds time = m_quiet.TimeToWait();
+    if (!m_waiting.empty()) {
+        return time;
+    }
+    const std::chrono::milliseconds silent(kSilentWait);
+    return std::clamp(silent - m_quiet.Elapsed(), std::chrono::milliseconds(0), time);
+}
+
+void Monitor::TellWaiting() {
+    constexpr std::chrono::seconds kLookInterval{2};
+    const auto now = QuietTime::Clock::now();
+    if (IsDone() || m_quiet.Elapsed().count() < kSilentWait || now < m_nextLook) {
+        return;
+    }
+    m_nextLook = now + kLookInterval;
+    std::string waiting = "waiting: ";
+    if (IsTarnRunning()) {
+        waiting += std::string("tarn is running and sends no ") + m_thing;
+    } else {
+        const std::string missing = Missing();
+        waiting += "tarn is not running" + (missing.empty() ? "" : "; " + missing);
+    }
+    if (waiting != m_waiting) {
+        m_waiting = waiting;
+        Say(waiting);
+    }
+}
+
 void Monitor::Say(const std::string& text) {
     m_err << "tarnctl " << m_name << ": " << text << std::endl;
 }
 
 void Monitor::Write(const std::string& line) {
-    m_out << line << std::endl;
+    m_out << (m_options.json ? line : CutToWidth(line, m_options.Width())) << std::endl;
     if (!m_out && !m_failed && !IsReaderGone(m_out)) {
         Fail(std::string("the output takes no more; the last ") + m_thing +
              " was taken and not shown");

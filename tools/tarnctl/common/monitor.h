@@ -52,6 +52,9 @@ class Monitor {
     virtual void Serve(std::chrono::milliseconds time) = 0;
     // What is to be done and told before the closing line.
     virtual void End() {}
+    // What the sub-command found missing as it began, for a wait in which the daemon does not run;
+    // empty when there is nothing to say.
+    [[nodiscard]] virtual std::string Missing() const { return ""; }
     // The closing line's counts.
     [[nodiscard]] virtual std::string Counts() const = 0;
 
@@ -63,6 +66,7 @@ class Monitor {
     // Something has come, so the quiet seconds begin anew.
     void HasNews() { m_quiet.Restart(); }
     void CountOne() { ++m_taken; }
+    // Writes a line, which is cut to the width unless it is JSON.
     void Write(const std::string& line);
     // Tells what cannot go on; the loop ends.
     void Fail(const std::string& reason);
@@ -73,12 +77,19 @@ class Monitor {
                        std::span<const std::byte> bytes, const std::string& json);
 
   private:
+    // How long Serve may wait now.
+    [[nodiscard]] std::chrono::milliseconds TimeToWait() const;
+    // Says what is waited for once the wait is long, and again when that has changed.
+    void TellWaiting();
+
     const char* const m_name;   // borrowed
     const char* const m_thing;  // borrowed
     const MonitorOptions& m_options;
     std::ostream& m_out;
     std::ostream& m_err;
     QuietTime m_quiet;
+    std::string m_waiting;                    // what was said last of it
+    QuietTime::Clock::time_point m_nextLook;  // when it may have changed
     uint64_t m_taken = 0;
     uint64_t m_malformed = 0;
     bool m_failed = false;

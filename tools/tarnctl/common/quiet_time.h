@@ -15,13 +15,18 @@ class QuietTime {
     using Milliseconds = std::chrono::milliseconds;
 
     // A stop signal that comes just before a wait is noticed this much later.
-    static constexpr Milliseconds kLongestWait{200};
+    static constexpr Milliseconds kLongestWait{100};
 
     // Is over after this many seconds; 0: never.
     explicit QuietTime(double seconds) : m_limit(seconds) {}
 
     // There is news.
     void Restart() { m_lastNews = Clock::now(); }
+
+    // Since the last news.
+    [[nodiscard]] Milliseconds Elapsed() const {
+        return std::chrono::duration_cast<Milliseconds>(Clock::now() - m_lastNews);
+    }
 
     [[nodiscard]] bool IsOver() const { return m_limit.count() > 0 && Left().count() <= 0; }
 

@@ -1,6 +1,7 @@
 #include "tarnctl/common/record_file.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,8 @@
 #include <cstring>
 
 #include "tarnctl/common/failure_text.h"
+#include "tarnctl/common/signals.h"
+#include "tarnctl/common/tarn_process.h"
 #include "unified2/unified2_format.h"
 
 namespace tarnctl {
@@ -30,22 +33,27 @@ bool IsPlausibleFirstRecord(uint32_t type, uint32_t length) {
 }  // namespace
 
 RecordFile::~RecordFile() {
-    if (m_fd != -1) {
+    if (m_fd != -1 && m_fd != STDIN_FILENO) {
         close(m_fd);
     }
 }
 
 bool RecordFile::Open(const std::string& path) {
-    m_path = path;
-    m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const bool isInput = path == "-";
+    m_path = isInput ? "standard input" : path;
+    m_fd = isInput ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (m_fd == -1) {
         m_error = FailureText(path, errno);
         return false;
     }
     struct stat status = {};
     if (fstat(m_fd, &status) != 0) {
-        m_error = FailureText(path, errno);
+        m_error = FailureText(m_path, errno);
         return false;
+    }
+    m_isStream = isInput && !S_ISREG(status.st_mode);
+    if (m_isStream) {
+        return true;
     }
     if (!S_ISREG(status.st_mode)) {
         m_error = path + " is not a plain file; copy what it holds into one first";
@@ -56,6 +64,11 @@ bool RecordFile::Open(const std::string& path) {
 }
 
 bool RecordFile::Rewind() {
+    if (m_isStream) {
+        m_isAgain = m_recordOffset == 0;
+        m_error = m_isAgain ? "" : m_path + ": cannot be read twice; name a file";
+        return m_isAgain;
+    }
     if (lseek(m_fd, 0, SEEK_SET) != 0) {
         m_error = m_path + ": " + std::strerror(errno);
         return false;
@@ -71,6 +84,10 @@ bool RecordFile::IsAlert() const {
 int64_t RecordFile::Read(std::byte* to, std::size_t length) {
     std::size_t done = 0;
     while (done < length) {
+        if (m_isStream && !WaitForBytes()) {
+            m_isStopped = true;
+            return -1;
+        }
         const ssize_t count = read(m_fd, to + done, length - done);
         if (count == -1 && errno == EINTR) {
             continue;
@@ -87,12 +104,28 @@ int64_t RecordFile::Read(std::byte* to, std::size_t length) {
     return static_cast<int64_t>(done);
 }
 
+bool RecordFile::WaitForBytes() {
+    pollfd entry = {.fd = m_fd, .events = POLLIN, .revents = 0};
+    while (poll(&entry, 1, kSilentWait) <= 0) {
+        if (StopRequested()) {
+            return false;
+        }
+        if (m_tell) {
+            std::exchange(m_tell, nullptr)("waiting: nothing comes on standard input");
+        }
+    }
+    return !StopRequested();
+}
+
 RecordResult RecordFile::Fail(RecordResult result, const std::string& reason) {
     m_error = m_path + ": " + reason;
     return result;
 }
 
 RecordResult RecordFile::Next() {
+    if (std::exchange(m_isAgain, false)) {
+        return m_record.empty() ? RecordResult::kEnd : RecordResult::kRecord;
+    }
     m_recordOffset = m_position;
     const std::string at = " at offset " + std::to_string(m_recordOffset);
 
@@ -100,9 +133,11 @@ RecordResult RecordFile::Next() {
     m_record.resize(sizeof header);
     const int64_t headerBytes = Read(m_record.data(), m_record.size());
     if (headerBytes == -1) {
-        return Fail(RecordResult::kFailed, std::strerror(errno));
+        return m_isStopped ? RecordResult::kStopped
+                           : Fail(RecordResult::kFailed, std::strerror(errno));
     }
     if (headerBytes == 0) {
+        m_record.clear();
         return RecordResult::kEnd;
     }
     if (headerBytes < static_cast<int64_t>(sizeof header)) {
@@ -121,7 +156,7 @@ RecordResult RecordFile::Next() {
     }
 
     // The claim is held against the file before a buffer of that size is made.
-    const uint64_t left = m_size > m_position ? m_size - m_position : 0;
+    const uint64_t left = m_isStream ? UINT32_MAX : m_size > m_position ? m_size - m_position : 0;
     int64_t payloadBytes = static_cast<int64_t>(left);
     if (length <= left && length > kLongest) {
         return Fail(RecordResult::kTooLong, "the record" + at + " has " + std::to_string(length) +
@@ -131,7 +166,8 @@ RecordResult RecordFile::Next() {
         m_record.resize(sizeof header + length);
         payloadBytes = Read(m_record.data() + sizeof header, length);
         if (payloadBytes == -1) {
-            return Fail(RecordResult::kFailed, std::strerror(errno));
+            return m_isStopped ? RecordResult::kStopped
+                               : Fail(RecordResult::kFailed, std::strerror(errno));
         }
     }
     if (payloadBytes < static_cast<int64_t>(length)) {

@@ -12,7 +12,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tarnctl {
@@ -24,6 +26,7 @@ enum class RecordResult {
     kForeign,    // the first record is none of unified2
     kTooLong,    // the record is longer than kLongest
     kFailed,     // the file cannot be read
+    kStopped,    // StopRequested() while waiting for standard input
 };
 
 class RecordFile {
@@ -37,13 +40,17 @@ class RecordFile {
     RecordFile(const RecordFile&) = delete;
     RecordFile& operator=(const RecordFile&) = delete;
 
-    // Opens a plain file. False with the reason in Error().
+    // Opens a plain file; "-" is standard input, of any kind. False with the reason in Error().
     [[nodiscard]] bool Open(const std::string& path);
+
+    // From here on a wait for standard input of more than kSilentWait is told to `tell`, once.
+    void TellWaits(std::function<void(const std::string&)> tell) { m_tell = std::move(tell); }
 
     // Reads the next record. On anything but kRecord and kEnd, Error() says why, and where.
     [[nodiscard]] RecordResult Next();
 
-    // Back to the first record. False with the reason in Error().
+    // Back to the first record. Of a stream only the first record comes back, and only while it is
+    // the one that was read last. False with the reason in Error().
     [[nodiscard]] bool Rewind();
 
     // The record that Next() read last: its type, whether it is an alert, its place in the file,
@@ -53,7 +60,7 @@ class RecordFile {
     [[nodiscard]] uint64_t Offset() const { return m_recordOffset; }
     [[nodiscard]] const std::vector<std::byte>& Bytes() const { return m_record; }
 
-    [[nodiscard]] uint64_t Size() const { return m_size; }          // bytes of the file
+    [[nodiscard]] uint64_t Size() const { return m_size; }  // bytes of the file; of a stream 0
     [[nodiscard]] uint64_t Position() const { return m_position; }  // bytes read so far
     [[nodiscard]] const std::string& Error() const { return m_error; }
 
@@ -62,7 +69,14 @@ class RecordFile {
     [[nodiscard]] int64_t Read(std::byte* to, std::size_t length);
     RecordResult Fail(RecordResult result, const std::string& reason);
 
-    int m_fd = -1;  // owned
+    // Waits until a stream has bytes. False when a stop is requested.
+    [[nodiscard]] bool WaitForBytes();
+
+    int m_fd = -1;             // owned, but for standard input
+    bool m_isStream = false;   // its size is not known and it cannot be read again
+    bool m_isAgain = false;    // the next record is the one that was read last
+    bool m_isStopped = false;  // a stop was requested within a record
+    std::function<void(const std::string&)> m_tell;
     std::string m_path;
     uint64_t m_size = 0;
     uint64_t m_position = 0;

@@ -19,6 +19,17 @@ std::string TimeText(uint64_t seconds) {
     return text.data();
 }
 
+nlohmann::ordered_json TimeAsJson(uint64_t seconds, uint32_t microseconds) {
+    if (seconds == 0 && microseconds == 0) {
+        return nullptr;
+    }
+    if (microseconds == 0) {
+        return seconds;
+    }
+    constexpr double kSecond = 1e6;  // in microseconds
+    return static_cast<double>(seconds) + microseconds / kSecond;
+}
+
 std::string ForTerminal(std::string_view text) {
     std::string safe;
     for (const char letter : text) {

@@ -16,6 +16,10 @@ namespace tarnctl {
 // Seconds since the epoch as local date and time.
 [[nodiscard]] std::string TimeText(uint64_t seconds);
 
+// The same as JSON: a number, with a fraction where microseconds are known; null for a time of 0,
+// which is none. Every time in JSON has this form, and the name "time" or one that ends in "Time".
+[[nodiscard]] nlohmann::ordered_json TimeAsJson(uint64_t seconds, uint32_t microseconds = 0);
+
 // The text with every byte that would act on a terminal as \xNN.
 [[nodiscard]] std::string ForTerminal(std::string_view text);
 

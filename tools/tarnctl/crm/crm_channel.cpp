@@ -5,11 +5,9 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 
 #include "paths.h"
@@ -34,11 +32,6 @@ std::string s_ringReport;
     va_end(arguments);
     s_ringReport = text.data();
     return 0;
-}
-
-uint32_t LoadAcquire(uint32_t& word) {
-    // Partner of the writer's release of its index.
-    return std::atomic_ref<uint32_t>(word).load(std::memory_order_acquire);
 }
 
 }  // namespace
@@ -74,6 +67,7 @@ bool CrmChannel::Fail(const std::string& reason) {
 bool CrmChannel::Open() {
     // Opening a ring stores its read index, so the lock comes first.
     const std::string& path = m_pair->m_aPipes[0].m_strPath;
+    m_missingRing = access(path.c_str(), F_OK) == 0 ? "" : path;
     m_lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kRingMode);
     if (m_lock == -1) {
         return Fail(FailureText(path, errno));
@@ -120,7 +114,7 @@ CrmChannel::ReadResult CrmChannel::Next(std::span<const std::byte>& bytes, int& 
             default:
                 break;
         }
-        if (status == READ_EMPTY && IsStuck(pipe)) {
+        if (status == READ_EMPTY && pipe.State().isStuck) {
             m_error =
                 pipe.m_strPath +
                 ": the ring is stuck at a message of no bytes, which nothing moves; stop tarn, remove "
@@ -131,19 +125,6 @@ CrmChannel::ReadResult CrmChannel::Next(std::span<const std::byte>& bytes, int& 
     // A post without a message is one that another reader has left behind.
     m_hasPost = false;
     return ReadResult::kEmpty;
-}
-
-bool CrmChannel::IsStuck(const ShmEventPipe& ring) const {
-    const uint32_t write = LoadAcquire(ring.m_pHeader->writeIndex);
-    const uint32_t read = ring.m_pHeader->readIndex;
-    const uint32_t size = ring.m_uSize;
-    if (read == write || read >= size) {
-        return false;
-    }
-    // A message that came after the read has its length in place before the index moved.
-    uint32_t length = 0;
-    std::memcpy(&length, ring.m_pData + read, sizeof length);
-    return length == 0;
 }
 
 void CrmChannel::TakePost() {

@@ -41,6 +41,9 @@ class CrmChannel {
     // Makes what is missing of semaphore and rings, and attaches. False with the reason in Error().
     [[nodiscard]] bool Open();
 
+    // The path of the first ring if it was missing before Open() made it, else an empty text.
+    [[nodiscard]] const std::string& MissingRing() const { return m_missingRing; }
+
     // Takes the oldest message off the first ring that has one. `bytes` stays until the next call.
     [[nodiscard]] ReadResult Next(std::span<const std::byte>& bytes, int& ring);
 
@@ -54,13 +57,13 @@ class CrmChannel {
     // semaphore stays the count of what is left for a reader that comes after.
     void TakePost();
     [[nodiscard]] bool Fail(const std::string& reason);
-    [[nodiscard]] bool IsStuck(const ShmEventPipe& ring) const;
 
     EventQueue m_queue;                     // holds the semaphore and the one pair
     ShmEventPipePair* m_pair = nullptr;     // borrowed from m_queue
     std::unique_ptr<std::byte[]> m_buffer;  // as large as the larger ring: no message is too long
     int m_lock = -1;                        // owned; the first ring's file, locked
     bool m_hasPost = false;                 // a post was taken by Wait() and no message with it
+    std::string m_missingRing;
     std::string m_error;
 };
 

@@ -47,6 +47,11 @@ class CrmMonitor final : public Monitor {
         }
     }
 
+    [[nodiscard]] std::string Missing() const override {
+        const std::string& ring = m_channel.MissingRing();
+        return ring.empty() ? "" : "no ring at " + ring;
+    }
+
     [[nodiscard]] std::string Counts() const override { return Counted(Taken(), "report"); }
 
     void DiscardWaiting() {
@@ -88,7 +93,7 @@ class CrmMonitor final : public Monitor {
             return;
         }
         CountOne();
-        Write(WritesJson() ? ReportAsJson(origin, message) : ReportAsLine(message));
+        Write(WritesJson() ? ReportAsJson(origin, message) : ReportAsLine(message, m_options));
     }
 
     const CrmOptions& m_options;

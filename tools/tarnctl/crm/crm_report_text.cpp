@@ -3,10 +3,14 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <string_view>
+#include <vector>
 
 #include "tarnctl/common/text_forms.h"
 
@@ -126,8 +130,7 @@ Json PacketAsJson(const std::optional<CrmPacket>& packet) {
     return Json{
         {"length", packet->info.uPacketLength},
         {"capturedSize", packet->info.iCapturedSize},
-        {"seconds", packet->info.uSeconds},
-        {"microseconds", packet->info.uMicroseconds},
+        {"time", TimeAsJson(packet->info.uSeconds, packet->info.uMicroseconds)},
         {"frameNumber", packet->info.uFrameNumber},
         {"reserved", packet->info.uReserved},
         {"flags", packet->info.uFlags},
@@ -154,37 +157,54 @@ Json PairsAsJson(const CrmReport& message) {
     return allNamed ? object : list;
 }
 
+Color ColorOf(std::string_view severity) {
+    return severity == "high" ? Color::kRed : severity == "medium" ? Color::kYellow : Color::kGreen;
+}
+
 }  // namespace
 
-std::string ReportAsLine(const CrmReport& message) {
+std::string ReportAsLine(const CrmReport& message, const Display& display) {
     const EventReport& report = message.report;
-    std::string line = TimeText(report.startTime);
-    line += "  " + ForTerminal(message.userData);
-    line +=
-        "  " + EndpointText(report, report.intruderIp, report.intruderIpv6, report.intruderPort);
-    line += " -> " + EndpointText(report, report.victimIp, report.victimIpv6, report.victimPort);
-    line += "  " + ProtocolText(report.ipProtocol);
+    std::string protocol = ProtocolText(report.ipProtocol);
     if (IsIcmp(report)) {
-        line += " type " + std::to_string(report.icmpType);
-        line += " code " + std::to_string(report.icmpCode);
+        protocol += " type " + std::to_string(report.icmpType);
+        protocol += " code " + std::to_string(report.icmpCode);
     }
-    if (report.vlanId != kReportNoVlan) {
-        line += "  VLAN " + std::to_string(report.vlanId);
+    const std::string endpoints =
+        EndpointText(report, report.intruderIp, report.intruderIpv6, report.intruderPort) + " -> " +
+        EndpointText(report, report.victimIp, report.victimIpv6, report.victimPort);
+    const std::string vlan =
+        report.vlanId == kReportNoVlan ? "" : "VLAN " + std::to_string(report.vlanId);
+    const std::string packet =
+        message.packet ? "packet " + std::to_string(message.packet->bytes.size()) + " bytes"
+                       : std::string("no packet");
+    std::vector<Cell> cells = {
+        {TimeText(report.startTime), Color::kNone, 19},
+        {ForTerminal(message.userData), ColorOf(message.Severity()), 32},
+        {endpoints, Color::kNone, 41},
+        {protocol, Color::kNone, 4},
+        {vlan, Color::kNone, 9},
+        {"SID " + std::to_string(report.issueId), Color::kNone, 11},
+        {message.IsBlocked() ? "blocked" : "not blocked",
+         message.IsBlocked() ? Color::kRed : Color::kNone, 11},
+        {packet, Color::kNone, 17},
+    };
+    // On a terminal, where the end of a line may be cut off, the outcome comes early.
+    constexpr std::ptrdiff_t kOutcome = 6;
+    if (display.isTerminal) {
+        std::rotate(cells.begin() + 1, cells.begin() + kOutcome, cells.begin() + kOutcome + 1);
     }
-    line += "  SID " + std::to_string(report.issueId);
-    line += message.IsBlocked() ? "  blocked" : "  not blocked";
-    line += message.packet ? "  packet " + std::to_string(message.packet->bytes.size()) + " bytes"
-                           : std::string("  no packet");
     for (const auto& [name, value] : message.pairs) {
-        line += "  " + ForTerminal(name) + "=" + ForTerminal(value);
+        cells.push_back({ForTerminal(name) + "=" + ForTerminal(value)});
     }
-    return line;
+    return LineOf(cells, display);
 }
 
 std::string ReportAsJson(const CrmOrigin& origin, const CrmReport& message) {
     return Json{
         {"channel", origin.channel},
         {"ring", origin.ring},
+        {"time", TimeAsJson(message.report.startTime)},
         {"name", TextAsJson(message.EventName())},
         {"severity", TextAsJson(message.Severity())},
         {"blocked", message.IsBlocked()},

@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 
+#include "tarnctl/common/display.h"
 #include "tarnctl/crm/crm_report.h"
 
 namespace tarnctl {
@@ -20,8 +21,9 @@ struct CrmOrigin {
 
 // Time (local), name:severity, addresses and ports, protocol, SID, blocked or not, packet bytes,
 // pairs. The texts of a report come from the traffic, so bytes that would act on a terminal are
-// written as \xNN. No line end.
-[[nodiscard]] std::string ReportAsLine(const CrmReport& message);
+// written as \xNN. On a terminal the columns line up, blocked or not comes second, severity and
+// "blocked" are coloured and the line is cut. No line end.
+[[nodiscard]] std::string ReportAsLine(const CrmReport& message, const Display& display = {});
 
 // Every field of the report by its name, the strings, the pairs, and the packet with its bytes in
 // base64. A text that is no UTF-8 stands as {"base64": ...}. No line end.

@@ -22,13 +22,13 @@ Examples:
 class MessageMonitor final : public Monitor {
   public:
     MessageMonitor(const MessagesOptions& options, std::ostream& out, std::ostream& err)
-        : Monitor("messages", "message", options, out, err), m_path(options.socketPath) {}
+        : Monitor("messages", "message", options, out, err), m_options(options) {}
 
   private:
     std::string Begin() override {
-        std::string obstacle = m_socket.Open(m_path);
+        std::string obstacle = m_socket.Open(m_options.socketPath);
         if (obstacle.empty()) {
-            Say("receiving at " + m_path);
+            Say("receiving at " + m_options.socketPath);
         }
         return obstacle;
     }
@@ -52,10 +52,10 @@ class MessageMonitor final : public Monitor {
             return;
         }
         CountOne();
-        Write(WritesJson() ? TextMessageAsJson(message) : TextMessageAsLine(message));
+        Write(WritesJson() ? TextMessageAsJson(message) : TextMessageAsLine(message, m_options));
     }
 
-    const std::string& m_path;
+    const MessagesOptions& m_options;
     MessageSocket m_socket;
 };
 

@@ -1,5 +1,6 @@
 #include "tarnctl/messages/text_message.h"
 
+#include <array>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <string_view>
@@ -53,7 +54,7 @@ std::string DecodeTextMessage(std::span<const std::byte> bytes, TextMessage& mes
     const std::size_t length = strnlen(text, size);
     // A text that was cut takes all the room and has no NUL.
     if (length + 1 != size && (length != size || size != tarn::crm::kTextBytes)) {
-        return length == size ? "its text has no end" : "there are bytes behind its text";
+        return length == size ? "its text has no end" : "there are bytes after its text";
     }
     message.time = header.time;
     message.isError = header.kind == MessageKind::Error;
@@ -61,17 +62,22 @@ std::string DecodeTextMessage(std::span<const std::byte> bytes, TextMessage& mes
     return {};
 }
 
-std::string TextMessageAsLine(const TextMessage& message) {
+std::string TextMessageAsLine(const TextMessage& message, const Display& display) {
     std::string_view text = message.text;
     if (text.ends_with('\n')) {
         text.remove_suffix(1);
     }
-    return TimeText(message.time) + "  " + KindName(message.isError) + "  " + ForTerminal(text);
+    const std::array<Cell, 3> cells = {
+        Cell{TimeText(message.time), Color::kNone, 19},
+        Cell{KindName(message.isError), message.isError ? Color::kRed : Color::kNone, 11},
+        Cell{ForTerminal(text)},
+    };
+    return LineOf(cells, display);
 }
 
 std::string TextMessageAsJson(const TextMessage& message) {
     return Json{
-        {"time", message.time},
+        {"time", TimeAsJson(message.time)},
         {"kind", KindName(message.isError)},
         {"text", TextAsJson(message.text)},
     }

@@ -70,7 +70,7 @@ void AddLimits(const Message& message, ordered_json& fields) {
 void AddConnectionCapture(std::span<const std::byte> datagram, ordered_json& fields) {
     const auto message = As<LogControlMessage_NewConnectionCapture>(datagram);
     AddLimits(message, fields);
-    fields["seconds"] = message.uSeconds;
+    fields["time"] = TimeAsJson(message.uSeconds);
     fields["connectionId"] = message.uConnectionID;
     fields["eventId"] = message.uEventID;
     fields["packetSaveCount"] = message.uPacketSaveCount;
@@ -80,7 +80,7 @@ void AddConnectionCapture(std::span<const std::byte> datagram, ordered_json& fie
 void AddInterfaceCapture(std::span<const std::byte> datagram, ordered_json& fields) {
     const auto message = As<LogControlMessage_InterfaceCapture>(datagram);
     AddLimits(message, fields);
-    fields["seconds"] = message.uSeconds;
+    fields["time"] = TimeAsJson(message.uSeconds);
     fields["eventId"] = message.uEventID;
     fields["packetSaveCount"] = message.uPacketSaveCount;
     fields["interfaces"] = message.uInterfaces;
@@ -96,8 +96,7 @@ void AddPacketCapture(std::span<const std::byte> datagram, ordered_json& fields,
     fields["userString"] = TextAsJson(TextIn(message.szUserString, kUserStringBytes));
     fields["packetLength"] = message.uPacketLength;
     fields["capturedSize"] = message.iCapturedSize;
-    fields["seconds"] = message.uSeconds;
-    fields["microseconds"] = message.uMicroseconds;
+    fields["time"] = TimeAsJson(message.uSeconds, message.uMicroseconds);
     fields["frameNumber"] = message.uFrameNumber;
     fields["reserved"] = message.uReserved;
     fields["flags"] = message.uFlags;
@@ -138,7 +137,7 @@ void AddBody(std::span<const std::byte> datagram, uint32_t type, ordered_json& f
         case kConnectionCaptureNotice: {
             const auto message = As<LogControlMessage_ConnectionCaptureNotice>(datagram);
             fields["connectionId"] = message.uConnectionID;
-            fields["seconds"] = message.uSeconds;
+            fields["time"] = TimeAsJson(message.uSeconds);
             break;
         }
         case kText: {
@@ -151,18 +150,18 @@ void AddBody(std::span<const std::byte> datagram, uint32_t type, ordered_json& f
     }
 }
 
-// The bytes behind the 128 must be those that the message tells of.
+// The bytes after the 128 must be those that the message names.
 std::string CheckPayload(std::span<const std::byte> datagram, uint32_t type) {
-    const std::size_t behind = datagram.size() - kControlDatagramBytes;
-    if (behind == 0) {
+    const std::size_t after = datagram.size() - kControlDatagramBytes;
+    if (after == 0) {
         return {};
     }
     if (type != kOffendingPacketCapture) {
-        return Counted(behind, "byte") + " behind a message without a packet";
+        return Counted(after, "byte") + " after a message without a packet";
     }
-    const int32_t told = As<LogControlMessage_OffendingPacketCapture>(datagram).iCapturedSize;
-    if (told < 0 || static_cast<std::size_t>(told) != behind) {
-        return "a captured size of " + std::to_string(told) + " and " + Counted(behind, "byte") +
+    const int32_t named = As<LogControlMessage_OffendingPacketCapture>(datagram).iCapturedSize;
+    if (named < 0 || static_cast<std::size_t>(named) != after) {
+        return "a captured size of " + std::to_string(named) + " and " + Counted(after, "byte") +
                " of packet";
     }
     return {};
@@ -170,8 +169,12 @@ std::string CheckPayload(std::span<const std::byte> datagram, uint32_t type) {
 
 }  // namespace
 
-std::string FieldsAsLine(const ordered_json& fields) {
+std::string FieldsAsLine(const ordered_json& fields, const Display& display) {
+    constexpr std::size_t kNameColumns = 22;
     std::string line = fields.at("name").get<std::string>();
+    if (display.isTerminal && line.size() < kNameColumns) {
+        line.resize(kNameColumns, ' ');
+    }
     for (const auto& [name, value] : fields.items()) {
         if (name != "type" && name != "name") {
             line += " " + name + "=" +
@@ -181,7 +184,8 @@ std::string FieldsAsLine(const ordered_json& fields) {
     return line;
 }
 
-std::string DecodePacketLogMessage(std::span<const std::byte> datagram, PacketLogMessage& message) {
+std::string DecodePacketLogMessage(std::span<const std::byte> datagram, PacketLogMessage& message,
+                                   const Display& display) {
     if (datagram.size() < kControlDatagramBytes) {
         return "shorter than " + std::to_string(kControlDatagramBytes) + " bytes";
     }
@@ -203,7 +207,7 @@ std::string DecodePacketLogMessage(std::span<const std::byte> datagram, PacketLo
     fields["name"] = kind->name;
     message.packet = {};
     AddBody(datagram, head.uType, fields, message.packet);
-    message.line = FieldsAsLine(fields);
+    message.line = FieldsAsLine(fields, display);
     if (!message.packet.bytes.empty()) {
         fields["packet"] = Base64(message.packet.bytes);
     }

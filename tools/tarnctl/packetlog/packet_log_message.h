@@ -9,6 +9,7 @@
 #include <span>
 #include <string>
 
+#include "tarnctl/common/display.h"
 #include "tarnctl/packetlog/captured_packet.h"
 
 namespace tarnctl {
@@ -22,9 +23,11 @@ struct PacketLogMessage {
 
 // Empty, or the reason why this is no message. The packet's bytes stay those of the datagram.
 [[nodiscard]] std::string DecodePacketLogMessage(std::span<const std::byte> datagram,
-                                                 PacketLogMessage& message);
+                                                 PacketLogMessage& message,
+                                                 const Display& display = {});
 
 // "Name field=value field=value": the name, and every other field but "type", for a person.
-[[nodiscard]] std::string FieldsAsLine(const nlohmann::ordered_json& fields);
+[[nodiscard]] std::string FieldsAsLine(const nlohmann::ordered_json& fields,
+                                       const Display& display = {});
 
 }  // namespace tarnctl

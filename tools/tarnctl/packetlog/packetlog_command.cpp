@@ -108,7 +108,7 @@ class PacketLogMonitor final : public Monitor {
 
     void Show(std::span<const std::byte> datagram) {
         PacketLogMessage message;
-        const std::string reason = DecodePacketLogMessage(datagram, message);
+        const std::string reason = DecodePacketLogMessage(datagram, message, m_options);
         if (!reason.empty()) {
             TellMalformed("message", reason, datagram, MalformedAsJson(reason, datagram));
             return;
@@ -159,8 +159,7 @@ class PacketLogMonitor final : public Monitor {
         fields["valueC"] = record.uValueC;
         fields["packetLength"] = record.uPacketLength;
         fields["capturedSize"] = record.iCapturedSize;
-        fields["seconds"] = record.uSeconds;
-        fields["microseconds"] = record.uMicroseconds;
+        fields["time"] = TimeAsJson(record.uSeconds, record.uMicroseconds);
         fields["frameNumber"] = record.uFrameNumber;
         fields["reserved"] = record.uReserved;
         fields["flags"] = record.uFlags;
@@ -171,7 +170,7 @@ class PacketLogMonitor final : public Monitor {
             }
             return fields.dump();
         }
-        return FieldsAsLine(fields);
+        return FieldsAsLine(fields, m_options);
     }
 
     void Keep(const CapturedPacket& packet) {

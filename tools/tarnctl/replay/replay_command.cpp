@@ -17,12 +17,13 @@
 #include "tarnctl/common/progress_bar.h"
 #include "tarnctl/common/record_file.h"
 #include "tarnctl/common/signals.h"
+#include "tarnctl/common/tarn_process.h"
 
 namespace tarnctl {
 namespace {
 
 constexpr const char* kExamples =
-    R"(The rate counts alerts; the packet and extra data records behind an alert go with it.
+    R"(The rate counts alerts; the packet and extra data records after an alert go with it.
 At the default rate a tarn with default settings drops nothing, as long as somebody reads
 its reports (tarnctl crm). With --loop the records are played again as they are: the event
 ids start over with the file.
@@ -31,7 +32,8 @@ Examples:
   tarnctl replay samples/sensor-302-alerts.u2
   tarnctl replay --rate 20 --loop 10 alerts.u2
   tarnctl replay --rate max --json alerts.u2
-  tarnctl replay --wait 5 alerts.u2           for a tarn that is just starting)";
+  tarnctl replay --wait 5 alerts.u2           for a tarn that is just starting
+  zcat alerts.u2.gz | tarnctl replay -)";
 
 using Clock = std::chrono::steady_clock;
 
@@ -59,7 +61,10 @@ class Replay {
 
     int Run() {
         auto started = Clock::now();
-        // A file that is none is told as such, whether or not anybody reads the FIFO.
+        const auto tell = [this](const std::string& text) { Tell(text); };
+        m_file.TellWaits(tell);
+        m_fifo.TellWaits(tell);
+        // A file that is none is named as such, whether or not anybody reads the FIFO.
         if (!m_file.Open(m_options.file) || m_file.Next() == RecordResult::kForeign ||
             !m_file.Rewind()) {
             m_error = m_file.Error();
@@ -69,7 +74,7 @@ class Replay {
         }
         m_bar.Clear();
         if (!m_error.empty()) {
-            m_err << "tarnctl replay: " << m_error << std::endl;
+            Tell(m_error);
         }
         const std::chrono::duration<double> seconds = Clock::now() - started;
         m_out << (m_options.json ? JsonSummary(seconds.count()) : Summary(seconds.count()))
@@ -84,6 +89,11 @@ class Replay {
             std::chrono::duration<double>(options.wait));
         limits.reopen = std::max(limits.open, limits.reopen);
         return limits;
+    }
+
+    void Tell(const std::string& text) {
+        m_bar.Clear();
+        m_err << "tarnctl replay: " << text << std::endl;
     }
 
     // Notes why the FIFO did not do what it was asked. True when it did.
@@ -117,6 +127,11 @@ class Replay {
     void KeepPace() {
         constexpr Clock::duration kStep = std::chrono::milliseconds(100);
         const auto due = Clock::now() + m_pacer.DelayBeforeNext(Clock::now());
+        if (due - Clock::now() > std::chrono::milliseconds(kSilentWait) && !m_saysPace) {
+            m_saysPace = true;
+            Tell("waiting: --rate leaves more than " + std::to_string(kSilentWait) +
+                 " ms between two alerts");
+        }
         for (auto now = Clock::now(); now < due && !StopRequested(); now = Clock::now()) {
             std::this_thread::sleep_for(std::min(kStep, due - now));
         }
@@ -130,8 +145,10 @@ class Replay {
                 case RecordResult::kEnd:
                     return true;
                 case RecordResult::kTruncated:
-                    m_error = m_file.Error() + "; what stands before it was sent";
+                    m_error = m_file.Error() + "; what comes before it was sent";
                     return false;
+                case RecordResult::kStopped:
+                    return Accept(FifoResult::kStopped);
                 default:
                     m_error = m_file.Error();
                     return false;
@@ -153,8 +170,9 @@ class Replay {
     }
 
     void ShowProgress(uint64_t pass) {
-        const double inFile =
-            static_cast<double>(m_file.Position()) / static_cast<double>(m_file.Size());
+        const double inFile = m_file.Size() == 0 ? 0.0
+                                                 : static_cast<double>(m_file.Position()) /
+                                                       static_cast<double>(m_file.Size());
         m_bar.Show((static_cast<double>(pass) + inFile) / static_cast<double>(m_options.loop),
                    Counted(m_alerts, "alert"));
     }
@@ -187,6 +205,7 @@ class Replay {
     std::ostream& m_err;
     ProgressBar m_bar;
     bool m_fifoIsGood = true;
+    bool m_saysPace = false;  // has said that it waits for the next alert's time
     uint64_t m_records = 0;
     uint64_t m_alerts = 0;
     uint64_t m_bytes = 0;
@@ -197,7 +216,7 @@ class Replay {
 
 CLI::App* AddReplayCommand(CLI::App& app, ReplayOptions& options) {
     CLI::App* command = app.add_subcommand("replay", "Play a unified2 file into the alert FIFO");
-    command->add_option("FILE", options.file, "unified2 file")->required();
+    command->add_option("FILE", options.file, "unified2 file; - is standard input")->required();
     command
         ->add_option_function<std::string>(
             "--rate",

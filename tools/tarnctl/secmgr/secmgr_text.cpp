@@ -24,7 +24,7 @@ Json PartsAsJson(const QuarantineParts& parts) {
                 {"victim", OrNull(parts.victim)},     {"protocol", parts.protocol},
                 {"icmpType", OrNull(parts.icmpType)}, {"icmpCode", OrNull(parts.icmpCode)},
                 {"sourcePort", parts.sourcePort},     {"destinationPort", parts.destinationPort},
-                {"counter", parts.counter},           {"expiration", parts.expiration}};
+                {"counter", parts.counter},           {"expirationTime", parts.expiration}};
 }
 
 }  // namespace

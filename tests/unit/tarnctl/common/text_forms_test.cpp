@@ -32,6 +32,13 @@ TEST(TextAsJsonValue, IsTheTextOrItsBytesWhereItIsNoUnicode) {
     EXPECT_EQ("{\"base64\":\"/w==\"}", TextAsJson("\xFF").dump());
 }
 
+TEST(TimeAsJsonValue, IsANumberOrNothing) {
+    EXPECT_EQ("1794495600", TimeAsJson(1794495600).dump());
+    EXPECT_EQ("1794495600.25", TimeAsJson(1794495600, 250000).dump());
+    EXPECT_EQ("1794495600.000001", TimeAsJson(1794495600, 1).dump());
+    EXPECT_EQ("null", TimeAsJson(0).dump());
+}
+
 TEST(Bytes, AreShownAsPairsOfDigits) {
     const std::array<std::byte, 3> bytes = {std::byte{0x00}, std::byte{0x1B}, std::byte{0xFF}};
     EXPECT_EQ(" 00 1b ff", HexDigits(bytes));

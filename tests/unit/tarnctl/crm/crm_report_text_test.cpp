@@ -33,6 +33,22 @@ TEST_F(ReportLine, TellsAllThatAPersonAsksOfAnAlert) {
         ReportAsLine(SampleReport()));
 }
 
+TEST_F(ReportLine, HasColumnsAndColoursOnATerminalWithTheOutcomeEarly) {
+    Display display;
+    display.isTerminal = true;
+    display.color = true;
+    display.width = 68;
+    EXPECT_EQ(
+        "2025-11-13 08:24:17  \x1b[31mblocked\x1b[0m      \x1b[31mET SCAN: probe:high\x1b[0m" +
+            std::string(15, ' ') + ">",
+        ReportAsLine(SampleReport(), display));
+    CrmReport message = SampleReport();
+    message.blockedStatus = 0;
+    message.userData = "x:medium";
+    EXPECT_THAT(ReportAsLine(message, display),
+                HasSubstr("  not blocked  \x1b[33mx:medium\x1b[0m  "));
+}
+
 TEST_F(ReportLine, LeavesOutWhatAReportDoesNotHave) {
     CrmReport message;
     message.userData = "x:low";

@@ -73,7 +73,7 @@ TEST(DecodeTextMessage, TellsWhatDoesNotAddUp) {
     EXPECT_EQ("its length says 28 bytes", Reason(With(good, 6, 28)));
     EXPECT_EQ("its kind is 2", Reason(With(good, 16, 2)));
     EXPECT_EQ("its text has no end", Reason(Encode("no end", false)));
-    EXPECT_EQ("there are bytes behind its text", Reason(With(good, 22, 0)));
+    EXPECT_EQ("there are bytes after its text", Reason(With(good, 22, 0)));
 }
 
 class TextMessageInUtc : public testing::Test {
@@ -89,7 +89,7 @@ TEST_F(TextMessageInUtc, IsALineWithoutTheNewlineAtItsEnd) {
               TextMessageAsLine({1794495600, true, "ERROR in SNORT. Reason: x\n"}));
     EXPECT_EQ("2026-11-12 15:00:00  information  \\x1B[2J\\x0A",
               TextMessageAsLine({1794495600, false, "\x1B[2J\n\n"}));
-    EXPECT_EQ("2026-11-12 15:00:00  information  ", TextMessageAsLine({1794495600, false, ""}));
+    EXPECT_EQ("2026-11-12 15:00:00  information", TextMessageAsLine({1794495600, false, ""}));
 }
 
 TEST(TextMessageJson, HoldsTheTextAsItCame) {

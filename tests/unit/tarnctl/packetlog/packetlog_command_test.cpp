@@ -140,7 +140,7 @@ TEST_F(PacketLogCommand, ShowsEachMessageAsALineAndTakesItsSocketAway) {
                 ElementsAre("EngineStarting",
                             "OffendingPacketCapture fileFormat=0 maxFiles=10 maxFileSize=10 "
                             "packetHash=0 eventId=7 userString=SNORT packetLength=1514 "
-                            "capturedSize=3 seconds=1007 microseconds=999999 frameNumber=0 "
+                            "capturedSize=3 time=1007.999999 frameNumber=0 "
                             "reserved=0 flags=0 adapterId=0",
                             "EngineShuttingDown"));
     EXPECT_THAT(m_err.str(), HasSubstr("3 messages, 0 records, 1 packet\n"));
@@ -193,7 +193,7 @@ TEST_F(PacketLogCommand, ReportsAndSkipsWhatIsNoMessage) {
     EXPECT_THAT(m_err.str(), HasSubstr("unknown type 5\n"));
     EXPECT_THAT(m_err.str(), HasSubstr("type 1 with a length of 9 and not 8\n"));
     EXPECT_THAT(m_err.str(), HasSubstr("a captured size of 3 and 2 bytes of packet\n"));
-    EXPECT_THAT(m_err.str(), HasSubstr("1 byte behind a message without a packet\n"));
+    EXPECT_THAT(m_err.str(), HasSubstr("1 byte after a message without a packet\n"));
     EXPECT_THAT(m_err.str(), HasSubstr("1 message, 0 records, 0 packets, 5 malformed\n"));
     ASSERT_EQ(6u, Lines().size());
     EXPECT_EQ("unknown type 5", json::parse(Lines()[1])["malformed"]);

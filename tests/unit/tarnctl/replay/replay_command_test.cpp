@@ -83,7 +83,7 @@ TEST_F(ReplayTest, SendsWhatIsWholeOfATruncatedFileAndSaysWhereItEnds) {
     EXPECT_EQ(kExitFailure, Play(Alert() + Packet(100).substr(0, 20)));
     EXPECT_EQ(m_received, Alert());
     EXPECT_THAT(m_err.str(), HasSubstr("the file is truncated: the record at offset 68 has 12 of "
-                                       "128 bytes of payload; what stands before it was sent\n"));
+                                       "128 bytes of payload; what comes before it was sent\n"));
     EXPECT_THAT(m_out.str(), StartsWith("sent 1 record with 1 alert, 68 bytes"));
 }
 

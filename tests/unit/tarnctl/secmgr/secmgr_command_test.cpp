@@ -145,7 +145,7 @@ TEST_F(SecmgrCommandTest, ShowsTheRuleAndItsPartsAsJson) {
         "rule": ")" + rule + R"(",
         "parts": {"ipVersion": 6, "intruder": null, "victim": "2001:db8::1", "protocol": 58,
                   "icmpType": 128, "icmpCode": null, "sourcePort": 0, "destinationPort": 0,
-                  "counter": 100, "expiration": 1794495600}})"));
+                  "counter": 100, "expirationTime": 1794495600}})"));
 }
 
 TEST_F(SecmgrCommandTest, RefusesATextThatIsNoRule) {
