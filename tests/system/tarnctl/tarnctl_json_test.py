@@ -27,7 +27,7 @@ PACKETLOG_SOCKET = "/var/run/packetLog"
 
 
 def validator(name):
-    path = TREE / "docs" / "schemas" / f"{name}.schema.json"
+    path = TREE / "docs" / "schemas" / f"{name}.json"
     schema = json.loads(path.read_text(encoding="utf-8"))
     jsonschema.Draft202012Validator.check_schema(schema)
     return jsonschema.Draft202012Validator(schema)
