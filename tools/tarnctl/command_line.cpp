@@ -58,6 +58,7 @@ class CommandLine {
     }
 
     int Run() {
+        CatchStopSignals();  // before the first output, which may go to a closed pipe
         if (!m_words.empty() && !m_words.front().starts_with('-') &&
             !IsSubCommand(m_words.front())) {
             return RefuseSubCommand(m_words.front());
@@ -79,7 +80,6 @@ class CommandLine {
         if (m_completion->parsed()) {
             return ShowCompletion();
         }
-        CatchStopSignals();
         for (std::size_t i = 0; i < m_commands.size(); ++i) {
             if (m_added[i]->parsed()) {
                 return m_commands[i]->Run(m_out, m_err);
