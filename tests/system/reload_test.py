@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """What a hangup does and what it leaves alone, object by object, and fifty of them under load."""
 
+import ctypes
 import os
 import signal
 import time
@@ -79,6 +80,17 @@ class Reload(harness.DaemonTest):
             harness.wait_log(message, 2)
         self.assertEqual(0, harness.count_log(RELOADED))
         self.assertEqual(1, harness.count_log("Want to start ERROR thread"))
+        self.assertEqual(0, daemon.stop())
+
+    def test_opens_the_fifo_again_though_another_thread_took_the_hangup(self):
+        daemon = self.daemon().ready()
+        harness.wait_log(f"Opening file: {ALERT_FIFO}")
+        harness.wait_for(lambda: daemon.threads() == 3, "both threads")
+        daemon.idle()
+        # Nothing interrupts the wait of the main thread, so nothing but the reload closes the FIFO.
+        ctypes.CDLL(None).tgkill(daemon.pid, daemon.tasks()[2], signal.SIGHUP)
+        daemon.ready(2)
+        harness.wait_log(f"Opening file: {ALERT_FIFO}", 2)
         self.assertEqual(0, daemon.stop())
 
     def test_reads_the_configuration_again_only_when_its_time_differs(self):
