@@ -278,8 +278,8 @@ void CrmEventSource::LogReport(const CrmEventMessage& message) const {
     log.Write(Log::kDebug, "Dispatching CRM event - eventReport.eventId: %d", report.eventId);
     log.Write(Log::kDebug, "Dispatching CRM event - eventReport.throttleEventCount: %d",
               report.throttleEventCount);
-    // Deliberate: the dump has always shown the throttle count under this name too; the readers of
-    // debug logs count lines.
+    // Deliberate: the throttle count is shown under this name too. The readers of debug logs count
+    // lines.
     log.Write(Log::kDebug, "Dispatching CRM event - eventReport.resultFlags: %d",
               report.throttleEventCount);
     log.Write(Log::kDebug, "Dispatching CRM event - eventReport.validFields: %d",
