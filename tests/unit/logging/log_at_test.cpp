@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <string>
 
+#include "support/levelled_log.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -28,6 +29,16 @@ TEST(LogAt, ShowsTheSourcePositionAtLevelsFiveAndSix) {
     LogAt(6, 186, "static void Config::Save()", "text");
     EXPECT_THAT(log.Messages(), ElementsAre("<static void Config::Save():186>text",
                                             "<static void Config::Save():186>text"));
+}
+
+TEST(LogAt, LogsAtTheLevelThatItIsGiven) {
+    EXPECT_THAT(
+        LevelledMessages([] {
+            for (const int level : {1, 2, 3, 4, 5}) {
+                LogAt(level, 10, "f", "text");
+            }
+        }),
+        ElementsAre("1 [ERROR]text", "2 [WARNING]text", "3 [INFO]text", "4 text", "5 <f:10>text"));
 }
 
 TEST(LogAt, IsSilentAboveTheLevel) {

@@ -147,6 +147,15 @@ TEST_F(LogFileLine, CarriesTheTimeOfTheZone) {
     tzset();
 }
 
+TEST_F(LogFileLine, HasThreeDigitsOfMillisecondsAtAnyTime) {
+    const std::regex form(R"([\d/]{10} [\d:]{8}\.\d{3} T:\d{2,} )");
+    for (int i = 0; i < 250; ++i) {  // more than a second
+        const std::string text = PrefixPeer::Prefix(nullptr);
+        ASSERT_TRUE(std::regex_match(text, form)) << text;
+        usleep(5000);
+    }
+}
+
 TEST_F(LogFileLine, PutsATagAndATabAfterTheThreadNumber) {
     EXPECT_TRUE(std::regex_match(PrefixPeer::Prefix("engine"),
                                  std::regex(R"([\d/]{10} [\d:.]{12} T:\d{2,} engine\t)")));
