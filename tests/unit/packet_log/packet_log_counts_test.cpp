@@ -135,6 +135,7 @@ TEST_F(PacketLogCounts, RaisesNothingWhenTheCaptureDidNotGoOut) {
     EXPECT_EQ(ENOENT, m_control->SendInterfaceCapture(3, 1, 1000, nullptr));
     EXPECT_EQ(0, Peer::InterfaceCount(*m_control, 3));
     EXPECT_EQ(-2, m_control->SendInterfaceCapture(3, 1, 1000, nullptr));
+    EXPECT_EQ(0, Peer::InterfaceCount(*m_control, 3)) << "skipped is not sent";
     EXPECT_EQ(1U, m_control->m_uFailInterfaceCapture);
 }
 

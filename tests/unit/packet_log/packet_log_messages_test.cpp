@@ -68,7 +68,8 @@ class PacketLogMessages : public PacketLogFixture {
     }
 
     std::string TextOf(const LogControlMessage* message) {
-        std::ostringstream stream("what stood there before");
+        std::ostringstream stream;
+        stream << "what was there before";
         Control::SerializeStruct(message, stream);
         return stream.str();
     }
