@@ -132,11 +132,9 @@ void Apply(const Setting& setting, const std::string& value) {
     }
 }
 
-void ParseObservedLine(const std::string& line, int kind, uint32_t number) {
-    LineRead read;
-    read.text = line;
-    read.number = number;
-    read.kind = kind;
+// `read` keeps its memory from line to line.
+void ParseObservedLine(const std::string& line, int kind, uint32_t number, LineRead& read) {
+    read.Begin(line, kind, number);
     reading = &read;
     Config::ParseLine(line, kind);
     reading = nullptr;
@@ -159,10 +157,11 @@ bool ParseFile(const char* path, int kind) {
     if (!file) {
         return false;
     }
+    LineRead read;  // for the observer
     std::string line;
     for (uint32_t number = 1; std::getline(file, line); ++number) {
         if (Config::s_observer != nullptr) {
-            ParseObservedLine(line, kind, number);
+            ParseObservedLine(line, kind, number, read);
         } else {
             Config::ParseLine(line, kind);
         }

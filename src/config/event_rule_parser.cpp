@@ -29,10 +29,7 @@ class Tracer {
   public:
     Tracer(const char* value, ListTrace* trace) : m_value(value), m_trace(trace) {
         if (m_trace != nullptr) {
-            m_trace->entries.clear();
-            m_trace->stop = ListTrace::Stop::kNowhere;
-            m_trace->stoppedAt = 0;
-            m_trace->hasTrailingComma = false;
+            m_trace->Clear();
         }
     }
 

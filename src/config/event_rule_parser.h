@@ -55,6 +55,13 @@ struct ListTrace {
         uint32_t erasedFlags = 0;     // BlockRuleFlag bits that the word took away
     };
 
+    void Clear() {
+        entries.clear();
+        stop = Stop::kNowhere;
+        stoppedAt = 0;
+        hasTrailingComma = false;
+    }
+
     std::vector<Entry> entries;
     Stop stop = Stop::kNowhere;
     std::size_t stoppedAt = 0;

@@ -27,6 +27,25 @@ struct LineRead {
         kApplied,
     };
 
+    // Makes everything as it is before a line is read.
+    void Begin(std::string_view line, int fileKind, uint32_t lineNumber) {
+        text = line;
+        number = lineNumber;
+        kind = fileKind;
+        outcome = Outcome::kBlank;
+        nameAt = nameLength = valueAt = numberEnd = 0;
+        name.clear();
+        value.clear();
+        isNumber = false;
+        numberRead = 0;
+        numberStored = 0;
+        eventKey = kEventKeyNone;
+        id = flags = 0;
+        keyTrace = {};
+        blockRule = {};
+        list.Clear();
+    }
+
     std::string_view text;  // as it stands in the file; borrowed for the call
     uint32_t number = 0;    // from 1
     int kind = 0;           // Config::kMainFile or Config::kEventFile

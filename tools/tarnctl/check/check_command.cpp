@@ -8,6 +8,7 @@
 #include "config/event_rule_table.h"
 #include "logging/log.h"
 #include "tarnctl/check/check_report.h"
+#include "tarnctl/check/check_rules.h"
 #include "tarnctl/check/load_watch.h"
 #include "tarnctl/check/places.h"
 #include "tarnctl/check/protect.h"
@@ -27,6 +28,7 @@ Examples:
   tarnctl check                                  the files of this machine
   tarnctl check -c a.conf -n b.conf --no-places  two files alone
   tarnctl check --protect 192.0.2.53             what can block it
+  tarnctl check --rules /etc/snort/rules         signatures without an entry
   tarnctl check --summary                        each entry in plain words
   tarnctl check --json | jq .findings[].name     one JSON object)";
 
@@ -66,7 +68,7 @@ void LoadFiles(const CheckOptions& options, CheckResult& result) {
     if (hasEvents) {
         Config::Load(options.eventFile.c_str(), Config::kEventFile);
     }
-    result.entries = watch.Entries();
+    result.entries = watch.TakeEntries();
     result.lines = watch.Lines();
 }
 
@@ -84,6 +86,8 @@ CLI::App* AddCheckCommand(CLI::App& app, CheckOptions& options) {
     command->add_option("--state", options.stateFile, "The state file")
         ->type_name("FILE")
         ->capture_default_str();
+    command->add_option("--rules", options.rules, "Rules of the sensor: files, folders, maps")
+        ->type_name("PATH");
     command
         ->add_option("--protect", options.protects,
                      "Name each entry that can block it: an address, a network, or a file of them")
@@ -113,6 +117,12 @@ int RunCheck(const CheckOptions& options, std::ostream& out, std::ostream& err) 
     CheckResult result;
     LoadFiles(options, result);
     protects.Check(result.entries, result.findings);
+    if (!options.rules.empty()) {
+        for (const std::string& fault :
+             CheckRules(options.rules, result.entries, result.findings)) {
+            fail(fault);
+        }
+    }
     if (!options.noPlaces) {
         CheckPlaces(DaemonPlaces(Config::s_engineCrm, Config::s_logFile), result.findings);
     }

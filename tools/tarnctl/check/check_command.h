@@ -17,6 +17,7 @@ struct CheckOptions : Display {
     std::string configFile = tarn::paths::kConfigFile;
     std::string eventFile = tarn::paths::kEventConfigFile;
     std::string stateFile = tarn::paths::kStateFile;
+    std::vector<std::string> rules;
     std::vector<std::string> protects;
     bool json = false;
     bool strict = false;    // warnings make the exit status 1 too

@@ -220,7 +220,7 @@ void LoadWatch::CheckSeverity(const LineRead& line) {
     std::string lower = value;
     std::transform(lower.begin(), lower.end(), lower.begin(),
                    [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    const std::vector<std::string> words = SeverityWords();
+    static const std::vector<std::string> words = SeverityWords();
     if (line.outcome == Outcome::kRefused) {
         Finding& finding = Add(kinds::kSeverityUnknown, {line, line.valueAt, value.size()},
                                Quoted(value) + " is no severity, so the line is dropped");
@@ -280,11 +280,11 @@ void LoadWatch::CheckUserResponse(const LineRead& line) {
         const bool isKnown = std::find(words.begin(), words.end(), word) != words.end() ||
                              word.find("WithRaw") != std::string::npos ||
                              word.find("LOGEVIDENCE") != std::string::npos;
-        const bool isNear = std::any_of(words.begin(), words.end(), [&word](const auto& known) {
+        const auto isNear = [&word](const std::string& known) {
             constexpr std::size_t kNear = 2;
             return LettersApart(word, known) <= kNear;
-        });
-        if (!isKnown && isNear) {
+        };
+        if (!isKnown && std::any_of(words.begin(), words.end(), isNear)) {
             Finding& finding =
                 Add(kinds::kUserResponseWord, {line, line.valueAt + begin, end - begin},
                     Quoted(word) + " has no meaning to the daemon; case counts");
@@ -411,7 +411,9 @@ void LoadWatch::OnEntryClosed(uint32_t id, bool entered) {
         return;  // a refused entry that is still pending has had its finding
     }
     if (!entered) {
-        const auto& [file, line] = m_entered[id];
+        const FindingPlace& first = m_entries[m_entered[id]].place;
+        const std::string& file = first.file;
+        const uint32_t line = first.line;
         m_findings.push_back(
             {&kinds::kSecondBlock, m_entry.place,
              "the lines of " + EntryName(id) + " in " + file + ":" + std::to_string(line) +
@@ -420,7 +422,7 @@ void LoadWatch::OnEntryClosed(uint32_t id, bool entered) {
              EntryName(id) + " as " + file + ":" + std::to_string(line) + " gives it"});
     } else {
         CheckEntry(m_entry);
-        m_entered.emplace(id, std::pair(m_entry.place.file, m_entry.place.line));
+        m_entered.emplace(id, m_entries.size());
         m_entries.push_back(std::move(m_entry));
     }
     m_entry = LoadedEntry{};

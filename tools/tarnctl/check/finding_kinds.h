@@ -67,7 +67,12 @@ inline constexpr FindingKind kSemaphoreMode = {"semaphore-mode", kBad};
 inline constexpr FindingKind kSocketIsNone = {"socket-is-none", kBad};
 inline constexpr FindingKind kSocketMode = {"socket-mode", kBad};
 
-// Protected addresses.
+// Rules and protected addresses.
+inline constexpr FindingKind kRuleWithoutEntry = {"rule-without-entry", kBad};
+inline constexpr FindingKind kIdUnderTwoGenerators = {"id-under-two-generators", kOdd};
+inline constexpr FindingKind kEntryWithoutRule = {"entry-without-rule", kOdd};
+inline constexpr FindingKind kRecordKind = {"record-kind", kBad};
+inline constexpr FindingKind kRecordWriter = {"record-writer", kBad};
 inline constexpr FindingKind kCanBlockProtected = {"can-block-protected", kBad};
 
 inline constexpr const FindingKind* kAll[] = {
@@ -123,6 +128,11 @@ inline constexpr const FindingKind* kAll[] = {
     &kSemaphoreMode,
     &kSocketIsNone,
     &kSocketMode,
+    &kRuleWithoutEntry,
+    &kIdUnderTwoGenerators,
+    &kEntryWithoutRule,
+    &kRecordKind,
+    &kRecordWriter,
     &kCanBlockProtected,
 };
 

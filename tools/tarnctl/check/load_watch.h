@@ -30,7 +30,7 @@ class LoadWatch final : public LoadObserver {
     void FinishMain(int cpus);
 
     // The entries that are in force, in the order in which they entered the table.
-    [[nodiscard]] const std::vector<LoadedEntry>& Entries() const { return m_entries; }
+    [[nodiscard]] std::vector<LoadedEntry> TakeEntries() { return std::move(m_entries); }
     [[nodiscard]] std::size_t Lines() const { return m_lines; }
 
   private:
@@ -76,8 +76,8 @@ class LoadWatch final : public LoadObserver {
     std::map<std::string, Seen> m_settings;
     LoadedEntry m_entry;  // the one that is being read; id 0 where there is none
     std::vector<LoadedEntry> m_entries;
-    std::unordered_map<uint32_t, std::pair<std::string, uint32_t>> m_entered;  // file and line
-    std::vector<std::pair<uint32_t, int>> m_excused;  // ids and keys with a finding already
+    std::unordered_map<uint32_t, std::size_t> m_entered;  // indexes into m_entries
+    std::vector<std::pair<uint32_t, int>> m_excused;      // ids and keys with a finding already
 };
 
 }  // namespace tarnctl
