@@ -235,6 +235,9 @@ TEST(ParseBlockRule, AddsUpTheFlagWords) {
 TEST(ParseBlockRule, KeepsPresetsReplacingWhatStandsBeforeThem) {
     EXPECT_EQ((Rule{true, 0x009}), RuleOf("quarantine-intruder-port, quarantine-worm"));
     EXPECT_EQ((Rule{true, 0x00B}), RuleOf("quarantine-worm, quarantine-intruder-port"));
+    EXPECT_EQ((Rule{true, 0x00C}), RuleOf("quarantine-intruder-port, quarantine-trojan"));
+    EXPECT_EQ((Rule{true, 0x005}), RuleOf("quarantine-intruder-port, quarantine-intruder"));
+    EXPECT_EQ((Rule{true, 0x101}), RuleOf("quarantine-intruder-port, quarantine-ddos"));
 }
 
 TEST(ParseBlockRule, ReadsDurationAndRateLimitWithBlanksAroundTheColon) {

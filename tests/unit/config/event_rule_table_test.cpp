@@ -101,6 +101,12 @@ TEST_F(EventRuleTablePending, IsLostWhenASetterNamesAnotherId) {
     EXPECT_EQ("eight", NameOf(8));
 }
 
+TEST_F(EventRuleTableCommit, CountsFromZeroAfterInitialize) {
+    Enter(7);
+    table.Initialize();
+    EXPECT_EQ(0U, table.NodeCount());
+}
+
 TEST_F(EventRuleTableCommit, SucceedsWithNothingPending) {
     EXPECT_TRUE(table.Commit());
     EXPECT_EQ(0U, table.NodeCount());
