@@ -29,9 +29,9 @@ class CheckFixture : public ConfigFixture {
         asJson.json = true;
         std::ostringstream out;
         err.str("");
-        const int status = tarnctl::RunCheck(asJson, out, err);
+        const int exitStatus = tarnctl::RunCheck(asJson, out, err);
         answer = nlohmann::json::parse(out.str());
-        return status;
+        return exitStatus;
     }
 
     std::string Text() {
