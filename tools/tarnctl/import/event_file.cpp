@@ -50,24 +50,28 @@ EventFile::EventFile(std::string text) : m_text(std::move(text)) {
     const QuietLog quiet;
     EventRuleTable& table = Config::s_eventTable;
     // An entry that an earlier load has left aside would come up in this one.
+    table.Clear();
     (void)table.Commit();
     table.Clear();
-    std::set<uint32_t> ids;
     std::string line;
+    uint32_t pending = 0;
     for (std::string_view rest = m_text; !rest.empty(); rest.remove_prefix(m_lines.back().size())) {
         const std::size_t end = rest.find('\n');
         m_lines.push_back(rest.substr(0, end == std::string_view::npos ? end : end + 1));
         line = rest.substr(0, end);
         Config::ParseLine(line, Config::kEventFile);
         m_ids.push_back(IdOf(line));
-        ids.insert(m_ids.back());
-    }
-    (void)table.Commit();
-    for (const uint32_t id : ids) {
-        if (id != 0 && table.Find(id)) {
-            m_entries.insert(m_entries.end(), id);
+        // What is pending comes into force, or is a second block of an id that is in force. The
+        // table is kept empty, since the search for a place in it is most of the work of a load.
+        if (table.PendingId() != pending) {
+            table.ClearBucket(pending);
+            pending = table.PendingId();
+            m_entries.insert(pending);
         }
     }
+    m_entries.erase(0);
+    (void)table.Commit();
+    table.Clear();
 }
 
 std::vector<bool> EventFile::LinesToRemove(const std::set<uint32_t>& wanted) const {

@@ -3,7 +3,7 @@
 // The text of a tarn_event.conf, with the signature that each of its lines belongs to and the
 // entries that the daemon would have in force. The daemon's own parser says both.
 //
-// Threads: the main thread only, since the daemon's table is filled.
+// Threads: the main thread only, since the daemon's table is used.
 
 #include <cstddef>
 #include <cstdint>
@@ -19,7 +19,7 @@ inline constexpr std::string_view kImportComment = "# tarnctl import:";
 
 class EventFile {
   public:
-    // Empties the daemon's table and fills it from the text.
+    // Loads the text with the daemon's table, which is empty afterwards.
     explicit EventFile(std::string text);
     EventFile(const EventFile&) = delete;
     EventFile& operator=(const EventFile&) = delete;
