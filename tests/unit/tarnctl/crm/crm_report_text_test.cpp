@@ -40,7 +40,7 @@ TEST_F(ReportLine, HasColumnsAndColoursOnATerminalWithTheOutcomeEarly) {
     display.width = 68;
     EXPECT_EQ(
         "2025-11-13 08:24:17  \x1b[31mblocked\x1b[0m      \x1b[31mET SCAN: probe:high\x1b[0m" +
-            std::string(15, ' ') + ">",
+            std::string(14, ' ') + ">",
         ReportAsLine(SampleReport(), display));
     CrmReport message = SampleReport();
     message.blockedStatus = 0;
