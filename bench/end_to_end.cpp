@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "tarnctl/common/record_file.h"
-#include "tarnctl/common/stop_signals.h"
+#include "tarnctl/common/signals.h"
 #include "tarnctl/crm/crm_channel.h"
 #include "unified2/unified2_format.h"
 
