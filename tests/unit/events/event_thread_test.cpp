@@ -109,7 +109,7 @@ TEST_F(EventThreadTest, ExitsWithTwoWhenTheBridgeIsNotInitialised) {
 
 TEST_F(EventThreadTest, LogsItsLifeAtLevelFive) {
     std::string self;
-    const auto lines = LevelledMessages([this, &self] {
+    const auto lines = LevelledMessages([&self] {
         EventThread thread("eventthread", 0, 0);
         ASSERT_TRUE(thread.Start(false));
         self = std::to_string(thread.Handle());
@@ -173,8 +173,8 @@ TEST_F(EventThreadTest, BlocksAndIgnoresTheSignalOfTheStackReport) {
     ExpectTheLoopToWork();
     const uint64_t bit = uint64_t{1} << (SIGUSR2 - 1);
     const std::vector<uint64_t> masks = BlockedInOtherThreads();
-    EXPECT_TRUE(std::any_of(masks.begin(), masks.end(),
-                            [bit](uint64_t mask) { return (mask & bit) != 0; }));
+    EXPECT_TRUE(
+        std::any_of(masks.begin(), masks.end(), [](uint64_t mask) { return (mask & bit) != 0; }));
     struct sigaction action {};
     sigaction(SIGUSR2, nullptr, &action);
     EXPECT_EQ(SIG_IGN, action.sa_handler);

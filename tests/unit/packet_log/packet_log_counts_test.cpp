@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "logging/log.h"
 #include "packet_log/packet_log_ctrl_if.h"
 #include "support/allocation_count.h"
 #include "support/packet_log_daemon.h"
@@ -186,6 +187,7 @@ TEST_F(PacketLogCounts, AllocatesNothingForAPacket) {
     packet.iCapturedSize = 1514;
     packet.uSeconds = 1000;
     packet.pData = data.data();
+    (void)vald::Log::GetInstance();  // its first call makes the log
     const uint64_t before = AllocationCount();
     m_control->SendOffendingPacketCapture(&report, &packet, 0);
     const uint64_t sent = AllocationCount();
