@@ -169,7 +169,7 @@ class CommandLine {
     // The first option from the word `first` on that the command does not have, or an empty text.
     [[nodiscard]] std::string UnknownOption(const CLI::App& command, std::size_t first) const {
         for (std::size_t i = first; i < m_words.size() && m_words[i] != "--"; ++i) {
-            const std::string name = m_words[i].substr(0, m_words[i].find('='));
+            std::string name = m_words[i].substr(0, m_words[i].find('='));
             if (!name.starts_with("--")) {
                 continue;
             }

@@ -36,11 +36,9 @@ std::string NearestName(const std::string& name) {
         return "";
     }
     const std::size_t end = std::min(name.find_first_not_of(kDigits, digits), name.size());
-    std::size_t keyAt = end;
     std::string key = NearestKey(name, end);
     if (key.empty() && name.find('.', end) != std::string::npos) {
-        keyAt = name.find('.', end);
-        key = NearestKey(name, keyAt);
+        key = NearestKey(name, name.find('.', end));
     }
     constexpr std::size_t kFarthestPrefix = 2;
     if (key.empty() || LettersApart(name.substr(0, digits), kPrefix) > kFarthestPrefix) {

@@ -130,8 +130,12 @@ std::string ProtectList::Add(const std::string& text) {
         std::istringstream words(line.substr(0, line.find('#')));
         for (std::string word; words >> word;) {
             if (!ParseNetwork(word, &network)) {
-                return text + ":" + std::to_string(number) + ": \"" + word +
-                       "\" is no address and no network";
+                return std::string(text)
+                    .append(":")
+                    .append(std::to_string(number))
+                    .append(": \"")
+                    .append(word)
+                    .append("\" is no address and no network");
             }
             m_networks.push_back(network);
         }

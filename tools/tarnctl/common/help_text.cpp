@@ -106,7 +106,7 @@ std::string TermOf(const CLI::Option& option) {
 }
 
 std::string MeaningOf(const CLI::Option& option) {
-    std::string meaning = option.get_description();
+    const std::string& meaning = option.get_description();
     std::string remarks;
     const auto remark = [&remarks](const std::string& text) {
         remarks += (remarks.empty() ? "" : "; ") + text;

@@ -34,7 +34,7 @@ std::string AddressOf(const CrmEventSource& source, bool isIntruder) {
 }
 
 std::string EndpointText(const CrmEventSource& source, bool isIntruder) {
-    const std::string address = AddressOf(source, isIntruder);
+    std::string address = AddressOf(source, isIntruder);
     if (!HasPorts(source.GetProtocol())) {
         return address;
     }
@@ -100,7 +100,7 @@ void AddReport(const Explanation& explanation, Lines& lines) {
                       (explanation.isSeveritySet ? "" : ", since the entry has none"));
     lines.Add("", "user response \"" + explanation.userResponse + "\"");
     for (const auto& [name, value] : explanation.pairs) {
-        lines.Add("", name + " \"" + value + "\"");
+        lines.Add("", std::string(name).append(" \"").append(value).append("\""));
     }
     lines.Add("", explanation.withPacket
                       ? "with the packet"

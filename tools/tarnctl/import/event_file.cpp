@@ -77,7 +77,7 @@ EventFile::EventFile(std::string text) : m_text(std::move(text)) {
 std::vector<bool> EventFile::LinesToRemove(const std::set<uint32_t>& wanted) const {
     std::vector<bool> remove(m_lines.size(), false);
     for (std::size_t at = 0; at < m_lines.size(); ++at) {
-        if (m_ids[at] == 0 || wanted.count(m_ids[at]) != 0) {
+        if (m_ids[at] == 0 || wanted.contains(m_ids[at])) {
             continue;
         }
         remove[at] = true;

@@ -31,7 +31,7 @@ class EventFile {
 
     // The signatures with an entry in force.
     [[nodiscard]] const std::set<uint32_t>& Entries() const { return m_entries; }
-    [[nodiscard]] bool HasEntry(uint32_t id) const { return m_entries.count(id) != 0; }
+    [[nodiscard]] bool HasEntry(uint32_t id) const { return m_entries.contains(id); }
 
     // For each line whether it goes when all entries but those of `wanted` go: the lines of their
     // settings, the comments that an import put in front of them, and the empty line in front of

@@ -135,7 +135,7 @@ class Import {
             edit.remove = events.LinesToRemove(known);
             m_removed = static_cast<std::size_t>(
                 std::count_if(events.Entries().begin(), events.Entries().end(),
-                              [&known](uint32_t id) { return known.count(id) == 0; }));
+                              [&known](uint32_t id) { return !known.contains(id); }));
         }
         return edit;
     }

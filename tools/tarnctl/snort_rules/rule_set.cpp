@@ -262,8 +262,7 @@ uint32_t RuleSet::PriorityOf(const SnortRule& rule) const {
 }
 
 bool RuleSet::KnowsClass(const SnortRule& rule) const {
-    return m_priorities.count(rule.classification) != 0 ||
-           DefaultPriority(rule.classification) != 0;
+    return m_priorities.contains(rule.classification) || DefaultPriority(rule.classification) != 0;
 }
 
 }  // namespace tarnctl

@@ -74,7 +74,7 @@ class RuleTextReader {
 
     [[nodiscard]] bool IsAction(std::string_view word) const {
         return Contains(kAlertingActions, word) || Contains(kSilentActions, word) ||
-               m_ownActions.count(word) != 0;
+               m_ownActions.contains(word);
     }
 
     [[nodiscard]] bool IsActionAhead() const { return IsActionAt(m_cursor); }
