@@ -72,7 +72,7 @@ class BucketLists {
     template <class Make>
     NodeT* Insert(Key key, Make make) {
         List& bucket = m_buckets[BucketOf(key)];
-        const std::lock_guard guard(m_locks[BucketOf(key)]);
+        const std::lock_guard lock(m_locks[BucketOf(key)]);
         // Keys come mostly in ascending order, and then this one comparison is the whole walk.
         const bool last = bucket.empty() || KeyOf(bucket.back()) < key;
         const auto place = last ? bucket.end() : LowerBound(bucket, key);
@@ -87,7 +87,7 @@ class BucketLists {
     // A reference to the node with this key, taken under the lock; empty if there is none.
     [[nodiscard]] std::shared_ptr<NodeT> Find(Key key) const {
         const List& bucket = m_buckets[BucketOf(key)];
-        const std::lock_guard guard(m_locks[BucketOf(key)]);
+        const std::lock_guard lock(m_locks[BucketOf(key)]);
         const auto place = Locate(bucket, key);
         return place != bucket.end() ? *place : nullptr;
     }
@@ -96,7 +96,7 @@ class BucketLists {
     template <class Change>
     bool Modify(Key key, Change change) {
         List& bucket = m_buckets[BucketOf(key)];
-        const std::lock_guard guard(m_locks[BucketOf(key)]);
+        const std::lock_guard lock(m_locks[BucketOf(key)]);
         const auto place = Locate(bucket, key);
         if (place == bucket.end()) {
             return false;
@@ -121,7 +121,7 @@ class BucketLists {
         List dropped;
         {
             List& bucket = m_buckets[BucketOf(key)];
-            const std::lock_guard guard(m_locks[BucketOf(key)]);
+            const std::lock_guard lock(m_locks[BucketOf(key)]);
             for (auto place = bucket.begin(); place != bucket.end();) {
                 const auto here = place++;
                 if (unwanted(**here)) {
@@ -138,7 +138,7 @@ class BucketLists {
     template <class Visit>
     void ForEachBucket(Visit visit) const {
         for (std::size_t index = 0; index < kBucketCount; ++index) {
-            const std::lock_guard guard(m_locks[index]);
+            const std::lock_guard lock(m_locks[index]);
             if (!m_buckets[index].empty()) {
                 visit(index, m_buckets[index]);
             }

@@ -31,7 +31,7 @@ struct Setting;
 // What becomes of a number that is written in a file as `text`.
 using Rule = int (*)(int number, const Setting& setting, const char* text);
 
-// One key. Exactly one of `number` and `string` is set; a string is kept as it stands.
+// One key. Exactly one of `number` and `string` is set; a string is kept unchanged.
 struct Setting {
     const char* name;
     std::atomic<int>* number;
@@ -86,8 +86,8 @@ constexpr Setting String(const char* name, std::string& member) {
 }
 
 // Every key, in the order in which they are dumped.
-// Deliberate: tarn.log.maxfiles falls back to 3 although it starts at 5. A sensor that is told to
-// keep no log files is short of space, so it gets fewer than one that is told nothing.
+// Deliberate: tarn.log.maxfiles falls back to 3 although it starts at 5. A sensor that is
+// configured to keep no log files is short of space, so it gets fewer than one without the key.
 constexpr Setting kSettings[] = {
     Number("tarn.log.level", Config::s_logLevel, LogLevel),
     String("tarn.log.file", Config::s_logFile),
@@ -180,7 +180,7 @@ ListTrace* TraceOfList() {
 }
 
 // Sets the field of the pending entry that a key names; false where the value is no setting.
-// Deliberate: but for the severity, a value that fails halfway counts with what stands before the
+// Deliberate: but for the severity, a value that fails halfway counts with what is before the
 // failure, so that a word this version does not know costs only itself and what follows.
 bool SetEventField(uint32_t id, int key, const std::string& value) {
     EventRuleTable& table = Config::s_eventTable;
@@ -276,7 +276,7 @@ void Config::ParseLine(const std::string& line, int kind) {
                            std::string(stripped).c_str());
         return;
     }
-    // An unknown name is dropped without a message, whichever file it stands in.
+    // An unknown name is dropped without a message, whichever file has it.
     NoteOutcome(LineRead::Outcome::kUnknownName);
     if (kind == kMainFile) {
         (void)ApplySetting(name, value);

@@ -1,5 +1,5 @@
 // The writing side of the state file. The daemon keeps no settings of its own in it, so the file
-// is nothing but its two comment lines; docs/formats/state_file.md tells the format.
+// is nothing but its two comment lines; docs/formats/state_file.md describes the format.
 
 #include <cerrno>
 #include <cstring>

@@ -1,7 +1,7 @@
 #pragma once
 
 // One entry of the event rule table: what the daemon does when one Snort signature fires. The
-// text form of an entry is told in docs/formats/tarn_event_conf.md.
+// text form of an entry is described in docs/formats/tarn_event_conf.md.
 //
 // Owned by shared_ptr: EventRuleTable holds one reference, each reader another one.
 //
@@ -65,9 +65,9 @@ struct Node {
     Node* link = nullptr;             // part of the entry's shape; always null
     uint32_t id;                      // Snort signature id, the key; never 0 from a file
     uint32_t severity = 0;            // EventSeverity
-    std::string rule;                 // the rule's text, as it stands in the file
+    std::string rule;                 // the rule's text, as the file has it
     std::string eventName;            // name of the event in the report
-    std::string userResponse;         // user response of the report, as it stands in the file
+    std::string userResponse;         // user response of the report, as the file has it
     uint32_t userResponseFlags = 0;   // UserResponseFlag, found in userResponse
     uint32_t responseFlags = 0;       // ResponseFlag
     std::list<BlockRule> blockRules;  // in file order

@@ -71,7 +71,7 @@ class Tracer {
     ListTrace* m_trace;  // borrowed; may be null
 };
 
-// Moves past what may stand between two items of a list; false if something else stands there.
+// Moves past what may be between two items of a list; false if something else is there.
 // A comma with nothing after it is accepted.
 bool AcceptSeparator(const char*& text, const Tracer& tracer) {
     SkipBlanks(text);
@@ -117,7 +117,7 @@ struct BlockWord {
 
 constexpr uint32_t kAll = ~0U;
 
-// In the order in which they are tried: a word stands ahead of its own prefix. Deliberate: the
+// In the order in which they are tried: a word is ahead of its own prefix. Deliberate: the
 // last four replace what came before them, so the order of the words in a value matters; a preset
 // starts afresh and the words after it refine it.
 constexpr BlockWord kBlockWords[] = {
@@ -213,8 +213,8 @@ struct KeyMarker {
     EventKey key;
 };
 
-// In the order in which they are looked for: a longer one stands ahead of its own ending, but for
-// ".rule", which EventKeyOf passes over where the longer one stands.
+// In the order in which they are looked for: a longer one is ahead of its own ending, except
+// ".rule", which EventKeyOf passes over where the longer one is found.
 constexpr KeyMarker kKeyMarkers[] = {
     {".severity", kEventKeySeverity}, {".rule", kEventKeyRule},
     {".msg", kEventKeyMessage},       {".user.response", kEventKeyUserResponse},
@@ -222,7 +222,7 @@ constexpr KeyMarker kKeyMarkers[] = {
 };
 constexpr char kQuarantineRuleMarker[] = ".quarantine.rule";
 
-// The first key that stands anywhere in the name; null if none does.
+// The first key that occurs anywhere in the name; null if none does.
 const KeyMarker* EventKeyOf(const char* name) {
     const bool isQuarantine = std::strstr(name, kQuarantineRuleMarker) != nullptr;
     for (const KeyMarker& marker : kKeyMarkers) {

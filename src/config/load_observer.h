@@ -46,7 +46,7 @@ struct LineRead {
         list.Clear();
     }
 
-    std::string_view text;  // as it stands in the file; borrowed for the call
+    std::string_view text;  // as the file has it; borrowed for the call
     uint32_t number = 0;    // from 1
     int kind = 0;           // Config::kMainFile or Config::kEventFile
     Outcome outcome = Outcome::kBlank;
@@ -57,7 +57,7 @@ struct LineRead {
     std::string name;
     std::string value;
 
-    // A tarn.* key with a number: what was read, and what is in force. A text is kept as it stands.
+    // A tarn.* key with a number: what was read, and what is in force. A text is kept unchanged.
     bool isNumber = false;
     long numberRead = 0;        // at most and at least what 64 bits hold
     std::size_t numberEnd = 0;  // in `value`; 0 where it holds no number

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <new>
 
 #include "config/config.h"
 #include "crm/crm_event_producer.h"
@@ -60,7 +61,7 @@ EventBridge::~EventBridge() {
 
 EventBridge* EventBridge::GetInstance() {
     if (s_instance == nullptr) {
-        s_instance = new EventBridge;
+        s_instance = new (std::nothrow) EventBridge;
     } else {
         s_instance->m_refCount.fetch_add(1, std::memory_order_relaxed);
     }

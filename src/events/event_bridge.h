@@ -41,7 +41,8 @@ class EventBridge {
     EventBridge(const EventBridge&) = delete;
     EventBridge& operator=(const EventBridge&) = delete;
 
-    // The instance, with one more reference held. A new one is not initialised. Never null.
+    // The instance, with one more reference held. A new one is not initialised. Null only when a
+    // new one finds no memory.
     [[nodiscard]] static EventBridge* GetInstance();
     // Gives one reference back; the last one finalises and frees the instance.
     void Release();

@@ -7,7 +7,7 @@
 // log). Deliberate: a Write is then lost, so that the caller chooses which start-up messages must
 // be seen. The singleton lives until the process ends.
 //
-// A message passes when its level is at most the configured one. Deliberate: notice stands below
+// A message passes when its level is at most the configured one. Deliberate: notice is below
 // info, so that the default level 3 shows what an operator acts on and hides the rest:
 //
 //   1 error   2 warning   3 info   4 notice   5 debug

@@ -15,7 +15,7 @@ class LogTrace {
     LogTrace& operator=(const LogTrace&) = delete;
     virtual ~LogTrace();
 
-    // Stores the number as it stands. Messages of a higher level do not pass this sink.
+    // Stores the number unchanged. Messages of a higher level do not pass this sink.
     virtual void SetLevel(int level);
     virtual int GetLevel() const;
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <new>
 
 #include "logging/log.h"
 #include "packet_log/connection_table.h"
@@ -87,7 +88,10 @@ PacketLogCtrlIF* PacketLogCtrlIF::GetInstance() {
                               m_iRefCount.load(std::memory_order_relaxed));
     const MutexLock lock(s_CounterMutex);
     if (m_pInstance == nullptr) {
-        m_pInstance = new PacketLogCtrlIF;
+        m_pInstance = new (std::nothrow) PacketLogCtrlIF;
+        if (m_pInstance == nullptr) {
+            return nullptr;
+        }
     }
     m_iRefCount.fetch_add(1, std::memory_order_relaxed);
     return m_pInstance;

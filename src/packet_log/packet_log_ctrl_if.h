@@ -44,7 +44,8 @@ class PacketLogCtrlIF {
     PacketLogCtrlIF(const PacketLogCtrlIF&) = delete;
     PacketLogCtrlIF& operator=(const PacketLogCtrlIF&) = delete;
 
-    // The instance, with one more reference held. Made when there is none; never null.
+    // The instance, with one more reference held. Made when there is none. Null only when
+    // a new one finds no memory, and then no reference is held.
     [[nodiscard]] static PacketLogCtrlIF* GetInstance();
     // Gives one reference back and returns how many remain. The last one tells the daemon
     // that the engine ends, and frees the instance.

@@ -2,7 +2,7 @@
 
 // The record in front of each packet in the ring of the packet logging daemon. The captured bytes
 // follow it in the same message, so the ring's length word is 72 and the captured size together.
-// docs/formats/packet_log_record.md tells the format; integers are in host byte order.
+// docs/formats/packet_log_record.md describes the format; integers are in host byte order.
 //
 //   offset  size  field
 //   0       4     uRecordType      always 0

@@ -1,19 +1,20 @@
 #include "snort/snort_error_reader.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <utility>
 
 #include "logging/log.h"
 #include "snort/rule_lookup.h"
 #include "snort/snort_error_parser.h"
 #include "threads/cancellation.h"
+#include "threads/mutex_lock.h"
 
 namespace {
 
@@ -26,7 +27,7 @@ constexpr int kRuleMessageSize = 256;
 
 // The engine and the error thread both ask for the instance, whichever comes first. Nothing that
 // can wait is done with the mutex held.
-std::mutex s_instanceMutex;
+pthread_mutex_t s_instanceMutex = PTHREAD_MUTEX_INITIALIZER;
 SnortErrorReader* s_instance = nullptr;  // owned; guarded by s_instanceMutex
 
 // A line as getdelim allocates it.
@@ -43,7 +44,7 @@ struct LineBuffer {
 }  // namespace
 
 SnortErrorReader* SnortErrorReader::Instance() {
-    const std::lock_guard<std::mutex> lock(s_instanceMutex);
+    const MutexLock lock(s_instanceMutex);
     if (s_instance == nullptr) {
         s_instance = new SnortErrorReader();
     }
@@ -56,7 +57,7 @@ void SnortErrorReader::ReleaseInstance() {
 
 void SnortErrorReader::ReplaceInstance(std::unique_ptr<SnortErrorReader> reader) {
     std::unique_ptr<SnortErrorReader> former;  // goes when the lock has gone: it logs as it closes
-    const std::lock_guard<std::mutex> lock(s_instanceMutex);
+    const MutexLock lock(s_instanceMutex);
     former.reset(std::exchange(s_instance, reader.release()));
 }
 

@@ -185,7 +185,7 @@ bool SnortEventReader::AssociateExtraData(std::unique_ptr<U2ExtraDataEvent> extr
         Log::GetInstance()->Write(
             Log::kDebug, "Incoming event ID: %u, assocated to position in pending events: %d",
             eventId, position);
-        // Deliberate: the limit is that of a full list, so a position behind the end of a shorter
+        // Deliberate: the limit is that of a full list, so a position beyond the end of a shorter
         // one passes here and fails below, without this line.
         if (unsignedPosition >= kMaxPendingEvents) {
             Log::GetInstance()->Write(

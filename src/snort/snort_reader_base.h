@@ -26,7 +26,7 @@ class SnortReaderBase {
     SnortReaderBase& operator=(const SnortReaderBase&) = delete;
 
     // Makes sure that a FIFO exists at the path. True if one does; one that is already there is
-    // kept as it stands. False if it cannot be made or if something else has the path, which is
+    // kept as it is. False if it cannot be made or if something else has the path, which is
     // left alone.
     [[nodiscard]] bool CreateFifo();
 

@@ -12,25 +12,13 @@
 #include <string_view>
 #include <vector>
 
+#include "quarantine/address_text.h"
 #include "tarnctl/common/text_forms.h"
 
 namespace tarnctl {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-std::string Ipv4Text(uint32_t hostOrder) {
-    const in_addr address = {htonl(hostOrder)};
-    std::array<char, INET_ADDRSTRLEN> text = {};
-    inet_ntop(AF_INET, &address, text.data(), text.size());
-    return text.data();
-}
-
-std::string Ipv6Text(const uint8_t (&bytes)[16]) {
-    std::array<char, INET6_ADDRSTRLEN> text = {};
-    inet_ntop(AF_INET6, bytes, text.data(), text.size());
-    return text.data();
-}
 
 std::string ProtocolText(uint16_t protocol) {
     switch (protocol) {
@@ -50,7 +38,7 @@ std::string ProtocolText(uint16_t protocol) {
 std::string EndpointText(const EventReport& report, uint32_t ip, const uint8_t (&ipv6)[16],
                          uint16_t port) {
     const bool isIpv6 = report.etherType == kEtherTypeIpv6;
-    std::string text = isIpv6 ? Ipv6Text(ipv6) : Ipv4Text(ip);
+    std::string text = isIpv6 ? Ipv6Text(ipv6) : Ipv4Text(htonl(ip));
     if (report.ipProtocol != IPPROTO_TCP && report.ipProtocol != IPPROTO_UDP) {
         return text;
     }
@@ -82,18 +70,18 @@ Json FieldsAsJson(const CrmReport& message) {
         {"icmpType", report.icmpType},
         {"icmpCode", report.icmpCode},
         {"intruderIpv6", Ipv6Text(report.intruderIpv6)},
-        {"intruderIp", Ipv4Text(report.intruderIp)},
+        {"intruderIp", Ipv4Text(htonl(report.intruderIp))},
         {"sensorId", report.sensorId},
         {"issueId", report.issueId},
         {"filterId", report.filterId},
         {"vlanId", report.vlanId},
-        {"victimIp", Ipv4Text(report.victimIp)},
+        {"victimIp", Ipv4Text(htonl(report.victimIp))},
         {"victimIpv6", Ipv6Text(report.victimIpv6)},
         {"victimPort", report.victimPort},
         {"intruderPort", report.intruderPort},
-        {"lastVictimIp", Ipv4Text(report.lastVictimIp)},
-        {"sourceIp", Ipv4Text(report.sourceIp)},
-        {"destinationIp", Ipv4Text(report.destinationIp)},
+        {"lastVictimIp", Ipv4Text(htonl(report.lastVictimIp))},
+        {"sourceIp", Ipv4Text(htonl(report.sourceIp))},
+        {"destinationIp", Ipv4Text(htonl(report.destinationIp))},
         {"destinationPort", report.destinationPort},
         {"sourcePort", report.sourcePort},
         {"sourceIpv6", Ipv6Text(report.sourceIpv6)},
