@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 // These replace the operators of every program that asks for the count, and of no other: the
 // linker takes this file out of the library for the sake of its functions only. They are weak for
@@ -33,6 +34,10 @@ __attribute__((weak)) void* operator new(std::size_t size) {
         throw std::bad_alloc();
     }
     return memory;
+}
+__attribute__((weak)) void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    ++t_count;
+    return std::exchange(t_nextFails, false) ? nullptr : std::malloc(size == 0 ? 1 : size);
 }
 __attribute__((weak)) void operator delete(void* memory) noexcept {
     std::free(memory);
