@@ -21,7 +21,7 @@ uint64_t AllocationCount() {
 
 bool FailNextAllocation() {
     const uint64_t before = t_count;
-    ::operator delete(::operator new(1));
+    ::operator delete[](::operator new[](1));  // which a sanitizer may have for itself
     t_nextFails = t_count != before;
     return t_nextFails;
 }
