@@ -217,7 +217,8 @@ int TarnEngine::StopEngine() {
     const bool stopErrorThread =
         s_term == 1 && AskToStop(m_errorThread, "Error thread is running, stop it");  // 1
     if (m_eventThread != nullptr) {
-        // A thread that was made and has not come to its first line is about to use the bridge.
+        // Deliberate: a thread that was made and has not come to its first line is waited for. It is
+        // about to use the bridge, which ends below.
         (void)m_eventThread->AwaitBegun(kJoinMs);
     }
     const bool stopEventThread = AskToStop(m_eventThread, "EVENT thread is running, stop it");  // 2
@@ -337,7 +338,8 @@ void TarnEngine::QuitAndDiscard(Worker*& worker) {
     if (thread->Settle(kJoinMs)) {
         delete thread;
     } else {
-        // It hangs in the kernel and may return: the object and what it uses must outlive it.
+        // Deliberate: it hangs in the kernel and may return, so the object and what it uses stay in
+        // memory, and the process ends with status 4.
         m_threadAbandoned = true;
     }
 }

@@ -24,9 +24,10 @@ __attribute__((format(printf, 3, 4))) void LogClientReport(uint64_t, uint32_t le
     va_end(args);
 }
 
-// The answer of a cancelled exchange, or a part of it, may still arrive, and the next rule would
-// take it for its own. The socket is therefore closed while the cancelled thread unwinds. The
-// channel stays marked as open: the next rule fails to send, resets the channel and is retried.
+// Deliberate: the answer of a cancelled exchange, or a part of it, may still arrive, and the next
+// rule would take it for its own. The socket is therefore closed while the cancelled thread
+// unwinds. The channel stays marked as open: the next rule fails to send, resets the channel and is
+// retried.
 class ClosedOnUnwinding {
   public:
     explicit ClosedOnUnwinding(RequestClient& client) : m_client(&client) {}

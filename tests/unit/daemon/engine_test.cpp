@@ -1,5 +1,6 @@
 #include "daemon/engine.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/stat.h>
@@ -7,6 +8,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -15,9 +17,11 @@
 #include "logging/log.h"
 #include "support/file_text.h"
 #include "support/levelled_log.h"
+#include "support/log_capture.h"
 #include "support/private_channel.h"
 #include "support/stderr_capture.h"
 #include "support/temp_dir.h"
+#include "threads/cancellation.h"
 #include "unit/events/bridge_fixture.h"
 
 // Reaches what no operation shows.
@@ -29,6 +33,7 @@ class TarnEnginePeer {
     }
     static EventThread* TheEventThread(const TarnEngine& engine) { return engine.m_eventThread; }
     static bool StartsEventThread(TarnEngine& engine) { return engine.StartEventThread(); }
+    static void SetBridge(TarnEngine& engine, EventBridge* bridge) { engine.m_bridge = bridge; }
     static bool ExaminesFiles(TarnEngine& engine, const std::string& main,
                               const std::string& events) {
         engine.m_configFile = main;
@@ -62,6 +67,40 @@ class EngineTest : public ::testing::Test {
         EXPECT_FALSE(Parse(words));
         return testing::internal::GetCapturedStderr();
     }
+};
+
+// Neither hears a stop nor lets itself be cancelled, as if it hung in the kernel.
+class StubbornThread : public EventThread {
+  public:
+    StubbornThread() : EventThread("eventthread", 0, 0) { m_release.lock(); }
+
+    int Run() override {
+        const CancellationOff off;
+        const std::lock_guard<std::mutex> lock(m_release);
+        return 0;
+    }
+    void LetItEnd() {
+        m_release.unlock();
+        EXPECT_TRUE(Join(nullptr));
+    }
+
+  private:
+    std::mutex m_release;
+};
+
+// Keeps the calling thread, and those that it starts, on one CPU.
+class OneCpu {
+  public:
+    OneCpu() {
+        sched_getaffinity(0, sizeof(m_before), &m_before);
+        EXPECT_TRUE(BindCallingThreadToCpu(sched_getcpu()));
+    }
+    ~OneCpu() { sched_setaffinity(0, sizeof(m_before), &m_before); }
+    OneCpu(const OneCpu&) = delete;
+    OneCpu& operator=(const OneCpu&) = delete;
+
+  private:
+    cpu_set_t m_before{};
 };
 
 const std::string kUsage =
@@ -236,6 +275,46 @@ TEST_F(EngineTest, StopsAnEventThreadThatShouldNotRunAndStartsItAgain) {
     };
     EXPECT_TRUE(has("1 Event thread is running which should not be. Try stop it to fix this."));
     EXPECT_TRUE(has("5 Want to start EVENT thread"));
+}
+
+// Two seconds before the cancel, two after it, and two until the engine gives the thread up.
+TEST_F(EngineTest, KeepsStatusFourForAThreadThatItHadToAbandon) {
+    const PrivateChannel channel;
+    EventBridge* const bridge = EventBridge::GetInstance();
+    ASSERT_EQ(0, bridge->Initialize());
+    TarnEngine& engine = *TarnEngine::Instance();
+    TarnEnginePeer::SetBridge(engine, bridge);
+    StubbornThread thread;
+    TarnEnginePeer::SetEventThread(engine, &thread);
+    ASSERT_TRUE(thread.Start(false));
+    const LogCapture log;
+    EXPECT_EQ(4, engine.StopEngine());
+    EXPECT_EQ(nullptr, TarnEnginePeer::TheEventThread(engine)) << "it may never end";
+    EXPECT_THAT(log.Messages(), testing::Contains("Event thread join timeout exceeded"));
+    TarnEnginePeer::Quit(engine);
+    EXPECT_EQ(1U, EventBridgePeer::References(*bridge)) << "the thread may still use the bridge";
+    EXPECT_FALSE(thread.IsFinished());
+    thread.LetItEnd();
+    bridge->Release();
+}
+
+// With all threads on one CPU a new thread rarely comes to its first line before the stop. The stop
+// then often comes before the body has begun, too, and costs the time of the join.
+TEST_F(EngineTest, KeepsAStopWaitingForAThreadThatHasNotBegun) {
+    const OneCpu oneCpu;
+    const PrivateChannel channel;
+    EventBridge* const bridge = EventBridge::GetInstance();
+    ASSERT_EQ(0, bridge->Initialize());
+    TarnEngine& engine = *TarnEngine::Instance();
+    TarnEnginePeer::SetBridge(engine, bridge);
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_TRUE(TarnEnginePeer::StartsEventThread(engine));
+        ASSERT_EQ(0, engine.StopEngine());
+        const EventThread* const thread = TarnEnginePeer::TheEventThread(engine);
+        ASSERT_TRUE(thread == nullptr || thread->IsFinished()) << "in round " << round;
+        ASSERT_EQ(0, bridge->Initialize());
+    }
+    TarnEnginePeer::Quit(engine);
 }
 
 TEST_F(EngineTest, MakesAnEventThreadWhereThereIsNone) {

@@ -381,7 +381,7 @@ TEST_F(DbtCommSendCommand, LetsACancelLandWhileTheManagerIsSilent) {
     EXPECT_EQ("DbtComm closed command channel.", log.Messages().back());
 }
 
-TEST_F(DbtCommSendCommand, TakesNoLateAnswerOfACancelledRule) {
+TEST_F(DbtCommSendCommand, KeepsTheLateAnswerOfACancelledRuleFromTheNextOne) {
     std::promise<void> asked;
     std::promise<void> cancelled;
     StreamPeer peer(m_path, std::vector<Script>{[&](Session& session) {
