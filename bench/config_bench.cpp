@@ -51,7 +51,7 @@ BENCHMARK(FindHit)->Arg(256)->Arg(10000)->Arg(50000);
 
 void FindMiss(benchmark::State& state) {
     const auto table = FilledTable(static_cast<uint32_t>(state.range(0)));
-    uint32_t id = kFirstId + static_cast<uint32_t>(state.range(0));  // behind all of its bucket
+    uint32_t id = kFirstId + static_cast<uint32_t>(state.range(0));  // after all of its bucket
     for (auto _ : state) {
         benchmark::DoNotOptimize(table->Find(id++));
     }

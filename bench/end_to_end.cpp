@@ -97,7 +97,7 @@ std::vector<Record> OfKnownKinds(const std::vector<Record>& records) {
     return known;
 }
 
-// Makes the stream of a troublesome sensor: behind each packet it comes again, which takes the
+// Makes the stream of a troublesome sensor: each packet comes twice, which takes the
 // place of the first, and once more under an id that no alert has, which the daemon refuses.
 std::vector<Record> WithStrayPackets(const std::vector<Record>& records) {
     constexpr uint32_t kNoAlert = 0x7FFF0000;
@@ -229,7 +229,7 @@ int ReadBare(const char* fifo) {
     }
 }
 
-// Takes every report until it is told to stop. It looks into the ring by the clock: a reader that
+// Takes every report until it is asked to stop. It looks into the ring by the clock: a reader that
 // slept on the semaphore would be woken for each report, and the wake-up is the kernel's work.
 int DrainRing(int channel) {
     tarnctl::CatchStopSignals();

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Measures a running daemon end to end; bench/README.md tells the method.
+"""Measures a running daemon end to end; bench/README.md describes the method.
 
   speed   records a second of the daemon in single thread mode, held against a bare loop that reads
           the same feed from the same FIFO

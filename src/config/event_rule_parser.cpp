@@ -168,7 +168,7 @@ bool AcceptBlockItem(const char*& text, const Tracer& tracer, BlockRule* rule) {
     return tracer.Stop(text, ListTrace::Stop::kUnknownWord);
 }
 
-// Deliberate: all four words mean both kinds of traffic. The names tell the intent of whoever
+// Deliberate: all four words mean both kinds of traffic. The names show the intent of whoever
 // wrote the entry; the quarantine itself makes no such difference.
 constexpr const char* kResponseWords[] = {
     "quarantine-traffic",

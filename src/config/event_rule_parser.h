@@ -28,14 +28,14 @@ enum EventKey : int {
     kEventKeyQuarantineRule = 6,
 };
 
-// Where the parts of a name stand, in bytes from its beginning. Each end is one past the last byte.
+// Where the parts of a name are, in bytes from its beginning. Each end is one past the last byte.
 struct EventKeyTrace {
     std::size_t idEnd = 0;     // of the digits that were read; the id begins after "se."
     std::size_t keyBegin = 0;  // the dot of the key; 0 where no key is known
     std::size_t keyEnd = 0;
 };
 
-// Where the items of a list stand, in bytes from the beginning of the value.
+// Where the items of a list are, in bytes from the beginning of the value.
 struct ListTrace {
     enum class Item { kWord, kDuration, kRateLimit };
     enum class Stop {

@@ -157,7 +157,7 @@ int TarnEngine::Terminate() {
     QuitRemaining(m_errorThread, "Error thread is still alive. Force quit it.");  // 4
     // Deliberate: a reader that is left by a start that failed half-way keeps its reference of the
     // bridge, and the bridge its own of the packet log interface. The process ends anyway, and the
-    // packet logging daemon is not told of an engine that ends before it ran.
+    // packet logging daemon does not learn of an engine that ends before it ran.
     if (m_bridge != nullptr && !m_threadAbandoned) {
         std::exchange(m_bridge, nullptr)->Release();  // 5
     }

@@ -1,7 +1,7 @@
 #pragma once
 
 // Moves packets to the packet logging daemon through a ring of its own, a fixed record in front of
-// each (docs/formats/packet_log_record.md). PacketLogCtrlIF tells that daemon by datagram what to
+// each (docs/formats/packet_log_record.md). PacketLogCtrlIF asks that daemon by datagram what to
 // do with them. Each instance number has its own ring file.
 //
 // Whoever makes a writer owns it: Initialize, OpenPipe, then WritePacket for each packet. A packet

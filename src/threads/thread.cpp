@@ -65,7 +65,7 @@ bool Thread::Start(bool detached) {
     pthread_attr_destroy(&attributes);
     if (failure != 0) {
         // Deliberate: after a restart that failed every later Start is refused, since the object
-        // can no longer tell a thread that is not there from one that is about to run.
+        // can no longer distinguish a thread that is not there from one that is about to run.
         m_doneGate.Open(true);
         return false;
     }

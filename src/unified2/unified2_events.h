@@ -1,6 +1,6 @@
 #pragma once
 
-// The objects that stand for the records of the alert FIFO: one alert, the packet that raised it,
+// The objects made from the records of the alert FIFO: one alert, the packet that raised it,
 // and the extra data that belongs to it. An object keeps its record as it came, in network byte
 // order, and converts a field at the moment of use; the few fields needed again and again are
 // copied out, in host order, when the object is made.

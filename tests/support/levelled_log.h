@@ -1,7 +1,7 @@
 #pragma once
 
 // What a scenario logs, with the level of each message, which the log file does not hold: levels 1
-// to 3 are told by the console callback, and 4 from 5 by a second run that lets level 4 pass only.
+// to 3 come from the console callback, and 4 from 5 by a second run that lets level 4 pass only.
 //
 // Threads: the calling test's alone; nothing else logs meanwhile.
 
@@ -61,7 +61,7 @@ std::vector<std::string> LevelledMessages(Scenario scenario) {
         for (const std::string& text : log.Messages()) {
             std::string line;
             if (levelled_log::Take(levelled_log::Loud(), text, line)) {
-                // told by the callback
+                // the callback has its level
             } else if (level == vald::Log::kNotice) {
                 notices.push_back("4 " + text);
             } else if (!levelled_log::Take(notices, text, line)) {

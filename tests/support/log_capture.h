@@ -38,10 +38,10 @@ class LogCapture {
         return messages;
     }
 
-    // Whether a text stands anywhere in the messages so far.
+    // Whether a text is anywhere in the messages so far.
     bool Contains(const std::string& text) const { return Text().find(text) != std::string::npos; }
 
-    // The whole file, as it stands.
+    // The whole file.
     std::string Text() const { return m_dir.Read("log"); }
 
   private:

@@ -38,7 +38,7 @@ inline std::size_t OpenDescriptors() {
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
-// The number that the next descriptor gets, which tells a test the client's own.
+// The number that the next descriptor gets, by which a test knows the client's own.
 inline int NextDescriptor() {
     const int fd = dup(STDERR_FILENO);
     close(fd);

@@ -1,7 +1,7 @@
 #pragma once
 
 // Messages for exchanges over a ring: each is made from its number alone, so that the receiving
-// side can tell a lost, doubled, torn or altered one without having seen what was sent.
+// side can recognise a lost, doubled, torn or altered one without having seen what was sent.
 //
 //   bytes 0..3   number      bytes 4..7   checksum of all that follows
 //   bytes 8..    content

@@ -331,7 +331,7 @@ class Lifecycle(harness.DaemonTest):
 
     def test_keeps_the_readers_of_a_start_that_failed_half_way(self):
         # They hold the bridge and the bridge holds the packet log interface, so the packet logging
-        # daemon is not told of the end.
+        # daemon does not learn of the end.
         logger = PacketLogger()
         self.addCleanup(logger.close)
         ERROR_FIFO.write_text("from the sensor")

@@ -52,7 +52,7 @@ class Reload(harness.DaemonTest):
         messages = []
         for cycle in range(3, 53):
             self.hang_up(daemon, cycle)
-            # Each cycle is to carry events: an alert leaves the pending list behind 128 others.
+            # Each cycle is to carry events: an alert is no longer pending once 128 follow it.
             came = self.crm.collect(1)
             self.assertTrue(came, f"no report in cycle {cycle}")
             messages += came

@@ -104,7 +104,7 @@ class SnortErrors(harness.DaemonTest):
             snort.write(f"line {number}\n".encode())
             harness.wait_log(NOT_SENT, number + 1)
         queue = self.message_queue()
-        self.end(snort)  # which lets go the lines that wait behind the first one
+        self.end(snort)  # which lets go the lines that wait after the first one
         for number in range(3):
             self.assertEqual((INFORMATION, f"line {number}\n"), queue.take())
 
@@ -225,7 +225,7 @@ class SnortErrors(harness.DaemonTest):
 
     def test_keeps_quitting_the_thread_by_force_when_the_termination_comes_within_a_hangup(self):
         # A security manager that never answers holds the event thread for the whole of its join,
-        # and that is when the termination comes: the error thread has not been told to stop.
+        # and that is when the termination comes: nobody has asked the error thread to stop.
         EVENT_CONFIG.write_text(harness.event_lines(
             7, Entry("Blocked", 1, "rule", "DISPLAY:WithoutRaw"), "response = quarantine-traffic",
             "quarantine.rule = quarantine-intruder-address, duration: 60"))

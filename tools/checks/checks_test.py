@@ -169,7 +169,7 @@ PAGE = """# Message
 | 0 | 2 | `head.type` | 1237 |
 | 2 | 2 | `head.reserved` | 0 |
 | 4 | 0x8 | `words` | two of them |
-| 12 | n | text | the text behind it |
+| 12 | n | text | the text after it |
 """
 
 
@@ -269,7 +269,7 @@ class Documents(Tree):
         self.assertEqual([], self.faults("```\n`gone.h`\n```\n\n    `gone.h`\n"))
 
     def test_finds_history_and_wide_lines(self):
-        self.assert_one_fault("It is no longer so.\n", "tells of a former state")
+        self.assert_one_fault("It is no longer so.\n", "describes a former state")
         self.assert_one_fault("word " * 21 + "\n", "is wider than 100 characters")
 
     def test_finds_headings_of_another_kind_or_order(self):

@@ -7,7 +7,7 @@
 - docs/testing.md names every system test.
 - The README of a folder of src/ has its headings from one list, in one order.
 - Prose is at most 100 characters wide.
-- A page describes what is: words that tell of former states are refused.
+- A page describes what is: words that describe former states are refused.
 """
 
 import argparse
@@ -80,7 +80,7 @@ class Pages:
                 yield from (f"{where}: `{code}` names {fault}" for fault in self._named(name, code))
             words = HISTORY.search(CODE.sub("", line))
             if words and name != "CHANGELOG.md":
-                yield f"{where}: \"{words.group()}\" tells of a former state"
+                yield f"{where}: \"{words.group()}\" describes a former state"
             if len(line) > WIDTH and not line.startswith(("|", "<!--")) and not LINK.search(line):
                 yield f"{where}: is wider than {WIDTH} characters"
         if re.fullmatch(r"src/\w+/README\.md", name):

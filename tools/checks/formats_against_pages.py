@@ -2,7 +2,7 @@
 """Compares the tables of docs/formats/ with the offsets and sizes that the compiler gives.
 
 The tables become static assertions in one small source, which is then compiled. How a page marks
-its tables is told in README.md beside this script.
+its tables is described in README.md beside this script.
 """
 
 import argparse
@@ -122,11 +122,11 @@ def source_of(tables):
 
 def headers_without_page(source, tables):
     """Headers of formats that define a struct and that no page marks."""
-    told = {table.header for table in tables}
+    described = {table.header for table in tables}
     for path in sorted(source.rglob("*_format.h")):
         name = path.relative_to(source).as_posix()
         text = path.read_text(encoding="utf-8")
-        if name not in told and re.search(r"^struct\s+(\w|\[)[^;]*\{", text, re.MULTILINE):
+        if name not in described and re.search(r"^struct\s+(\w|\[)[^;]*\{", text, re.MULTILINE):
             yield f"{name}: no page of the formats compares its tables with it"
 
 

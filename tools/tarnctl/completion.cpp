@@ -17,7 +17,7 @@ struct Value {
 };
 
 struct Entry {
-    std::string name;  // with its dashes; empty: the word that stands alone
+    std::string name;  // with its dashes; empty: a word without an option
     std::string meaning;
     Value value;
 };

@@ -15,7 +15,7 @@ SETTINGS = (1, 10, 10)  # pcap, files, kilobytes: the defaults of tarn.evidencel
 
 
 class PacketLogger:
-    """Receives on a thread of its own, unless it is told not to read."""
+    """Receives on a thread of its own, unless the test keeps it from reading."""
 
     def __init__(self, reading=True):
         if os.path.exists(PATH):
@@ -58,7 +58,7 @@ def bare(message_type):
 
 
 def expected_capture(alert, settings=SETTINGS):
-    """The datagram for one alert, with the packet behind it where there is one."""
+    """The datagram for one alert, with the packet after it where there is one."""
     packet = alert.packet
     data = packet.data if packet else b""
     length = len(data)

@@ -1,7 +1,8 @@
 """The security manager's end of its command socket.
 
-`SecurityManager` answers each request as it is told, well or badly; `SilentSecurityManager` takes
-every connection and never reads. Both are written from the format and share no code with the daemon.
+`SecurityManager` answers each request as its test says, well or badly; `SilentSecurityManager`
+takes every connection and never reads. Both are written from the format and share no code with the
+daemon.
 """
 
 import socket
@@ -14,7 +15,7 @@ ADDED = struct.pack("=II", 15, 0)
 
 
 class SecurityManager:
-    """A security manager that answers each request as it is told; the last word holds for good.
+    """A security manager that answers each request as the test says; the last word holds for good.
 
     A word is a byte string to answer with, `None` for silence, or a tuple of a byte string and
     "close". Requests are kept whole and in order.

@@ -1,6 +1,6 @@
 #pragma once
 
-// A test of the loader: its own state and configuration files, every static member as it stands
+// A test of the loader: its own state and configuration files, every static member as it is
 // before main(), and a log to look into.
 
 #include <gtest/gtest.h>

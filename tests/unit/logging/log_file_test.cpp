@@ -124,9 +124,9 @@ TEST_F(LogFileLine, CarriesTheLocalTime) {
     tm parsed{};
     parsed.tm_isdst = -1;
     ASSERT_NE(nullptr, strptime(text.c_str(), "%Y/%m/%d %H:%M:%S", &parsed));
-    const time_t told = mktime(&parsed);
-    EXPECT_GE(told, before);
-    EXPECT_LE(told, after);
+    const time_t written = mktime(&parsed);
+    EXPECT_GE(written, before);
+    EXPECT_LE(written, after);
 }
 
 TEST_F(LogFileLine, CarriesTheTimeOfTheZone) {

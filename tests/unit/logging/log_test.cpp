@@ -24,7 +24,7 @@ using syslog_stand_in::Line;
 using syslog_stand_in::Lines;
 using vald::Log;
 
-// What the console callback was told, formatted.
+// What the console callback got, formatted.
 std::vector<Line> s_called;
 
 void __attribute__((format(printf, 2, 0))) Called(int level, const char* format, va_list args) {
@@ -427,7 +427,7 @@ void LogTermination(int) {
     Log::Error("from the handler");
 }
 
-// The handler runs behind the call that it interrupts and finds no lock held.
+// The handler runs after the call that it interrupts and finds no lock held.
 TEST_F(LogSafety, HoldsASignalHandlerBackUntilTheSystemLogIsDone) {
     const StderrCapture captured;
     const auto former = signal(SIGTERM, LogTermination);

@@ -1,6 +1,6 @@
 #pragma once
 
-// Stands in for the system log of the C library in this executable: it keeps what it is told.
+// Stands in for the system log of the C library in this executable: it keeps what it gets.
 //
 // Threads: the stand-in may be called by any thread; Clear and the queries by the test alone.
 

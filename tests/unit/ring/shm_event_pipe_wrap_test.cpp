@@ -15,7 +15,7 @@ namespace {
 constexpr uint32_t kPage = 4096;
 constexpr unsigned char kOutside = 0xA5;
 
-// The file as the format tells it, byte by byte and by remainders only.
+// The file as the format describes it, byte by byte and by remainders only.
 struct RingModel {
     explicit RingModel(uint32_t ring) : file(8 + ring, 0xEE) {}
 

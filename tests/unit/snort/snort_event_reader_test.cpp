@@ -457,7 +457,7 @@ TEST_F(SnortEventReaderHandOver, BridgeOwnsTheAlertsThatItTakes) {
 TEST_F(SnortEventReaderHandOver, HoldsAReferenceOfTheBridgeForItsLife) {
     const PrivateChannel channel;
     Config::s_debugSingle = 0;
-    // A new instance is not initialised, so the result tells it from the one that was kept.
+    // A new instance is not initialised, so the result distinguishes it from the one that was kept.
     const auto initialised = [] {
         EventBridge* bridge = EventBridge::GetInstance();
         const int result = bridge->ProcessEventQueue(0, 0);

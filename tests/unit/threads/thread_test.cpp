@@ -20,7 +20,7 @@ using std::chrono::steady_clock;
 
 constexpr unsigned kLongMs = 60000;  // a limit that a working thread never meets
 
-// Runs whatever the test gives it; Stop opens the gate at which a waiting body stands.
+// Runs whatever the test gives it; Stop opens the gate at which a waiting body waits.
 class ScriptedThread : public Thread {
   public:
     explicit ScriptedThread(std::function<int()> body)

@@ -48,14 +48,14 @@ class AlertFifo {
     AlertFifo(const AlertFifo&) = delete;
     AlertFifo& operator=(const AlertFifo&) = delete;
 
-    // From here on a wait of more than kSilentWait tells `tell` what for, once for each wait.
+    // From here on a wait of more than kSilentWait is announced to `tell`, once for each wait.
     void TellWaits(std::function<void(const std::string&)> tell) { m_tell = std::move(tell); }
 
     // Opens the FIFO, which must exist and have a reader.
     [[nodiscard]] FifoResult Open();
 
     // Puts `record` in with one write(2). When it fails nothing of the record is in the pipe,
-    // unless Error() tells of another writer.
+    // unless Error() names another writer.
     [[nodiscard]] FifoResult Send(std::span<const std::byte> record);
 
     // Waits until the reader has taken everything. A pipe that is closed with bytes in it would
@@ -73,7 +73,7 @@ class AlertFifo {
     FifoResult WaitForReader();
     // Makes sure that an empty pipe takes `length` bytes.
     bool EnsureCapacity(std::size_t length);
-    // Bytes that stand unread in the pipe, or -1.
+    // Unread bytes in the pipe, or -1.
     [[nodiscard]] int Unread() const;
     FifoResult Fail(const std::string& reason);
     // Tells what is waited for when the wait that began at `since` is long; clears `reason` then.

@@ -21,7 +21,7 @@ DescriptorBuffer::DescriptorBuffer(int descriptor) : m_descriptor(descriptor) {
 }
 
 DescriptorBuffer::~DescriptorBuffer() {
-    (void)WriteOut();  // OutputFault() has told of a failure where it counts
+    (void)WriteOut();  // OutputFault() has reported a failure where it counts
 }
 
 bool DescriptorBuffer::IsReaderGone() {

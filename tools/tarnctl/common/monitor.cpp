@@ -45,7 +45,7 @@ int Monitor::Run() {
         TellWaiting();
     }
     End();
-    // Who has closed the output has seen enough, and is not told how it ended.
+    // Who has closed the output has seen enough and needs no closing line.
     if (!IsReaderGone(m_out)) {
         Say(Counts() +
             (m_malformed > 0 ? ", " + std::to_string(m_malformed) + " malformed" : std::string()));

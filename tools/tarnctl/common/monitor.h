@@ -50,7 +50,7 @@ class Monitor {
     [[nodiscard]] virtual std::string Begin() = 0;
     // Waits up to `time` for news and deals with it.
     virtual void Serve(std::chrono::milliseconds time) = 0;
-    // What is to be done and told before the closing line.
+    // What is to be done and reported before the closing line.
     virtual void End() {}
     // What the sub-command found missing as it began, for a wait in which the daemon does not run;
     // empty when there is nothing to say.

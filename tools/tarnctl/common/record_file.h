@@ -5,7 +5,7 @@
 // A file is a plain sequence of records: type and length, both big-endian 32-bit, then `length`
 // bytes. There is no magic, so the first record has to tell a unified2 file from a foreign one: a
 // type that unified2 knows, and for the types that the daemon takes at least the bytes that the
-// type needs. Behind the first record only the length is trusted to be odd: whatever is there is
+// type needs. After the first record only the length is trusted to be odd: whatever is there is
 // handed on, since a daemon must cope with it.
 //
 // Threads: one at a time.
@@ -43,7 +43,7 @@ class RecordFile {
     // Opens a plain file; "-" is standard input, of any kind. False with the reason in Error().
     [[nodiscard]] bool Open(const std::string& path);
 
-    // From here on a wait for standard input of more than kSilentWait is told to `tell`, once.
+    // From here on a wait for standard input of more than kSilentWait is announced to `tell`, once.
     void TellWaits(std::function<void(const std::string&)> tell) { m_tell = std::move(tell); }
 
     // Reads the next record. On anything but kRecord and kEnd, Error() says why, and where.

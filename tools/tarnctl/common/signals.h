@@ -17,7 +17,7 @@ void CatchStopSignals();
 // True once one of the signals that ask for a stop has come.
 [[nodiscard]] bool StopRequested();
 
-// From here on `signal` is a request, which TakeRequest() tells of, and no longer asks for a stop.
+// From here on `signal` is a request for TakeRequest(), and no longer asks for a stop.
 // It interrupts a blocking call. `signal` is one of the standard signals.
 void CatchRequests(int signal);
 

@@ -90,7 +90,7 @@ std::string DecodeReport(Bytes chunk, CrmReport& message) {
         expected = report.size() - rest.size();
     }
     if (expected != report.size()) {
-        return Counted(report.size() - expected, "byte") + " behind the strings";
+        return Counted(report.size() - expected, "byte") + " after the strings";
     }
     return {};
 }
@@ -131,7 +131,7 @@ std::string DecodePairs(Bytes chunk, CrmReport& message) {
         message.pairs.emplace_back(std::move(key), std::move(value));
     }
     if (!rest.empty()) {
-        return Counted(rest.size(), "byte") + " behind the end of the pairs";
+        return Counted(rest.size(), "byte") + " after the end of the pairs";
     }
     return {};
 }
@@ -182,7 +182,7 @@ std::string DecodeCrmReport(Bytes bytes, CrmReport& message) {
         reason = "the end chunk has a length of " + std::to_string(chunk.size()) + " bytes";
     }
     if (reason.empty() && !rest.empty()) {
-        reason = Counted(rest.size(), "byte") + " behind the end chunk";
+        reason = Counted(rest.size(), "byte") + " after the end chunk";
     }
     return reason;
 }

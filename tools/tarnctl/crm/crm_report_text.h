@@ -26,7 +26,7 @@ struct CrmOrigin {
 [[nodiscard]] std::string ReportAsLine(const CrmReport& message, const Display& display = {});
 
 // Every field of the report by its name, the strings, the pairs, and the packet with its bytes in
-// base64. A text that is no UTF-8 stands as {"base64": ...}. No line end.
+// base64. A text that is no UTF-8 becomes {"base64": ...}. No line end.
 [[nodiscard]] std::string ReportAsJson(const CrmOrigin& origin, const CrmReport& message);
 
 // A message that could not be decoded: the reason and all its bytes in base64. No line end.

@@ -1,7 +1,7 @@
 #pragma once
 
 // The alert that is explained: one of a unified2 file, one that the options describe, or the one
-// behind a report of `tarnctl crm --json`. The first two become records and go through the daemon's
+// of a report of `tarnctl crm --json`. The first two become records and go through the daemon's
 // own record classes, so that the daemon's reading of them is what is explained.
 //
 // Threads: one at a time.

@@ -40,7 +40,7 @@ Fields Split(std::string_view line) {
 
 enum class Form { kUnknown, kSidFirst, kSidSecond, kGenerator };
 
-// Where each field stands; -1 if the form has none.
+// Where each field is; -1 if the form has none.
 struct Layout {
     int generator, sid, revision, classification, priority, message;
 };

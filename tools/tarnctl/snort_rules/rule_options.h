@@ -39,7 +39,7 @@ class RuleOptionsReader {
     [[nodiscard]] bool NextLine();    // past a line end; false if the rule ends with the line
     [[nodiscard]] bool ReadValue();   // to the option's end, into m_value
     [[nodiscard]] bool ReadQuoted();  // the same for a piece in quotes
-    void Escape();                    // a backslash and what it stands before
+    void Escape();                    // a backslash and the character after it
     void Apply(std::string_view name, SnortRule& rule);
     void Number(std::string_view text, uint32_t* number);
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// Which records a sensor writes, as far as the text of its configuration tells: a snort.conf of
+// Which records a sensor writes, as far as the text of its configuration shows: a snort.conf of
 // Snort 2 or a snort.lua of Snort 3.
 //
 // This is a scan of the text. It does not run Lua, and it knows nothing of the command line, of
@@ -20,7 +20,7 @@ enum class SensorOutputFault {
     kForeignRecords,  // alerts go out as record kinds that the daemon does not take
     kNoRecordWriter,  // no record writer is configured, or only ones that do not write unified2
     kStampedName,     // the time is put into the file's name, so the alert FIFO is never written
-    kUnclear,         // the text does not tell
+    kUnclear,         // the text does not show it
 };
 
 struct SensorOutputFinding {

@@ -36,7 +36,7 @@ enum class RuleRemarkKind {
     kNoSid,        // an enabled rule without a usable sid
     kBadNumber,    // a number of a rule that is none; the rule counts without it
     kUnfinished,   // an enabled rule whose parentheses are not closed
-    kNotFollowed,  // an include whose file is not there or cannot be told
+    kNotFollowed,  // an include whose file is missing or cannot be determined
     kBadMapLine,   // a line of a map that is none
 };
 

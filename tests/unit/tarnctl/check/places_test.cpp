@@ -138,7 +138,7 @@ TEST_F(CheckPlacesTest, NameWhatTheKernelProtectsFromTheSuperuserToo) {
         chown(dir.File("tmp/EventQueueCRM2-0").c_str(), kStranger, kStranger) != 0) {
         GTEST_SKIP() << "runs in a namespace without other users";
     }
-    EXPECT_THAT(Found(), IsEmpty()) << "the kernel does not tell its settings";
+    EXPECT_THAT(Found(), IsEmpty()) << "the kernel does not show its settings";
     dir.Write("fs/protected_fifos", "1\n");
     dir.Write("fs/protected_regular", "1\n");
     EXPECT_THAT(Found(),

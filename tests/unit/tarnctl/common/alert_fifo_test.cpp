@@ -129,7 +129,7 @@ TEST_F(AlertFifoTest, RefusesARecordThatNoPipeCanTakeAndSendsNothingOfIt) {
     const FifoReader reader(m_path);
     AlertFifo fifo(m_path, m_limits);
     ASSERT_EQ(FifoResult::kDone, fifo.Open());
-    // More than the size of a pipe can be told as. Nobody may look at the bytes, so none are there.
+    // More than any size that a pipe can report. Nobody may look at the bytes, so none are there.
     constexpr std::size_t kLength = 0x80000001;
     void* const nothing =
         mmap(nullptr, kLength, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);

@@ -12,7 +12,7 @@
 namespace tarnctl {
 namespace {
 
-// Takes a thing whenever it is asked to serve, unless it is told otherwise.
+// Takes a thing whenever it is asked to serve, unless the test says otherwise.
 class CountingMonitor final : public Monitor {
   public:
     CountingMonitor(const MonitorOptions& options, std::ostream& out, std::ostream& err)

@@ -22,7 +22,7 @@ class CrmChannelTest : public testing::Test {
         Append(bytes, text.data(), text.size());
         return bytes;
     }
-    // The next message behind its ring's number, or what there is instead.
+    // The next message after its ring's number, or what there is instead.
     static std::string Take(CrmChannel& channel) {
         std::span<const std::byte> bytes;
         int ring = -1;

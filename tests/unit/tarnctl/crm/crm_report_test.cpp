@@ -126,7 +126,7 @@ const Malformed kMalformed[] = {
          b.insert(b.begin() + static_cast<std::ptrdiff_t>(end), std::byte{0});
          PutWord(b, 4, static_cast<uint32_t>(end + 1));
      },
-     "1 byte behind the strings"},
+     "1 byte after the strings"},
     {"PacketTooShort", [](CrmBytes& b) { PutWord(b, At(b, kChunkPacket, 4), 47); },
      "the packet chunk has a length of 47 bytes and needs at least 48"},
     {"PacketLongerThanMessage", [](CrmBytes& b) { PutWord(b, At(b, kChunkPacket, 4), 4096); },
@@ -149,7 +149,7 @@ const Malformed kMalformed[] = {
      },
      "no end"},
     {"BytesBehindThePairs", [](CrmBytes& b) { b[At(b, kChunkNameValues, 8)] = std::byte{0}; },
-     "bytes behind the end of the pairs"},
+     "bytes after the end of the pairs"},
     {"EndMissing", [](CrmBytes& b) { b.resize(ChunkAt(b, kChunkEnd)); },
      "the end chunk is missing"},
     {"EndCutShort", [](CrmBytes& b) { b.resize(b.size() - 1); }, "the end chunk is missing"},
@@ -160,7 +160,7 @@ const Malformed kMalformed[] = {
      },
      "the end chunk has a length of 9 bytes"},
     {"BytesBehindTheEnd", [](CrmBytes& b) { b.push_back(std::byte{0}); },
-     "1 byte behind the end chunk"},
+     "1 byte after the end chunk"},
 };
 
 INSTANTIATE_TEST_SUITE_P(EveryKind, CrmReportMalformed, testing::ValuesIn(kMalformed),

@@ -22,7 +22,7 @@ QuarantineParts Parse(const std::string& text) {
     return parts;
 }
 
-// The writer tells of each protocol that it has no name for; here that is noise.
+// The writer reports each protocol that it has no name for; here that is noise.
 class QuarantineTextProperty : public testing::Test {
   protected:
     QuarantineTextProperty() { vald::Log::SetLevel(vald::Log::kError); }
