@@ -217,8 +217,8 @@ int TarnEngine::StopEngine() {
     const bool stopErrorThread =
         s_term == 1 && AskToStop(m_errorThread, "Error thread is running, stop it");  // 1
     if (m_eventThread != nullptr) {
-        // Deliberate: a thread that was made and has not come to its first line is waited for. It is
-        // about to use the bridge, which ends below.
+        // Deliberate: a thread that was made and has not come to its first line is waited for. It
+        // is about to use the bridge, which ends below.
         (void)m_eventThread->AwaitBegun(kJoinMs);
     }
     const bool stopEventThread = AskToStop(m_eventThread, "EVENT thread is running, stop it");  // 2
