@@ -72,8 +72,12 @@ using LogCallback = LogTest;
 using LogSingleton = LogTest;
 using LogSafety = LogTest;
 
+// Before any test has set another.
+const int kLevelAtStart = Log::GetLevel();
+
 TEST_F(LogLevel, StartsAtNotice) {
-    EXPECT_EQ(4, Log::GetLevel());
+    EXPECT_EQ(4, kLevelAtStart);
+    LogPeer::Reset();
     EXPECT_TRUE(Log::Passes(4));
     EXPECT_FALSE(Log::Passes(5));
 }
@@ -429,6 +433,7 @@ void LogTermination(int) {
 
 // The handler runs after the call that it interrupts and finds no lock held.
 TEST_F(LogSafety, HoldsASignalHandlerBackUntilTheSystemLogIsDone) {
+    static std::size_t linesAfterTheSignal = 0;
     const StderrCapture captured;
     const auto former = signal(SIGTERM, LogTermination);
     for (const bool open : {false, true}) {
@@ -439,8 +444,10 @@ TEST_F(LogSafety, HoldsASignalHandlerBackUntilTheSystemLogIsDone) {
         syslog_stand_in::Inside([] {
             syslog_stand_in::Inside(nullptr);
             raise(SIGTERM);
+            linesAfterTheSignal = Lines().size();
         });
         Log::Error("interrupted");
+        EXPECT_EQ(1U, linesAfterTheSignal);
         const auto lines = Lines();
         ASSERT_EQ(2u, lines.size());
         EXPECT_EQ("interrupted", lines[0].text);
