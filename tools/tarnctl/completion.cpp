@@ -17,9 +17,11 @@ struct Value {
 };
 
 struct Entry {
-    std::string name;  // with its dashes; empty: a word without an option
+    std::string name;       // with its dashes; empty: a word without an option
+    std::string shortName;  // "-c"; empty where it has none
     std::string meaning;
     Value value;
+    bool isRepeated = false;
 };
 
 struct Command {
@@ -51,7 +53,11 @@ Command CommandOf(const CLI::App& app) {
         const std::string name = option->get_positional() || option->get_lnames().empty()
                                      ? std::string()
                                      : "--" + option->get_lnames().front();
-        command.entries.push_back({name, option->get_description(), ValueOf(*option)});
+        const std::string shortName = name.empty() || option->get_snames().empty()
+                                          ? std::string()
+                                          : "-" + option->get_snames().front();
+        command.entries.push_back({name, shortName, option->get_description(), ValueOf(*option),
+                                   option->get_items_expected_max() > 1});
     }
     return command;
 }
@@ -123,8 +129,10 @@ std::string Bash(const std::vector<Command>& commands, const std::vector<Entry>&
         names += command.name + " ";
         for (const Entry& entry : command.entries) {
             if (!entry.name.empty() && entry.value.isTaken) {
-                text << "        " << command.name << ":" << entry.name << ") "
-                     << BashReply(entry.value, entry.value.choices) << "; return ;;\n";
+                text << "        " << command.name << ":" << entry.name
+                     << (entry.shortName.empty() ? ""
+                                                 : " | " + command.name + ":" + entry.shortName)
+                     << ") " << BashReply(entry.value, entry.value.choices) << "; return ;;\n";
             }
         }
     }
@@ -168,6 +176,23 @@ std::string ZshAction(const Value& value) {
     return ":value:" + (value.choices.empty() ? " " : "(" + value.choices + ")");
 }
 
+// A specification of _arguments. Of two names for one option only one is offered, and an option
+// that may be repeated is offered again.
+std::string ZshEntry(const Entry& entry) {
+    if (entry.name.empty()) {
+        return Quoted("*" + ZshAction(entry.value));
+    }
+    const std::string rest =
+        "[" + ZshText(entry.meaning) + "]" + (entry.value.isTaken ? ZshAction(entry.value) : "");
+    const std::string star = entry.isRepeated ? "*" : "";
+    if (entry.shortName.empty()) {
+        return Quoted(star + entry.name + rest);
+    }
+    const std::string names = entry.shortName + " " + entry.name;
+    return Quoted(entry.isRepeated ? star : "(" + names + ")") + "{" + entry.shortName + "," +
+           entry.name + "}" + Quoted(rest);
+}
+
 std::string Zsh(const std::vector<Command>& commands, const std::vector<Entry>& top) {
     std::ostringstream text;
     text << "#compdef tarnctl\n"
@@ -194,14 +219,7 @@ std::string Zsh(const std::vector<Command>& commands, const std::vector<Entry>& 
     for (const Command& command : commands) {
         text << "        " << command.name << ")\n            _arguments";
         for (const Entry& entry : command.entries) {
-            std::string line = entry.name;
-            if (entry.name.empty()) {
-                line = "*" + ZshAction(entry.value);
-            } else {
-                line += "[" + ZshText(entry.meaning) + "]";
-                line += entry.value.isTaken ? ZshAction(entry.value) : "";
-            }
-            text << " \\\n                " << Quoted(line);
+            text << " \\\n                " << ZshEntry(entry);
         }
         text << "\n            ;;\n";
     }
@@ -214,6 +232,7 @@ std::string Zsh(const std::vector<Command>& commands, const std::vector<Entry>& 
 std::string FishEntry(const std::string& condition, const Entry& entry) {
     std::string line = "complete -c tarnctl -n " + Quoted(condition);
     if (!entry.name.empty()) {
+        line += entry.shortName.empty() ? "" : " -s " + entry.shortName.substr(1);
         line += " -l " + entry.name.substr(2) + " -d " + Quoted(entry.meaning);
     }
     if (entry.value.isFile || entry.value.isDirectory) {

@@ -6,6 +6,7 @@ and what is malformed is sent as well.
 """
 
 import json
+import mmap
 import os
 import shutil
 import signal
@@ -31,6 +32,56 @@ def validator(name):
     schema = json.loads(path.read_text(encoding="utf-8"))
     jsonschema.Draft202012Validator.check_schema(schema)
     return jsonschema.Draft202012Validator(schema)
+
+
+def control_message(kind, length, body=b"", packet=b""):
+    """A datagram to the packet logging daemon: zeros up to 128 bytes, then the packet."""
+    return struct.pack("<II", kind, length) + body.ljust(120, b"\0") + packet
+
+
+LIMITS = struct.pack("<III", 1, 10, 512)
+PACKETLOG_MESSAGES = (
+    control_message(1, 8),
+    control_message(2, 96, LIMITS + struct.pack("<IQII56s", 1700000000, 0x1122334455667788, 7, 5,
+                                                b"by hand")),
+    control_message(2, 96, LIMITS + struct.pack("<IQII56s", 0, 1, 7, 5, b"\xff")),
+    control_message(3, 92, LIMITS + struct.pack("<IIII56s", 1700000000, 7, 5, 65535, b"x")),
+    control_message(4, 120, LIMITS + struct.pack("<III56sIiIIIIII", 0, 0, 7, b"SNORT", 1514, 4,
+                                                 1700000000, 250000, 1, 2, 3, 4), b"kept"),
+    control_message(6, 28, LIMITS + struct.pack("<II", 0, 5)),
+    control_message(7, 8),
+    control_message(8, 28, LIMITS + struct.pack("<II", 0, 5)),
+    control_message(9, 28, LIMITS + struct.pack("<II", 0, 1)),
+    control_message(10, 8),
+    control_message(11, 28, LIMITS + struct.pack("<II", 0, 1)),
+    control_message(12, 8),
+    control_message(13, 24, struct.pack("<QII", 0x1122334455667788, 1700000000, 0)),
+    control_message(14, 128, b"\xff"),
+    control_message(14, 128, b"hello"),
+    control_message(15, 8),
+    control_message(16, 8),
+    control_message(17, 8),
+)
+
+RING = Path("/var/run/packetLogData03")
+RING_BYTES = 10240000
+
+
+def ring_record(kind=0, packet=b"", captured=None, seconds=1700000000):
+    return struct.pack("<IIIIQIiIIIIIIIIQ", kind, 72 + len(packet), 1, 0, 0x1122334455667788, 1514,
+                       len(packet) if captured is None else captured, seconds,
+                       250000 if seconds else 0, 1, 2, 3, 4, 5, 0, 0) + packet
+
+
+def put_in_ring(ring, at, message):
+    """Writes a message at a write index, as the writer of the ring does. Returns the next index."""
+    begin = 8 + at
+    after = at + 4 + (len(message) + 3) // 4 * 4
+    ring[begin + 4:begin + 4 + len(message)] = message
+    ring[8 + after:12 + after] = bytes(4)
+    ring[begin:begin + 4] = struct.pack("<I", len(message))
+    ring[4:8] = struct.pack("<I", after)  # from here on the reader may take it
+    return after
 
 
 class JsonTest(unittest.TestCase):
@@ -122,6 +173,84 @@ class JsonTest(unittest.TestCase):
                                          for line in self.check("messages")])
         self.assertTrue(any(line.get("accepted") for line in self.check("secmgr")))
         self.assertTrue(any("packet" in line for line in self.check("packetlog")))
+
+    def test_every_message_to_the_packet_logging_daemon_fits_the_schema(self):
+        self.start("packetlog", "--dir", str(self.folder))
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            # A receiver that is slower than the kernel's short queue makes the sender wait.
+            for number, message in enumerate(PACKETLOG_MESSAGES, 1):
+                sender.sendto(message, PACKETLOG_SOCKET)
+                self.wait_for_lines("packetlog", number)
+        lines = self.check("packetlog")
+        self.assertEqual([1, 2, 2, 3, 4, 6, 7, 8, 9, 10, 11, 12, 13, 14, 14, 15, 16, 17],
+                         [line.get("type") for line in lines])
+        self.assertEqual(16, len({line["name"] for line in lines}))
+        named, nameless = (line for line in lines if line["type"] == 2)
+        self.assertEqual(("by hand", 7, 0x1122334455667788, 1700000000),
+                         (named["userString"], named["eventId"], named["connectionId"],
+                          named["time"]))
+        self.assertEqual(({"base64": "/w=="}, None), (nameless["userString"], nameless["time"]))
+        self.assertEqual("a2VwdA==", next(line["packet"] for line in lines if line["type"] == 4))
+        self.assertEqual([{"base64": "/w=="}, "hello"],
+                         [line["text"] for line in lines if line["type"] == 14])
+
+    def test_records_of_the_ring_fit_the_schema(self):
+        self.start("packetlog", "--dir", str(self.folder), "--ring", "3")
+        wait_for(lambda: RING.exists() and RING.stat().st_size == RING_BYTES, "the ring")
+        with open(RING, "r+b") as file, mmap.mmap(file.fileno(), RING_BYTES) as ring:
+            at = put_in_ring(ring, 0, ring_record(packet=b"kept!"))
+            at = put_in_ring(ring, at, ring_record(captured=-1, seconds=0))
+            at = put_in_ring(ring, at, ring_record(kind=7))
+            put_in_ring(ring, at, b"short")
+            self.wait_for_lines("packetlog", 4)
+        whole, empty, odd, short = self.check("packetlog")
+        self.assertEqual(("Record", "a2VwdCE=", 1700000000.25, 0x1122334455667788, 1514),
+                         (whole["name"], whole["packet"], whole["time"], whole["valueB"],
+                          whole["packetLength"]))
+        self.assertEqual((-1, None), (empty["capturedSize"], empty["time"]))
+        self.assertNotIn("packet", empty)
+        self.assertEqual("unknown type 7", odd["malformed"])
+        self.assertEqual("shorter than 72 bytes", short["malformed"])
+
+    def run_json(self, *words, status=0):
+        done = subprocess.run([TARNCTL, *words, "--json"], stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, text=True, check=False, timeout=PATIENCE)
+        self.assertEqual(status, done.returncode, done.stderr)
+        (line,) = done.stdout.splitlines()
+        answer = json.loads(line)
+        validator(words[0]).validate(answer)
+        return answer
+
+    def test_what_is_said_before_the_start_fits_the_schemas(self):
+        shutil.copy(TREE / "samples" / "tarn.conf", CONFIG)
+        EVENT_CONFIG.unlink(missing_ok=True)
+        rules = self.folder / "a.rules"
+        rules.write_bytes(b'alert tcp any any -> any any (msg:"caf\xe9"; sid:5; priority:1;)\n'
+                          b'alert tcp any any -> any any (gid:116; sid:5;)\n'
+                          b'alert tcp any any -> any any (msg:"no sid";)\ninclude none\n')
+        trial = self.run_json("import", "--dry-run", str(rules), status=1)
+        self.assertIn("+se.5.severity = high\n", trial["diff"])
+        made = self.run_json("import", str(rules), status=1)
+        self.assertEqual((True, False, [5], ["no-sid", "not-followed"]),
+                         (made["written"], made["complete"], [e["id"] for e in made["added"]],
+                          sorted(remark["kind"] for remark in made["remarks"])))
+        rules.write_bytes(b"alert tcp any any -> any any (sid:6;)\n")
+        pruned = self.run_json("import", "--prune", str(rules))
+        self.assertEqual([5], pruned["removed"])
+        failed = self.run_json("import", "/none", status=1)
+        self.assertIsNotNone(failed["error"])
+        clean = self.run_json("check", "--summary", "--rules", str(rules))
+        self.assertEqual((0, 1), (clean["errors"], len(clean["entries"])))
+        with open(EVENT_CONFIG, "ab") as events:
+            events.write(b"se.7.msg = \xff\r\nse.7.severty = low\nse.7.quarantine.rule = x\n")
+        faulty = self.run_json("check", "--summary", "--protect", "192.0.2.1", status=1)
+        self.assertGreater(faulty["errors"], 2)
+        self.assertEqual([{"base64": "/w0="}],
+                         [e["name"] for e in faulty["entries"] if e["id"] == 7])
+        missing = self.run_json("check", "-n", "/none", "--protect", "nobody", status=2)
+        self.assertIn("file-missing", [finding["name"] for finding in missing["findings"]])
+        self.assertEqual("end", self.run_json("explain", "8")["outcome"])
+        self.assertTrue(self.run_json("explain", "6")["entry"])
 
     def test_what_cannot_be_played_fits_the_schema(self):
         played = subprocess.run([TARNCTL, "replay", "--json", "/none"], stdout=subprocess.PIPE,

@@ -2,6 +2,8 @@
 """tarnctl at a shell: completion, a closed pipe, a full disk, peers that are missing."""
 
 import os
+import pty
+import select
 import shutil
 import signal
 import subprocess
@@ -9,7 +11,7 @@ import tempfile
 import unittest
 from pathlib import Path
 
-from harness import PATIENCE, TREE
+from harness import PATIENCE, TREE, wait_for
 
 TARNCTL = os.environ["TARNCTL_BINARY"]
 SAMPLE = str(TREE / "samples" / "sensor-302-alerts.u2")
@@ -64,25 +66,127 @@ class CompletionTest(unittest.TestCase):
         self.assertEqual({"alerts.u2"}, self.complete("replay", "al"))
         self.assertEqual({"alerts.u2"}, self.complete("replay", "--fifo", "al"))
 
-    def test_the_other_shells_know_the_same(self):
-        for shell in ("zsh", "fish"):
-            path = self.script(shell)
-            if shutil.which(shell):
-                subprocess.run([shell, "-n", str(path)], check=True, timeout=PATIENCE)
-        zsh = self.script("zsh").read_text("utf-8")
-        self.assertTrue(zsh.startswith("#compdef tarnctl\n"))
-        self.assertIn("        'crm:Show the event reports that tarn sends to the CRM'\n", zsh)
-        self.assertIn("'--rate[Alerts a second, or max\\: as fast as tarn reads]:value:(max)'", zsh)
-        self.assertIn("'--fresh[", zsh)
-        fish = self.script("fish").read_text("utf-8")
-        self.assertIn("complete -c tarnctl -n '__fish_seen_subcommand_from replay' -l rate "
-                      "-d 'Alerts a second, or max: as fast as tarn reads' -x -a 'max'\n", fish)
-        self.assertIn("complete -c tarnctl -n '__fish_seen_subcommand_from crm' -l fresh -d ", fish)
+    def test_bash_offers_files_after_a_short_option(self):
+        (self.folder / "my.conf").touch()
+        self.assertEqual({"my.conf"}, self.complete("check", "-c", "my"))
+        self.assertEqual({"my.conf"}, self.complete("check", "--config", "my"))
 
     def test_a_shell_that_nobody_knows_is_refused(self):
         done = run("completion", "tcsh")
         self.assertEqual((2, ""), (done.returncode, done.stdout))
         self.assertIn("'tcsh'", done.stderr)
+
+
+@unittest.skipUnless(shutil.which("zsh"), "zsh is not installed")
+class ZshCompletionTest(unittest.TestCase):
+    """zsh at a terminal of its own: a line is typed, and what the tabulator makes of it is read."""
+
+    # The widget writes the line into a file, so that nothing has to be read off the terminal.
+    START = """
+        PS1= ; unsetopt beep
+        fpath=({folder} $fpath)
+        autoload -Uz compinit && compinit -D -u
+        keep-line() {{ print -r -- "$BUFFER" >{folder}/line.new; mv {folder}/line.new {folder}/line }}
+        zle -N keep-line; bindkey '^X^X' keep-line; bindkey '^I' complete-word
+        : >{folder}/ready
+    """
+
+    def setUp(self):
+        self.folder = Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, self.folder)
+        (self.folder / "_tarnctl").write_text(run("completion", "zsh").stdout, encoding="utf-8")
+        self.files = self.folder / "files"
+        self.files.mkdir()
+        master, slave = pty.openpty()
+        self.addCleanup(os.close, master)
+        self.terminal = master
+        shell = subprocess.Popen(["zsh", "-f", "-i"], stdin=slave, stdout=slave, stderr=slave,
+                                 cwd=self.files, start_new_session=True,
+                                 env={**os.environ, "TERM": "dumb"})
+        os.close(slave)
+        self.addCleanup(self.end, shell)
+        start = self.folder / "start"
+        start.write_text(self.START.format(folder=self.folder), encoding="utf-8")
+        os.write(master, f"source {start}\n".encode())
+        self.wait_for_file("ready")
+
+    def end(self, shell):
+        shell.kill()
+        shell.wait(timeout=PATIENCE)
+
+    def wait_for_file(self, name):
+        def is_there():
+            # A terminal that nobody reads would fill.
+            while select.select([self.terminal], [], [], 0)[0]:
+                os.read(self.terminal, 65536)
+            return (self.folder / name).exists()
+        wait_for(is_there, f"zsh to write {name}")
+        return (self.folder / name).read_text("utf-8").rstrip("\n")
+
+    def completed(self, words):
+        """The line after these words and the tabulator."""
+        (self.folder / "line").unlink(missing_ok=True)
+        os.write(self.terminal, b"\x15" + words.encode() + b"\t\x18\x18")
+        return self.wait_for_file("line")
+
+    def test_a_sub_command_is_completed(self):
+        self.assertEqual("tarnctl crm ", self.completed("tarnctl cr"))
+        self.assertEqual("tarnctl explain ", self.completed("tarnctl ex"))
+        self.assertEqual("tarnctl help import ", self.completed("tarnctl help im"))
+
+    def test_an_option_and_its_value_are_completed(self):
+        self.assertEqual("tarnctl crm --channel ", self.completed("tarnctl crm --ch"))
+        self.assertEqual("tarnctl check --no-places ", self.completed("tarnctl check --no-p"))
+        self.assertEqual("tarnctl crm --color never ", self.completed("tarnctl crm --color ne"))
+
+    def test_a_file_is_completed(self):
+        (self.files / "alerts.u2").touch()
+        (self.files / "tarn.conf").touch()
+        (self.files / "captures").mkdir()
+        self.assertEqual("tarnctl replay alerts.u2 ", self.completed("tarnctl replay al"))
+        self.assertEqual("tarnctl check -c tarn.conf ", self.completed("tarnctl check -c ta"))
+        self.assertEqual("tarnctl check --rules alerts.u2 ",
+                         self.completed("tarnctl check --rules al"))
+
+
+@unittest.skipUnless(shutil.which("fish"), "fish is not installed")
+class FishCompletionTest(unittest.TestCase):
+    """What fish itself offers for a line."""
+
+    def setUp(self):
+        self.folder = Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.files = self.folder / "files"
+        self.files.mkdir()
+        (self.folder / "tarnctl.fish").write_text(run("completion", "fish").stdout,
+                                                  encoding="utf-8")
+
+    def complete(self, line):
+        program = f"source {self.folder}/tarnctl.fish; complete -C '{line}'"
+        shell = subprocess.run(["fish", "--no-config", "-c", program], capture_output=True,
+                               text=True, check=True, timeout=PATIENCE, cwd=self.files,
+                               env={**os.environ, "HOME": str(self.folder)})
+        return {offer.split("\t")[0] for offer in shell.stdout.splitlines()}
+
+    def test_the_sub_commands_are_offered(self):
+        self.assertLessEqual({"crm", "messages", "replay", "check", "import", "help"},
+                             self.complete("tarnctl "))
+        self.assertEqual({"explain"}, self.complete("tarnctl expl"))
+
+    def test_the_options_and_their_values_are_offered(self):
+        self.assertLessEqual({"--channel", "--json", "--count", "--wide", "--color"},
+                             self.complete("tarnctl crm --"))
+        self.assertEqual({"--loop"}, self.complete("tarnctl replay --l"))
+        self.assertNotIn("--loop", self.complete("tarnctl crm --"))
+        self.assertEqual({"auto", "always", "never"}, self.complete("tarnctl crm --color "))
+        self.assertLessEqual({"-c", "-n"}, self.complete("tarnctl check -"))
+
+    def test_files_are_offered_where_one_is_wanted(self):
+        (self.files / "alerts.u2").touch()
+        self.assertEqual({"alerts.u2"}, self.complete("tarnctl replay al"))
+        self.assertEqual({"alerts.u2"}, self.complete("tarnctl check -c al"))
+        self.assertEqual(set(), self.complete("tarnctl crm --count al"))
+        self.assertEqual(set(), self.complete("tarnctl crm al"))
 
 
 class OutputTest(unittest.TestCase):
@@ -144,6 +248,24 @@ class MissingPeersTest(unittest.TestCase):
                          "/var/cache/qor-tarn/alerts.fifo\n", self.line_with(process, "waiting"))
         process.send_signal(signal.SIGHUP)
         self.assertEqual(1, process.wait(timeout=PATIENCE))
+
+    def test_an_interrupt_ends_a_wait_for_standard_input(self):
+        folder = Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, folder)
+        events = folder / "events"
+        for words, status in ((["explain", "-n", "/dev/null", "-c", "/dev/null", "--report", "-"],
+                               0),
+                              (["explain", "-n", "-", "-c", "/dev/null", "7"], 1),
+                              (["import", "-n", str(events), "-"], 1),
+                              (["check", "-c", "-", "--no-places"], 2)):
+            process = self.begin(*words, stdin=subprocess.PIPE)
+            self.addCleanup(process.stdin.close)
+            self.assertEqual(f"tarnctl {words[0]}: waiting: nothing comes on standard input\n",
+                             self.line_with(process, "waiting"))
+            process.send_signal(signal.SIGINT)
+            self.assertEqual(status, process.wait(timeout=PATIENCE), words)
+            self.assertEqual("", process.stdout.read())
+        self.assertFalse(events.exists())
 
     def test_a_replay_takes_standard_input(self):
         fifo = Path(tempfile.mkdtemp()) / "fifo"

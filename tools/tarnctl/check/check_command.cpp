@@ -2,17 +2,20 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <iterator>
 #include <ostream>
+#include <utility>
 
 #include "config/config.h"
-#include "config/event_rule_table.h"
-#include "logging/log.h"
 #include "tarnctl/check/check_report.h"
 #include "tarnctl/check/check_rules.h"
 #include "tarnctl/check/load_watch.h"
 #include "tarnctl/check/places.h"
 #include "tarnctl/check/protect.h"
-#include "tarnctl/common/exit_status.h"
+#include "tarnctl/common/daemon_load.h"
+#include "tarnctl/common/signals.h"
+#include "tarnctl/common/standard_input.h"
 
 namespace tarnctl {
 namespace {
@@ -32,44 +35,54 @@ Examples:
   tarnctl check --summary                        each entry in plain words
   tarnctl check --json | jq .findings[].name     one JSON object)";
 
-// The loader's messages say less than the findings, so they are kept from the terminal. The
-// observer of the load is gone when the load is over.
-class QuietLoad {
-  public:
-    explicit QuietLoad(LoadObserver& observer) : m_level(vald::Log::GetLevel()) {
-        vald::Log::SetLevel(0);
-        Config::s_observer = &observer;
-    }
-    ~QuietLoad() {
-        Config::s_observer = nullptr;
-        vald::Log::SetLevel(m_level);
-    }
-    QuietLoad(const QuietLoad&) = delete;
-    QuietLoad& operator=(const QuietLoad&) = delete;
-
-  private:
-    int m_level;
-};
-
-void LoadFiles(const CheckOptions& options, CheckResult& result) {
+// Loads the three files into `result`. Returns why standard input cannot be read, which may be one
+// of them, or an empty text.
+std::string LoadFiles(const CheckOptions& options, StandardInput& input, CheckResult& result) {
     LoadWatch watch(result.findings);
-    const QuietLoad quiet(watch);
-    Config::s_stateFile = options.stateFile;
+    const DaemonLoad load(&watch);
     result.files = {options.stateFile, options.configFile, options.eventFile};
-    const bool hasState = CheckFile(options.stateFile, true, result.findings);
-    if (!hasState) {
-        Config::s_stateFile.clear();
+    std::vector<std::string> paths;
+    for (const std::string& file : result.files) {
+        paths.push_back(input.PathOf(file));
+        if (paths.back().empty()) {
+            return "standard input cannot be read";
+        }
+        watch.ShowAs(paths.back(), file);
     }
-    const bool hasMain = CheckFile(options.configFile, false, result.findings);
-    const bool hasEvents = CheckFile(options.eventFile, false, result.findings);
-    Config::Initialize();
-    Config::Load(hasMain ? options.configFile.c_str() : nullptr, Config::kMainFile);
+    const std::string& state = paths[0];
+    Config::s_stateFile = CheckFile(state, true, result.findings) ? state : "";
+    const bool hasMain = CheckFile(paths[1], false, result.findings);
+    const bool hasEvents = CheckFile(paths[2], false, result.findings);
+    Config::Load(hasMain ? paths[1].c_str() : nullptr, Config::kMainFile);
     watch.FinishMain(static_cast<int>(sysconf(_SC_NPROCESSORS_CONF)));
     if (hasEvents) {
-        Config::Load(options.eventFile.c_str(), Config::kEventFile);
+        Config::Load(paths[2].c_str(), Config::kEventFile);
     }
     result.entries = watch.TakeEntries();
     result.lines = watch.Lines();
+    return "";
+}
+
+void Show(const CheckOptions& options, const CheckResult& result, std::ostream& out) {
+    if (options.json) {
+        WriteJson(result, options.summary, out);
+        return;
+    }
+    if (options.summary) {
+        WriteSummary(result, out);
+    }
+    WriteFindings(result, options.color, out);
+}
+
+// How many of the files that are named are standard input.
+std::ptrdiff_t InputsOf(const CheckOptions& options) {
+    const auto isInput = [](const std::string& path) { return path == "-"; };
+    const std::string* const files[] = {&options.configFile, &options.eventFile,
+                                        &options.stateFile};
+    return std::count_if(std::begin(files), std::end(files),
+                         [](const std::string* path) { return *path == "-"; }) +
+           std::count_if(options.rules.begin(), options.rules.end(), isInput) +
+           std::count_if(options.protects.begin(), options.protects.end(), isInput);
 }
 
 }  // namespace
@@ -91,51 +104,54 @@ CLI::App* AddCheckCommand(CLI::App& app, CheckOptions& options) {
     command
         ->add_option("--protect", options.protects,
                      "Name each entry that can block it: an address, a network, or a file of them")
-        ->type_name("ADDRESS");
+        ->type_name("ADDRESS|NETWORK|FILE");
     command->add_flag("--json", options.json, "One JSON object");
     command->add_flag("--strict", options.strict, "Warnings count as findings");
     command->add_flag("--summary", options.summary, "Each entry in plain words");
     command->add_flag("--no-places", options.noPlaces,
                       "The files alone, not the FIFOs, rings and sockets of this machine");
     command->footer(kExamples);
+    command->callback([&options] {
+        if (InputsOf(options) > 1) {
+            throw CLI::ValidationError("only one of the files can be standard input");
+        }
+    });
     return command;
 }
 
 int RunCheck(const CheckOptions& options, std::ostream& out, std::ostream& err) {
+    StandardInput input(err, "check");
     ProtectList protects;
-    bool isUnchecked = false;
-    const auto fail = [&](const std::string& text) {
-        err << "tarnctl check: " << text << "\n";
-        isUnchecked = true;
+    std::vector<std::string> faults;
+    const auto note = [&faults](std::string fault) {
+        if (!fault.empty()) {
+            faults.push_back(std::move(fault));
+        }
     };
     for (const std::string& text : options.protects) {
-        const std::string fault = protects.Add(text);
-        if (!fault.empty()) {
-            fail(fault);
-        }
+        note(protects.Add(text, input));
     }
     CheckResult result;
-    LoadFiles(options, result);
+    note(LoadFiles(options, input, result));
     protects.Check(result.entries, result.findings);
     if (!options.rules.empty()) {
-        for (const std::string& fault :
-             CheckRules(options.rules, result.entries, result.findings)) {
-            fail(fault);
+        for (std::string& fault :
+             CheckRules(options.rules, input, result.entries, result.findings)) {
+            note(std::move(fault));
         }
+    }
+    if (StopRequested()) {
+        return kExitUnchecked;
     }
     if (!options.noPlaces) {
         CheckPlaces(DaemonPlaces(Config::s_engineCrm, Config::s_logFile), result.findings);
     }
-    SortFindings(result);
-    if (options.json) {
-        WriteJson(result, options.summary, out);
-    } else {
-        if (options.summary) {
-            WriteSummary(result, out);
-        }
-        WriteFindings(result, options.color, out);
+    for (const std::string& fault : faults) {
+        err << "tarnctl check: " << fault << std::endl;
     }
-    if (isUnchecked) {
+    SortFindings(result);
+    Show(options, result, out);
+    if (!faults.empty()) {
         return kExitUnchecked;
     }
     const bool hasFindings = result.Count(FindingLevel::kError) != 0 ||

@@ -87,13 +87,19 @@ void CheckSensor(const std::vector<std::string>& paths, Findings& findings) {
 
 }  // namespace
 
-std::vector<std::string> CheckRules(const std::vector<std::string>& paths,
+std::vector<std::string> CheckRules(const std::vector<std::string>& paths, StandardInput& input,
                                     const std::vector<LoadedEntry>& entries, Findings& findings) {
     RuleSet set;
     std::vector<std::string> faults;
     for (const std::string& path : paths) {
-        if (!set.Read(path)) {
-            faults.push_back(path + ": cannot be read");
+        (void)set.Read(path, input);  // what cannot be read has a remark
+    }
+    for (const RuleRemark& remark : set.Remarks()) {
+        if (remark.kind == RuleRemarkKind::kUnreadable) {
+            faults.push_back(remark.text);  // which names its file
+        } else if (remark.kind == RuleRemarkKind::kNotFollowed) {
+            faults.push_back(set.Files()[remark.file] + ":" + std::to_string(remark.line) + ": " +
+                             remark.text);
         }
     }
     CompareSignatures(set, entries, findings);

@@ -4,16 +4,13 @@
 
 #include "config/config.h"
 #include "tarnctl/check/finding_kinds.h"
+#include "tarnctl/check/watch_words.h"
 #include "tarnctl/common/nearest_word.h"
 
 namespace tarnctl {
 namespace {
 
 using Outcome = LineRead::Outcome;
-
-std::string Quoted(const std::string& text) {
-    return "\"" + text + "\"";
-}
 
 // The text of a file as far as a finding shows it.
 constexpr std::size_t kLongestText = 2000;
@@ -37,7 +34,8 @@ Finding& LoadWatch::Add(const FindingKind& kind, const Place& place, std::string
 }
 
 bool LoadWatch::OnFile(const char* path, int kind, int /*error*/) {
-    m_file = path;
+    const auto shown = m_shown.find(path);
+    m_file = shown == m_shown.end() ? path : shown->second;
     m_inState = Config::s_stateFile == path;
     if (!m_inState && kind == Config::kMainFile) {
         for (auto& [name, seen] : m_settings) {

@@ -22,6 +22,9 @@ class LoadWatch final : public LoadObserver {
   public:
     explicit LoadWatch(Findings& findings) : m_findings(findings) {}
 
+    // Findings name the file at `path` by `shown`.
+    void ShowAs(const std::string& path, const std::string& shown) { m_shown[path] = shown; }
+
     bool OnFile(const char* path, int kind, int error) override;
     void OnLine(const LineRead& line) override;
     void OnEntryClosed(uint32_t id, bool entered) override;
@@ -58,6 +61,7 @@ class LoadWatch final : public LoadObserver {
     void TakeField(const LineRead& line);
     void CheckSeverity(const LineRead& line);
     void CheckUserResponse(const LineRead& line);
+    void CheckEvidenceScope(const LineRead& line);
     void CheckResponse(const LineRead& line);
     void CheckBlockRule(const LineRead& line);
     void CheckListEnd(const LineRead& line, const FindingKind& kind);
@@ -69,6 +73,7 @@ class LoadWatch final : public LoadObserver {
     void CheckCarriageReturn(const LineRead& line);
 
     Findings& m_findings;
+    std::map<std::string, std::string> m_shown;  // names of files by their paths
     std::string m_file;
     bool m_inState = false;
     std::size_t m_lines = 0;

@@ -12,6 +12,7 @@
 
 #include "tarnctl/check/block_words.h"
 #include "tarnctl/check/finding_kinds.h"
+#include "tarnctl/common/standard_input.h"
 
 namespace tarnctl {
 namespace {
@@ -114,15 +115,16 @@ std::array<Side, 2> SidesOf(const std::string& rule) {
 
 }  // namespace
 
-std::string ProtectList::Add(const std::string& text) {
+std::string ProtectList::Add(const std::string& text, StandardInput& input) {
     Network network;
     if (ParseNetwork(text, &network)) {
         m_networks.push_back(std::move(network));
         return "";
     }
-    std::ifstream file(text);
+    const std::string path = input.PathOf(text);
+    std::ifstream file(path);
     struct stat status = {};
-    if (!file || stat(text.c_str(), &status) != 0 || S_ISDIR(status.st_mode)) {
+    if (!file || stat(path.c_str(), &status) != 0 || S_ISDIR(status.st_mode)) {
         return "\"" + text + "\" is no address, no network and no file that can be read";
     }
     std::string line;
@@ -146,6 +148,9 @@ std::string ProtectList::Add(const std::string& text) {
 void ProtectList::Check(const std::vector<LoadedEntry>& entries, Findings& findings) const {
     constexpr uint32_t kIntruder = kBlockIntruderAddress | kBlockIntruderSubnet;
     constexpr uint32_t kVictim = kBlockVictimAddress | kBlockVictimSubnet;
+    if (m_networks.empty()) {
+        return;
+    }
     for (const LoadedEntry& entry : entries) {
         if (entry.responseFlags == 0) {
             continue;

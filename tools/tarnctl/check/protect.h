@@ -12,11 +12,14 @@
 
 namespace tarnctl {
 
+class StandardInput;
+
 class ProtectList {
   public:
-    // An address, a network as address and prefix length, or a file with one of them in each line;
-    // what follows a # does not count. Returns an empty text, or the reason why it is none.
-    [[nodiscard]] std::string Add(const std::string& text);
+    // An address, a network as address and prefix length, or a file with one of them in each line,
+    // "-" for standard input; what follows a # does not count. Returns an empty text, or the reason
+    // why it is none.
+    [[nodiscard]] std::string Add(const std::string& text, StandardInput& input);
 
     [[nodiscard]] bool IsEmpty() const { return m_networks.empty(); }
 

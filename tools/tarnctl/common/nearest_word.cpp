@@ -1,14 +1,14 @@
 #include "tarnctl/common/nearest_word.h"
 
 #include <algorithm>
-#include <cctype>
 #include <vector>
 
 namespace tarnctl {
 namespace {
 
-char Folded(char letter) {
-    return static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+// The words are of the command's and the daemon's own, so the letters of ASCII are enough.
+constexpr char Folded(char letter) {
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
 }
 
 std::size_t CommonBeginning(std::string_view left, std::string_view right) {

@@ -3,16 +3,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
-#include <iostream>
+#include <istream>
 #include <ostream>
 #include <utility>
 
 #include "paths.h"
 #include "tarnctl/common/exit_status.h"
 #include "tarnctl/common/failure_text.h"
+#include "tarnctl/common/signals.h"
+#include "tarnctl/common/standard_input.h"
 #include "tarnctl/explain/explain_text.h"
 #include "tarnctl/explain/explanation.h"
-#include "tarnctl/explain/standard_input.h"
 
 namespace tarnctl {
 namespace {
@@ -31,11 +32,11 @@ Examples:
 class Explainer {
   public:
     Explainer(const ExplainOptions& options, std::ostream& out, std::ostream& err)
-        : m_options(options), m_out(out), m_err(err) {}
+        : m_options(options), m_out(out), m_err(err), m_input(err, "explain") {}
 
     int Run() {
-        if (std::string fault = m_entries.Load(m_options.paths); !fault.empty()) {
-            return Refuse(fault);
+        if (std::string fault = m_entries.Load(m_options.paths, m_input); !fault.empty()) {
+            return StopRequested() ? kExitFailure : Refuse(fault);
         }
         return m_options.reportFile.empty() ? ExplainSignature() : ExplainReports();
     }
@@ -56,9 +57,8 @@ class Explainer {
             Show(alert, m_options.alert.IsExample() ? "example" : "options");
             return kExitFine;
         }
-        const StandardInput input;
         if (std::string fault =
-                alert.TakeFromFile(m_options.signature, input.PathOf(m_options.alertFile));
+                alert.TakeFromFile(m_options.signature, m_input.PathOf(m_options.alertFile));
             !fault.empty()) {
             return Refuse(fault);
         }
@@ -68,7 +68,8 @@ class Explainer {
 
     int ExplainReports() {
         if (m_options.reportFile == "-") {
-            return ExplainReports(std::cin);
+            std::istream lines(&m_input);
+            return ExplainReports(lines);
         }
         std::ifstream file(m_options.reportFile);
         if (!file) {
@@ -96,8 +97,9 @@ class Explainer {
             }
             Show(alert, "report");
         }
-        return isFirst && status == kExitFine ? Refuse(m_options.reportFile + " holds no report")
-                                              : status;
+        return isFirst && status == kExitFine && !StopRequested()
+                   ? Refuse(m_options.reportFile + " holds no report")
+                   : status;
     }
 
     void Show(const ExplainedAlert& alert, const std::string& origin) {
@@ -122,6 +124,7 @@ class Explainer {
     const ExplainOptions& m_options;
     std::ostream& m_out;
     std::ostream& m_err;
+    StandardInput m_input;
     LoadedEntries m_entries;
 };
 
@@ -161,10 +164,10 @@ CLI::App* AddExplainCommand(CLI::App& app, ExplainOptions& options) {
     report->type_name("FILE")->excludes(signature);
     options.paths = {tarn::paths::kConfigFile, tarn::paths::kEventConfigFile,
                      tarn::paths::kStateFile};
-    command->add_option("-c", options.paths.config, "tarn.conf")
+    command->add_option("-c,--config", options.paths.config, "The main file, as tarn -c")
         ->type_name("FILE")
         ->capture_default_str();
-    command->add_option("-n", options.paths.events, "tarn_event.conf")
+    command->add_option("-n,--events", options.paths.events, "The event file, as tarn -n")
         ->type_name("FILE")
         ->capture_default_str();
     command->add_option("--state", options.paths.state, "The state file")

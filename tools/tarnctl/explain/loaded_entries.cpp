@@ -7,23 +7,27 @@
 
 #include "config/config.h"
 #include "config/event_rule_table.h"
+#include "tarnctl/common/daemon_load.h"
 #include "tarnctl/common/failure_text.h"
-#include "tarnctl/explain/standard_input.h"
+#include "tarnctl/common/standard_input.h"
 
 namespace tarnctl {
 
-std::string LoadedEntries::Load(const ConfigPaths& paths) {
+std::string LoadedEntries::Load(const ConfigPaths& paths, StandardInput& input) {
     m_paths = paths;
     m_fault.clear();
     m_blocks.clear();
     m_openId = 0;
-    const StandardInput input;
-    Config::Initialize();
-    Config::s_stateFile = input.PathOf(paths.state);
-    Config::s_observer = this;
-    Config::Load(input.PathOf(paths.config).c_str(), Config::kMainFile);
-    Config::Load(input.PathOf(paths.events).c_str(), Config::kEventFile);
-    Config::s_observer = nullptr;
+    const std::string state = input.PathOf(paths.state);
+    const std::string config = input.PathOf(paths.config);
+    const std::string events = input.PathOf(paths.events);
+    if (state.empty() || config.empty() || events.empty()) {
+        return "standard input cannot be read";
+    }
+    const DaemonLoad load(this);
+    Config::s_stateFile = state;
+    Config::Load(config.c_str(), Config::kMainFile);
+    Config::Load(events.c_str(), Config::kEventFile);
     return m_fault;
 }
 

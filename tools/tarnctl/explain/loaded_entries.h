@@ -16,6 +16,8 @@
 
 namespace tarnctl {
 
+class StandardInput;
+
 struct ConfigPaths {
     std::string config;  // tarn.conf
     std::string events;  // tarn_event.conf
@@ -44,9 +46,9 @@ class LoadedEntries final : public LoadObserver {
     LoadedEntries() = default;
     ~LoadedEntries() override = default;
 
-    // Loads all three files. Returns an empty text, or why a file cannot be read; a state file that
-    // is not there is none.
-    [[nodiscard]] std::string Load(const ConfigPaths& paths);
+    // Loads all three files, of which one may be "-", standard input. Returns an empty text, or why
+    // a file cannot be read; a state file that is not there is none.
+    [[nodiscard]] std::string Load(const ConfigPaths& paths, StandardInput& input);
 
     // The entry in force, null when there is none.
     [[nodiscard]] static std::shared_ptr<Node> Find(uint32_t id);

@@ -71,29 +71,41 @@ std::string_view SeverityWord(uint32_t priority) {
     }
 }
 
-std::string EntryText(const RuleSet& set, std::span<const SnortRule> rules) {
-    std::string text = "\n";
-    std::string name;
+EventEntry MakeEntry(const RuleSet& set, std::span<const SnortRule> rules) {
+    const SnortRule& first = rules.front();
+    EventEntry entry;
+    entry.id = first.sid;
+    entry.file = set.FileOf(first);
+    entry.line = first.line;
+    entry.text = "\n";
+    const std::string id = std::to_string(entry.id);
     uint32_t priority = 0;
     for (const SnortRule& rule : rules) {
-        text += std::string(kImportComment) + " " + std::to_string(rule.generator) + ":" +
-                std::to_string(rule.sid) + " at " + EventName(set.FileOf(rule)) + ":" +
-                std::to_string(rule.line) + "\n";
-        name = name.empty() ? EventName(rule.message) : name;
+        entry.generators.push_back(rule.generator);
+        entry.text.append(kImportComment)
+            .append(" ")
+            .append(std::to_string(rule.generator))
+            .append(":")
+            .append(id)
+            .append(" at ")
+            .append(EventName(set.FileOf(rule)))
+            .append(":")
+            .append(std::to_string(rule.line))
+            .append("\n");
+        entry.name = entry.name.empty() ? EventName(rule.message) : entry.name;
         const uint32_t own = set.PriorityOf(rule);
         priority = own != 0 && (priority == 0 || own < priority) ? own : priority;
     }
-    const SnortRule& first = rules.front();
-    if (name.empty()) {
-        name =
-            "Snort signature " + std::to_string(first.generator) + ":" + std::to_string(first.sid);
+    if (entry.name.empty()) {
+        entry.name = "Snort signature " + std::to_string(first.generator) + ":" + id;
     }
-    const std::string key = "se." + std::to_string(first.sid) + ".";
-    text += key + "severity = " + std::string(SeverityWord(priority)) + "\n";
-    text += key + "msg = " + name + "\n";
-    text += key + "user.response = DISPLAY:WithoutRaw\n";
-    text += key + "response = none\n";
-    return text;
+    entry.severity = SeverityWord(priority);
+    const std::string key = "se." + id + ".";
+    entry.text.append(key).append("severity = ").append(entry.severity).append("\n");
+    entry.text.append(key).append("msg = ").append(entry.name).append("\n");
+    entry.text.append(key).append("user.response = DISPLAY:WithoutRaw\n");
+    entry.text.append(key).append("response = none\n");
+    return entry;
 }
 
 }  // namespace tarnctl

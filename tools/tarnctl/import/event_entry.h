@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tarnctl/snort_rules/rule_set.h"
 
@@ -22,9 +23,18 @@ inline constexpr std::size_t kLongestName = 255;
 // "high", "medium" or "low" for a priority; 0, which is unknown, gives "low".
 [[nodiscard]] std::string_view SeverityWord(uint32_t priority);
 
-// The lines of one entry, with an empty line in front. `rules` are the signatures of one sid, which
-// differ in their generators and share the entry: the first with a message names it, and the most
-// severe one gives the severity.
-[[nodiscard]] std::string EntryText(const RuleSet& set, std::span<const SnortRule> rules);
+struct EventEntry {
+    uint32_t id = 0;
+    std::vector<uint32_t> generators;
+    std::string name;
+    std::string_view severity;  // a literal
+    std::string file;           // of the first rule, with its line
+    uint32_t line = 0;
+    std::string text;  // the lines of the entry, with an empty line in front
+};
+
+// The entry for `rules`, which are the signatures of one sid: they differ in their generators and
+// share the entry. The first with a message names it, and the most severe one gives the severity.
+[[nodiscard]] EventEntry MakeEntry(const RuleSet& set, std::span<const SnortRule> rules);
 
 }  // namespace tarnctl

@@ -6,7 +6,7 @@
 #include "config/config.h"
 #include "config/event_rule_parser.h"
 #include "config/event_rule_table.h"
-#include "logging/log.h"
+#include "tarnctl/common/daemon_load.h"
 
 namespace tarnctl {
 namespace {
@@ -16,18 +16,6 @@ constexpr std::string_view kBlanks = " \t";
 bool IsEmpty(std::string_view line) {
     return line.find_first_not_of(" \t\r\n") == std::string_view::npos;
 }
-
-// The loader's messages about lines that are no settings are for the daemon's log.
-class QuietLog {
-  public:
-    QuietLog() : m_level(vald::Log::GetLevel()) { vald::Log::SetLevel(0); }
-    ~QuietLog() { vald::Log::SetLevel(m_level); }
-    QuietLog(const QuietLog&) = delete;
-    QuietLog& operator=(const QuietLog&) = delete;
-
-  private:
-    int m_level;
-};
 
 // The signature that a line sets something of, 0 if it is no setting.
 uint32_t IdOf(std::string_view line) {
@@ -45,14 +33,8 @@ uint32_t IdOf(std::string_view line) {
 }  // namespace
 
 EventFile::EventFile(std::string text) : m_text(std::move(text)) {
-    static const bool isReady = (Config::Initialize(), true);
-    (void)isReady;
-    const QuietLog quiet;
+    const DaemonLoad load;
     EventRuleTable& table = Config::s_eventTable;
-    // An entry that an earlier load has left aside would come up in this one.
-    table.Clear();
-    (void)table.Commit();
-    table.Clear();
     std::string line;
     uint32_t pending = 0;
     for (std::string_view rest = m_text; !rest.empty(); rest.remove_prefix(m_lines.back().size())) {

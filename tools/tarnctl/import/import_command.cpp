@@ -1,15 +1,19 @@
 #include "tarnctl/import/import_command.h"
 
 #include <algorithm>
-#include <map>
+#include <iterator>
+#include <ostream>
 #include <set>
 #include <span>
 
 #include "tarnctl/common/exit_status.h"
-#include "tarnctl/common/text_forms.h"
+#include "tarnctl/common/failure_text.h"
+#include "tarnctl/common/standard_input.h"
 #include "tarnctl/import/event_entry.h"
 #include "tarnctl/import/event_file.h"
 #include "tarnctl/import/file_replacement.h"
+#include "tarnctl/import/import_report.h"
+#include "tarnctl/import/import_result.h"
 #include "tarnctl/import/line_edit.h"
 #include "tarnctl/snort_rules/rule_set.h"
 
@@ -33,82 +37,83 @@ constexpr const char* kNewFile =
     "#\n"
     "# All lines of one signature are together: se.<signature id>.<key> = <value>.\n";
 
-// More lines than these of one kind are counted and not shown.
-constexpr std::size_t kMostShown = 10;
+constexpr const char* kStandardInput = "-";  // and standard output
 
 class Import {
   public:
     Import(const ImportOptions& options, std::ostream& out, std::ostream& err)
-        : m_options(options), m_out(out), m_err(err) {}
+        : m_options(options), m_out(out), m_err(err), m_input(err, "import") {
+        m_result.file = options.eventFile;
+        m_result.isDryRun = options.dryRun;
+    }
 
     int Run() {
-        if (!ReadRules()) {
-            return kExitFailure;
+        m_result.error = Carry();
+        if (m_options.json) {
+            m_out << ImportAsJson(m_result) << std::endl;
+        } else {
+            for (const std::string& line : RemarkLines(m_result)) {
+                Say(line);
+            }
         }
-        FileState state;
-        const std::string reason = ReadState(m_options.eventFile, state);
-        if (!reason.empty()) {
-            Say(reason);
-            return kExitFailure;
+        if (!m_result.error.empty()) {
+            Say(m_result.error);
+        } else if (!m_options.json) {
+            Say(SummaryLine(m_result));
         }
-        if (m_options.prune && !m_set.IsComplete()) {
-            Say("nothing is written: not all rules could be read, so --prune cannot tell which "
-                "signatures are gone");
-            return kExitFailure;
-        }
-        const EventFile events(state.text);
-        const LineEdit edit = MakeEdit(events, state.exists);
-        const int status = edit.ChangesNothing() ? kExitFine : Store(state, edit);
-        if (status == kExitFine) {
-            Say(Summary(events));
-        }
-        return m_set.IsComplete() ? status : kExitFailure;
+        return m_result.error.empty() && m_result.isComplete ? kExitFine : kExitFailure;
     }
 
   private:
-    void Say(const std::string& text) { m_err << "tarnctl import: " << text << '\n'; }
+    void Say(const std::string& text) { m_err << "tarnctl import: " << text << std::endl; }
 
-    // The first lines of a list, and how many more there are.
-    void SayList(const std::vector<std::string>& lines) {
-        const std::size_t shown = lines.size() > kMostShown + 1 ? kMostShown : lines.size();
-        for (std::size_t at = 0; at < shown; ++at) {
-            Say(lines[at]);
+    // Does it all. Returns why nothing is written, or an empty text.
+    std::string Carry() {
+        if (std::string fault = ReadRules(); !fault.empty()) {
+            return fault;
         }
-        if (shown < lines.size()) {
-            Say("and " + std::to_string(lines.size() - shown) + " more like these");
+        FileState state;
+        if (std::string fault = ReadEvents(state); !fault.empty()) {
+            return fault;
         }
+        if (m_options.prune && !m_result.isComplete) {
+            return "nothing is written: not all rules could be read, so --prune cannot tell which "
+                   "signatures are gone";
+        }
+        const EventFile events(state.text);
+        const LineEdit edit = MakeEdit(events, state.exists && !state.text.empty());
+        return Store(state, edit);
     }
 
-    // False if one of the paths cannot be read at all.
-    bool ReadRules() {
+    // Returns why the rules cannot be used, or an empty text.
+    std::string ReadRules() {
         bool isRead = true;
         for (const std::string& path : m_options.rules) {
-            isRead = m_set.Read(path) && isRead;
+            isRead = m_set.Read(path, m_input) && isRead;
         }
-        std::map<RuleRemarkKind, std::vector<std::string>> remarks;
+        m_result.isComplete = m_set.IsComplete();
         for (const RuleRemark& remark : m_set.Remarks()) {
-            const bool isWhole = remark.kind == RuleRemarkKind::kUnreadable;  // names its file
-            const std::string place =
-                isWhole ? ""
-                        : m_set.Files()[remark.file] + ":" + std::to_string(remark.line) + ": ";
-            remarks[remark.kind].push_back(place + ForTerminal(remark.text));
+            m_result.remarks.push_back(
+                {remark.kind, m_set.Files()[remark.file], remark.line, remark.text});
         }
-        for (const auto& [kind, lines] : remarks) {
-            SayList(lines);
+        return !isRead                 ? "nothing is written"
+               : m_set.Rules().empty() ? "there is no rule in what was named"
+                                       : "";
+    }
+
+    std::string ReadEvents(FileState& state) {
+        if (m_options.eventFile != kStandardInput) {
+            return ReadState(m_options.eventFile, state);
         }
-        if (!isRead) {
-            Say("nothing is written");
-        } else if (m_set.Rules().empty()) {
-            Say("there is no rule in what was named");
-        }
-        return isRead && !m_set.Rules().empty();
+        state.exists = true;
+        const int error = m_input.ReadAll(state.text);
+        return error == 0 ? "" : FailureText("standard input", error);
     }
 
     LineEdit MakeEdit(const EventFile& events, bool exists) {
         const std::vector<SnortRule> signatures = m_set.Signatures();
         std::set<uint32_t> known;
         std::string added;
-        std::vector<std::string> shared;
         for (std::size_t at = 0; at < signatures.size();) {
             const uint32_t sid = signatures[at].sid;
             known.insert(known.end(), sid);
@@ -118,71 +123,64 @@ class Import {
                     alerting.push_back(signatures[at]);
                 }
             }
-            if (alerting.size() > 1) {
-                shared.push_back(SharedText(alerting));
-            }
-            if (!alerting.empty() && !events.HasEntry(sid)) {
-                added += EntryText(m_set, alerting);
-                ++m_added;
-            }
+            AddEntry(alerting, events, added);
         }
-        SayList(shared);
         if (!exists && !added.empty()) {
             added.insert(0, kNewFile);
         }
         LineEdit edit{events.Lines(), std::vector<bool>(events.Lines().size(), false), added};
         if (m_options.prune) {
             edit.remove = events.LinesToRemove(known);
-            m_removed = static_cast<std::size_t>(
-                std::count_if(events.Entries().begin(), events.Entries().end(),
-                              [&known](uint32_t id) { return !known.contains(id); }));
+            std::set_difference(events.Entries().begin(), events.Entries().end(), known.begin(),
+                                known.end(), std::back_inserter(m_result.removed));
         }
+        m_result.kept = events.Entries().size() - m_result.removed.size();
         return edit;
     }
 
-    [[nodiscard]] static std::string SharedText(std::span<const SnortRule> rules) {
-        std::string generators;
-        for (const SnortRule& rule : rules) {
-            generators += (generators.empty() ? "" : ", ") + std::to_string(rule.generator);
-        }
-        return "signature " + std::to_string(rules.front().sid) + " is used by generators " +
-               generators + ", which share one entry";
-    }
-
-    int Store(const FileState& state, const LineEdit& edit) {
-        if (m_options.dryRun) {
-            const std::string oldName = state.exists ? m_options.eventFile : "/dev/null";
-            m_out << edit.Diff(oldName, m_options.eventFile) << std::flush;
-            if (!m_out) {
-                Say("standard output does not take the change");
-                return kExitFailure;
+    // `rules` are the signatures of one sid that may alert.
+    void AddEntry(std::span<const SnortRule> rules, const EventFile& events, std::string& added) {
+        if (rules.size() > 1) {
+            SharedSignature& shared = m_result.shared.emplace_back();
+            shared.id = rules.front().sid;
+            for (const SnortRule& rule : rules) {
+                shared.generators.push_back(rule.generator);
             }
-            return kExitFine;
         }
-        const std::string reason = ReplaceFile(state, edit.Apply());
-        if (!reason.empty()) {
-            Say(reason);
-            return kExitFailure;
+        if (!rules.empty() && !events.HasEntry(rules.front().sid)) {
+            m_result.added.push_back(MakeEntry(m_set, rules));
+            added += m_result.added.back().text;
         }
-        return kExitFine;
     }
 
-    [[nodiscard]] std::string Summary(const EventFile& events) const {
-        const auto entries = [](std::size_t count) {
-            return std::to_string(count) + (count == 1 ? " entry" : " entries");
-        };
-        const std::string tense = m_options.dryRun ? " would be" : "";
-        return m_options.eventFile + ": " + entries(m_added) + tense + " added, " +
-               std::to_string(m_removed) + " removed, " +
-               std::to_string(events.Entries().size() - m_removed) + " kept";
+    // Writes or shows the change. Returns why it cannot be written, or an empty text.
+    std::string Store(const FileState& state, const LineEdit& edit) {
+        const std::string& name = m_options.eventFile;
+        if (m_options.dryRun) {
+            m_result.diff = edit.Diff(state.exists ? name : "/dev/null", name);
+            if (!m_options.json) {
+                m_out << PaintedDiff(m_result.diff, m_options.color);
+            }
+            return "";
+        }
+        if (name == kStandardInput) {
+            m_out << edit.Apply();
+            return "";
+        }
+        if (edit.ChangesNothing()) {
+            return "";
+        }
+        std::string fault = ReplaceFile(state, edit.Apply());
+        m_result.isWritten = fault.empty();
+        return fault;
     }
 
     const ImportOptions& m_options;
     std::ostream& m_out;
     std::ostream& m_err;
+    StandardInput m_input;
     RuleSet m_set;
-    std::size_t m_added = 0;    // entries
-    std::size_t m_removed = 0;  // entries in force
+    ImportResult m_result;
 };
 
 }  // namespace
@@ -191,18 +189,32 @@ CLI::App* AddImportCommand(CLI::App& app, ImportOptions& options) {
     CLI::App* command = app.add_subcommand(
         "import", "Make or extend tarn_event.conf from rule files and message maps");
     command
-        ->add_option("rules", options.rules,
+        ->add_option("PATH", options.rules,
                      "Rule files, folders of them, sid-msg or gen-msg maps, or a snort.conf; - "
                      "is standard input")
         ->required()
         ->type_name("PATH");
-    command->add_option("-n,--event-file", options.eventFile, "The file to make or extend")
+    command
+        ->add_option("-n,--events", options.eventFile,
+                     "The file to make or extend; - reads it from standard input and writes it to "
+                     "standard output")
         ->type_name("FILE")
         ->capture_default_str();
     command->add_flag("--dry-run", options.dryRun,
                       "Write nothing, and show the change as a unified diff");
     command->add_flag("--prune", options.prune,
                       "Remove the entries whose signature is in no rule, disabled ones included");
+    command->add_flag("--json", options.json, "One JSON object with all that changes");
+    command->callback([&options] {
+        const bool isFilter = options.eventFile == kStandardInput;
+        const auto inputs = std::count(options.rules.begin(), options.rules.end(), kStandardInput);
+        if (inputs + (isFilter ? 1 : 0) > 1) {
+            throw CLI::ValidationError("only one of the files can be standard input");
+        }
+        if (isFilter && options.json && !options.dryRun) {
+            throw CLI::ValidationError("standard output cannot take both the file and --json");
+        }
+    });
     command->footer(kExamples);
     return command;
 }

@@ -8,21 +8,24 @@
 #include <vector>
 
 #include "paths.h"
+#include "tarnctl/common/display.h"
 
 namespace tarnctl {
 
-struct ImportOptions {
+struct ImportOptions : Display {
     std::vector<std::string> rules;  // files and folders; "-" is standard input
-    std::string eventFile = tarn::paths::kEventConfigFile;
+    std::string eventFile = tarn::paths::kEventConfigFile;  // "-": standard input and output
     bool dryRun = false;
     bool prune = false;
+    bool json = false;
 };
 
 // Declares the sub-command with its options, which are stored in `options` when it is parsed.
 CLI::App* AddImportCommand(CLI::App& app, ImportOptions& options);
 
-// Writes the file, or with dryRun its change to `out`; all else goes to `err`. Returns an exit
-// status: a failure when a rule file cannot be read or the event file cannot be written.
+// Writes the file, or with dryRun its change to `out`, where JSON goes too; all else goes to `err`.
+// Returns an exit status: a failure when a rule file cannot be read or the event file cannot be
+// written.
 [[nodiscard]] int RunImport(const ImportOptions& options, std::ostream& out, std::ostream& err);
 
 }  // namespace tarnctl

@@ -9,6 +9,7 @@
 #include <unordered_map>
 
 #include "tarnctl/common/failure_text.h"
+#include "tarnctl/common/standard_input.h"
 #include "tarnctl/snort_rules/classifications.h"
 #include "tarnctl/snort_rules/map_text.h"
 #include "tarnctl/snort_rules/rule_text.h"
@@ -46,13 +47,28 @@ bool Outranks(const SnortRule& left, const SnortRule& right) {
 }  // namespace
 
 bool RuleSet::Read(const std::string& path) {
-    const bool isInput = path == "-";
-    m_baseFolder = isInput ? "." : fs::path(path).parent_path().string();
+    m_baseFolder = fs::path(path).parent_path().string();
     const Found found = ReadPath(path, 0);
-    if (found != Found::kNothing && !isInput) {
+    if (found != Found::kNothing) {
         ReadClassesNear(path);
     }
     return found != Found::kNothing;
+}
+
+bool RuleSet::Read(const std::string& path, StandardInput& input) {
+    if (path != "-") {
+        return Read(path);
+    }
+    constexpr const char* kName = "standard input";
+    std::string text;
+    const int error = input.ReadAll(text);
+    if (error != 0) {
+        Remark(RuleRemarkKind::kUnreadable, AddFile(kName), 0, FailureText(kName, error));
+        return false;
+    }
+    m_baseFolder = ".";
+    ReadText(kName, text);
+    return true;
 }
 
 void RuleSet::ReadText(const std::string& name, std::string_view text) {
@@ -80,7 +96,7 @@ RuleSet::Found RuleSet::ReadPath(const std::string& path, int depth) {
     if (!isNew) {
         return Found::kFile;
     }
-    ReadContent(path == "-" ? "standard input" : path, text, depth);
+    ReadContent(path, text, depth);
     return Found::kFile;
 }
 

@@ -23,14 +23,19 @@
 
 namespace tarnctl {
 
+class StandardInput;
+
 class RuleSet {
   public:
     // Reads a file, or a folder with what is below it: *.rules, maps (*msg.map) and
     // classification.config. A file is a map or a rule file by what it holds; a snort.conf is a
-    // rule file with includes. "-" is standard input. A classification.config in the file's folder
+    // rule file with includes. A classification.config in the file's folder
     // or the one above is read too. A file that has been read already is not read again. False,
     // with a remark of kind kUnreadable, if the path itself cannot be read.
     [[nodiscard]] bool Read(const std::string& path);
+
+    // The same, and "-" is standard input.
+    [[nodiscard]] bool Read(const std::string& path, StandardInput& input);
 
     // Reads a text as if it stood in a file of this name.
     void ReadText(const std::string& name, std::string_view text);

@@ -12,10 +12,9 @@ namespace {
 class Descriptor {
   public:
     explicit Descriptor(const std::string& path)
-        : m_isOwned(path != "-"),
-          m_fd(m_isOwned ? open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY) : STDIN_FILENO) {}
+        : m_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY)) {}
     ~Descriptor() {
-        if (m_isOwned && m_fd != -1) {
+        if (m_fd != -1) {
             close(m_fd);
         }
     }
@@ -25,7 +24,6 @@ class Descriptor {
     [[nodiscard]] int Get() const { return m_fd; }
 
   private:
-    bool m_isOwned;
     int m_fd;
 };
 

@@ -10,7 +10,6 @@
 
 namespace tarnctl {
 
-// Reads the file; "-" is standard input, and what was read from it before does not come again.
 // Returns 0, or the errno of what failed. `status`, if given, is the file's. The text of a folder
 // is empty.
 [[nodiscard]] int ReadTextFile(const std::string& path, std::string& text,

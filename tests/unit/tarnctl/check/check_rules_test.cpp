@@ -14,7 +14,16 @@ using CheckRulesOption = CheckFixture;
 TEST_F(CheckRulesOption, CannotCheckWhatCannotBeRead) {
     options.rules = {dir.File("missing")};
     EXPECT_EQ(2, Run());
-    EXPECT_THAT(err.str(), HasSubstr("missing: cannot be read"));
+    EXPECT_THAT(err.str(), HasSubstr("missing: No such file or directory"));
+}
+
+TEST_F(CheckRulesOption, CannotCheckWhatAnIncludeDoesNotFind) {
+    Events(GoodEntry(7));
+    options.rules = {dir.Write("local.rules",
+                               "alert tcp any any -> any any (msg:\"a\"; sid:7;)\n"
+                               "include gone.rules\n")};
+    EXPECT_EQ(2, Run());
+    EXPECT_THAT(err.str(), HasSubstr("local.rules:2: the included file gone.rules is not there"));
 }
 
 TEST_F(CheckRulesOption, NamesSignaturesWithoutAnEntryAndEntriesWithoutASignature) {

@@ -2,8 +2,11 @@
 
 #include <gmock/gmock.h>
 
+#include <sstream>
+
 #include "support/temp_dir.h"
 #include "tarnctl/check/finding_kinds.h"
+#include "tarnctl/common/standard_input.h"
 
 namespace tarnctl {
 namespace {
@@ -36,9 +39,11 @@ std::vector<std::string> Reasons(const ProtectList& list, const LoadedEntry& ent
 
 class ProtectListTest : public testing::Test {
   protected:
-    ProtectListTest() { EXPECT_EQ("", list.Add("192.0.2.53")); }
+    void SetUp() override { ASSERT_EQ("", list.Add("192.0.2.53", input)); }
 
     ProtectList list;
+    std::ostringstream err;
+    StandardInput input{err, "test"};
     TempDir dir;
 };
 
@@ -81,7 +86,7 @@ TEST_F(ProtectListTest, LeavesOutWhatNeverBlocks) {
 }
 
 TEST_F(ProtectListTest, TakesNetworksAndAddressesOfBothFamilies) {
-    EXPECT_EQ("", list.Add("2001:db8::/32"));
+    EXPECT_EQ("", list.Add("2001:db8::/32", input));
     const std::string rule = "alert tcp 2001:db8:1::1 any -> 10.0.0.0/8 80 (sid:7;)";
     EXPECT_THAT(Reasons(list, EntryWith(kBlockIntruderAddress, rule)),
                 ElementsAre("entry 7 can block 2001:db8::/32"));
@@ -89,16 +94,17 @@ TEST_F(ProtectListTest, TakesNetworksAndAddressesOfBothFamilies) {
 
 TEST_F(ProtectListTest, ReadsAFile) {
     ProtectList fromFile;
-    EXPECT_EQ("", fromFile.Add(dir.Write("list", "# servers\n192.0.2.1 # first\n\n10.0.0.0/8\n")));
+    EXPECT_EQ(
+        "", fromFile.Add(dir.Write("list", "# servers\n192.0.2.1 # first\n\n10.0.0.0/8\n"), input));
     EXPECT_THAT(Reasons(fromFile, EntryWith(kBlockIntruderAddress, "")),
                 ElementsAre("entry 7 can block 192.0.2.1, 10.0.0.0/8"));
 }
 
 TEST_F(ProtectListTest, RefusesWhatIsNoAddress) {
-    EXPECT_THAT(list.Add("192.0.2.300"), HasSubstr("is no address, no network and no file"));
-    EXPECT_THAT(list.Add("192.0.2.0/33"), HasSubstr("is no address"));
-    EXPECT_THAT(list.Add(dir.Path().string()), HasSubstr("is no address"));
-    EXPECT_THAT(list.Add(dir.Write("list", "10.0.0.1\nhost\n")),
+    EXPECT_THAT(list.Add("192.0.2.300", input), HasSubstr("is no address, no network and no file"));
+    EXPECT_THAT(list.Add("192.0.2.0/33", input), HasSubstr("is no address"));
+    EXPECT_THAT(list.Add(dir.Path().string(), input), HasSubstr("is no address"));
+    EXPECT_THAT(list.Add(dir.Write("list", "10.0.0.1\nhost\n"), input),
                 HasSubstr("list:2: \"host\" is no address and no network"));
 }
 

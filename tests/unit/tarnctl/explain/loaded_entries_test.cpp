@@ -3,10 +3,12 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <sstream>
 #include <string>
 
 #include "config/config.h"
 #include "support/temp_dir.h"
+#include "tarnctl/common/standard_input.h"
 
 namespace {
 
@@ -25,10 +27,13 @@ class LoadedEntriesTest : public testing::Test {
     }
     std::string Load(const std::string& events) {
         Write("events", events);
-        return m_entries.Load({m_dir.File("tarn.conf"), m_dir.File("events"), m_dir.File("state")});
+        return m_entries.Load({m_dir.File("tarn.conf"), m_dir.File("events"), m_dir.File("state")},
+                              m_input);
     }
 
     TempDir m_dir;
+    std::ostringstream m_err;
+    tarnctl::StandardInput m_input{m_err, "test"};
     LoadedEntries m_entries;
 };
 
@@ -80,10 +85,12 @@ TEST_F(LoadedEntriesTest, ReadsTheStateFileFirst) {
 }
 
 TEST_F(LoadedEntriesTest, NamesAFileThatCannotBeRead) {
-    EXPECT_THAT(m_entries.Load({m_dir.File("tarn.conf"), m_dir.File("none"), m_dir.File("state")}),
-                HasSubstr(m_dir.File("none")));
-    EXPECT_THAT(m_entries.Load({m_dir.File("none"), m_dir.File("events"), m_dir.File("state")}),
-                HasSubstr(m_dir.File("none")));
+    EXPECT_THAT(
+        m_entries.Load({m_dir.File("tarn.conf"), m_dir.File("none"), m_dir.File("state")}, m_input),
+        HasSubstr(m_dir.File("none")));
+    EXPECT_THAT(
+        m_entries.Load({m_dir.File("none"), m_dir.File("events"), m_dir.File("state")}, m_input),
+        HasSubstr(m_dir.File("none")));
 }
 
 TEST_F(LoadedEntriesTest, LeavesNoObserverBehind) {

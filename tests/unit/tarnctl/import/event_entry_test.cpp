@@ -46,7 +46,7 @@ TEST(SeverityWord, FollowsThePriority) {
     EXPECT_EQ("low", SeverityWord(0));
 }
 
-TEST(EntryText, NamesRuleFileAndLine) {
+TEST(MakeEntry, NamesRuleFileAndLine) {
     RuleSet set;
     set.ReadText("/x/a.rules", "\nalert ( msg:\"A name\"; sid:7; classtype:attempted-recon; )\n");
     EXPECT_EQ(
@@ -56,10 +56,10 @@ TEST(EntryText, NamesRuleFileAndLine) {
         "se.7.msg = A name\n"
         "se.7.user.response = DISPLAY:WithoutRaw\n"
         "se.7.response = none\n",
-        EntryText(set, set.Signatures()));
+        MakeEntry(set, set.Signatures()).text);
 }
 
-TEST(EntryText, TakesTheMostSevereOfThoseThatShareIt) {
+TEST(MakeEntry, TakesTheMostSevereOfThoseThatShareIt) {
     RuleSet set;
     set.ReadText("a",
                  "alert ( sid:7; ) alert ( gid:3; sid:7; priority:3; msg:\"three\"; )"
@@ -73,13 +73,13 @@ TEST(EntryText, TakesTheMostSevereOfThoseThatShareIt) {
         "se.7.msg = three\n"
         "se.7.user.response = DISPLAY:WithoutRaw\n"
         "se.7.response = none\n",
-        EntryText(set, set.Signatures()));
+        MakeEntry(set, set.Signatures()).text);
 }
 
-TEST(EntryText, NamesASignatureWithoutAMessageByItsNumbers) {
+TEST(MakeEntry, NamesASignatureWithoutAMessageByItsNumbers) {
     RuleSet set;
     set.ReadText("a\nb", "alert ( gid:116; sid:9; )\n");
-    EXPECT_THAT(EntryText(set, set.Signatures()),
+    EXPECT_THAT(MakeEntry(set, set.Signatures()).text,
                 testing::StartsWith("\n# tarnctl import: 116:9 at a b:1\nse.9.severity = low\n"
                                     "se.9.msg = Snort signature 116:9\n"));
 }

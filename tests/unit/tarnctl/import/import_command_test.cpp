@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
 #include <string>
@@ -187,12 +188,68 @@ TEST_F(ImportCommandTest, RefusesAnEventFileThatIsNone) {
     EXPECT_EQ("tarnctl import: /dev/full is no plain file\n", m_err.str());
 }
 
-TEST_F(ImportCommandTest, NamesAFullStandardOutput) {
-    m_options.dryRun = true;
-    m_out.setstate(std::ios::badbit);
-    m_options.rules = {m_dir.Write("a.rules", Rule("sid:1;"))};
-    EXPECT_EQ(kExitFailure, RunImport(m_options, m_out, m_err));
-    EXPECT_EQ("tarnctl import: standard output does not take the change\n", m_err.str());
+TEST_F(ImportCommandTest, ShowsTheChangeInColour) {
+    m_options.dryRun = m_options.color = true;
+    m_dir.Write("event.conf", "se.9.msg = old\n");
+    m_options.prune = true;
+    EXPECT_EQ(kExitFine, RunWith(Rule("msg:\"a\"; sid:1;")));
+    EXPECT_THAT(m_out.str(), HasSubstr("\033[31m-se.9.msg = old\033[0m\n"));
+    EXPECT_THAT(m_out.str(), HasSubstr("\033[32m+se.1.msg = a\033[0m\n"));
+}
+
+TEST_F(ImportCommandTest, SaysAllInOneObject) {
+    m_options.json = m_options.prune = true;
+    m_dir.Write("event.conf", "se.9.msg = old\nse.2.msg = kept\n");
+    EXPECT_EQ(kExitFine, RunWith(Rule("msg:\"a\"; sid:1; priority:1;") + Rule("msg:\"b\"; sid:2;") +
+                                 Rule("gid:116; sid:1;") + Rule("msg:\"no sid\";")));
+    EXPECT_EQ("", m_err.str());
+    const auto answer = nlohmann::json::parse(m_out.str());
+    EXPECT_EQ(m_options.eventFile, answer["file"]);
+    EXPECT_EQ(true, answer["written"]);
+    EXPECT_EQ(true, answer["complete"]);
+    EXPECT_EQ(false, answer["dryRun"]);
+    EXPECT_EQ(nullptr, answer["diff"]);
+    EXPECT_EQ(nullptr, answer["error"]);
+    ASSERT_EQ(1U, answer["added"].size());
+    const nlohmann::json added = {{"id", 1},
+                                  {"generators", {1, 116}},
+                                  {"name", "a"},
+                                  {"severity", "high"},
+                                  {"file", m_dir.File("a.rules")},
+                                  {"line", 1}};
+    EXPECT_EQ(added, answer["added"][0]);
+    EXPECT_EQ(nlohmann::json({9}), answer["removed"]);
+    EXPECT_EQ(1U, answer["kept"]);
+    EXPECT_EQ(nlohmann::json({{{"id", 1}, {"generators", {1, 116}}}}), answer["shared"]);
+    ASSERT_EQ(1U, answer["remarks"].size());
+    EXPECT_EQ("no-sid", answer["remarks"][0]["kind"]);
+    EXPECT_EQ(4U, answer["remarks"][0]["line"]);
+    // The second run has nothing to write.
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(false, nlohmann::json::parse(m_out.str())["written"]);
+}
+
+TEST_F(ImportCommandTest, SaysInTheObjectWhyNothingIsWritten) {
+    m_options.json = true;
+    m_options.rules = {m_dir.File("none.rules")};
+    EXPECT_EQ(kExitFailure, Run());
+    const auto answer = nlohmann::json::parse(m_out.str());
+    EXPECT_EQ(false, answer["written"]);
+    EXPECT_EQ(false, answer["complete"]);
+    EXPECT_EQ("nothing is written", answer["error"]);
+    EXPECT_EQ("unreadable", answer["remarks"][0]["kind"]);
+    EXPECT_EQ(nullptr, answer["remarks"][0]["line"]);
+    EXPECT_EQ("tarnctl import: nothing is written\n", m_err.str());
+}
+
+TEST_F(ImportCommandTest, ShowsTheChangeInTheObject) {
+    m_options.json = m_options.dryRun = true;
+    EXPECT_EQ(kExitFine, RunWith(Rule("msg:\"a\"; sid:1;")));
+    const auto answer = nlohmann::json::parse(m_out.str());
+    EXPECT_EQ(true, answer["dryRun"]);
+    EXPECT_EQ(false, answer["written"]);
+    EXPECT_THAT(answer["diff"].get<std::string>(), EndsWith("+se.1.response = none\n"));
+    EXPECT_FALSE(std::filesystem::exists(m_options.eventFile));
 }
 
 // Whatever messages rules have, each entry is in force with the name that was made of its message.
