@@ -1,5 +1,7 @@
 #include "events/event_bridge.h"
 
+#include <sched.h>
+
 #include <cerrno>
 #include <memory>
 #include <new>
@@ -35,14 +37,16 @@ class EventBridge::Consumer {
 
     // Takes the event out of its slot. Null when the slot holds none.
     std::unique_ptr<U2AlertEvent> Take() {
-        // Acquire: pairs with the release in EnqueueEvent.
+        // Acquire: pairs with the release in EnqueueEvent, should the wake-up have come without
+        // one.
         auto& slot = m_bridge.m_queue[static_cast<size_t>(m_index)];
-        return std::unique_ptr<U2AlertEvent>(slot.exchange(nullptr, std::memory_order_acquire));
+        std::unique_ptr<U2AlertEvent> event(slot.load(std::memory_order_acquire));
+        slot.store(nullptr, std::memory_order_relaxed);
+        return event;
     }
 
     void Advance() {
         m_index = NextSlot(m_index);
-        const MutexLock lock(m_bridge.m_mutex);
         // Release: a producer that sees the room finds the slot cleared.
         m_bridge.m_count.fetch_sub(1, std::memory_order_release);
     }
@@ -50,6 +54,22 @@ class EventBridge::Consumer {
   private:
     EventBridge& m_bridge;
     int32_t m_index;
+};
+
+// Says that the consumer waits, for as long as it does, a cancel included. Made and destroyed with
+// the lock held.
+class EventBridge::Waiting {
+  public:
+    explicit Waiting(std::atomic<bool>& waits) : m_waits(waits) {
+        // In one order with the count: either the producer sees this or the consumer its event.
+        m_waits.store(true, std::memory_order_seq_cst);
+    }
+    ~Waiting() { m_waits.store(false, std::memory_order_relaxed); }
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+
+  private:
+    std::atomic<bool>& m_waits;
 };
 
 EventBridge* EventBridge::s_instance = nullptr;
@@ -96,6 +116,7 @@ int EventBridge::Initialize() {
 
     m_head = 0;
     m_tail = 0;
+    m_batchIsOpen = false;
     m_count.store(0, std::memory_order_relaxed);
 
     m_multiThreaded = Config::s_debugSingle == 0;
@@ -138,6 +159,7 @@ void EventBridge::Finalize() {
         delete slot.exchange(nullptr, std::memory_order_acquire);
         m_head = NextSlot(m_head);
     }
+    DeleteFinished();
     m_count.store(-1, std::memory_order_relaxed);  // until the next Initialize
 
     if (m_packetLog != nullptr) {
@@ -147,13 +169,13 @@ void EventBridge::Finalize() {
     m_initialized = false;
 }
 
-int EventBridge::ProcessEvent(U2AlertEvent* event) {
+int EventBridge::ProcessEvent(U2AlertEvent* event, HandOver handOver) {
     if (!m_initialized) {
         Log::GetInstance()->Write(Log::kError,
                                   "EventBridge::ProcessEvent() is called before Initialized().");
         return -1;
     }
-    return m_multiThreaded ? EnqueueEvent(event) : SendEvent(event);
+    return m_multiThreaded ? EnqueueEvent(event, handOver) : SendEvent(event);
 }
 
 int EventBridge::SendEvent(U2AlertEvent* event) {
@@ -179,7 +201,7 @@ int EventBridge::SendEvent(U2AlertEvent* event) {
     return 0;
 }
 
-int EventBridge::EnqueueEvent(U2AlertEvent* event) {
+int EventBridge::EnqueueEvent(U2AlertEvent* event, HandOver handOver) {
     Log& log = *Log::GetInstance();
     if (!m_initialized) {
         log.Write(Log::kError, "EventBridge::EnqueueEvent() is called before Initialize().");
@@ -203,11 +225,66 @@ int EventBridge::EnqueueEvent(U2AlertEvent* event) {
 
     m_queue[static_cast<size_t>(m_tail)].store(event, std::memory_order_release);
     m_tail = NextSlot(m_tail);
-
-    const MutexLock lock(m_mutex);
-    m_count.fetch_add(1, std::memory_order_relaxed);
-    pthread_cond_signal(&m_notEmpty);
+    // In one order with m_waits.
+    const int32_t queued = m_count.fetch_add(1, std::memory_order_seq_cst) + 1;
+    if (handOver == HandOver::kAtOnce || queued >= kBatch) {
+        WakeConsumer();
+    } else {
+        m_batchIsOpen = true;
+    }
+    if (m_tail % kDeleteEach == 0) {
+        DeleteFinished();
+    }
+    if (queued >= kYieldAt) {
+        sched_yield();
+    }
     return 0;
+}
+
+void EventBridge::EndBatch() {
+    if (m_batchIsOpen) {
+        m_batchIsOpen = false;
+        WakeConsumer();
+        DeleteFinished();
+    }
+}
+
+// A wake-up counts as an event, so there is none without an event in the ring, and one only for
+// each wait.
+void EventBridge::WakeConsumer() {
+    if (!m_waits.load(std::memory_order_seq_cst)) {
+        return;
+    }
+    const MutexLock lock(m_mutex);
+    if (m_count.load(std::memory_order_relaxed) > 0 &&
+        m_waits.exchange(false, std::memory_order_relaxed)) {
+        pthread_cond_signal(&m_notEmpty);
+    }
+}
+
+void EventBridge::Finish(U2AlertEvent* event) {
+    if (m_count.load(std::memory_order_relaxed) <= kFewQueued) {
+        delete event;
+        return;
+    }
+    event->m_nextFinished = m_finished.load(std::memory_order_relaxed);
+    // Release: the thread that deletes the event finds it as it was left.
+    while (!m_finished.compare_exchange_weak(
+        event->m_nextFinished, event, std::memory_order_release, std::memory_order_relaxed)) {
+    }
+}
+
+void EventBridge::DeleteFinished() {
+    if (m_finished.load(std::memory_order_relaxed) == nullptr) {
+        return;
+    }
+    // Taken as a whole, so that both threads may do this.
+    U2AlertEvent* event = m_finished.exchange(nullptr, std::memory_order_acquire);
+    while (event != nullptr) {
+        U2AlertEvent* const next = event->m_nextFinished;
+        delete event;
+        event = next;
+    }
 }
 
 int EventBridge::ProcessEventQueue(int32_t maximum, uint32_t seconds) {
@@ -241,7 +318,9 @@ int EventBridge::ProcessEventQueue(int32_t maximum, uint32_t seconds) {
             } else {
                 log.Write(Log::kWarning, "EventBridge failed to process queued event.");
             }
-            event.reset();
+            if (event != nullptr) {
+                Finish(event.release());
+            }
             consumer.Advance();
         }
     }
@@ -253,8 +332,14 @@ int EventBridge::ProcessEventQueue(int32_t maximum, uint32_t seconds) {
 
 // False when nothing came in time.
 bool EventBridge::WaitForEvent(uint32_t seconds) {
+    // Acquire: pairs with EnqueueEvent, whose slot is filled before it counts.
+    if (m_count.load(std::memory_order_acquire) != 0) {
+        return true;
+    }
+    DeleteFinished();  // before a sleep that may be long
     const MutexLock lock(m_mutex);
-    if (m_count.load(std::memory_order_relaxed) != 0) {
+    const Waiting waiting(m_waits);
+    if (m_count.load(std::memory_order_seq_cst) != 0) {
         return true;
     }
     const timespec deadline = DeadlineFromNow(uint64_t{seconds} * 1000);

@@ -88,6 +88,7 @@ class U2AlertEvent {
 
     const uint32_t m_eventId;
     const uint32_t m_signatureId;
+    U2AlertEvent* m_nextFinished = nullptr;  // EventBridge's, once the alert is processed
 
   protected:
     // Takes over `recordBytes`, which malloc gave.

@@ -51,6 +51,14 @@ class EventBridgePeer {
     }
     static uint32_t References(EventBridge& bridge) { return bridge.m_refCount.load(); }
     static int32_t Count(EventBridge& bridge) { return bridge.m_count.load(); }
+    // True once the consumer is asleep for want of an event, and until it is woken or gives up.
+    static bool ConsumerSleeps(EventBridge& bridge) {
+        if (!bridge.m_waits.load()) {
+            return false;
+        }
+        const Lock lock(bridge);  // free once the wait has begun
+        return bridge.m_waits.load();
+    }
     static bool LockIsFree(EventBridge& bridge) {
         if (pthread_mutex_trylock(&bridge.m_mutex) != 0) {
             return false;
