@@ -43,20 +43,30 @@ SnortEventReader::SnortEventReader(const char* path)
 // Deliberate: alerts that are still pending are dropped. The engine ends its read loop to stop or
 // to reload, and an alert that may still lack its packet is not worth holding that up.
 SnortEventReader::~SnortEventReader() {
+    m_pBridge->EndBatch();
     m_pBridge->Release();
 }
 
 bool SnortEventReader::ReadEvent(long timeoutSeconds) {
-    if (m_fd < 0 && !OpenFifo()) {
-        return false;
-    }
-    if (WaitReadable(timeoutSeconds) <= 0) {
-        FlushPending();
-        return false;
-    }
-
+    // Set again by a whole record only.
+    const bool gaveRecord = std::exchange(m_gaveRecord, false) && m_fd >= 0;
     unified2::RecordHeader header;
-    if (!ReadFully(&header, sizeof(header))) {
+    // A negative timeout is an error of the wait, whatever there is to read.
+    uint32_t there = 0;
+    if (gaveRecord && timeoutSeconds >= 0) {
+        there = ReadWhatIsThere(&header, sizeof(header));
+    }
+    if (there == 0) {
+        m_pBridge->EndBatch();
+        if (m_fd < 0 && !OpenFifo()) {
+            return false;
+        }
+        if (WaitReadable(timeoutSeconds) <= 0) {
+            FlushPending();
+            return false;
+        }
+    }
+    if (!ReadFully(&header, sizeof(header), there)) {
         return false;
     }
     U2Record record;
@@ -76,13 +86,14 @@ bool SnortEventReader::ReadEvent(long timeoutSeconds) {
                                   record.length);
         return false;
     }
-    if (!ReadFully(record.data.get(), record.length)) {
+    if (!ReadFully(record.data.get(), record.length, 0)) {
         return false;
     }
     if (needed > record.length) {
         std::memset(record.data.get() + record.length, 0, needed - record.length);
     }
     HandleRecord(std::move(record));
+    m_gaveRecord = true;
     return true;
 }
 
@@ -100,10 +111,20 @@ bool SnortEventReader::OpenFifo() {
     return true;
 }
 
-bool SnortEventReader::ReadFully(void* buffer, uint32_t length) {
+// The end of the writer counts as nothing, too, as does a failure: the wait that follows tells them
+// apart. It knows more than a read does, since a read finds the end of file also on a FIFO that has
+// had no writer since it was opened.
+uint32_t SnortEventReader::ReadWhatIsThere(void* buffer, uint32_t length) {
+    const ssize_t count = read(m_fd, buffer, length);
+    return count > 0 ? static_cast<uint32_t>(count) : 0;
+}
+
+bool SnortEventReader::ReadFully(void* buffer, uint32_t length, uint32_t firstPiece) {
     uint32_t done = 0;
     while (done < length) {
-        const ssize_t count = read(m_fd, static_cast<uint8_t*>(buffer) + done, length - done);
+        const ssize_t count = done == 0 && firstPiece > 0
+                                  ? firstPiece
+                                  : read(m_fd, static_cast<uint8_t*>(buffer) + done, length - done);
         if (count == -1) {
             const int error = errno;
             // Deliberate: a record whose tail is not there yet is lost with the bytes read so far.
@@ -213,7 +234,7 @@ bool SnortEventReader::SendToBridge(std::unique_ptr<U2AlertEvent> event) {
     if (Config::s_logLevel.load(std::memory_order_relaxed) > Log::kNotice) {
         event->Dump();
     }
-    if (m_pBridge->ProcessEvent(event.get()) == 0) {
+    if (m_pBridge->ProcessEvent(event.get(), EventBridge::HandOver::kInBatch) == 0) {
         (void)event.release();  // The bridge has it now, or has deleted it.
         return true;
     }
@@ -225,4 +246,5 @@ void SnortEventReader::FlushPending() {
     while (!m_pending.IsEmpty()) {
         SendToBridge(m_pending.TakeOldest());
     }
+    m_pBridge->EndBatch();
 }

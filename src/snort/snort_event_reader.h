@@ -40,7 +40,8 @@ class SnortEventReader : public SnortReaderBase {
 
     // One pass: opens the FIFO if it is closed, waits for at most `timeoutSeconds`, and handles at
     // most one record. True only if a whole record was read and handled. A wait that ends without
-    // data sends all pending alerts on.
+    // data sends all pending alerts on. After a whole record the wait is left out while there is
+    // more to read; docs/decisions/0005-header-at-once.md says why nothing else changes by that.
     bool ReadEvent(long timeoutSeconds);
 
   private:
@@ -53,7 +54,10 @@ class SnortEventReader : public SnortReaderBase {
     };
 
     [[nodiscard]] bool OpenFifo();
-    [[nodiscard]] bool ReadFully(void* buffer, uint32_t length);
+    // Reads once. The number of bytes, or 0 when there is nothing to read now, for whatever reason.
+    [[nodiscard]] uint32_t ReadWhatIsThere(void* buffer, uint32_t length);
+    // Fills the buffer, which has its first `firstPiece` bytes already, as they came with one read.
+    [[nodiscard]] bool ReadFully(void* buffer, uint32_t length, uint32_t firstPiece);
     void HandleRecord(U2Record record);
     void AddAlertEvent(std::unique_ptr<U2AlertEvent> event);
     bool AssociatePacket(std::unique_ptr<U2PacketEvent> packet);
@@ -63,6 +67,7 @@ class SnortEventReader : public SnortReaderBase {
 
     EventBridge* m_pBridge;  // counted
     PendingEvents m_pending;
+    bool m_gaveRecord = false;  // the last pass got a whole record from the descriptor
 
     static SnortEventReader* s_instance;  // owned; null when there is none
 };

@@ -6,6 +6,7 @@
 
 #include <ctime>
 #include <mutex>
+#include <utility>
 
 namespace {
 
@@ -43,7 +44,16 @@ void SetRecording(bool isRecording) {
     waits.selects.clear();
 }
 
+std::function<void()>& BeforeSelect() {
+    static std::function<void()> action;
+    return action;
+}
+
 }  // namespace
+
+void BeforeTheNextSelect(std::function<void()> action) {
+    BeforeSelect() = std::move(action);
+}
 
 RecordedWaits::RecordedWaits() {
     SetRecording(true);
@@ -70,6 +80,9 @@ extern "C" unsigned sleep(unsigned seconds) {
 
 extern "C" int select(int count, fd_set* readSet, fd_set* writeSet, fd_set* exceptionSet,
                       timeval* timeout) {
+    if (BeforeSelect()) {
+        std::exchange(BeforeSelect(), nullptr)();
+    }
     if (timeout == nullptr) {
         return pselect(count, readSet, writeSet, exceptionSet, nullptr, nullptr);
     }

@@ -6,6 +6,7 @@
 //
 // Threads: any thread may wait; one object at a time.
 
+#include <functional>
 #include <vector>
 
 class RecordedWaits {
@@ -18,3 +19,7 @@ class RecordedWaits {
     [[nodiscard]] static std::vector<long> Sleeps();   // seconds, in the order of the calls
     [[nodiscard]] static std::vector<long> Selects();  // milliseconds, in the order of the calls
 };
+
+// Does something when the next `select` is called, before it waits. An empty function takes it
+// back. For tests of one thread.
+void BeforeTheNextSelect(std::function<void()> action);
