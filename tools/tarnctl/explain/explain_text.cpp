@@ -203,7 +203,7 @@ Json BlockingAsJson(const Explanation& explanation) {
             {"sent", block.isSent},
             {"reason", TextOrNull(block.reason)},
             {"text", TextOrNull(block.text)},
-            {"expires", block.isSent ? Json(block.expiration) : Json()},
+            {"expirationTime", block.isSent ? Json(block.expiration) : Json()},
             {"notes", block.notes},
         });
     }

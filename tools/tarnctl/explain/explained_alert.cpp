@@ -6,13 +6,16 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <new>
 #include <nlohmann/json.hpp>
 #include <span>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "tarnctl/common/record_file.h"
@@ -227,6 +230,21 @@ bool SetReportAddress(CrmEventSource& source, const std::string& text, bool isIp
     return true;
 }
 
+// The seconds and microseconds of a time as JSON has it; null is no time.
+std::pair<uint32_t, uint32_t> TimeOf(const Json& time) {
+    if (time.is_null()) {
+        return {0, 0};
+    }
+    constexpr double kMicroseconds = 1000000;
+    double seconds = 0;
+    const double fraction = std::modf(time.get<double>(), &seconds);
+    if (seconds < 0 || seconds > std::numeric_limits<uint32_t>::max()) {
+        return {0, 0};
+    }
+    return {static_cast<uint32_t>(seconds),
+            static_cast<uint32_t>(std::lround(fraction * kMicroseconds))};
+}
+
 }  // namespace
 
 bool AlertDescription::IsExample() const {
@@ -332,14 +350,15 @@ std::string ExplainedAlert::TakeFromReport(const std::string& line) {
             }
         }
         if (const Json& packet = document.at("packet"); packet.is_object()) {
-            const auto size = packet.at("capturedSize").get<uint64_t>();
+            const auto size = static_cast<uint64_t>(
+                std::max<int64_t>(packet.at("capturedSize").get<int64_t>(), 0));
             if (size > RecordFile::kLongest) {
                 return "the packet of the report is longer than any packet";
             }
             m_packet.assign(size, 0);
-            source->SetPacket(m_packet.data(), static_cast<uint32_t>(m_packet.size()),
-                              packet.at("seconds").get<uint32_t>(),
-                              packet.at("microseconds").get<uint32_t>());
+            const auto [seconds, microseconds] = TimeOf(packet.at("time"));
+            source->SetPacket(m_packet.data(), static_cast<uint32_t>(m_packet.size()), seconds,
+                              microseconds);
         }
         m_wasBlocked = document.at("blocked").get<bool>();
         const Json& name = document.at("name");
@@ -347,7 +366,11 @@ std::string ExplainedAlert::TakeFromReport(const std::string& line) {
         m_source = std::move(source);
         return {};
     } catch (const Json::exception& fault) {
-        return std::string("not a report of tarnctl crm --json: ") + fault.what();
+        // The library's own number of the fault comes first.
+        const std::string_view text = fault.what();
+        const std::size_t begin = text.find("] ");
+        return "not a report of tarnctl crm --json: " +
+               std::string(begin == std::string_view::npos ? text : text.substr(begin + 2));
     }
 }
 

@@ -60,6 +60,21 @@ class NewFile {
                fchmod(m_fd, state.mode) == 0;
     }
 
+    // At a hangup the daemon compares modification times in whole seconds, and passes over a file
+    // whose own is that of the file it has read.
+    [[nodiscard]] bool BecomeNewer(const FileState& state) const {
+        struct stat status = {};
+        if (fstat(m_fd, &status) != 0) {
+            return false;
+        }
+        if (!state.exists || status.st_mtim.tv_sec != state.second) {
+            return true;
+        }
+        const timespec times[] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT},
+                                  {.tv_sec = status.st_mtim.tv_sec + 1, .tv_nsec = 0}};
+        return futimens(m_fd, times) == 0;
+    }
+
     [[nodiscard]] bool Sync() const { return fsync(m_fd) == 0; }
 
     [[nodiscard]] bool Rename(const std::string& target) {
@@ -144,6 +159,9 @@ std::string ReplaceFile(const FileState& state, std::string_view text,
     }
     if (!file.TakeAttributes(state)) {
         return FailureText(state.path + ": its mode and owner cannot be kept", errno);
+    }
+    if (!file.BecomeNewer(state)) {
+        return FailureText(state.path + ": the time of the new file beside it", errno);
     }
     if (!file.Sync()) {
         return FailureText(state.path + ": the new file beside it", errno);

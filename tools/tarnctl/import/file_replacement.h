@@ -28,10 +28,10 @@ struct FileState {
 // Reads the file; that there is none is no failure. Returns a reason if it cannot be read.
 [[nodiscard]] std::string ReadState(const std::string& path, FileState& state);
 
-// Writes the text to a new file in the same folder, gives it the old one's mode and owner, waits
-// for the disk, and renames it. Returns a reason if anything fails; the old file is then as it was,
-// and the new one is gone. That the file has changed since `state` was read is such a reason.
-// `beforeRename` is for tests.
+// Writes the text to a new file in the same folder, gives it the old one's mode and owner and a
+// modification time of another second, waits for the disk, and renames it. Returns a reason if
+// anything fails; the old file is then as it was, and the new one is gone. That the file has
+// changed since `state` was read is such a reason. `beforeRename` is for tests.
 [[nodiscard]] std::string ReplaceFile(const FileState& state, std::string_view text,
                                       const std::function<void()>& beforeRename = {});
 

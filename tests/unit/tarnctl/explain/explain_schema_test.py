@@ -36,7 +36,7 @@ def report(signature, blocked):
         "report": {"etherType": 0x0800, "issueId": signature, "startTime": 1794495600, "ipProtocol": 6,
                    "icmpType": 0, "icmpCode": 0, "intruderPort": 1025, "victimPort": 80,
                    "vlanId": 4294967295, "intruderIp": "10.0.0.1", "victimIp": "10.0.0.2"},
-        "packet": {"capturedSize": 60, "seconds": 1, "microseconds": 2},
+        "packet": {"capturedSize": 60, "time": 1.000002},
     }) + "\n"
 
 

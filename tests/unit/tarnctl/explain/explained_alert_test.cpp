@@ -219,7 +219,7 @@ TEST_F(AlertOfAFile, SaysThatExtraDataShorterThanItsFieldsEndsTheDaemon) {
 
 constexpr const char* kReport =
     R"({"name":"Name","blocked":true,"pairs":{"URL":"/u","Rule":"r"},"packet":{"capturedSize":60,)"
-    R"("seconds":1,"microseconds":2},"report":{"etherType":34525,"issueId":9,"startTime":77,)"
+    R"("time":1.000002},"report":{"etherType":34525,"issueId":9,"startTime":77,)"
     R"("ipProtocol":58,"icmpType":128,"icmpCode":1,"intruderPort":0,"victimPort":0,)"
     R"("vlanId":4294967295,"intruderIpv6":"2001:db8::1","victimIpv6":"2001:db8::2"}})";
 
@@ -235,6 +235,8 @@ TEST(AlertOfAReport, HasTheFieldsOfTheReport) {
     EXPECT_EQ("2001:db8::1", Intruder(alert));
     EXPECT_EQ("2001:db8::2", Victim(alert));
     EXPECT_EQ(60u, alert.Source().GetPacket().uPacketLength);
+    EXPECT_EQ(1u, alert.Source().GetPacket().uSeconds);
+    EXPECT_EQ(2u, alert.Source().GetPacket().uMicroseconds);
     EXPECT_EQ("/u", alert.Source().GetNameValues().at("URL").text);
     EXPECT_EQ(1u, alert.Source().GetNameValues().size()) << "the rule is the entry's";
     EXPECT_TRUE(alert.WasBlocked());

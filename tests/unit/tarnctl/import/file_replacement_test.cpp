@@ -1,5 +1,6 @@
 #include "tarnctl/import/file_replacement.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -72,6 +73,19 @@ TEST_F(FileReplacementTest, KeepsModeAndOwner) {
     EXPECT_EQ(0640U, status.st_mode & 07777U);
     EXPECT_EQ(isRoot ? 1234U : geteuid(), status.st_uid);
     EXPECT_EQ(isRoot ? 2345U : getegid(), status.st_gid);
+}
+
+// More than once, since a second may end in between.
+TEST_F(FileReplacementTest, IsNewerByWholeSeconds) {
+    for (int i = 0; i < 3; ++i) {
+        struct stat before = {};
+        ASSERT_EQ(0, utimensat(AT_FDCWD, m_path.c_str(), nullptr, 0));
+        ASSERT_EQ(0, stat(m_path.c_str(), &before));
+        EXPECT_EQ("", ReplaceFile(State(), "new\n"));
+        struct stat after = {};
+        ASSERT_EQ(0, stat(m_path.c_str(), &after));
+        EXPECT_LT(before.st_mtim.tv_sec, after.st_mtim.tv_sec);
+    }
 }
 
 TEST_F(FileReplacementTest, MakesAFileThatIsNotThere) {
