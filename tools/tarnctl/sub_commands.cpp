@@ -9,6 +9,7 @@
 #include "tarnctl/packetlog/packetlog_command.h"
 #endif
 #include "tarnctl/replay/replay_command.h"
+#include "tarnctl/ring/ring_command.h"
 #include "tarnctl/secmgr/secmgr_command.h"
 
 namespace tarnctl {
@@ -22,7 +23,8 @@ constexpr std::unique_ptr<SubCommand> (*kMakers[])() = {
 #ifdef TARNCTL_WITH_PCAP
     MakeSubCommand<AddPacketLogCommand, RunPacketLog>,
 #endif
-    MakeSubCommand<AddReplayCommand, RunReplay>,       MakeSubCommand<AddSecmgrCommand, RunSecmgr>,
+    MakeSubCommand<AddReplayCommand, RunReplay>,       MakeSubCommand<AddRingCommand, RunRing>,
+    MakeSubCommand<AddSecmgrCommand, RunSecmgr>,
 };
 
 }  // namespace

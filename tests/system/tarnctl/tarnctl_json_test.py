@@ -252,6 +252,29 @@ class JsonTest(unittest.TestCase):
         self.assertEqual("end", self.run_json("explain", "8")["outcome"])
         self.assertTrue(self.run_json("explain", "6")["entry"])
 
+    def ring(self, action, *options):
+        """Runs tarnctl ring on a ring of reports and holds its one line against the schema."""
+        done = subprocess.run([TARNCTL, "ring", action, "--json", "--force", "crm5-1", *options],
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=False,
+                              timeout=PATIENCE)
+        line = json.loads(done.stdout)
+        validator("ring").validate(line)
+        return done.returncode, line
+
+    def test_what_becomes_of_a_ring_fits_the_schema(self):
+        ring = Path("/var/tmp/EventQueueCRM5-1")
+        ring.write_bytes(struct.pack("<IIII", 0, 8, 3, 0x00636261) + bytes(4096))
+        status, line = self.ring("show")
+        self.assertEqual((0, [{"offset": 0, "length": 3, "bytes": "YWJj"}]),
+                         (status, line["listed"]))
+        self.assertEqual((0, None), (self.ring("check")[0], line["fault"]))
+        ring.write_bytes(struct.pack("<IIII", 0, 8, 0, 0x00636261) + bytes(4096))
+        status, line = self.ring("check")
+        self.assertEqual((1, "no-length"), (status, line["fault"]["kind"]))
+        self.assertEqual("repaired", self.ring("repair")[1]["outcome"])
+        self.assertEqual("healthy", self.ring("repair")[1]["outcome"])
+        self.assertEqual("repaired", self.ring("reset", "--yes")[1]["outcome"])
+
     def test_what_cannot_be_played_fits_the_schema(self):
         played = subprocess.run([TARNCTL, "replay", "--json", "/none"], stdout=subprocess.PIPE,
                                 stderr=subprocess.DEVNULL, check=False, timeout=PATIENCE)

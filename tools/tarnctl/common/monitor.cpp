@@ -54,8 +54,8 @@ int Monitor::Run() {
 }
 
 bool Monitor::IsDone() const {
-    return m_failed || StopRequested() || (m_options.count > 0 && m_taken >= m_options.count) ||
-           m_quiet.IsOver();
+    return m_failed || m_finished || StopRequested() ||
+           (m_options.count > 0 && m_taken >= m_options.count) || m_quiet.IsOver();
 }
 
 std::chrono::milliseconds Monitor::TimeToWait() const {

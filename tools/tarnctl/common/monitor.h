@@ -68,6 +68,8 @@ class Monitor {
     void CountOne() { ++m_taken; }
     // Writes a line, which is cut to the width unless it is JSON.
     void Write(const std::string& line);
+    // Nothing more is to come; the loop ends.
+    void Finish() { m_finished = true; }
     // Tells what cannot go on; the loop ends.
     void Fail(const std::string& reason);
     // Tells what was damaged and goes on; the exit status will be a failure.
@@ -93,6 +95,7 @@ class Monitor {
     uint64_t m_taken = 0;
     uint64_t m_malformed = 0;
     bool m_failed = false;
+    bool m_finished = false;
 };
 
 }  // namespace tarnctl

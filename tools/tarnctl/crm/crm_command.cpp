@@ -6,20 +6,23 @@
 #include "tarnctl/common/counted.h"
 #include "tarnctl/common/number_checks.h"
 #include "tarnctl/crm/crm_channel.h"
-#include "tarnctl/crm/crm_report.h"
-#include "tarnctl/crm/crm_report_text.h"
+#include "tarnctl/crm/crm_peek.h"
+#include "tarnctl/rings/crm_report.h"
+#include "tarnctl/rings/crm_report_text.h"
 
 namespace tarnctl {
 namespace {
 
 constexpr const char* kExamples =
-    R"(Reports are taken out of the queue as they are shown: no other reader sees them.
+    R"(Reports are taken out of the queue as they are shown: no other reader sees them. With --peek
+they stay, and the CRM may run beside it; what the CRM takes before it is shown is not shown.
 
 Examples:
   tarnctl crm                              show reports as they come, until Ctrl-C
   tarnctl crm --count 10 --timeout 30      ten reports, or as many as come before 30 quiet seconds
   tarnctl crm --json | jq .report.issueId  one JSON object a line
-  tarnctl crm --channel 3 --fresh          channel 3, without what waits there already)";
+  tarnctl crm --channel 3 --fresh          channel 3, without what waits there already
+  tarnctl crm --peek --follow              watch a queue that the CRM reads)";
 
 class CrmMonitor final : public Monitor {
   public:
@@ -112,12 +115,17 @@ CLI::App* AddCrmCommand(CLI::App& app, CrmOptions& options) {
     AddMonitorOptions(*command, options, "reports", "every field and the packet in base64");
     command->add_flag("--fresh", options.fresh,
                       "Throw away the reports that wait already and show only new ones");
+    CLI::Option* const peek =
+        command->add_flag("--peek", options.peek, "Show what waits, take nothing, and end");
+    peek->excludes("--fresh");
+    command->add_flag("--follow", options.follow, "With --peek: go on with what comes")
+        ->needs(peek);
     command->footer(kExamples);
     return command;
 }
 
 int RunCrm(const CrmOptions& options, std::ostream& out, std::ostream& err) {
-    return CrmMonitor(options, out, err).Run();
+    return options.peek ? RunCrmPeek(options, out, err) : CrmMonitor(options, out, err).Run();
 }
 
 }  // namespace tarnctl

@@ -13,6 +13,8 @@ namespace tarnctl {
 struct CrmOptions : MonitorOptions {
     int channel = 2;                // the default of tarn.engine.crm
     bool fresh = false;             // what waits already is thrown away
+    bool peek = false;              // looks and takes nothing
+    bool follow = false;            // with peek: goes on with what comes
     std::string queueName = "CRM";  // not an option; tests use a queue of their own
 };
 

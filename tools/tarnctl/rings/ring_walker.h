@@ -103,6 +103,8 @@ class RingWalker {
     // Ring offset of the next message, and of the one that Next() delivered last.
     [[nodiscard]] uint32_t At() const { return m_at; }
     [[nodiscard]] uint32_t BodyAt() const { return m_bodyAt; }
+    // The length word at At(), whatever it is.
+    [[nodiscard]] uint32_t LengthWord() const { return m_map != nullptr ? WordAt(m_at) : 0; }
     // The walk begins anew at the present read index.
     void Restart();
 

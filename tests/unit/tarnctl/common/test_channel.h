@@ -14,7 +14,7 @@
 
 #include "paths.h"
 #include "ring/event_queue.h"
-#include "unit/tarnctl/crm/crm_reports.h"
+#include "unit/tarnctl/rings/crm_reports.h"
 
 class TestChannel {
   public:

@@ -17,9 +17,9 @@
 #include "support/packet_log_daemon.h"
 #include "support/stream_peer.h"
 #include "support/unified2_records.h"
-#include "tarnctl/crm/crm_report.h"
 #include "tarnctl/explain/explain_text.h"
 #include "tarnctl/explain/explanation.h"
+#include "tarnctl/rings/crm_report.h"
 #include "unit/events/bridge_fixture.h"
 
 namespace {

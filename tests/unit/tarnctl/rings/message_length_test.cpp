@@ -7,7 +7,7 @@
 
 #include "packet_log/packet_log_format.h"
 #include "support/golden_bytes.h"
-#include "unit/tarnctl/crm/crm_reports.h"
+#include "unit/tarnctl/rings/crm_reports.h"
 
 namespace tarnctl {
 namespace {

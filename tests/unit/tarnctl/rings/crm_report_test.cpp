@@ -1,4 +1,4 @@
-#include "tarnctl/crm/crm_report.h"
+#include "tarnctl/rings/crm_report.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -6,7 +6,7 @@
 #include <functional>
 #include <random>
 
-#include "unit/tarnctl/crm/crm_reports.h"
+#include "unit/tarnctl/rings/crm_reports.h"
 
 using testing::HasSubstr;
 

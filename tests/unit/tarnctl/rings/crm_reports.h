@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tarnctl/crm/crm_report.h"
+#include "tarnctl/rings/crm_report.h"
 
 using CrmBytes = std::vector<std::byte>;
 

@@ -1,4 +1,4 @@
-#include "tarnctl/crm/crm_report_text.h"
+#include "tarnctl/rings/crm_report_text.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

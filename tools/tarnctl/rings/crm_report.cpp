@@ -1,4 +1,4 @@
-#include "tarnctl/crm/crm_report.h"
+#include "tarnctl/rings/crm_report.h"
 
 #include <algorithm>
 #include <cstring>

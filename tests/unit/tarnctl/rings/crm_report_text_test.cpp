@@ -1,4 +1,4 @@
-#include "tarnctl/crm/crm_report_text.h"
+#include "tarnctl/rings/crm_report_text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,7 +7,7 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "unit/tarnctl/crm/crm_reports.h"
+#include "unit/tarnctl/rings/crm_reports.h"
 
 using nlohmann::json;
 using testing::EndsWith;

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "tarnctl/common/display.h"
-#include "tarnctl/crm/crm_report.h"
+#include "tarnctl/rings/crm_report.h"
 
 namespace tarnctl {
 
