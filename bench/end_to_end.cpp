@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/select.h>
@@ -118,11 +119,12 @@ std::vector<Record> WithStrayPackets(const std::vector<Record>& records) {
 }
 
 // The writing end of the FIFO. The reader loses a record whose tail is not there yet, so each one
-// goes in whole. Back pressure paces it: a write waits for room.
+// goes in whole. Back pressure paces it: a write waits for room. The pipe is as large as any user
+// may have it, so that the sensor is ahead of its reader.
 class Sensor {
   public:
     explicit Sensor(const char* fifo) : m_fd(open(fifo, O_WRONLY | O_CLOEXEC)) {
-        if (m_fd == -1 || fcntl(m_fd, F_GETPIPE_SZ) < kPipeBytes) {
+        if (m_fd == -1 || fcntl(m_fd, F_SETPIPE_SZ, kPipeBytes) < kPipeBytes) {
             Fail(std::string("no FIFO to feed at ") + fifo);
         }
     }
@@ -132,26 +134,28 @@ class Sensor {
 
     void Send(const Record& record) const {
         if (record.size() > PIPE_BUF) {
-            // A pipe has sixteen pages. A record goes into the last page if it fits in there, so
-            // any two neighbours hold more than a page of bytes: with this many unread ten pages
-            // are taken at most, and one more whose head has been read.
-            WaitUntilUnread(5 * PIPE_BUF);
-            if (record.size() > 5 * PIPE_BUF) {
-                Fail("a record is too long for the pipe");
-            }
+            WaitUntilUnread(kSafeBytes);
         }
         if (write(m_fd, record.data(), record.size()) != static_cast<ssize_t>(record.size())) {
             Fail("the reader is gone");
         }
     }
+    // Whether the pipe is sure to take a record of the usual size.
+    [[nodiscard]] bool HasRoom() const { return Unread() < kSafeBytes; }
     void Drain() const { WaitUntilUnread(0); }
 
   private:
-    static constexpr int kPipeBytes = 16 * PIPE_BUF;
+    static constexpr int kPipeBytes = 1 << 20;
+    // A record goes into the last page if it fits in there, so any two neighbours hold more than a
+    // page of bytes: with this many unread some three quarters of the pages are taken at most.
+    static constexpr int kSafeBytes = kPipeBytes * 3 / 8;
 
-    void WaitUntilUnread(int limit) const {
+    [[nodiscard]] int Unread() const {
         int unread = 0;
-        while (ioctl(m_fd, FIONREAD, &unread) == 0 && unread > limit) {
+        return ioctl(m_fd, FIONREAD, &unread) == 0 ? unread : 0;
+    }
+    void WaitUntilUnread(int limit) const {
+        while (Unread() > limit) {
             std::this_thread::sleep_for(std::chrono::microseconds(20));
         }
     }
@@ -159,63 +163,124 @@ class Sensor {
     int m_fd;
 };
 
+// The records of a file over and over.
+class Feed {
+  public:
+    Feed(const char* file, const std::string& kind) : m_records(RecordsOf(file)) {
+        if (kind == "strays") {
+            m_records = WithStrayPackets(m_records);
+        } else if (kind == "known") {
+            m_records = OfKnownKinds(m_records);
+        } else if (kind != "plain") {
+            Fail("no feed of the kind " + kind);
+        }
+    }
+    const Record& Next() {
+        const Record& record = m_records[m_next];
+        m_next = (m_next + 1) % m_records.size();
+        m_sent += 1;
+        m_alerts += IsAlert(record) ? 1 : 0;
+        return record;
+    }
+    [[nodiscard]] uint64_t Sent() const { return m_sent; }
+    [[nodiscard]] uint64_t Alerts() const { return m_alerts; }
+
+  private:
+    std::vector<Record> m_records;
+    size_t m_next = 0;
+    uint64_t m_sent = 0;
+    uint64_t m_alerts = 0;
+};
+
+void Say(const std::string& line) {
+    std::puts(line.c_str());
+    std::fflush(stdout);
+}
+
+// The records of the measured part, its seconds, and the alerts of the whole feed. The FIFO stays
+// open until standard input ends.
+void SayResult(uint64_t records, double seconds, uint64_t alerts) {
+    Say(std::to_string(records) + " " + std::to_string(seconds) + " " + std::to_string(alerts));
+    while (std::getchar() != EOF) {
+    }
+}
+
 // Writes `warmUp` records and then `count` more, of the stream as it is ("plain"), of the kinds
 // that the daemon takes ("known"), or mixed with strays ("strays", where alerts count and not
-// records). Prints a word when the first are read, and then how many records the reader took and in
-// how many seconds. The FIFO stays open until standard input ends.
-int Feed(const char* fifo, const char* file, uint64_t warmUp, uint64_t count,
-         const std::string& kind) {
-    const bool strays = kind == "strays";
-    std::vector<Record> records = RecordsOf(file);
-    if (strays) {
-        records = WithStrayPackets(records);
-    } else if (kind == "known") {
-        records = OfKnownKinds(records);
-    } else if (kind != "plain") {
-        Fail("no feed of the kind " + kind);
-    }
+// records). Prints a word when the first are read, and then the result.
+int FeedStream(const char* fifo, const char* file, uint64_t warmUp, uint64_t count,
+               const std::string& kind) {
+    Feed feed(file, kind);
     const Sensor sensor(fifo);
-    size_t next = 0;
+    const bool strays = kind == "strays";
     const auto send = [&](uint64_t wanted) {
-        uint64_t sent = 0;
-        for (uint64_t counted = 0; counted < wanted; ++sent) {
-            const Record& record = records[next];
-            sensor.Send(record);
-            counted += !strays || IsAlert(record) ? 1 : 0;
-            next = (next + 1) % records.size();
+        const uint64_t sent = feed.Sent();
+        const auto counted = [&] { return strays ? feed.Alerts() : feed.Sent(); };
+        for (const uint64_t until = counted() + wanted; counted() < until;) {
+            sensor.Send(feed.Next());
         }
         sensor.Drain();
-        return sent;
+        return feed.Sent() - sent;
     };
     send(warmUp);
-    std::puts("warm");
-    std::fflush(stdout);
+    Say("warm");
     const auto start = Clock::now();
     const uint64_t sent = send(count);
     const std::chrono::duration<double> taken = Clock::now() - start;
-    std::printf("%llu %.6f\n", static_cast<unsigned long long>(sent), taken.count());
-    std::fflush(stdout);
-    while (std::getchar() != EOF) {
-    }
+    SayResult(sent, taken.count(), feed.Alerts());
+    return 0;
+}
+
+// Stops the reader, fills the pipe, lets the reader go on, and takes the time until the pipe is
+// empty; so often that `count` records have gone through after `warmUp` others.
+int FeedBursts(const char* fifo, const char* file, uint64_t warmUp, uint64_t count,
+               const std::string& kind, pid_t reader) {
+    Feed feed(file, kind);
+    const Sensor sensor(fifo);
+    std::chrono::duration<double> taken{};
+    const auto send = [&](uint64_t wanted) {
+        taken = {};
+        const uint64_t before = feed.Sent();
+        while (feed.Sent() - before < wanted) {
+            kill(reader, SIGSTOP);
+            while (sensor.HasRoom()) {
+                sensor.Send(feed.Next());
+            }
+            const auto start = Clock::now();
+            kill(reader, SIGCONT);
+            sensor.Drain();
+            taken += Clock::now() - start;
+        }
+        return feed.Sent() - before;
+    };
+    send(warmUp);
+    Say("warm");
+    const uint64_t sent = send(count);
+    SayResult(sent, taken.count(), feed.Alerts());
     return 0;
 }
 
 // The least that a reader of the FIFO can do: a select, two reads and the memory for the payload.
-int ReadBare(const char* fifo) {
+// `always` calls select before each record, otherwise only when there is nothing to read.
+int ReadBare(const char* fifo, bool always) {
     const int fd = open(fifo, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd == -1) {
         Fail(std::string("no FIFO to read at ") + fifo);
     }
-    for (;;) {
-        fd_set set;
-        FD_ZERO(&set);
-        FD_SET(fd, &set);
-        timeval timeout = {1, 0};
-        if (select(fd + 1, &set, nullptr, nullptr, &timeout) <= 0) {
-            continue;
-        }
+    for (bool wait = true;; wait = always) {
         unified2::RecordHeader header;
-        const ssize_t got = read(fd, &header, sizeof(header));
+        ssize_t got = wait ? -1 : read(fd, &header, sizeof(header));
+        if (got == -1) {
+            fd_set set;
+            FD_ZERO(&set);
+            FD_SET(fd, &set);
+            timeval timeout = {1, 0};
+            while (select(fd + 1, &set, nullptr, nullptr, &timeout) <= 0) {
+                FD_SET(fd, &set);
+                timeout = {1, 0};
+            }
+            got = read(fd, &header, sizeof(header));
+        }
         if (got == 0) {
             return 0;  // the sensor has ended
         }
@@ -237,24 +302,29 @@ int DrainRing(int channel) {
     if (!crm.Open()) {
         Fail(crm.Error());
     }
-    std::puts("ready");
-    std::fflush(stdout);
+    Say("ready");
+    constexpr int kWhile = 50;  // looks into the ring
     uint64_t reports = 0;
+    int empty = 0;
     while (!tarnctl::StopRequested()) {
         std::span<const std::byte> bytes;
         int ring = 0;
         switch (crm.Next(bytes, ring)) {
             case tarnctl::CrmChannel::ReadResult::kMessage:
                 ++reports;
+                empty = 0;
                 break;
             case tarnctl::CrmChannel::ReadResult::kEmpty:
+                if (++empty == kWhile) {
+                    Say(std::to_string(reports));
+                }
                 std::this_thread::sleep_for(std::chrono::milliseconds(2));
                 break;
             default:
                 Fail(crm.Error());
         }
     }
-    std::printf("%llu\n", static_cast<unsigned long long>(reports));
+    Say(std::to_string(reports));
     return 0;
 }
 
@@ -269,8 +339,7 @@ int TakeSystemLog(const char* path) {
     if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
         Fail(std::string("no system log at ") + path);
     }
-    std::puts("ready");
-    std::fflush(stdout);
+    Say("ready");
     tarnctl::CatchStopSignals();
     char line[4096];
     while (!tarnctl::StopRequested()) {
@@ -285,7 +354,8 @@ int main(int argc, char** argv) {
     if (argc < 4) {
         std::fputs(
             "usage: tarn_end_to_end CPU NICENESS feed FIFO FILE WARM-UP COUNT plain|known|strays\n"
-            "       tarn_end_to_end CPU NICENESS bare FIFO\n"
+            "       tarn_end_to_end CPU NICENESS bursts FIFO FILE WARM-UP COUNT KIND READER\n"
+            "       tarn_end_to_end CPU NICENESS bare FIFO always|empty\n"
             "       tarn_end_to_end CPU NICENESS drain CHANNEL\n"
             "       tarn_end_to_end CPU NICENESS log SOCKET\n",
             stderr);
@@ -297,11 +367,15 @@ int main(int argc, char** argv) {
     char** const arguments = argv + 4;
     const int count = argc - 4;
     if (role == "feed" && count == 5) {
-        return Feed(arguments[0], arguments[1], std::stoull(arguments[2]),
-                    std::stoull(arguments[3]), arguments[4]);
+        return FeedStream(arguments[0], arguments[1], std::stoull(arguments[2]),
+                          std::stoull(arguments[3]), arguments[4]);
     }
-    if (role == "bare" && count == 1) {
-        return ReadBare(arguments[0]);
+    if (role == "bursts" && count == 6) {
+        return FeedBursts(arguments[0], arguments[1], std::stoull(arguments[2]),
+                          std::stoull(arguments[3]), arguments[4], std::stoi(arguments[5]));
+    }
+    if (role == "bare" && count == 2) {
+        return ReadBare(arguments[0], std::string(arguments[1]) == "always");
     }
     if (role == "drain" && count == 1) {
         return DrainRing(std::stoi(arguments[0]));
