@@ -50,8 +50,8 @@ class SnortEventReaderBatch : public SnortEventReaderTest {
       public:
         Sleeper(EventBridge& bridge, int events)
             : m_thread([this, &bridge, events] {
-                  constexpr uint32_t kLong = 3600;
-                  (void)bridge.ProcessEventQueue(events, kLong);
+                  constexpr uint32_t kLong = 20;  // seconds, far longer than a wake-up takes
+                  m_taken = bridge.ProcessEventQueue(events, kLong);
                   m_isDone = true;
               }) {
             while (!EventBridgePeer::ConsumerSleeps(bridge)) {
@@ -63,13 +63,16 @@ class SnortEventReaderBatch : public SnortEventReaderTest {
         Sleeper& operator=(const Sleeper&) = delete;
 
         [[nodiscard]] bool IsDone() const { return m_isDone; }
-        void AwaitDone() const {
+        // The events that it has taken, once it has them all or has waited for long.
+        [[nodiscard]] int Taken() const {
             while (!m_isDone) {
                 std::this_thread::yield();
             }
+            return m_taken;
         }
 
       private:
+        int m_taken = -1;
         std::atomic<bool> m_isDone{false};
         std::thread m_thread;
     };
@@ -83,7 +86,7 @@ TEST_F(SnortEventReaderBatch, LastsAsLongAsThereIsMoreToRead) {
     ReadAlerts(140);  // of which twelve push others out
     std::this_thread::sleep_for(milliseconds(20));
     EXPECT_FALSE(consumer.IsDone());
-    BeforeTheNextSelect([&consumer] { consumer.AwaitDone(); });
+    BeforeTheNextSelect([&consumer] { EXPECT_EQ(1, consumer.Taken()); });
     EXPECT_FALSE(m_reader->ReadEvent(0)) << "nothing is there, and the batch ends before the wait";
 }
 
@@ -91,14 +94,14 @@ TEST_F(SnortEventReaderBatch, EndsWithTheFlush) {
     ReadAlerts(40);
     const Sleeper consumer(*m_bridge, 40);
     EXPECT_FALSE(m_reader->ReadEvent(0));
-    consumer.AwaitDone();
+    EXPECT_EQ(40, consumer.Taken());
 }
 
 TEST_F(SnortEventReaderBatch, EndsWithTheReader) {
     const Sleeper consumer(*m_bridge, 12);
     ReadAlerts(140);
     m_reader.reset();
-    consumer.AwaitDone();
+    EXPECT_EQ(12, consumer.Taken());
 }
 
 TEST_F(SnortEventReaderBatch, EndsBeforeAnOpenThatFails) {
@@ -109,7 +112,7 @@ TEST_F(SnortEventReaderBatch, EndsBeforeAnOpenThatFails) {
     EXPECT_FALSE(m_reader->ReadEvent(0)) << "the end of the writer within a header";
     unlink(m_path.c_str());
     EXPECT_FALSE(m_reader->ReadEvent(0));
-    consumer.AwaitDone();
+    EXPECT_EQ(12, consumer.Taken());
 }
 
 }  // namespace
