@@ -11,6 +11,7 @@
 #include "tarnctl/replay/replay_command.h"
 #include "tarnctl/ring/ring_command.h"
 #include "tarnctl/secmgr/secmgr_command.h"
+#include "tarnctl/status/status_command.h"
 
 namespace tarnctl {
 namespace {
@@ -24,7 +25,7 @@ constexpr std::unique_ptr<SubCommand> (*kMakers[])() = {
     MakeSubCommand<AddPacketLogCommand, RunPacketLog>,
 #endif
     MakeSubCommand<AddReplayCommand, RunReplay>,       MakeSubCommand<AddRingCommand, RunRing>,
-    MakeSubCommand<AddSecmgrCommand, RunSecmgr>,
+    MakeSubCommand<AddSecmgrCommand, RunSecmgr>,       MakeSubCommand<AddStatusCommand, RunStatus>,
 };
 
 }  // namespace
