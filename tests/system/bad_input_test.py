@@ -52,7 +52,7 @@ class BadInput(harness.DaemonTest):
 
     def check_cut_off(self, data):
         self.write_and_leave(data)
-        # The reader gives the FIFO up and opens it anew, from where it is in step again.
+        # The reader gives the FIFO up and opens it again, from where it is in step again.
         harness.wait_log("File is opened, waiting for Snort events", 2)
         self.assert_still_reports()
 
@@ -92,7 +92,7 @@ class BadInput(harness.DaemonTest):
             self.assertEqual(expected_message(alert, ENTRY), message)
         self.assert_still_reports()
 
-    def test_a_shorter_alert_reads_as_zeros_behind_its_end(self):
+    def test_a_shorter_alert_reads_as_zeros_after_its_end(self):
         (_, payload), = records(build_alert(3, SIGNATURE, protocol=17, vlan=9))
         for length in (20, 37, 45, 49, 57):
             self.feeder().write(frame(ALERT_IPV4, payload[:length]))
@@ -112,7 +112,7 @@ class BadInput(harness.DaemonTest):
                          "reported from Snort doesn't match previous alert event")
         self.assert_still_reports()
 
-    def test_a_packet_longer_than_its_record_reads_as_zeros_behind_its_end(self):
+    def test_a_packet_longer_than_its_record_reads_as_zeros_after_its_end(self):
         packet = bytearray(build_packet(4, b"short"))
         struct.pack_into(">I", packet, 8 + 24, 64)
         feeder = self.feeder()

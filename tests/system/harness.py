@@ -1,4 +1,4 @@
-"""A real daemon, driven from outside: what every system test stands on.
+"""A real daemon, driven from outside: what every system test uses.
 
 A test derives from `DaemonTest`, which gives it empty directories, a reader of the CRM queue, a
 system log and a daemon that is certain to be gone afterwards. Conditions are waited for, never
@@ -153,7 +153,7 @@ class Feeder:
         try:
             return os.write(self._fd, record)
         except BrokenPipeError:
-            return 0  # The daemon has given its end up and is about to open it anew.
+            return 0  # The daemon has given its end up and is about to open it again.
 
     def drained(self):
         wait_for(lambda: self.unread() == 0, "the FIFO to be drained")

@@ -70,7 +70,7 @@ class Lifecycle(harness.DaemonTest):
         harness.wait_for(lambda: not running_copies(), "the daemons to be gone")
 
     def assert_in_order(self, expected, messages):
-        """Each of `expected` stands in `messages`, in that order."""
+        """Each of `expected` is in `messages`, in that order."""
         position = 0
         for text in expected:
             self.assertIn(text, messages[position:], f"after {expected[:expected.index(text)]}")

@@ -134,7 +134,7 @@ class SnortErrors(harness.DaemonTest):
         self.stop_in_time(daemon, 2)
         self.assertFalse(any("getline error" in line for line in harness.log_messages()))
 
-    def test_keeps_the_lines_beyond_4096_bytes_until_the_fifo_stirs(self):
+    def test_keeps_the_lines_beyond_4096_bytes_until_the_fifo_is_readable(self):
         queue = self.message_queue()
         daemon = self.ready_daemon()
         snort = self.snort()

@@ -46,7 +46,7 @@ class ConfigFixture : public testing::Test {
         Config::Load(dir.Write("tarn_event.conf", content).c_str(), Config::kEventFile);
     }
 
-    // The name under which an event stands in the table, "-" if it is not there.
+    // The name that an event has in the table, "-" if it is not there.
     static std::string NameOf(uint32_t id) {
         const std::shared_ptr<Node> node = Config::s_eventTable.Find(id);
         return node ? node->eventName : "-";

@@ -232,7 +232,7 @@ TEST(ParseBlockRule, AddsUpTheFlagWords) {
               RuleOf("quarantine-intruder-address,quarantine-icmp-type , quarantine-issue"));
 }
 
-TEST(ParseBlockRule, KeepsPresetsReplacingWhatStandsBeforeThem) {
+TEST(ParseBlockRule, KeepsPresetsReplacingWhatIsBeforeThem) {
     EXPECT_EQ((Rule{true, 0x009}), RuleOf("quarantine-intruder-port, quarantine-worm"));
     EXPECT_EQ((Rule{true, 0x00B}), RuleOf("quarantine-worm, quarantine-intruder-port"));
     EXPECT_EQ((Rule{true, 0x00C}), RuleOf("quarantine-intruder-port, quarantine-trojan"));

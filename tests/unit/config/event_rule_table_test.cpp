@@ -22,7 +22,7 @@ class EventRuleTableTest : public testing::Test {
         ASSERT_TRUE(table.Commit());
     }
 
-    // The name under which an id stands in the table, "-" if it is not there.
+    // The name that an id has in the table, "-" if it is not there.
     std::string NameOf(uint32_t id) {
         const std::shared_ptr<Node> node = table.Find(id);
         return node ? node->eventName : "-";
@@ -176,7 +176,7 @@ TEST_F(EventRuleTableCommit, ReleasesTheLockAndKeepsTheNodeWhenAllocationFails) 
         GTEST_SKIP() << "the allocator of a sanitizer does not fail";
     }
     EXPECT_THROW((void)table.Commit(), std::bad_alloc);
-    EXPECT_EQ("-", NameOf(7)) << "a lock left behind would hang here";
+    EXPECT_EQ("-", NameOf(7)) << "a lock that was not released would hang here";
     EXPECT_EQ(7U, table.PendingId());
     EXPECT_TRUE(table.Commit());
     EXPECT_EQ("seven", NameOf(7));

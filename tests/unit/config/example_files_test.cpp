@@ -34,7 +34,7 @@ TEST_F(ExampleFiles, MainFileHoldsEveryKeyWithItsStartValue) {
     EXPECT_EQ(twice, log.Messages());
 }
 
-TEST_F(ExampleFiles, EventFileGivesTheEntriesItTellsOf) {
+TEST_F(ExampleFiles, EventFileGivesTheEntriesThatItDescribes) {
     LoadEvents(Example("tarn_event.conf"));
     EXPECT_EQ(5U, Config::s_eventTable.NodeCount());
 

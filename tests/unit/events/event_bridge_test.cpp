@@ -95,7 +95,7 @@ TEST_F(EventBridgeTest, QueueOperationsInSingleThreadModeAreRefusedWithAnError) 
 
 // --- Initialize and Finalize ------------------------------------------------------------------
 
-TEST_F(EventBridgeTest, InitializeTellsItsMode) {
+TEST_F(EventBridgeTest, InitializeLogsItsMode) {
     const LogCapture log(5);
     InitializeForThreads();
     m_bridge->Finalize();

@@ -392,7 +392,7 @@ TEST_F(QuarantinePolicy, ResponseCountsForItsOwnKindOfTraffic) {
 }
 
 // A wrong protocol for the version still is ICMP, and is only found out when the text is made.
-TEST_F(QuarantinePolicy, IcmpIsToldByTheProtocolWhateverTheVersion) {
+TEST_F(QuarantinePolicy, IcmpIsRecognisedByTheProtocolWhateverTheVersion) {
     Block("quarantine-icmp-traffic", {"quarantine-intruder-address, duration: 60"});
     const LogCapture log(1);
     EXPECT_EQ(0u, BlockedStatusOf(6, IPPROTO_ICMP));

@@ -503,7 +503,7 @@ TEST_F(PacketLogCtrlIF, IsNotQuietForAPacketFromBeforeTheFailure) {
 TEST_F(PacketLogCtrlIF, KeepsTheFirstSecondsOfTimeQuiet) {
     Open();
     const PacketLogDaemon daemon(Path());
-    EXPECT_EQ(-2, Send(4, 4)) << "no failure yet stands as one at 0";
+    EXPECT_EQ(-2, Send(4, 4)) << "no failure yet counts as one at 0";
     EXPECT_EQ(0, Send(4, 5));
 }
 

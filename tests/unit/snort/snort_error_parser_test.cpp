@@ -78,7 +78,7 @@ TEST(ParseSnortErrorInRules, DropsTheFirstCharacterOfThePartWhateverItIs) {
     EXPECT_EQ("nknown\n", Parse(kRules + "(12)unknown\n").reason);
 }
 
-TEST(ParseSnortErrorInRules, KeepsThrowingWhenAParenthesisFollowsTheOneBehindTheNumber) {
+TEST(ParseSnortErrorInRules, KeepsThrowingWhenAParenthesisFollowsTheOneAfterTheNumber) {
     EXPECT_THROW(Parse(kRules + "(12)) text\n"), std::out_of_range);
     EXPECT_THROW(Parse(kRules + "(12) a)) text\n"), std::out_of_range);
 }

@@ -275,7 +275,7 @@ TEST_F(SnortErrorReaderRead, ClosesTheFifoAtTheEndOfAWriterAndServesTheNext) {
     EXPECT_EQ(0, m_log.Count("getline error"));
 }
 
-TEST_F(SnortErrorReaderRead, KeepsFurtherLinesOfOneWriteUntilTheFifoStirsAgain) {
+TEST_F(SnortErrorReaderRead, KeepsFurtherLinesOfOneWriteUntilTheFifoIsReadableAgain) {
     ListenAsCrm();
     Connect();
     ASSERT_TRUE(m_fifo.Write("one\ntwo\nthree\n"));
@@ -301,7 +301,7 @@ std::vector<std::string> SnortErrorReaderTest::ReadAll() {
     return messages;
 }
 
-TEST_F(SnortErrorReaderRead, KeepsReading4096BytesAtATimeAndTheRestWhenTheFifoStirs) {
+TEST_F(SnortErrorReaderRead, KeepsReading4096BytesAtATimeAndTheRestUntilTheFifoIsReadable) {
     ListenAsCrm();
     Connect();
     std::string written;

@@ -349,7 +349,7 @@ TEST_F(U2PacketEventTest, RecordWithoutBytesIsAPacketOfZeros) {
     EXPECT_EQ(1, m_log.CountAt(2, kLengthWarning));
 }
 
-TEST_F(U2PacketEventTest, RecordCutBehindItsLengthHoldsNoBytes) {
+TEST_F(U2PacketEventTest, RecordCutAfterItsLengthHoldsNoBytes) {
     u2test::Packet packet;
     packet.data = {};
     packet.claimedLength = 2;
