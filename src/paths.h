@@ -2,6 +2,8 @@
 
 // Every path, socket and semaphore name that the daemon shares with the world outside the program,
 // and nothing else. The peers know the same names, so none of them is configurable here.
+//
+// Threads: constants only.
 
 namespace tarn::paths {
 

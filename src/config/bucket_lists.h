@@ -3,7 +3,7 @@
 // What the event rule table and the connection table share: a fixed number of buckets, each a list
 // of nodes in ascending order of key under a spin lock of its own, and a count of all nodes. The
 // bucket of a key is given by its low bits; nothing is ever rehashed. There is no table-wide lock,
-// so two threads meet only in one bucket and only for a few instructions.
+// so one thread waits for another only in the same bucket, and for a few instructions.
 //
 // Owned by value by the table that is built on it; all nodes are released with it.
 //
@@ -46,7 +46,7 @@ class SpinLock {
 };
 
 // kKey is the member of NodeT that holds the unsigned key.
-template <class NodeT, auto kKey, std::size_t kBucketCount>
+template <class NodeT, auto kKey, size_t kBucketCount>
 class BucketLists {
     static_assert((kBucketCount & (kBucketCount - 1)) == 0, "a bucket is chosen by a mask");
 
@@ -73,7 +73,7 @@ class BucketLists {
     NodeT* Insert(Key key, Make make) {
         List& bucket = m_buckets[BucketOf(key)];
         const std::lock_guard lock(m_locks[BucketOf(key)]);
-        // Keys come mostly in ascending order, and then this one comparison is the whole walk.
+        // Keys come mostly in ascending order, and then this one comparison is all of the search.
         const bool last = bucket.empty() || KeyOf(bucket.back()) < key;
         const auto place = last ? bucket.end() : LowerBound(bucket, key);
         if (!last && KeyOf(*place) == key) {
@@ -110,14 +110,14 @@ class BucketLists {
         return DropIf(key, [key](const NodeT& node) { return node.*kKey == key; }) != 0;
     }
 
-    // Empties the bucket of `key`, whatever keys stand in it.
+    // Empties the bucket of `key`, whatever keys it has.
     void ClearBucket(Key key) {
         DropIf(key, [](const NodeT&) { return true; });
     }
 
     // Takes every node out of the bucket of `key` for which `unwanted` is true; yields how many.
     template <class Predicate>
-    std::size_t DropIf(Key key, Predicate unwanted) {
+    size_t DropIf(Key key, Predicate unwanted) {
         List dropped;
         {
             List& bucket = m_buckets[BucketOf(key)];
@@ -137,7 +137,7 @@ class BucketLists {
     // A caller whose visitor reaches a cancellation point turns cancellation off.
     template <class Visit>
     void ForEachBucket(Visit visit) const {
-        for (std::size_t index = 0; index < kBucketCount; ++index) {
+        for (size_t index = 0; index < kBucketCount; ++index) {
             const std::lock_guard lock(m_locks[index]);
             if (!m_buckets[index].empty()) {
                 visit(index, m_buckets[index]);
@@ -149,8 +149,8 @@ class BucketLists {
     [[nodiscard]] uint32_t NodeCount() const { return m_nodeCount.load(std::memory_order_relaxed); }
 
   private:
-    static std::size_t BucketOf(Key key) {
-        return static_cast<std::size_t>(key & static_cast<Key>(kBucketCount - 1));
+    static size_t BucketOf(Key key) {
+        return static_cast<size_t>(key & static_cast<Key>(kBucketCount - 1));
     }
     static Key KeyOf(const std::shared_ptr<NodeT>& node) { return (*node).*kKey; }
 

@@ -11,10 +11,13 @@
 #include "config/load_observer.h"
 #include "logging/log.h"
 
+using vald::Log;
+
 EventRuleTable& Config::s_eventTable = *new EventRuleTable;
 
 namespace {
 
+// Deliberate: no other character is stripped, so a carriage return stays in the value.
 constexpr char kBlanks[] = " \t";
 
 std::string_view StripLeft(std::string_view text) {
@@ -54,25 +57,25 @@ int PositiveOr(int number, const Setting&, const char*) {
 
 // One above the highest level that any message has means the same as that level.
 int LogLevel(int number, const Setting&, const char*) {
-    constexpr int kAboveAll = vald::Log::kDebug + 1;
-    return number <= 0 ? 0 : number > vald::Log::kDebug ? kAboveAll : number;
+    constexpr int kAboveAll = Log::kDebug + 1;
+    return number <= 0 ? 0 : number > Log::kDebug ? kAboveAll : number;
 }
 
 // Deliberate: the comparison is unsigned, so a negative number lands at the top of the range: who
 // asks for no timeout gets the longest one.
 int EvidenceTimeout(int number, const Setting& setting, const char* text) {
+    constexpr int kShortestMinutes = 5;
+    constexpr int kLongestMinutes = 30;
     const auto minutes = static_cast<unsigned>(number);
-    if (minutes < 5) {
-        vald::Log::Notice(
-            "Tuning parameter: '%s = %s' is out of range (5-30), setting it to 5 minutes.",
-            setting.name, text);
-        return 5;
+    if (minutes < kShortestMinutes) {
+        Log::Notice("Tuning parameter: '%s = %s' is out of range (5-30), setting it to 5 minutes.",
+                    setting.name, text);
+        return kShortestMinutes;
     }
-    if (minutes > 30) {
-        vald::Log::Notice(
-            "Tuning parameter: '%s = %s' is out of range (5-30), setting it to 30 minutes.",
-            setting.name, text);
-        return 30;
+    if (minutes > kLongestMinutes) {
+        Log::Notice("Tuning parameter: '%s = %s' is out of range (5-30), setting it to 30 minutes.",
+                    setting.name, text);
+        return kLongestMinutes;
     }
     return number;
 }
@@ -107,11 +110,11 @@ constexpr Setting kSettings[] = {
 };
 
 // What the observer is to learn of the line that is being read; null without an observer.
-LineRead* reading = nullptr;
+LineRead* s_reading = nullptr;
 
 void NoteOutcome(LineRead::Outcome outcome) {
-    if (reading != nullptr) {
-        reading->outcome = outcome;
+    if (s_reading != nullptr) {
+        s_reading->outcome = outcome;
     }
 }
 
@@ -124,20 +127,20 @@ void Apply(const Setting& setting, const std::string& value) {
     const long wide = std::strtol(value.c_str(), &end, 10);
     const int number = setting.rule(static_cast<int>(wide), setting, value.c_str());
     setting.number->store(number, std::memory_order_relaxed);
-    if (reading != nullptr) {
-        reading->isNumber = true;
-        reading->numberRead = wide;
-        reading->numberEnd = static_cast<std::size_t>(end - value.c_str());
-        reading->numberStored = number;
+    if (s_reading != nullptr) {
+        s_reading->isNumber = true;
+        s_reading->numberRead = wide;
+        s_reading->numberEnd = static_cast<size_t>(end - value.c_str());
+        s_reading->numberStored = number;
     }
 }
 
 // `read` keeps its memory from line to line.
 void ParseObservedLine(const std::string& line, int kind, uint32_t number, LineRead& read) {
     read.Begin(line, kind, number);
-    reading = &read;
+    s_reading = &read;
     Config::ParseLine(line, kind);
-    reading = nullptr;
+    s_reading = nullptr;
     if (read.outcome != LineRead::Outcome::kBlank) {
         Config::s_observer->OnLine(read);
     }
@@ -170,13 +173,13 @@ bool ParseFile(const char* path, int kind) {
 }
 
 void NoteFlags(uint32_t flags) {
-    if (reading != nullptr) {
-        reading->flags = flags;
+    if (s_reading != nullptr) {
+        s_reading->flags = flags;
     }
 }
 
 ListTrace* TraceOfList() {
-    return reading != nullptr ? &reading->list : nullptr;
+    return s_reading != nullptr ? &s_reading->list : nullptr;
 }
 
 // Sets the field of the pending entry that a key names; false where the value is no setting.
@@ -207,8 +210,8 @@ bool SetEventField(uint32_t id, int key, const std::string& value) {
         default: {
             BlockRule rule;  // of zeros for an empty value
             (void)ParseBlockRule(value.c_str(), &rule, TraceOfList());
-            if (reading != nullptr) {
-                reading->blockRule = rule;
+            if (s_reading != nullptr) {
+                s_reading->blockRule = rule;
             }
             return table.AddBlockRule(id, rule);
         }
@@ -252,28 +255,28 @@ void Config::ParseLine(const std::string& line, int kind) {
     if (stripped.empty() || stripped.front() == '#') {
         return;
     }
-    if (reading != nullptr) {
-        reading->nameAt = static_cast<std::size_t>(stripped.data() - line.data());
+    if (s_reading != nullptr) {
+        s_reading->nameAt = static_cast<size_t>(stripped.data() - line.data());
     }
-    const std::size_t equals = stripped.find('=');
+    const size_t equals = stripped.find('=');
     if (equals == std::string_view::npos) {
         NoteOutcome(LineRead::Outcome::kMissingValue);
-        vald::Log::Warning("Config file entry is missing value: '%s'",
-                           std::string(stripped).c_str());
+        Log::Warning("Config file entry is missing value: '%s'", std::string(stripped).c_str());
         return;
     }
+    // Deliberate: a "#" after the "=" belongs to the value. Paths and rule texts may hold one.
     const std::string value(StripLeft(stripped.substr(equals + 1)));
     const std::string name(StripRight(stripped.substr(0, equals)));
-    if (reading != nullptr) {
-        reading->nameLength = name.size();
-        reading->valueAt = reading->nameAt + stripped.size() - value.size();
-        reading->name = name;
-        reading->value = value;
+    if (s_reading != nullptr) {
+        s_reading->nameLength = name.size();
+        s_reading->valueAt = s_reading->nameAt + stripped.size() - value.size();
+        s_reading->name = name;
+        s_reading->value = value;
     }
     if (name.empty()) {
         NoteOutcome(LineRead::Outcome::kMissingName);
-        vald::Log::Warning("Config file entry is missing parameter name: '%s'",
-                           std::string(stripped).c_str());
+        Log::Warning("Config file entry is missing parameter name: '%s'",
+                     std::string(stripped).c_str());
         return;
     }
     // An unknown name is dropped without a message, whichever file has it.
@@ -302,11 +305,11 @@ bool Config::ApplyEventSetting(const std::string& name, const std::string& value
     if (name.empty()) {
         return false;
     }
-    const bool isKnown =
-        ParseEventKey(name.c_str(), &kind, &id, reading != nullptr ? &reading->keyTrace : nullptr);
-    if (reading != nullptr) {
-        reading->eventKey = kind;
-        reading->id = id;
+    const bool isKnown = ParseEventKey(name.c_str(), &kind, &id,
+                                       s_reading != nullptr ? &s_reading->keyTrace : nullptr);
+    if (s_reading != nullptr) {
+        s_reading->eventKey = kind;
+        s_reading->id = id;
     }
     if (!isKnown) {
         NoteOutcome(LineRead::Outcome::kRefused);
@@ -328,8 +331,8 @@ bool Config::ApplyEventSetting(const std::string& name, const std::string& value
 std::shared_ptr<Node> Config::GetResponseSetting(int eventId) {
     std::shared_ptr<Node> node = s_eventTable.Find(static_cast<uint32_t>(eventId));
     if (!node) {
-        vald::Log::GetInstance()->Write(vald::Log::kWarning,
-                                        "Cannot get response setting for issue '%d'", eventId);
+        Log::GetInstance()->Write(Log::kWarning, "Cannot get response setting for issue '%d'",
+                                  eventId);
     }
     return node;
 }
@@ -343,18 +346,18 @@ std::vector<std::string> Config::SettingNames() {
 }
 
 void Config::Dump() {
-    if (!vald::Log::Passes(vald::Log::kDebug)) {
+    if (!Log::Passes(Log::kDebug)) {
         return;
     }
-    vald::Log* const log = vald::Log::GetInstance();
-    log->Write(vald::Log::kDebug, "==============================");
+    Log* const log = Log::GetInstance();
+    log->Write(Log::kDebug, "==============================");
     for (const Setting& setting : kSettings) {
         if (setting.string != nullptr) {
-            log->Write(vald::Log::kDebug, "%s = %s", setting.name, setting.string->c_str());
+            log->Write(Log::kDebug, "%s = %s", setting.name, setting.string->c_str());
         } else {
-            log->Write(vald::Log::kDebug, "%s = %d", setting.name,
+            log->Write(Log::kDebug, "%s = %d", setting.name,
                        setting.number->load(std::memory_order_relaxed));
         }
     }
-    log->Write(vald::Log::kDebug, "==============================");
+    log->Write(Log::kDebug, "==============================");
 }

@@ -70,27 +70,27 @@ class Config {
     inline static LoadObserver* s_observer = nullptr;
 
     // Path of the configuration file opened last, and of the file that the daemon itself owns.
-    inline static std::string s_configFile;
+    inline static std::string s_configFile;  // Deliberate: stored, not read
     inline static std::string s_stateFile = tarn::paths::kStateFile;
 
     // tarn.log.*
     inline static std::atomic<int> s_logLevel = 3;  // 0 to 6
     inline static std::string s_logFile = tarn::paths::kLogFile;
-    inline static std::atomic<int> s_logMaxFiles = 5;
-    inline static std::atomic<int> s_logMaxFileSize = 2097152;  // bytes
+    inline static std::atomic<int> s_logMaxFiles = 5;           // from 1, the current one included
+    inline static std::atomic<int> s_logMaxFileSize = 2097152;  // bytes, from 1
 
-    // tarn.snort.cpu, tarn.engine.*, tarn.debug.*
+    // tarn.snort.cpu, tarn.engine.*, tarn.debug.*; CPU numbers from 0, the channel from 1
     inline static std::atomic<int> s_snortCpu = 0;     // main thread and error thread
     inline static std::atomic<int> s_engineCpu = 0;    // event thread
     inline static std::atomic<int> s_engineCrm = 2;    // channel number of the CRM event queue
     inline static std::atomic<int> s_debugSingle = 0;  // non-zero: no event thread
 
-    // tarn.evidencelog.*, passed on to the packet logging daemon unchanged
+    // tarn.evidencelog.*, passed on to the packet log interface; any number but for the timeout
     inline static std::string s_evidenceFileFormat = "pcap";
-    inline static std::atomic<int> s_evidenceMaxFiles = 10;
-    inline static std::atomic<int> s_evidenceMaxKBytes = 10;
-    inline static std::atomic<int> s_evidencePacketCount = 1;
-    inline static std::atomic<int> s_evidenceFileTimeout = 15;  // minutes, 5 to 30
-    inline static std::atomic<int> s_evidenceBufferCtrlSize = 262142;
-    inline static std::atomic<int> s_evidenceSuppress = 5;
+    inline static std::atomic<int> s_evidenceMaxFiles = 10;            // files
+    inline static std::atomic<int> s_evidenceMaxKBytes = 10;           // kilobytes of a file
+    inline static std::atomic<int> s_evidencePacketCount = 1;          // packets
+    inline static std::atomic<int> s_evidenceFileTimeout = 15;         // minutes, 5 to 30
+    inline static std::atomic<int> s_evidenceBufferCtrlSize = 262142;  // bytes
+    inline static std::atomic<int> s_evidenceSuppress = 5;             // seconds of packet time
 };

@@ -9,12 +9,14 @@
 #include "logging/log.h"
 #include "logging/log_at.h"
 
+using vald::Log;
+
 void Config::Save() {
     std::ofstream file(s_stateFile, std::ios::out | std::ios::trunc);
     if (!file) {
         // The number is part of the message that operators search for, not a line of this file.
-        LogAt(vald::Log::kError, 186, "static void Config::Save()",
-              "An error was encountered writing the state file. Reason: %s", strerror(errno));
+        LogAt(Log::kError, 186, "static void Config::Save()",
+              "An error was encountered writing the state file. Reason: %s", std::strerror(errno));
         return;
     }
     file << "# tarn persistent state file" << std::endl;

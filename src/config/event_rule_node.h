@@ -62,7 +62,7 @@ struct BlockRule {
 struct Node {
     explicit Node(uint32_t eventId) : id(eventId) {}
 
-    Node* link = nullptr;             // part of the entry's shape; always null
+    Node* link = nullptr;             // always null; Deliberate: stored, not read
     uint32_t id;                      // Snort signature id, the key; never 0 from a file
     uint32_t severity = 0;            // EventSeverity
     std::string rule;                 // the rule's text, as the file has it

@@ -12,7 +12,7 @@ constexpr char kBlanks[] = " \t";
 
 // Moves `text` past `word` if it begins with it.
 bool Accept(const char*& text, const char* word) {
-    const std::size_t length = std::strlen(word);
+    const size_t length = std::strlen(word);
     if (std::strncmp(text, word, length) != 0) {
         return false;
     }
@@ -63,9 +63,7 @@ class Tracer {
     }
 
   private:
-    [[nodiscard]] std::size_t At(const char* text) const {
-        return static_cast<std::size_t>(text - m_value);
-    }
+    [[nodiscard]] size_t At(const char* text) const { return static_cast<size_t>(text - m_value); }
 
     const char* m_value;
     ListTrace* m_trace;  // borrowed; may be null
@@ -119,7 +117,7 @@ constexpr uint32_t kAll = ~0U;
 
 // In the order in which they are tried: a word is ahead of its own prefix. Deliberate: the
 // last four replace what came before them, so the order of the words in a value matters; a preset
-// starts afresh and the words after it refine it.
+// starts from nothing and the words after it refine it.
 constexpr BlockWord kBlockWords[] = {
     {"quarantine-intruder-address", kAll, kBlockIntruderAddress},
     {"quarantine-intruder-subnet", kAll, kBlockIntruderSubnet},
@@ -260,8 +258,8 @@ bool ParseEventKey(const char* name, int* kind, uint32_t* id, EventKeyTrace* tra
     char* end = nullptr;
     *id = static_cast<uint32_t>(std::strtol(digits, &end, 10));  // ends at the key's dot
     if (trace != nullptr) {
-        trace->idEnd = static_cast<std::size_t>(end - name);
-        trace->keyBegin = static_cast<std::size_t>(std::strstr(name, marker->text) - name);
+        trace->idEnd = static_cast<size_t>(end - name);
+        trace->keyBegin = static_cast<size_t>(std::strstr(name, marker->text) - name);
         trace->keyEnd = trace->keyBegin + std::strlen(marker->text);
     }
     return *id != 0;
@@ -285,7 +283,7 @@ bool ParseSeverity(const char* value, uint32_t* severity) {
 
 bool ParseUserResponse(const char* value, uint32_t* flags) {
     // A text that asks for the packet and says more than this counts as asking for both ways.
-    constexpr std::size_t kLongestPlainValue = sizeof("DISPLAY:WithRaw") - 1;
+    constexpr size_t kLongestPlainValue = sizeof("DISPLAY:WithRaw") - 1;
 
     *flags = 0;
     if (*value == '\0') {

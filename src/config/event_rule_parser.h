@@ -30,9 +30,9 @@ enum EventKey : int {
 
 // Where the parts of a name are, in bytes from its beginning. Each end is one past the last byte.
 struct EventKeyTrace {
-    std::size_t idEnd = 0;     // of the digits that were read; the id begins after "se."
-    std::size_t keyBegin = 0;  // the dot of the key; 0 where no key is known
-    std::size_t keyEnd = 0;
+    size_t idEnd = 0;     // of the digits that were read; the id begins after "se."
+    size_t keyBegin = 0;  // the dot of the key; 0 where no key is known
+    size_t keyEnd = 0;
 };
 
 // Where the items of a list are, in bytes from the beginning of the value.
@@ -48,11 +48,11 @@ struct ListTrace {
     };
     struct Entry {
         Item item = Item::kWord;
-        std::size_t begin = 0;
-        std::size_t end = 0;          // one past the last byte
-        std::size_t numberBegin = 0;  // equal to `end` where there are no digits
-        uint64_t number = 0;          // as it was read, before it is cut to its field
-        uint32_t erasedFlags = 0;     // BlockRuleFlag bits that the word took away
+        size_t begin = 0;
+        size_t end = 0;            // one past the last byte
+        size_t numberBegin = 0;    // equal to `end` where there are no digits
+        uint64_t number = 0;       // as it was read, before it is cut to its field
+        uint32_t erasedFlags = 0;  // BlockRuleFlag bits that the word took away
     };
 
     void Clear() {
@@ -64,7 +64,7 @@ struct ListTrace {
 
     std::vector<Entry> entries;
     Stop stop = Stop::kNowhere;
-    std::size_t stoppedAt = 0;
+    size_t stoppedAt = 0;
     bool hasTrailingComma = false;
 };
 

@@ -89,7 +89,7 @@ void EventRuleTable::Dump() const {
               << "Bucket Size: " << kBucketCount << '\n'
               << "Node Count: " << NodeCount() << '\n'
               << "-----------------------------\n";
-    m_lists.ForEachBucket([](std::size_t index, const auto& bucket) {
+    m_lists.ForEachBucket([](size_t index, const auto& bucket) {
         std::cout << "Bucket[" << index << "] => \n";
         for (const auto& node : bucket) {
             DumpNode(std::cout, *node);

@@ -29,8 +29,6 @@ class EventRuleTable {
     // Makes the locks ready and the count 0. Runs once, before any other operation.
     void Initialize() { m_lists.Initialize(); }
 
-    // --- the pending node -------------------------------------------------------------------
-
     // Id of the node being assembled, 0 if there is none.
     [[nodiscard]] uint32_t PendingId() const { return m_pPending ? m_pPending->id : 0; }
 
@@ -48,8 +46,6 @@ class EventRuleTable {
     bool SetResponseFlags(const uint32_t& id, const uint32_t& value);
     bool AddBlockRule(const uint32_t& id, const BlockRule& rule);
 
-    // --- the table --------------------------------------------------------------------------
-
     // A reference to the node, empty if the id is not in the table. The pending node does not
     // count. Allocates nothing.
     [[nodiscard]] std::shared_ptr<Node> Find(const uint32_t& id) const { return m_lists.Find(id); }
@@ -57,7 +53,7 @@ class EventRuleTable {
     // Takes the node out; true if it was there.
     bool Remove(const uint32_t& id) { return m_lists.Remove(id); }
 
-    // Empties the bucket of this id, whatever ids stand in it.
+    // Empties the bucket of this id, whatever ids it has.
     void ClearBucket(const uint32_t& id) { m_lists.ClearBucket(id); }
 
     // Empties all buckets. The pending node stays pending.

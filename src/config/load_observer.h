@@ -51,16 +51,16 @@ struct LineRead {
     int kind = 0;           // Config::kMainFile or Config::kEventFile
     Outcome outcome = Outcome::kBlank;
 
-    std::size_t nameAt = 0;      // in `text`; where the stripped line begins
-    std::size_t nameLength = 0;  // bytes
-    std::size_t valueAt = 0;     // in `text`
+    size_t nameAt = 0;      // in `text`; where the stripped line begins
+    size_t nameLength = 0;  // bytes
+    size_t valueAt = 0;     // in `text`
     std::string name;
     std::string value;
 
     // A tarn.* key with a number: what was read, and what is in force. A text is kept unchanged.
     bool isNumber = false;
-    long numberRead = 0;        // at most and at least what 64 bits hold
-    std::size_t numberEnd = 0;  // in `value`; 0 where it holds no number
+    long numberRead = 0;   // at most and at least what 64 bits hold
+    size_t numberEnd = 0;  // in `value`; 0 where it holds no number
     int numberStored = 0;
 
     // An event setting. The key is kEventKeyNone where the name has none.

@@ -20,7 +20,7 @@ static_assert(sizeof(sockaddr_un) == 110);
 MsgComm::MsgComm(std::string socketPath) : m_socketPath(std::move(socketPath)) {}
 
 MsgComm::~MsgComm() {
-    const CancellationOff whole;
+    const CancellationOff off;
     if (IsOpen()) {
         Close();
     }

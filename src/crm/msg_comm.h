@@ -1,7 +1,7 @@
 #pragma once
 
-// Sender of short text messages to the CRM, as datagrams on its message socket. Fire and forget:
-// nothing is read back, and nothing is tried again here. SnortErrorReader owns the one there is and
+// Sender of short text messages to the CRM, as datagrams on its message socket.
+// Nothing is read back, and nothing is tried again here. SnortErrorReader owns the one there is and
 // opens it on demand. docs/formats/crm_message.md describes the message.
 //
 // Threads: no lock; one thread uses it. A send does not wait.

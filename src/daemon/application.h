@@ -6,9 +6,8 @@
 // Threads: Main runs on the main thread. The handlers run on whichever thread takes the signal and
 // only write s_term and s_other, beside their log lines.
 
-#include <csignal>
-
 #include <atomic>
+#include <csignal>
 #include <string>
 
 class Application {

@@ -95,7 +95,7 @@ void TarnEngine::ReleaseInstance() {
 }
 
 void TarnEngine::SetAppName(const char* argv0) {
-    const char* const slash = strrchr(argv0, '/');
+    const char* const slash = std::strrchr(argv0, '/');
     m_appName = slash == nullptr ? argv0 : slash + 1;
 }
 
@@ -123,6 +123,8 @@ int TarnEngine::Initialize(int argc, char** argv) {
     RaisePriority();      // 8
     if (m_runAsDaemon) {  // 9
         Log::Debug("Running %s as a daemon process", m_appName.c_str());
+        // Deliberate: it changes to "/" before the files are examined, so a relative name resolves
+        // from there.
         Daemonize(true);
     }
     if (!ExamineFiles()) {  // 10

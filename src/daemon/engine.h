@@ -13,11 +13,10 @@
 // OnHangup runs in a signal handler and only sets a flag. The worker threads do not see the engine.
 // A hangup restarts the event thread and leaves the error thread running.
 
-#include <csignal>
-#include <ctime>
-
 #include <atomic>
+#include <csignal>
 #include <cstdint>
+#include <ctime>
 #include <string>
 
 #include "daemon/application.h"

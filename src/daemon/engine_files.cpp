@@ -1,3 +1,5 @@
+// The files of the engine: PID file, the two configuration files, and the log.
+
 #include "daemon/engine.h"
 
 #include <sys/stat.h>
@@ -6,8 +8,6 @@
 #include "daemon/process.h"
 #include "logging/log.h"
 #include "paths.h"
-
-// The files of the engine: PID file, the two configuration files, and the log.
 
 using vald::Log;
 

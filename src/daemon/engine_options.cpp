@@ -1,3 +1,5 @@
+// The command line of the engine: options, usage, version.
+
 #include <unistd.h>
 
 #include <cstdio>
@@ -20,7 +22,7 @@ void TakeFileName(std::string& target, const char* argument) {
 
 bool TarnEngine::ParseOptions(int argc, char** argv) {
     opterr = 0;
-    optind = 0;  // begins a scan afresh
+    optind = 0;  // begins a new scan
     for (;;) {
         const int option = getopt(argc, argv, "c:n:dvh");
         switch (option) {
@@ -42,8 +44,8 @@ bool TarnEngine::ParseOptions(int argc, char** argv) {
                 ShowUsage();
                 exit(0);
             default:
-                fprintf(stderr, "Error: Unrecognized option: -%c\n",
-                        option == '?' ? optopt : option);
+                std::fprintf(stderr, "Error: Unrecognized option: -%c\n",
+                             option == '?' ? optopt : option);
                 ShowUsage();
                 return false;
         }
@@ -55,19 +57,19 @@ std::string TarnEngine::GetVersion() {
 }
 
 void TarnEngine::ShowVersion() const {
-    fprintf(stderr, "%s%s\n", m_appName.c_str(), GetVersion().c_str());
+    std::fprintf(stderr, "%s%s\n", m_appName.c_str(), GetVersion().c_str());
 }
 
 void TarnEngine::ShowUsage() const {
     // Deliberate: the line names -m and -s, and ParseOptions refuses both.
-    fprintf(
+    std::fprintf(
         stderr,
         "Usage: %s -c <tarn_config_file> -n <snort_event_config_file> [-d] [-m] [-s] [-v] [-h]\n",
         m_appName.c_str());
-    fprintf(stderr, "The options are as follows:\n");
-    fprintf(stderr, "-c\t Specifies the %s configuration file name.\n", m_appName.c_str());
-    fprintf(stderr, "-n\t Specifies the snort configuration file name.\n");
-    fprintf(stderr, "-d\t Running the application as a daemon.\n");
-    fprintf(stderr, "-v\t Displays version information.\n");
-    fprintf(stderr, "-h\t Displays help information.\n");
+    std::fprintf(stderr, "The options are as follows:\n");
+    std::fprintf(stderr, "-c\t Specifies the %s configuration file name.\n", m_appName.c_str());
+    std::fprintf(stderr, "-n\t Specifies the snort configuration file name.\n");
+    std::fprintf(stderr, "-d\t Running the application as a daemon.\n");
+    std::fprintf(stderr, "-v\t Displays version information.\n");
+    std::fprintf(stderr, "-h\t Displays help information.\n");
 }

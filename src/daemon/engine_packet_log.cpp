@@ -1,10 +1,11 @@
+// The engine's reference of the packet log interface: taken, configured, and given back with the
+// counts in the log.
+
 #include "daemon/engine.h"
 
 #include "config/config.h"
 #include "logging/log.h"
 #include "packet_log/packet_log_ctrl_if.h"
-
-// The engine's reference of the packet log interface: taken, configured, counted out.
 
 using vald::Log;
 

@@ -87,7 +87,7 @@ bool IsProcessRunning(const char* name, const char* pidFile, int* pid) {
         text[0] = '\0';
     }
     close(fd);
-    const int number = static_cast<int>(strtol(text.data(), nullptr, 10));
+    const int number = static_cast<int>(std::strtol(text.data(), nullptr, 10));
     if (pid != nullptr) {
         *pid = number;
     }

@@ -27,7 +27,8 @@ int RemovePidFile(const char* path);
 [[nodiscard]] bool IsProcessRunning(const char* name, const char* pidFile, int* pid);
 
 // Whether a process with this number is alive and, as far as the inodes of its executable and of
-// the file `name` in the current directory tell, is an instance of `name`.
+// the file `name` in the current directory show, is an instance of `name`. A null `name` is that of
+// any program.
 [[nodiscard]] bool IsProcessAlive(const char* name, int pid);
 
 // Sends SIGTERM to the running copy and waits for its end at most `seconds` seconds. True if there

@@ -6,9 +6,9 @@
 #include "logging/log.h"
 #include "logging/log_guards.h"
 
-namespace {
-
 using vald::Log;
+
+namespace {
 
 constexpr int kMaxFrames = 20;
 
@@ -22,27 +22,27 @@ struct SignalCode {
 };
 
 constexpr SignalCode kSignalCodes[] = {
-    {SIGILL, 1, "illegal opcode"},
-    {SIGILL, 2, "illegal operand"},
-    {SIGILL, 3, "illegal addressing mode"},
-    {SIGILL, 4, "illegal trap"},
-    {SIGILL, 5, "privileged opcode"},
-    {SIGILL, 6, "privileged register"},
-    {SIGILL, 7, "coprocessor error"},
-    {SIGILL, 8, "internal stack error"},
-    {SIGFPE, 1, "integer divide by zero"},
-    {SIGFPE, 2, "integer overflow"},
-    {SIGFPE, 3, "floating point divide by zero"},
-    {SIGFPE, 4, "floating point overflow"},
-    {SIGFPE, 5, "floating point underflow"},
-    {SIGFPE, 6, "floating point inexact result"},
-    {SIGFPE, 7, "floating point invalid operation"},
-    {SIGFPE, 8, "subscript out of range"},
-    {SIGSEGV, 1, "address not mapped to object"},
-    {SIGSEGV, 2, "invalid permissions for mapped object"},
-    {SIGBUS, 1, "invalid address alignment"},
-    {SIGBUS, 2, "non-existant physical address"},
-    {SIGBUS, 3, "object specific hardware error"},
+    {SIGILL, ILL_ILLOPC, "illegal opcode"},
+    {SIGILL, ILL_ILLOPN, "illegal operand"},
+    {SIGILL, ILL_ILLADR, "illegal addressing mode"},
+    {SIGILL, ILL_ILLTRP, "illegal trap"},
+    {SIGILL, ILL_PRVOPC, "privileged opcode"},
+    {SIGILL, ILL_PRVREG, "privileged register"},
+    {SIGILL, ILL_COPROC, "coprocessor error"},
+    {SIGILL, ILL_BADSTK, "internal stack error"},
+    {SIGFPE, FPE_INTDIV, "integer divide by zero"},
+    {SIGFPE, FPE_INTOVF, "integer overflow"},
+    {SIGFPE, FPE_FLTDIV, "floating point divide by zero"},
+    {SIGFPE, FPE_FLTOVF, "floating point overflow"},
+    {SIGFPE, FPE_FLTUND, "floating point underflow"},
+    {SIGFPE, FPE_FLTRES, "floating point inexact result"},
+    {SIGFPE, FPE_FLTINV, "floating point invalid operation"},
+    {SIGFPE, FPE_FLTSUB, "subscript out of range"},
+    {SIGSEGV, SEGV_MAPERR, "address not mapped to object"},
+    {SIGSEGV, SEGV_ACCERR, "invalid permissions for mapped object"},
+    {SIGBUS, BUS_ADRALN, "invalid address alignment"},
+    {SIGBUS, BUS_ADRERR, "non-existant physical address"},
+    {SIGBUS, BUS_OBJERR, "object specific hardware error"},
 };
 
 struct GeneralCode {
@@ -51,13 +51,13 @@ struct GeneralCode {
 };
 
 constexpr GeneralCode kGeneralCodes[] = {
-    {0, "kill, sigsend, raise"},
-    {128, "kernel"},
-    {-1, "sigqueue"},
-    {-2, "timer expiration"},
-    {-3, "real time message queue state change"},
-    {-4, "AIO completion"},
-    {-5, "queued SIGIO"},
+    {SI_USER, "kill, sigsend, raise"},
+    {SI_KERNEL, "kernel"},
+    {SI_QUEUE, "sigqueue"},
+    {SI_TIMER, "timer expiration"},
+    {SI_MESGQ, "real time message queue state change"},
+    {SI_ASYNCIO, "AIO completion"},
+    {SI_SIGIO, "queued SIGIO"},
 };
 
 void ReportSignal(const siginfo_t& info) {

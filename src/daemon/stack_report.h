@@ -7,6 +7,7 @@
 // its signal handler. A thread that blocks or a process that ignores SIGUSR2 yields no report.
 
 #include <pthread.h>
+
 #include <csignal>
 
 // Installs the handler for SIGUSR2 and sends the signal to the thread, which must be alive.

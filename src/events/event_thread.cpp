@@ -86,6 +86,7 @@ int EventThread::Run() {
 }
 
 void EventThread::BindToCpu() const {
+    // Deliberate: CPU 0 cannot be chosen; 0 means no binding.
     if (m_cpu <= 0) {
         return;
     }

@@ -45,7 +45,7 @@ class EventThread : public Thread {
     void WaitWhileSuspended();
 
     Gate m_resumeGate;     // a suspended thread waits here
-    Gate m_suspendedGate;  // open while the thread sits suspended
+    Gate m_suspendedGate;  // open while the thread is suspended
     std::atomic<bool> m_stop{false};
     std::atomic<bool> m_suspend{false};
     [[maybe_unused]] int32_t m_reserved;  // Deliberate: stored, not read

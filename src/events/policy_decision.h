@@ -29,9 +29,6 @@ inline constexpr uint64_t kDefaultBlockSeconds = 3600;  // for a block rule with
 // True for the protocols of ICMP, whatever the event's IP version.
 [[nodiscard]] bool IsIcmp(int protocol);
 
-// --- the report
-// -----------------------------------------------------------------------------------
-
 struct ReportDecision {
     std::string eventName;
     std::string userResponse;
@@ -41,9 +38,6 @@ struct ReportDecision {
 
 // `entry` is null for a signature that is not in the table.
 [[nodiscard]] ReportDecision DecideReport(uint32_t issueId, const Node* entry);
-
-// --- blocking
-// -------------------------------------------------------------------------------------
 
 enum class QuarantineOutcome {
     Considered,  // each block rule is decided on
@@ -70,7 +64,7 @@ enum class BlockOutcome {
 
 struct BlockDecision {
     BlockOutcome outcome = BlockOutcome::Sent;
-    uint32_t flags = 0;          // BlockRuleFlag; a subnet stands for its address too
+    uint32_t flags = 0;          // BlockRuleFlag; a subnet asks for its address too
     bool lacksIntruder = false;  // the intruder's address is asked for and has no text
     bool lacksVictim = false;    // the same for the victim's
     bool isDefaultEnd = false;   // the block rule has no duration
@@ -81,9 +75,6 @@ struct BlockDecision {
 };
 
 [[nodiscard]] BlockDecision DecideBlock(const CrmEventSource& source, const BlockRule& blockRule);
-
-// --- packets
-// --------------------------------------------------------------------------------------
 
 enum class CaptureOutcome {
     Requested,   // the packet logging daemon is asked to keep the event's packet

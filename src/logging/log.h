@@ -98,7 +98,7 @@ class Log {
     static Log* m_pLog;                       // owned
     static std::atomic<bool> m_bInitialized;  // Open has finished
     static std::atomic<int> m_iLogLevel;
-    static const char* m_sAppName;  // borrowed; for a debugger to find
+    static const char* m_sAppName;  // borrowed; Deliberate: stored, not read
     static std::atomic<ConsoleCallback> m_pfnVLogToConsole;
     static std::atomic<bool> m_sendErrorsToConsole;
     static std::atomic<bool> m_sendWarningsToConsole;

@@ -20,7 +20,7 @@ struct ConnectionKey {
     uint16_t uProtocol = 0;
     uint16_t uVlanId = 0;
 };
-constexpr std::size_t kIpv4Part = offsetof(ConnectionKey, uFirstIp);
+constexpr size_t kIpv4Part = offsetof(ConnectionKey, uFirstIp);
 
 static_assert(sizeof(ConnectionKey) == 48);
 static_assert(kIpv4Part == 32);
@@ -33,7 +33,7 @@ static_assert(std::has_unique_object_representations_v<ConnectionKey>);
 constexpr uint32_t kMultiplier = 0x5bd1e995;
 void Mix(uint32_t& lane, const unsigned char* bytes) {
     uint32_t word = 0;
-    std::memcpy(&word, bytes, sizeof word);
+    std::memcpy(&word, bytes, sizeof(word));
     word *= kMultiplier;
     word ^= word >> 24;
     word *= kMultiplier;
@@ -41,11 +41,11 @@ void Mix(uint32_t& lane, const unsigned char* bytes) {
 }
 
 // The one to three bytes that are left after the last whole word.
-void MixTail(uint32_t& lane, const unsigned char* tail, std::size_t length) {
+void MixTail(uint32_t& lane, const unsigned char* tail, size_t length) {
     if (length == 0) {
         return;
     }
-    for (std::size_t i = 0; i < length; ++i) {
+    for (size_t i = 0; i < length; ++i) {
         lane ^= static_cast<uint32_t>(tail[i]) << (8 * i);
     }
     lane *= kMultiplier;
@@ -53,7 +53,7 @@ void MixTail(uint32_t& lane, const unsigned char* tail, std::size_t length) {
 
 }  // namespace
 
-uint64_t MurmurHash64B(const void* key, std::size_t length, uint64_t seed) {
+uint64_t MurmurHash64B(const void* key, size_t length, uint64_t seed) {
     const auto* at = static_cast<const unsigned char*>(key);
     auto first = static_cast<uint32_t>(seed) ^ static_cast<uint32_t>(length);
     auto second = static_cast<uint32_t>(seed >> 32);
@@ -75,7 +75,7 @@ uint64_t MurmurHash64B(const void* key, std::size_t length, uint64_t seed) {
     return uint64_t{first} << 32 | second;
 }
 
-uint32_t MurmurHash2(const void* key, std::size_t length, uint32_t seed) {
+uint32_t MurmurHash2(const void* key, size_t length, uint32_t seed) {
     const auto* at = static_cast<const unsigned char*>(key);
     uint32_t lane = seed ^ static_cast<uint32_t>(length);
     for (; length >= 4; length -= 4, at += 4) {
@@ -107,13 +107,13 @@ uint64_t ConnectionHash(const ConnectionRecord& record) {
         key.uFirstIp = sourceFirst ? record.uSourceIp : record.uDestinationIp;
         key.uSecondIp = sourceFirst ? record.uDestinationIp : record.uSourceIp;
         const auto* const bytes = reinterpret_cast<const unsigned char*>(&key);
-        return MurmurHash64B(bytes + kIpv4Part, sizeof key - kIpv4Part, kConnectionHashSeed);
+        return MurmurHash64B(bytes + kIpv4Part, sizeof(key) - kIpv4Part, kConnectionHashSeed);
     }
     const auto& firstAddress = sourceFirst ? record.aSourceIpv6 : record.aDestinationIpv6;
     const auto& secondAddress = sourceFirst ? record.aDestinationIpv6 : record.aSourceIpv6;
-    std::memcpy(key.aFirstIpv6, firstAddress, sizeof key.aFirstIpv6);
-    std::memcpy(key.aSecondIpv6, secondAddress, sizeof key.aSecondIpv6);
-    return MurmurHash64B(&key, sizeof key, kConnectionHashSeed);
+    std::memcpy(key.aFirstIpv6, firstAddress, sizeof(key.aFirstIpv6));
+    std::memcpy(key.aSecondIpv6, secondAddress, sizeof(key.aSecondIpv6));
+    return MurmurHash64B(&key, sizeof(key), kConnectionHashSeed);
 }
 
 uint64_t ConnectionHash(const EventReport& report) {
@@ -124,12 +124,12 @@ uint64_t ConnectionHash(const EventReport& report) {
     record.uDestinationPort = report.destinationPort;
     record.uProtocol = report.ipProtocol;
     record.uVlanId = report.vlanId;
-    std::memcpy(record.aSourceIpv6, report.sourceIpv6, sizeof record.aSourceIpv6);
-    std::memcpy(record.aDestinationIpv6, report.destinationIpv6, sizeof record.aDestinationIpv6);
+    std::memcpy(record.aSourceIpv6, report.sourceIpv6, sizeof(record.aSourceIpv6));
+    std::memcpy(record.aDestinationIpv6, report.destinationIpv6, sizeof(record.aDestinationIpv6));
     record.uEtherType = report.etherType;
     return ConnectionHash(record);
 }
 
 uint64_t CaptureIdHash(uint64_t uCaptureId) {
-    return MurmurHash64B(&uCaptureId, sizeof uCaptureId, kConnectionHashSeed);
+    return MurmurHash64B(&uCaptureId, sizeof(uCaptureId), kConnectionHashSeed);
 }

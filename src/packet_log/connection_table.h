@@ -24,7 +24,7 @@ class LOCK_FREE_HASH_MAP {
         Node(uint64_t nodeKey, uint32_t seconds, uint32_t count)
             : key(nodeKey), timestamp(seconds), remaining(count) {}
 
-        Node* link = nullptr;             // part of the entry's shape; always null
+        Node* link = nullptr;             // always null; Deliberate: stored, not read
         const uint64_t key;               // connection id
         const uint32_t timestamp;         // seconds, given at insertion
         std::atomic<uint32_t> remaining;  // packets still to be logged
@@ -49,7 +49,7 @@ class LOCK_FREE_HASH_MAP {
     // Takes the node out if it is there.
     void Remove(const uint64_t& key) { m_lists.Remove(key); }
 
-    // Empties the bucket of this key, whatever keys stand in it.
+    // Empties the bucket of this key, whatever keys it has.
     void ClearBucket(const uint64_t& key) { m_lists.ClearBucket(key); }
 
     // Number of nodes in all buckets. Statistics: it may lag behind the lists for a moment.

@@ -51,13 +51,13 @@ enum LogControlType : uint32_t {
 };
 
 inline constexpr uint32_t kControlDatagramBytes = 128;  // without the packet of type 4
-inline constexpr std::size_t kUserStringBytes = 56;     // a text this long has no NUL
-inline constexpr std::size_t kTextBytes = 120;
-inline constexpr std::size_t kTextLimit = 118;      // bytes of the text that are sent at most
+inline constexpr size_t kUserStringBytes = 56;          // a text this long has no NUL
+inline constexpr size_t kTextBytes = 120;
+inline constexpr size_t kTextLimit = 118;           // bytes of the text that are sent at most
 inline constexpr uint32_t kAllInterfaces = 0xFFFF;  // interface number and mask alike
 inline constexpr uint32_t kFormatPcap = 1;          // uFileFormat
 
-// What every message begins with, and the whole of those that have no body.
+// What every message begins with. Messages without a body are nothing else.
 struct LogControlMessage {
     uint32_t uType = 0;
     uint32_t uLength = 0;  // bytes, these two words included; at most 128

@@ -25,18 +25,18 @@ namespace PacketLogCtrl {
 namespace {
 
 constexpr useconds_t kRetryMicroseconds = 1000;
-constexpr std::size_t kFixedPieces = 3;  // of a datagram: the message, its zeros, the payload
+constexpr size_t kFixedPieces = 3;  // of a datagram: the message, its zeros, the payload
 
 // The bytes of a packet that follow the datagram's 128.
 uint32_t PayloadBytes(const LogControlMessage* message, const uint8_t* payload) {
-    constexpr std::size_t kAt = offsetof(LogControlMessage_OffendingPacketCapture, iCapturedSize);
+    constexpr size_t kAt = offsetof(LogControlMessage_OffendingPacketCapture, iCapturedSize);
     int32_t capturedSize = 0;
     if (message->uType != kOffendingPacketCapture || payload == nullptr ||
-        message->uLength < kAt + sizeof capturedSize) {
+        message->uLength < kAt + sizeof(capturedSize)) {
         return 0;
     }
     std::memcpy(&capturedSize, reinterpret_cast<const std::byte*>(message) + kAt,
-                sizeof capturedSize);
+                sizeof(capturedSize));
     return capturedSize >= 1 ? static_cast<uint32_t>(capturedSize) : 0;
 }
 
@@ -113,7 +113,7 @@ uint32_t PacketLogCtrlIF::ConnectionCount() {
 }
 
 void PacketLogCtrlIF::SetDestination(const char* path) {
-    const std::size_t bytes = strnlen(path, sizeof m_sockAddr.sun_path);
+    const size_t bytes = strnlen(path, sizeof(m_sockAddr.sun_path));
     m_sockAddr = {};
     m_sockAddr.sun_family = AF_UNIX;
     std::memcpy(m_sockAddr.sun_path, path, bytes);
@@ -164,7 +164,7 @@ void PacketLogCtrlIF::SizeSendBuffer() const {
     const int wanted = static_cast<int>(m_uBufferCtrlSize);
     // While sending is disabled there is no socket, and descriptor 0 belongs to somebody else.
     if (m_iSocket == 0 ||
-        setsockopt(m_iSocket, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted) != 0) {
+        setsockopt(m_iSocket, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof(wanted)) != 0) {
         log->Write(
             Log::kDebug,
             "Failed setting log evidence control channel size to %d.  System will operate normally.",
@@ -172,7 +172,7 @@ void PacketLogCtrlIF::SizeSendBuffer() const {
         return;
     }
     int adjusted = 0;
-    socklen_t bytes = sizeof adjusted;
+    socklen_t bytes = sizeof(adjusted);
     if (getsockopt(m_iSocket, SOL_SOCKET, SO_SNDBUF, &adjusted, &bytes) == 0) {
         log->Write(Log::kDebug,
                    "After adjustment, the log evidnece control channel size was set to %d.",
@@ -249,7 +249,7 @@ int PacketLogCtrlIF::TrySend(const LogControlMessage* message, const uint8_t* pa
     datagram.msg_name = const_cast<sockaddr_un*>(&m_sockAddr);
     datagram.msg_namelen = m_uSockAddrLen;
     datagram.msg_iov = pieces.data();
-    datagram.msg_iovlen = static_cast<std::size_t>(end - pieces.begin());
+    datagram.msg_iovlen = static_cast<size_t>(end - pieces.begin());
 
     int error = ENOTSOCK;  // what descriptor 0 would give, which is not asked
     if (m_iSocket != 0) {
@@ -292,7 +292,7 @@ void PacketLogCtrlIF::CountFailure(uint32_t type) {
 }
 
 int32_t PacketLogCtrlIF::SendBare(LogControlType type) {
-    const LogControlMessage message{type, sizeof message};
+    const LogControlMessage message{type, sizeof(message)};
     return SendControlMessage(&message, nullptr, 0);
 }
 

@@ -63,7 +63,8 @@ class PacketLogCtrlIF {
     void Shutdown();
 
     // packet_log_settings.cpp. Store one setting by its name, of which a prefix and single letters
-    // count: 1, or 0 for a name that is not known. Rolling and drop log settings wait for Apply.
+    // count: 1, or 0 for a name that is null or not known. A text may be null, which counts as
+    // empty unless its setting says otherwise. Rolling and drop log settings wait for Apply.
     int32_t SetIntParameter(const char* name, uint32_t value);
     int32_t SetStringParameter(const char* name, const char* value);
     void GetRpcSettings(LogControlMessage_ConfigureRollingPacketCapture* settings) const;
@@ -84,7 +85,7 @@ class PacketLogCtrlIF {
                                uint32_t now, uint32_t heldBytes = kAllHeld);
 
     // packet_log_requests.cpp. They return the result of SendControlMessage, unless stated
-    // otherwise. Report and packet may be null.
+    // otherwise. Report, packet and texts may be null.
     void SendOffendingPacketCapture(const EventReport* report, const PacketInfo* packet,
                                     uint32_t packetHash, uint32_t heldBytes = kAllHeld);
     // 0 when the capture was asked for or the event names no connection, 1 when the send failed or
@@ -111,7 +112,8 @@ class PacketLogCtrlIF {
     // Counts a frame that was not passed on. Returns how many there were so far.
     uint32_t CountFrameNotSent(uint32_t frame);
 
-    // packet_log_text.cpp. Replaces the content of the stream by a readable text.
+    // packet_log_text.cpp. Replaces the content of the stream by a readable text, also for a null
+    // message.
     static void SerializeStruct(const LogControlMessage* message, std::ostringstream& stream);
 
   private:
@@ -159,7 +161,8 @@ class PacketLogCtrlIF {
     uint32_t m_uSockAddrLen = 0;  // bytes: the family and the path without its NUL
 
   public:
-    // Counters, by atomic addition from any thread.
+    // Counters, by atomic addition from any thread. Deliberate: stored, not read, but for those of
+    // type 4, of frames, of throttled and of attempted messages, which the engine logs at its end.
     std::atomic<uint32_t> m_uFailOffendingPacket{0};   // type 4
     std::atomic<uint32_t> m_uFailNewConnection{0};     // type 2
     std::atomic<uint32_t> m_uFailConnectionNotice{0};  // type 13

@@ -21,6 +21,8 @@
 //   56      4     uValueC          the caller's
 //   60      4     reserved60       0
 //   64      8     uTail            always 0
+//
+// Threads: plain values.
 
 #include <cstddef>
 #include <cstdint>

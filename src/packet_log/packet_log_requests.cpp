@@ -21,7 +21,7 @@ constexpr uint32_t kFlowEventType = 4;  // its flow id names the connection
 
 // The space after the text stays zero. Deliberate: a text that fills the field has no NUL, because
 // the packet logging daemon reads the field by its size.
-void CopyText(char* to, std::size_t limit, const char* from) {
+void CopyText(char* to, size_t limit, const char* from) {
     if (from != nullptr) {
         std::memcpy(to, from, strnlen(from, limit));
     }
@@ -159,9 +159,9 @@ int32_t PacketLogCtrlIF::ConsumeInterfaceCount(uint32_t interface) {
     if (interface >= kInterfaceCount) {
         return 0;
     }
-    // The count is taken down only from above 0. Were it taken down first and mended afterwards,
-    // two threads that meet at 0 would leave it below for good, and later captures would be cut
-    // short.
+    // The count is taken down only from above 0. If it were taken down first and
+    // corrected afterwards, two threads that find it at 0 together would leave it below 0 for good,
+    // and later captures would be cut short.
     std::atomic<int32_t>& count = m_aLEInterfaces[interface];
     int32_t seen = count.load(std::memory_order_relaxed);
     while (seen > 0) {

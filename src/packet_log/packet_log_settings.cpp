@@ -34,7 +34,7 @@ constexpr const char* kRolling = "engine.rollpktcap.";
 constexpr const char* kEvidence = "engine.logevidence.";
 
 // One letter of a key; NUL after its end.
-char Letter(const char* key, std::size_t at) {
+char Letter(const char* key, size_t at) {
     return strnlen(key, at) == at ? key[at] : '\0';
 }
 

@@ -16,7 +16,7 @@ namespace {
 template <typename Message>
 Message InFull(const LogControlMessage* message) {
     std::array<std::byte, sizeof(Message)> full{};
-    std::memcpy(full.data(), message, std::min<std::size_t>(message->uLength, full.size()));
+    std::memcpy(full.data(), message, std::min<size_t>(message->uLength, full.size()));
     return std::bit_cast<Message>(full);
 }
 

@@ -32,7 +32,7 @@ bool PacketLogWriter::OpenPipe() {
         return false;
     }
     char path[64];
-    std::snprintf(path, sizeof path, tarn::paths::kPacketLogRing, static_cast<int>(m_uInstance));
+    std::snprintf(path, sizeof(path), tarn::paths::kPacketLogRing, static_cast<int>(m_uInstance));
     // Deliberate: a pipe that failed to open counts as open here. Its owner treats the first
     // failure as final, and the ring refuses every write.
     if (m_pPipe != nullptr) {
@@ -63,7 +63,7 @@ int32_t PacketLogWriter::WritePacket(const PacketInfo* packet, uint64_t valueB, 
     m_record.uValueB = valueB;
     m_record.uValueA = valueA;
 
-    iovec pieces[] = {{&m_record, sizeof m_record}, {nullptr, 0}};
+    iovec pieces[] = {{&m_record, sizeof(m_record)}, {nullptr, 0}};
     if (packet->pData != nullptr && packet->iCapturedSize > 0) {
         const auto captured = static_cast<uint32_t>(packet->iCapturedSize);
         // The ring only reads what a piece points at; the type of a piece cannot say so.

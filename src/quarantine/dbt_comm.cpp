@@ -10,10 +10,11 @@
 #include "quarantine/security_manager_format.h"
 #include "threads/cancellation.h"
 
+using vald::Log;
+
 namespace {
 
 using tarn::secmgr::ResponseHeader;
-using vald::Log;
 
 // Passes a report of the client to the log unchanged.
 __attribute__((format(printf, 3, 4))) void LogClientReport(uint64_t, uint32_t level,
@@ -90,8 +91,8 @@ void DbtComm::Close() {
 
 // Deliberate: a failed exchange leaves the channel marked as open. Only the retry resets it, so the
 // rule after a failed retry first fails in the same way and is then retried on a new channel.
-int DbtComm::SendCommand(uint32_t command, const void* payload, std::size_t length,
-                         uint8_t** response, uint64_t* responseLength) {
+int DbtComm::SendCommand(uint32_t command, const void* payload, size_t length, uint8_t** response,
+                         uint64_t* responseLength) {
     if (!m_opened) {
         Log::GetInstance()->Write(
             Log::kNotice, "DbtComm command channel is not opened. Open it before sending command.");
@@ -127,8 +128,8 @@ int DbtComm::AddQuarantineRules(uint32_t flags, const char* rule, uint32_t issue
     Log::GetInstance()->Write(Log::kDebug, "issueIdRef=%u", issueId);
 
     const tarn::secmgr::AddQuarantineRules head{flags, issueId};
-    const std::size_t textBytes = std::strlen(rule) + 1;
-    const std::size_t length = sizeof(head) + textBytes;
+    const size_t textBytes = std::strlen(rule) + 1;
+    const size_t length = sizeof(head) + textBytes;
     std::unique_ptr<uint8_t[]> payload(new (std::nothrow) uint8_t[length]);
     if (payload == nullptr) {
         Log::GetInstance()->Write(

@@ -35,7 +35,7 @@ class DbtComm {
     // Sends one command, opening the channel first when it is closed, and awaits the answer when
     // both out pointers are given. Returns 0, or -1. *response is then the caller's, to be given
     // back with RequestClient::FreeResponse; it is null after a failure to receive.
-    [[nodiscard]] int SendCommand(uint32_t command, const void* payload, std::size_t length,
+    [[nodiscard]] int SendCommand(uint32_t command, const void* payload, size_t length,
                                   uint8_t** response, uint64_t* responseLength);
 
     // Adds a rule in the words of QuarantineRule. Callers outside give 0 for failures, the number

@@ -6,9 +6,9 @@
 #include "logging/log.h"
 #include "quarantine/address_text.h"
 
-namespace {
-
 using vald::Log;
+
+namespace {
 
 constexpr int kIpv4 = 4;
 constexpr int kIpv6 = 6;
@@ -34,7 +34,7 @@ bool IsNamedProtocol(int protocol) {
 }
 
 // The lower half of a time. The messages show no more of it.
-int Lower32(std::time_t time) {
+int Lower32(time_t time) {
     return static_cast<int>(static_cast<uint32_t>(time));
 }
 
@@ -49,7 +49,7 @@ int QuarantineRule::SetIpVersion(int version) {
     return 0;
 }
 
-int QuarantineRule::SetExpiration(std::time_t expiration) {
+int QuarantineRule::SetExpiration(time_t expiration) {
     if (expiration == 0) {
         Log::GetInstance()->Write(Log::kWarning, "Expiration time must not be zero.");
         return -1;
@@ -153,33 +153,33 @@ QuarantineRule::TextFault QuarantineRule::MakeText(std::string& out) const {
 }
 
 void QuarantineRule::LogText(TextFault fault, const std::string& text) const {
-    Log& log = *Log::GetInstance();
+    Log* const log = Log::GetInstance();
     // The protocol comes before the expiration in the text, and so in the log.
     if (fault != TextFault::IpVersion && fault != TextFault::Protocol &&
         !IsNamedProtocol(m_protocol)) {
-        log.Write(Log::kInfo, "Unrecognized protocol number %d.", m_protocol);
+        log->Write(Log::kInfo, "Unrecognized protocol number %d.", m_protocol);
     }
     switch (fault) {
         case TextFault::None:
-            log.Write(Log::kDebug, "Quarantine rule constructed: %s", text.c_str());
+            log->Write(Log::kDebug, "Quarantine rule constructed: %s", text.c_str());
             break;
         case TextFault::IpVersion:
-            log.Write(Log::kError, "Unable to produce quarantine rule for IP version %d.",
-                      m_ipVersion);
+            log->Write(Log::kError, "Unable to produce quarantine rule for IP version %d.",
+                       m_ipVersion);
             break;
         case TextFault::Protocol:
-            log.Write(Log::kError, "Invalid IP version (%d) and protocol (%d) combination.",
-                      m_ipVersion, m_protocol);
+            log->Write(Log::kError, "Invalid IP version (%d) and protocol (%d) combination.",
+                       m_ipVersion, m_protocol);
             break;
         case TextFault::NoExpiration:
-            log.Write(Log::kError, "Quarantine rule must have an expiration time.");
+            log->Write(Log::kError, "Quarantine rule must have an expiration time.");
             break;
         case TextFault::ExpirationTime:
-            log.Write(Log::kError, "Invalid expiration time (%d) for quarantine rule.",
-                      Lower32(m_expiration));
+            log->Write(Log::kError, "Invalid expiration time (%d) for quarantine rule.",
+                       Lower32(m_expiration));
             break;
         case TextFault::ExpirationForm:
-            log.Write(
+            log->Write(
                 Log::kError,
                 "strftime() failed to create expiration time (%d) for quarantine rule in RFC-3339 format.",
                 Lower32(m_expiration));

@@ -31,7 +31,7 @@ class QuarantineRule {
     [[nodiscard]] int SetIpVersion(int version);
 
     // Seconds since the epoch. Returns 0, or -1 for the time 0, which leaves the field as it was.
-    [[nodiscard]] int SetExpiration(std::time_t expiration);
+    [[nodiscard]] int SetExpiration(time_t expiration);
 
     // An address as text, which is stored unchanged; empty or null means none. Returns 0.
     int SetIntruderAddress(std::string address);
@@ -85,5 +85,5 @@ class QuarantineRule {
     uint16_t m_sourcePort = 0;
     uint16_t m_destinationPort = 0;
     uint32_t m_counter = 0;
-    std::time_t m_expiration = 0;  // 0 means not set
+    time_t m_expiration = 0;  // 0 means not set
 };

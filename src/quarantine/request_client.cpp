@@ -134,7 +134,7 @@ bool RequestClient::ReceiveResponse(uint8_t** buffer, uint64_t* size, int32_t ti
         return false;
     }
     // The memory is not touched until bytes arrive, so a false length costs address space only.
-    const std::size_t bodyBytes = header.bodyLength;
+    const size_t bodyBytes = header.bodyLength;
     auto answer = std::make_unique_for_overwrite<uint8_t[]>(sizeof(header) + bodyBytes);
     std::memcpy(answer.get(), &header, sizeof(header));
 
@@ -158,7 +158,7 @@ bool RequestClient::ReceiveRecords(uint8_t** buffer, uint64_t* size, uint64_t re
         return false;
     }
     const auto total = static_cast<uint32_t>(count * recordSize);
-    const std::size_t recordsAt = sizeof(header) + count * sizeof(iovec);
+    const size_t recordsAt = sizeof(header) + count * sizeof(iovec);
     auto answer = std::make_unique_for_overwrite<uint8_t[]>(recordsAt + total);
     std::memcpy(answer.get(), &header, sizeof(header));
 
@@ -219,8 +219,8 @@ int RequestClient::WaitUntil(Readiness readiness, int32_t timeout) const {
         fd_set sockets;
         FD_ZERO(&sockets);
         FD_SET(m_iSocket, &sockets);
-        fd_set* const toRead = readiness == Readiness::ToRead ? &sockets : nullptr;
-        fd_set* const toWrite = readiness == Readiness::ToWrite ? &sockets : nullptr;
+        fd_set* const toRead = readiness == Readiness::kToRead ? &sockets : nullptr;
+        fd_set* const toWrite = readiness == Readiness::kToWrite ? &sockets : nullptr;
         result = InCancellationWindow(
             [&] { return select(m_iSocket + 1, toRead, toWrite, nullptr, &limit); });
         if (result >= 0 || errno != EINTR) {
@@ -233,7 +233,7 @@ int RequestClient::WaitUntil(Readiness readiness, int32_t timeout) const {
 // Deliberate: a writable socket counts as connected, and its pending error is not read. If the peer
 // refused after all, the first send fails. When the limit runs out, errno stays as it was.
 bool RequestClient::AwaitConnection(int32_t timeout) const {
-    return WaitUntil(Readiness::ToWrite, timeout) > 0;
+    return WaitUntil(Readiness::kToWrite, timeout) > 0;
 }
 
 bool RequestClient::SetBlocking(bool blocking) const {
@@ -245,8 +245,8 @@ bool RequestClient::SetBlocking(bool blocking) const {
     return fcntl(m_iSocket, F_SETFL, wanted) >= 0;
 }
 
-std::size_t RequestClient::Receive(uint8_t* target, std::size_t length) const {
-    std::size_t got = 0;
+size_t RequestClient::Receive(uint8_t* target, size_t length) const {
+    size_t got = 0;
     while (got < length) {
         const ssize_t result =
             InCancellationWindow([&] { return recv(m_iSocket, target + got, length - got, 0); });
@@ -262,7 +262,7 @@ std::size_t RequestClient::Receive(uint8_t* target, std::size_t length) const {
                      error);
             break;
         }
-        got += static_cast<std::size_t>(result);
+        got += static_cast<size_t>(result);
     }
     return got;
 }
@@ -272,7 +272,7 @@ bool RequestClient::ReceiveHeader(ResponseHeader& header, uint64_t* size, int32_
         return false;
     }
     *size = 0;
-    const int ready = WaitUntil(Readiness::ToRead, timeout);
+    const int ready = WaitUntil(Readiness::kToRead, timeout);
     if (ready < 0) {
         const int error = errno;
         Report()(m_uLogContext, kErrorLevel, "Failed to wait for response, reason: %s",
@@ -284,7 +284,7 @@ bool RequestClient::ReceiveHeader(ResponseHeader& header, uint64_t* size, int32_
         return false;
     }
     uint8_t bytes[sizeof(header)];
-    const std::size_t got = Receive(bytes, sizeof(bytes));
+    const size_t got = Receive(bytes, sizeof(bytes));
     if (got != sizeof(bytes)) {
         Report()(m_uLogContext, kErrorLevel, "Unexpected response length: %zu", got);
         return false;

@@ -20,8 +20,8 @@ struct ResponseHeader;
 class RequestClient {
   public:
     // The context is the owner's own word; the level is that of a log message, always 1 here.
-    typedef void (*LogCallback)(uint64_t context, uint32_t level, const char* format, ...)
-        __attribute__((format(printf, 3, 4)));
+    using LogCallback [[gnu::format(printf, 3, 4)]] = void (*)(uint64_t context, uint32_t level,
+                                                               const char* format, ...);
 
     // Releases an answer that a smart pointer holds.
     struct ResponseDeleter {
@@ -77,7 +77,7 @@ class RequestClient {
     static void FreeResponse(uint8_t* buffer);
 
   private:
-    enum class Readiness { ToRead, ToWrite };
+    enum class Readiness { kToRead, kToWrite };
 
     // 1 when the socket is ready, 0 when the limit in seconds ran out, -1 with errno on a failure.
     int WaitUntil(Readiness readiness, int32_t timeout) const;
@@ -87,7 +87,7 @@ class RequestClient {
     bool AwaitConnection(int32_t timeout) const;
     bool SetBlocking(bool blocking) const;
     // The number of bytes that came before the peer closed or a failure, which is reported.
-    std::size_t Receive(uint8_t* target, std::size_t length) const;
+    size_t Receive(uint8_t* target, size_t length) const;
     bool ReceiveHeader(tarn::secmgr::ResponseHeader& header, uint64_t* size, int32_t timeout) const;
     // False unless all total bytes came; what went wrong is reported.
     bool ReceiveAll(uint8_t* target, uint32_t total) const;

@@ -46,6 +46,8 @@ void EventQueue::AddPair(ShmPipeRole role, const char* name, int32_t index, bool
 }
 
 int EventQueue::Open() {
+    // Deliberate: a semaphore that is there keeps its count, posts that nobody took included. The
+    // count belongs to both processes.
     sem_t* const semaphore =
         sem_open(m_strSemName.c_str(), O_CREAT, kSemaphoreMode, kSemaphoreStart);
     if (semaphore == SEM_FAILED) {

@@ -46,8 +46,8 @@ class EventQueue {
     // failed.
     int Destroy();
 
-    uint32_t m_uReserved = 0;                                // Deliberate: stored, not read
-    uint32_t m_uPairCount = 0;                               // number of pairs
+    uint32_t m_uReserved = 0;   // Deliberate: stored, not read
+    uint32_t m_uPairCount = 0;  // number of pairs; Deliberate: stored, not read
     std::vector<std::unique_ptr<ShmEventPipePair>> m_pairs;  // owned
     std::string m_strSemName;
     sem_t* m_pSem = nullptr;  // null until Open; given back by the destructor

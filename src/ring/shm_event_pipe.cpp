@@ -19,7 +19,7 @@ static_assert(alignof(ShmRingHeader) >= std::atomic_ref<uint32_t>::required_alig
 namespace {
 
 constexpr mode_t kFileMode = 0700;
-constexpr std::size_t kResetSyncBytes = 16;
+constexpr size_t kResetSyncBytes = 16;
 
 // Pairs with StoreRelease of the same word in the other process.
 uint32_t LoadAcquire(uint32_t& word) {
@@ -122,7 +122,7 @@ void* ShmEventPipe::MapFile() const {
 bool ShmEventPipe::Open(bool option) {
     m_bOpenOption = !option;
     if (m_bMapped) {
-        ::munmap(m_pMap, std::size_t{m_uSize} + kShmRingHeaderSize);
+        ::munmap(m_pMap, size_t{m_uSize} + kShmRingHeaderSize);
         m_bMapped = false;
     }
     if (!OpenFile()) {
@@ -162,7 +162,7 @@ bool ShmEventPipe::Close() {
         return true;
     }
     const CancellationOff off;
-    if (::munmap(m_pMap, std::size_t{m_uSize} + kShmRingHeaderSize) == -1) {
+    if (::munmap(m_pMap, size_t{m_uSize} + kShmRingHeaderSize) == -1) {
         ReportErrno("Close", "munmap: %s");
         return false;
     }
@@ -351,8 +351,7 @@ ShmPipeResult ShmEventPipe::write(const iovec* pieces, int32_t count) {
     // copied.
     uint32_t left = length;
     for (int32_t i = 0; i < count && left != 0; ++i) {
-        const auto pieceBytes =
-            static_cast<uint32_t>(std::min<std::size_t>(pieces[i].iov_len, left));
+        const auto pieceBytes = static_cast<uint32_t>(std::min<size_t>(pieces[i].iov_len, left));
         if (pieceBytes != 0) {
             at = CopyIn(at, pieces[i].iov_base, pieceBytes);
             left -= pieceBytes;

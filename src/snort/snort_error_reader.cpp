@@ -79,7 +79,8 @@ bool SnortErrorReader::ReadErrors(long timeoutSeconds) {
         return false;
     }
     // Deliberate: it is the FIFO that is waited for. Lines that came with an earlier one in a
-    // single read wait in the stream until the FIFO stirs again: for more lines or a writer's end.
+    // single read wait in the stream until the FIFO is readable again: more lines came, or a writer
+    // ended.
     if (WaitReadable(timeoutSeconds) <= 0) {
         return false;
     }

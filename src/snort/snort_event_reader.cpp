@@ -165,6 +165,7 @@ void SnortEventReader::HandleRecord(U2Record record) {
                 std::make_unique<U2ExtraDataEvent>(record.data.release(), record.length));
             break;
         default:
+            // Deliberate: the line feed belongs to the text that operators search for.
             Log::GetInstance()->Write(Log::kNotice, "Unsupported event type: %u\n", record.type);
             break;
     }
@@ -217,7 +218,7 @@ bool SnortEventReader::AssociateExtraData(std::unique_ptr<U2ExtraDataEvent> extr
             Log::GetInstance()->Write(Log::kDebug, "Associate alert event %u with extra data event",
                                       eventId);
             if (m_pending.At(unsignedPosition).event->SetExtraData(extra.get())) {
-                (void)extra.release();  // The alert has it now.
+                (void)extra.release();  // the alert has it now
             }
             return true;
         }
@@ -235,7 +236,7 @@ bool SnortEventReader::SendToBridge(std::unique_ptr<U2AlertEvent> event) {
         event->Dump();
     }
     if (m_pBridge->ProcessEvent(event.get(), EventBridge::HandOver::kInBatch) == 0) {
-        (void)event.release();  // The bridge has it now, or has deleted it.
+        (void)event.release();  // the bridge has it now, or has deleted it
         return true;
     }
     Log::GetInstance()->Write(Log::kWarning, "Unable to process event.");

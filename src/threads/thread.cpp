@@ -54,6 +54,8 @@ bool Thread::Start(bool detached) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     if (detached) {
+        // Deliberate: it stays so for later starts. How an object's thread is waited for is settled
+        // once.
         m_detached = true;
     }
     if (m_detached) {

@@ -12,6 +12,8 @@
 #include "logging/log.h"
 #include "unified2/unified2_format.h"
 
+using vald::Log;
+
 namespace {
 
 template <typename Record>
@@ -20,6 +22,7 @@ struct AlertTraits;
 template <>
 struct AlertTraits<unified2::AlertIpv4> {
     static constexpr int kIpVersion = 4;
+    // Deliberate: ICMP of the other family gives neither ports nor a type, in both records.
     static constexpr uint8_t kIcmp = IPPROTO_ICMP;
 };
 
@@ -45,10 +48,9 @@ void SetAddresses(CrmEventSource& source, const unified2::AlertIpv6& record) {
 
 template <typename Record>
 std::unique_ptr<CrmEventSource> MakeSource(const Record& record) {
-    auto source = std::make_unique<CrmEventSource>(4);
+    auto source = std::make_unique<CrmEventSource>(AlertTraits<Record>::kIpVersion);
     source->SetIssueId(record.signatureId.HostOrder());
     source->SetEventTime(record.eventSecond.HostOrder());
-    source->SetIpVersion(AlertTraits<Record>::kIpVersion);
     source->SetProtocol(record.ipProtocol);
     SetAddresses(*source, record);
     switch (record.ipProtocol) {
@@ -98,9 +100,11 @@ U2PacketEvent::U2PacketEvent(void* recordBytes, uint32_t recordLength)
 
     // The difference wraps for a record shorter than its fixed part, which then never matches.
     if (recordLength - static_cast<uint32_t>(sizeof(record)) != claimed) {
-        vald::Log::GetInstance()->Write(vald::Log::kWarning,
-                                        "Packet length doesn't match to the receive payload");
+        Log::GetInstance()->Write(Log::kWarning,
+                                  "Packet length doesn't match to the receive payload");
     }
+    // Deliberate: the claim is kept, whatever the record holds. The peers count on the sensor's
+    // number.
     length = claimed;
     held = std::min(claimed, BytesAfter(sizeof(record), recordLength));
     data = raw.get() + sizeof(record);
@@ -148,8 +152,7 @@ bool U2AlertEvent::SetExtraData(U2ExtraDataEvent* extra) {
             m_pHostname.reset(extra);
             return true;
         default:
-            vald::Log::GetInstance()->Write(vald::Log::kInfo,
-                                            "Unsupported ExtraData type receive from Snort");
+            Log::GetInstance()->Write(Log::kInfo, "Unsupported ExtraData type receive from Snort");
             return false;
     }
 }

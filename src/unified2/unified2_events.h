@@ -34,7 +34,8 @@ class U2PacketEvent {
     // the packet's own. The bytes that the record lacks count as zeros and exist nowhere.
     U2PacketEvent(void* recordBytes, uint32_t recordLength);
 
-    void Dump() const;  // To the log, at level 5.
+    // Writes the record to the log, at level 5.
+    void Dump() const;
 
     uint32_t eventId = 0;
     const uint8_t* data = nullptr;  // borrowed from `raw`, `held` bytes
@@ -48,7 +49,7 @@ class U2PacketEvent {
 // An extra data record, type 110.
 class U2ExtraDataEvent {
   public:
-    // Takes over `recordBytes`, which malloc gave. The blob must lie wholly inside the record.
+    // Takes over `recordBytes`, which malloc gave. All of the blob must be inside the record.
     // Throws std::length_error when the blob's length does not even cover its own two fields.
     explicit U2ExtraDataEvent(void* recordBytes);
 
@@ -56,7 +57,8 @@ class U2ExtraDataEvent {
     // `recordLength` and 32 bytes. What the record lacks of its blob is treated as in a packet.
     U2ExtraDataEvent(void* recordBytes, uint32_t recordLength);
 
-    void Dump() const;  // To the log, at level 5.
+    // Writes the record to the log, at level 5.
+    void Dump() const;
 
     uint32_t eventId = 0;
     uint32_t type = 0;   // unified2::ExtraDataType

@@ -7,7 +7,7 @@
 // A sensor may write more than the struct of a type, and the rest is ignored. It may also write
 // less: what a record lacks reads as zeros. docs/formats/unified2.md is the page of this format.
 //
-// Threads: plain data.
+// Threads: plain values.
 
 #include <array>
 #include <bit>
@@ -63,7 +63,7 @@ enum ExtraDataType : uint32_t {
     kHttpHostname = 10,
 };
 
-// Stands before every record. There is no magic, no checksum and no header of the stream.
+// Comes before every record. There is no magic, no checksum and no header of the stream.
 struct RecordHeader {
     Big32 type;
     Big32 length;  // bytes of payload

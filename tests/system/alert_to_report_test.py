@@ -65,10 +65,10 @@ class AlertToReport(harness.DaemonTest):
         self.assertTrue(any(alert.uri for alert in alerts))
         self.assertTrue(any(alert.host_name for alert in alerts))
 
-    def test_the_302_alerts_on_the_reader_thread(self):
+    def test_each_of_302_alerts_becomes_a_report_on_the_reader_thread(self):
         self.check_302(single=1)
 
-    def test_the_302_alerts_through_the_event_thread(self):
+    def test_each_of_302_alerts_becomes_a_report_through_the_event_thread(self):
         self.check_302(single=0)
 
     def check_5675(self, single):
@@ -83,10 +83,10 @@ class AlertToReport(harness.DaemonTest):
         harness.write_events(entries)
         self.assertEqual(5675, len(self.check(stream, entries, single)))
 
-    def test_the_5675_alerts_on_the_reader_thread(self):
+    def test_each_of_5675_alerts_becomes_a_report_on_the_reader_thread(self):
         self.check_5675(single=1)
 
-    def test_the_5675_alerts_through_the_event_thread(self):
+    def test_each_of_5675_alerts_becomes_a_report_through_the_event_thread(self):
         self.check_5675(single=0)
 
 

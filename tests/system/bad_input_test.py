@@ -56,13 +56,13 @@ class BadInput(harness.DaemonTest):
         harness.wait_log("File is opened, waiting for Snort events", 2)
         self.assert_still_reports()
 
-    def test_a_header_that_is_cut_off(self):
+    def test_a_header_that_is_cut_off_is_dropped(self):
         self.check_cut_off(build_alert(1, SIGNATURE)[:5])
 
-    def test_an_alert_that_is_cut_off(self):
+    def test_an_alert_that_is_cut_off_is_dropped(self):
         self.check_cut_off(build_alert(1, SIGNATURE)[:40])
 
-    def test_an_alert_whose_payload_is_missing(self):
+    def test_an_alert_whose_payload_is_missing_is_dropped(self):
         self.check_cut_off(build_alert(1, SIGNATURE)[:8])
 
     def test_keeps_losing_a_record_whose_tail_comes_late(self):
@@ -160,7 +160,7 @@ class BadInput(harness.DaemonTest):
     def test_a_claim_that_no_ring_takes_loses_the_report(self):
         self.check_no_ring_takes(9_000_000)
 
-    def test_a_packet_that_claims_four_gibibytes(self):
+    def test_a_packet_that_claims_four_gibibytes_loses_the_report(self):
         self.check_no_ring_takes(0xFFFFFFFF)
 
     def test_keeps_a_blob_that_claims_more_than_its_record(self):
@@ -179,7 +179,7 @@ class BadInput(harness.DaemonTest):
         harness.wait_log("Unable to dispatch CRM events.")
         self.assert_still_reports()
 
-    def test_attachments_without_their_alert(self):
+    def test_attachments_without_their_alert_are_dropped(self):
         feeder = self.feeder()
         feeder.write(build_extra_data(9, HOST_NAME, b"nobody"))
         harness.wait_log("Failed to associate alert event 9 with extra data event. "
@@ -193,7 +193,7 @@ class BadInput(harness.DaemonTest):
         self.assertEqual(expected_message(alert, ENTRY), message)
         self.assert_still_reports()
 
-    def test_an_extra_data_record_longer_than_it_says(self):
+    def test_what_an_extra_data_record_has_beyond_its_blob_is_ignored(self):
         alert = build_alert(6, SIGNATURE, second=6)
         (_, payload), = records(build_extra_data(6, HOST_NAME, b"host.example"))
         self.feeder().write(alert + frame(EXTRA_DATA, payload + b"surplus"))
@@ -209,7 +209,7 @@ class BadInput(harness.DaemonTest):
         self.feeder().write(frame(EXTRA_DATA, bytes(broken)))
         self.assertEqual(-signal.SIGABRT, self.running.wait())
 
-    def test_files_of_other_kinds(self):
+    def test_files_of_other_kinds_do_not_end_the_daemon(self):
         with open(os.environ["TARN_BINARY"], "rb") as file:
             binary = file.read(65536)
         foreign = {

@@ -130,10 +130,10 @@ class PacketLog(harness.DaemonTest):
         self.assertEqual((1 + len(alerts), 0, 0, 0), counters())
         self.assert_clean_errors(daemon)
 
-    def test_the_302_alerts_on_the_reader_thread(self):
+    def test_each_of_302_alerts_is_captured_on_the_reader_thread(self):
         self.check_stream(single=1)
 
-    def test_the_302_alerts_through_the_event_thread(self):
+    def test_each_of_302_alerts_is_captured_through_the_event_thread(self):
         self.check_stream(single=0)
 
     def tarnctl(self, *arguments):
@@ -234,7 +234,7 @@ class PacketLog(harness.DaemonTest):
         self.assertEqual([b"after it"], [capture[128:] for capture in captures])
         self.assertEqual((4, 1, 0, 1), counters())
 
-    def test_a_daemon_that_is_killed_and_comes_back(self):
+    def test_a_daemon_that_is_killed_and_comes_back_gets_the_next_packet(self):
         harness.write_config(evidencelog__suppress=0)
         first = self.logger()
         daemon = self.daemon().ready()

@@ -163,7 +163,7 @@ class Quarantine(harness.DaemonTest):
         self.assertEqual([], self.lines())
         self.finish()
 
-    def test_on_the_readers_thread_it_is_the_same(self):
+    def test_the_readers_thread_sends_the_same_frame(self):
         manager = self.manager(ADDED)
         self.start(debug__single=1)
         self.report_of(5)
@@ -179,14 +179,14 @@ class Quarantine(harness.DaemonTest):
                    "Failed to add quarantine rules: 3", GIVEN_UP)
         self.assertEqual([rule_frame()], manager.frames)
 
-    def test_a_manager_that_is_not_there(self):
+    def test_a_manager_that_is_not_there_is_tried_twice(self):
         missing = cannot_connect("No such file or directory")
         self.check(0, *trying(0), NOT_OPEN, *missing, "DbtComm command channel cannot to opened.",
                    NO_REQUEST, RESET,
                    "DbtComm attempts to close command channel but it was not opened.", *missing,
                    "DbtComm aborts retry because command channel cannot to reopened.", GIVEN_UP)
 
-    def test_a_manager_that_left_its_socket_behind(self):
+    def test_a_manager_that_left_its_socket_is_tried_twice(self):
         SecurityManager(ADDED).close()
         left = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         left.bind(str(SOCKET))
@@ -197,7 +197,7 @@ class Quarantine(harness.DaemonTest):
                    "DbtComm attempts to close command channel but it was not opened.", *refused,
                    "DbtComm aborts retry because command channel cannot to reopened.", GIVEN_UP)
 
-    def test_a_manager_that_closes_after_each_request(self):
+    def test_a_manager_that_closes_after_each_request_is_asked_twice(self):
         manager = self.manager((b"", "close"))
         cut = ["Unexpected response length: 0", NO_RESPONSE, NO_REQUEST]
         self.check(0, *trying(0), NOT_OPEN, OPENED, *cut, RESET, CLOSED, OPENED, *trying(1), *cut,
@@ -205,14 +205,14 @@ class Quarantine(harness.DaemonTest):
         self.assertEqual([rule_frame()] * 2, manager.frames)
         self.assertEqual(2, manager.connections)
 
-    def test_an_answer_that_is_cut_short(self):
+    def test_an_answer_that_is_cut_short_is_asked_for_again(self):
         manager = self.manager((ADDED[:5], "close"))
         cut = ["Unexpected response length: 5", NO_RESPONSE, NO_REQUEST]
         self.check(0, *trying(0), NOT_OPEN, OPENED, *cut, RESET, CLOSED, OPENED, *trying(1), *cut,
                    GIVEN_UP)
         self.assertEqual([rule_frame()] * 2, manager.frames)
 
-    def test_an_answer_that_is_too_long(self):
+    def test_an_answer_that_is_too_long_is_asked_for_again(self):
         manager = self.manager(struct.pack("=III", 15, 4, 0))
         invalid = ["DbtComm received response of size 12.", INVALID]
         self.check(0, *trying(0), NOT_OPEN, OPENED, *invalid, RESET, CLOSED, OPENED, *trying(1),
@@ -220,7 +220,7 @@ class Quarantine(harness.DaemonTest):
         self.assertEqual([rule_frame()] * 2, manager.frames)
         self.assertEqual(2, manager.connections)
 
-    def test_a_body_that_is_cut_short(self):
+    def test_a_body_that_is_cut_short_is_asked_for_again(self):
         manager = self.manager((struct.pack("=III", 15, 100, 0), "close"))
         invalid = ["DbtComm received response of size 12.", INVALID]
         self.check(0, *trying(0), NOT_OPEN, OPENED, *invalid, RESET, CLOSED, OPENED, *trying(1),
@@ -236,13 +236,13 @@ class Quarantine(harness.DaemonTest):
         self.assertGreaterEqual(time.monotonic() - started, 10.0)
         self.assertEqual([rule_frame()] * 2, manager.frames)
 
-    def test_a_manager_that_answers_the_second_time(self):
+    def test_a_manager_that_answers_the_second_time_is_enough(self):
         manager = self.manager((b"", "close"), ADDED)
         self.check(5, *trying(0), NOT_OPEN, OPENED, "Unexpected response length: 0", NO_RESPONSE,
                    NO_REQUEST, RESET, CLOSED, OPENED, *trying(1), *ACCEPTED)
         self.assertEqual([rule_frame()] * 2, manager.frames)
 
-    def test_a_manager_that_refuses_the_second_time(self):
+    def test_a_refusal_at_the_second_time_is_final(self):
         manager = self.manager((b"", "close"), struct.pack("=II", 4, 0))
         self.check(0, *trying(0), NOT_OPEN, OPENED, "Unexpected response length: 0", NO_RESPONSE,
                    NO_REQUEST, RESET, CLOSED, OPENED, *trying(1),
@@ -263,7 +263,7 @@ class Quarantine(harness.DaemonTest):
         self.assertEqual([rule_frame()] * 2, manager.frames)
         self.finish()
 
-    def test_a_manager_that_went_away_and_comes_back(self):
+    def test_a_manager_that_comes_back_gets_the_next_rule(self):
         manager = SecurityManager(ADDED)
         self.start()
         self.report_of(5)

@@ -1,6 +1,8 @@
 #pragma once
 
-// The whole of tarnctl behind its main(): parses the command line and runs the sub-command.
+// All of tarnctl but its main(): parses the command line and runs the sub-command.
+//
+// Threads: the main thread.
 
 #include <iosfwd>
 

@@ -167,7 +167,7 @@ TEST_F(ConfigApplySetting, MakesANegativeSingleThreadModeZero) {
     ExpectNumbers("tarn.debug.single", Config::s_debugSingle, {{"1", 1}, {"7", 7}, {"-1", 0}});
 }
 
-TEST_F(ConfigApplySetting, LeavesTheEvidenceNumbersAsTheyStand) {
+TEST_F(ConfigApplySetting, LeavesTheEvidenceNumbersUnchanged) {
     ExpectNumbers("tarn.evidencelog.maxfiles", Config::s_evidenceMaxFiles, {{"0", 0}, {"-1", -1}});
     ExpectNumbers("tarn.evidencelog.suppress", Config::s_evidenceSuppress, {{"0", 0}, {"-1", -1}});
     ExpectNumbers("tarn.evidencelog.maxkbytes", Config::s_evidenceMaxKBytes,

@@ -135,7 +135,7 @@ TEST(ParseUserResponse, IgnoresAScopeWithoutEvidence) {
     EXPECT_EQ(0x02U, UserResponse("WithRaw Connect"));
 }
 
-TEST(ParseUserResponse, TellsARawPacketAloneByTheLengthOfTheValue) {
+TEST(ParseUserResponse, RecognisesARawPacketAloneByTheLengthOfTheValue) {
     EXPECT_EQ(0x02U, UserResponse("WithRaw"));
     EXPECT_EQ(0x02U, UserResponse("DISPLAY:WithRaw")) << "15 characters";
     EXPECT_EQ(0x06U, UserResponse("DISPLAY:WithRaw,")) << "16 characters";

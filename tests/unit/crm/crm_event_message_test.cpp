@@ -54,17 +54,17 @@ std::vector<uint32_t> ChunkTypes(const Bytes& bytes) {
     return types;
 }
 
-TEST(CrmEventMessageGolden, ReportWithoutPacketAndPairs) {
+TEST(CrmEventMessageGolden, HasTheBytesOfAReportWithoutPacketAndPairs) {
     const CrmEventSource source = samples::Minimal();
     EXPECT_EQ(GoldenBytes("event_report_minimal.txt"), Gathered(source));
 }
 
-TEST(CrmEventMessageGolden, Ipv4ReportWithPacketAndPairs) {
+TEST(CrmEventMessageGolden, HasTheBytesOfAnIpv4ReportWithPacketAndPairs) {
     const CrmEventSource source = samples::Ipv4();
     EXPECT_EQ(GoldenBytes("event_report_ipv4.txt"), Gathered(source));
 }
 
-TEST(CrmEventMessageGolden, Ipv6ReportWithPacketAndPairs) {
+TEST(CrmEventMessageGolden, HasTheBytesOfAnIpv6ReportWithPacketAndPairs) {
     const CrmEventSource source = samples::Ipv6();
     EXPECT_EQ(GoldenBytes("event_report_ipv6.txt"), Gathered(source));
 }

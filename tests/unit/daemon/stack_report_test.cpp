@@ -16,7 +16,7 @@
 
 namespace {
 
-TEST(SignalCodeText, TellsTheCodesOfEachSignal) {
+TEST(SignalCodeText, NamesTheCodesOfEachSignal) {
     const struct {
         int sig;
         std::vector<const char*> texts;
@@ -42,7 +42,7 @@ TEST(SignalCodeText, TellsTheCodesOfEachSignal) {
     }
 }
 
-TEST(SignalCodeText, TellsTheGeneralCodesForAnySignal) {
+TEST(SignalCodeText, NamesTheGeneralCodesForAnySignal) {
     for (const int sig : {SIGUSR2, SIGSEGV}) {
         EXPECT_STREQ("kill, sigsend, raise", SignalCodeText(sig, 0));
         EXPECT_STREQ("kernel", SignalCodeText(sig, 128));
@@ -97,7 +97,7 @@ bool IsStack(const std::vector<std::string>& lines, size_t from) {
     return frames <= 20;
 }
 
-TEST(ReportThreadFault, TellsTheSignalAndANumberedStack) {
+TEST(ReportThreadFault, WritesTheSignalAndANumberedStack) {
     EXPECT_EXIT(
         {
             siginfo_t info = Fault(7);
@@ -124,7 +124,7 @@ TEST(ReportThreadFault, LeavesOutAnErrnoOfZero) {
         testing::ExitedWithCode(0), "");
 }
 
-TEST(ReportThreadFault, TellsTheStackAloneWithoutTheSignalsDetails) {
+TEST(ReportThreadFault, WritesTheStackAloneWithoutTheSignalsDetails) {
     EXPECT_EXIT(_exit(IsStack(Report(nullptr), 0) ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 

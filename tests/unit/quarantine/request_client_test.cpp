@@ -385,7 +385,7 @@ TEST_F(RequestClientTransact, ReceivesRecords) {
 }
 
 TEST(RequestClientFreeResponse, TakesNull) {
-    RequestClient::FreeResponse(nullptr);
+    RequestClient::FreeResponse(nullptr);  // a failure ends the test program
 }
 
 }  // namespace

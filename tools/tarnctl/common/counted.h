@@ -1,6 +1,8 @@
 #pragma once
 
 // Numbers in sentences.
+//
+// Threads: a pure function.
 
 #include <cstdint>
 #include <string>

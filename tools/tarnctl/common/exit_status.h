@@ -1,6 +1,8 @@
 #pragma once
 
 // The exit statuses of tarnctl, the same for every sub-command.
+//
+// Threads: constants only.
 
 namespace tarnctl {
 

@@ -2,6 +2,8 @@
 
 // `tarnctl messages`: stands in for the CRM and shows the text messages that come out of the
 // daemon, which are what it makes of Snort's error output.
+//
+// Threads: the main thread.
 
 #include <CLI/CLI.hpp>
 #include <iosfwd>

@@ -3,6 +3,8 @@
 // `tarnctl packetlog`: stands in for the packet logging daemon. It shows the requests that come to
 // its control socket and writes the packets that come with them, or through a ring, into capture
 // files.
+//
+// Threads: the main thread.
 
 #include <CLI/CLI.hpp>
 #include <cstdint>

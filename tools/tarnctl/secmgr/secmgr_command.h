@@ -2,6 +2,8 @@
 
 // `tarnctl secmgr`: stands in for the security manager, shows the quarantine rules that come out of
 // the daemon, and, where that is wanted, puts them into force in the kernel.
+//
+// Threads: the main thread.
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
