@@ -216,8 +216,8 @@ int EventBridge::EnqueueEvent(U2AlertEvent* event, HandOver handOver) {
         log.Write(Log::kWarning, "Ignoring NULL event from enqueuing.");
         return 1;
     }
-    // Acquire: pairs with the release in Consumer::Advance. Until this call
-    // raises the count, it can only fall.
+    // Acquire: pairs with the release in Consumer::Advance. Until this call raises the count, it
+    // can only fall.
     if (m_count.load(std::memory_order_acquire) == kRingSize) {
         log.Write(Log::kWarning, "EventBridge event queue is full.");
         return 2;

@@ -13,7 +13,7 @@
 // (ProcessEventQueue, on the event thread). The producer alone touches m_tail, the consumer alone
 // m_head; a slot is handed over by the count, which is an atomic. The lock is for the consumer's
 // wait alone: it takes it when the ring is empty, and the producer takes it to wake it.
-// docs/decisions/0006-hand-over.md has the whole of it. The lock is never held while an event is
+// docs/decisions/0006-hand-over.md has the reasons. The lock is never held while an event is
 // processed. Initialize, Finalize and the last Release run while the consumer does not. A consumer
 // whose owner has switched cancellation off can be cancelled while it waits for an event; it then
 // leaves the lock free and the queued events in the ring.
@@ -125,7 +125,7 @@ class EventBridge {
     std::atomic<bool> m_multiThreaded{false};
     PacketLogCtrl::PacketLogCtrlIF* m_packetLog = nullptr;  // counted; null while not initialised
     DbtComm m_dbtComm;  // connects at the first quarantine rule and stays connected
-    // What the two threads write stands apart: the consumer's before the slots, the producer's
+    // What the two threads write is kept apart: the consumer's before the slots, the producer's
     // after them, and beyond the lock what both of them write.
     int32_t m_head = 0;  // next slot to read, 0 to kRingSize - 1; the consumer's
     std::array<std::atomic<U2AlertEvent*>, kRingSize> m_queue{};  // owned; a slot is null when free

@@ -82,7 +82,7 @@ class Log {
     // borrowed for the life of the process. maxFileSize in bytes, maxFiles with the current one.
     // A file that cannot be opened is reported on the console path; lines are then dropped.
     void Open(const char* appName, const char* file, int level, int maxFileSize, int maxFiles);
-    // Closes the log and opens it anew.
+    // Closes the log and opens it again.
     void Reopen(const char* appName, const char* file, int level, int maxFileSize, int maxFiles);
     // Gives the system log back and closes the file.
     void Close();

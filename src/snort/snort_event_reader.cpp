@@ -111,9 +111,9 @@ bool SnortEventReader::OpenFifo() {
     return true;
 }
 
-// The end of the writer counts as nothing, too, as does a failure: the wait that follows tells them
-// apart. It knows more than a read does, since a read finds the end of file also on a FIFO that has
-// had no writer since it was opened.
+// The end of the writer counts as nothing, too, as does a failure: the wait that follows
+// distinguishes them. It knows more than a read does, since a read finds the end of file also on a
+// FIFO that has had no writer since it was opened.
 uint32_t SnortEventReader::ReadWhatIsThere(void* buffer, uint32_t length) {
     const ssize_t count = read(m_fd, buffer, length);
     return count > 0 ? static_cast<uint32_t>(count) : 0;

@@ -7,7 +7,7 @@
 // push it out. Nothing in the stream says that an alert is complete: a late record misses its
 // alert.
 //
-// A process-wide singleton, made anew by the engine for each run cycle.
+// A process-wide singleton, made by the engine for each run cycle.
 // docs/formats/unified2.md describes the stream and its records.
 //
 // Threads: the engine's main thread only. The hand-over to other threads is EventBridge's.

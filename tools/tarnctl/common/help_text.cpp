@@ -78,7 +78,7 @@ std::pair<std::string, Rows> Divided(const std::string& footer) {
     return {notes, examples};
 }
 
-// Paragraphs of notes are filled anew; a line that begins with a blank stays a line.
+// Paragraphs of notes are filled again; a line that begins with a blank stays a line.
 std::string Notes(const std::string& notes, std::size_t width) {
     std::string filled;
     std::istringstream lines(notes);

@@ -63,7 +63,7 @@ class Monitor {
     [[nodiscard]] bool WritesJson() const { return m_options.json; }
 
     void Say(const std::string& text);
-    // Something has come, so the quiet seconds begin anew.
+    // Something has come, so the quiet seconds begin again.
     void HasNews() { m_quiet.Restart(); }
     void CountOne() { ++m_taken; }
     // Writes a line, which is cut to the width unless it is JSON.

@@ -18,7 +18,7 @@ class Pacer {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // Lateness that is made up for; beyond it the timetable starts anew.
+    // Lateness that is made up for; beyond it the timetable starts again.
     static constexpr std::chrono::milliseconds kCatchUp{20};
 
     // `perSecond` alerts a second; 0 means unlimited.

@@ -8,7 +8,7 @@
 // on; of all these, the newest one included, as many are kept as the limit of files says. A file
 // holds one packet at least, and a limit of 0 is none.
 //
-// Files of an earlier run are not appended to: each run begins its files anew.
+// Files of an earlier run are not appended to: each run begins new files.
 //
 // Threads: one at a time.
 

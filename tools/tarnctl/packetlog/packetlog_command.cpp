@@ -34,7 +34,7 @@ Examples:
   tarnctl packetlog --dir . --ring 0               what a writer puts into its ring as well
   tarnctl packetlog --dir . --stop-reading         a daemon that hangs: its socket fills)";
 
-// A ring tells nobody that something waits, so it is looked at this often.
+// A ring wakes nobody when something waits, so it is looked at this often.
 constexpr std::chrono::milliseconds kRingWait{10};
 
 class PacketLogMonitor final : public Monitor {
@@ -45,8 +45,8 @@ class PacketLogMonitor final : public Monitor {
           m_files(options.directory, options.linkType) {}
 
   private:
-    // The socket comes first: it tells whether another receiver is there, whose files must not be
-    // begun anew.
+    // The socket comes first: it shows whether another receiver is there, whose files must not be
+    // begun again.
     std::string Begin() override {
         std::string obstacle = m_socket.Open(m_options.socketPath);
         if (obstacle.empty() && m_options.ring >= 0) {

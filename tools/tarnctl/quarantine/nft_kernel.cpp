@@ -83,7 +83,7 @@ NftResult NftKernel::Run(const std::string& script, unsigned outputFlags) {
     }
     nft_ctx_output_set_flags(m_context, outputFlags);
     const bool isDone = nft_run_cmd_from_buffer(m_context, script.c_str()) == 0;
-    // Both buffers begin anew only after they are read.
+    // Both buffers begin again only after they are read.
     const std::string output = nft_ctx_get_output_buffer(m_context);
     const std::string errors = nft_ctx_get_error_buffer(m_context);
     return {.isDone = isDone, .text = isDone ? output : errors};

@@ -133,7 +133,7 @@ std::string NftAddSet(const NftElement& element) {
 }
 
 // The kernel leaves the timeout of an element that is there already as it is. So the element is
-// taken out and put in anew.
+// taken out and put in again.
 std::string NftAddElement(const NftElement& element, int64_t seconds) {
     const int64_t left = std::clamp<int64_t>(seconds, 1, kLongestDays * kSecondsADay);
     // nft reads at most eight digits, which as seconds are three years.

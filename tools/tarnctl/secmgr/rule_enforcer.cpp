@@ -98,7 +98,7 @@ std::string RuleEnforcer::PutIntoKernel(const QuarantineParts& parts, time_t now
             break;
         }
         // A rule that the kernel has is left alone unless its end is later now: a rule with a limit
-        // would begin to count anew.
+        // would begin to count again.
         if (m_table.EndOf(parts) >= parts.expiration) {
             return "";
         }
