@@ -23,6 +23,7 @@ namespace tarnctl {
 namespace {
 
 constexpr const char* kProgram = "tarnctl";
+constexpr std::size_t kShortOption = 2;  // letters of "-c"
 
 constexpr const char* kExamples =
     R"(Data goes to standard output and messages to standard error; a file named - is standard input or
@@ -169,15 +170,18 @@ class CommandLine {
     // The first option from the word `first` on that the command does not have, or an empty text.
     [[nodiscard]] std::string UnknownOption(const CLI::App& command, std::size_t first) const {
         for (std::size_t i = first; i < m_words.size() && m_words[i] != "--"; ++i) {
-            std::string name = m_words[i].substr(0, m_words[i].find('='));
-            if (!name.starts_with("--")) {
+            const std::string& word = m_words[i];
+            if (!word.starts_with('-') || word == "-") {
                 continue;
             }
+            // The value of a short option may follow its letter at once.
+            const std::string name =
+                word.substr(0, word.starts_with("--") ? word.find('=') : kShortOption);
             const CLI::Option* const option = command.get_option_no_throw(name);
             if (option == nullptr) {
                 return name;
             }
-            const bool hasValue = option->get_type_size() != 0 && name.size() == m_words[i].size();
+            const bool hasValue = option->get_type_size() != 0 && name.size() == word.size();
             i += hasValue ? 1 : 0;
         }
         return "";

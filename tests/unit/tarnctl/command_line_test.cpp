@@ -91,12 +91,14 @@ TEST_F(CommandLineTest, NamesAnUnknownOptionWithTheNearestOne) {
     EXPECT_EQ(kExitUsage, Run({"replay", "--lop=3"}));
     EXPECT_EQ(kExitUsage, Run({"--verzion"}));
     EXPECT_EQ(kExitUsage, Run({"crm", "--xyzzy"}));
+    EXPECT_EQ(kExitUsage, Run({"check", "-cfile", "-n", "-x", "-q"}));
     EXPECT_EQ(
         "tarnctl crm: unknown option '--jsn', did you mean '--json'? See 'tarnctl crm --help'\n"
         "tarnctl replay: unknown option '--lop', did you mean '--loop'? See 'tarnctl replay "
         "--help'\n"
         "tarnctl: unknown option '--verzion', did you mean '--version'? See 'tarnctl --help'\n"
-        "tarnctl crm: unknown option '--xyzzy'; see 'tarnctl crm --help'\n",
+        "tarnctl crm: unknown option '--xyzzy'; see 'tarnctl crm --help'\n"
+        "tarnctl check: unknown option '-q'; see 'tarnctl check --help'\n",
         m_err.str());
 }
 

@@ -105,25 +105,26 @@ std::string UserResponseInWords(uint32_t userResponseFlags) {
 std::string BlockRuleInPlainWords(const BlockRule& rule) {
     const uint32_t flags = WithAddresses(rule.flags);
     const Applies applies = AppliesTo(flags);
+    const bool isForBoth = applies.toIcmp && applies.toOthers;
     std::vector<std::string> parts;
-    const auto name = [&](uint32_t flag, const char* words) {
+    const auto name = [&](uint32_t flag, std::string words, const char* limit) {
         if ((flags & flag) != 0) {
-            parts.emplace_back(words);
+            parts.push_back(std::move(words) + (isForBoth ? limit : ""));
         }
     };
-    name(kBlockIntruderAddress, "the intruder's address");
-    name(kBlockVictimAddress, "the victim's address");
-    name(kBlockIntruderPort, "the intruder's port (not for ICMP)");
-    name(kBlockVictimPort, "the victim's port (not for ICMP)");
-    name(kBlockIcmpType, "the ICMP type (ICMP only)");
-    name(kBlockIcmpCode, "the ICMP code (ICMP only)");
-    std::string text = "blocks traffic by " + Joined(parts, " and ");
-    if (applies.toIcmp != applies.toOthers) {
-        text += applies.toIcmp ? ", for ICMP events only" : ", for events other than ICMP only";
-    }
-    text += ", for " + DurationInWords(rule.duration != 0 ? rule.duration : kDefaultSeconds);
+    name(kBlockIntruderAddress, "the intruder's address", "");
+    name(kBlockVictimAddress, "the victim's address", "");
+    name(kBlockIntruderPort, "the intruder's port", " (not for ICMP)");
+    name(kBlockVictimPort, "the victim's port", " (not for ICMP)");
+    name(kBlockIcmpType, "the ICMP type", " (ICMP only)");
+    name(kBlockIcmpCode, "the ICMP code", " (ICMP only)");
+    std::string text = "blocks traffic by " + Joined(parts, " and ") + " for " +
+                       DurationInWords(rule.duration != 0 ? rule.duration : kDefaultSeconds);
     if (rule.rateLimit != 0) {
         text += ", above " + Counted(rule.rateLimit, "byte") + " a second";
+    }
+    if (!isForBoth) {
+        text += applies.toIcmp ? ", if the event is ICMP" : ", if the event is not ICMP";
     }
     return text;
 }

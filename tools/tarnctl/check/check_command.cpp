@@ -69,9 +69,9 @@ void Show(const CheckOptions& options, const CheckResult& result, std::ostream& 
         return;
     }
     if (options.summary) {
-        WriteSummary(result, out);
+        WriteSummary(result, options, out);
     }
-    WriteFindings(result, options.color, out);
+    WriteFindings(result, options, out);
 }
 
 // How many of the files that are named are standard input.
@@ -110,6 +110,7 @@ CLI::App* AddCheckCommand(CLI::App& app, CheckOptions& options) {
     command->add_flag("--summary", options.summary, "Each entry in plain words");
     command->add_flag("--no-places", options.noPlaces,
                       "The files alone, not the FIFOs, rings and sockets of this machine");
+    AddWideOption(*command, options);
     command->footer(kExamples);
     command->callback([&options] {
         if (InputsOf(options) > 1) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <string_view>
 #include <tuple>
 
 #include "tarnctl/check/block_words.h"
@@ -38,39 +39,66 @@ struct Excerpt {
     std::string after;
 };
 
-Excerpt ExcerptOf(const FindingPlace& place) {
-    constexpr std::size_t kAround = 100;  // bytes on both sides of the mark
-    const std::size_t at = std::min(place.column - 1, place.text.size());
-    const std::size_t end = std::min(at + std::min(place.length, kAround), place.text.size());
-    const std::size_t begin = at > kAround ? at - kAround : 0;
-    const std::size_t last = std::min(end + kAround, place.text.size());
-    return {
-        (begin > 0 ? "..." : "") + ForTerminal(place.text.substr(begin, at - begin)),
-        ForTerminal(place.text.substr(at, end - at)),
-        ForTerminal(place.text.substr(end, last - end)) + (last < place.text.size() ? "..." : "")};
+// `room` is the columns for all of it; 0 is no limit, but for what is far from the mark.
+Excerpt ExcerptOf(const FindingPlace& place, std::size_t room) {
+    constexpr std::size_t kAround = 100;  // bytes on both sides of the mark, and of the mark
+    constexpr std::string_view kMore = "...";
+    const std::string& text = place.text;
+    const std::size_t at = std::min(place.column - 1, text.size());
+    std::size_t marked = std::min({place.length, kAround, text.size() - at});
+    std::size_t before = std::min(at, kAround);
+    std::size_t after = std::min(text.size() - at - marked, kAround);
+    if (room != 0 && text.size() > room) {
+        const std::size_t shown = room > 2 * kMore.size() + 2 ? room - 2 * kMore.size() : 2;
+        marked = std::min(marked, shown);
+        const std::size_t rest = shown - marked;
+        before = std::min(before, std::max(rest / 2, rest - std::min(rest, after)));
+        after = std::min(after, rest - before);
+    }
+    const std::size_t begin = at - before;
+    const std::size_t end = at + marked;
+    const std::size_t last = end + after;
+    return {(begin > 0 ? std::string(kMore) : "") + ForTerminal(text.substr(begin, before)),
+            ForTerminal(text.substr(at, marked)),
+            ForTerminal(text.substr(end, after)) + (last < text.size() ? std::string(kMore) : "")};
 }
 
-void WriteFinding(const Finding& finding, bool isColored, std::ostream& out) {
+void WriteExcerpt(const FindingPlace& place, const Display& display, Color color,
+                  std::ostream& out) {
+    const std::string number = std::to_string(place.line);
+    const std::string margin = "  " + std::string(number.size(), ' ') + " | ";
+    const std::size_t width = display.Width();
+    const std::size_t room = width == 0 ? 0 : width - std::min(width - 1, margin.size());
+    const Excerpt excerpt = ExcerptOf(place, room);
+    const std::size_t underlined = std::max<std::size_t>(excerpt.marked.size(), 1);
+    const std::string mark = "^" + std::string(underlined - 1, '~');
+    out << CutToWidth("  " + number + " | " + excerpt.before +
+                          Painted(excerpt.marked, color, display.color) + excerpt.after,
+                      width)
+        << "\n"
+        << CutToWidth(margin + std::string(excerpt.before.size(), ' ') +
+                          Painted(mark, color, display.color),
+                      width)
+        << "\n";
+}
+
+void WriteFinding(const Finding& finding, const Display& display, std::ostream& out) {
+    constexpr std::size_t kIndent = 4;
     const bool isError = finding.kind->level == FindingLevel::kError;
-    const char* const begin = !isColored ? "" : isError ? "\033[1;31m" : "\033[1;33m";
-    const char* const end = isColored ? "\033[0m" : "";
-    out << PlaceText(finding.place) << ": " << begin << LevelWord(finding.kind->level) << end
-        << ": " << ForTerminal(finding.reason) << " [" << finding.kind->name << "]\n";
+    const Color color = isError ? Color::kRed : Color::kYellow;
+    const std::size_t width = display.Width();
+    out << FoldedToWidth(PlaceText(finding.place) + ": " +
+                             Painted(LevelWord(finding.kind->level), color, display.color) + ": " +
+                             ForTerminal(finding.reason) + " [" + finding.kind->name + "]",
+                         width, kIndent);
     if (finding.place.line != 0) {
-        const Excerpt excerpt = ExcerptOf(finding.place);
-        const std::string number = std::to_string(finding.place.line);
-        const std::string margin(number.size(), ' ');
-        out << "  " << number << " | " << excerpt.before << begin << excerpt.marked << end
-            << excerpt.after << "\n  " << margin << " | " << std::string(excerpt.before.size(), ' ')
-            << begin << "^"
-            << std::string(excerpt.marked.empty() ? 0 : excerpt.marked.size() - 1, '~') << end
-            << "\n";
+        WriteExcerpt(finding.place, display, color, out);
     }
     if (!finding.suggestion.empty()) {
-        out << "  suggestion: " << ForTerminal(finding.suggestion) << "\n";
+        out << FoldedToWidth("  suggestion: " + ForTerminal(finding.suggestion), width, kIndent);
     }
     if (!finding.inForce.empty()) {
-        out << "  in force: " << ForTerminal(finding.inForce) << "\n";
+        out << FoldedToWidth("  in force: " + ForTerminal(finding.inForce), width, kIndent);
     }
 }
 
@@ -142,31 +170,34 @@ void SortFindings(CheckResult& result) {
         });
 }
 
-void WriteFindings(const CheckResult& result, bool isColored, std::ostream& out) {
+void WriteFindings(const CheckResult& result, const Display& display, std::ostream& out) {
     for (const Finding& finding : result.findings) {
-        WriteFinding(finding, isColored, out);
+        WriteFinding(finding, display, out);
     }
-    out << Counted(result.Count(FindingLevel::kError), "error") << ", "
-        << Counted(result.Count(FindingLevel::kWarning), "warning") << " in "
-        << Counted(result.lines, "setting") << " and "
-        << (result.entries.size() == 1 ? "1 entry"
-                                       : std::to_string(result.entries.size()) + " entries")
-        << "\n";
+    out << FoldedToWidth(
+        Counted(result.Count(FindingLevel::kError), "error") + ", " +
+            Counted(result.Count(FindingLevel::kWarning), "warning") + " in " +
+            Counted(result.lines, "setting") + " and " +
+            (result.entries.size() == 1 ? "1 entry"
+                                        : std::to_string(result.entries.size()) + " entries"),
+        display.Width(), 0);
 }
 
-void WriteSummary(const CheckResult& result, std::ostream& out) {
+void WriteSummary(const CheckResult& result, const Display& display, std::ostream& out) {
+    constexpr std::size_t kIndent = 4;
     for (const LoadedEntry& entry : result.entries) {
         const bool withRaw = (entry.userResponseFlags & kUserResponseWithRaw) != 0;
-        out << entry.id << ": reports \"" << ForTerminal(entry.name) << "\" as "
-            << SeverityWord(entry.severity) << (withRaw ? " with its packet" : "");
+        std::string line = std::to_string(entry.id) + ": reports \"" + ForTerminal(entry.name) +
+                           "\" as " + SeverityWord(entry.severity) +
+                           (withRaw ? " with its packet" : "");
         const std::vector<std::string> blocks = BlocksOf(entry);
         for (const std::string& text : blocks) {
-            out << "; " << text;
+            line += "; " + text;
         }
-        out << (blocks.empty() ? "; blocks nothing" : "")
-            << ((entry.userResponseFlags & kUserResponseLogPackets) != 0 ? "; takes packets"
-                                                                         : "; takes no packets")
-            << "\n";
+        line += blocks.empty() ? "; blocks nothing" : "";
+        line += (entry.userResponseFlags & kUserResponseLogPackets) != 0 ? "; takes packets"
+                                                                         : "; takes no packets";
+        out << FoldedToWidth(line + "\n", display.Width(), kIndent);
     }
 }
 

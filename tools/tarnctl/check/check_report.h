@@ -11,6 +11,7 @@
 
 #include "tarnctl/check/finding.h"
 #include "tarnctl/check/loaded_entry.h"
+#include "tarnctl/common/display.h"
 
 namespace tarnctl {
 
@@ -26,9 +27,11 @@ struct CheckResult {
 // Findings ordered by file, line and column; those of the machine last.
 void SortFindings(CheckResult& result);
 
-void WriteFindings(const CheckResult& result, bool isColored, std::ostream& out);
+// On a terminal the texts are folded to its width, and of a long line what is around the mark is
+// shown.
+void WriteFindings(const CheckResult& result, const Display& display, std::ostream& out);
 // One line for each entry, in plain words.
-void WriteSummary(const CheckResult& result, std::ostream& out);
+void WriteSummary(const CheckResult& result, const Display& display, std::ostream& out);
 void WriteJson(const CheckResult& result, bool withEntries, std::ostream& out);
 
 }  // namespace tarnctl

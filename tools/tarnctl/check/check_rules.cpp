@@ -1,13 +1,17 @@
 #include "tarnctl/check/check_rules.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <set>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 #include "tarnctl/check/finding_kinds.h"
 #include "tarnctl/snort_rules/rule_set.h"
 #include "tarnctl/snort_rules/snort_configuration.h"
+#include "tarnctl/snort_rules/text_file.h"
 
 namespace tarnctl {
 namespace {
@@ -62,22 +66,56 @@ void CompareSignatures(const RuleSet& set, const std::vector<LoadedEntry>& entri
     }
 }
 
-void CheckSensor(const std::vector<std::string>& paths, Findings& findings) {
-    std::set<std::string> configurations;
+// The configurations of the sensor beside the paths, each once: two paths may name one by two
+// names.
+std::vector<std::string> ConfigurationsBeside(const std::vector<std::string>& paths) {
+    std::vector<std::string> names;
+    std::set<std::string> seen;
     for (const std::string& path : paths) {
-        for (const std::string& name : SensorConfigurationsNear(path)) {
-            configurations.insert(name);
+        if (path == "-") {
+            continue;
+        }
+        for (std::string& name : SensorConfigurationsNear(path)) {
+            std::error_code ignored;
+            if (seen.insert(std::filesystem::weakly_canonical(name, ignored).string()).second) {
+                names.push_back(std::move(name));
+            }
         }
     }
-    for (const std::string& name : configurations) {
+    return names;
+}
+
+// The text of one line, which counts from 1; empty where there is none.
+std::string LineOf(std::string_view text, uint32_t number) {
+    for (; number > 1 && !text.empty(); --number) {
+        text.remove_prefix(std::min(text.find('\n'), text.size() - 1) + 1);
+    }
+    return std::string(text.substr(0, text.find_first_of("\r\n")));
+}
+
+void CheckSensor(const std::vector<std::string>& paths, Findings& findings,
+                 std::vector<std::string>& faults) {
+    for (const std::string& name : ConfigurationsBeside(paths)) {
+        std::string text;
+        (void)ReadTextFile(name, text);  // the scan says why it cannot be read
         for (const SensorOutputFinding& fault : ScanSensorConfiguration(name)) {
             if (fault.fault == SensorOutputFault::kUnclear) {
                 continue;  // nothing can be said, so nothing is
             }
+            if (fault.fault == SensorOutputFault::kUnreadable) {
+                faults.push_back(fault.text);
+                continue;
+            }
             FindingPlace place;
             place.file = fault.file;
-            place.line = fault.line;
-            place.column = place.length = fault.line != 0 ? 1 : 0;
+            if (fault.line != 0) {
+                place = PlaceOf(fault.file, fault.line, LineOf(text, fault.line));
+                const std::size_t begin = place.text.find_first_not_of(" \t");
+                if (begin != std::string::npos) {
+                    place.column = begin + 1;
+                    place.length = place.text.size() - begin;
+                }
+            }
             const bool isKind = fault.fault == SensorOutputFault::kForeignRecords;
             findings.push_back({isKind ? &kinds::kRecordKind : &kinds::kRecordWriter,
                                 std::move(place), fault.text, "", ""});
@@ -103,7 +141,7 @@ std::vector<std::string> CheckRules(const std::vector<std::string>& paths, Stand
         }
     }
     CompareSignatures(set, entries, findings);
-    CheckSensor(paths, findings);
+    CheckSensor(paths, findings, faults);
     return faults;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <string_view>
+#include <utility>
 
 #include "tarnctl/check/finding_kinds.h"
 #include "tarnctl/check/load_watch.h"
@@ -39,6 +40,11 @@ std::string NearestName(const std::string& name) {
         return "";
     }
     return kPrefix + name.substr(digits, end - digits) + "." + key;
+}
+
+// A suggestion to write what is there already is none.
+std::string OtherThan(const std::string& name, std::string suggestion) {
+    return suggestion == name ? "" : std::move(suggestion);
 }
 
 }  // namespace
@@ -88,7 +94,7 @@ void LoadWatch::OnRefusedEvent(const LineRead& line) {
         const std::string id = line.name.substr(idAt, keyAt - idAt);
         Add(kinds::kIdRefused, {line, line.nameAt + idAt, keyAt - idAt},
             "the id " + Quoted(id) + " is 0 or no number, so the line is dropped")
-            .suggestion = NearestName(line.name);
+            .suggestion = OtherThan(line.name, NearestName(line.name));
         return;
     }
     const std::size_t keyAt =

@@ -15,6 +15,8 @@ namespace {
 
 using Stop = ListTrace::Stop;
 
+constexpr const char* kNone = "none";  // of a response, and only alone
+
 // The word at which the reading of a list has stopped.
 struct StoppedWord {
     std::size_t begin = 0;  // in the value
@@ -47,7 +49,8 @@ StoppedWord StoppedWordOf(const LineRead& line) {
     return word;
 }
 
-std::string ReasonOf(const ListTrace& list, const StoppedWord& word) {
+std::string ReasonOf(const LineRead& line, const StoppedWord& word) {
+    const ListTrace& list = line.list;
     switch (list.stop) {
         case Stop::kNoColon:
             return "a \":\" and a number are missing";
@@ -56,6 +59,9 @@ std::string ReasonOf(const ListTrace& list, const StoppedWord& word) {
         case Stop::kTextAfterNumber:
             return "the number counts, but the text after it is none";
         default:
+            if (line.eventKey == kEventKeyResponse && word.text == kNone) {
+                return Quoted(word.text) + " counts only where it stands alone";
+            }
             return word.text.empty() || (list.stop == Stop::kNoComma && !word.goesOn)
                        ? "a comma is missing between two words"
                        : Quoted(word.text) + " is no word of this list";
@@ -71,6 +77,9 @@ std::string SuggestionFor(const LineRead& line, const StoppedWord& word) {
     }
     std::string nearest = NearestWord(
         word.text, line.eventKey == kEventKeyResponse ? ResponseWords() : BlockRuleWords());
+    if (nearest == word.text) {
+        return "";
+    }
     if (line.list.stop == Stop::kNoColon && !nearest.empty()) {
         nearest += ": 600";
     }
@@ -99,7 +108,7 @@ void LoadWatch::CheckListEnd(const LineRead& line, const FindingKind& kind) {
     const bool isLast = line.value.find(',', word.begin) == std::string::npos;
     Finding& finding = Add(
         kind, {line, line.valueAt + word.begin, std::max<std::size_t>(word.text.size(), 1)},
-        ReasonOf(list, word) + (isLast ? "; the reading ends here"
+        ReasonOf(line, word) + (isLast ? "; the reading ends here"
                                        : "; the reading ends here, and what follows is not taken"));
     finding.suggestion = SuggestionFor(line, word);
     finding.inForce = EntryName(line.id) + ": " +

@@ -70,6 +70,21 @@ std::size_t ColumnsOf(std::string_view text) {
     return columns;
 }
 
+// Where the first blanks are, after a word, that end the last words with room in so many columns;
+// or that end the first word, where even that has none. The end of the line where there are none.
+std::size_t PlaceToDivide(std::string_view line, std::size_t room) {
+    std::size_t place = line.size();
+    std::size_t at = std::min(line.find_first_not_of(' '), line.size());
+    while ((at = line.find(' ', at)) != std::string_view::npos) {
+        if (place != line.size() && ColumnsOf(line.substr(0, at)) > room) {
+            break;
+        }
+        place = at;
+        at = std::min(line.find_first_not_of(' ', at), line.size());
+    }
+    return place;
+}
+
 }  // namespace
 
 void Display::Resolve() {
@@ -151,6 +166,33 @@ std::string CutToWidth(std::string_view line, std::size_t width) {
         cut += kPlain;
     }
     return cut + kCutMark;
+}
+
+std::string FoldedToWidth(std::string_view text, std::size_t width, std::size_t indent) {
+    if (width == 0) {
+        return std::string(text) + (text.ends_with('\n') ? "" : "\n");
+    }
+    constexpr std::size_t kLeastIndent = 2;
+    indent = 3 * indent > width ? kLeastIndent : indent;
+    std::string folded;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        std::string_view line = text.substr(0, end);
+        text.remove_prefix(std::min(end + 1, text.size()));
+        std::size_t room = width;
+        while (ColumnsOf(line) > room) {
+            const std::size_t at = PlaceToDivide(line, room);
+            const std::size_t next = line.find_first_not_of(' ', at);
+            if (next == std::string_view::npos) {
+                break;
+            }
+            folded.append(line.substr(0, at)).append("\n").append(indent, ' ');
+            line.remove_prefix(next);
+            room = width > indent ? width - indent : 1;
+        }
+        folded.append(line).append("\n");
+    }
+    return folded;
 }
 
 std::string LineOf(std::span<const Cell> cells, const Display& display) {

@@ -57,6 +57,12 @@ void AddWideOption(CLI::App& command, Display& display);
 // character takes a column.
 [[nodiscard]] std::string CutToWidth(std::string_view line, std::size_t width);
 
+// The lines of a text in lines of at most `width` columns, each with a line end; 0 is no limit.
+// They are divided at blanks, and what follows begins with `indent` blanks, or with fewer where the
+// width is small. A word that is longer than a line stays whole.
+[[nodiscard]] std::string FoldedToWidth(std::string_view text, std::size_t width,
+                                        std::size_t indent);
+
 // One column of a line.
 struct Cell {
     std::string text;

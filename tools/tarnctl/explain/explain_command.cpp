@@ -117,7 +117,10 @@ class Explainer {
         if (m_options.json) {
             m_out << ExplanationAsJson(event) << std::endl;
         } else {
-            m_out << ExplanationAsText(event, m_options.color) << std::flush;
+            constexpr std::size_t kTextColumn = 12;  // where what follows a label begins
+            m_out << FoldedToWidth(ExplanationAsText(event, m_options.color), m_options.Width(),
+                                   kTextColumn + 2)
+                  << std::flush;
         }
     }
 
@@ -134,20 +137,24 @@ void AddAlertOptions(CLI::App& command, ExplainOptions& options) {
                                           "Take the signature's first alert from a unified2 file");
     file->type_name("FILE");
     const auto describes = [file](CLI::Option* option, const char* type) {
-        option->type_name(type)->excludes(file);
+        return option->type_name(type)->excludes(file);
     };
+    const CLI::Range ports(0, UINT16_MAX);
+    const CLI::Range bytes(0, UINT8_MAX);
     describes(command.add_option("--proto", alert.protocol, "tcp, udp, icmp, icmpv6 or a number"),
               "PROTOCOL");
     describes(command.add_option("--src", alert.source, "Source address, the intruder's"),
               "ADDRESS");
-    describes(command.add_option("--sport", alert.sourcePort, "Source port"), "PORT");
+    describes(command.add_option("--sport", alert.sourcePort, "Source port"), "PORT")->check(ports);
     describes(command.add_option("--dst", alert.destination, "Destination address, the victim's"),
               "ADDRESS");
-    describes(command.add_option("--dport", alert.destinationPort, "Destination port"), "PORT");
-    describes(command.add_option("--icmp-type", alert.icmpType, "ICMP type"), "N");
-    describes(command.add_option("--icmp-code", alert.icmpCode, "ICMP code"), "N");
+    describes(command.add_option("--dport", alert.destinationPort, "Destination port"), "PORT")
+        ->check(ports);
+    describes(command.add_option("--icmp-type", alert.icmpType, "ICMP type"), "N")->check(bytes);
+    describes(command.add_option("--icmp-code", alert.icmpCode, "ICMP code"), "N")->check(bytes);
     describes(command.add_option("--time", alert.time, "Time of the alert, seconds since 1970"),
-              "SECONDS");
+              "SECONDS")
+        ->check(CLI::Range(uint32_t{0}, UINT32_MAX));
 }
 
 }  // namespace
@@ -174,6 +181,7 @@ CLI::App* AddExplainCommand(CLI::App& app, ExplainOptions& options) {
         ->type_name("FILE")
         ->capture_default_str();
     command->add_flag("--json", options.json, "One JSON object for each alert");
+    AddWideOption(*command, options);
     command->footer(kExamples);
     command->callback([&options, signature, report] {
         if (signature->count() == 0 && report->count() == 0) {

@@ -53,9 +53,9 @@ TEST_F(CheckReport, SaysWhatWasReadWhereNothingIsWrong) {
 TEST_F(CheckReport, ColoursWhatATerminalShows) {
     Main("word\n");
     options.color = true;
-    EXPECT_THAT(Text(), HasSubstr("\033[1;31merror\033[0m: "));
+    EXPECT_THAT(Text(), HasSubstr("\033[31merror\033[0m: "));
     Main("tarn.log.level = 3\ntarn.log.level = 4\n");
-    EXPECT_THAT(Text(), HasSubstr("\033[1;33mwarning\033[0m: "));
+    EXPECT_THAT(Text(), HasSubstr("\033[33mwarning\033[0m: "));
 }
 
 TEST_F(CheckReport, ShowsTheCaretUnderATabThatIsWrittenOut) {
@@ -70,6 +70,34 @@ TEST_F(CheckReport, ShowsTheMiddleOfALongLine) {
     EXPECT_GT(600U, text.size());
 }
 
+// The columns of a terminal, for any place of the mark in a long line.
+TEST_F(CheckReport, FitsTheWidthOfATerminalUnlessAskedNotTo) {
+    options.isTerminal = options.summary = true;
+    const std::string begin =
+        "se.7.severity = high\nse.7.msg = Name of an event that is long enough\n";
+    for (std::size_t before = 0; before < 90; before += 5) {
+        Events(begin + "se.7.response = " + std::string(before, ' ') + "quarantine-trafic, " +
+               std::string(60, 'x') + "\n");
+        for (const std::size_t width : {30U, 40U, 80U}) {
+            options.width = width;
+            options.wide = false;
+            const std::string text = Text();
+            std::istringstream lines(text);
+            for (std::string line; std::getline(lines, line);) {
+                // Paths are longer than any of these widths, and stay whole.
+                EXPECT_TRUE(line.size() <= width || line.find('/') != std::string::npos) << line;
+            }
+            EXPECT_THAT(text, HasSubstr("quarantine-trafic"));
+            // The mark is below the first letter of the word.
+            const std::size_t word = text.find(" | ", text.find("\n  3 | ") + 1);
+            const std::size_t marked = text.find("quarantine-trafic", word) - word;
+            EXPECT_EQ(marked, text.find("^~~~", word) - text.find(" | ", word + 3)) << text;
+        }
+        options.wide = true;
+        EXPECT_THAT(Text(), HasSubstr(std::string(60, 'x') + "\n"));
+    }
+}
+
 TEST_F(CheckReport, SumsEachEntryUpInPlainWords) {
     options.summary = true;
     Events(
@@ -80,13 +108,12 @@ TEST_F(CheckReport, SumsEachEntryUpInPlainWords) {
         "se.8.severity = low\nse.8.msg = Ping\nse.8.user.response = DISPLAY:WithoutRaw\n"
         "se.8.response = none\n");
     const std::string text = Text();
-    EXPECT_EQ(
-        0U, text.find("7: reports \"Worm\" as high with its packet; blocks traffic by the "
-                      "intruder's address and the victim's port (not for ICMP), for events other "
-                      "than ICMP only, for 10 minutes, above 10 bytes a second; blocks traffic by "
-                      "the ICMP type (ICMP only) and the ICMP code (ICMP only), for ICMP events "
-                      "only, for 1 hour; takes packets\n"
-                      "8: reports \"Ping\" as low; blocks nothing; takes no packets\n"))
+    EXPECT_EQ(0U,
+              text.find("7: reports \"Worm\" as high with its packet; blocks traffic by the "
+                        "intruder's address and the victim's port for 10 minutes, above 10 bytes a "
+                        "second, if the event is not ICMP; blocks traffic by the ICMP type and the "
+                        "ICMP code for 1 hour, if the event is ICMP; takes packets\n"
+                        "8: reports \"Ping\" as low; blocks nothing; takes no packets\n"))
         << text;
     (void)Run();
     ASSERT_EQ(2U, answer["entries"].size());
@@ -151,6 +178,24 @@ TEST_F(CheckEntries, SuggestTheWholeNameWhereTheIdIsPartOfTheFault) {
     EXPECT_EQ("se.7.msg", Only()["suggestion"]);
     Events(GoodEntry(7) + "se.7msg = x\n");
     EXPECT_EQ("se.7.msg", Only()["suggestion"]);
+}
+
+TEST_F(CheckEntries, SuggestNothingThatIsThereAlready) {
+    Events(GoodEntry(7) + "se.0.msg = x\n");
+    auto finding = Only();
+    EXPECT_EQ("id-refused", finding["name"]);
+    EXPECT_TRUE(finding["suggestion"].is_null());
+    Events(
+        "se.7.severity = high\nse.7.msg = Name\nse.7.response = quarantine-traffic, none\n"
+        "se.7.quarantine.rule = quarantine-worm, duration: 9\n");
+    finding = Only();
+    EXPECT_EQ("response-stopped", finding["name"]);
+    EXPECT_TRUE(finding["suggestion"].is_null());
+    EXPECT_THAT(finding["reason"].get<std::string>(), HasSubstr("only where it stands alone"));
+    Events("se.7.severity = high\nse.7.msg = Name\nse.7.quarantine.rule = none\n");
+    (void)Run();
+    EXPECT_THAT(answer["findings"][1]["reason"].get<std::string>(),
+                HasSubstr("\"none\" is no word of this list"));
 }
 
 TEST_F(CheckEntries, SayNothingOfFreeTextInAUserResponse) {

@@ -53,4 +53,18 @@ TEST_F(CheckRulesOption, NamesASensorThatWritesOtherRecords) {
     EXPECT_EQ("record-kind", Only()["name"]);
 }
 
+TEST_F(CheckRulesOption, ShowsTheLineOfTheSensorsConfigurationOnce) {
+    Events(GoodEntry(7));
+    const std::string rules =
+        dir.Write("local.rules", "alert tcp any any -> any any (msg:\"a\"; sid:7;)\n");
+    const std::string lua = dir.Write("snort.lua", "ips = {}\n  unified2 = { limit = 128 }\n");
+    options.rules = {lua, rules, (dir.Path() / "." / "snort.lua").string()};
+    const auto finding = Only();
+    EXPECT_EQ("record-kind", finding["name"]);
+    EXPECT_EQ(2U, finding["line"]);
+    EXPECT_EQ(3U, finding["column"]);
+    EXPECT_EQ("  unified2 = { limit = 128 }", finding["text"]);
+    EXPECT_EQ(26U, finding["length"]);
+}
+
 }  // namespace

@@ -88,5 +88,29 @@ TEST_F(ColorChoice, HasTheOptionBeforeTheEnvironment) {
     EXPECT_TRUE(m_display.color);
 }
 
+TEST(FoldedToWidth, DividesLinesAtBlanksAndIndentsWhatFollows) {
+    EXPECT_EQ("one two\n  three\n  four\nfive\n",
+              FoldedToWidth("one two three four\nfive\n", 8, 2));
+    EXPECT_EQ("one two three\n", FoldedToWidth("one two three", 0, 2));
+    EXPECT_EQ("one two\n", FoldedToWidth("one two", 7, 2));
+    EXPECT_EQ("one\n  two\n", FoldedToWidth("one two", 6, 2));
+    EXPECT_EQ("\n\n", FoldedToWidth("\n\n", 6, 2));
+}
+
+TEST(FoldedToWidth, KeepsAWordThatIsLongerThanALineWhole) {
+    EXPECT_EQ("a\n  longerthanthat\n  b\n", FoldedToWidth("a longerthanthat b", 8, 2));
+    EXPECT_EQ("longerthanthat\n  b\n", FoldedToWidth("longerthanthat b", 8, 2));
+    EXPECT_EQ("longerthanthat \n", FoldedToWidth("longerthanthat \n", 8, 2));
+}
+
+TEST(FoldedToWidth, KeepsTheIndentOfTheFirstLineAndCountsNoSequences) {
+    EXPECT_EQ("    one\n   two\n", FoldedToWidth("    one two", 10, 3));
+    EXPECT_EQ("\x1b[31mone\x1b[0m two\n", FoldedToWidth("\x1b[31mone\x1b[0m two", 7, 2));
+}
+
+TEST(FoldedToWidth, IndentsLessWhereThereIsLittleRoom) {
+    EXPECT_EQ("one\n  two\n", FoldedToWidth("one two", 5, 4));
+}
+
 }  // namespace
 }  // namespace tarnctl
