@@ -191,6 +191,46 @@ struct Expected {
     std::string text;  // what the manager gets; empty for nothing
 };
 
+bool AsksForIntruder(uint32_t bits) {
+    return (bits & (kIntruderAddress | kIntruderSubnet)) != 0;
+}
+
+bool AsksForVictim(uint32_t bits) {
+    return (bits & (kVictimAddress | kVictimSubnet)) != 0;
+}
+
+bool FitsTheEvent(const Kind& kind, uint32_t bits) {
+    const bool portField = (bits & (kIntruderPort | kVictimPort)) != 0;
+    const bool icmpField = (bits & (kIcmpType | kIcmpCode)) != 0;
+    const bool ownField = kind.isIcmp ? icmpField : portField;
+    const bool otherField = kind.isIcmp ? portField : icmpField;
+    const auto fit = std::find_if(kFits.begin(), kFits.end(), [&](const Fit& row) {
+        return row.ownField == ownField && row.otherField == otherField &&
+               row.address == (AsksForIntruder(bits) || AsksForVictim(bits));
+    });
+    return fit->fits;
+}
+
+std::string ExpectedText(const Kind& kind, uint32_t bits) {
+    const bool v4 = kind.version == 4;
+    std::string text = v4 ? "ip" : "ipv6";
+    if (AsksForIntruder(bits)) {
+        text += v4 ? " intruder addr 10.0.0.1" : " intruder addr 2001:db8::1";
+    }
+    if (AsksForVictim(bits)) {
+        text += v4 ? " victim addr 10.0.0.2" : " victim addr 2001:db8::2";
+    }
+    text += kind.piece;
+    if (kind.isIcmp) {
+        text += (bits & kIcmpType) != 0 ? " type 8" : "";
+        text += (bits & kIcmpCode) != 0 ? " code 3" : "";
+    } else if (kind.protocol != IPPROTO_GRE) {
+        text += (bits & kIntruderPort) != 0 ? " src port 1025" : " src port 0";
+        text += (bits & kVictimPort) != 0 ? " dst port 80" : " dst port 0";
+    }
+    return text + " expires 2026-11-12T16:00:00Z";
+}
+
 Expected Expect(const Kind& kind, uint32_t bits, bool isConnected) {
     Expected expected;
     Lines& lines = expected.lines;
@@ -205,17 +245,7 @@ Expected Expect(const Kind& kind, uint32_t bits, bool isConnected) {
             "Don't know how to deal with quarantine-victim-subnet. Treat it as "
             "quarantine-victim-address.");
     }
-    const bool intruder = (bits & (kIntruderAddress | kIntruderSubnet)) != 0;
-    const bool victim = (bits & (kVictimAddress | kVictimSubnet)) != 0;
-    const bool portField = (bits & (kIntruderPort | kVictimPort)) != 0;
-    const bool icmpField = (bits & (kIcmpType | kIcmpCode)) != 0;
-    const bool ownField = kind.isIcmp ? icmpField : portField;
-    const bool otherField = kind.isIcmp ? portField : icmpField;
-    const auto fit = std::find_if(kFits.begin(), kFits.end(), [&](const Fit& row) {
-        return row.ownField == ownField && row.otherField == otherField &&
-               row.address == (intruder || victim);
-    });
-    if (!fit->fits) {
+    if (!FitsTheEvent(kind, bits)) {
         expected.result = 1;
         lines.push_back("Ignoring invalid block rule (" + Hex4(bits) + ")" +
                         (kind.isIcmp ? " for ICMP event (" : " for non-ICMP event (") +
@@ -233,28 +263,13 @@ Expected Expect(const Kind& kind, uint32_t bits, bool isConnected) {
         lines.push_back("Fail to construct quarantine rule string.");
         return expected;
     }
-    const bool v4 = kind.version == 4;
-    std::string& text = expected.text;
-    text = v4 ? "ip" : "ipv6";
-    if (intruder) {
-        text += v4 ? " intruder addr 10.0.0.1" : " intruder addr 2001:db8::1";
-    }
-    if (victim) {
-        text += v4 ? " victim addr 10.0.0.2" : " victim addr 2001:db8::2";
-    }
-    text += kind.piece;
-    if (kind.isIcmp) {
-        text += (bits & kIcmpType) != 0 ? " type 8" : "";
-        text += (bits & kIcmpCode) != 0 ? " code 3" : "";
-    } else if (kind.protocol == IPPROTO_GRE) {
+    if (kind.protocol == IPPROTO_GRE) {
         lines.push_back("Unrecognized protocol number 47.");
-    } else {
-        text += (bits & kIntruderPort) != 0 ? " src port 1025" : " src port 0";
-        text += (bits & kVictimPort) != 0 ? " dst port 80" : " dst port 0";
     }
-    text += " expires 2026-11-12T16:00:00Z";
-    lines.push_back("Quarantine rule constructed: " + text);
-    lines.push_back("DbtComm is trying to add quarantine rule(s) after 0 failure(s): " + text);
+    expected.text = ExpectedText(kind, bits);
+    lines.push_back("Quarantine rule constructed: " + expected.text);
+    lines.push_back("DbtComm is trying to add quarantine rule(s) after 0 failure(s): " +
+                    expected.text);
     lines.push_back("issueIdRef=1100");
     if (!isConnected) {
         lines.push_back("DbtComm command channel is not opened. Open it before sending command.");
