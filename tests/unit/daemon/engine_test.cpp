@@ -46,7 +46,7 @@ class TarnEnginePeer {
 
 namespace {
 
-class EngineTest : public ::testing::Test {
+class EngineTest : public testing::Test {
   protected:
     ~EngineTest() override { TarnEngine::ReleaseInstance(); }
 

@@ -17,7 +17,7 @@
 
 namespace {
 
-class ProcessTest : public ::testing::Test {
+class ProcessTest : public testing::Test {
   protected:
     void WriteFile(const std::string& text) const { ::WriteFile(m_pidFile, text); }
     [[nodiscard]] std::string ReadFile() const { return ::ReadFile(m_pidFile); }

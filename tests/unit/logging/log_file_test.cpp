@@ -31,7 +31,7 @@ class PrefixPeer : public LogFile {
     }
 };
 
-class LogFileTest : public ::testing::Test {
+class LogFileTest : public testing::Test {
   protected:
     void OpenWith(unsigned maxSize, unsigned maxFiles, int level = 3) {
         m_log.Initialize(m_path, level);
@@ -380,7 +380,7 @@ TEST_F(LogFileSafety, WritesTheLinesOfAFaultHandlerThatStruckInsideTheLog) {
             volatile uintptr_t nowhere = 16;
             m_log.Write(1, "%s", reinterpret_cast<const char*>(nowhere));
         },
-        ::testing::ExitedWithCode(7), "");
+        testing::ExitedWithCode(7), "");
     EXPECT_EQ("Received SEGV signal\n", Messages(m_path));
 }
 

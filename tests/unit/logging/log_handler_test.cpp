@@ -25,7 +25,7 @@ using vald::Log;
 
 constexpr unsigned kWatchdogSeconds = 120;
 
-class LogHandler : public ::testing::Test {
+class LogHandler : public testing::Test {
   protected:
     LogHandler() { Reset(); }
     ~LogHandler() override { Reset(); }

@@ -34,7 +34,7 @@ void __attribute__((format(printf, 2, 0))) Called(int level, const char* format,
     errno = ENOENT;
 }
 
-class LogTest : public ::testing::Test {
+class LogTest : public testing::Test {
   protected:
     LogTest() { Reset(); }
     ~LogTest() override { Reset(); }

@@ -26,7 +26,7 @@ using vald::Log;
 constexpr int kThreads = 8;
 constexpr int kLines = 400;
 
-class LogThreads : public ::testing::Test {
+class LogThreads : public testing::Test {
   protected:
     LogThreads() { Reset(); }
     ~LogThreads() override { Reset(); }

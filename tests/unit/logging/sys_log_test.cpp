@@ -17,7 +17,7 @@ using syslog_stand_in::Lines;
 using syslog_stand_in::Opening;
 using syslog_stand_in::Openings;
 
-class SysLogTest : public ::testing::Test {
+class SysLogTest : public testing::Test {
   protected:
     SysLogTest() {
         SysLog::Release();

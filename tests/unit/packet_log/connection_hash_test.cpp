@@ -132,8 +132,6 @@ std::string Describe(const KnownHash& known) {
            std::to_string(known.protocol) + " VLAN " + std::to_string(known.vlanId);
 }
 
-}  // namespace
-
 TEST(MurmurHash64B, HasThePublishedVerificationValue) {
     EXPECT_EQ(0xDD537C05U, VerificationValue([](const Key& key, uint32_t seed) {
                   return MurmurHash64B(key.data(), key.size(), seed);
@@ -227,3 +225,5 @@ TEST(ConnectionHash, LooksAtTheAddressesOfItsOwnVersionAlone) {
     report.sourceIp ^= 1;
     EXPECT_EQ(kKnownHashes[6].hash, ConnectionHash(report));
 }
+
+}  // namespace

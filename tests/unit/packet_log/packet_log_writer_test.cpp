@@ -62,8 +62,6 @@ class PacketLogWriterOpen : public testing::Test {
     const std::string m_path = "/var/run/packetLogData" + m_number;
 };
 
-}  // namespace
-
 TEST(PacketLogWriter, StartsWithoutInstanceAndPipe) {
     const PacketLogWriter writer;
     EXPECT_EQ(0xffffU, writer.m_uInstance);
@@ -249,3 +247,5 @@ TEST_F(PacketLogWriterWrite, AllocatesNothing) {
     EXPECT_EQ(before, AllocationCount());
     EXPECT_GT(sent, 10);
 }
+
+}  // namespace

@@ -67,8 +67,6 @@ using EventQueueOpen = EventQueueTest;
 using EventQueueDestroy = EventQueueTest;
 using ShmEventPipePairTest = EventQueueTest;
 
-}  // namespace
-
 TEST_F(EventQueueWriter, HasThePairOfItsIndexAlone) {
     const EventQueue queue("CRM", 3, 1);
     EXPECT_EQ(0U, queue.m_uReserved);
@@ -355,3 +353,5 @@ TEST_F(ShmEventPipePairTest, ClosesTheSecondRingWhenTheFirstFails) {
     pair.m_aPipes[0].m_pMap = map;
     EXPECT_FALSE(pair.m_aPipes[1].m_bMapped);
 }
+
+}  // namespace

@@ -10,8 +10,6 @@ namespace {
 constexpr uint32_t kFileSize = 72;  // a ring of 64 bytes
 constexpr uint32_t kRing = kFileSize - 8;
 
-}  // namespace
-
 class ShmEventPipeWrite : public RingTest {
   protected:
     ShmEventPipe m_writer{WRITER, m_path, kFileSize};
@@ -199,3 +197,5 @@ TEST_F(ShmEventPipeRead, TakesALengthOfTheWholeRingWithoutLeavingIt) {
         EXPECT_EQ((start + 4) % kRing, m_raw.Word(0)) << start;
     }
 }
+
+}  // namespace

@@ -97,8 +97,6 @@ class ShmEventPipeExchange : public RingTest {
     }
 };
 
-}  // namespace
-
 TEST_F(ShmEventPipeExchange, HandsEveryMessageToAnotherThread) {
     bool written = false;
     std::thread writer([&] { written = PipeWrites(); });
@@ -120,3 +118,5 @@ TEST_F(ShmEventPipeExchange, TakesEveryMessageFromAnIndependentWriterProcess) {
     EXPECT_TRUE(PipeReads());
     EXPECT_TRUE(EndedWell(writer));
 }
+
+}  // namespace

@@ -21,8 +21,6 @@ Bytes GoldenStep(std::ptrdiff_t step) {
 
 using ShmEventPipeGolden = RingTest;
 
-}  // namespace
-
 TEST_F(ShmEventPipeGolden, EveryStepOfAFixedSequenceLeavesTheAgreedBytes) {
     ShmEventPipe writer(WRITER, m_path, kFileSize);
     ASSERT_TRUE(writer.Create());
@@ -54,3 +52,5 @@ TEST_F(ShmEventPipeGolden, EveryStepOfAFixedSequenceLeavesTheAgreedBytes) {
     EXPECT_TRUE(reader.Reset());
     EXPECT_EQ(GoldenStep(6), raw.Bytes());
 }
+
+}  // namespace

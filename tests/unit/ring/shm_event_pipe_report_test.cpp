@@ -15,8 +15,6 @@ namespace {
 constexpr uint32_t kFileSize = 72;  // a ring of 64 bytes
 constexpr uint32_t kRing = kFileSize - 8;
 
-}  // namespace
-
 class ShmEventPipeReport : public RingTest {
   protected:
     static std::string Text(const char* call, int error) {
@@ -152,3 +150,5 @@ TEST_F(ShmEventPipeReport, SaysNothingOfAFullOrEmptyRing) {
     EXPECT_EQ(PIPE_FULL, Write(writer, Counting(kRing)));
     EXPECT_TRUE(s_reports.empty());
 }
+
+}  // namespace

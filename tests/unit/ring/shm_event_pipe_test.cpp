@@ -32,8 +32,6 @@ bool IsMappedAnywhere(const std::string& path) {
     return found;
 }
 
-}  // namespace
-
 // ---- lifecycle ----
 
 using ShmEventPipeLifecycle = RingTest;
@@ -347,3 +345,5 @@ TEST_F(ShmEventPipeState, StaysInTheRingWhateverThePeerWrites) {
         EXPECT_EQ(0U, state.used) << poked;
     }
 }
+
+}  // namespace

@@ -97,8 +97,6 @@ bool OutsideIsUntouched(const ShmEventPipe& pipe) {
                        [](std::byte byte) { return byte == std::byte{kOutside}; });
 }
 
-}  // namespace
-
 TEST_F(ShmEventPipeWrap, SingleFormMatchesTheModelFromEveryPairOfIndexes) {
     ForEveryRing([](ShmEventPipe& writer, ShmEventPipe&, IndependentRing& raw, uint32_t ring) {
         for (uint32_t read = 0; read < ring; read += 4) {
@@ -285,3 +283,5 @@ TEST_F(ShmEventPipeWrap, StaysInsideWhateverThePeerWrites) {
             ASSERT_TRUE(OutsideIsUntouched(writer));
         });
 }
+
+}  // namespace

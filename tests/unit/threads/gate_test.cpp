@@ -12,7 +12,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-class GateTest : public ::testing::Test {
+class GateTest : public testing::Test {
   protected:
     GateTest() { m_gate.Init(); }
     ~GateTest() override { m_gate.Destroy(); }
