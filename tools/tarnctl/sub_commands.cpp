@@ -3,6 +3,7 @@
 #include "tarnctl/check/check_command.h"
 #include "tarnctl/crm/crm_command.h"
 #include "tarnctl/explain/explain_command.h"
+#include "tarnctl/feed/feed_command.h"
 #include "tarnctl/import/import_command.h"
 #include "tarnctl/messages/messages_command.h"
 #ifdef TARNCTL_WITH_PCAP
@@ -18,14 +19,19 @@ namespace {
 
 // A new sub-command is one line here.
 constexpr std::unique_ptr<SubCommand> (*kMakers[])() = {
-    MakeSubCommand<AddCheckCommand, RunCheck>,         MakeSubCommand<AddCrmCommand, RunCrm>,
-    MakeSubCommand<AddExplainCommand, RunExplain>,     MakeSubCommand<AddImportCommand, RunImport>,
+    MakeSubCommand<AddCheckCommand, RunCheck>,
+    MakeSubCommand<AddCrmCommand, RunCrm>,
+    MakeSubCommand<AddExplainCommand, RunExplain>,
+    MakeSubCommand<AddFeedCommand, RunFeed>,
+    MakeSubCommand<AddImportCommand, RunImport>,
     MakeSubCommand<AddMessagesCommand, RunMessages>,
 #ifdef TARNCTL_WITH_PCAP
     MakeSubCommand<AddPacketLogCommand, RunPacketLog>,
 #endif
-    MakeSubCommand<AddReplayCommand, RunReplay>,       MakeSubCommand<AddRingCommand, RunRing>,
-    MakeSubCommand<AddSecmgrCommand, RunSecmgr>,       MakeSubCommand<AddStatusCommand, RunStatus>,
+    MakeSubCommand<AddReplayCommand, RunReplay>,
+    MakeSubCommand<AddRingCommand, RunRing>,
+    MakeSubCommand<AddSecmgrCommand, RunSecmgr>,
+    MakeSubCommand<AddStatusCommand, RunStatus>,
 };
 
 }  // namespace

@@ -1,0 +1,173 @@
+#include "tarnctl/feed/entry_guard.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "config/config.h"
+#include "config/event_rule_table.h"
+#include "logging/log.h"
+#include "tarnctl/common/failure_text.h"
+
+namespace tarnctl {
+namespace {
+
+constexpr int64_t kSecond = 1'000'000'000;
+
+// The loader's messages are for the daemon's log and would fill a terminal here.
+class QuietLoad {
+  public:
+    explicit QuietLoad(LoadObserver& observer) : m_level(vald::Log::GetLevel()) {
+        vald::Log::SetLevel(0);
+        Config::s_observer = &observer;
+    }
+    ~QuietLoad() {
+        Config::s_observer = nullptr;
+        vald::Log::SetLevel(m_level);
+    }
+    QuietLoad(const QuietLoad&) = delete;
+    QuietLoad& operator=(const QuietLoad&) = delete;
+
+  private:
+    int m_level;
+};
+
+std::string PolicyText(const Node& node) {
+    std::string text = "severity " + std::to_string(node.severity) + ", name \"" + node.eventName +
+                       "\", response " + node.userResponse + ", rule " + node.rule + ", flags " +
+                       std::to_string(node.responseFlags);
+    for (const BlockRule& rule : node.blockRules) {
+        text += ", block " + std::to_string(rule.flags) + " for " + std::to_string(rule.duration) +
+                " s at " + std::to_string(rule.rateLimit);
+    }
+    return text;
+}
+
+}  // namespace
+
+EntryGuard::EntryGuard(GuardFiles files) : m_files(std::move(files)) {}
+
+EntryGuard::FileTime EntryGuard::TimeOf(const std::string& path) {
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) {
+        return {};
+    }
+    return {status.st_mtim.tv_sec, status.st_mtim.tv_nsec,
+            status.st_ctim.tv_sec * kSecond + status.st_ctim.tv_nsec};
+}
+
+std::string EntryGuard::Read(bool config, bool events) {
+    const QuietLoad quiet(*this);
+    m_fault.clear();
+    Config::s_stateFile = m_files.state;
+    if (!std::exchange(m_isInitialized, true)) {
+        Config::Initialize();
+    }
+    if (config) {
+        m_configTime = TimeOf(m_files.config);
+        Config::Load(m_files.config.c_str(), Config::kMainFile);
+    }
+    if (events) {
+        m_eventTime = TimeOf(m_files.events);
+        m_entries.clear();
+        Config::Load(m_files.events.c_str(), Config::kEventFile);
+    }
+    return m_fault;
+}
+
+std::string EntryGuard::Load() {
+    return Read(true, true);
+}
+
+std::string EntryGuard::LoadChanged() {
+    const bool config = TimeOf(m_files.config).second != m_configTime.second;
+    const bool events = TimeOf(m_files.events).second != m_eventTime.second;
+    return config || events ? Read(config, events) : "";
+}
+
+std::string EntryGuard::Changed() const {
+    if (TimeOf(m_files.events) != m_eventTime) {
+        return m_files.events;
+    }
+    return TimeOf(m_files.config) != m_configTime ? m_files.config : "";
+}
+
+std::string EntryGuard::NewerThan(int64_t loadTime) const {
+    const auto isNewer = [loadTime](const FileTime& time) { return time.changed > loadTime; };
+    if (isNewer(m_eventTime)) {
+        return m_files.events;
+    }
+    return isNewer(m_configTime) ? m_files.config : "";
+}
+
+uint32_t EntryGuard::TextBytes(uint32_t signature) const {
+    const auto found = m_entries.find(signature);
+    return found == m_entries.end() ? 0 : found->second;
+}
+
+EntryGuard::Policies EntryGuard::CurrentPolicies() const {
+    Policies policies;
+    for (const auto& [signature, bytes] : m_entries) {
+        if (const auto node = Config::s_eventTable.Find(signature)) {
+            policies.emplace(signature, PolicyText(*node));
+        }
+    }
+    return policies;
+}
+
+nlohmann::ordered_json EntryGuard::ChangesSince(const Policies& before) const {
+    nlohmann::ordered_json added = nlohmann::ordered_json::array();
+    nlohmann::ordered_json removed = added;
+    nlohmann::ordered_json changed = added;
+    const Policies now = CurrentPolicies();
+    for (const auto& [signature, policy] : now) {
+        const auto former = before.find(signature);
+        if (former == before.end()) {
+            added.push_back({{"signature", signature}, {"policy", policy}});
+        } else if (former->second != policy) {
+            changed.push_back(
+                {{"signature", signature}, {"before", former->second}, {"policy", policy}});
+        }
+    }
+    for (const auto& [signature, policy] : before) {
+        if (!now.contains(signature)) {
+            removed.push_back({{"signature", signature}, {"policy", policy}});
+        }
+    }
+    return {{"entries", now.size()}, {"added", added}, {"removed", removed}, {"changed", changed}};
+}
+
+int EntryGuard::Channel() {
+    return Config::s_engineCrm;
+}
+
+bool EntryGuard::OnFile(const char* path, int, int error) {
+    if (error == 0) {
+        return true;
+    }
+    // The daemon reads what it could write to; the feeder may only be allowed to read.
+    const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
+    const int reason = descriptor == -1 ? errno : 0;
+    if (descriptor != -1) {
+        close(descriptor);
+    } else if (!(path == m_files.state && reason == ENOENT) && m_fault.empty()) {
+        m_fault = FailureText(path, reason);
+    }
+    return descriptor != -1;
+}
+
+void EntryGuard::OnEntryClosed(uint32_t id, bool entered) {
+    if (!entered) {
+        return;
+    }
+    if (const auto node = Config::s_eventTable.Find(id)) {
+        m_entries[id] = static_cast<uint32_t>(node->eventName.size() + node->userResponse.size() +
+                                              node->rule.size());
+    }
+}
+
+}  // namespace tarnctl
