@@ -15,7 +15,7 @@ using testing::StartsWith;
 namespace tarnctl {
 namespace {
 
-constexpr const char* kCommands[] = {"check",     "crm",    "import", "messages",
+constexpr const char* kCommands[] = {"check",     "crm",    "feed",  "import", "messages",
 #ifdef TARNCTL_WITH_PCAP
                                      "packetlog",
 #endif

@@ -4,37 +4,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <nlohmann/json.hpp>
 #include <utility>
 
 #include "config/config.h"
 #include "config/event_rule_table.h"
-#include "logging/log.h"
+#include "tarnctl/common/daemon_load.h"
 #include "tarnctl/common/failure_text.h"
 
 namespace tarnctl {
 namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;
-
-// The loader's messages are for the daemon's log and would fill a terminal here.
-class QuietLoad {
-  public:
-    explicit QuietLoad(LoadObserver& observer) : m_level(vald::Log::GetLevel()) {
-        vald::Log::SetLevel(0);
-        Config::s_observer = &observer;
-    }
-    ~QuietLoad() {
-        Config::s_observer = nullptr;
-        vald::Log::SetLevel(m_level);
-    }
-    QuietLoad(const QuietLoad&) = delete;
-    QuietLoad& operator=(const QuietLoad&) = delete;
-
-  private:
-    int m_level;
-};
 
 std::string PolicyText(const Node& node) {
     std::string text = "severity " + std::to_string(node.severity) + ", name \"" + node.eventName +
@@ -61,12 +44,9 @@ EntryGuard::FileTime EntryGuard::TimeOf(const std::string& path) {
 }
 
 std::string EntryGuard::Read(bool config, bool events) {
-    const QuietLoad quiet(*this);
+    const DaemonLoad load(this);
     m_fault.clear();
     Config::s_stateFile = m_files.state;
-    if (!std::exchange(m_isInitialized, true)) {
-        Config::Initialize();
-    }
     if (config) {
         m_configTime = TimeOf(m_files.config);
         Config::Load(m_files.config.c_str(), Config::kMainFile);
@@ -74,6 +54,7 @@ std::string EntryGuard::Read(bool config, bool events) {
     if (events) {
         m_eventTime = TimeOf(m_files.events);
         m_entries.clear();
+        m_mostBlockRules = 0;
         Config::Load(m_files.events.c_str(), Config::kEventFile);
     }
     return m_fault;
@@ -106,15 +87,13 @@ std::string EntryGuard::NewerThan(int64_t loadTime) const {
 
 uint32_t EntryGuard::TextBytes(uint32_t signature) const {
     const auto found = m_entries.find(signature);
-    return found == m_entries.end() ? 0 : found->second;
+    return found == m_entries.end() ? 0 : found->second.textBytes;
 }
 
 EntryGuard::Policies EntryGuard::CurrentPolicies() const {
     Policies policies;
-    for (const auto& [signature, bytes] : m_entries) {
-        if (const auto node = Config::s_eventTable.Find(signature)) {
-            policies.emplace(signature, PolicyText(*node));
-        }
+    for (const auto& [signature, entry] : m_entries) {
+        policies.emplace(signature, entry.policy);
     }
     return policies;
 }
@@ -165,8 +144,10 @@ void EntryGuard::OnEntryClosed(uint32_t id, bool entered) {
         return;
     }
     if (const auto node = Config::s_eventTable.Find(id)) {
-        m_entries[id] = static_cast<uint32_t>(node->eventName.size() + node->userResponse.size() +
-                                              node->rule.size());
+        const std::size_t bytes =
+            node->eventName.size() + node->userResponse.size() + node->rule.size();
+        m_mostBlockRules = std::max(m_mostBlockRules, node->blockRules.size());
+        m_entries[id] = {static_cast<uint32_t>(bytes), PolicyText(*node)};
     }
 }
 

@@ -46,6 +46,8 @@ class EntryGuard final : public LoadObserver {
     [[nodiscard]] bool HasEntry(uint32_t signature) const { return m_entries.contains(signature); }
     // The bytes that the texts of an entry add to a report.
     [[nodiscard]] uint32_t TextBytes(uint32_t signature) const;
+    // The quarantine rules of the entry that has the most.
+    [[nodiscard]] std::size_t MostBlockRules() const { return m_mostBlockRules; }
     [[nodiscard]] std::size_t Count() const { return m_entries.size(); }
     // What each entry says, by its signature, and what has changed of it since, as JSON.
     using Policies = std::map<uint32_t, std::string>;
@@ -73,9 +75,13 @@ class EntryGuard final : public LoadObserver {
     GuardFiles m_files;
     FileTime m_configTime;
     FileTime m_eventTime;
-    bool m_isInitialized = false;
     std::string m_fault;
-    std::unordered_map<uint32_t, uint32_t> m_entries;  // bytes of texts, by signature
+    std::size_t m_mostBlockRules = 0;
+    struct Entry {
+        uint32_t textBytes = 0;
+        std::string policy;
+    };
+    std::unordered_map<uint32_t, Entry> m_entries;  // by signature
 };
 
 }  // namespace tarnctl

@@ -16,6 +16,7 @@
 #include "tarnctl/common/failure_text.h"
 #include "tarnctl/common/feed_words.h"
 #include "tarnctl/common/signals.h"
+#include "tarnctl/common/tarn_process.h"
 
 namespace tarnctl {
 namespace {
@@ -34,8 +35,6 @@ constexpr uint64_t kBookmarkReports = 16384;
 constexpr uint64_t kBookmarkRingPart = 4;
 
 constexpr milliseconds kPrometheusInterval{5000};
-// A wait that is shorter is not worth a line.
-constexpr milliseconds kSilent{1000};
 // The daemon passes the last alerts on after a quiet second.
 constexpr milliseconds kLastReports{3000};
 // What is read last has no more to come when nothing came for so long.
@@ -83,7 +82,7 @@ void Feeder::SetWaiting(const std::string& reason) {
             Tell("going on");
         }
         m_waiting.clear();
-    } else if (reason != m_waiting && now - m_waitingSince >= kSilent) {
+    } else if (reason != m_waiting && now - m_waitingSince >= milliseconds(kSilentWait)) {
         m_waiting = reason;
         Tell("waiting: " + reason);
     }

@@ -95,6 +95,7 @@ class Feeder {
     void OnReaderCloses(uint32_t closes);
     void ReadChangedEntries();
     void ReadReports();
+    [[nodiscard]] bool TakeFromAgain(const AlertKey& key);
     void KeepLost(std::vector<FedAlert> lost);
     void LookForStillness();
     void EndSettling();

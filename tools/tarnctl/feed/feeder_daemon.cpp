@@ -22,11 +22,12 @@ constexpr milliseconds kConnectInterval{20};
 constexpr milliseconds kQuiet{1300};
 // How long an empty pipe may still be followed by a read of the same record.
 constexpr milliseconds kEmptyPipe{50};
-// Reports that have not come by then will not come: an alert can cost the daemon seconds when the
-// security manager does not answer.
-constexpr milliseconds kLostAfter{10000};
+// Reports that have not come by then will not come.
+constexpr milliseconds kLostAfter{15000};
 // The same where the daemon has opened the FIFO anew since, which drops what was pending.
 constexpr milliseconds kLostAfterClose{4000};
+// What each quarantine rule of an entry can cost when the security manager does not answer.
+constexpr milliseconds kRulePatience{10000};
 // Without a process to watch, the FIFO alone says that the daemon has ended. A daemon that reads
 // its files again has it closed for up to two seconds.
 constexpr milliseconds kGoneAfter{5000};
@@ -228,7 +229,7 @@ void Feeder::ReadReports() {
                 ++m_counters.duplicates;
                 break;
             case UnderWay::Match::kForeign:
-                ++m_counters.foreignReports;
+                ++(TakeFromAgain(key) ? m_counters.reports : m_counters.foreignReports);
                 break;
         }
     }
@@ -237,6 +238,17 @@ void Feeder::ReadReports() {
     if (m_underWay.IsEmpty()) {
         m_hasCycled = false;
     }
+}
+
+// An alert that was given up too early has its report after all.
+bool Feeder::TakeFromAgain(const AlertKey& key) {
+    const auto found = std::find_if(m_again.begin(), m_again.end(),
+                                    [&](const FedAlert& alert) { return alert.key == key; });
+    if (found == m_again.end()) {
+        return false;
+    }
+    m_again.erase(found);
+    return true;
 }
 
 void Feeder::KeepLost(std::vector<FedAlert> lost) {
@@ -297,7 +309,9 @@ void Feeder::LookForStillness() {
             m_underWay.Settle();
         }
     }
-    if (!m_underWay.IsEmpty() && still >= (m_hasCycled ? kLostAfterClose : kLostAfter)) {
+    const auto patience =
+        (m_hasCycled ? kLostAfterClose : kLostAfter) + kRulePatience * m_guard.MostBlockRules();
+    if (!m_underWay.IsEmpty() && still >= patience) {
         Tell("tarn has dropped " + Counted(m_underWay.Size(), "alert") +
              ", which will be fed again");
         TakeAllAgain(true);

@@ -24,6 +24,8 @@ constexpr std::size_t kMostFates = 256;
 // What is read last of an alert has come when nothing came for so long.
 constexpr milliseconds kGroupEnds{200};
 
+constexpr milliseconds kSlow{3000};
+
 constexpr int kRoomPoll = 100;  // milliseconds
 
 bool IsAlert(uint32_t type) {
@@ -176,8 +178,12 @@ Feeder::Step Feeder::FeedAlert(uint32_t type, std::span<const std::byte> record)
 
 bool Feeder::MayFeed(uint64_t reportBytes) {
     if (m_underWay.Size() >= m_options.window) {
-        SetWaiting("tarn makes no reports of " + std::to_string(m_underWay.Size()) +
-                   " alerts under way");
+        // The daemon keeps the last alerts for a second, so a full window is worth a line only
+        // later.
+        if (Clock::now() - m_stillSince >= kSlow) {
+            SetWaiting("tarn makes no reports of " + std::to_string(m_underWay.Size()) +
+                       " alerts under way");
+        }
         return false;
     }
     if (!HasRoom(reportBytes) || !IsDue()) {

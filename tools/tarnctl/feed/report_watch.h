@@ -10,8 +10,6 @@
 // report, somebody has come between; the place is then given up and the watch goes on at the write
 // index.
 //
-// The ring's file is mapped for reading only.
-//
 // Threads: one at a time.
 
 #include <cstddef>
@@ -19,6 +17,7 @@
 #include <string>
 
 #include "tarnctl/feed/alert_key.h"
+#include "tarnctl/rings/ring_walker.h"
 
 namespace tarnctl {
 
@@ -40,9 +39,6 @@ class ReportWatch {
     };
 
     explicit ReportWatch(std::string path);
-    ~ReportWatch();
-    ReportWatch(const ReportWatch&) = delete;
-    ReportWatch& operator=(const ReportWatch&) = delete;
 
     // Maps the ring. What is published before is not looked at. An empty text, or the reason.
     [[nodiscard]] std::string Attach();
@@ -51,7 +47,7 @@ class ReportWatch {
 
     [[nodiscard]] Look Next(AlertKey& key);
 
-    [[nodiscard]] bool IsAttached() const { return m_map != nullptr; }
+    [[nodiscard]] bool IsAttached() const { return m_isAttached; }
     // True when the path names another file than the mapped one, or none.
     [[nodiscard]] bool IsReplaced() const;
     [[nodiscard]] RingPlace Place() const { return {m_device, m_inode, m_at}; }
@@ -62,16 +58,9 @@ class ReportWatch {
     [[nodiscard]] const std::string& Path() const { return m_path; }
 
   private:
-    void Detach();
-    [[nodiscard]] uint32_t LoadIndex(std::size_t offset) const;
-    [[nodiscard]] uint32_t LengthWord(uint32_t at) const;
-    void Copy(uint32_t at, void* to, uint32_t length) const;
-    // The bytes of the report whose chunks begin at `at`; 0 when there is none within `limit`.
-    [[nodiscard]] uint32_t LengthOfChunks(uint32_t at, uint32_t limit) const;
-
     const std::string m_path;
-    const std::byte* m_map = nullptr;  // owned
-    std::size_t m_mapBytes = 0;
+    RingWalker m_ring;
+    bool m_isAttached = false;
     uint64_t m_device = 0;
     uint64_t m_inode = 0;
     uint32_t m_size = 0;  // bytes of the ring
