@@ -28,8 +28,9 @@ CrmEventMessage::CrmEventMessage(const CrmEventSource& source)
         Log::GetInstance()->Write(Log::kWarning, "Unknown event severity, send as low.");
     }
     const std::string_view severity = SeverityWord(source.m_severity);
-    m_userData.reserve(source.m_eventName.size() + severity.size() + 2);
-    m_userData.append(",").append(source.m_eventName).append(":").append(severity);
+    const std::string& name = source.m_eventName.Text();
+    m_userData.reserve(name.size() + severity.size() + 2);
+    m_userData.append(",").append(name).append(":").append(severity);
 
     AddReport(source);
     AddPacket(source);
@@ -64,7 +65,7 @@ void CrmEventMessage::AddReport(const CrmEventSource& source) {
     m_header.nameValuesOffset = WireLength(offset);
     offset += AddList(NameValues());
     m_header.userResponseOffset = WireLength(offset);
-    offset += AddList(source.m_userResponse);
+    offset += AddList(source.m_userResponse.Text());
     m_header.userDataOffset = WireLength(offset);
     offset += AddList(m_userData);
     m_header.sensorNameOffset = WireLength(offset);
@@ -86,11 +87,11 @@ void CrmEventMessage::AddNameValues(const CrmEventSource& source) {
 
     Add(&m_pairsHeader, sizeof(m_pairsHeader));
     size_t length = sizeof(m_pairsHeader);
-    for (const auto& [key, value] : source.m_nameValues) {
+    for (const auto& [key, value, zeros] : source.m_nameValues) {
         length += AddString(key);
         // The NUL of the text is the first of the zeros, and the last of them is the value's NUL.
-        length += AddString(value.text);
-        length += AddZeros(value.zeros);
+        length += AddString(value.Text());
+        length += AddZeros(zeros);
     }
     Add(&kEndOfList, sizeof(kEndOfList));
     length += sizeof(kEndOfList);

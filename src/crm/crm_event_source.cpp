@@ -18,6 +18,15 @@ using vald::Log;
 
 namespace {
 
+// The memory of the thread's last event.
+struct Spare {
+    ~Spare() { ::operator delete(memory); }
+
+    void* memory = nullptr;  // owned; null when there is none
+};
+
+thread_local Spare t_spare;
+
 int AddressText(const EventReport& report, uint32_t ip, std::span<const uint8_t, 16> ipv6,
                 std::string& text) {
     if (report.etherType == kEtherTypeIpv4) {
@@ -53,6 +62,23 @@ int TakeEndpoint(CrmEventSource& source, const sockaddr* address,
 
 }  // namespace
 
+const std::string CrmEventSource::s_unnamed = "Unnamed Snort Event";
+
+void* CrmEventSource::operator new(size_t size) {
+    if (size == sizeof(CrmEventSource) && t_spare.memory != nullptr) {
+        return std::exchange(t_spare.memory, nullptr);
+    }
+    return ::operator new(size);
+}
+
+void CrmEventSource::operator delete(void* memory) {
+    if (memory != nullptr && t_spare.memory == nullptr) {
+        t_spare.memory = memory;
+    } else {
+        ::operator delete(memory);
+    }
+}
+
 CrmEventSource::CrmEventSource(int ipVersion) {
     SetIpVersion(ipVersion);
 }
@@ -67,7 +93,7 @@ CrmEventSource::CrmEventSource(const CrmEventSource& other)
       m_packet(other.m_packet),
       m_heldBytes(other.m_heldBytes),
       m_rawChunk(other.m_rawChunk),
-      m_nameValues(other.m_nameValues) {}
+      m_nameValues(other.m_nameValues, &m_arena) {}
 
 int CrmEventSource::SetIpVersion(int version) {
     m_report.etherType = version == 6 ? kEtherTypeIpv6 : kEtherTypeIpv4;
@@ -162,11 +188,19 @@ int CrmEventSource::SetBlockedStatus(uint32_t status) {
 }
 
 int CrmEventSource::SetEventName(std::string name) {
+    return SetEventName(ReportText(std::move(name)));
+}
+
+int CrmEventSource::SetEventName(ReportText name) {
     m_eventName = std::move(name);
     return 0;
 }
 
 int CrmEventSource::SetUserResponse(uint32_t flags, std::string text) {
+    return SetUserResponse(flags, ReportText(std::move(text)));
+}
+
+int CrmEventSource::SetUserResponse(uint32_t flags, ReportText text) {
     m_userResponse = std::move(text);
     m_sendRaw = (flags & kUserResponseWithRaw) != 0;
     return 0;
@@ -206,7 +240,20 @@ int CrmEventSource::CopyPacket() {
 }
 
 int CrmEventSource::AddNameValue(const std::string& key, const std::string& value, uint32_t zeros) {
-    m_nameValues.insert_or_assign(key, Value{value, zeros});
+    return AddNameValue(key, ReportText(value), zeros);
+}
+
+int CrmEventSource::AddNameValue(std::string key, ReportText value, uint32_t zeros) {
+    m_nameValues.reserve(kUsualPairs);
+    const auto place = std::lower_bound(
+        m_nameValues.begin(), m_nameValues.end(), key,
+        [](const NameValue& pair, const std::string& name) { return pair.key < name; });
+    if (place != m_nameValues.end() && place->key == key) {
+        place->value = std::move(value);
+        place->zeros = zeros;
+    } else {
+        m_nameValues.insert(place, NameValue{std::move(key), std::move(value), zeros});
+    }
     return 0;
 }
 
@@ -299,7 +346,7 @@ void CrmEventSource::LogReport(const CrmEventMessage& message) const {
     // Deliberate: both texts are shown with their leading comma, whatever the label says. Only the
     // wire goes without it.
     log.Write(Log::kDebug, "Dispatching CRM event - eventReport.userResponse: %s",
-              m_userResponse.c_str());
+              m_userResponse.Text().c_str());
     log.Write(Log::kDebug,
               "Dispatching CRM event - eventReport.userDataStr (leading comma excluded): %s",
               message.UserData());

@@ -7,20 +7,25 @@
 // says, and Dispatch sends it. crm/event_report_format.h describes the message's bytes.
 //
 // Owner: EventBridge::ProcessOneEvent, for the processing of one event. The packet's bytes belong
-// to the alert, which outlives the report, unless CopyPacket made a private copy.
+// to the alert, which outlives the report, unless CopyPacket made a private copy. The texts may be
+// borrowed as well: from the alert, and from the rule table's entry, which its holder keeps alive.
 //
 // Threads: one thread from beginning to end.
 
 #include <sys/socket.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <map>
 #include <memory>
+#include <memory_resource>
 #include <string>
+#include <vector>
 
 #include "crm/event_report_format.h"
 #include "crm/packet_info_format.h"
+#include "crm/report_text.h"
 
 class CrmEventMessage;
 class CrmEventProducer;
@@ -28,11 +33,12 @@ class CrmEventProducer;
 class CrmEventSource {
   public:
     // A value may claim more bytes than its text has; they go out as zeros after the text.
-    struct Value {
-        std::string text;
+    struct NameValue {
+        std::string key;
+        ReportText value;
         uint32_t zeros = 0;  // bytes
     };
-    using NameValues = std::map<std::string, Value>;  // ordered by the key's bytes
+    using NameValues = std::pmr::vector<NameValue>;  // ordered by the key's bytes, each key once
 
     static constexpr uint32_t kAllHeld = std::numeric_limits<uint32_t>::max();
 
@@ -42,6 +48,10 @@ class CrmEventSource {
     CrmEventSource(const CrmEventSource& other);
     CrmEventSource& operator=(const CrmEventSource&) = delete;
     ~CrmEventSource() = default;
+
+    // Each thread keeps the memory of its last event for the next one.
+    static void* operator new(size_t size);
+    static void operator delete(void* memory);
 
     // The setters return 0, except where a result is described.
 
@@ -69,9 +79,11 @@ class CrmEventSource {
     int SetSeverity(uint32_t severity);  // EventSeverity
     int SetBlockedStatus(uint32_t status);
     int SetEventName(std::string name);
+    int SetEventName(ReportText name);
     // Takes over the text, and from the bit kUserResponseWithRaw of the flags whether the packet
     // goes into the message.
     int SetUserResponse(uint32_t flags, std::string text);
+    int SetUserResponse(uint32_t flags, ReportText text);
 
     // Borrows the packet at `data`. A null pointer or a length of 0 means no packet; the time is
     // stored all the same. Releases an earlier private copy. `length` is the length that the packet
@@ -85,6 +97,7 @@ class CrmEventSource {
     // Inserts the pair, or replaces the value of an existing key. The report has `zeros` zero bytes
     // after the value's own.
     int AddNameValue(const std::string& key, const std::string& value, uint32_t zeros = 0);
+    int AddNameValue(std::string key, ReportText value, uint32_t zeros = 0);
     int ClearNameValues();
 
     [[nodiscard]] int GetIpVersion() const;  // 4 or 6
@@ -96,7 +109,7 @@ class CrmEventSource {
     [[nodiscard]] uint32_t GetIssueId() const { return m_report.issueId; }
     [[nodiscard]] uint32_t GetVlanId() const { return m_report.vlanId; }
     [[nodiscard]] uint64_t GetStartTime() const { return m_report.startTime; }
-    [[nodiscard]] const std::string& GetEventName() const { return m_eventName; }
+    [[nodiscard]] const std::string& GetEventName() const { return m_eventName.Text(); }
     // The address in text form: 0, or -1 when there is no text for it; `text` then stays.
     [[nodiscard]] int GetIntruderAddressText(std::string& text) const;
     [[nodiscard]] int GetVictimAddressText(std::string& text) const;
@@ -116,9 +129,11 @@ class CrmEventSource {
 
     void LogReport(const CrmEventMessage& message) const;
 
+    static const std::string s_unnamed;
+
     EventReport m_report;
-    std::string m_eventName = "Unnamed Snort Event";
-    std::string m_userResponse;
+    ReportText m_eventName = ReportText::Borrow(s_unnamed);
+    ReportText m_userResponse;
     uint32_t m_severity = 0;
     uint32_t m_blockedStatus = 0;
     bool m_sendRaw = false;    // the packet goes into the message
@@ -126,5 +141,9 @@ class CrmEventSource {
     uint32_t m_heldBytes = 0;  // bytes that exist at m_packet.pData, at most the length it claims
     PacketChunk m_rawChunk;    // the same fields in the form of the wire
     std::unique_ptr<uint8_t[]> m_ownedPacket;
-    NameValues m_nameValues;
+    // Room for the pairs of the usual event; only an unusual one takes more from the heap.
+    static constexpr size_t kUsualPairs = 3;
+    alignas(NameValue) std::array<std::byte, kUsualPairs * sizeof(NameValue)> m_room;
+    std::pmr::monotonic_buffer_resource m_arena{m_room.data(), m_room.size()};
+    NameValues m_nameValues{&m_arena};
 };

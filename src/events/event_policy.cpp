@@ -128,7 +128,7 @@ int EventBridge::ProcessOneEvent(U2AlertEvent* event) {
         if (ApplyQuarantinePolicy(source.get(), entry->responseFlags, entry->blockRules) == 0) {
             source->SetBlockedStatus(kReportBlocked);
         }
-        source->AddNameValue("Rule", entry->rule);
+        source->AddNameValue("Rule", ReportText::Borrow(entry->rule));
     }
 
     const uint32_t userResponseFlags = UserResponseFlagsOf(entry.get());

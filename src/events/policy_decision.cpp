@@ -91,10 +91,11 @@ bool IsIcmp(int protocol) {
 
 ReportDecision DecideReport(uint32_t issueId, const Node* entry) {
     if (entry == nullptr) {
-        return {"Unknown Snort Event (" + std::to_string(issueId) + ")", "DISPLAY:WithoutRaw", 0,
-                kSeverityLow};
+        return {ReportText("Unknown Snort Event (" + std::to_string(issueId) + ")"),
+                ReportText("DISPLAY:WithoutRaw"), 0, kSeverityLow};
     }
-    return {entry->eventName, entry->userResponse, entry->userResponseFlags, entry->severity};
+    return {ReportText::Borrow(entry->eventName), ReportText::Borrow(entry->userResponse),
+            entry->userResponseFlags, entry->severity};
 }
 
 QuarantineOutcome DecideQuarantine(int protocol, uint32_t responseFlags,

@@ -18,6 +18,7 @@
 
 #include "config/event_rule_node.h"
 #include "crm/event_report_format.h"
+#include "crm/report_text.h"
 #include "quarantine/quarantine_rule.h"
 
 class CrmEventSource;
@@ -30,13 +31,13 @@ inline constexpr uint64_t kDefaultBlockSeconds = 3600;  // for a block rule with
 [[nodiscard]] bool IsIcmp(int protocol);
 
 struct ReportDecision {
-    std::string eventName;
-    std::string userResponse;
+    ReportText eventName;
+    ReportText userResponse;
     uint32_t userResponseFlags = 0;  // UserResponseFlag
     uint32_t severity = 0;           // EventSeverity; what is none is sent as low
 };
 
-// `entry` is null for a signature that is not in the table.
+// `entry` is null for a signature that is not in the table. The result borrows from it.
 [[nodiscard]] ReportDecision DecideReport(uint32_t issueId, const Node* entry);
 
 enum class QuarantineOutcome {

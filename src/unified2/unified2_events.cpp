@@ -163,10 +163,10 @@ void U2AlertEvent::ApplyAttachments(CrmEventSource& source, bool withPacket) con
                          m_pPacket->microsecond, m_pPacket->held);
     }
     if (m_pUri != nullptr) {
-        source.AddNameValue("URL", m_pUri->text, m_pUri->zeros);
+        source.AddNameValue("URL", ReportText::Borrow(m_pUri->text), m_pUri->zeros);
     }
     if (m_pHostname != nullptr) {
-        source.AddNameValue("server", m_pHostname->text, m_pHostname->zeros);
+        source.AddNameValue("server", ReportText::Borrow(m_pHostname->text), m_pHostname->zeros);
     }
 }
 

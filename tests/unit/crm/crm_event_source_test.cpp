@@ -5,10 +5,12 @@
 #include <netinet/in.h>
 
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "crm/crm_event_message.h"
+#include "support/allocation_count.h"
 #include "unit/crm/report_samples.h"
 
 namespace {
@@ -243,6 +245,56 @@ TEST(CrmEventSourceCopy, HasItsOwnPairs) {
     source.ClearNameValues();
     EXPECT_EQ(3u, copy.GetNameValues().size());
     EXPECT_TRUE(source.GetNameValues().empty());
+}
+
+TEST(CrmEventSourceCopy, HasItsOwnFormOfBorrowedTexts) {
+    auto name = std::make_unique<std::string>("borrowed");
+    auto source = std::make_unique<CrmEventSource>(4);
+    source->SetEventName(ReportText::Borrow(*name));
+    source->SetUserResponse(0, ReportText::Borrow(*name));
+    source->AddNameValue("Rule", ReportText::Borrow(*name));
+    const CrmEventSource copy(*source);
+    const std::vector<uint8_t> sent = MessageOf(*source);
+    source.reset();
+    *name = "changed";
+    name.reset();
+    EXPECT_EQ(sent, MessageOf(copy));
+}
+
+TEST(CrmEventSourceTexts, AreBorrowedAndNotCopied) {
+    CrmEventSource source(4);
+    const std::string name = "a name that is longer than what fits into a string itself";
+    source.SetEventName(ReportText::Borrow(name));
+    EXPECT_EQ(&name, &source.GetEventName());
+}
+
+// ---- Memory ----
+
+TEST(CrmEventSourceMemory, OfTheUsualEventIsTakenOnce) {
+    const std::string text(100, 't');
+    const auto make = [&text] {
+        auto source = std::make_unique<CrmEventSource>(4);
+        source->SetEventName(ReportText::Borrow(text));
+        source->SetUserResponse(0, ReportText::Borrow(text));
+        source->AddNameValue("URL", ReportText::Borrow(text));
+        source->AddNameValue("server", ReportText::Borrow(text));
+        source->AddNameValue("Rule", ReportText::Borrow(text));
+        EXPECT_EQ(3u, source->GetNameValues().size());
+        return source;
+    };
+    make().reset();
+    const uint64_t before = AllocationCount();
+    make().reset();
+    EXPECT_EQ(before, AllocationCount());
+}
+
+TEST(CrmEventSourceMemory, IsNotSharedByEventsThatLiveAtOnce) {
+    std::make_unique<CrmEventSource>(4).reset();
+    const auto first = std::make_unique<CrmEventSource>(4);
+    const auto second = std::make_unique<CrmEventSource>(6);
+    const auto third = std::make_unique<CrmEventSource>(6);
+    EXPECT_NE(first.get(), second.get());
+    EXPECT_EQ(4, first->GetIpVersion());
 }
 
 }  // namespace

@@ -133,13 +133,14 @@ void ExplainBlocking(const Node& entry, const CrmEventSource& source, Explanatio
 }
 
 void ExplainReport(const Node& entry, const CrmEventSource& source, Explanation& explanation) {
-    tarn::policy::ReportDecision report = tarn::policy::DecideReport(source.GetIssueId(), &entry);
-    explanation.name = std::move(report.eventName);
+    const tarn::policy::ReportDecision report =
+        tarn::policy::DecideReport(source.GetIssueId(), &entry);
+    explanation.name = report.eventName.Text();
     explanation.isSeveritySet = CrmEventMessage::IsSeverity(report.severity);
     explanation.severity = CrmEventMessage::SeverityWord(report.severity);
     // The CRM expects lists there, and so one comma in front is lost on the way.
-    explanation.userResponse =
-        report.userResponse.starts_with(',') ? report.userResponse.substr(1) : report.userResponse;
+    const std::string& response = report.userResponse.Text();
+    explanation.userResponse = response.starts_with(',') ? response.substr(1) : response;
     const bool hasPacket = source.GetPacket().pData != nullptr;
     const bool wantsPacket = (report.userResponseFlags & kUserResponseWithRaw) != 0;
     explanation.withPacket = hasPacket && wantsPacket;
@@ -149,8 +150,8 @@ void ExplainReport(const Node& entry, const CrmEventSource& source, Explanation&
         explanation.packetReason = "the alert has none";
     }
     std::map<std::string, std::string> pairs;
-    for (const auto& [name, value] : source.GetNameValues()) {
-        pairs[name] = value.text;
+    for (const CrmEventSource::NameValue& pair : source.GetNameValues()) {
+        pairs[pair.key] = pair.value.Text();
     }
     pairs["Rule"] = entry.rule;
     explanation.pairs.assign(pairs.begin(), pairs.end());
