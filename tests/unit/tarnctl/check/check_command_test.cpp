@@ -180,6 +180,42 @@ TEST_F(CheckEntries, SuggestTheWholeNameWhereTheIdIsPartOfTheFault) {
     EXPECT_EQ("se.7.msg", Only()["suggestion"]);
 }
 
+TEST_F(CheckEntries, SayOnlyOnceThatALineEndsWithACarriageReturn) {
+    Events("se.7.severity = high\r\nse.7.msg = Name\r\nse.7.response = none\r\n");
+    EXPECT_EQ(1, Run());
+    EXPECT_THAT(FoundIn("tarn_event.conf"), ElementsAre(FoundPlace{"carriage-return", 1, 21},
+                                                        FoundPlace{"carriage-return", 2, 16},
+                                                        FoundPlace{"carriage-return", 3, 21}));
+}
+
+TEST_F(CheckEntries, ShowTheWholeOfAMisspeltNameOfANumber) {
+    Events(
+        "se.7.severity = high\nse.7.msg = Name\nse.7.response = quarantine-traffic\n"
+        "se.7.quarantine.rule = quarantine-worm, durations: 600\n");
+    const auto finding = Only();
+    EXPECT_EQ("quarantine-stopped", finding["name"]);
+    EXPECT_EQ(41U, finding["column"]);
+    EXPECT_EQ(9U, finding["length"]);
+    EXPECT_EQ("duration: 600", finding["suggestion"]);
+}
+
+TEST_F(CheckEntries, NameNumbersThatDoNotFitTheirField) {
+    const auto with = [this](const std::string& number) {
+        Events(
+            "se.7.severity = high\nse.7.msg = Name\nse.7.response = quarantine-traffic\n"
+            "se.7.quarantine.rule = quarantine-worm, duration: 9, " +
+            number + "\n");
+        (void)Run();
+        return answer["findings"].empty() ? "" : answer["findings"][0]["name"].get<std::string>();
+    };
+    EXPECT_EQ("", with("ratelimit: 4294967295"));
+    EXPECT_EQ("number-out-of-range", with("ratelimit: 4294967296"));
+    EXPECT_EQ("", with("duration: 3162240000"));
+    EXPECT_EQ("number-out-of-range", with("duration: 3162240001"));
+    // Reads as 600.
+    EXPECT_EQ("number-out-of-range", with("duration: -18446744073709551016"));
+}
+
 TEST_F(CheckEntries, SuggestNothingThatIsThereAlready) {
     Events(GoodEntry(7) + "se.0.msg = x\n");
     auto finding = Only();

@@ -92,6 +92,16 @@ TEST(ExplainBlocking, NotesWhatTheDaemonBends) {
                             "the rule names no address, so it holds for all"));
     EXPECT_THAT(Block(1, kBlockVictimSubnet | kBlockVictimPort, 0).notes,
                 ElementsAre("the victim's subnet is not supported; its address is used"));
+    EXPECT_THAT(Block(6, kBlockIntruderAddress | kBlockVictimPort).notes, IsEmpty());
+    EXPECT_THAT(Block(1, kBlockIntruderAddress | kBlockIcmpType).notes, IsEmpty());
+}
+
+TEST(ExplainBlocking, AsksForNothingWhereNoRuleIsSent) {
+    const Node entry = Entry(kBlockVictimPort);
+    const Explanation explanation = Explain(7, &entry, Source(4, 1));
+    EXPECT_EQ(1U, explanation.blockRules.size());
+    EXPECT_FALSE(explanation.AsksToBlock());
+    EXPECT_EQ("", explanation.blockRules[0].text);
 }
 
 TEST(ExplainBlocking, SaysWhyNoRuleIsConsidered) {
@@ -137,6 +147,8 @@ TEST(ExplainReport, SaysWhetherThePacketGoesWithIt) {
     source.SetPacket(packet, sizeof(packet), 0, 0);
     EXPECT_TRUE(Explain(7, &entry, source).withPacket);
     EXPECT_EQ("", Explain(7, &entry, source).packetReason);
+    entry.userResponseFlags = kUserResponseWithoutRaw;
+    EXPECT_FALSE(Explain(7, &entry, source).withPacket);
 }
 
 TEST(ExplainCapture, SaysWhyOrHowMuch) {
