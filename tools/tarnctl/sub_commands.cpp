@@ -9,6 +9,7 @@
 #ifdef TARNCTL_WITH_PCAP
 #include "tarnctl/packetlog/packetlog_command.h"
 #endif
+#include "tarnctl/reload/reload_command.h"
 #include "tarnctl/replay/replay_command.h"
 #include "tarnctl/ring/ring_command.h"
 #include "tarnctl/secmgr/secmgr_command.h"
@@ -28,6 +29,7 @@ constexpr std::unique_ptr<SubCommand> (*kMakers[])() = {
 #ifdef TARNCTL_WITH_PCAP
     MakeSubCommand<AddPacketLogCommand, RunPacketLog>,
 #endif
+    MakeSubCommand<AddReloadCommand, RunReload>,
     MakeSubCommand<AddReplayCommand, RunReplay>,
     MakeSubCommand<AddRingCommand, RunRing>,
     MakeSubCommand<AddSecmgrCommand, RunSecmgr>,

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <string_view>
 
 #include "tarnctl/common/failure_text.h"
 #include "tarnctl/common/feed_words.h"
@@ -16,6 +17,22 @@ namespace {
 constexpr int kWaiting = 8;                   // connections that may wait to be accepted
 constexpr std::size_t kMostClients = 16;      // more are refused
 constexpr std::size_t kLongestRequest = 256;  // bytes without a line end
+
+// A client that does not read its answer is not waited for any longer than this.
+constexpr int kPatience = 1000;  // milliseconds
+
+bool SendLine(int fd, std::string_view line) {
+    while (!line.empty()) {
+        const ssize_t count = send(fd, line.data(), line.size(), MSG_NOSIGNAL);
+        pollfd entry = {fd, POLLOUT, 0};
+        if (count > 0) {
+            line.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno != EAGAIN || poll(&entry, 1, kPatience) <= 0) {
+            return false;
+        }
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -64,10 +81,7 @@ bool ControlServer::ServeClient(Client& client, const Answer& answer) {
             } else if ((word == kFeedRelease || word == kFeedReloaded) && m_holder == client.fd) {
                 m_holder = -1;
             }
-            const std::string line = answer(word) + "\n";
-            // A client that does not read its answers is not waited for.
-            if (send(client.fd, line.data(), line.size(), MSG_NOSIGNAL) !=
-                static_cast<ssize_t>(line.size())) {
+            if (!SendLine(client.fd, answer(word) + "\n")) {
                 return false;
             }
         }

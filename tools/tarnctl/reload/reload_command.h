@@ -1,0 +1,33 @@
+#pragma once
+
+// `tarnctl reload`: makes the daemon read its files again without losing an alert, and says what
+// has changed.
+
+#include <CLI/CLI.hpp>
+#include <iosfwd>
+#include <string>
+
+#include "paths.h"
+#include "tarnctl/common/display.h"
+
+namespace tarnctl {
+
+struct ReloadOptions : Display {
+    std::string feeder;   // the feeder's bookmark
+    std::string control;  // or its control socket
+    std::string fifo = tarn::paths::kAlertFifo;
+    std::string configFile = tarn::paths::kConfigFile;
+    std::string eventFile = tarn::paths::kEventConfigFile;
+    std::string stateFile = tarn::paths::kStateFile;
+    double wait = 60.0;  // seconds to wait for the alerts under way
+    bool force = false;
+    bool json = false;
+};
+
+// Declares the sub-command with its options, which are stored in `options` when it is parsed.
+CLI::App* AddReloadCommand(CLI::App& app, ReloadOptions& options);
+
+// Reloads. What has changed goes to `out`, all else to `err`. Returns an exit status.
+[[nodiscard]] int RunReload(const ReloadOptions& options, std::ostream& out, std::ostream& err);
+
+}  // namespace tarnctl
