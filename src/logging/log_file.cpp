@@ -22,6 +22,22 @@ size_t Fitted(int printed, size_t size) {
     return printed < 0 ? 0 : std::min(static_cast<size_t>(printed), size - 1);
 }
 
+constexpr unsigned long kFirstYear = 1900;  // that a tm counts from
+
+// Writes a number with at least so many digits, and one character after it. The result is the end.
+char* PutNumber(char* out, unsigned long number, int digits, char after) {
+    std::array<char, 20> reversed;
+    int count = 0;
+    for (; number != 0 || count < digits; number /= 10) {
+        reversed[static_cast<size_t>(count++)] = static_cast<char>('0' + number % 10);
+    }
+    while (count > 0) {
+        *out++ = reversed[static_cast<size_t>(--count)];
+    }
+    *out++ = after;
+    return out;
+}
+
 }  // namespace
 
 LogFile::~LogFile() {
@@ -90,10 +106,22 @@ size_t LogFile::BuildPrefix(char* out, size_t size, const char* tag) {
     }
     tm local{};
     localtime_r(&now.tv_sec, &local);
-    size_t length = strftime(out, size, "%Y/%m/%d %H:%M:%S", &local);
-    length += Fitted(snprintf(out + length, size - length, ".%3.3ld T:%2.2lu ",
-                              static_cast<long>(now.tv_usec / 1000), pthread_self()),
-                     size - length);
+    // Written by hand: the formatting functions take as long as the rest of a line.
+    std::array<char, 80> text;
+    char* end = text.data();
+    end = PutNumber(end, static_cast<unsigned long>(local.tm_year) + kFirstYear, 4, '/');
+    end = PutNumber(end, static_cast<unsigned long>(local.tm_mon) + 1, 2, '/');
+    end = PutNumber(end, static_cast<unsigned long>(local.tm_mday), 2, ' ');
+    end = PutNumber(end, static_cast<unsigned long>(local.tm_hour), 2, ':');
+    end = PutNumber(end, static_cast<unsigned long>(local.tm_min), 2, ':');
+    end = PutNumber(end, static_cast<unsigned long>(local.tm_sec), 2, '.');
+    end = PutNumber(end, static_cast<unsigned long>(now.tv_usec / 1000), 3, ' ');
+    *end++ = 'T';
+    *end++ = ':';
+    end = PutNumber(end, pthread_self(), 2, ' ');
+    size_t length = std::min(static_cast<size_t>(end - text.data()), size - 1);
+    memcpy(out, text.data(), length);
+    out[length] = '\0';
     if (tag != nullptr) {
         length += Fitted(snprintf(out + length, size - length, "%s\t", tag), size - length);
     }
