@@ -13,7 +13,11 @@
 #include "tarnctl/replay/replay_command.h"
 #include "tarnctl/ring/ring_command.h"
 #include "tarnctl/secmgr/secmgr_command.h"
+#include "tarnctl/selftest/selftest_command.h"
 #include "tarnctl/status/status_command.h"
+#ifdef TARNCTL_WITH_NCURSES
+#include "tarnctl/top/top_command.h"
+#endif
 
 namespace tarnctl {
 namespace {
@@ -33,7 +37,11 @@ constexpr std::unique_ptr<SubCommand> (*kMakers[])() = {
     MakeSubCommand<AddReplayCommand, RunReplay>,
     MakeSubCommand<AddRingCommand, RunRing>,
     MakeSubCommand<AddSecmgrCommand, RunSecmgr>,
+    MakeSubCommand<AddSelftestCommand, RunSelftest>,
     MakeSubCommand<AddStatusCommand, RunStatus>,
+#ifdef TARNCTL_WITH_NCURSES
+    MakeSubCommand<AddTopCommand, RunTop>,
+#endif
 };
 
 }  // namespace

@@ -15,11 +15,11 @@ using testing::StartsWith;
 namespace tarnctl {
 namespace {
 
-constexpr const char* kCommands[] = {"check",     "crm",    "feed",   "import", "messages",
+constexpr const char* kCommands[] = {"check",     "crm",    "feed",   "import",   "messages",
 #ifdef TARNCTL_WITH_PCAP
                                      "packetlog",
 #endif
-                                     "reload",    "replay", "secmgr", "status"};
+                                     "reload",    "replay", "secmgr", "selftest", "status"};
 
 class CommandLineTest : public testing::Test {
   protected:

@@ -8,6 +8,7 @@
 #include "ring/shm_ring_format.h"
 #include "tarnctl/health/parts.h"
 #include "tarnctl/rings/message_length.h"
+#include "tarnctl/rings/ring_state.h"
 #include "tarnctl/rings/ring_walker.h"
 
 namespace tarnctl {
@@ -35,29 +36,6 @@ class ReadOnlyFile {
     const int m_fd;  // owned
     const int m_error;
 };
-
-std::string StuckIndex(const char* name, uint32_t index, uint64_t size) {
-    if (index % kShmRingWordSize == 0 && index < size) {
-        return "";
-    }
-    return std::string("the ") + name + " index " + std::to_string(index) + " is none of this ring";
-}
-
-// Why no reader gets past the oldest message; empty when one does.
-std::string StuckReason(const RingLook& look) {
-    std::string reason = StuckIndex("read", look.readWord, look.size);
-    if (reason.empty()) {
-        reason = StuckIndex("write", look.writeWord, look.size);
-    }
-    if (reason.empty() && look.used != 0 && look.firstLength == 0) {
-        reason = "the oldest message has no bytes";
-    }
-    if (reason.empty() && look.used != 0 && look.firstLength > look.size) {
-        reason = "the oldest message claims " + std::to_string(look.firstLength) +
-                 " bytes, more than the ring has";
-    }
-    return reason;
-}
 
 RingHealth LookAtRing(const std::string& path) {
     RingHealth health;
@@ -90,14 +68,19 @@ RingHealth LookAtRing(const std::string& path) {
     if (!ring.Open(path)) {
         return fail(ring.Error());
     }
-    const RingLook look = ring.Look();
+    const RingState state = LookAtState(ring);
+    const RingLook& look = state.look;
     health.sizeBytes = Known(uint64_t{look.size}, path);
     health.readIndex = Known(look.readWord, path);
     health.writeIndex = Known(look.writeWord, path);
     health.usedBytes = Known(uint64_t{look.used}, path);
-    // What is taken during the count is counted by its own form.
-    health.messages = Known(ring.CountFrom(look.readIndex, ReportLength).messages, path);
-    health.stuckReason = StuckReason(look);
+    // A walk that a quick reader overtakes counts a part only; a count includes what is taken
+    // meanwhile.
+    health.messages = Known(state.fault == RingFault::kNone
+                                ? ring.CountFrom(look.readIndex, ReportLength).messages
+                                : state.messages,
+                            path);
+    health.stuckReason = state.IsStuck() ? FaultText(state) : "";
     health.motion = Unknown<RingMotion>(path, "it takes two looks");
     return health;
 }

@@ -118,20 +118,17 @@ TEST_F(QueueHealthTest, KnowsTheStatesThatNothingMoves) {
     Poke(kFirstLength, 0);
     RingHealth ring = LookTwice();
     EXPECT_TRUE(ring.motion.Is(RingMotion::kStuck));
-    EXPECT_EQ("the oldest message has no bytes", ring.stuckReason);
+    EXPECT_THAT(ring.stuckReason, HasSubstr("the length word at offset 0 is 0"));
     Poke(kFirstLength, kRingSize + 1);
     ring = LookTwice();
     EXPECT_TRUE(ring.motion.Is(RingMotion::kStuck));
-    EXPECT_THAT(ring.stuckReason, HasSubstr("claims 4089 bytes"));
-    Poke(kFirstLength, kRingSize);
+    EXPECT_THAT(ring.stuckReason, HasSubstr("is 4089 in a ring of 4088"));
+    Poke(kFirstLength, 8);
     EXPECT_TRUE(LookTwice().motion.Is(RingMotion::kWaiting));
     Poke(0, 2);
-    EXPECT_EQ("the read index 2 is none of this ring", LookTwice().stuckReason);
-    Poke(0, 0);
-    Poke(4, kRingSize);
     ring = LookTwice();
     EXPECT_TRUE(ring.motion.Is(RingMotion::kStuck));
-    EXPECT_EQ("the write index 4088 is none of this ring", ring.stuckReason);
+    EXPECT_EQ("the read index is 2, no multiple of 4", ring.stuckReason);
 }
 
 TEST_F(QueueHealthTest, DoesNotCallARingStuckThatOneLookFindsSo) {
