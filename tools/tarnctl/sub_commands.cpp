@@ -14,6 +14,7 @@
 #include "tarnctl/ring/ring_command.h"
 #include "tarnctl/secmgr/secmgr_command.h"
 #include "tarnctl/selftest/selftest_command.h"
+#include "tarnctl/show/show_command.h"
 #include "tarnctl/status/status_command.h"
 #ifdef TARNCTL_WITH_NCURSES
 #include "tarnctl/top/top_command.h"
@@ -38,6 +39,7 @@ constexpr std::unique_ptr<SubCommand> (*kMakers[])() = {
     MakeSubCommand<AddRingCommand, RunRing>,
     MakeSubCommand<AddSecmgrCommand, RunSecmgr>,
     MakeSubCommand<AddSelftestCommand, RunSelftest>,
+    MakeSubCommand<AddShowCommand, RunShow>,
     MakeSubCommand<AddStatusCommand, RunStatus>,
 #ifdef TARNCTL_WITH_NCURSES
     MakeSubCommand<AddTopCommand, RunTop>,

@@ -275,6 +275,26 @@ class JsonTest(unittest.TestCase):
         self.assertEqual("healthy", self.ring("repair")[1]["outcome"])
         self.assertEqual("repaired", self.ring("reset", "--yes")[1]["outcome"])
 
+    def show(self, content):
+        """Shows these bytes and holds each line against the schema."""
+        done = subprocess.run([TARNCTL, "show", "--json", "-"], input=content, check=False,
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, timeout=PATIENCE)
+        lines = [json.loads(line) for line in done.stdout.splitlines()]
+        schema = validator("show")
+        for line in lines:
+            schema.validate(line)
+        return done.returncode, lines
+
+    def test_what_a_sensor_wrote_fits_the_schema(self):
+        sample = (TREE / "samples" / "sensor-302-alerts.u2").read_bytes()
+        status, lines = self.show(sample)
+        self.assertEqual((0, 302), (status, sum(line["kind"] == "event" for line in lines)))
+        # One record of every type, of a length that is enough for each.
+        status, lines = self.show(b"".join(struct.pack(">II", kind, 200) + bytes(200)
+                                           for kind in (104, *range(1, 114))))
+        self.assertEqual((1, 114), (status, len(lines)))
+        self.assertEqual([110], [line["type"] for line in lines if "malformed" in line])
+
     def test_what_cannot_be_played_fits_the_schema(self):
         played = subprocess.run([TARNCTL, "replay", "--json", "/none"], stdout=subprocess.PIPE,
                                 stderr=subprocess.DEVNULL, check=False, timeout=PATIENCE)

@@ -19,8 +19,8 @@ namespace tarnctl {
 namespace {
 
 // Every type that a sensor may write, whether or not the daemon takes it.
-constexpr std::array<uint32_t, 13> kKnownTypes = {2,   7,   66,  67,  68,  72, 99,
-                                                  100, 104, 105, 110, 111, 112};
+constexpr std::array<uint32_t, 16> kKnownTypes = {1,  2,   3,   7,   66,  67,  68,  72,
+                                                  99, 100, 104, 105, 110, 111, 112, 113};
 
 // A first record that claims to be longer is no record: packets end at 64 KiB.
 constexpr uint32_t kLongestFirstRecord = 1U << 20;

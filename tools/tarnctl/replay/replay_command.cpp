@@ -7,6 +7,7 @@
 #include <ostream>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "paths.h"
 #include "tarnctl/common/alert_fifo.h"
@@ -18,6 +19,7 @@
 #include "tarnctl/common/record_file.h"
 #include "tarnctl/common/signals.h"
 #include "tarnctl/common/tarn_process.h"
+#include "tarnctl/replay/record_time.h"
 
 namespace tarnctl {
 namespace {
@@ -32,6 +34,7 @@ Examples:
   tarnctl replay samples/sensor-302-alerts.u2
   tarnctl replay --rate 20 --loop 10 alerts.u2
   tarnctl replay --rate max --json alerts.u2
+  tarnctl replay --now alerts.u2              as if it were now, so that quarantine can be tried
   tarnctl replay --wait 5 alerts.u2           for a tarn that is just starting
   zcat alerts.u2.gz | tarnctl replay -)";
 
@@ -156,8 +159,7 @@ class Replay {
             if (m_file.IsAlert()) {
                 KeepPace();
             }
-            m_fifoIsGood =
-                Accept(StopRequested() ? FifoResult::kStopped : m_fifo.Send(m_file.Bytes()));
+            m_fifoIsGood = Accept(StopRequested() ? FifoResult::kStopped : Send());
             if (!m_fifoIsGood) {
                 m_error += ", at offset " + std::to_string(m_file.Offset()) + " of the file";
                 return false;
@@ -167,6 +169,23 @@ class Replay {
             m_bytes += m_file.Bytes().size();
             ShowProgress(pass);
         }
+    }
+
+    // With --now what belongs to an alert leaves with the alert's time.
+    FifoResult Send() {
+        if (!m_options.now) {
+            return m_fifo.Send(m_file.Bytes());
+        }
+        if (m_file.IsAlert() || m_time.second == 0) {
+            constexpr int64_t kSecond = 1'000'000;  // in microseconds
+            const int64_t now = std::chrono::duration_cast<std::chrono::microseconds>(
+                                    std::chrono::system_clock::now().time_since_epoch())
+                                    .count();
+            m_time = {static_cast<uint32_t>(now / kSecond), static_cast<uint32_t>(now % kSecond)};
+        }
+        m_record = m_file.Bytes();
+        SetRecordTime(m_file.Type(), m_time, m_record);
+        return m_fifo.Send(m_record);
     }
 
     void ShowProgress(uint64_t pass) {
@@ -205,7 +224,9 @@ class Replay {
     std::ostream& m_err;
     ProgressBar m_bar;
     bool m_fifoIsGood = true;
-    bool m_saysPace = false;  // has said that it waits for the next alert's time
+    bool m_saysPace = false;          // has said that it waits for the next alert's time
+    RecordTime m_time;                // with --now: that of the last alert
+    std::vector<std::byte> m_record;  // with --now: the record with its new time
     uint64_t m_records = 0;
     uint64_t m_alerts = 0;
     uint64_t m_bytes = 0;
@@ -238,6 +259,7 @@ CLI::App* AddReplayCommand(CLI::App& app, ReplayOptions& options) {
     command->add_option("--wait", options.wait, "Wait up to S seconds for the FIFO and its reader")
         ->type_name("S")
         ->check(ZeroOrMore());
+    command->add_flag("--now", options.now, "Send the records with the present time in them");
     command->add_flag("--json", options.json, "Print the summary as a JSON object");
     command->footer(kExamples);
     return command;

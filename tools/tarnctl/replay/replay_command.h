@@ -22,6 +22,7 @@ struct ReplayOptions : Display {
     double rate = kDefaultRate;  // alerts a second; 0: as fast as the daemon reads
     uint64_t loop = 1;           // times that the file is played
     double wait = 0.0;           // seconds to wait for the FIFO and its reader
+    bool now = false;            // the records leave with the present time
     bool json = false;           // the summary as a JSON object
 };
 

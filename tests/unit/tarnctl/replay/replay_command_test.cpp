@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <future>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -50,6 +51,53 @@ class ReplayTest : public testing::Test {
     std::ostringstream m_err;
     std::string m_received;
 };
+
+// The big-endian word at an offset.
+uint32_t BigWordAt(const std::string& bytes, std::size_t at) {
+    uint32_t value = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+        value = value << 8 | static_cast<unsigned char>(bytes.at(at + i));
+    }
+    return value;
+}
+
+TEST_F(ReplayTest, SendsWithThePresentTimeWhatBelongsTogether) {
+    const u2test::Alert alert;
+    const u2test::Packet packet;
+    const u2test::ExtraData extra;
+    const std::string content = AsText(u2test::Framed(104, alert.Payload())) +
+                                AsText(u2test::Framed(110, extra.Payload())) +
+                                AsText(u2test::Framed(2, packet.Payload()));
+    m_options.now = true;
+    const auto before = static_cast<uint32_t>(std::time(nullptr));
+    EXPECT_EQ(kExitFine, Play(content));
+    const auto after = static_cast<uint32_t>(std::time(nullptr));
+    ASSERT_EQ(content.size(), m_received.size());
+    const std::size_t extraAt = 8 + 60;
+    const std::size_t packetAt = extraAt + 8 + extra.Payload().size();
+    const uint32_t second = BigWordAt(m_received, 8 + 8);
+    const uint32_t microsecond = BigWordAt(m_received, 8 + 12);
+    EXPECT_GE(second, before);
+    EXPECT_LE(second, after);
+    EXPECT_LT(microsecond, 1000000U);
+    EXPECT_EQ(second, BigWordAt(m_received, extraAt + 8 + 16));
+    EXPECT_EQ(second, BigWordAt(m_received, packetAt + 8 + 8));
+    EXPECT_EQ(second, BigWordAt(m_received, packetAt + 8 + 12));
+    EXPECT_EQ(microsecond, BigWordAt(m_received, packetAt + 8 + 16));
+    std::string rest = m_received;
+    rest.replace(16, 8, content, 16, 8);
+    rest.replace(extraAt + 24, 4, content, extraAt + 24, 4);
+    rest.replace(packetAt + 16, 12, content, packetAt + 16, 12);
+    EXPECT_EQ(content, rest) << "nothing else has changed";
+}
+
+TEST_F(ReplayTest, LeavesTheTimeOfRecordsThatHaveNoPlaceForIt) {
+    m_options.now = true;
+    const std::string content = Alert() + Record(66, 40) + Record(2, 7) + Record(110, 3);
+    EXPECT_EQ(kExitFine, Play(content));
+    ASSERT_EQ(content.size(), m_received.size());
+    EXPECT_EQ(content.substr(68), m_received.substr(68));
+}
 
 TEST_F(ReplayTest, SendsEveryRecordOfTheFile) {
     const std::string content = Alert() + Packet(1400) + AlertIpv6() + Packet(60000);
