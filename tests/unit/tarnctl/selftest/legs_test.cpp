@@ -70,6 +70,8 @@ TEST_F(LegsTest, NeedAllThreeReports) {
     EXPECT_EQ("2 of 3 reports reached the CRM", JudgeLegs(output)[1].detail);
     output.reports += Report(kQuarantineSignature, true);
     EXPECT_THAT(Dead(), ElementsAre("report"));
+    output.reports = Report(kCaptureSignature, false);
+    EXPECT_THAT(Dead(), ElementsAre("report"));
 }
 
 TEST_F(LegsTest, NeedAnAcceptedRuleOfTheRightSignature) {
