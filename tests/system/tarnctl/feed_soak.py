@@ -184,10 +184,16 @@ def kills(options):
     victims = ["daemon"] * options.daemon_kills + ["feeder"] * options.feeder_kills
     random.shuffle(victims)
     places = sorted(random.randrange(options.alerts * 95 // 100) for _ in victims)
-    for place, victim in zip(places, victims):
-        while run.count.seen < place and random.random() > 0.0005:
-            run.pump()
+    for number, (place, victim) in enumerate(zip(places, victims)):
+        # Most kills come while alerts flow, some before that has begun again after the last kill.
+        soon = random.random() < 0.3
+        limit = time.monotonic() + (random.random() * 1.5 if soon else harness.PATIENCE)
+        while run.count.seen < place and time.monotonic() < limit:
+            run.pump(0.002)
             assert run.feeder.poll() is None, "the feeder has ended by itself"
+        if number % 20 == 0:
+            print(f"{number} kills, {run.count.seen} alerts reported, {run.count.doubled} twice",
+                  file=sys.stderr, flush=True)
         run.pump(random.random() * 0.2)
         if victim == "daemon":
             run.kill(run.daemon)

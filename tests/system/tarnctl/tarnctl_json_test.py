@@ -252,6 +252,15 @@ class JsonTest(unittest.TestCase):
         self.assertEqual("end", self.run_json("explain", "8")["outcome"])
         self.assertTrue(self.run_json("explain", "6")["entry"])
 
+    def test_what_the_feeder_has_done_fits_the_schema(self):
+        shutil.copy(TREE / "samples" / "tarn.conf", CONFIG)
+        EVENT_CONFIG.write_text("se.7.severity = low\n", encoding="utf-8")
+        fed = self.run_json("feed", str(self.folder / "u2"), "--once", "--bookmark",
+                            str(self.folder / "bookmark"))
+        self.assertEqual((0, False, None), (fed["alerts"], fed["held"], fed["waitingFor"]))
+        self.assertEqual("tarn is not running; start it, and it reads its files",
+                         self.run_json("reload", status=1)["error"])
+
     def ring(self, action, *options):
         """Runs tarnctl ring on a ring of reports and holds its one line against the schema."""
         done = subprocess.run([TARNCTL, "ring", action, "--json", "--force", "crm5-1", *options],

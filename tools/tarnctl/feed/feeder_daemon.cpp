@@ -167,7 +167,9 @@ bool Feeder::AttachRing() {
 
 void Feeder::OnDaemonEnd() {
     ++m_counters.daemonEnds;
-    // What stands in the pipe must not reach the next daemon; its first record may lack its head.
+    // What stands in the pipe must not reach the next daemon; its first record may lack its head. A
+    // daemon that is there already may have read some of it, and reports of that may come.
+    m_mayBeInside = m_fifo.HasReader();
     m_fifo.Close();
     m_daemonEnd.Forget();
     ReadReports();
@@ -175,7 +177,6 @@ void Feeder::OnDaemonEnd() {
     TakeAllAgain(false);
     m_isUnsure = false;
     m_guardIsLate = false;
-    m_mayBeInside = false;
     m_phase = Phase::kConnecting;
     Tell("tarn has ended; " + Counted(count, "alert") + " without a report will be fed again");
 }
