@@ -68,6 +68,9 @@ TEST_F(VerdictTest, NamesAFifoWithoutReaderThatTwoLooksFindSo) {
     EXPECT_THAT(NamesOf(Judge(unread, unread, {}, false).faults), ElementsAre("alert-fifo-unread"));
     EXPECT_THAT(NamesOf(Judge(health, unread, {}, false).faults), IsEmpty());
     EXPECT_THAT(NamesOf(Judge(unread, health, {}, false).faults), IsEmpty());
+    unread.daemon.isRunning = Known(false, std::string("test"));
+    EXPECT_THAT(NamesOf(Judge(unread, unread, {}, false).faults),
+                ElementsAre("daemon-not-running"));
 }
 
 TEST_F(VerdictTest, NamesAFifoThatTwoProcessesRead) {
