@@ -93,6 +93,14 @@ TEST_F(SpoolFileTest, ReadsRecordsAcrossItsBuffer) {
     EXPECT_EQ(Result::kEnd, m_file.Peek());
 }
 
+TEST_F(SpoolFileTest, ReadsARecordLongerThanItsBuffer) {
+    const u2test::Packet packet{.data = u2test::Bytes(400000, 7)};
+    Append(u2test::Framed(packet));
+    ASSERT_EQ("", m_file.Open(m_path));
+    ASSERT_EQ(Result::kRecord, m_file.Peek());
+    EXPECT_EQ(u2test::Framed(packet), Peeked());
+}
+
 TEST_F(SpoolFileTest, NoticesThatTheFileHasBeenCut) {
     Append(AlertOf(1));
     Append(AlertOf(2));

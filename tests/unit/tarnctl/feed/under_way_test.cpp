@@ -104,6 +104,16 @@ TEST_F(UnderWayTest, ForgetsReportsThatAreLongPast) {
     EXPECT_EQ(Match::kDuplicate, m_underWay.Report(Key(kMany), m_lost));
 }
 
+TEST_F(UnderWayTest, ForgetsAlertsThatLookAlikeOneByOne) {
+    constexpr uint64_t kMany = 4096;
+    for (uint64_t second = 0; second <= kMany; ++second) {
+        const uint64_t alike = second == 1 ? 0 : second;
+        Add(alike);
+        ASSERT_EQ(Match::kOurs, m_underWay.Report(Key(alike), m_lost));
+    }
+    EXPECT_EQ(Match::kDuplicate, m_underWay.Report(Key(0), m_lost));
+}
+
 TEST_F(UnderWayTest, KeepsTheRecordsOfAnAlertTogether) {
     Add(1, 7);
     Add(2, 8);
