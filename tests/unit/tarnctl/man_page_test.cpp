@@ -64,10 +64,14 @@ class ManPage : public testing::Test {
         }
     }
 
-    // All options of a sub-command but those that every one has.
+    // All options of a sub-command but those that every one has and those that are no one's to
+    // give.
     static Options OptionsOf(const CLI::App& command) {
         Options options;
         for (const CLI::Option* const option : command.get_options({})) {
+            if (option->get_group().empty()) {
+                continue;
+            }
             for (const std::string& name : option->get_lnames()) {
                 options.insert("--" + name);
             }

@@ -28,7 +28,7 @@ struct RejectsPlace {
 struct Bookmark {
     std::optional<SpoolPlace> spool;      // empty: nothing has been read yet
     std::optional<SpoolPlace> refeed;     // while rejected alerts are fed again
-    std::optional<RingPlace> ring;        // empty: the ring was not known
+    std::optional<RingMark> ring;         // empty: the ring was not known
     std::optional<RejectsPlace> rejects;  // empty: nothing has been rejected
     bool isSettled = true;                // nothing after the places was inside the daemon
 

@@ -32,7 +32,7 @@ std::string ReportWatch::Attach() {
     return "";
 }
 
-bool ReportWatch::GoTo(const RingPlace& place) {
+bool ReportWatch::GoTo(const RingMark& place) {
     if (!m_isAttached || place.device != m_device || place.inode != m_inode ||
         place.index >= m_size || place.index % kShmRingWordSize != 0) {
         return false;

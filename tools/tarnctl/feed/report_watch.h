@@ -22,12 +22,12 @@
 namespace tarnctl {
 
 // A place in one ring file.
-struct RingPlace {
+struct RingMark {
     uint64_t device = 0;
     uint64_t inode = 0;
     uint32_t index = 0;  // ring offset of the first report that has not been seen
 
-    bool operator==(const RingPlace&) const = default;
+    bool operator==(const RingMark&) const = default;
 };
 
 class ReportWatch {
@@ -43,14 +43,14 @@ class ReportWatch {
     // Maps the ring. What is published before is not looked at. An empty text, or the reason.
     [[nodiscard]] std::string Attach();
     // Goes on at a place from an earlier Place(). False when that was in another file.
-    [[nodiscard]] bool GoTo(const RingPlace& place);
+    [[nodiscard]] bool GoTo(const RingMark& place);
 
     [[nodiscard]] Look Next(AlertKey& key);
 
     [[nodiscard]] bool IsAttached() const { return m_isAttached; }
     // True when the path names another file than the mapped one, or none.
     [[nodiscard]] bool IsReplaced() const;
-    [[nodiscard]] RingPlace Place() const { return {m_device, m_inode, m_at}; }
+    [[nodiscard]] RingMark Place() const { return {m_device, m_inode, m_at}; }
     [[nodiscard]] uint32_t WriteIndex() const;
     // Bytes of the ring, and those of them that unread reports do not take.
     [[nodiscard]] uint32_t Size() const { return m_size; }

@@ -39,7 +39,7 @@ Bookmark Example() {
     Bookmark bookmark;
     bookmark.spool = SpoolPlace{"u2.1700000000", 1, UINT64_MAX, 3, "00ff"};
     bookmark.refeed = SpoolPlace{"b.rejects.refeed", 4, 5, 6, ""};
-    bookmark.ring = RingPlace{7, 8, 9};
+    bookmark.ring = RingMark{7, 8, 9};
     bookmark.rejects = RejectsPlace{10, 11, 12};
     bookmark.isSettled = false;
     return bookmark;

@@ -108,15 +108,15 @@ TEST_F(ReportWatchTest, BeginsAtTheReportsThatComeAfterIt) {
 TEST_F(ReportWatchTest, GoesOnAtAPlaceOfTheSameFileOnly) {
     Report(1);
     EXPECT_EQ(1, See());
-    const RingPlace place = m_watch.Place();
+    const RingMark place = m_watch.Place();
     Report(2);
     EXPECT_EQ(2, See());
     EXPECT_TRUE(m_watch.GoTo(place));
     EXPECT_EQ(2, See());
-    for (const RingPlace& other : {RingPlace{place.device + 1, place.inode, place.index},
-                                   RingPlace{place.device, place.inode + 1, place.index},
-                                   RingPlace{place.device, place.inode, place.index + 1},
-                                   RingPlace{place.device, place.inode, m_watch.Size()}}) {
+    for (const RingMark& other : {RingMark{place.device + 1, place.inode, place.index},
+                                  RingMark{place.device, place.inode + 1, place.index},
+                                  RingMark{place.device, place.inode, place.index + 1},
+                                  RingMark{place.device, place.inode, m_watch.Size()}}) {
         EXPECT_FALSE(m_watch.GoTo(other));
     }
     EXPECT_EQ(-1, See());
@@ -125,7 +125,7 @@ TEST_F(ReportWatchTest, GoesOnAtAPlaceOfTheSameFileOnly) {
 TEST_F(ReportWatchTest, IsUnsureWhereNoReportBegins) {
     Report(1);
     Report(2);
-    RingPlace place = m_watch.Place();
+    RingMark place = m_watch.Place();
     place.index += 8;
     ASSERT_TRUE(m_watch.GoTo(place));
     EXPECT_EQ(-2, See());
