@@ -175,7 +175,7 @@ class CommandLine {
                 continue;
             }
             // The value of a short option may follow its letter at once.
-            const std::string name =
+            std::string name =
                 word.substr(0, word.starts_with("--") ? word.find('=') : kShortOption);
             const CLI::Option* const option = command.get_option_no_throw(name);
             if (option == nullptr) {

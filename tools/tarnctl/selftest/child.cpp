@@ -26,6 +26,7 @@ std::string TextOf(const std::string& path) {
 
 Child::Child(const std::vector<std::string>& words, std::string path) : m_path(std::move(path)) {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string& word : words) {
         arguments.push_back(const_cast<char*>(word.c_str()));  // the callee does not change them
     }

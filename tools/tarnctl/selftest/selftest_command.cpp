@@ -93,6 +93,7 @@ int RunInside(const SelftestOptions& options, std::ostream& out, std::ostream& e
 // errno when it cannot be started.
 int RunInSandbox(std::vector<std::string> words) {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 #include "tarnctl/common/text_forms.h"
@@ -49,7 +50,8 @@ uint64_t LossesIn(const Health& health) {
 
 // "[####------]"
 std::string Bar(double percent, std::size_t width) {
-    const auto full = static_cast<std::size_t>(percent / 100 * static_cast<double>(width) + 0.5);
+    const auto full =
+        static_cast<std::size_t>(std::lround(percent / 100 * static_cast<double>(width)));
     return "[" + std::string(std::min(full, width), '#') +
            std::string(width - std::min(full, width), '-') + "]";
 }

@@ -55,7 +55,7 @@ TEST_F(UnderWayTest, AnAlertIsUnderWayUntilItsReport) {
 }
 
 TEST_F(UnderWayTest, AReportOfALaterAlertShowsThatTheEarlierOnesAreLost) {
-    for (const uint64_t second : {1, 2, 3, 4}) {
+    for (const uint64_t second : {1U, 2U, 3U, 4U}) {
         Add(second);
     }
     EXPECT_EQ(Match::kOurs, m_underWay.Report(Key(3), m_lost));
