@@ -159,9 +159,10 @@ class Rings {
         }
     }
 
-    // The whole line is cut, and not what is behind its indent.
+    // The whole line is cut, and not what follows its indent.
     [[nodiscard]] Display Uncut() const {
-        Display display = m_options;
+        const Display& asked = m_options;
+        Display display = asked;
         display.wide = true;
         return display;
     }

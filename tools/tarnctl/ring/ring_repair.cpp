@@ -81,6 +81,9 @@ class RingWords {
 
   private:
     bool Exchange(std::size_t offset, uint32_t from, uint32_t to, std::memory_order order) {
+        if (m_map == nullptr) {
+            return false;
+        }
         auto& word = *reinterpret_cast<uint32_t*>(m_map + offset);
         return std::atomic_ref<uint32_t>(word).compare_exchange_strong(from, to, order,
                                                                        std::memory_order_relaxed);
@@ -150,8 +153,8 @@ std::string WhoIsInTheWay(const RingPlace& place, const RepairOptions& options, 
     return "";
 }
 
-Repair Refused(RingState state, std::string text) {
-    return {RepairOutcome::kRefused, std::move(state), std::move(text), 0};
+Repair Refused(const RingState& state, std::string text) {
+    return {RepairOutcome::kRefused, state, std::move(text), 0};
 }
 
 bool IsWriteIndexFault(RingFault fault) {
