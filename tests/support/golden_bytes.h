@@ -12,8 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "support/source_dir.h"
+
 inline std::vector<uint8_t> GoldenBytes(const std::string& name) {
-    std::ifstream file(std::string(TARN_SOURCE_DIR) + "/tests/golden/" + name);
+    std::ifstream file(SourceDir() + "/tests/golden/" + name);
     if (!file) {
         throw std::runtime_error("no golden file " + name);
     }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "support/file_text.h"
+#include "support/source_dir.h"
 #include "unit/config/config_fixture.h"
 
 namespace {
@@ -14,7 +15,7 @@ using testing::IsEmpty;
 using ExampleFiles = ConfigFixture;
 
 std::string Example(const std::string& name) {
-    const std::string content = ReadFile(TARN_SOURCE_DIR "/packaging/examples/" + name);
+    const std::string content = ReadFile(SourceDir() + "/packaging/examples/" + name);
     EXPECT_NE("", content) << name;
     return content;
 }

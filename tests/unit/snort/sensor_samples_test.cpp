@@ -15,6 +15,7 @@
 #include "config/config.h"
 #include "snort/snort_event_reader.h"
 #include "support/file_text.h"
+#include "support/source_dir.h"
 #include "support/temp_dir.h"
 #include "unit/snort/log_questions.h"
 
@@ -36,7 +37,7 @@ std::ostream& operator<<(std::ostream& out, const Sample& sample) {
 std::string PathOf(const std::string& file) {
     namespace fs = std::filesystem;
     const char* given = std::getenv("TARN_SAMPLES");
-    const fs::path source = TARN_SOURCE_DIR;
+    const fs::path source = SourceDir();
     for (const fs::path& folder : {source / "samples", fs::path(given != nullptr ? given : ""),
                                    source / "../shared/samples"}) {
         if (fs::exists(folder / file)) {
@@ -146,7 +147,7 @@ TEST_F(SensorSamples, FirstAlertShowsWhatTheSensorSaw) {
 // The bytes that docs/formats/unified2.md goes through one by one.
 TEST_F(SensorSamples, WorkedExampleOfTheFormatPageReadsAsThePageSays) {
     const QuestionedLog log;
-    Play(TARN_SOURCE_DIR "/fuzz/corpus/unified2_stream_fuzz/ipv4-protocol-6-extra-9-10");
+    Play(SourceDir() + "/fuzz/corpus/unified2_stream_fuzz/ipv4-protocol-6-extra-9-10");
     for (const char* line :
          {"Got Snort event, Header: Type = 104, Length = 124",
           "Got Snort event, Header: Type = 110, Length = 45",

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "support/source_dir.h"
 #include "tarnctl/sub_commands.h"
 
 namespace tarnctl {
@@ -20,7 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
-const fs::path kTree = TARN_SOURCE_DIR;
+const fs::path kTree = SourceDir();
 
 std::string TextOf(const fs::path& path) {
     std::ostringstream text;

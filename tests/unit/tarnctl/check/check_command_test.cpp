@@ -5,6 +5,7 @@
 #include <set>
 
 #include "support/file_text.h"
+#include "support/source_dir.h"
 #include "tarnctl/check/finding_kinds.h"
 #include "unit/tarnctl/check/check_fixture.h"
 
@@ -311,7 +312,7 @@ TEST_F(CheckProtect, NamesEntriesThatCanBlockAProtectedAddress) {
 }
 
 TEST(FindingKinds, AreAllDifferentAndInTheManual) {
-    const std::string manual = ReadFile(TARN_SOURCE_DIR "/docs/man/tarnctl-check.1");
+    const std::string manual = ReadFile(SourceDir() + "/docs/man/tarnctl-check.1");
     std::set<std::string> names;
     for (const tarnctl::FindingKind* kind : tarnctl::kinds::kAll) {
         EXPECT_TRUE(names.insert(kind->name).second) << kind->name;

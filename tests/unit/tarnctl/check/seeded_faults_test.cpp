@@ -8,6 +8,7 @@
 
 #include "config/event_rule_parser.h"
 #include "support/file_text.h"
+#include "support/source_dir.h"
 #include "unit/tarnctl/check/check_fixture.h"
 
 namespace {
@@ -210,8 +211,8 @@ TEST_F(CheckSeededFaults, AreAllNamedAtTheirPlacesAndNothingElseIs) {
 TEST_F(CheckCleanFiles, OfTheSampleAndTheExamplesHaveNoFinding) {
     options.strict = true;
     for (const char* folder : {"/samples/", "/packaging/examples/"}) {
-        Main(ReadFile(TARN_SOURCE_DIR + std::string(folder) + "tarn.conf"));
-        Events(ReadFile(TARN_SOURCE_DIR + std::string(folder) + "tarn_event.conf"));
+        Main(ReadFile(SourceDir() + folder + "tarn.conf"));
+        Events(ReadFile(SourceDir() + folder + "tarn_event.conf"));
         EXPECT_EQ(0, Run()) << folder << answer.dump(1);
         EXPECT_EQ(0U, answer["findings"].size()) << folder;
         EXPECT_LT(4U, answer["entryCount"].get<int>()) << folder;

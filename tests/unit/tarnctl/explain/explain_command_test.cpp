@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/source_dir.h"
 #include "support/temp_dir.h"
 #include "tarnctl/common/exit_status.h"
 
@@ -156,7 +157,7 @@ TEST_F(ExplainCommand, NamesAFileWithoutAReport) {
 }
 
 TEST_F(ExplainCommand, TakesTheAlertOfASample) {
-    const std::string sample = std::string(TARN_SOURCE_DIR) + "/samples/sensor-302-alerts.u2";
+    const std::string sample = SourceDir() + "/samples/sensor-302-alerts.u2";
     EXPECT_EQ(tarnctl::kExitFailure, Run({"7", "--alert", sample}));
     EXPECT_THAT(m_err.str(), HasSubstr("has no alert of signature 7"));
 }

@@ -3,6 +3,7 @@
 
 #include <ctime>
 
+#include "support/source_dir.h"
 #include "tarnctl/health/loss_kinds.h"
 #include "tarnctl/health/parts.h"
 #include "unit/tarnctl/health/made_up_machine.h"
@@ -47,8 +48,7 @@ TEST(LossKinds, HaveNamesOfTheirOwn) {
 
 TEST(LossKinds, AreTextsOfTheDaemon) {
     std::string sources;
-    for (const auto& entry :
-         std::filesystem::recursive_directory_iterator(TARN_SOURCE_DIR "/src")) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(SourceDir() + "/src")) {
         if (entry.path().extension() == ".cpp") {
             sources += ReadFile(entry.path());
         }
