@@ -2,6 +2,7 @@
 """tarnctl top on a terminal: what it shows, its keys, its ends, and a terminal that is put back."""
 
 import fcntl
+import itertools
 import os
 import pty
 import re
@@ -53,6 +54,22 @@ class Terminal:
         wait_for(lambda: pattern.search(self.read()[since:]),
                  f"{text!r} in {self.output[-3000:]!r}")
 
+    def shown_on_a_new_screen(self, text):
+        """Waits until a text is on a screen that is drawn as a whole.
+
+        An ordinary update writes only the letters that differ from those before.
+        """
+        columns = itertools.cycle((81, 80))
+
+        def is_shown():
+            since = len(self.read())
+            self.resize(next(columns))
+            self.process.send_signal(signal.SIGWINCH)
+            wait_for(lambda: len(self.read()) > since, "a new screen")
+            return text.encode() in self.read()[since:]
+
+        wait_for(is_shown, text)
+
     def key(self, letter):
         os.write(self.master, letter)
 
@@ -91,8 +108,8 @@ class TopTest(harness.DaemonTest):
                         str(TREE / "samples/sensor-302-alerts.u2")], check=True,
                        timeout=4 * PATIENCE, stdout=subprocess.DEVNULL,
                        stderr=subprocess.DEVNULL)
-        terminal.shown("1000010")
-        terminal.shown("203.0.113.")
+        terminal.shown_on_a_new_screen("1000010")
+        terminal.shown_on_a_new_screen("203.0.113.")
         terminal.key(b"q")
         self.assertEqual(0, terminal.end())
         self.assertTrue(terminal.is_restored())
