@@ -104,7 +104,7 @@ std::string LoadBookmark(const std::string& path, Bookmark& bookmark) {
     }
     const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     const Json json = Json::parse(text, nullptr, false);
-    const std::string broken =
+    std::string broken =
         path + ": not a bookmark; move it away to begin with the oldest spool file";
     if (!json.is_object() || json.value("version", 0) != kVersion) {
         return broken;
