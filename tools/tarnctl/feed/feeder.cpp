@@ -222,12 +222,12 @@ void Feeder::WaitForNews() {
         return;
     }
     int time = m_lastStep == Step::kBlocked ? kPollBlocked : kPollIdle;
-    if (m_phase != Phase::kFeeding || m_counters.isHeld || m_guardIsLate || m_isUnsure) {
+    const bool isAtEnd = m_lastStep == Step::kEnd;
+    if (m_phase != Phase::kFeeding || m_counters.isHeld || m_guardIsLate || m_isUnsure ||
+        (isAtEnd && m_underWay.IsEmpty() && m_options.once)) {
         time = kPollWaiting;
-    } else if (m_lastStep == Step::kEnd && !m_underWay.IsEmpty()) {
+    } else if (isAtEnd && !m_underWay.IsEmpty()) {
         time = kPollUnderWay;
-    } else if (m_lastStep == Step::kEnd && m_options.once) {
-        time = kPollWaiting;
     }
     std::vector<pollfd> entries;
     m_control.AddTo(entries);

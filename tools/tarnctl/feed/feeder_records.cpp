@@ -1,5 +1,6 @@
 // What becomes of each record of the spool.
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "tarnctl/common/signals.h"
@@ -85,12 +86,9 @@ void Feeder::NoteFate(uint32_t eventId, Fate fate) {
 }
 
 std::optional<Feeder::Fate> Feeder::FateOf(uint32_t eventId) const {
-    for (auto entry = m_fates.rbegin(); entry != m_fates.rend(); ++entry) {
-        if (entry->first == eventId) {
-            return entry->second;
-        }
-    }
-    return std::nullopt;
+    const auto latest = std::find_if(m_fates.rbegin(), m_fates.rend(),
+                                     [eventId](const auto& fate) { return fate.first == eventId; });
+    return latest == m_fates.rend() ? std::nullopt : std::optional(latest->second);
 }
 
 bool Feeder::TakeReportedBefore(const AlertKey& key) {

@@ -33,7 +33,11 @@ struct SpoolCounts {
 struct SpoolPosition {
     uint64_t file = 0;  // counts the files that were opened
     uint64_t offset = 0;
-    auto operator<=>(const SpoolPosition&) const = default;
+
+    bool operator==(const SpoolPosition&) const = default;
+    bool operator<(const SpoolPosition& other) const {
+        return file != other.file ? file < other.file : offset < other.offset;
+    }
 };
 
 class SpoolReader {
