@@ -16,8 +16,8 @@
 namespace tarnctl {
 namespace {
 
-constexpr uint64_t kSmallRoom = 1024 * 1024;  // bytes that a working disk has free at least
-constexpr uint64_t kSemaphoreRoom = 4096;     // a page
+constexpr uint64_t kSmallRoom = 1048576;   // bytes that a working disk has free at least
+constexpr uint64_t kSemaphoreRoom = 4096;  // a page
 constexpr double kTick = 0.02;  // by which the start of a thread may seem to be earlier, in seconds
 constexpr int kReloadLevel = 4;                     // at which the log tells of a reload
 constexpr std::size_t kThreadsWithEventThread = 3;  // main, event and error thread

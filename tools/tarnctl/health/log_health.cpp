@@ -12,7 +12,7 @@
 namespace tarnctl {
 namespace {
 
-constexpr off_t kTailBytes = 4 * 1024 * 1024;  // of each of the two files
+constexpr off_t kTailBytes = off_t{4} * 1024 * 1024;  // of each of the two files
 
 // The end of a file, from the first line that begins within it. False with errno.
 bool ReadTail(const std::string& path, std::string& text, bool& isWhole) {

@@ -114,7 +114,7 @@ class StatusText {
             },
             daemon.isRunning.Is(false) ? Color::kRed : Color::kGreen);
         Show("PID file", daemon.pidFileNumber, [&daemon](int number) {
-            const std::string text = std::to_string(number);
+            std::string text = std::to_string(number);
             if (daemon.pid.Is(number)) {
                 return text;
             }
@@ -202,12 +202,12 @@ class StatusText {
             const bool isListening = *peer.isListening.value;
             const std::string owner =
                 peer.owner.IsKnown() ? " (" + *peer.owner.value + ")" : std::string();
-            const std::string who = !isListening
-                                        ? (peer.isThere.Is(true) ? "nobody receives" : "no socket")
-                                    : peer.listeners.IsKnown() ? HoldersText(*peer.listeners.value)
-                                                               : "a process of another user";
-            Line(peer.place.name, who + " at " + peer.place.path + owner,
-                 isListening ? Color::kNone : Color::kRed);
+            std::string who = !isListening
+                                  ? (peer.isThere.Is(true) ? "nobody receives" : "no socket")
+                              : peer.listeners.IsKnown() ? HoldersText(*peer.listeners.value)
+                                                         : "a process of another user";
+            who.append(" at ").append(peer.place.path).append(owner);
+            Line(peer.place.name, who, isListening ? Color::kNone : Color::kRed);
         }
     }
 
