@@ -71,7 +71,6 @@ class Show {
                 case RecordResult::kRecord:
                     break;
                 case RecordResult::kEnd:
-                    return kExitFine;
                 case RecordResult::kStopped:
                     return kExitFine;
                 default:
