@@ -38,7 +38,8 @@ bool RingBytes::Copy(uint32_t offset, std::span<std::byte> to) const {
     uint64_t at = uint64_t{m_at} + offset;
     for (std::byte& byte : to) {
         const auto place = static_cast<uint32_t>(at % m_ringSize);
-        const uint32_t word = LoadAcquire(m_ring + place / kShmRingWordSize * kShmRingWordSize);
+        const uint32_t word =
+            LoadAcquire(m_ring + std::size_t{place / kShmRingWordSize} * kShmRingWordSize);
         std::array<std::byte, kShmRingWordSize> bytes = {};
         std::memcpy(bytes.data(), &word, sizeof word);
         byte = bytes[place % kShmRingWordSize];
