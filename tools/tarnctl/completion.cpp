@@ -176,7 +176,7 @@ std::string ZshAction(const Value& value) {
     return ":value:" + (value.choices.empty() ? " " : "(" + value.choices + ")");
 }
 
-// A specification of _arguments. Of two names for one option only one is offered, and an option
+// One argument of _arguments. Of two names for one option only one is offered, and an option
 // that may be repeated is offered again.
 std::string ZshEntry(const Entry& entry) {
     if (entry.name.empty()) {
