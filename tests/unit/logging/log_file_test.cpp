@@ -53,6 +53,13 @@ class LogFileTest : public testing::Test {
     LogFile m_log;
 };
 
+// The seconds of the clock that the log reads. time() may be a tick behind it.
+time_t Now() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec;
+}
+
 using LogFileStart = LogFileTest;
 using LogFileLine = LogFileTest;
 using LogFileWrite = LogFileTest;
@@ -118,9 +125,9 @@ TEST_F(LogFileLine, HasTimeMillisecondsAndThreadNumberBeforeTheMessage) {
 }
 
 TEST_F(LogFileLine, CarriesTheLocalTime) {
-    const time_t before = time(nullptr);
+    const time_t before = Now();
     const std::string text = PrefixPeer::Prefix(nullptr);
-    const time_t after = time(nullptr);
+    const time_t after = Now();
     tm parsed{};
     parsed.tm_isdst = -1;
     ASSERT_NE(nullptr, strptime(text.c_str(), "%Y/%m/%d %H:%M:%S", &parsed));
@@ -134,7 +141,7 @@ TEST_F(LogFileLine, CarriesTheTimeOfTheZone) {
     const std::string kept = former != nullptr ? former : "";
     setenv("TZ", "EAST-9", 1);
     tzset();
-    const time_t before = time(nullptr);
+    const time_t before = Now();
     const std::string text = PrefixPeer::Prefix(nullptr);
     tm parsed{};
     EXPECT_NE(nullptr, strptime(text.c_str(), "%Y/%m/%d %H:%M:%S", &parsed));

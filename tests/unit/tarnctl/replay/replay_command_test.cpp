@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <ctime>
 #include <future>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -52,6 +51,12 @@ class ReplayTest : public testing::Test {
     std::string m_received;
 };
 
+// The seconds of the clock that replay reads. time() may be a tick behind it.
+uint32_t SystemSeconds() {
+    return static_cast<uint32_t>(
+        std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()));
+}
+
 // The big-endian word at an offset.
 uint32_t BigWordAt(const std::string& bytes, std::size_t at) {
     uint32_t value = 0;
@@ -69,9 +74,9 @@ TEST_F(ReplayTest, SendsWithThePresentTimeWhatBelongsTogether) {
                                 AsText(u2test::Framed(110, extra.Payload())) +
                                 AsText(u2test::Framed(2, packet.Payload()));
     m_options.now = true;
-    const auto before = static_cast<uint32_t>(std::time(nullptr));
+    const uint32_t before = SystemSeconds();
     EXPECT_EQ(kExitFine, Play(content));
-    const auto after = static_cast<uint32_t>(std::time(nullptr));
+    const uint32_t after = SystemSeconds();
     ASSERT_EQ(content.size(), m_received.size());
     const std::size_t extraAt = 8 + 60;
     const std::size_t packetAt = extraAt + 8 + extra.Payload().size();
