@@ -26,7 +26,7 @@ void WritePacket(benchmark::State& state) {
         state.SkipWithError("the ring cannot be mapped");
         return;
     }
-    const std::vector<unsigned char> data(static_cast<std::size_t>(captured), 0x5A);
+    const std::vector<unsigned char> data(static_cast<size_t>(captured), 0x5A);
     std::vector<unsigned char> out(sizeof(PacketLogRecord) + data.size());
     PacketInfo packet;
     packet.uPacketLength = static_cast<uint32_t>(captured);

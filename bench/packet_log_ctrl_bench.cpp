@@ -49,7 +49,7 @@ PacketInfo PacketOf(const std::vector<uint8_t>& data, uint32_t seconds) {
 }
 
 void SendPacketCapture(benchmark::State& state) {
-    const std::vector<uint8_t> data(static_cast<std::size_t>(state.range(0)), 0x5A);
+    const std::vector<uint8_t> data(static_cast<size_t>(state.range(0)), 0x5A);
     const PacketInfo packet = PacketOf(data, 1000);
     const std::string path = SocketPath();
     const int receiver = socket(AF_UNIX, SOCK_DGRAM, 0);

@@ -13,11 +13,11 @@ namespace tarn::crm {
 
 inline constexpr uint16_t kMessageType = 1237;
 
-enum class MessageKind : uint32_t { Error = 0, Information = 1 };
+enum class MessageKind : uint32_t { kError = 0, kInformation = 1 };
 
 // At most 512 bytes of a text are counted. The byte after them, usually the NUL, is sent too.
-inline constexpr std::size_t kTextLimit = 512;
-inline constexpr std::size_t kTextBytes = kTextLimit + 1;
+inline constexpr size_t kTextLimit = 512;
+inline constexpr size_t kTextBytes = kTextLimit + 1;
 
 struct MessageHeader {
     uint32_t reserved;  // always 0
@@ -28,7 +28,7 @@ struct MessageHeader {
     MessageKind kind;
 };
 
-inline constexpr std::size_t kMessageBytes = sizeof(MessageHeader) + kTextBytes;
+inline constexpr size_t kMessageBytes = sizeof(MessageHeader) + kTextBytes;
 
 static_assert(sizeof(MessageHeader) == 20);
 static_assert(offsetof(MessageHeader, reserved) == 0);

@@ -56,7 +56,7 @@ void MsgComm::Close() {
     m_fd = -1;
 }
 
-int MsgComm::Send(const void* buffer, std::size_t length) {
+int MsgComm::Send(const void* buffer, size_t length) {
     if (!IsOpen()) {
         Log::GetInstance()->Write(Log::kError,
                                   "MsgComm cannot send data because channel is not opened.");
@@ -66,7 +66,7 @@ int MsgComm::Send(const void* buffer, std::size_t length) {
                               static_cast<int>(length), m_fd);
     const ssize_t sent = sendto(m_fd, buffer, length, MSG_DONTWAIT,
                                 reinterpret_cast<const sockaddr*>(&m_address), sizeof(m_address));
-    if (sent < 0 || static_cast<std::size_t>(sent) != length) {
+    if (sent < 0 || static_cast<size_t>(sent) != length) {
         // Deliberate: a failure is reported in the same words, as -1 bytes that were sent.
         Log::GetInstance()->Write(Log::kError, "Only %d of %d bytes was sent via message channel.",
                                   static_cast<int>(sent), static_cast<int>(length));
@@ -76,17 +76,17 @@ int MsgComm::Send(const void* buffer, std::size_t length) {
 }
 
 int MsgComm::SendErrorMessage(const char* text) {
-    return SendMessage(tarn::crm::MessageKind::Error, text);
+    return SendMessage(tarn::crm::MessageKind::kError, text);
 }
 
 int MsgComm::SendInfoMessage(const char* text) {
-    return SendMessage(tarn::crm::MessageKind::Information, text);
+    return SendMessage(tarn::crm::MessageKind::kInformation, text);
 }
 
 // Deliberate: a text of more than 512 bytes is cut after its 513th byte, with no NUL at the end.
 // The CRM goes by the length word.
 int MsgComm::SendMessage(tarn::crm::MessageKind kind, const char* text) {
-    const std::size_t textBytes = strnlen(text, tarn::crm::kTextLimit) + 1;
+    const size_t textBytes = strnlen(text, tarn::crm::kTextLimit) + 1;
     tarn::crm::MessageHeader header{};
     header.type = tarn::crm::kMessageType;
     header.length = static_cast<uint16_t>(sizeof(header) + textBytes);

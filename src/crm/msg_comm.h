@@ -36,7 +36,7 @@ class MsgComm {
 
     // Sends the bytes as one datagram. Returns 0, or -1 when the channel is not open or the
     // receiver is absent or full.
-    [[nodiscard]] int Send(const void* buffer, std::size_t length);
+    [[nodiscard]] int Send(const void* buffer, size_t length);
 
     // Send the text, never null, as an error or an information message; at most 513 bytes of it.
     // Each returns what Send gives.

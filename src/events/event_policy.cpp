@@ -41,7 +41,7 @@ void LogBlockDecision(BlockDecision& decision, uint32_t configuredFlags, int ipV
             Log::kInfo,
             "Don't know how to deal with quarantine-victim-subnet. Treat it as quarantine-victim-address.");
     }
-    if (decision.outcome == BlockOutcome::NoIpVersion) {
+    if (decision.outcome == BlockOutcome::kNoIpVersion) {
         log.Write(Log::kError, "Unable to determine IP version: %d", ipVersion);
         return;
     }
@@ -132,7 +132,7 @@ int EventBridge::ProcessOneEvent(U2AlertEvent* event) {
     }
 
     const uint32_t userResponseFlags = UserResponseFlagsOf(entry.get());
-    if (tarn::policy::DecideCapture(userResponseFlags) == CaptureOutcome::Requested) {
+    if (tarn::policy::DecideCapture(userResponseFlags) == CaptureOutcome::kRequested) {
         const EventReport labelled = tarn::policy::CaptureReport(*source);
         PresentPacketLog(m_packetLog)
             .SendOffendingPacketCapture(&labelled, &source->GetPacket(), 0, source->GetHeldBytes());
@@ -148,7 +148,7 @@ int EventBridge::ProcessOneEvent(U2AlertEvent* event) {
 int EventBridge::ApplyQuarantinePolicy(const CrmEventSource* source, uint32_t responseFlags,
                                        const std::list<BlockRule>& blockRules) {
     if (tarn::policy::DecideQuarantine(source->GetProtocol(), responseFlags, blockRules) !=
-        QuarantineOutcome::Considered) {
+        QuarantineOutcome::kConsidered) {
         return 1;
     }
     bool added = false;
@@ -164,15 +164,15 @@ int EventBridge::QuarantineByRule(const CrmEventSource* source, const BlockRule*
     BlockDecision decision = tarn::policy::DecideBlock(*source, *blockRule);
     LogBlockDecision(decision, blockRule->flags, source->GetIpVersion(), source->GetProtocol());
     switch (decision.outcome) {
-        case BlockOutcome::Sent:
+        case BlockOutcome::kSent:
             break;
-        case BlockOutcome::OtherFamily:
-        case BlockOutcome::NothingNamed:
-        case BlockOutcome::NoAddress:
+        case BlockOutcome::kOtherFamily:
+        case BlockOutcome::kNothingNamed:
+        case BlockOutcome::kNoAddress:
             return 1;
-        case BlockOutcome::NoIpVersion:
+        case BlockOutcome::kNoIpVersion:
             return -1;
-        case BlockOutcome::NoText:
+        case BlockOutcome::kNoText:
             log.Write(Log::kError, "Fail to construct quarantine rule string.");
             return -1;
     }

@@ -72,15 +72,15 @@ BlockOutcome SetProtocolFields(const CrmEventSource& source, bool haveAddress,
         }
     }
     if ((flags & (icmp ? kIcmpFields : kPorts)) != 0) {
-        return BlockOutcome::Sent;
+        return BlockOutcome::kSent;
     }
     if ((flags & (icmp ? kPorts : kIcmpFields)) != 0) {
-        return BlockOutcome::OtherFamily;
+        return BlockOutcome::kOtherFamily;
     }
     if (haveAddress) {
-        return BlockOutcome::Sent;
+        return BlockOutcome::kSent;
     }
-    return (flags & kAddresses) != 0 ? BlockOutcome::NoAddress : BlockOutcome::NothingNamed;
+    return (flags & kAddresses) != 0 ? BlockOutcome::kNoAddress : BlockOutcome::kNothingNamed;
 }
 
 }  // namespace
@@ -103,9 +103,9 @@ QuarantineOutcome DecideQuarantine(int protocol, uint32_t responseFlags,
     const uint32_t relevant =
         IsIcmp(protocol) ? kResponseQuarantineIcmp : kResponseQuarantineTraffic;
     if ((responseFlags & relevant) == 0) {
-        return QuarantineOutcome::NoResponse;
+        return QuarantineOutcome::kNoResponse;
     }
-    return blockRules.empty() ? QuarantineOutcome::NoRules : QuarantineOutcome::Considered;
+    return blockRules.empty() ? QuarantineOutcome::kNoRules : QuarantineOutcome::kConsidered;
 }
 
 BlockDecision DecideBlock(const CrmEventSource& source, const BlockRule& blockRule) {
@@ -113,14 +113,14 @@ BlockDecision DecideBlock(const CrmEventSource& source, const BlockRule& blockRu
     decision.flags = WithAddressesForSubnets(blockRule.flags);
     const int ipVersion = source.GetIpVersion();
     if (ipVersion != 4 && ipVersion != 6) {
-        decision.outcome = BlockOutcome::NoIpVersion;
+        decision.outcome = BlockOutcome::kNoIpVersion;
         return decision;
     }
     (void)decision.rule.SetIpVersion(ipVersion);  // both versions are taken
     const bool haveAddress = SetAddresses(source, decision);
     decision.rule.SetProtocol(source.GetProtocol());
     decision.outcome = SetProtocolFields(source, haveAddress, decision);
-    if (decision.outcome != BlockOutcome::Sent) {
+    if (decision.outcome != BlockOutcome::kSent) {
         return decision;
     }
     decision.rule.SetCounter(blockRule.rateLimit);
@@ -134,20 +134,20 @@ BlockDecision DecideBlock(const CrmEventSource& source, const BlockRule& blockRu
         (void)decision.rule.SetExpiration(decision.expiration);  // every other time is taken
     }
     decision.textFault = decision.rule.MakeText(decision.text);
-    if (decision.textFault != QuarantineRule::TextFault::None) {
-        decision.outcome = BlockOutcome::NoText;
+    if (decision.textFault != QuarantineRule::TextFault::kNone) {
+        decision.outcome = BlockOutcome::kNoText;
     }
     return decision;
 }
 
 CaptureOutcome DecideCapture(uint32_t userResponseFlags) {
     if ((userResponseFlags & kUserResponseLogPackets) != 0) {
-        return CaptureOutcome::Requested;
+        return CaptureOutcome::kRequested;
     }
     // Deliberate: a word for a scope switches the capture off. Scopes belong to connections and
     // interfaces, and an alert brings neither.
-    return (userResponseFlags & kUserResponseLogEvidence) != 0 ? CaptureOutcome::ScopeNamed
-                                                               : CaptureOutcome::NotAsked;
+    return (userResponseFlags & kUserResponseLogEvidence) != 0 ? CaptureOutcome::kScopeNamed
+                                                               : CaptureOutcome::kNotAsked;
 }
 
 EventReport CaptureReport(const CrmEventSource& source) {

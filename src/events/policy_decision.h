@@ -41,46 +41,46 @@ struct ReportDecision {
 [[nodiscard]] ReportDecision DecideReport(uint32_t issueId, const Node* entry);
 
 enum class QuarantineOutcome {
-    Considered,  // each block rule is decided on
-    NoResponse,  // the response does not cover this kind of traffic
-    NoRules,     // the entry has no block rules
+    kConsidered,  // each block rule is decided on
+    kNoResponse,  // the response does not cover this kind of traffic
+    kNoRules,     // the entry has no block rules
 };
 
 [[nodiscard]] QuarantineOutcome DecideQuarantine(int protocol, uint32_t responseFlags,
                                                  const std::list<BlockRule>& blockRules);
 
 enum class BlockOutcome {
-    Sent,          // the text goes to the security manager
-    OtherFamily,   // it asks for fields of the other kind of traffic and for none of this kind's
-    NothingNamed,  // it asks for neither an address nor a field
-    NoAddress,     // it asks for addresses only, and they have no text
-    NoIpVersion,   // the event's IP version is neither 4 nor 6
-    NoText,        // the rule cannot be written; textFault says why
+    kSent,          // the text goes to the security manager
+    kOtherFamily,   // it asks for fields of the other kind of traffic and for none of this kind's
+    kNothingNamed,  // it asks for neither an address nor a field
+    kNoAddress,     // it asks for addresses only, and they have no text
+    kNoIpVersion,   // the event's IP version is neither 4 nor 6
+    kNoText,        // the rule cannot be written; textFault says why
 };
 
 // True where the block rule fits the event, though the rule may have no text.
 [[nodiscard]] constexpr bool Applies(BlockOutcome outcome) {
-    return outcome == BlockOutcome::Sent || outcome == BlockOutcome::NoText;
+    return outcome == BlockOutcome::kSent || outcome == BlockOutcome::kNoText;
 }
 
 struct BlockDecision {
-    BlockOutcome outcome = BlockOutcome::Sent;
+    BlockOutcome outcome = BlockOutcome::kSent;
     uint32_t flags = 0;          // BlockRuleFlag; a subnet asks for its address too
     bool lacksIntruder = false;  // the intruder's address is asked for and has no text
     bool lacksVictim = false;    // the same for the victim's
     bool isDefaultEnd = false;   // the block rule has no duration
     std::time_t expiration = 0;  // seconds since the epoch; set with Sent and NoText
     QuarantineRule rule;         // as far as it was filled
-    QuarantineRule::TextFault textFault = QuarantineRule::TextFault::None;
+    QuarantineRule::TextFault textFault = QuarantineRule::TextFault::kNone;
     std::string text;  // set with Sent
 };
 
 [[nodiscard]] BlockDecision DecideBlock(const CrmEventSource& source, const BlockRule& blockRule);
 
 enum class CaptureOutcome {
-    Requested,   // the packet logging daemon is asked to keep the event's packet
-    NotAsked,    // the entry does not ask for packets
-    ScopeNamed,  // it asks, but for a scope that an event cannot give
+    kRequested,   // the packet logging daemon is asked to keep the event's packet
+    kNotAsked,    // the entry does not ask for packets
+    kScopeNamed,  // it asks, but for a scope that an event cannot give
 };
 
 [[nodiscard]] CaptureOutcome DecideCapture(uint32_t userResponseFlags);

@@ -125,12 +125,12 @@ int QuarantineRule::SetCounter(uint32_t counter) {
 int QuarantineRule::ToString(std::string& out) const {
     const TextFault fault = MakeText(out);
     LogText(fault, out);
-    return fault == TextFault::None ? 0 : -1;
+    return fault == TextFault::kNone ? 0 : -1;
 }
 
 QuarantineRule::TextFault QuarantineRule::MakeText(std::string& out) const {
     std::string text;
-    if (const TextFault fault = AppendFamily(text); fault != TextFault::None) {
+    if (const TextFault fault = AppendFamily(text); fault != TextFault::kNone) {
         return fault;
     }
     if (!m_intruderAddress.empty()) {
@@ -139,46 +139,46 @@ QuarantineRule::TextFault QuarantineRule::MakeText(std::string& out) const {
     if (!m_victimAddress.empty()) {
         text += " victim addr " + m_victimAddress;
     }
-    if (const TextFault fault = AppendProtocol(text); fault != TextFault::None) {
+    if (const TextFault fault = AppendProtocol(text); fault != TextFault::kNone) {
         return fault;
     }
     if (m_counter != 0) {
         text += " counter " + std::to_string(m_counter) + "b";
     }
-    if (const TextFault fault = AppendExpiration(text); fault != TextFault::None) {
+    if (const TextFault fault = AppendExpiration(text); fault != TextFault::kNone) {
         return fault;
     }
     out = std::move(text);
-    return TextFault::None;
+    return TextFault::kNone;
 }
 
 void QuarantineRule::LogText(TextFault fault, const std::string& text) const {
     Log* const log = Log::GetInstance();
     // The protocol comes before the expiration in the text, and so in the log.
-    if (fault != TextFault::IpVersion && fault != TextFault::Protocol &&
+    if (fault != TextFault::kIpVersion && fault != TextFault::kProtocol &&
         !IsNamedProtocol(m_protocol)) {
         log->Write(Log::kInfo, "Unrecognized protocol number %d.", m_protocol);
     }
     switch (fault) {
-        case TextFault::None:
+        case TextFault::kNone:
             log->Write(Log::kDebug, "Quarantine rule constructed: %s", text.c_str());
             break;
-        case TextFault::IpVersion:
+        case TextFault::kIpVersion:
             log->Write(Log::kError, "Unable to produce quarantine rule for IP version %d.",
                        m_ipVersion);
             break;
-        case TextFault::Protocol:
+        case TextFault::kProtocol:
             log->Write(Log::kError, "Invalid IP version (%d) and protocol (%d) combination.",
                        m_ipVersion, m_protocol);
             break;
-        case TextFault::NoExpiration:
+        case TextFault::kNoExpiration:
             log->Write(Log::kError, "Quarantine rule must have an expiration time.");
             break;
-        case TextFault::ExpirationTime:
+        case TextFault::kExpirationTime:
             log->Write(Log::kError, "Invalid expiration time (%d) for quarantine rule.",
                        Lower32(m_expiration));
             break;
-        case TextFault::ExpirationForm:
+        case TextFault::kExpirationForm:
             log->Write(
                 Log::kError,
                 "strftime() failed to create expiration time (%d) for quarantine rule in RFC-3339 format.",
@@ -191,39 +191,39 @@ QuarantineRule::TextFault QuarantineRule::AppendFamily(std::string& text) const 
     switch (m_ipVersion) {
         case kIpv4:
             text += "ip";
-            return TextFault::None;
+            return TextFault::kNone;
         case kIpv6:
             text += "ipv6";
-            return TextFault::None;
+            return TextFault::kNone;
         default:
-            return TextFault::IpVersion;
+            return TextFault::kIpVersion;
     }
 }
 
 QuarantineRule::TextFault QuarantineRule::AppendProtocol(std::string& text) const {
     switch (m_protocol) {
         case 0:
-            return TextFault::None;
+            return TextFault::kNone;
         case IPPROTO_ICMP:
         case IPPROTO_ICMPV6:
             if ((m_protocol == IPPROTO_ICMP) != (m_ipVersion == kIpv4)) {
-                return TextFault::Protocol;
+                return TextFault::kProtocol;
             }
             text += m_protocol == IPPROTO_ICMP ? " icmp" : " icmpv6";
             AppendIcmpFields(text);
-            return TextFault::None;
+            return TextFault::kNone;
         case IPPROTO_TCP:
             text += " tcp";
             AppendPorts(text);
-            return TextFault::None;
+            return TextFault::kNone;
         case IPPROTO_UDP:
             text += " udp";
             AppendPorts(text);
-            return TextFault::None;
+            return TextFault::kNone;
         default:
             // The security manager accepts any protocol by number, so the rule is valid.
             text += " proto " + std::to_string(m_protocol);
-            return TextFault::None;
+            return TextFault::kNone;
     }
 }
 
@@ -245,17 +245,17 @@ void QuarantineRule::AppendPorts(std::string& text) const {
 
 QuarantineRule::TextFault QuarantineRule::AppendExpiration(std::string& text) const {
     if (m_expiration == 0) {
-        return TextFault::NoExpiration;
+        return TextFault::kNoExpiration;
     }
     std::tm utc{};
     if (gmtime_r(&m_expiration, &utc) == nullptr) {
-        return TextFault::ExpirationTime;
+        return TextFault::kExpirationTime;
     }
     char buffer[255];
     if (std::strftime(buffer, sizeof(buffer), "%Y-%m-%dT%H:%M:%SZ", &utc) == 0) {
-        return TextFault::ExpirationForm;
+        return TextFault::kExpirationForm;
     }
     text += " expires ";
     text += buffer;
-    return TextFault::None;
+    return TextFault::kNone;
 }

@@ -19,12 +19,12 @@ class QuarantineRule {
 
     // Why a rule cannot be written.
     enum class TextFault {
-        None,            // it can
-        IpVersion,       // neither 4 nor 6
-        Protocol,        // ICMP of the other IP version
-        NoExpiration,    // no time was set
-        ExpirationTime,  // the time has no calendar date
-        ExpirationForm,  // the date has no text
+        kNone,            // it can
+        kIpVersion,       // neither 4 nor 6
+        kProtocol,        // ICMP of the other IP version
+        kNoExpiration,    // no time was set
+        kExpirationTime,  // the time has no calendar date
+        kExpirationForm,  // the date has no text
     };
 
     // 4 or 6. Returns 0, or -1 for any other number, which leaves the version as it was.

@@ -26,7 +26,7 @@ bool FailNextAllocation() {
     return t_nextFails;
 }
 
-__attribute__((weak)) void* operator new(std::size_t size) {
+__attribute__((weak)) void* operator new(size_t size) {
     ++t_count;
     void* const memory = t_nextFails ? nullptr : std::malloc(size == 0 ? 1 : size);
     t_nextFails = false;
@@ -35,13 +35,13 @@ __attribute__((weak)) void* operator new(std::size_t size) {
     }
     return memory;
 }
-__attribute__((weak)) void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+__attribute__((weak)) void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
     ++t_count;
     return std::exchange(t_nextFails, false) ? nullptr : std::malloc(size == 0 ? 1 : size);
 }
 __attribute__((weak)) void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-__attribute__((weak)) void operator delete(void* memory, std::size_t) noexcept {
+__attribute__((weak)) void operator delete(void* memory, size_t) noexcept {
     std::free(memory);
 }

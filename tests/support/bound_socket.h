@@ -46,7 +46,7 @@ class BoundSocket {
         }
         Bytes datagram(1 << 18);  // more than a socket's buffer takes
         const ssize_t length = recv(m_fd, datagram.data(), datagram.size(), MSG_DONTWAIT);
-        datagram.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
+        datagram.resize(length < 0 ? 0 : static_cast<size_t>(length));
         return datagram;
     }
 

@@ -28,7 +28,7 @@ class CrmMessageSocket {
         }
         std::memcpy(&header, message.data(), sizeof(header));
         const std::string text(message.begin() + sizeof(header), message.end() - 1);
-        return (header.kind == tarn::crm::MessageKind::Error ? "E " : "I ") + text;
+        return (header.kind == tarn::crm::MessageKind::kError ? "E " : "I ") + text;
     }
 
   private:

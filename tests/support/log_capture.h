@@ -31,8 +31,8 @@ class LogCapture {
         std::istringstream lines(Text());
         for (std::string line; std::getline(lines, line);) {
             // "2026/11/12 14:12:01.123 T:140 text"
-            const std::size_t thread = line.find(" T:");
-            const std::size_t text = line.find(' ', thread + 3);
+            const size_t thread = line.find(" T:");
+            const size_t text = line.find(' ', thread + 3);
             messages.push_back(text == std::string::npos ? line : line.substr(text + 1));
         }
         return messages;

@@ -58,7 +58,7 @@ class PacketLogCtrlIFPeer {
     static uint32_t LastFrameNotSent(const PacketLogCtrlIF& c) { return c.m_uLastFrameNotSent; }
     static uint32_t RepeatConnections(const PacketLogCtrlIF& c) { return c.m_uRepeatConnections; }
     static uint32_t InterfaceMask(const PacketLogCtrlIF& c) { return c.m_uLEInterfaceMask; }
-    static std::atomic<int32_t>& InterfaceCount(PacketLogCtrlIF& c, std::size_t interface) {
+    static std::atomic<int32_t>& InterfaceCount(PacketLogCtrlIF& c, size_t interface) {
         return c.m_aLEInterfaces.at(interface);
     }
     static std::atomic<uint16_t>& NextCaptureId(PacketLogCtrlIF& c) { return c.m_uNextCaptureId; }

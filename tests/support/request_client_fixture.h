@@ -25,17 +25,17 @@ constexpr int32_t kLimit = 1;          // seconds, where the limit is meant to r
 constexpr int32_t kPlentyOfTime = 60;  // where it is not
 
 // The bytes 0, 1, 2 and so on.
-inline StreamPeer::Bytes Iota(std::size_t length) {
+inline StreamPeer::Bytes Iota(size_t length) {
     StreamPeer::Bytes bytes(length);
-    for (std::size_t i = 0; i < length; ++i) {
+    for (size_t i = 0; i < length; ++i) {
         bytes[i] = static_cast<uint8_t>(i);
     }
     return bytes;
 }
 
-inline std::size_t OpenDescriptors() {
+inline size_t OpenDescriptors() {
     const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+    return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
 // The number that the next descriptor gets, by which a test knows the client's own.

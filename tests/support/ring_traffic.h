@@ -24,7 +24,7 @@ class RingTraffic {
             dice % 512 == 0 ? 8 + Random() % (largest - 7) : 8 + (dice >> 9U) % 593;
         m_message.resize(length);
         const uint64_t filler = uint64_t{Random()} * 0x9E3779B97F4A7C15U;
-        std::size_t at = 8;
+        size_t at = 8;
         for (uint64_t word = filler; at + 8 <= length; at += 8, word += filler) {
             std::memcpy(&m_message[at], &word, 8);
         }
@@ -60,7 +60,7 @@ class RingTraffic {
 
     static uint32_t Checksum(std::span<const unsigned char> message) {
         uint64_t sum = message.size();
-        std::size_t at = 8;
+        size_t at = 8;
         for (; at + 8 <= message.size(); at += 8) {
             uint64_t word = 0;
             std::memcpy(&word, &message[at], 8);

@@ -34,11 +34,11 @@ class StreamPeer {
         Session(int fd, int stop) : m_fd(fd), m_stop(stop) {}
 
         // Up to length bytes; fewer when the client closes or the stand-in is to end.
-        Bytes Read(std::size_t length) const {
+        Bytes Read(size_t length) const {
             Bytes bytes;
             while (bytes.size() < length && AwaitInput()) {
                 uint8_t piece[4096];
-                const std::size_t rest = length - bytes.size();
+                const size_t rest = length - bytes.size();
                 const ssize_t got =
                     recv(m_fd, piece, rest < sizeof(piece) ? rest : sizeof(piece), 0);
                 if (got <= 0) {
@@ -130,7 +130,7 @@ class StreamPeer {
 
   private:
     void Run() {
-        for (std::size_t turn = 0;; ++turn) {
+        for (size_t turn = 0;; ++turn) {
             pollfd fds[] = {{m_listener.Descriptor(), POLLIN, 0}, {m_stop, POLLIN, 0}};
             if (poll(fds, 2, -1) <= 0 || fds[1].revents != 0) {
                 return;

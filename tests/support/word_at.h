@@ -10,7 +10,7 @@
 #include <stdexcept>
 
 // The word at an offset. Throws std::out_of_range where the bytes do not reach.
-inline uint32_t WordAt(std::span<const uint8_t> bytes, std::size_t offset) {
+inline uint32_t WordAt(std::span<const uint8_t> bytes, size_t offset) {
     uint32_t word = 0;
     if (bytes.size() < sizeof(word) || offset > bytes.size() - sizeof(word)) {
         throw std::out_of_range("no whole word there");

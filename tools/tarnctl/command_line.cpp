@@ -23,7 +23,7 @@ namespace tarnctl {
 namespace {
 
 constexpr const char* kProgram = "tarnctl";
-constexpr std::size_t kShortOption = 2;  // letters of "-c"
+constexpr size_t kShortOption = 2;  // letters of "-c"
 
 constexpr const char* kExamples =
     R"(Data goes to standard output and messages to standard error; a file named - is standard input or
@@ -81,7 +81,7 @@ class CommandLine {
         if (m_completion->parsed()) {
             return ShowCompletion();
         }
-        for (std::size_t i = 0; i < m_commands.size(); ++i) {
+        for (size_t i = 0; i < m_commands.size(); ++i) {
             if (m_added[i]->parsed()) {
                 return m_commands[i]->Run(m_out, m_err);
             }
@@ -91,8 +91,8 @@ class CommandLine {
 
   private:
     // The columns of a help: those of the usual page, or of a terminal that is narrower.
-    static std::size_t HelpColumns() {
-        const std::size_t terminal = TerminalWidth(STDOUT_FILENO);
+    static size_t HelpColumns() {
+        const size_t terminal = TerminalWidth(STDOUT_FILENO);
         return terminal == 0 ? kHelpWidth : std::min(terminal, kHelpWidth);
     }
 
@@ -168,8 +168,8 @@ class CommandLine {
     }
 
     // The first option from the word `first` on that the command does not have, or an empty text.
-    [[nodiscard]] std::string UnknownOption(const CLI::App& command, std::size_t first) const {
-        for (std::size_t i = first; i < m_words.size() && m_words[i] != "--"; ++i) {
+    [[nodiscard]] std::string UnknownOption(const CLI::App& command, size_t first) const {
+        for (size_t i = first; i < m_words.size() && m_words[i] != "--"; ++i) {
             const std::string& word = m_words[i];
             if (!word.starts_with('-') || word == "-") {
                 continue;
@@ -190,7 +190,7 @@ class CommandLine {
     const std::vector<std::string> m_words;
     std::ostream& m_out;
     std::ostream& m_err;
-    const std::size_t m_width = HelpColumns();
+    const size_t m_width = HelpColumns();
     // The options that the parser fills are within the commands, so these outlive it.
     const std::vector<std::unique_ptr<SubCommand>> m_commands = MakeSubCommands();
     CLI::App m_app{"The companion command of tarn: watches and feeds a running daemon.", kProgram};

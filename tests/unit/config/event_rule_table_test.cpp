@@ -154,9 +154,9 @@ TEST_F(EventRuleTableCommit, OrdersTheKeysOfOneBucketWhicheverCameFirst) {
             Enter(id);
         }
         const std::string dump = Dumped();
-        const std::size_t first = dump.find("ID:1\n");
-        const std::size_t second = dump.find("ID:257\n");
-        const std::size_t third = dump.find("ID:513\n");
+        const size_t first = dump.find("ID:1\n");
+        const size_t second = dump.find("ID:257\n");
+        const size_t third = dump.find("ID:513\n");
         ASSERT_NE(std::string::npos, third);
         EXPECT_LT(first, second);
         EXPECT_LT(second, third);

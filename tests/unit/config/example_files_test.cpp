@@ -25,7 +25,7 @@ TEST_F(ExampleFiles, MainFileHoldsEveryKeyWithItsStartValue) {
     Config::Dump();
     const std::vector<std::string> start = log.Messages();
     ASSERT_EQ(17U, start.size());
-    for (std::size_t key = 1; key + 1 < start.size(); ++key) {
+    for (size_t key = 1; key + 1 < start.size(); ++key) {
         EXPECT_NE(std::string::npos, example.find("\n" + start[key] + "\n")) << start[key];
     }
     LoadMain(example);

@@ -95,7 +95,7 @@ TEST_F(MsgCommMessage, KeepsTheLastByteOfA512ByteTextAsItsNul) {
 }
 
 TEST_F(MsgCommMessage, KeepsALongerTextWithoutANulAtTheCut) {
-    for (const std::size_t length : {513U, 514U, 5000U}) {
+    for (const size_t length : {513U, 514U, 5000U}) {
         const std::string text(length, 'x');
         const Bytes message = MessageOf(text.c_str(), false);
         ASSERT_EQ(533U, message.size());

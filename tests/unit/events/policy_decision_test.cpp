@@ -70,31 +70,31 @@ TEST(DecideReport, NamesASignatureWithoutAnEntryByItsNumber) {
 TEST(DecideQuarantine, AsksForTheBitOfTheTraffic) {
     const std::list<BlockRule> rules(1);
     for (const int protocol : std::initializer_list<int>{IPPROTO_ICMP, IPPROTO_ICMPV6}) {
-        EXPECT_EQ(QuarantineOutcome::Considered, DecideQuarantine(protocol, 0x08, rules));
-        EXPECT_EQ(QuarantineOutcome::NoResponse, DecideQuarantine(protocol, 0xF7, rules));
+        EXPECT_EQ(QuarantineOutcome::kConsidered, DecideQuarantine(protocol, 0x08, rules));
+        EXPECT_EQ(QuarantineOutcome::kNoResponse, DecideQuarantine(protocol, 0xF7, rules));
     }
     for (const int protocol :
          std::initializer_list<int>{IPPROTO_TCP, IPPROTO_UDP, 0, IPPROTO_GRE}) {
-        EXPECT_EQ(QuarantineOutcome::Considered, DecideQuarantine(protocol, 0x04, rules));
-        EXPECT_EQ(QuarantineOutcome::NoResponse, DecideQuarantine(protocol, 0xFB, rules));
+        EXPECT_EQ(QuarantineOutcome::kConsidered, DecideQuarantine(protocol, 0x04, rules));
+        EXPECT_EQ(QuarantineOutcome::kNoResponse, DecideQuarantine(protocol, 0xFB, rules));
     }
 }
 
 TEST(DecideQuarantine, TellsAnEntryWithoutRulesFromOneWithoutAResponse) {
-    EXPECT_EQ(QuarantineOutcome::NoRules, DecideQuarantine(IPPROTO_TCP, 0x0C, {}));
-    EXPECT_EQ(QuarantineOutcome::NoResponse, DecideQuarantine(IPPROTO_TCP, 0, {}));
+    EXPECT_EQ(QuarantineOutcome::kNoRules, DecideQuarantine(IPPROTO_TCP, 0x0C, {}));
+    EXPECT_EQ(QuarantineOutcome::kNoResponse, DecideQuarantine(IPPROTO_TCP, 0, {}));
 }
 
 TEST(DecideBlock, GivesTheTextAndItsEnd) {
     const BlockDecision decision =
         Decide(Source(4, IPPROTO_TCP), kBlockIntruderAddress | kBlockVictimPort, 600);
-    EXPECT_EQ(BlockOutcome::Sent, decision.outcome);
+    EXPECT_EQ(BlockOutcome::kSent, decision.outcome);
     EXPECT_EQ("ip intruder addr 10.0.0.1 tcp src port 0 dst port 80 expires 2026-11-12T15:10:00Z",
               decision.text);
     EXPECT_EQ(static_cast<std::time_t>(kEventTime + 600), decision.expiration);
     EXPECT_FALSE(decision.isDefaultEnd);
     EXPECT_FALSE(decision.lacksIntruder || decision.lacksVictim);
-    EXPECT_EQ(TextFault::None, decision.textFault);
+    EXPECT_EQ(TextFault::kNone, decision.textFault);
 }
 
 TEST(DecideBlock, EndsAnHourAfterTheEventWithoutADuration) {
@@ -117,44 +117,44 @@ TEST(DecideBlock, SubnetsStandForTheirAddresses) {
 TEST(DecideBlock, SaysWhyARuleDoesNotFit) {
     const CrmEventSource tcp = Source(4, IPPROTO_TCP);
     const CrmEventSource icmp = Source(4, IPPROTO_ICMP);
-    EXPECT_EQ(BlockOutcome::OtherFamily,
+    EXPECT_EQ(BlockOutcome::kOtherFamily,
               Decide(tcp, kBlockIntruderAddress | kBlockIcmpType).outcome);
-    EXPECT_EQ(BlockOutcome::OtherFamily, Decide(tcp, kBlockIcmpCode).outcome);
-    EXPECT_EQ(BlockOutcome::OtherFamily, Decide(icmp, kBlockIntruderPort).outcome);
-    EXPECT_EQ(BlockOutcome::OtherFamily,
+    EXPECT_EQ(BlockOutcome::kOtherFamily, Decide(tcp, kBlockIcmpCode).outcome);
+    EXPECT_EQ(BlockOutcome::kOtherFamily, Decide(icmp, kBlockIntruderPort).outcome);
+    EXPECT_EQ(BlockOutcome::kOtherFamily,
               Decide(icmp, kBlockVictimAddress | kBlockVictimPort).outcome);
-    EXPECT_EQ(BlockOutcome::NothingNamed, Decide(tcp, 0).outcome);
-    EXPECT_EQ(BlockOutcome::NothingNamed, Decide(icmp, kBlockIssue).outcome);
+    EXPECT_EQ(BlockOutcome::kNothingNamed, Decide(tcp, 0).outcome);
+    EXPECT_EQ(BlockOutcome::kNothingNamed, Decide(icmp, kBlockIssue).outcome);
     EXPECT_EQ("", Decide(tcp, 0).text);
     EXPECT_EQ(0, Decide(tcp, 0).expiration);
 }
 
 TEST(DecideBlock, SaysWhyARuleHasNoText) {
     const BlockDecision mixed = Decide(Source(6, IPPROTO_ICMP), kBlockIcmpType);
-    EXPECT_EQ(BlockOutcome::NoText, mixed.outcome);
-    EXPECT_EQ(TextFault::Protocol, mixed.textFault);
+    EXPECT_EQ(BlockOutcome::kNoText, mixed.outcome);
+    EXPECT_EQ(TextFault::kProtocol, mixed.textFault);
     EXPECT_EQ("", mixed.text);
 
     const CrmEventSource tcp = Source(4, IPPROTO_TCP);
     constexpr uint64_t kToTheEnd = std::numeric_limits<uint64_t>::max();
     const BlockDecision wrapped = Decide(tcp, kBlockVictimPort, kToTheEnd - kEventTime + 1);
-    EXPECT_EQ(BlockOutcome::NoText, wrapped.outcome);
+    EXPECT_EQ(BlockOutcome::kNoText, wrapped.outcome);
     EXPECT_EQ(0, wrapped.expiration);
-    EXPECT_EQ(TextFault::NoExpiration, wrapped.textFault);
+    EXPECT_EQ(TextFault::kNoExpiration, wrapped.textFault);
 
     const BlockDecision far = Decide(tcp, kBlockVictimPort, uint64_t{1} << 62);
-    EXPECT_EQ(BlockOutcome::NoText, far.outcome);
-    EXPECT_EQ(TextFault::ExpirationTime, far.textFault);
+    EXPECT_EQ(BlockOutcome::kNoText, far.outcome);
+    EXPECT_EQ(TextFault::kExpirationTime, far.textFault);
 }
 
 TEST(DecideBlock, AppliesWhereTheRuleFitsThoughItHasNoText) {
     using tarn::policy::Applies;
-    EXPECT_TRUE(Applies(BlockOutcome::Sent));
-    EXPECT_TRUE(Applies(BlockOutcome::NoText));
-    EXPECT_FALSE(Applies(BlockOutcome::OtherFamily));
-    EXPECT_FALSE(Applies(BlockOutcome::NothingNamed));
-    EXPECT_FALSE(Applies(BlockOutcome::NoAddress));
-    EXPECT_FALSE(Applies(BlockOutcome::NoIpVersion));
+    EXPECT_TRUE(Applies(BlockOutcome::kSent));
+    EXPECT_TRUE(Applies(BlockOutcome::kNoText));
+    EXPECT_FALSE(Applies(BlockOutcome::kOtherFamily));
+    EXPECT_FALSE(Applies(BlockOutcome::kNothingNamed));
+    EXPECT_FALSE(Applies(BlockOutcome::kNoAddress));
+    EXPECT_FALSE(Applies(BlockOutcome::kNoIpVersion));
 }
 
 TEST(DecideBlock, LogsNothing) {
@@ -172,16 +172,16 @@ TEST(DecideBlock, LogsNothing) {
 }
 
 TEST(DecideCapture, WantsThePacketOfAnEntryThatAsksForEvidence) {
-    EXPECT_EQ(CaptureOutcome::Requested,
+    EXPECT_EQ(CaptureOutcome::kRequested,
               DecideCapture(kUserResponseLogEvidence | kUserResponseLogPackets));
-    EXPECT_EQ(CaptureOutcome::NotAsked,
+    EXPECT_EQ(CaptureOutcome::kNotAsked,
               DecideCapture(kUserResponseWithRaw | kUserResponseWithoutRaw));
 }
 
 TEST(DecideCapture, KeepsAWordForAScopeFromAskingForPackets) {
     for (const uint32_t scope :
          {kUserResponseLogConnection, kUserResponseLogInterface, kUserResponseLogAllInterfaces}) {
-        EXPECT_EQ(CaptureOutcome::ScopeNamed, DecideCapture(kUserResponseLogEvidence | scope));
+        EXPECT_EQ(CaptureOutcome::kScopeNamed, DecideCapture(kUserResponseLogEvidence | scope));
     }
 }
 

@@ -121,7 +121,7 @@ class QuarantinePolicy : public EventBridgeFixture {
     TempDir m_dir;
     std::vector<uint32_t> m_statuses{15};
     StreamPeer m_manager{m_dir.File("manager"), [this](StreamPeer::Session& session) {
-                             std::size_t turn = 0;
+                             size_t turn = 0;
                              while (true) {
                                  StreamPeer::Bytes request = session.ReadRequest();
                                  if (request.size() < 8) {
@@ -285,7 +285,7 @@ class QuarantineCombination : public QuarantinePolicy, public testing::WithParam
 TEST_P(QuarantineCombination, FollowsTheTableForEachSetOfBits) {
     const Kind& kind = GetParam();
     const std::unique_ptr<CrmEventSource> source(MakeSource(kind.version, kind.protocol));
-    std::size_t sent = 0;
+    size_t sent = 0;
     for (uint32_t bits = 0; bits <= 0x1FF; ++bits) {
         SCOPED_TRACE(Hex4(bits));
         const Expected expected = Expect(kind, bits, sent > 0);
@@ -397,7 +397,7 @@ TEST_F(QuarantinePolicy, ResponseCountsForItsOwnKindOfTraffic) {
         for (uint32_t response = 0; response <= 0x0F; ++response) {
             const bool isAsked = (response & (kind.isIcmp ? 0x08U : 0x04U)) != 0;
             const bool isAdded = isAsked && kind.piece != nullptr;
-            const std::size_t before = m_manager.Requests().size();
+            const size_t before = m_manager.Requests().size();
             EXPECT_EQ(isAdded ? 0 : 1,
                       EventBridgePeer::ApplyQuarantinePolicy(*m_bridge, *source, response, {rule}))
                 << kind.name << ", response " << response;

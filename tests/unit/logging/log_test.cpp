@@ -433,7 +433,7 @@ void LogTermination(int) {
 
 // The handler runs after the call that it interrupts and finds no lock held.
 TEST_F(LogSafety, HoldsASignalHandlerBackUntilTheSystemLogIsDone) {
-    static std::size_t linesAfterTheSignal = 0;
+    static size_t linesAfterTheSignal = 0;
     const StderrCapture captured;
     const auto former = signal(SIGTERM, LogTermination);
     for (const bool open : {false, true}) {

@@ -17,10 +17,10 @@ uint64_t Reference64B(const Key& key, uint64_t seed) {
     constexpr uint64_t kFactor = 1540483477;
     const auto times = [](uint64_t a) { return a * kFactor % kModulo; };
     uint64_t lanes[2] = {(seed % kModulo) ^ key.size(), seed / kModulo};
-    const std::size_t words = key.size() / 4;
-    for (std::size_t word = 0; word < words; ++word) {
+    const size_t words = key.size() / 4;
+    for (size_t word = 0; word < words; ++word) {
         uint64_t value = 0;
-        for (std::size_t byte = 4; byte-- > 0;) {
+        for (size_t byte = 4; byte-- > 0;) {
             value = value * 256 + key[4 * word + byte];
         }
         value = times(value);
@@ -29,7 +29,7 @@ uint64_t Reference64B(const Key& key, uint64_t seed) {
     }
     if (key.size() % 4 != 0) {
         uint64_t rest = 0;
-        for (std::size_t byte = key.size(); byte-- > 4 * words;) {
+        for (size_t byte = key.size(); byte-- > 4 * words;) {
             rest = rest * 256 + key[byte];
         }
         lanes[1] = times(lanes[1] ^ rest);
@@ -42,9 +42,9 @@ uint64_t Reference64B(const Key& key, uint64_t seed) {
     return lanes[0] * kModulo + lanes[1];
 }
 
-Key CountingKey(std::size_t length) {
+Key CountingKey(size_t length) {
     Key key(length);
-    for (std::size_t i = 0; i < length; ++i) {
+    for (size_t i = 0; i < length; ++i) {
         key[i] = static_cast<unsigned char>(i);
     }
     return key;
@@ -140,7 +140,7 @@ TEST(MurmurHash64B, HasThePublishedVerificationValue) {
 
 TEST(MurmurHash64B, MatchesASecondImplementationAtEveryLength) {
     for (const uint64_t seed : {uint64_t{0}, kConnectionHashSeed, ~uint64_t{0}}) {
-        for (std::size_t length = 0; length <= 100; ++length) {
+        for (size_t length = 0; length <= 100; ++length) {
             const Key key = CountingKey(length);
             EXPECT_EQ(MurmurHash64B(key.data(), length, seed), Reference64B(key, seed)) << length;
         }

@@ -63,7 +63,7 @@ TEST_F(PacketLogCounts, EightThreadsReachTheDaemonWithWholeDatagrams) {
             if (!datagram.empty()) {
                 ++received;
                 ASSERT_EQ(128U + WordAt(datagram, 92), datagram.size());
-                for (std::size_t at = 128; at < datagram.size(); ++at) {
+                for (size_t at = 128; at < datagram.size(); ++at) {
                     ASSERT_EQ(datagram[96], datagram[at]);  // the thread's own byte
                 }
             } else if (last) {
@@ -109,7 +109,7 @@ TEST_F(PacketLogCounts, RaisesAnInterfaceToTheCountAndNotBeyond) {
     EXPECT_EQ(100, Peer::InterfaceCount(*m_control, 3));
     EXPECT_EQ(0, Peer::InterfaceCount(*m_control, 2));
     EXPECT_EQ(0, m_control->SendInterfaceCapture(kAllInterfaces, 1, 1000, nullptr));
-    for (std::size_t interface = 0; interface < 16; ++interface) {
+    for (size_t interface = 0; interface < 16; ++interface) {
         EXPECT_EQ(interface == 4 ? 250 : 100, Peer::InterfaceCount(*m_control, interface));
     }
     EXPECT_EQ(0, m_control->SendInterfaceCapture(16, 1, 1000, nullptr)) << "beyond the counts";
@@ -126,7 +126,7 @@ TEST_F(PacketLogCounts, RaisesAnInterfaceToTheConfiguredCount) {
     }
     ASSERT_EQ(1, m_control->SetIntParameter("engine.logevidence.count", 9));
     EXPECT_EQ(0, m_control->SendInterfaceCapture(kAllInterfaces, 1, 1000, nullptr));
-    for (std::size_t interface = 0; interface < 16; ++interface) {
+    for (size_t interface = 0; interface < 16; ++interface) {
         EXPECT_EQ(9, Peer::InterfaceCount(*m_control, interface));
     }
 }

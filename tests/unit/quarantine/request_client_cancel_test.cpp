@@ -38,7 +38,7 @@ bool IsCancelledIn(const std::function<void(RequestClient&)>& call,
 }
 
 TEST_F(RequestClientCancel, LandsInTheWaitForAnAnswer) {
-    const std::size_t before = OpenDescriptors();
+    const size_t before = OpenDescriptors();
     {
         std::promise<void> asked;
         StreamPeer peer(m_path, [&](Session& session) {
@@ -58,7 +58,7 @@ TEST_F(RequestClientCancel, LandsInTheWaitForAnAnswer) {
 }
 
 TEST_F(RequestClientCancel, LandsInABodyThatNeverComes) {
-    const std::size_t before = OpenDescriptors();
+    const size_t before = OpenDescriptors();
     for (const bool asRecords : {false, true}) {
         std::promise<void> headerTaken;
         StreamPeer peer(m_path, [&](Session& session) {
@@ -86,7 +86,7 @@ TEST_F(RequestClientCancel, LandsInABodyThatNeverComes) {
 }
 
 TEST_F(RequestClientCancel, LandsInAConnectWithoutALimit) {
-    const std::size_t before = OpenDescriptors();
+    const size_t before = OpenDescriptors();
     {
         const BoundSocket listener(SOCK_STREAM, m_path);
         ASSERT_EQ(0, listen(listener.Descriptor(), 0));

@@ -156,7 +156,7 @@ TEST_F(RequestClientReceiveRecords, GivesTheHeaderAVectorAndTheRecords) {
     EXPECT_EQ(8U + 12U, m_size);
     EXPECT_EQ((Bytes{9, 0, 0, 0, 3, 0, 0, 0}), Bytes(m_response.get(), m_response.get() + 8));
     const auto* vector = reinterpret_cast<const iovec*>(m_response.get() + 8);
-    for (std::size_t i = 0; i < 3; ++i) {
+    for (size_t i = 0; i < 3; ++i) {
         EXPECT_EQ(m_response.get() + 8 + 3 * sizeof(iovec) + 4 * i, vector[i].iov_base);
         EXPECT_EQ(4U, vector[i].iov_len);
     }
@@ -165,7 +165,7 @@ TEST_F(RequestClientReceiveRecords, GivesTheHeaderAVectorAndTheRecords) {
 }
 
 TEST_F(RequestClientReceiveRecords, PutsRecordsTogetherThatComeInPieces) {
-    constexpr std::size_t kCount = 5000;  // more than one readv takes entries
+    constexpr size_t kCount = 5000;  // more than one readv takes entries
     const Bytes records = Iota(kCount * 3);
     ConnectTo([&](Session& session) {
         session.SendWords(0, kCount);

@@ -96,7 +96,7 @@ TEST_F(RequestClientConnect, GivesABlockingSocketThatNoChildInherits) {
 }
 
 TEST_F(RequestClientConnect, ReportsAPathWithNoSocket) {
-    const std::size_t before = OpenDescriptors();
+    const size_t before = OpenDescriptors();
     EXPECT_FALSE(m_client.Connect(m_path.c_str(), 1));
     EXPECT_FALSE(m_client.Connect(m_path.c_str(), 0));
     EXPECT_THAT(m_reports,
@@ -184,7 +184,7 @@ TEST_F(RequestClientConnect, GivesUpWhenTheLimitRunsOut) {
         errno = EINPROGRESS;
         return -1;
     };
-    const std::size_t before = OpenDescriptors();
+    const size_t before = OpenDescriptors();
     const auto start = steady_clock::now();
     EXPECT_FALSE(m_client.Connect(m_path.c_str(), kLimit));
     EXPECT_GE(steady_clock::now() - start, std::chrono::seconds(kLimit));
@@ -274,16 +274,16 @@ TEST_F(RequestClientSendRequest, FailsWithoutASignalWhenThePeerClosed) {
 
 TEST_F(RequestClientSendRequest, KeepsAShortSendForASuccess) {
     std::promise<void> sent;
-    std::promise<std::size_t> arrived;
+    std::promise<size_t> arrived;
     ConnectTo([&](Session& session) {
         sent.get_future().wait();
-        arrived.set_value(session.Read(std::size_t{64} << 20).size());
+        arrived.set_value(session.Read(size_t{64} << 20).size());
     });
-    const Bytes body(std::size_t{32} << 20);
+    const Bytes body(size_t{32} << 20);
     EXPECT_TRUE(m_client.SendRequest(7, body.data(), body.size()));
     sent.set_value();
     m_client.Disconnect();
-    const std::size_t count = arrived.get_future().get();
+    const size_t count = arrived.get_future().get();
     EXPECT_GT(count, 8U);
     EXPECT_LT(count, body.size());
 }
@@ -335,7 +335,7 @@ TEST_F(RequestClientTransact, DisconnectsWhenAnAnswerFindsNoMemory) {
         GTEST_SKIP() << "the sanitizer's allocator cannot be made to fail";
     }
     EXPECT_THROW(::operator delete(::operator new(1)), std::bad_alloc) << "takes the failure";
-    const std::size_t before = OpenDescriptors();
+    const size_t before = OpenDescriptors();
     for (const bool asRecords : {false, true}) {
         const std::string path = m_path + (asRecords ? "records" : "response");
         StreamPeer peer(path, [&](Session& session) {
@@ -382,10 +382,6 @@ TEST_F(RequestClientTransact, ReceivesRecords) {
     m_response.reset(buffer);
     EXPECT_EQ(14U, m_size);
     EXPECT_FALSE(m_client.SendRequest(1, nullptr, 0));
-}
-
-TEST(RequestClientFreeResponse, TakesNull) {
-    RequestClient::FreeResponse(nullptr);  // a failure ends the test program
 }
 
 }  // namespace

@@ -43,13 +43,13 @@ class EventQueueTest : public testing::Test {
         sem_unlink(Semaphore().c_str());
     }
 
-    static void Send(EventQueue& queue, std::size_t ring, const Bytes& message) {
+    static void Send(EventQueue& queue, size_t ring, const Bytes& message) {
         const auto length = static_cast<uint32_t>(message.size());
         ASSERT_EQ(PIPE_OK, queue.m_pairs[0]->m_aPipes[ring].write(message.data(), &length));
         ASSERT_EQ(0, sem_post(queue.m_pSem));
     }
 
-    static Bytes Receive(EventQueue& queue, std::size_t pair, std::size_t ring) {
+    static Bytes Receive(EventQueue& queue, size_t pair, size_t ring) {
         Bytes message(4096);
         uint32_t size = 4096;
         (void)queue.m_pairs[pair]->m_aPipes[ring].read(message.data(), &size);
@@ -105,7 +105,7 @@ TEST_F(EventQueueReader, HasOnePairForEachIndexBelowItsCount) {
     EXPECT_EQ(Semaphore(), queue.m_strSemName);
     EXPECT_EQ(0, queue.m_iWriterSide);
     for (int index = 0; index < 3; ++index) {
-        const ShmEventPipePair& pair = *queue.m_pairs[static_cast<std::size_t>(index)];
+        const ShmEventPipePair& pair = *queue.m_pairs[static_cast<size_t>(index)];
         EXPECT_EQ(READER, pair.m_eRole);
         EXPECT_EQ(Ring(index, 0), pair.m_aPipes[0].m_strPath);
         EXPECT_EQ(Ring(index, 1), pair.m_aPipes[1].m_strPath);

@@ -12,7 +12,7 @@ namespace {
 constexpr uint32_t kFileSize = 40;
 
 // The bytes of the file after one of the steps.
-Bytes GoldenStep(std::ptrdiff_t step) {
+Bytes GoldenStep(ptrdiff_t step) {
     const Bytes all = GoldenBytes("ring_sequence.txt");
     EXPECT_EQ(7 * kFileSize, all.size());
     const auto begin = all.begin() + step * kFileSize;

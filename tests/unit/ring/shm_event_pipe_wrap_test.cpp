@@ -271,7 +271,7 @@ TEST_F(ShmEventPipeWrap, StaysInsideWhateverThePeerWrites) {
                 }
                 if (random() % 2 == 0) {
                     Bytes message = Counting(random() % (ring + 4));
-                    const std::size_t cut = random() % (message.size() + 1);
+                    const size_t cut = random() % (message.size() + 1);
                     const iovec pieces[] = {{message.data(), cut},
                                             {message.data() + cut, message.size() - cut}};
                     ASSERT_LE(writer.write(pieces, 2), PIPE_ERROR);

@@ -47,7 +47,7 @@ bool FitsEventOf(unsigned short protocol, uint32_t blockFlags) {
 
 std::string Joined(const std::vector<std::string>& parts, const char* last) {
     std::string text;
-    for (std::size_t index = 0; index < parts.size(); ++index) {
+    for (size_t index = 0; index < parts.size(); ++index) {
         text += index == 0 ? "" : index + 1 == parts.size() ? last : ", ";
         text += parts[index];
     }

@@ -75,7 +75,7 @@ void Show(const CheckOptions& options, const CheckResult& result, std::ostream& 
 }
 
 // How many of the files that are named are standard input.
-std::ptrdiff_t InputsOf(const CheckOptions& options) {
+ptrdiff_t InputsOf(const CheckOptions& options) {
     const auto isInput = [](const std::string& path) { return path == "-"; };
     const std::string* const files[] = {&options.configFile, &options.eventFile,
                                         &options.stateFile};

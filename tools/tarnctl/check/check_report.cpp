@@ -40,24 +40,24 @@ struct Excerpt {
 };
 
 // `room` is the columns for all of it; 0 is no limit, but for what is far from the mark.
-Excerpt ExcerptOf(const FindingPlace& place, std::size_t room) {
-    constexpr std::size_t kAround = 100;  // bytes on both sides of the mark, and of the mark
+Excerpt ExcerptOf(const FindingPlace& place, size_t room) {
+    constexpr size_t kAround = 100;  // bytes on both sides of the mark, and of the mark
     constexpr std::string_view kMore = "...";
     const std::string& text = place.text;
-    const std::size_t at = std::min(place.column - 1, text.size());
-    std::size_t marked = std::min({place.length, kAround, text.size() - at});
-    std::size_t before = std::min(at, kAround);
-    std::size_t after = std::min(text.size() - at - marked, kAround);
+    const size_t at = std::min(place.column - 1, text.size());
+    size_t marked = std::min({place.length, kAround, text.size() - at});
+    size_t before = std::min(at, kAround);
+    size_t after = std::min(text.size() - at - marked, kAround);
     if (room != 0 && text.size() > room) {
-        const std::size_t shown = room > 2 * kMore.size() + 2 ? room - 2 * kMore.size() : 2;
+        const size_t shown = room > 2 * kMore.size() + 2 ? room - 2 * kMore.size() : 2;
         marked = std::min(marked, shown);
-        const std::size_t rest = shown - marked;
+        const size_t rest = shown - marked;
         before = std::min(before, std::max(rest / 2, rest - std::min(rest, after)));
         after = std::min(after, rest - before);
     }
-    const std::size_t begin = at - before;
-    const std::size_t end = at + marked;
-    const std::size_t last = end + after;
+    const size_t begin = at - before;
+    const size_t end = at + marked;
+    const size_t last = end + after;
     return {(begin > 0 ? std::string(kMore) : "") + ForTerminal(text.substr(begin, before)),
             ForTerminal(text.substr(at, marked)),
             ForTerminal(text.substr(end, after)) + (last < text.size() ? std::string(kMore) : "")};
@@ -67,10 +67,10 @@ void WriteExcerpt(const FindingPlace& place, const Display& display, Color color
                   std::ostream& out) {
     const std::string number = std::to_string(place.line);
     const std::string margin = "  " + std::string(number.size(), ' ') + " | ";
-    const std::size_t width = display.Width();
-    const std::size_t room = width == 0 ? 0 : width - std::min(width - 1, margin.size());
+    const size_t width = display.Width();
+    const size_t room = width == 0 ? 0 : width - std::min(width - 1, margin.size());
     const Excerpt excerpt = ExcerptOf(place, room);
-    const std::size_t underlined = std::max<std::size_t>(excerpt.marked.size(), 1);
+    const size_t underlined = std::max<size_t>(excerpt.marked.size(), 1);
     const std::string mark = "^" + std::string(underlined - 1, '~');
     out << CutToWidth("  " + number + " | " + excerpt.before +
                           Painted(excerpt.marked, color, display.color) + excerpt.after,
@@ -83,10 +83,10 @@ void WriteExcerpt(const FindingPlace& place, const Display& display, Color color
 }
 
 void WriteFinding(const Finding& finding, const Display& display, std::ostream& out) {
-    constexpr std::size_t kIndent = 4;
+    constexpr size_t kIndent = 4;
     const bool isError = finding.kind->level == FindingLevel::kError;
     const Color color = isError ? Color::kRed : Color::kYellow;
-    const std::size_t width = display.Width();
+    const size_t width = display.Width();
     out << FoldedToWidth(PlaceText(finding.place) + ": " +
                              Painted(LevelWord(finding.kind->level), color, display.color) + ": " +
                              ForTerminal(finding.reason) + " [" + finding.kind->name + "]",
@@ -152,8 +152,8 @@ Json EntryAsJson(const LoadedEntry& entry) {
 
 }  // namespace
 
-std::size_t CheckResult::Count(FindingLevel level) const {
-    return static_cast<std::size_t>(
+size_t CheckResult::Count(FindingLevel level) const {
+    return static_cast<size_t>(
         std::count_if(findings.begin(), findings.end(),
                       [level](const Finding& finding) { return finding.kind->level == level; }));
 }
@@ -184,7 +184,7 @@ void WriteFindings(const CheckResult& result, const Display& display, std::ostre
 }
 
 void WriteSummary(const CheckResult& result, const Display& display, std::ostream& out) {
-    constexpr std::size_t kIndent = 4;
+    constexpr size_t kIndent = 4;
     for (const LoadedEntry& entry : result.entries) {
         const bool withRaw = (entry.userResponseFlags & kUserResponseWithRaw) != 0;
         std::string line = std::to_string(entry.id) + ": reports \"" + ForTerminal(entry.name) +

@@ -17,11 +17,11 @@ namespace tarnctl {
 
 struct CheckResult {
     std::vector<std::string> files;  // in the order in which they were read
-    std::size_t lines = 0;           // settings in them
+    size_t lines = 0;                // settings in them
     Findings findings;
     std::vector<LoadedEntry> entries;
 
-    [[nodiscard]] std::size_t Count(FindingLevel level) const;
+    [[nodiscard]] size_t Count(FindingLevel level) const;
 };
 
 // Findings ordered by file, line and column; those of the machine last.

@@ -21,7 +21,7 @@ FindingPlace PlaceOf(const std::string& file, uint32_t line, const std::string& 
     place.file = file;
     place.line = line;
     place.column = 1;
-    place.length = std::max<std::size_t>(text.size(), 1);
+    place.length = std::max<size_t>(text.size(), 1);
     place.text = text;
     return place;
 }
@@ -110,7 +110,7 @@ void CheckSensor(const std::vector<std::string>& paths, Findings& findings,
             place.file = fault.file;
             if (fault.line != 0) {
                 place = PlaceOf(fault.file, fault.line, LineOf(text, fault.line));
-                const std::size_t begin = place.text.find_first_not_of(" \t");
+                const size_t begin = place.text.find_first_not_of(" \t");
                 if (begin != std::string::npos) {
                     place.column = begin + 1;
                     place.length = place.text.size() - begin;

@@ -19,23 +19,23 @@ constexpr char kDigits[] = "0123456789";
 constexpr char kPrefix[] = "se.";
 
 // The key that a name means whose id ends at `at`; empty where none is near.
-std::string NearestKey(const std::string& name, std::size_t at) {
-    const std::size_t begin = at < name.size() && name[at] == '.' ? at + 1 : at;
+std::string NearestKey(const std::string& name, size_t at) {
+    const size_t begin = at < name.size() && name[at] == '.' ? at + 1 : at;
     return begin < name.size() ? NearestWord(name.substr(begin), EventKeyNames()) : "";
 }
 
 // The whole name that a misspelt one means; empty where none is near.
 std::string NearestName(const std::string& name) {
-    const std::size_t digits = name.find_first_of(kDigits);
+    const size_t digits = name.find_first_of(kDigits);
     if (digits == std::string::npos) {
         return "";
     }
-    const std::size_t end = std::min(name.find_first_not_of(kDigits, digits), name.size());
+    const size_t end = std::min(name.find_first_not_of(kDigits, digits), name.size());
     std::string key = NearestKey(name, end);
     if (key.empty() && name.find('.', end) != std::string::npos) {
         key = NearestKey(name, name.find('.', end));
     }
-    constexpr std::size_t kFarthestPrefix = 2;
+    constexpr size_t kFarthestPrefix = 2;
     if (key.empty() || LettersApart(name.substr(0, digits), kPrefix) > kFarthestPrefix) {
         return "";
     }
@@ -86,18 +86,17 @@ void LoadWatch::OnUnknownEventName(const LineRead& line) {
 }
 
 void LoadWatch::OnRefusedEvent(const LineRead& line) {
-    const std::size_t idAt = sizeof kPrefix - 1;
-    const std::size_t digitsEnd =
-        std::min(line.name.find_first_not_of(kDigits, idAt), line.name.size());
+    const size_t idAt = sizeof kPrefix - 1;
+    const size_t digitsEnd = std::min(line.name.find_first_not_of(kDigits, idAt), line.name.size());
     if (line.eventKey != kEventKeyNone) {
-        const std::size_t keyAt = std::max(line.keyTrace.keyBegin, idAt);
+        const size_t keyAt = std::max(line.keyTrace.keyBegin, idAt);
         const std::string id = line.name.substr(idAt, keyAt - idAt);
         Add(kinds::kIdRefused, {line, line.nameAt + idAt, keyAt - idAt},
             "the id " + Quoted(id) + " is 0 or no number, so the line is dropped")
             .suggestion = OtherThan(line.name, NearestName(line.name));
         return;
     }
-    const std::size_t keyAt =
+    const size_t keyAt =
         digitsEnd < line.name.size() && line.name[digitsEnd] == '.' ? digitsEnd + 1 : digitsEnd;
     const std::string name = NearestName(line.name);
     Finding& finding =
@@ -116,7 +115,7 @@ void LoadWatch::OnRefusedEvent(const LineRead& line) {
 }
 
 void LoadWatch::CheckEventName(const LineRead& line) {
-    const std::size_t idAt = sizeof kPrefix - 1;
+    const size_t idAt = sizeof kPrefix - 1;
     const EventKeyTrace& trace = line.keyTrace;
     const std::string_view name = line.name;
     const std::string_view id = name.substr(idAt, trace.idEnd - idAt);
@@ -132,8 +131,8 @@ void LoadWatch::CheckEventName(const LineRead& line) {
     if (trace.keyBegin == trace.idEnd && !isLong) {
         return;
     }
-    const std::size_t begin = trace.keyBegin == trace.idEnd ? trace.keyEnd : trace.idEnd;
-    const std::size_t end = trace.keyBegin == trace.idEnd ? name.size() : trace.keyBegin;
+    const size_t begin = trace.keyBegin == trace.idEnd ? trace.keyEnd : trace.idEnd;
+    const size_t end = trace.keyBegin == trace.idEnd ? name.size() : trace.keyBegin;
     const std::string key = line.name.substr(trace.keyBegin + 1, trace.keyEnd - trace.keyBegin - 1);
     // What follows the id up to a dot belongs to the id, and everything else to the key.
     const bool isInId = begin == trace.idEnd && name[begin] != '.';

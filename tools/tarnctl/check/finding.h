@@ -27,9 +27,9 @@ struct FindingKind {
 struct FindingPlace {
     std::string file;
     uint32_t line = 0;
-    std::size_t column = 0;  // bytes
-    std::size_t length = 0;  // bytes that are marked
-    std::string text;        // the line
+    size_t column = 0;  // bytes
+    size_t length = 0;  // bytes that are marked
+    std::string text;   // the line
 };
 
 struct Finding {

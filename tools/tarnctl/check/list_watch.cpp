@@ -19,7 +19,7 @@ constexpr const char* kNone = "none";  // of a response, and only alone
 
 // The word at which the reading of a list has stopped.
 struct StoppedWord {
-    std::size_t begin = 0;  // in the value
+    size_t begin = 0;  // in the value
     std::string text;
     bool goesOn = false;  // it begins with a shorter word that is known
 };
@@ -41,10 +41,10 @@ StoppedWord StoppedWordOf(const LineRead& line) {
                             value[word.begin] != ' ';
     // A word that goes on after a shorter word that is known is shown as a whole.
     if (word.goesOn || isLongName) {
-        const std::size_t before = value.find_last_of(" \t,", word.begin - 1);
+        const size_t before = value.find_last_of(" \t,", word.begin - 1);
         word.begin = before == std::string::npos ? 0 : before + 1;
     }
-    const std::size_t end = std::min(value.find_first_of(" \t,:\r", word.begin), value.size());
+    const size_t end = std::min(value.find_first_of(" \t,:\r", word.begin), value.size());
     word.text = value.substr(word.begin, end - word.begin);
     return word;
 }
@@ -91,7 +91,7 @@ std::string SuggestionFor(const LineRead& line, const StoppedWord& word) {
 void LoadWatch::CheckListEnd(const LineRead& line, const FindingKind& kind) {
     const ListTrace& list = line.list;
     if (list.hasTrailingComma) {
-        const std::size_t comma = line.value.find_last_of(',');
+        const size_t comma = line.value.find_last_of(',');
         Add(kinds::kTrailingComma, {line, line.valueAt + comma, 1},
             "nothing follows the comma; the list is taken as it is");
     }
@@ -107,7 +107,7 @@ void LoadWatch::CheckListEnd(const LineRead& line, const FindingKind& kind) {
     const StoppedWord word = StoppedWordOf(line);
     const bool isLast = line.value.find(',', word.begin) == std::string::npos;
     Finding& finding = Add(
-        kind, {line, line.valueAt + word.begin, std::max<std::size_t>(word.text.size(), 1)},
+        kind, {line, line.valueAt + word.begin, std::max<size_t>(word.text.size(), 1)},
         ReasonOf(line, word) + (isLast ? "; the reading ends here"
                                        : "; the reading ends here, and what follows is not taken"));
     finding.suggestion = SuggestionFor(line, word);

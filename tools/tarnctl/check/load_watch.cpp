@@ -13,18 +13,18 @@ namespace {
 using Outcome = LineRead::Outcome;
 
 // The text of a file as far as a finding shows it.
-constexpr std::size_t kLongestText = 2000;
+constexpr size_t kLongestText = 2000;
 
 }  // namespace
 
 FindingPlace LoadWatch::PlaceOf(const Place& place) const {
-    const std::size_t at = std::min(place.at, place.line.text.size());
+    const size_t at = std::min(place.at, place.line.text.size());
     FindingPlace result;
     result.file = m_file;
     result.line = place.line.number;
     result.column = at + 1;
-    result.length = std::min(std::max<std::size_t>(place.length, 1),
-                             std::max<std::size_t>(place.line.text.size() - at, 1));
+    result.length = std::min(std::max<size_t>(place.length, 1),
+                             std::max<size_t>(place.line.text.size() - at, 1));
     result.text = place.line.text.substr(0, std::max(kLongestText, at));
     return result;
 }
@@ -52,7 +52,7 @@ void LoadWatch::OnLine(const LineRead& line) {
         return;
     }
     ++m_lines;
-    const std::size_t length = line.text.size() - line.nameAt;
+    const size_t length = line.text.size() - line.nameAt;
     if (line.outcome == Outcome::kMissingValue) {
         const bool isEmpty = line.text.substr(line.nameAt) == "\r";
         Finding& finding = Add(isEmpty ? kinds::kCarriageReturn : kinds::kMissingEquals,
@@ -80,7 +80,7 @@ void LoadWatch::CheckCarriageReturn(const LineRead& line) {
     if (line.value.empty() || line.value.back() != '\r') {
         return;
     }
-    const std::size_t at = line.valueAt + line.value.size() - 1;
+    const size_t at = line.valueAt + line.value.size() - 1;
     Add(kinds::kCarriageReturn, {line, at, 1},
         line.isNumber ? "the line ends with a carriage return, which a number passes over"
                       : "the line ends with a carriage return, which becomes part of the value")

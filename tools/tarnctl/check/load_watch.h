@@ -34,13 +34,13 @@ class LoadWatch final : public LoadObserver {
 
     // The entries that are in force, in the order in which they entered the table.
     [[nodiscard]] std::vector<LoadedEntry> TakeEntries() { return std::move(m_entries); }
-    [[nodiscard]] std::size_t Lines() const { return m_lines; }
+    [[nodiscard]] size_t Lines() const { return m_lines; }
 
   private:
     struct Place {
         const LineRead& line;
-        std::size_t at;
-        std::size_t length;
+        size_t at;
+        size_t length;
     };
     struct Seen {
         FindingPlace place;
@@ -76,13 +76,13 @@ class LoadWatch final : public LoadObserver {
     std::map<std::string, std::string> m_shown;  // names of files by their paths
     std::string m_file;
     bool m_inState = false;
-    std::size_t m_lines = 0;
+    size_t m_lines = 0;
 
     std::map<std::string, Seen> m_settings;
     LoadedEntry m_entry;  // the one that is being read; id 0 where there is none
     std::vector<LoadedEntry> m_entries;
-    std::unordered_map<uint32_t, std::size_t> m_entered;  // indexes into m_entries
-    std::vector<std::pair<uint32_t, int>> m_excused;      // ids and keys with a finding already
+    std::unordered_map<uint32_t, size_t> m_entered;   // indexes into m_entries
+    std::vector<std::pair<uint32_t, int>> m_excused;  // ids and keys with a finding already
 };
 
 }  // namespace tarnctl

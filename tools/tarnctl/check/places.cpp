@@ -19,7 +19,7 @@ namespace tarnctl {
 namespace {
 
 std::string FolderOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
+    const size_t slash = path.rfind('/');
     return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
 }
 
@@ -180,7 +180,7 @@ class PlaceCheck {
         if (lstat(path.c_str(), &status) != 0) {
             return;
         }
-        if (!S_ISREG(status.st_mode) || static_cast<std::size_t>(status.st_size) < sizeof(sem_t)) {
+        if (!S_ISREG(status.st_mode) || static_cast<size_t>(status.st_size) < sizeof(sem_t)) {
             Add(kinds::kSemaphoreIsNone, path,
                 "something else has the place of the semaphore: the daemon ends", "remove it");
         } else if (!IsAllowed(path, R_OK | W_OK)) {

@@ -20,7 +20,7 @@ namespace {
 using Network = ProtectList::Network;
 
 bool ParseNetwork(const std::string& text, Network* network) {
-    const std::size_t slash = text.find('/');
+    const size_t slash = text.find('/');
     const std::string address = text.substr(0, slash);
     network->family = inet_pton(AF_INET, address.c_str(), network->bytes) == 1    ? AF_INET
                       : inet_pton(AF_INET6, address.c_str(), network->bytes) == 1 ? AF_INET6

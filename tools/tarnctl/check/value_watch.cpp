@@ -26,7 +26,7 @@ const std::vector<std::string>& UserWords() {
 
 // The text is free, so a word counts as misspelt only where it is nearly one that has a meaning.
 bool IsMisspelt(std::string_view word) {
-    constexpr std::size_t kNear = 2;
+    constexpr size_t kNear = 2;
     const std::vector<std::string>& words = UserWords();
     const bool isKnown = std::find(words.begin(), words.end(), word) != words.end() ||
                          word.find("WithRaw") != std::string_view::npos ||
@@ -84,7 +84,7 @@ void LoadWatch::CheckUserResponse(const LineRead& line) {
         const auto end = std::find_if(begin, value.end(), isEnd);
         const std::string_view word(begin, end);
         if (!word.empty() && IsMisspelt(word)) {
-            const auto at = static_cast<std::size_t>(begin - value.begin());
+            const auto at = static_cast<size_t>(begin - value.begin());
             Finding& finding =
                 Add(kinds::kUserResponseWord, {line, line.valueAt + at, word.size()},
                     Quoted(std::string(word)) + " has no meaning to the daemon; case counts");
@@ -101,10 +101,10 @@ void LoadWatch::CheckEvidenceScope(const LineRead& line) {
     if ((line.flags & kScopes) == 0) {
         return;
     }
-    std::size_t at = line.value.size();
-    std::size_t length = 0;
+    size_t at = line.value.size();
+    size_t length = 0;
     for (const std::string_view scope : {"Connection", "AllInterfaces", "Interface"}) {
-        const std::size_t found = line.value.find(scope);
+        const size_t found = line.value.find(scope);
         if (found < at) {
             at = found;
             length = scope.size();

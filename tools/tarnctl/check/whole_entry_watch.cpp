@@ -46,9 +46,9 @@ void LoadWatch::CheckEntry(const LoadedEntry& entry) {
             "its reports have the severity low");
     }
     // A report whose fixed parts and texts exceed the ring is refused, however empty the ring is.
-    constexpr std::size_t kLargestPacket = 65536;
-    constexpr std::size_t kRest = 4096;
-    constexpr std::size_t kRoom = kEventQueueFirstRingSize - kLargestPacket - kRest;
+    constexpr size_t kLargestPacket = 65536;
+    constexpr size_t kRest = 4096;
+    constexpr size_t kRoom = kEventQueueFirstRingSize - kLargestPacket - kRest;
     if (entry.name.size() + entry.userResponse.size() + entry.ruleText.size() > kRoom) {
         add(kinds::kTextTooLong,
             "name, user response and rule are together longer than the event queue takes",

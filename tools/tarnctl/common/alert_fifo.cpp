@@ -188,9 +188,9 @@ void AlertFifo::TellWait(Clock::time_point since, std::string& reason) const {
     reason.clear();
 }
 
-bool AlertFifo::EnsureCapacity(std::size_t length) {
+bool AlertFifo::EnsureCapacity(size_t length) {
     const int capacity = fcntl(m_fd, F_GETPIPE_SZ);
-    if (capacity != -1 && length <= static_cast<std::size_t>(capacity)) {
+    if (capacity != -1 && length <= static_cast<size_t>(capacity)) {
         return true;
     }
     if (length <= INT_MAX && fcntl(m_fd, F_SETPIPE_SZ, static_cast<int>(length)) != -1) {

@@ -72,7 +72,7 @@ class AlertFifo {
     // Waits until a reader is there again.
     FifoResult WaitForReader();
     // Makes sure that an empty pipe takes `length` bytes.
-    bool EnsureCapacity(std::size_t length);
+    bool EnsureCapacity(size_t length);
     // Unread bytes in the pipe, or -1.
     [[nodiscard]] int Unread() const;
     FifoResult Fail(const std::string& reason);

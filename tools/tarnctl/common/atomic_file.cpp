@@ -20,7 +20,7 @@ bool WriteAll(int fd, std::string_view text) {
         if (count == -1 && errno != EINTR) {
             return false;
         }
-        text.remove_prefix(count > 0 ? static_cast<std::size_t>(count) : 0);
+        text.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
     }
     return true;
 }

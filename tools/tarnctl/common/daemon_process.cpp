@@ -35,8 +35,8 @@ std::optional<StatLine> ReadStat(const fs::path& path) {
     if (!std::getline(file, text)) {
         return std::nullopt;
     }
-    const std::size_t begin = text.find('(');
-    const std::size_t end = text.rfind(')');
+    const size_t begin = text.find('(');
+    const size_t end = text.rfind(')');
     if (begin == std::string::npos || end == std::string::npos || end < begin) {
         return std::nullopt;
     }

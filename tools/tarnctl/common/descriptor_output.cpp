@@ -50,7 +50,7 @@ int DescriptorBuffer::sync() {
 bool DescriptorBuffer::WriteOut() {
     const char* from = pbase();
     while (m_error == 0 && from < pptr()) {
-        const ssize_t count = write(m_descriptor, from, static_cast<std::size_t>(pptr() - from));
+        const ssize_t count = write(m_descriptor, from, static_cast<size_t>(pptr() - from));
         if (count >= 0) {
             from += count;
         } else if (errno == EAGAIN) {

@@ -9,7 +9,7 @@
 namespace tarnctl {
 namespace {
 
-constexpr std::size_t kUsualWidth = 80;
+constexpr size_t kUsualWidth = 80;
 constexpr char kCutMark = '>';
 constexpr std::string_view kPlain = "\x1b[0m";
 
@@ -46,11 +46,11 @@ bool TerminalTakesColor() {
 }
 
 // The bytes of the escape sequence at the front of `text`; 0 when none begins there.
-std::size_t SequenceLength(std::string_view text) {
+size_t SequenceLength(std::string_view text) {
     if (!text.starts_with("\x1b[")) {
         return 0;
     }
-    const std::size_t end = text.find('m');
+    const size_t end = text.find('m');
     return end == std::string_view::npos ? 0 : end + 1;
 }
 
@@ -60,21 +60,21 @@ bool BeginsColumn(char letter) {
     return (static_cast<unsigned char>(letter) & kUtf8Mask) != kUtf8Continuation;
 }
 
-std::size_t ColumnsOf(std::string_view text) {
-    std::size_t columns = 0;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t skipped = SequenceLength(text.substr(at));
+size_t ColumnsOf(std::string_view text) {
+    size_t columns = 0;
+    for (size_t at = 0; at < text.size();) {
+        const size_t skipped = SequenceLength(text.substr(at));
         columns += skipped == 0 && BeginsColumn(text[at]) ? 1U : 0U;
-        at += std::max<std::size_t>(1, skipped);
+        at += std::max<size_t>(1, skipped);
     }
     return columns;
 }
 
 // Where the first blanks are, after a word, that end the last words with room in so many columns;
 // or that end the first word, where even that has none. The end of the line where there are none.
-std::size_t PlaceToDivide(std::string_view line, std::size_t room) {
-    std::size_t place = line.size();
-    std::size_t at = std::min(line.find_first_not_of(' '), line.size());
+size_t PlaceToDivide(std::string_view line, size_t room) {
+    size_t place = line.size();
+    size_t at = std::min(line.find_first_not_of(' '), line.size());
     while ((at = line.find(' ', at)) != std::string_view::npos) {
         if (place != line.size() && ColumnsOf(line.substr(0, at)) > room) {
             break;
@@ -96,14 +96,14 @@ void Display::Resolve() {
     errorColor = isAlways || (isPossible && errorIsTerminal);
 }
 
-std::size_t Display::Width() const {
+size_t Display::Width() const {
     if (wide || !isTerminal) {
         return 0;
     }
     return width != 0 ? width : TerminalWidth(STDOUT_FILENO);
 }
 
-std::size_t Display::ErrorWidth() const {
+size_t Display::ErrorWidth() const {
     if (!errorIsTerminal) {
         return 0;
     }
@@ -123,7 +123,7 @@ void AddWideOption(CLI::App& command, Display& display) {
     command.add_flag("--wide", display.wide, "Do not cut lines to the width of the terminal");
 }
 
-std::size_t TerminalWidth(int descriptor) {
+size_t TerminalWidth(int descriptor) {
     winsize size = {};
     if (isatty(descriptor) != 1) {
         return 0;
@@ -141,15 +141,15 @@ std::string Painted(std::string_view text, Color color, bool isColored) {
     return std::string(SequenceOf(color)) + std::string(text) + std::string(kPlain);
 }
 
-std::string CutToWidth(std::string_view line, std::size_t width) {
+std::string CutToWidth(std::string_view line, size_t width) {
     if (width == 0 || ColumnsOf(line) <= width) {
         return std::string(line);
     }
     std::string cut;
-    std::size_t columns = 0;
+    size_t columns = 0;
     bool isPainted = false;
-    for (std::size_t at = 0; at < line.size();) {
-        const std::size_t skipped = SequenceLength(line.substr(at));
+    for (size_t at = 0; at < line.size();) {
+        const size_t skipped = SequenceLength(line.substr(at));
         if (skipped != 0) {
             isPainted = line.substr(at, skipped) != kPlain;
             cut += line.substr(at, skipped);
@@ -168,21 +168,21 @@ std::string CutToWidth(std::string_view line, std::size_t width) {
     return cut + kCutMark;
 }
 
-std::string FoldedToWidth(std::string_view text, std::size_t width, std::size_t indent) {
+std::string FoldedToWidth(std::string_view text, size_t width, size_t indent) {
     if (width == 0) {
         return std::string(text) + (text.ends_with('\n') ? "" : "\n");
     }
-    constexpr std::size_t kLeastIndent = 2;
+    constexpr size_t kLeastIndent = 2;
     indent = 3 * indent > width ? kLeastIndent : indent;
     std::string folded;
     while (!text.empty()) {
-        const std::size_t end = std::min(text.find('\n'), text.size());
+        const size_t end = std::min(text.find('\n'), text.size());
         std::string_view line = text.substr(0, end);
         text.remove_prefix(std::min(end + 1, text.size()));
-        std::size_t room = width;
+        size_t room = width;
         while (ColumnsOf(line) > room) {
-            const std::size_t at = PlaceToDivide(line, room);
-            const std::size_t next = line.find_first_not_of(' ', at);
+            const size_t at = PlaceToDivide(line, room);
+            const size_t next = line.find_first_not_of(' ', at);
             if (next == std::string_view::npos) {
                 break;
             }
@@ -197,7 +197,7 @@ std::string FoldedToWidth(std::string_view text, std::size_t width, std::size_t 
 
 std::string LineOf(std::span<const Cell> cells, const Display& display) {
     std::string line;
-    std::size_t padding = 0;  // owed before the next cell, so that no line ends in blanks
+    size_t padding = 0;  // owed before the next cell, so that no line ends in blanks
     for (const Cell& cell : cells) {
         if (!display.isTerminal && cell.text.empty()) {
             continue;
@@ -206,7 +206,7 @@ std::string LineOf(std::span<const Cell> cells, const Display& display) {
             line += std::string(padding, ' ') + Painted(cell.text, cell.color, display.color);
             padding = 0;
         }
-        const std::size_t columns = ColumnsOf(cell.text);
+        const size_t columns = ColumnsOf(cell.text);
         padding += display.isTerminal && cell.width > columns ? cell.width - columns : 0;
         padding += 2;
     }

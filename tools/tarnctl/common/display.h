@@ -28,14 +28,14 @@ struct Display {
     bool errorColor = false;       // standard error is coloured
     bool isTerminal = false;       // standard output is a terminal, so columns line up
     bool errorIsTerminal = false;  // standard error is a terminal, so a progress bar may be drawn
-    std::size_t width = 0;         // of both, in columns, in place of the terminal's; 0: ask
+    size_t width = 0;              // of both, in columns, in place of the terminal's; 0: ask
 
     // Looks at standard output, standard error, NO_COLOR and TERM.
     void Resolve();
 
     // Columns that a line may take; 0: no limit.
-    [[nodiscard]] std::size_t Width() const;
-    [[nodiscard]] std::size_t ErrorWidth() const;
+    [[nodiscard]] size_t Width() const;
+    [[nodiscard]] size_t ErrorWidth() const;
 };
 
 // Declares `--color`. The registry does this for every sub-command whose options derive from
@@ -47,7 +47,7 @@ void AddWideOption(CLI::App& command, Display& display);
 
 // The width of the terminal at a descriptor, in columns: 80 where the terminal does not say, 0
 // where there is no terminal.
-[[nodiscard]] std::size_t TerminalWidth(int descriptor);
+[[nodiscard]] size_t TerminalWidth(int descriptor);
 
 // The text in that colour, or as it is where `color` is false.
 [[nodiscard]] std::string Painted(std::string_view text, Color color, bool isColored);
@@ -55,19 +55,18 @@ void AddWideOption(CLI::App& command, Display& display);
 // At most `width` columns of a line; 0 is no limit. A line that is cut ends in ">". The sequences
 // of Painted() take no room and are never cut apart; each other byte but the later ones of a UTF-8
 // character takes a column.
-[[nodiscard]] std::string CutToWidth(std::string_view line, std::size_t width);
+[[nodiscard]] std::string CutToWidth(std::string_view line, size_t width);
 
 // The lines of a text in lines of at most `width` columns, each with a line end; 0 is no limit.
 // They are divided at blanks, and what follows begins with `indent` blanks, or with fewer where the
 // width is small. A word that is longer than a line stays whole.
-[[nodiscard]] std::string FoldedToWidth(std::string_view text, std::size_t width,
-                                        std::size_t indent);
+[[nodiscard]] std::string FoldedToWidth(std::string_view text, size_t width, size_t indent);
 
 // One column of a line.
 struct Cell {
     std::string text;
     Color color = Color::kNone;
-    std::size_t width = 0;  // padded to this many columns where columns line up
+    size_t width = 0;  // padded to this many columns where columns line up
 };
 
 // The cells of one line with two blanks between them: as they are, or, on a terminal, padded and

@@ -12,10 +12,10 @@ namespace {
 using Row = std::pair<std::string, std::string>;
 using Rows = std::vector<Row>;
 
-constexpr std::size_t kIndent = 2;
-constexpr std::size_t kIndentBelow = 6;    // of a meaning that is on a line of its own
-constexpr std::size_t kLeastMeaning = 30;  // columns without which a meaning gets such a line
-constexpr std::size_t kLongestTerm = 28;   // a longer one has its meaning on the next line
+constexpr size_t kIndent = 2;
+constexpr size_t kIndentBelow = 6;    // of a meaning that is on a line of its own
+constexpr size_t kLeastMeaning = 30;  // columns without which a meaning gets such a line
+constexpr size_t kLongestTerm = 28;   // a longer one has its meaning on the next line
 constexpr std::string_view kExamplesLine = "Examples:";
 
 std::string Title(const std::string& title) {
@@ -23,8 +23,8 @@ std::string Title(const std::string& title) {
 }
 
 // The rows with the meanings in a column, or below the terms where the width does not allow it.
-std::string List(const Rows& rows, std::size_t width, std::size_t longestTerm) {
-    std::size_t column = 0;
+std::string List(const Rows& rows, size_t width, size_t longestTerm) {
+    size_t column = 0;
     for (const Row& row : rows) {
         if (row.first.size() <= longestTerm) {
             column = std::max(column, row.first.size());
@@ -65,12 +65,12 @@ std::pair<std::string, Rows> Divided(const std::string& footer) {
             notes += line + "\n";
             continue;
         }
-        const std::size_t begin = line.find_first_not_of(' ');
+        const size_t begin = line.find_first_not_of(' ');
         if (begin == std::string::npos) {
             continue;
         }
-        const std::size_t end = std::min(line.find("  ", begin), line.size());
-        const std::size_t meaning = line.find_first_not_of(' ', end);
+        const size_t end = std::min(line.find("  ", begin), line.size());
+        const size_t meaning = line.find_first_not_of(' ', end);
         examples.emplace_back(line.substr(begin, end - begin),
                               meaning == std::string::npos ? "" : line.substr(meaning));
     }
@@ -79,7 +79,7 @@ std::pair<std::string, Rows> Divided(const std::string& footer) {
 }
 
 // Paragraphs of notes are filled again; a line that begins with a blank stays a line.
-std::string Notes(const std::string& notes, std::size_t width) {
+std::string Notes(const std::string& notes, size_t width) {
     std::string filled;
     std::istringstream lines(notes);
     for (std::string line; std::getline(lines, line);) {
@@ -123,7 +123,7 @@ std::string MeaningOf(const CLI::Option& option) {
     return remarks.empty() ? meaning : meaning + " (" + remarks + ")";
 }
 
-std::string Usage(const CLI::App& app, const std::string& name, std::size_t width) {
+std::string Usage(const CLI::App& app, const std::string& name, size_t width) {
     std::string usage = "usage: " + name;
     if (!app.get_subcommands({}).empty()) {
         return Wrapped(usage + " SUB-COMMAND [OPTION]...", width, 0);
@@ -146,19 +146,19 @@ std::string Usage(const CLI::App& app, const std::string& name, std::size_t widt
 
 }  // namespace
 
-std::string Wrapped(std::string_view text, std::size_t width, std::size_t indent) {
-    const std::size_t room = width > indent + 1 ? width - indent : 1;
+std::string Wrapped(std::string_view text, size_t width, size_t indent) {
+    const size_t room = width > indent + 1 ? width - indent : 1;
     const std::string margin(indent, ' ');
     std::string wrapped;
     std::istringstream lines{std::string(text)};
     for (std::string line; std::getline(lines, line);) {
         std::string_view rest = line;
         do {
-            std::size_t length = rest.size();
+            size_t length = rest.size();
             if (length > room) {
                 length = rest.rfind(' ', room);
                 // The blanks at the front of a line are its own margin and no place to break.
-                const std::size_t word = std::min(rest.find_first_not_of(' '), rest.size());
+                const size_t word = std::min(rest.find_first_not_of(' '), rest.size());
                 if (length == std::string_view::npos || length <= word) {
                     length = std::min(rest.find(' ', word), rest.size());
                 }
@@ -170,7 +170,7 @@ std::string Wrapped(std::string_view text, std::size_t width, std::size_t indent
     return wrapped;
 }
 
-std::string HelpText(const CLI::App& app, const std::string& name, std::size_t width) {
+std::string HelpText(const CLI::App& app, const std::string& name, size_t width) {
     const auto [notes, examples] = Divided(app.get_footer());
     std::string help = Wrapped(app.get_description(), width, 0);
     if (!examples.empty()) {

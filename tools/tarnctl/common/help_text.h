@@ -16,13 +16,13 @@
 
 namespace tarnctl {
 
-inline constexpr std::size_t kHelpWidth = 80;  // columns, where the terminal is not narrower
+inline constexpr size_t kHelpWidth = 80;  // columns, where the terminal is not narrower
 
 // The help of `app`, which is called as `name`, as in "tarnctl crm".
-[[nodiscard]] std::string HelpText(const CLI::App& app, const std::string& name, std::size_t width);
+[[nodiscard]] std::string HelpText(const CLI::App& app, const std::string& name, size_t width);
 
 // The text in lines of at most `width` columns, each with `indent` blanks in front and a line end.
 // Line ends within the text stay. A word that is longer than a line has one to itself.
-[[nodiscard]] std::string Wrapped(std::string_view text, std::size_t width, std::size_t indent);
+[[nodiscard]] std::string Wrapped(std::string_view text, size_t width, size_t indent);
 
 }  // namespace tarnctl

@@ -18,7 +18,7 @@ bool MessageSocket::Next(std::span<const std::byte>& bytes, std::chrono::millise
     if (length < 0) {
         return false;
     }
-    bytes = std::span(m_buffer).first(static_cast<std::size_t>(length));
+    bytes = std::span(m_buffer).first(static_cast<size_t>(length));
     return true;
 }
 

@@ -11,8 +11,8 @@ constexpr char Folded(char letter) {
     return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
 }
 
-std::size_t CommonBeginning(std::string_view left, std::string_view right) {
-    std::size_t length = 0;
+size_t CommonBeginning(std::string_view left, std::string_view right) {
+    size_t length = 0;
     while (length < left.size() && length < right.size() &&
            Folded(left[length]) == Folded(right[length])) {
         ++length;
@@ -20,27 +20,27 @@ std::size_t CommonBeginning(std::string_view left, std::string_view right) {
     return length;
 }
 
-std::size_t Limit(std::size_t letters) {
-    constexpr std::size_t kShort = 3;
-    constexpr std::size_t kMiddle = 7;
+size_t Limit(size_t letters) {
+    constexpr size_t kShort = 3;
+    constexpr size_t kMiddle = 7;
     return letters <= kShort ? 1 : letters <= kMiddle ? 2 : 3;
 }
 
 }  // namespace
 
 // The optimal string alignment distance, with the last three rows of its table.
-std::size_t LettersApart(std::string_view left, std::string_view right) {
-    std::vector<std::size_t> beforeLast(right.size() + 1);
-    std::vector<std::size_t> last(right.size() + 1);
-    std::vector<std::size_t> row(right.size() + 1);
-    for (std::size_t j = 0; j <= right.size(); ++j) {
+size_t LettersApart(std::string_view left, std::string_view right) {
+    std::vector<size_t> beforeLast(right.size() + 1);
+    std::vector<size_t> last(right.size() + 1);
+    std::vector<size_t> row(right.size() + 1);
+    for (size_t j = 0; j <= right.size(); ++j) {
         row[j] = j;
     }
-    for (std::size_t i = 1; i <= left.size(); ++i) {
+    for (size_t i = 1; i <= left.size(); ++i) {
         beforeLast.swap(last);
         last.swap(row);
         row[0] = i;
-        for (std::size_t j = 1; j <= right.size(); ++j) {
+        for (size_t j = 1; j <= right.size(); ++j) {
             const char a = Folded(left[i - 1]);
             const char b = Folded(right[j - 1]);
             row[j] = std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + (a == b ? 0U : 1U)});
@@ -54,14 +54,14 @@ std::size_t LettersApart(std::string_view left, std::string_view right) {
 
 std::string NearestWord(std::string_view word, std::span<const std::string> known) {
     // A word of two letters and more is enough of a beginning.
-    constexpr std::size_t kBeginning = 2;
+    constexpr size_t kBeginning = 2;
     const std::string* nearest = nullptr;
-    std::size_t leastApart = 0;
-    std::size_t longestBeginning = 0;
+    size_t leastApart = 0;
+    size_t longestBeginning = 0;
     for (const std::string& candidate : known) {
-        std::size_t apart = LettersApart(word, candidate);
-        const std::size_t beginning = CommonBeginning(word, candidate);
-        const std::size_t limit = Limit(std::max(word.size(), candidate.size()));
+        size_t apart = LettersApart(word, candidate);
+        const size_t beginning = CommonBeginning(word, candidate);
+        const size_t limit = Limit(std::max(word.size(), candidate.size()));
         if (word.size() >= kBeginning && beginning == word.size()) {
             apart = std::min(apart, limit);
         }

@@ -13,7 +13,7 @@ namespace tarnctl {
 
 // How many letters have to be put in, left out, replaced or swapped with their neighbour to make
 // one word of the other. Upper and lower case count as the same.
-[[nodiscard]] std::size_t LettersApart(std::string_view left, std::string_view right);
+[[nodiscard]] size_t LettersApart(std::string_view left, std::string_view right);
 
 // The known word that is nearest to `word`, or an empty text when none is near enough: one letter
 // apart for a word of up to three letters, two for up to seven, three for longer ones. A known

@@ -17,25 +17,25 @@ constexpr uint16_t kTypeArp = 0x0806;
 constexpr uint16_t kTypeIpv6 = 0x86DD;
 constexpr uint16_t kTypeVlan = 0x8100;
 constexpr uint16_t kTypeServiceVlan = 0x88A8;
-constexpr std::size_t kIpv4Header = 20;
-constexpr std::size_t kIpv6Header = 40;
-constexpr std::size_t kLeastTcp = 14;  // up to the flags
+constexpr size_t kIpv4Header = 20;
+constexpr size_t kIpv6Header = 40;
+constexpr size_t kLeastTcp = 14;  // up to the flags
 // Raw IP by other numbers: as libpcap has it here, and of one family each.
 constexpr uint32_t kRawIpOfLibrary = 12;
 constexpr uint32_t kRawIpv4 = 228;
 constexpr uint32_t kRawIpv6 = 229;
 constexpr int kMostExtensions = 16;  // of IPv6; no real packet has as many
 
-uint8_t ByteAt(Bytes bytes, std::size_t at) {
+uint8_t ByteAt(Bytes bytes, size_t at) {
     return std::to_integer<uint8_t>(bytes[at]);
 }
 
-uint16_t Big16At(Bytes bytes, std::size_t at) {
+uint16_t Big16At(Bytes bytes, size_t at) {
     return static_cast<uint16_t>(ByteAt(bytes, at) << 8 | ByteAt(bytes, at + 1));
 }
 
-template <std::size_t N>
-std::array<uint8_t, N> AddressAt(Bytes bytes, std::size_t at) {
+template <size_t N>
+std::array<uint8_t, N> AddressAt(Bytes bytes, size_t at) {
     std::array<uint8_t, N> address = {};
     std::memcpy(address.data(), bytes.data() + at, N);
     return address;
@@ -57,10 +57,10 @@ Network AfterTags(Bytes bytes, uint16_t type) {
 }
 
 Network NetworkOf(Bytes packet, uint32_t linkType) {
-    constexpr std::size_t kEthernet = 14;
-    constexpr std::size_t kCooked = 16;
-    constexpr std::size_t kCooked2 = 20;
-    constexpr std::size_t kFamily = 4;
+    constexpr size_t kEthernet = 14;
+    constexpr size_t kCooked = 16;
+    constexpr size_t kCooked2 = 20;
+    constexpr size_t kFamily = 4;
     switch (linkType) {
         case kLinkEthernet:
             return packet.size() < kEthernet
@@ -119,12 +119,12 @@ void Transport(Bytes bytes, bool isFragment, PacketSummary& summary) {
 }
 
 void Ipv4(Bytes bytes, PacketSummary& summary) {
-    constexpr std::size_t kFragment = 6;
+    constexpr size_t kFragment = 6;
     constexpr uint16_t kFragmentOffset = 0x1FFF;
-    constexpr std::size_t kProtocol = 9;
-    constexpr std::size_t kSource = 12;
-    constexpr std::size_t kDestination = 16;
-    const std::size_t header = std::size_t{ByteAt(bytes, 0) & 0x0FU} * 4;
+    constexpr size_t kProtocol = 9;
+    constexpr size_t kSource = 12;
+    constexpr size_t kDestination = 16;
+    const size_t header = size_t{ByteAt(bytes, 0) & 0x0FU} * 4;
     summary.source = Ipv4Text(std::bit_cast<in_addr_t>(AddressAt<4>(bytes, kSource)));
     summary.destination = Ipv4Text(std::bit_cast<in_addr_t>(AddressAt<4>(bytes, kDestination)));
     summary.protocol = ByteAt(bytes, kProtocol);
@@ -134,9 +134,9 @@ void Ipv4(Bytes bytes, PacketSummary& summary) {
 }
 
 void Ipv6(Bytes bytes, PacketSummary& summary) {
-    constexpr std::size_t kNext = 6;
-    constexpr std::size_t kSource = 8;
-    constexpr std::size_t kDestination = 24;
+    constexpr size_t kNext = 6;
+    constexpr size_t kSource = 8;
+    constexpr size_t kDestination = 24;
     constexpr uint16_t kFragmentOffset = 0xFFF8;
     summary.source = Ipv6Text(AddressAt<16>(bytes, kSource));
     summary.destination = Ipv6Text(AddressAt<16>(bytes, kDestination));
@@ -144,7 +144,7 @@ void Ipv6(Bytes bytes, PacketSummary& summary) {
     Bytes rest = bytes.subspan(kIpv6Header);
     bool isFragment = false;
     for (int i = 0; i < kMostExtensions && rest.size() >= 8; ++i) {
-        std::size_t length = (std::size_t{ByteAt(rest, 1)} + 1) * 8;
+        size_t length = (size_t{ByteAt(rest, 1)} + 1) * 8;
         if (next == IPPROTO_FRAGMENT) {
             isFragment = isFragment || (Big16At(rest, 2) & kFragmentOffset) != 0;
             length = 8;

@@ -7,8 +7,8 @@
 namespace tarnctl {
 namespace {
 
-constexpr std::size_t kLongestBar = 30;
-constexpr std::size_t kShortestBar = 4;  // a shorter one is left out
+constexpr size_t kLongestBar = 30;
+constexpr size_t kShortestBar = 4;  // a shorter one is left out
 constexpr std::chrono::milliseconds kInterval{100};
 
 }  // namespace
@@ -30,12 +30,12 @@ void ProgressBar::Show(double done, const std::string& text) {
     const double part = std::clamp(done, 0.0, 1.0);
     const std::string words = std::to_string(std::lround(part * 100)) + "% " + text;
     // The last column stays free: a terminal may go to the next line after it.
-    const std::size_t columns = std::max<std::size_t>(m_display.ErrorWidth(), 2) - 1;
-    constexpr std::size_t kFrame = 3;  // the brackets and a blank
+    const size_t columns = std::max<size_t>(m_display.ErrorWidth(), 2) - 1;
+    constexpr size_t kFrame = 3;  // the brackets and a blank
     std::string line;
     if (columns >= words.size() + kFrame + kShortestBar) {
-        const std::size_t length = std::min(kLongestBar, columns - words.size() - kFrame);
-        const auto full = static_cast<std::size_t>(std::lround(part * static_cast<double>(length)));
+        const size_t length = std::min(kLongestBar, columns - words.size() - kFrame);
+        const auto full = static_cast<size_t>(std::lround(part * static_cast<double>(length)));
         line = "[" + std::string(full, '#') + std::string(length - full, '.') + "] ";
     }
     m_stream << "\r" << CutToWidth(line + words, columns) << "\x1b[K" << std::flush;

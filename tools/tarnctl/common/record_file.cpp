@@ -81,8 +81,8 @@ bool RecordFile::IsAlert() const {
     return m_type == unified2::kAlertIpv4 || m_type == unified2::kAlertIpv6;
 }
 
-int64_t RecordFile::Read(std::byte* to, std::size_t length) {
-    std::size_t done = 0;
+int64_t RecordFile::Read(std::byte* to, size_t length) {
+    size_t done = 0;
     while (done < length) {
         if (m_isStream && !WaitForBytes()) {
             m_isStopped = true;
@@ -98,7 +98,7 @@ int64_t RecordFile::Read(std::byte* to, std::size_t length) {
         if (count == 0) {
             break;
         }
-        done += static_cast<std::size_t>(count);
+        done += static_cast<size_t>(count);
     }
     m_position += done;
     return static_cast<int64_t>(done);

@@ -66,7 +66,7 @@ class RecordFile {
 
   private:
     // Reads `length` bytes to `to`. Returns how many came before the end of the file, or -1.
-    [[nodiscard]] int64_t Read(std::byte* to, std::size_t length);
+    [[nodiscard]] int64_t Read(std::byte* to, size_t length);
     RecordResult Fail(RecordResult result, const std::string& reason);
 
     // Waits until a stream has bytes. False when a stop is requested.

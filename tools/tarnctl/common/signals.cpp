@@ -8,7 +8,7 @@
 namespace tarnctl {
 namespace {
 
-constexpr std::size_t kSignals = 32;  // the standard signals and one more, since they begin at 1
+constexpr size_t kSignals = 32;  // the standard signals and one more, since they begin at 1
 
 std::atomic<bool> s_stop{false};
 std::array<std::atomic<bool>, kSignals> s_requests{};
@@ -19,7 +19,7 @@ extern "C" void OnStopSignal(int) {
 }
 
 extern "C" void OnRequest(int signal) {
-    s_requests[static_cast<std::size_t>(signal)].store(true, std::memory_order_relaxed);
+    s_requests[static_cast<size_t>(signal)].store(true, std::memory_order_relaxed);
 }
 
 void Handle(int signal, void (*handler)(int)) {
@@ -54,7 +54,7 @@ void CatchRequests(int signal) {
 }
 
 bool TakeRequest(int signal) {
-    return s_requests[static_cast<std::size_t>(signal)].exchange(false, std::memory_order_relaxed);
+    return s_requests[static_cast<size_t>(signal)].exchange(false, std::memory_order_relaxed);
 }
 
 }  // namespace tarnctl

@@ -22,7 +22,7 @@ StandardInput::~StandardInput() {
     }
 }
 
-ssize_t StandardInput::Read(char* to, std::size_t size) {
+ssize_t StandardInput::Read(char* to, size_t size) {
     pollfd entry = {.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
     while (poll(&entry, 1, kSilentWait) <= 0) {
         if (StopRequested()) {
@@ -42,12 +42,12 @@ bool StandardInput::CopyTo(int descriptor) {
     if (ReadAll(text) != 0) {
         return false;
     }
-    for (std::size_t done = 0; done < text.size();) {
+    for (size_t done = 0; done < text.size();) {
         const ssize_t put = write(descriptor, text.data() + done, text.size() - done);
         if (put <= 0) {
             return false;
         }
-        done += static_cast<std::size_t>(put);
+        done += static_cast<size_t>(put);
     }
     return true;
 }
@@ -66,7 +66,7 @@ int StandardInput::ReadAll(std::string& text) {
         if (got == 0) {
             return 0;
         }
-        text.append(m_buffer.data(), static_cast<std::size_t>(got));
+        text.append(m_buffer.data(), static_cast<size_t>(got));
     }
 }
 

@@ -35,7 +35,7 @@ class StandardInput final : public std::streambuf {
 
   private:
     // The number of bytes, 0 at the end, or -1 with errno; EINTR when a stop was asked for.
-    ssize_t Read(char* to, std::size_t size);
+    ssize_t Read(char* to, size_t size);
     [[nodiscard]] bool CopyTo(int descriptor);
 
     std::ostream& m_err;

@@ -11,8 +11,8 @@ namespace {
 // "NUMBER (NAME) STATE ..." as in /proc/NUMBER/stat. A process that has ended and that nobody has
 // waited for yet is in state Z.
 bool IsDaemon(const std::string& status) {
-    const std::size_t name = status.find(" (tarn) ");
-    constexpr std::size_t kNameBytes = 8;
+    const size_t name = status.find(" (tarn) ");
+    constexpr size_t kNameBytes = 8;
     return name != std::string::npos && status.size() > name + kNameBytes &&
            status[name + kNameBytes] != 'Z';
 }

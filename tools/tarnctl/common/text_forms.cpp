@@ -63,13 +63,13 @@ std::string Base64(std::span<const std::byte> bytes) {
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string text;
     text.reserve((bytes.size() + 2) / 3 * 4);
-    for (std::size_t at = 0; at < bytes.size(); at += 3) {
-        const std::size_t count = std::min<std::size_t>(3, bytes.size() - at);
+    for (size_t at = 0; at < bytes.size(); at += 3) {
+        const size_t count = std::min<size_t>(3, bytes.size() - at);
         uint32_t group = 0;
-        for (std::size_t i = 0; i < 3; ++i) {
+        for (size_t i = 0; i < 3; ++i) {
             group = group << 8 | (i < count ? std::to_integer<uint32_t>(bytes[at + i]) : 0U);
         }
-        for (std::size_t i = 0; i < 4; ++i) {
+        for (size_t i = 0; i < 4; ++i) {
             text += i <= count ? kDigits[group >> (18 - 6 * i) & 0x3F] : '=';
         }
     }

@@ -100,7 +100,7 @@ bool CrmChannel::Open() {
 
 CrmChannel::ReadResult CrmChannel::Next(std::span<const std::byte>& bytes, int& ring) {
     for (ring = 0; ring < 2; ++ring) {
-        ShmEventPipe& pipe = m_pair->m_aPipes[static_cast<std::size_t>(ring)];
+        ShmEventPipe& pipe = m_pair->m_aPipes[static_cast<size_t>(ring)];
         uint32_t size = kEventQueueFirstRingSize;
         uint32_t status = READ_OK;
         switch (pipe.read(m_buffer.get(), &size, &status)) {

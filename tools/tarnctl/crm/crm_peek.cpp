@@ -57,7 +57,7 @@ class CrmPeek final : public Monitor {
         bool isMoving = false;
         bool isDoubtful = false;
         for (int i = 0; i < 2; ++i) {
-            Half& half = m_halves[static_cast<std::size_t>(i)];
+            Half& half = m_halves[static_cast<size_t>(i)];
             isMoving = (half.isOpen && !IsDone() && ShowNext(i, half)) || isMoving;
             isDoubtful = isDoubtful || (half.isDamaged && !half.isTold);
         }

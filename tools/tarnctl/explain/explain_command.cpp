@@ -117,7 +117,7 @@ class Explainer {
         if (m_options.json) {
             m_out << ExplanationAsJson(event) << std::endl;
         } else {
-            constexpr std::size_t kTextColumn = 12;  // where what follows a label begins
+            constexpr size_t kTextColumn = 12;  // where what follows a label begins
             m_out << FoldedToWidth(ExplanationAsText(event, m_options.color), m_options.Width(),
                                    kTextColumn + 2)
                   << std::flush;

@@ -111,7 +111,7 @@ void AddBlocking(const Explanation& explanation, Lines& lines) {
     if (!explanation.blockReason.empty()) {
         lines.Add("blocking", "not blocked, because " + explanation.blockReason, Color::kGreen);
     }
-    std::size_t number = 0;
+    size_t number = 0;
     for (const BlockExplanation& block : explanation.blockRules) {
         const std::string label = "rule " + std::to_string(++number);
         if (block.isSent) {

@@ -42,9 +42,9 @@ constexpr uint64_t kPendingAlerts = 128;  // what the daemon keeps for attachmen
 constexpr int32_t kEventIdRange = 65536;
 
 // A copy that malloc gave, as the record classes take it; at least `least` bytes, zeros at the end.
-uint8_t* RecordBytes(std::span<const std::byte> payload, std::size_t least) {
-    auto* const bytes = static_cast<uint8_t*>(
-        std::calloc(1, std::max(payload.size(), std::max<std::size_t>(least, 1))));
+uint8_t* RecordBytes(std::span<const std::byte> payload, size_t least) {
+    auto* const bytes =
+        static_cast<uint8_t*>(std::calloc(1, std::max(payload.size(), std::max<size_t>(least, 1))));
     if (bytes == nullptr) {
         throw std::bad_alloc();
     }
@@ -368,7 +368,7 @@ std::string ExplainedAlert::TakeFromReport(const std::string& line) {
     } catch (const Json::exception& fault) {
         // The library's own number of the fault comes first.
         const std::string_view text = fault.what();
-        const std::size_t begin = text.find("] ");
+        const size_t begin = text.find("] ");
         return "not a report of tarnctl crm --json: " +
                std::string(begin == std::string_view::npos ? text : text.substr(begin + 2));
     }

@@ -25,14 +25,14 @@ constexpr uint32_t kAddressFlags = kBlockIntruderAddress | kBlockVictimAddress;
 std::string TextFaultReason(const BlockDecision& decision, const CrmEventSource& source) {
     using Fault = QuarantineRule::TextFault;
     switch (decision.textFault) {
-        case Fault::Protocol:
+        case Fault::kProtocol:
             return "a rule for IP version " + std::to_string(source.GetIpVersion()) +
                    " cannot name protocol " + std::to_string(source.GetProtocol()) +
                    ", which is ICMP of the other version";
-        case Fault::NoExpiration:
+        case Fault::kNoExpiration:
             return "the time of the event and the duration come to the time 0";
-        case Fault::ExpirationTime:
-        case Fault::ExpirationForm:
+        case Fault::kExpirationTime:
+        case Fault::kExpirationForm:
             return "the time of the event and the duration come to a time that has no date";
         default:
             return "the rule cannot be written";
@@ -42,21 +42,21 @@ std::string TextFaultReason(const BlockDecision& decision, const CrmEventSource&
 std::string BlockReason(const BlockDecision& decision, const CrmEventSource& source) {
     const std::string protocol = ProtocolName(source.GetProtocol());
     switch (decision.outcome) {
-        case BlockOutcome::Sent:
+        case BlockOutcome::kSent:
             return {};
-        case BlockOutcome::OtherFamily:
+        case BlockOutcome::kOtherFamily:
             return tarn::policy::IsIcmp(source.GetProtocol())
                        ? "the entry asks for ports and this is " + protocol
                        : "the entry asks for an ICMP type or code and this is " + protocol;
-        case BlockOutcome::NothingNamed:
+        case BlockOutcome::kNothingNamed:
             return (decision.flags & kBlockIssue) != 0
                        ? "the entry asks for the signature only, and rules for signatures are not supported"
                        : "the entry asks for neither an address nor a port nor an ICMP field";
-        case BlockOutcome::NoAddress:
+        case BlockOutcome::kNoAddress:
             return "the alert's address has no text";
-        case BlockOutcome::NoIpVersion:
+        case BlockOutcome::kNoIpVersion:
             return "the alert's IP version is neither 4 nor 6";
-        case BlockOutcome::NoText:
+        case BlockOutcome::kNoText:
             return TextFaultReason(decision, source);
     }
     return {};
@@ -101,7 +101,7 @@ BlockExplanation ExplainBlock(const BlockRule& blockRule, const CrmEventSource& 
     block.flags = blockRule.flags;
     block.duration = blockRule.duration;
     block.rateLimit = blockRule.rateLimit;
-    block.isSent = decision.outcome == BlockOutcome::Sent;
+    block.isSent = decision.outcome == BlockOutcome::kSent;
     block.reason = BlockReason(decision, source);
     block.notes = BlockNotes(blockRule, decision, source.GetProtocol());
     if (block.isSent) {
@@ -114,17 +114,17 @@ BlockExplanation ExplainBlock(const BlockRule& blockRule, const CrmEventSource& 
 void ExplainBlocking(const Node& entry, const CrmEventSource& source, Explanation& explanation) {
     switch (tarn::policy::DecideQuarantine(source.GetProtocol(), entry.responseFlags,
                                            entry.blockRules)) {
-        case QuarantineOutcome::NoResponse:
+        case QuarantineOutcome::kNoResponse:
             explanation.blockReason =
                 entry.responseFlags == 0
                     ? "the entry's response asks for no quarantine"
                     : "the entry's response is for other traffic and this is " +
                           ProtocolName(source.GetProtocol());
             break;
-        case QuarantineOutcome::NoRules:
+        case QuarantineOutcome::kNoRules:
             explanation.blockReason = "the entry has no block rule";
             break;
-        case QuarantineOutcome::Considered:
+        case QuarantineOutcome::kConsidered:
             for (const BlockRule& blockRule : entry.blockRules) {
                 explanation.blockRules.push_back(ExplainBlock(blockRule, source));
             }
@@ -159,15 +159,15 @@ void ExplainReport(const Node& entry, const CrmEventSource& source, Explanation&
 
 void ExplainCapture(const Node& entry, const CrmEventSource& source, Explanation& explanation) {
     switch (tarn::policy::DecideCapture(entry.userResponseFlags)) {
-        case CaptureOutcome::Requested:
+        case CaptureOutcome::kRequested:
             explanation.isCaptured = true;
             explanation.capturedBytes = source.GetPacket().uPacketLength;
             break;
-        case CaptureOutcome::NotAsked:
+        case CaptureOutcome::kNotAsked:
             explanation.captureReason =
                 "the entry's user response does not ask for evidence (LOGEVIDENCE)";
             break;
-        case CaptureOutcome::ScopeNamed:
+        case CaptureOutcome::kScopeNamed:
             explanation.captureReason =
                 "the entry's user response names a connection or an interface beside LOGEVIDENCE, "
                 "and an alert has neither";

@@ -13,13 +13,13 @@
 namespace tarnctl {
 namespace {
 
-constexpr std::size_t kHeader = sizeof(unified2::RecordHeader);
+constexpr size_t kHeader = sizeof(unified2::RecordHeader);
 
 // The fixed part of a record. What a short record lacks is zeros, as in the daemon.
 template <typename Record>
 Record FixedPart(std::span<const std::byte> record) {
     Record fixed = {};
-    const std::size_t held = record.size() - std::min(record.size(), kHeader);
+    const size_t held = record.size() - std::min(record.size(), kHeader);
     if (held != 0) {
         std::memcpy(&fixed, record.data() + kHeader, std::min(held, sizeof fixed));
     }
@@ -46,7 +46,7 @@ AlertKey KeyOf(const EventReport& report) {
     return key;
 }
 
-std::size_t AlertKeyHash::operator()(const AlertKey& key) const {
+size_t AlertKeyHash::operator()(const AlertKey& key) const {
     constexpr uint64_t kFactor = 0x9E3779B97F4A7C15;
     uint64_t ends = 0;
     std::memcpy(&ends, key.sourceIpv6.data() + 8, sizeof ends);
@@ -57,13 +57,13 @@ std::size_t AlertKeyHash::operator()(const AlertKey& key) const {
         hash = (hash ^ word) * kFactor;
         hash ^= hash >> 29;
     }
-    return static_cast<std::size_t>(hash);
+    return static_cast<size_t>(hash);
 }
 
 AlertRead ReadAlert(uint32_t type, std::span<const std::byte> record) {
     const bool isIpv4 = type == unified2::kAlertIpv4;
-    const std::size_t held = record.size() - std::min(record.size(), kHeader);
-    const std::size_t needed = std::max<std::size_t>(held, unified2::FixedSize(type));
+    const size_t held = record.size() - std::min(record.size(), kHeader);
+    const size_t needed = std::max<size_t>(held, unified2::FixedSize(type));
     // The alert takes the bytes over and gives them back with free().
     auto* const bytes = static_cast<uint8_t*>(std::calloc(1, needed));
     if (bytes == nullptr) {

@@ -35,7 +35,7 @@ struct AlertKey {
 };
 
 struct AlertKeyHash {
-    std::size_t operator()(const AlertKey& key) const;
+    size_t operator()(const AlertKey& key) const;
 };
 
 [[nodiscard]] AlertKey KeyOf(const EventReport& report);

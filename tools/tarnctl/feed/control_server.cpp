@@ -14,9 +14,9 @@
 namespace tarnctl {
 namespace {
 
-constexpr int kWaiting = 8;                   // connections that may wait to be accepted
-constexpr std::size_t kMostClients = 16;      // more are refused
-constexpr std::size_t kLongestRequest = 256;  // bytes without a line end
+constexpr int kWaiting = 8;              // connections that may wait to be accepted
+constexpr size_t kMostClients = 16;      // more are refused
+constexpr size_t kLongestRequest = 256;  // bytes without a line end
 
 // A client that does not read its answer is not waited for any longer than this.
 constexpr int kPatience = 1000;  // milliseconds
@@ -26,7 +26,7 @@ bool SendLine(int fd, std::string_view line) {
         const ssize_t count = send(fd, line.data(), line.size(), MSG_NOSIGNAL);
         pollfd entry = {fd, POLLOUT, 0};
         if (count > 0) {
-            line.remove_prefix(static_cast<std::size_t>(count));
+            line.remove_prefix(static_cast<size_t>(count));
         } else if (errno != EAGAIN || poll(&entry, 1, kPatience) <= 0) {
             return false;
         }
@@ -72,8 +72,8 @@ bool ControlServer::ServeClient(Client& client, const Answer& answer) {
         if (count == 0) {
             return false;
         }
-        client.text.append(buffer.data(), static_cast<std::size_t>(count));
-        for (std::size_t end = 0; (end = client.text.find('\n')) != std::string::npos;) {
+        client.text.append(buffer.data(), static_cast<size_t>(count));
+        for (size_t end = 0; (end = client.text.find('\n')) != std::string::npos;) {
             const std::string word = client.text.substr(0, end);
             client.text.erase(0, end + 1);
             if (word == kFeedHold && m_holder == -1) {

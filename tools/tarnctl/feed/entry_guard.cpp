@@ -144,8 +144,7 @@ void EntryGuard::OnEntryClosed(uint32_t id, bool entered) {
         return;
     }
     if (const auto node = Config::s_eventTable.Find(id)) {
-        const std::size_t bytes =
-            node->eventName.size() + node->userResponse.size() + node->rule.size();
+        const size_t bytes = node->eventName.size() + node->userResponse.size() + node->rule.size();
         m_mostBlockRules = std::max(m_mostBlockRules, node->blockRules.size());
         m_entries[id] = {static_cast<uint32_t>(bytes), PolicyText(*node)};
     }

@@ -47,8 +47,8 @@ class EntryGuard final : public LoadObserver {
     // The bytes that the texts of an entry add to a report.
     [[nodiscard]] uint32_t TextBytes(uint32_t signature) const;
     // The quarantine rules of the entry that has the most.
-    [[nodiscard]] std::size_t MostBlockRules() const { return m_mostBlockRules; }
-    [[nodiscard]] std::size_t Count() const { return m_entries.size(); }
+    [[nodiscard]] size_t MostBlockRules() const { return m_mostBlockRules; }
+    [[nodiscard]] size_t Count() const { return m_entries.size(); }
     // What each entry says, by its signature, and what has changed of it since, as JSON.
     using Policies = std::map<uint32_t, std::string>;
     [[nodiscard]] Policies CurrentPolicies() const;
@@ -76,7 +76,7 @@ class EntryGuard final : public LoadObserver {
     FileTime m_configTime;
     FileTime m_eventTime;
     std::string m_fault;
-    std::size_t m_mostBlockRules = 0;
+    size_t m_mostBlockRules = 0;
     struct Entry {
         uint32_t textBytes = 0;
         std::string policy;

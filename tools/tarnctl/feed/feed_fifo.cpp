@@ -61,9 +61,9 @@ FeedFifo::Result FeedFifo::Open() {
     return Result::kDone;
 }
 
-bool FeedFifo::EnsureCapacity(std::size_t length) {
+bool FeedFifo::EnsureCapacity(size_t length) {
     const int capacity = fcntl(m_fd, F_GETPIPE_SZ);
-    if (capacity != -1 && length <= static_cast<std::size_t>(capacity)) {
+    if (capacity != -1 && length <= static_cast<size_t>(capacity)) {
         return true;
     }
     return length <= INT_MAX && fcntl(m_fd, F_SETPIPE_SZ, static_cast<int>(length)) != -1;

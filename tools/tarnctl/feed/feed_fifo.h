@@ -50,7 +50,7 @@ class FeedFifo {
 
   private:
     [[nodiscard]] Result Fail(Result result, const std::string& reason);
-    [[nodiscard]] bool EnsureCapacity(std::size_t length);
+    [[nodiscard]] bool EnsureCapacity(size_t length);
 
     const std::string m_path;
     int m_fd = -1;       // owned

@@ -173,7 +173,7 @@ void Feeder::OnDaemonEnd() {
     m_fifo.Close();
     m_daemonEnd.Forget();
     ReadReports();
-    const std::size_t count = m_underWay.Size();
+    const size_t count = m_underWay.Size();
     TakeAllAgain(false);
     m_isUnsure = false;
     m_guardIsLate = false;

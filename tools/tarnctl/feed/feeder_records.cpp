@@ -20,7 +20,7 @@ constexpr uint64_t kReportBytes = 512;
 constexpr uint64_t kLongestAttachment = 1U << 21;
 
 // The alerts whose packets may still come.
-constexpr std::size_t kMostFates = 256;
+constexpr size_t kMostFates = 256;
 
 // What is read last of an alert has come when nothing came for so long.
 constexpr milliseconds kGroupEnds{200};
@@ -284,7 +284,7 @@ Feeder::Step Feeder::FeedAgain() {
     const auto records = next.records;
     m_underWay.Add(std::move(next));
     m_again.pop_front();
-    for (std::size_t index = 1; index < records.size(); ++index) {
+    for (size_t index = 1; index < records.size(); ++index) {
         if (!SendWaiting(records[index])) {
             return Step::kBlocked;
         }

@@ -15,7 +15,7 @@
 namespace tarnctl {
 namespace {
 
-constexpr std::size_t kBufferBytes = 1U << 18;
+constexpr size_t kBufferBytes = 1U << 18;
 
 std::string Hex(std::span<const std::byte> bytes) {
     constexpr std::string_view kDigits = "0123456789abcdef";
@@ -29,10 +29,10 @@ std::string Hex(std::span<const std::byte> bytes) {
 }
 
 // At most `length` bytes from the start of the file, in hex.
-std::string ReadHead(int fd, std::size_t length) {
+std::string ReadHead(int fd, size_t length) {
     std::array<std::byte, SpoolFile::kHeadBytes> bytes = {};
     const ssize_t count = pread(fd, bytes.data(), std::min(length, bytes.size()), 0);
-    return count > 0 ? Hex(std::span(bytes).first(static_cast<std::size_t>(count))) : "";
+    return count > 0 ? Hex(std::span(bytes).first(static_cast<size_t>(count))) : "";
 }
 
 }  // namespace
@@ -102,15 +102,15 @@ bool SpoolFile::IsStillSame() {
     return true;
 }
 
-bool SpoolFile::Have(std::size_t length) {
+bool SpoolFile::Have(size_t length) {
     const uint64_t end = m_bufferStart + m_bufferLength;
     if (m_offset >= m_bufferStart && m_offset + length <= end) {
         return true;
     }
     // What is there already of this record moves to the front.
-    std::size_t kept = 0;
+    size_t kept = 0;
     if (m_offset >= m_bufferStart && m_offset < end) {
-        kept = static_cast<std::size_t>(end - m_offset);
+        kept = static_cast<size_t>(end - m_offset);
         std::memmove(m_buffer.data(), m_buffer.data() + (m_offset - m_bufferStart), kept);
     }
     m_bufferStart = m_offset;
@@ -127,12 +127,12 @@ bool SpoolFile::Have(std::size_t length) {
         if (count <= 0) {
             return false;
         }
-        m_bufferLength += static_cast<std::size_t>(count);
+        m_bufferLength += static_cast<size_t>(count);
     }
     return true;
 }
 
-SpoolFile::Result SpoolFile::EndOr(std::size_t there) {
+SpoolFile::Result SpoolFile::EndOr(size_t there) {
     if (m_readError != 0) {
         m_error = FailureText(m_path, m_readError);
         return Result::kFailed;

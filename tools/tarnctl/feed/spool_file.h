@@ -42,7 +42,7 @@ class SpoolFile {
     // The longest payload, in bytes: what a pipe can be stretched to.
     static constexpr uint32_t kLongest = 1U << 24;
     // The bytes by which a file is known again.
-    static constexpr std::size_t kHeadBytes = 32;
+    static constexpr size_t kHeadBytes = 32;
 
     SpoolFile() = default;
     ~SpoolFile();
@@ -77,10 +77,10 @@ class SpoolFile {
   private:
     // Makes `length` bytes from the present place on stand in the buffer. False if they are not
     // there.
-    [[nodiscard]] bool Have(std::size_t length);
+    [[nodiscard]] bool Have(size_t length);
     // False when the file is no longer the one that was read.
     [[nodiscard]] bool IsStillSame();
-    Result EndOr(std::size_t there);
+    Result EndOr(size_t there);
 
     int m_fd = -1;  // owned
     std::string m_path;
@@ -90,7 +90,7 @@ class SpoolFile {
     std::string m_head;     // in hex
     std::vector<std::byte> m_buffer;
     uint64_t m_bufferStart = 0;  // offset in the file of its first byte
-    std::size_t m_bufferLength = 0;
+    size_t m_bufferLength = 0;
     uint32_t m_type = 0;
     std::span<const std::byte> m_record;  // within m_buffer
     int m_readError = 0;                  // errno

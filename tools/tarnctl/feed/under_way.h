@@ -53,7 +53,7 @@ class UnderWay {
     // All of them count as reported.
     void Settle();
 
-    [[nodiscard]] std::size_t Size() const { return m_alerts.size(); }
+    [[nodiscard]] size_t Size() const { return m_alerts.size(); }
     [[nodiscard]] bool IsEmpty() const { return m_alerts.empty(); }
     [[nodiscard]] uint64_t ReportBytes() const { return m_reportBytes; }
     // The earliest position of all; empty when there is none.
@@ -65,7 +65,7 @@ class UnderWay {
 
   private:
     // Alerts that had their report, as long as a second one can still come.
-    static constexpr std::size_t kRemembered = 4096;
+    static constexpr size_t kRemembered = 4096;
 
     void Remember(const AlertKey& key);
 

@@ -146,7 +146,7 @@ std::vector<std::string> WordsOf(const std::string& folder) {
 // with a dash; the last one counts.
 std::string OptionOf(const std::vector<std::string>& words, const std::string& option) {
     std::string found;
-    for (std::size_t at = 1; at < words.size(); ++at) {
+    for (size_t at = 1; at < words.size(); ++at) {
         std::string value;
         if (words[at] == option && at + 1 < words.size()) {
             value = words[++at];

@@ -19,8 +19,8 @@ namespace {
 constexpr uint64_t kSmallRoom = 1048576;   // bytes that a working disk has free at least
 constexpr uint64_t kSemaphoreRoom = 4096;  // a page
 constexpr double kTick = 0.02;  // by which the start of a thread may seem to be earlier, in seconds
-constexpr int kReloadLevel = 4;                     // at which the log tells of a reload
-constexpr std::size_t kThreadsWithEventThread = 3;  // main, event and error thread
+constexpr int kReloadLevel = 4;                // at which the log tells of a reload
+constexpr size_t kThreadsWithEventThread = 3;  // main, event and error thread
 
 double Seconds(const timespec& time) {
     constexpr double kNanosecond = 1e-9;
@@ -34,7 +34,7 @@ double ClockSeconds(clockid_t clock) {
 }
 
 std::string FolderOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
+    const size_t slash = path.rfind('/');
     return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
 }
 
@@ -66,7 +66,7 @@ uint64_t RingRoom(const QueueHealth& queue) {
     constexpr uint64_t kBlock = 512;  // what st_blocks counts
     const uint64_t sizes[] = {kEventQueueFirstRingSize, kEventQueueSecondRingSize};
     uint64_t needed = 0;
-    for (std::size_t ring = 0; ring < queue.rings.size(); ++ring) {
+    for (size_t ring = 0; ring < queue.rings.size(); ++ring) {
         struct stat status = {};
         const bool isThere = stat(queue.rings[ring].path.c_str(), &status) == 0;
         const uint64_t has = isThere ? static_cast<uint64_t>(status.st_blocks) * kBlock : 0;

@@ -15,7 +15,7 @@ std::string BytesText(uint64_t bytes) {
         return std::to_string(bytes) + " B";
     }
     auto amount = static_cast<double>(bytes) / kStep;
-    std::size_t unit = 0;
+    size_t unit = 0;
     while (amount >= kStep && unit + 1 < kUnits.size()) {
         amount /= kStep;
         ++unit;

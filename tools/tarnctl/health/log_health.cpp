@@ -23,7 +23,7 @@ bool ReadTail(const std::string& path, std::string& text, bool& isWhole) {
     struct stat status = {};
     const bool isFile = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
     const off_t begin = isFile ? std::max<off_t>(0, status.st_size - kTailBytes) : 0;
-    text.resize(isFile ? static_cast<std::size_t>(status.st_size - begin) : 0);
+    text.resize(isFile ? static_cast<size_t>(status.st_size - begin) : 0);
     const ssize_t length = pread(fd, text.data(), text.size(), begin);
     const int error = isFile ? errno : EINVAL;
     close(fd);
@@ -31,7 +31,7 @@ bool ReadTail(const std::string& path, std::string& text, bool& isWhole) {
         errno = error;
         return false;
     }
-    text.resize(static_cast<std::size_t>(length));
+    text.resize(static_cast<size_t>(length));
     isWhole = begin == 0;
     if (!isWhole) {
         text.erase(0, text.find('\n') + 1);
@@ -42,7 +42,7 @@ bool ReadTail(const std::string& path, std::string& text, bool& isWhole) {
 // "2026/11/21 10:20:30.123 T:140 MESSAGE". False for what is no such line, as the rest of a message
 // with line ends of its own.
 bool ParseLine(std::string_view line, double& time, std::string_view& message) {
-    static constexpr std::size_t kTimeBytes = 23;
+    static constexpr size_t kTimeBytes = 23;
     tm parts = {};
     int milliseconds = 0;
     const std::string stamp(line.substr(0, kTimeBytes));
@@ -70,7 +70,7 @@ bool ParseLine(std::string_view line, double& time, std::string_view& message) {
     }
     constexpr double kMillisecond = 1e-3;
     time = static_cast<double>(lastTime) + milliseconds * kMillisecond;
-    const std::size_t blank = line.find(' ', kTimeBytes + 1);
+    const size_t blank = line.find(' ', kTimeBytes + 1);
     message = blank == std::string_view::npos ? std::string_view() : line.substr(blank + 1);
     return true;
 }
@@ -91,7 +91,7 @@ class TailReader {
 
     void Read(const std::string& path, std::string_view text) {
         while (!text.empty()) {
-            const std::size_t end = text.find('\n');
+            const size_t end = text.find('\n');
             if (end == std::string_view::npos) {
                 break;  // the daemon is writing it
             }
@@ -124,7 +124,7 @@ class TailReader {
         if (place < 0) {
             return;
         }
-        LossHealth& loss = m_losses[static_cast<std::size_t>(place)];
+        LossHealth& loss = m_losses[static_cast<size_t>(place)];
         const uint64_t count = LossesOf(*loss.kind, message);
         loss.count += count;
         loss.recentCount += time >= m_recentSince ? count : 0;

@@ -48,7 +48,7 @@ std::span<const LossKind> LossKinds() {
 }
 
 int LossKindOf(std::string_view message) {
-    for (std::size_t place = 0; place < std::size(kKinds); ++place) {
+    for (size_t place = 0; place < std::size(kKinds); ++place) {
         if (message.starts_with(kKinds[place].beginning)) {
             return static_cast<int>(place);
         }

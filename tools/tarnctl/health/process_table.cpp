@@ -15,10 +15,10 @@ namespace tarnctl {
 namespace {
 
 // Where a field of the line is, counted from the state, which follows the name.
-constexpr std::size_t kFlagsField = 6;
-constexpr std::size_t kUserTimeField = 11;
-constexpr std::size_t kSystemTimeField = 12;
-constexpr std::size_t kStartTimeField = 19;
+constexpr size_t kFlagsField = 6;
+constexpr size_t kUserTimeField = 11;
+constexpr size_t kSystemTimeField = 12;
+constexpr size_t kStartTimeField = 19;
 
 constexpr uint64_t kKernelThread = 0x00200000;  // PF_KTHREAD
 
@@ -49,8 +49,8 @@ bool NumbersIn(const std::string& path, std::vector<int>& numbers) {
 
 bool ParseProcessStatus(std::string_view line, ProcessStatus& status) {
     // A name may hold blanks and parentheses of its own.
-    const std::size_t begin = line.find('(');
-    const std::size_t end = line.rfind(')');
+    const size_t begin = line.find('(');
+    const size_t end = line.rfind(')');
     if (begin == std::string_view::npos || end == std::string_view::npos || end < begin) {
         return false;
     }
@@ -60,7 +60,7 @@ bool ParseProcessStatus(std::string_view line, ProcessStatus& status) {
     if (!(rest >> status.state)) {
         return false;
     }
-    for (std::size_t field = 1; field < fields.size(); ++field) {
+    for (size_t field = 1; field < fields.size(); ++field) {
         int64_t number = 0;  // the terminal's group may be -1
         if (!(rest >> number)) {
             return false;

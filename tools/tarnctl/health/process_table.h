@@ -88,7 +88,7 @@ class ProcessTable {
     const std::string m_root;
     std::vector<Process> m_processes;  // by number
     std::vector<OpenFile> m_files;     // FIFOs, sockets and plain files
-    std::size_t m_unreadable = 0;
+    size_t m_unreadable = 0;
 };
 
 }  // namespace tarnctl

@@ -28,7 +28,7 @@ class ReadOnlyFile {
 
     [[nodiscard]] bool IsOpen() const { return m_fd != -1; }
     [[nodiscard]] int Error() const { return m_error; }
-    [[nodiscard]] bool Read(void* to, std::size_t length, uint64_t offset) const {
+    [[nodiscard]] bool Read(void* to, size_t length, uint64_t offset) const {
         return pread(m_fd, to, length, static_cast<off_t>(offset)) == static_cast<ssize_t>(length);
     }
 
@@ -161,7 +161,7 @@ void CompareQueues(const QueueHealth& before, QueueHealth& now) {
     if (!before.channel.Is(*now.channel.value)) {
         return;
     }
-    for (std::size_t ring = 0; ring < now.rings.size(); ++ring) {
+    for (size_t ring = 0; ring < now.rings.size(); ++ring) {
         CompareRings(before.rings[ring], now.rings[ring]);
     }
 }

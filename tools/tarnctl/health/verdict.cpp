@@ -10,13 +10,13 @@ namespace tarnctl {
 namespace {
 
 // A process that has a file open twice is one.
-std::size_t Processes(const Holders& holders) {
+size_t Processes(const Holders& holders) {
     std::vector<int> numbers;
     for (const Holder& holder : holders) {
         numbers.push_back(holder.process);
     }
     std::sort(numbers.begin(), numbers.end());
-    return static_cast<std::size_t>(std::unique(numbers.begin(), numbers.end()) - numbers.begin());
+    return static_cast<size_t>(std::unique(numbers.begin(), numbers.end()) - numbers.begin());
 }
 
 class Judgement {
@@ -103,7 +103,7 @@ class Judgement {
             return;
         }
         if (Needs("alert-fifo-readers", fifo.readers)) {
-            const std::size_t readers = Processes(*fifo.readers.value);
+            const size_t readers = Processes(*fifo.readers.value);
             const auto& former = m_before.alerts.readers.value;
             if (readers > 1) {
                 Fault("alert-fifo-shared", "more than one process reads " + fifo.path + " (" +
@@ -203,7 +203,7 @@ class Judgement {
             return;
         }
         if (*file.isNewer.value) {
-            const std::size_t slash = file.path.rfind('/');
+            const size_t slash = file.path.rfind('/');
             Fault(file.name + "-newer", file.path.substr(slash + 1) +
                                             " is newer than what is in force: a hangup loads it");
         }

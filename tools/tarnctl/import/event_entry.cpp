@@ -8,17 +8,17 @@ namespace tarnctl {
 namespace {
 
 // The length of the UTF-8 character that begins the text, 0 if none does.
-std::size_t CharacterLength(std::string_view text) {
-    const auto byte = [&text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
-    const std::size_t length = byte(0) < 0x80               ? 1
-                               : (byte(0) & 0xE0U) == 0xC0U ? 2
-                               : (byte(0) & 0xF0U) == 0xE0U ? 3
-                               : (byte(0) & 0xF8U) == 0xF0U ? 4
-                                                            : 0;
+size_t CharacterLength(std::string_view text) {
+    const auto byte = [&text](size_t at) { return static_cast<unsigned char>(text[at]); };
+    const size_t length = byte(0) < 0x80               ? 1
+                          : (byte(0) & 0xE0U) == 0xC0U ? 2
+                          : (byte(0) & 0xF0U) == 0xE0U ? 3
+                          : (byte(0) & 0xF8U) == 0xF0U ? 4
+                                                       : 0;
     if (length == 0 || length > text.size()) {
         return 0;
     }
-    for (std::size_t at = 1; at < length; ++at) {
+    for (size_t at = 1; at < length; ++at) {
         if ((byte(at) & 0xC0U) != 0x80U) {
             return 0;
         }
@@ -42,8 +42,8 @@ bool IsControl(char letter) {
 std::string EventName(std::string_view message) {
     std::string name;
     while (!message.empty()) {
-        const std::size_t length = CharacterLength(message);
-        if (name.size() + std::max<std::size_t>(length, 1) > kLongestName) {
+        const size_t length = CharacterLength(message);
+        if (name.size() + std::max<size_t>(length, 1) > kLongestName) {
             break;
         }
         if (length > 1) {
@@ -51,9 +51,9 @@ std::string EventName(std::string_view message) {
         } else {
             name += length == 0 ? '?' : IsControl(message.front()) ? ' ' : message.front();
         }
-        message.remove_prefix(std::max<std::size_t>(length, 1));
+        message.remove_prefix(std::max<size_t>(length, 1));
     }
-    const std::size_t begin = name.find_first_not_of(' ');
+    const size_t begin = name.find_first_not_of(' ');
     if (begin == std::string::npos) {
         return "";
     }

@@ -14,7 +14,7 @@
 namespace tarnctl {
 
 // The longest name, in bytes.
-inline constexpr std::size_t kLongestName = 255;
+inline constexpr size_t kLongestName = 255;
 
 // The message of a rule as a value that the loader takes whole: one line of printable UTF-8 without
 // blanks at its ends, no longer than kLongestName. Empty if nothing is left of it.

@@ -20,7 +20,7 @@ bool IsEmpty(std::string_view line) {
 // The signature that a line sets something of, 0 if it is no setting.
 uint32_t IdOf(std::string_view line) {
     line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
-    const std::size_t equals = line.find('=');
+    const size_t equals = line.find('=');
     if (equals == std::string_view::npos || line.front() == '#') {
         return 0;
     }
@@ -38,7 +38,7 @@ EventFile::EventFile(std::string text) : m_text(std::move(text)) {
     std::string line;
     uint32_t pending = 0;
     for (std::string_view rest = m_text; !rest.empty(); rest.remove_prefix(m_lines.back().size())) {
-        const std::size_t end = rest.find('\n');
+        const size_t end = rest.find('\n');
         m_lines.push_back(rest.substr(0, end == std::string_view::npos ? end : end + 1));
         line = rest.substr(0, end);
         Config::ParseLine(line, Config::kEventFile);
@@ -58,25 +58,25 @@ EventFile::EventFile(std::string text) : m_text(std::move(text)) {
 
 std::vector<bool> EventFile::LinesToRemove(const std::set<uint32_t>& wanted) const {
     std::vector<bool> remove(m_lines.size(), false);
-    for (std::size_t at = 0; at < m_lines.size(); ++at) {
+    for (size_t at = 0; at < m_lines.size(); ++at) {
         if (m_ids[at] == 0 || wanted.contains(m_ids[at])) {
             continue;
         }
         remove[at] = true;
-        std::size_t first = at;
+        size_t first = at;
         while (first > 0 && !remove[first - 1] && m_lines[first - 1].starts_with(kImportComment)) {
             remove[--first] = true;
         }
     }
-    for (std::size_t at = 1; at < m_lines.size(); ++at) {
+    for (size_t at = 1; at < m_lines.size(); ++at) {
         const bool begins = remove[at] && !remove[at - 1];
         if (!begins || !IsEmpty(m_lines[at - 1])) {
             continue;
         }
         const auto end =
-            std::find(remove.begin() + static_cast<std::ptrdiff_t>(at), remove.end(), false);
+            std::find(remove.begin() + static_cast<ptrdiff_t>(at), remove.end(), false);
         remove[at - 1] =
-            end == remove.end() || IsEmpty(m_lines[static_cast<std::size_t>(end - remove.begin())]);
+            end == remove.end() || IsEmpty(m_lines[static_cast<size_t>(end - remove.begin())]);
     }
     return remove;
 }

@@ -41,7 +41,7 @@ class NewFile {
             if (count == -1 && errno != EINTR) {
                 return false;
             }
-            text.remove_prefix(count > 0 ? static_cast<std::size_t>(count) : 0);
+            text.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
         }
         return true;
     }

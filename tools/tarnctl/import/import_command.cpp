@@ -114,7 +114,7 @@ class Import {
         const std::vector<SnortRule> signatures = m_set.Signatures();
         std::set<uint32_t> known;
         std::string added;
-        for (std::size_t at = 0; at < signatures.size();) {
+        for (size_t at = 0; at < signatures.size();) {
             const uint32_t sid = signatures[at].sid;
             known.insert(known.end(), sid);
             std::vector<SnortRule> alerting;

@@ -13,11 +13,11 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 // More lines than these of one kind are counted and not shown.
-constexpr std::size_t kMostShown = 10;
+constexpr size_t kMostShown = 10;
 
 void AddSome(const std::vector<std::string>& lines, std::vector<std::string>& shown) {
-    const std::size_t count = lines.size() > kMostShown + 1 ? kMostShown : lines.size();
-    shown.insert(shown.end(), lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(count));
+    const size_t count = lines.size() > kMostShown + 1 ? kMostShown : lines.size();
+    shown.insert(shown.end(), lines.begin(), lines.begin() + static_cast<ptrdiff_t>(count));
     if (count < lines.size()) {
         shown.push_back("and " + std::to_string(lines.size() - count) + " more like these");
     }
@@ -26,7 +26,7 @@ void AddSome(const std::vector<std::string>& lines, std::vector<std::string>& sh
 std::string SharedText(const SharedSignature& shared) {
     std::string text = "signature ";
     text.append(std::to_string(shared.id)).append(" is used by generators ");
-    for (std::size_t i = 0; i < shared.generators.size(); ++i) {
+    for (size_t i = 0; i < shared.generators.size(); ++i) {
         text.append(i == 0 ? "" : ", ").append(std::to_string(shared.generators[i]));
     }
     return text + ", which share one entry";
@@ -89,7 +89,7 @@ std::vector<std::string> RemarkLines(const ImportResult& result) {
 }
 
 std::string SummaryLine(const ImportResult& result) {
-    const std::size_t added = result.added.size();
+    const size_t added = result.added.size();
     return result.file + ": " + std::to_string(added) + (added == 1 ? " entry" : " entries") +
            (result.isDryRun ? " would be" : "") + " added, " +
            std::to_string(result.removed.size()) + " removed, " + std::to_string(result.kept) +
@@ -103,7 +103,7 @@ std::string PaintedDiff(const std::string& diff, bool isColored) {
     std::string painted;
     std::string_view rest = diff;
     while (!rest.empty()) {
-        const std::size_t end = std::min(rest.find('\n'), rest.size() - 1);
+        const size_t end = std::min(rest.find('\n'), rest.size() - 1);
         const std::string_view line = rest.substr(0, end);
         const bool isName = line.starts_with("--- ") || line.starts_with("+++ ");
         const Color color = isName                  ? Color::kBold

@@ -35,7 +35,7 @@ struct ImportResult {
     bool isComplete = false;  // all rules could be read
     std::vector<EventEntry> added;
     std::vector<uint32_t> removed;  // ids of entries that were in force
-    std::size_t kept = 0;           // entries
+    size_t kept = 0;                // entries
     std::vector<SharedSignature> shared;
     std::vector<ImportRemark> remarks;
     std::string diff;   // of a dry run; empty where nothing changes

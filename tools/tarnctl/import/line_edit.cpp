@@ -5,7 +5,7 @@
 namespace tarnctl {
 namespace {
 
-constexpr std::size_t kContext = 3;
+constexpr size_t kContext = 3;
 
 struct Change {
     char sign;  // ' ', '-' or '+'
@@ -15,16 +15,16 @@ struct Change {
 std::vector<std::string_view> LinesOf(std::string_view text) {
     std::vector<std::string_view> lines;
     while (!text.empty()) {
-        const std::size_t end = std::min(text.find('\n'), text.size() - 1);
+        const size_t end = std::min(text.find('\n'), text.size() - 1);
         lines.push_back(text.substr(0, end + 1));
         text.remove_prefix(end + 1);
     }
     return lines;
 }
 
-std::string Range(std::size_t begin, std::size_t count) {
+std::string Range(size_t begin, size_t count) {
     // An empty range is named by the line in front of it.
-    const std::size_t first = count == 0 ? begin : begin + 1;
+    const size_t first = count == 0 ? begin : begin + 1;
     return std::to_string(first) + (count == 1 ? "" : "," + std::to_string(count));
 }
 
@@ -37,9 +37,9 @@ void Print(const Change& change, std::string& text) {
 }
 
 // One past the last line of the hunk that begins with the change at `at`.
-std::size_t HunkEnd(const std::vector<Change>& changes, std::size_t at) {
-    std::size_t end = at;
-    for (std::size_t next = at; next < changes.size() && next <= end + 2 * kContext + 1; ++next) {
+size_t HunkEnd(const std::vector<Change>& changes, size_t at) {
+    size_t end = at;
+    for (size_t next = at; next < changes.size() && next <= end + 2 * kContext + 1; ++next) {
         end = changes[next].sign != ' ' ? next : end;
     }
     return std::min(end + 1 + kContext, changes.size());
@@ -53,7 +53,7 @@ bool LineEdit::ChangesNothing() const {
 
 std::string LineEdit::Apply() const {
     std::string text;
-    for (std::size_t at = 0; at < lines.size(); ++at) {
+    for (size_t at = 0; at < lines.size(); ++at) {
         if (!remove[at]) {
             text += lines[at];
         }
@@ -70,7 +70,7 @@ std::string LineEdit::Diff(const std::string& oldName, const std::string& newNam
     }
     std::vector<Change> changes;
     std::string ended;  // the last line with the line end that it gets
-    for (std::size_t at = 0; at < lines.size(); ++at) {
+    for (size_t at = 0; at < lines.size(); ++at) {
         const bool getsEnd = !added.empty() && !remove[at] && !lines[at].ends_with('\n');
         changes.push_back({remove[at] || getsEnd ? '-' : ' ', lines[at]});
         if (getsEnd) {
@@ -83,27 +83,27 @@ std::string LineEdit::Diff(const std::string& oldName, const std::string& newNam
     }
 
     std::string text = "--- " + oldName + "\n+++ " + newName + "\n";
-    std::size_t oldLine = 0;
-    std::size_t newLine = 0;
-    std::size_t at = 0;
-    const auto pass = [&](std::size_t end) {
+    size_t oldLine = 0;
+    size_t newLine = 0;
+    size_t at = 0;
+    const auto pass = [&](size_t end) {
         for (; at < end; ++at) {
             oldLine += changes[at].sign != '+' ? 1 : 0;
             newLine += changes[at].sign != '-' ? 1 : 0;
         }
     };
-    for (std::size_t first = 0; first < changes.size(); ++first) {
+    for (size_t first = 0; first < changes.size(); ++first) {
         if (first < at || changes[first].sign == ' ') {
             continue;
         }
         pass(std::max(at, first - std::min(first, kContext)));
-        const std::size_t begin = at;
-        const std::size_t oldBegin = oldLine;
-        const std::size_t newBegin = newLine;
+        const size_t begin = at;
+        const size_t oldBegin = oldLine;
+        const size_t newBegin = newLine;
         pass(HunkEnd(changes, first));
         text += "@@ -" + Range(oldBegin, oldLine - oldBegin) + " +" +
                 Range(newBegin, newLine - newBegin) + " @@\n";
-        for (std::size_t each = begin; each < at; ++each) {
+        for (size_t each = begin; each < at; ++each) {
             Print(changes[each], text);
         }
     }

@@ -20,7 +20,7 @@ const char* KindName(bool isError) {
     return isError ? "error" : "information";
 }
 
-std::string WrongHeader(const MessageHeader& header, std::size_t size) {
+std::string WrongHeader(const MessageHeader& header, size_t size) {
     if (header.type != tarn::crm::kMessageType) {
         return "its type is " + std::to_string(header.type) + " and not " +
                std::to_string(tarn::crm::kMessageType);
@@ -28,7 +28,7 @@ std::string WrongHeader(const MessageHeader& header, std::size_t size) {
     if (header.length != size) {
         return "its length says " + Counted(header.length, "byte");
     }
-    if (header.kind != MessageKind::Error && header.kind != MessageKind::Information) {
+    if (header.kind != MessageKind::kError && header.kind != MessageKind::kInformation) {
         return "its kind is " + std::to_string(static_cast<uint32_t>(header.kind));
     }
     return {};
@@ -50,14 +50,14 @@ std::string DecodeTextMessage(std::span<const std::byte> bytes, TextMessage& mes
         return reason;
     }
     const auto* const text = reinterpret_cast<const char*>(bytes.data() + sizeof(header));
-    const std::size_t size = bytes.size() - sizeof(header);
-    const std::size_t length = strnlen(text, size);
+    const size_t size = bytes.size() - sizeof(header);
+    const size_t length = strnlen(text, size);
     // A text that was cut takes all the room and has no NUL.
     if (length + 1 != size && (length != size || size != tarn::crm::kTextBytes)) {
         return length == size ? "its text has no end" : "there are bytes after its text";
     }
     message.time = header.time;
-    message.isError = header.kind == MessageKind::Error;
+    message.isError = header.kind == MessageKind::kError;
     message.text.assign(text, length);
     return {};
 }

@@ -56,7 +56,7 @@ Message As(std::span<const std::byte> datagram) {
     return message;
 }
 
-std::string_view TextIn(const char* text, std::size_t limit) {
+std::string_view TextIn(const char* text, size_t limit) {
     return {text, strnlen(text, limit)};
 }
 
@@ -152,7 +152,7 @@ void AddBody(std::span<const std::byte> datagram, uint32_t type, ordered_json& f
 
 // The bytes after the 128 must be those that the message names.
 std::string CheckPayload(std::span<const std::byte> datagram, uint32_t type) {
-    const std::size_t after = datagram.size() - kControlDatagramBytes;
+    const size_t after = datagram.size() - kControlDatagramBytes;
     if (after == 0) {
         return {};
     }
@@ -160,7 +160,7 @@ std::string CheckPayload(std::span<const std::byte> datagram, uint32_t type) {
         return Counted(after, "byte") + " after a message without a packet";
     }
     const int32_t named = As<LogControlMessage_OffendingPacketCapture>(datagram).iCapturedSize;
-    if (named < 0 || static_cast<std::size_t>(named) != after) {
+    if (named < 0 || static_cast<size_t>(named) != after) {
         return "a captured size of " + std::to_string(named) + " and " + Counted(after, "byte") +
                " of packet";
     }
@@ -170,7 +170,7 @@ std::string CheckPayload(std::span<const std::byte> datagram, uint32_t type) {
 }  // namespace
 
 std::string FieldsAsLine(const ordered_json& fields, const Display& display) {
-    constexpr std::size_t kNameColumns = 22;
+    constexpr size_t kNameColumns = 22;
     std::string line = fields.at("name").get<std::string>();
     if (display.isTerminal && line.size() < kNameColumns) {
         line.resize(kNameColumns, ' ');

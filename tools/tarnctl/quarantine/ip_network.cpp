@@ -48,7 +48,7 @@ std::optional<IpAddress> ParseIpAddress(const std::string& text) {
 }
 
 std::string ParseIpNetwork(const std::string& text, IpNetwork& network) {
-    const std::size_t slash = text.find('/');
+    const size_t slash = text.find('/');
     const std::optional<IpAddress> base = ParseIpAddress(text.substr(0, slash));
     if (!base) {
         return "\"" + ForTerminal(text) +

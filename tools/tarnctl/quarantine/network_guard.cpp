@@ -16,7 +16,7 @@ constexpr const char* kOutsideVariable = "TARN_SANDBOX_OUTSIDE_NETWORK";  // set
 std::string ThisNetwork() {
     std::array<char, 64> name = {};
     const ssize_t length = readlink("/proc/self/ns/net", name.data(), name.size());
-    return {name.data(), length < 0 ? 0 : static_cast<std::size_t>(length)};
+    return {name.data(), length < 0 ? 0 : static_cast<size_t>(length)};
 }
 
 // A namespace of its own may also have been made within the sandbox, so the two names are compared

@@ -27,7 +27,7 @@ constexpr std::array kAlways = {
 
 std::string Trimmed(const std::string& line) {
     const std::string text = line.substr(0, line.find('#'));
-    const std::size_t first = text.find_first_not_of(" \t\r");
+    const size_t first = text.find_first_not_of(" \t\r");
     return first == std::string::npos
                ? std::string()
                : text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
@@ -84,7 +84,7 @@ std::string NeverList::AddFile(const std::string& path) {
 }
 
 bool NeverList::AddAddresses(const std::vector<std::string>& addresses) {
-    const std::size_t before = m_entries.size();
+    const size_t before = m_entries.size();
     for (const std::string& address : addresses) {
         (void)Add(address);  // the system's addresses are well formed
     }

@@ -39,7 +39,7 @@ class NeverList {
     [[nodiscard]] std::string Covering(const std::string& address) const;
 
     // How many entries there are.
-    [[nodiscard]] std::size_t Size() const { return m_entries.size(); }
+    [[nodiscard]] size_t Size() const { return m_entries.size(); }
 
   private:
     struct Entry {

@@ -23,9 +23,9 @@ struct GenerationRequest {
 };
 
 // The number in an answer of the kernel, or 0.
-uint32_t GenerationIn(const char* bytes, std::size_t length) {
+uint32_t GenerationIn(const char* bytes, size_t length) {
     nlmsghdr header = {};
-    std::size_t place = NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(nfgenmsg));
+    size_t place = NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(nfgenmsg));
     if (length < place) {
         return 0;
     }
@@ -101,7 +101,7 @@ uint32_t NftKernel::Generation() {
     }
     std::array<char, 1024> answer = {};
     const ssize_t length = recv(m_socket, answer.data(), answer.size(), 0);
-    return length < 0 ? 0 : GenerationIn(answer.data(), static_cast<std::size_t>(length));
+    return length < 0 ? 0 : GenerationIn(answer.data(), static_cast<size_t>(length));
 }
 
 NftEngineMaker KernelEngineMaker() {

@@ -14,7 +14,7 @@ using nlohmann::json;
 using Kind = NftAnswer::Kind;
 using Task = NftWorker::Task;
 
-constexpr std::size_t kRulesPerScript = 500;
+constexpr size_t kRulesPerScript = 500;
 
 // The kernel leaves 0 out.
 uint32_t NextGeneration(uint32_t generation) {
@@ -187,7 +187,7 @@ std::string NftQuarantine::Apply(const QuarantineParts& parts, int64_t seconds, 
 
 std::string NftQuarantine::Withdraw(const std::vector<QuarantineParts>& rules) {
     std::string script;
-    std::size_t count = 0;
+    size_t count = 0;
     for (const QuarantineParts& parts : rules) {
         script += NftRemoveElement(ToNftElement(parts));
         Forget(parts);

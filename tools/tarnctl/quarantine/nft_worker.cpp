@@ -29,14 +29,14 @@ constexpr std::chrono::milliseconds kPatienceWithTheGivenUp{100};
 struct RequestHead {
     NftWorker::Task task;
     uint32_t onlyAt;
-    std::size_t length;
+    size_t length;
 };
 
 struct AnswerHead {
     Kind kind;
     uint32_t before;
     uint32_t after;
-    std::size_t length;
+    size_t length;
 };
 
 int TimeUntil(Clock::time_point end) {
@@ -83,19 +83,19 @@ void HeedNoSignal() {
     }
 }
 
-bool ReadAll(void* bytes, std::size_t length) {
+bool ReadAll(void* bytes, size_t length) {
     return length == 0 ||
            recv(kWorkerSocket, bytes, length, MSG_WAITALL) == static_cast<ssize_t>(length);
 }
 
-bool WriteAll(const char* bytes, std::size_t length) {
+bool WriteAll(const char* bytes, size_t length) {
     while (length > 0) {
         const ssize_t sent = send(kWorkerSocket, bytes, length, MSG_NOSIGNAL);
         if (sent <= 0) {
             return false;
         }
         bytes += sent;
-        length -= static_cast<std::size_t>(sent);
+        length -= static_cast<size_t>(sent);
     }
     return true;
 }
@@ -240,12 +240,12 @@ bool NftWorker::Send(std::string_view bytes, Clock::time_point end) {
         if (sent <= 0) {
             return false;
         }
-        bytes.remove_prefix(static_cast<std::size_t>(sent));
+        bytes.remove_prefix(static_cast<size_t>(sent));
     }
     return true;
 }
 
-bool NftWorker::Receive(void* bytes, std::size_t length, Clock::time_point end) {
+bool NftWorker::Receive(void* bytes, size_t length, Clock::time_point end) {
     char* place = static_cast<char*>(bytes);
     while (length > 0) {
         if (!WaitFor(m_socket, POLLIN, end)) {
@@ -256,7 +256,7 @@ bool NftWorker::Receive(void* bytes, std::size_t length, Clock::time_point end) 
             return false;
         }
         place += got;
-        length -= static_cast<std::size_t>(got);
+        length -= static_cast<size_t>(got);
     }
     return true;
 }

@@ -63,7 +63,7 @@ class NftWorker {
     [[nodiscard]] std::string AwaitTheGivenUp(Clock::time_point end);
 
     [[nodiscard]] bool Send(std::string_view bytes, Clock::time_point end);
-    [[nodiscard]] bool Receive(void* bytes, std::size_t length, Clock::time_point end);
+    [[nodiscard]] bool Receive(void* bytes, size_t length, Clock::time_point end);
     void GiveUp();
 
     const NftEngineMaker m_maker;

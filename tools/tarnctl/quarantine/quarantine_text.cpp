@@ -45,7 +45,7 @@ bool ParseTime(std::string_view word, time_t& time) {
     const std::string text(word);
     if (std::sscanf(text.c_str(), "%d-%2d-%2dT%2d:%2d:%2dZ%n", &parts.tm_year, &parts.tm_mon,
                     &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &length) != 6 ||
-        static_cast<std::size_t>(length) != text.size() ||
+        static_cast<size_t>(length) != text.size() ||
         parts.tm_year < std::numeric_limits<int>::min() + 1900) {
         return false;
     }
@@ -79,7 +79,7 @@ class QuarantineLine {
             m_word = {};
             return;
         }
-        const std::size_t blank = m_text.find(' ');
+        const size_t blank = m_text.find(' ');
         m_word = m_text.substr(0, blank);
         m_text = blank == std::string_view::npos ? std::string_view() : m_text.substr(blank + 1);
     }

@@ -15,11 +15,11 @@ QuarantineParts WithoutEnd(QuarantineParts parts) {
 }  // namespace
 
 // Addresses, protocol and ports tell most rules apart; rules that share them share a place.
-std::size_t RuleTable::Hash::operator()(const QuarantineParts& parts) const {
-    constexpr std::size_t kFactor = 31;
-    std::size_t hash = std::hash<std::string>()(parts.intruder);
+size_t RuleTable::Hash::operator()(const QuarantineParts& parts) const {
+    constexpr size_t kFactor = 31;
+    size_t hash = std::hash<std::string>()(parts.intruder);
     hash = hash * kFactor + std::hash<std::string>()(parts.victim);
-    hash = hash * kFactor + static_cast<std::size_t>(parts.protocol);
+    hash = hash * kFactor + static_cast<size_t>(parts.protocol);
     hash = hash * kFactor + parts.sourcePort;
     return hash * kFactor + parts.destinationPort;
 }

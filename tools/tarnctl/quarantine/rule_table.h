@@ -46,7 +46,7 @@ class RuleTable {
 
   private:
     struct Hash {
-        std::size_t operator()(const QuarantineParts& parts) const;
+        size_t operator()(const QuarantineParts& parts) const;
     };
 
     std::list<RuleInForce> m_rules;

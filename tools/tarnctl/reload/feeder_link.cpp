@@ -51,14 +51,14 @@ std::string FeederLink::Ask(const std::string& word, nlohmann::ordered_json& ans
     if (send(m_fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
         return FailureText(m_path, errno);
     }
-    std::size_t end = 0;
+    size_t end = 0;
     std::array<char, 4096> buffer;
     while ((end = m_text.find('\n')) == std::string::npos) {
         const ssize_t count = recv(m_fd, buffer.data(), buffer.size(), 0);
         if (count <= 0) {
             return m_path + ": the feeder does not answer";
         }
-        m_text.append(buffer.data(), static_cast<std::size_t>(count));
+        m_text.append(buffer.data(), static_cast<size_t>(count));
     }
     answer = nlohmann::ordered_json::parse(m_text.substr(0, end), nullptr, false);
     m_text.erase(0, end + 1);

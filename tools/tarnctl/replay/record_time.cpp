@@ -7,7 +7,7 @@
 namespace tarnctl {
 namespace {
 
-void Store(std::span<std::byte> payload, std::size_t at, uint32_t value) {
+void Store(std::span<std::byte> payload, size_t at, uint32_t value) {
     const auto field = unified2::Big32::FromHostOrder(value);
     if (at + sizeof field <= payload.size()) {
         std::memcpy(payload.data() + at, &field, sizeof field);

@@ -80,7 +80,7 @@ class RingWords {
     }
 
   private:
-    bool Exchange(std::size_t offset, uint32_t from, uint32_t to, std::memory_order order) {
+    bool Exchange(size_t offset, uint32_t from, uint32_t to, std::memory_order order) {
         if (m_map == nullptr) {
             return false;
         }

@@ -17,9 +17,9 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr std::size_t kFirstBytes = 16;
-constexpr std::size_t kOffsetColumns = 8;
-constexpr std::size_t kLengthColumns = 12;
+constexpr size_t kFirstBytes = 16;
+constexpr size_t kOffsetColumns = 8;
+constexpr size_t kLengthColumns = 12;
 
 std::string FirstBytes(std::span<const std::byte> body) {
     const bool isWhole = body.size() <= kFirstBytes;

@@ -19,8 +19,7 @@ T Load(Bytes bytes) {
 }
 
 // Takes the chunk at the front off `rest`. A chunk has at least `least` bytes.
-std::string TakeChunk(Bytes& rest, const char* name, uint32_t type, std::size_t least,
-                      Bytes& chunk) {
+std::string TakeChunk(Bytes& rest, const char* name, uint32_t type, size_t least, Bytes& chunk) {
     const std::string label = std::string("the ") + name + " chunk";
     if (rest.size() < sizeof(ChunkHeader)) {
         return label + " is missing";
@@ -49,7 +48,7 @@ bool TakeText(Bytes& rest, std::string& text) {
     if (end == rest.end()) {
         return false;
     }
-    const auto length = static_cast<std::size_t>(end - rest.begin());
+    const auto length = static_cast<size_t>(end - rest.begin());
     text.assign(reinterpret_cast<const char*>(rest.data()), length);
     rest = rest.subspan(length + 1);
     return true;
@@ -77,7 +76,7 @@ std::string DecodeReport(Bytes chunk, CrmReport& message) {
         {"user data", header.userDataOffset, message.userData},
         {"sensor name", header.sensorNameOffset, message.sensorName},
     };
-    std::size_t expected = sizeof(EventReport);
+    size_t expected = sizeof(EventReport);
     for (const Text& entry : texts) {
         if (entry.offset != expected) {
             return std::string("the ") + entry.name + " string is said to be at " +
@@ -101,7 +100,7 @@ std::string DecodePacket(Bytes chunk, CrmReport& message) {
     packet.info.pData = nullptr;
     const Bytes bytes = chunk.subspan(sizeof(PacketChunk));
     if (packet.info.iCapturedSize < 0 ||
-        static_cast<std::size_t>(packet.info.iCapturedSize) != bytes.size()) {
+        static_cast<size_t>(packet.info.iCapturedSize) != bytes.size()) {
         return "the packet is said to have " + std::to_string(packet.info.iCapturedSize) +
                " bytes and has " + std::to_string(bytes.size());
     }
@@ -147,7 +146,7 @@ std::string_view CrmReport::EventName() const {
 }
 
 std::string_view CrmReport::Severity() const {
-    const std::size_t colon = userData.rfind(':');
+    const size_t colon = userData.rfind(':');
     return colon == std::string::npos ? std::string_view()
                                       : std::string_view(userData).substr(colon + 1);
 }
@@ -158,7 +157,7 @@ std::string DecodeCrmReport(Bytes bytes, CrmReport& message) {
     Bytes chunk;
     std::string reason;
 
-    constexpr std::size_t kLeastReport = sizeof(ReportChunkHeader) + sizeof(EventReport) + 4;
+    constexpr size_t kLeastReport = sizeof(ReportChunkHeader) + sizeof(EventReport) + 4;
     reason = TakeChunk(rest, "report", kChunkReport, kLeastReport, chunk);
     if (reason.empty()) {
         reason = DecodeReport(chunk, message);

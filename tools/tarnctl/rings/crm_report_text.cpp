@@ -178,7 +178,7 @@ std::string ReportAsLine(const CrmReport& message, const Display& display) {
         {packet, Color::kNone, 17},
     };
     // On a terminal, where the end of a line may be cut off, the outcome comes early.
-    constexpr std::ptrdiff_t kOutcome = 6;
+    constexpr ptrdiff_t kOutcome = 6;
     if (display.isTerminal) {
         std::rotate(cells.begin() + 1, cells.begin() + kOutcome, cells.begin() + kOutcome + 1);
     }

@@ -85,7 +85,7 @@ RingPlace RingAt(const std::string& path) {
         }
     }
     const std::string packets = PacketsPath(0);
-    const std::size_t digits = packets.find_first_of("0123456789");
+    const size_t digits = packets.find_first_of("0123456789");
     if (path.starts_with(packets.substr(0, digits))) {
         const auto number = NumberOf(std::string_view(path).substr(digits));
         if (number && path == PacketsPath(*number)) {

@@ -39,7 +39,7 @@ bool RingBytes::Copy(uint32_t offset, std::span<std::byte> to) const {
     for (std::byte& byte : to) {
         const auto place = static_cast<uint32_t>(at % m_ringSize);
         const uint32_t word =
-            LoadAcquire(m_ring + std::size_t{place / kShmRingWordSize} * kShmRingWordSize);
+            LoadAcquire(m_ring + size_t{place / kShmRingWordSize} * kShmRingWordSize);
         std::array<std::byte, kShmRingWordSize> bytes = {};
         std::memcpy(bytes.data(), &word, sizeof word);
         byte = bytes[place % kShmRingWordSize];
@@ -79,7 +79,7 @@ bool RingWalker::Open(const std::string& path) {
         m_error = path + " is no ring: it has " + std::to_string(status.st_size) +
                   " bytes, and a ring has from 12 to 4294967295";
     } else {
-        map = mmap(nullptr, static_cast<std::size_t>(status.st_size), PROT_READ, MAP_SHARED, fd, 0);
+        map = mmap(nullptr, static_cast<size_t>(status.st_size), PROT_READ, MAP_SHARED, fd, 0);
         if (map == MAP_FAILED) {
             m_error = FailureText(path, errno);
         }
@@ -216,7 +216,7 @@ bool RingWalker::IsStillThere(uint32_t at, uint32_t length) const {
         from = from == m_size ? 0 : from;
         const uint32_t word = WordAt(from);
         if (std::memcmp(m_body.data() + done, &word,
-                        std::min<std::size_t>(sizeof word, length - done)) != 0) {
+                        std::min<size_t>(sizeof word, length - done)) != 0) {
             return false;
         }
     }

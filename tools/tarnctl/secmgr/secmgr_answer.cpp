@@ -20,7 +20,7 @@ constexpr std::array<std::pair<const char*, Kind>, 4> kWords = {{
     {"long", Kind::kLong},
 }};
 
-constexpr std::size_t kHalf = sizeof(ResponseHeader) / 2;
+constexpr size_t kHalf = sizeof(ResponseHeader) / 2;
 constexpr uint32_t kTooMany = 4;
 
 }  // namespace

@@ -113,7 +113,7 @@ bool SecmgrServer::Read(Client& client) {
     std::array<std::byte, 16384> bytes = {};
     const ssize_t length = recv(client.fd, bytes.data(), bytes.size(), 0);
     if (length > 0) {
-        client.frames.Append(std::span(bytes).first(static_cast<std::size_t>(length)));
+        client.frames.Append(std::span(bytes).first(static_cast<size_t>(length)));
         return true;
     }
     return length == -1 && (errno == EAGAIN || errno == EINTR);

@@ -47,7 +47,7 @@ class SecmgrServer {
     [[nodiscard]] const std::string& Error() const { return m_error; }
     // What had come of it and was not taken out.
     [[nodiscard]] std::span<const std::byte> Malformed() const { return m_malformed; }
-    [[nodiscard]] std::size_t Connections() const { return m_clients.size(); }
+    [[nodiscard]] size_t Connections() const { return m_clients.size(); }
 
   private:
     struct Client {

@@ -25,7 +25,7 @@ std::string Seconds(double seconds) {
 }  // namespace
 
 void WriteSelftestText(const TrialResult& result, const Display& display, std::ostream& out) {
-    const std::size_t width = display.Width() == 0 ? std::string::npos : display.Width();
+    const size_t width = display.Width() == 0 ? std::string::npos : display.Width();
     for (const Leg& leg : result.legs) {
         const std::string word = leg.isProven ? "proven" : "DEAD  ";
         const std::string text =

@@ -66,7 +66,7 @@ class FifoEnd {
         m_fd = m_fd != -1 ? m_fd : open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
         return m_fd != -1;
     }
-    [[nodiscard]] bool Write(const void* bytes, std::size_t length) const {
+    [[nodiscard]] bool Write(const void* bytes, size_t length) const {
         return write(m_fd, bytes, length) == static_cast<ssize_t>(length);
     }
 
@@ -202,7 +202,7 @@ class Trial {
         std::ifstream file(tarn::paths::kLogFile);
         std::string text{std::istreambuf_iterator<char>(file), {}};
         text = text.empty() ? daemon.Messages() : text;
-        constexpr std::size_t kShown = 2000;  // bytes
+        constexpr size_t kShown = 2000;  // bytes
         if (text.size() > kShown) {
             text.erase(0, text.find('\n', text.size() - kShown) + 1);
         }

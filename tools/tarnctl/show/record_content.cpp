@@ -51,27 +51,27 @@ constexpr Kind kKinds[] = {
 };
 
 // The name of an application fills a field of this size; that of newer sensors is longer.
-constexpr std::size_t kApplicationName = 16;
-constexpr std::size_t kLongApplicationName = 64;
+constexpr size_t kApplicationName = 16;
+constexpr size_t kLongApplicationName = 64;
 
 // Where the fields of an event begin that not every kind has.
 template <typename Record>
-constexpr std::size_t kMplsAt = offsetof(Record, mplsLabel);
+constexpr size_t kMplsAt = offsetof(Record, mplsLabel);
 template <typename Record>
-constexpr std::size_t kVlanAt = offsetof(Record, vlanId);
+constexpr size_t kVlanAt = offsetof(Record, vlanId);
 
-std::string TooShort(std::size_t bytes, std::size_t least) {
+std::string TooShort(size_t bytes, size_t least) {
     return Counted(bytes, "byte") + " of payload, where its kind needs at least " +
            std::to_string(least);
 }
 
-uint32_t Big32At(Bytes bytes, std::size_t at) {
+uint32_t Big32At(Bytes bytes, size_t at) {
     unified2::Big32 value;
     std::memcpy(&value, bytes.data() + at, sizeof value);
     return value.HostOrder();
 }
 
-uint16_t Big16At(Bytes bytes, std::size_t at) {
+uint16_t Big16At(Bytes bytes, size_t at) {
     unified2::Big16 value;
     std::memcpy(&value, bytes.data() + at, sizeof value);
     return value.HostOrder();
@@ -80,11 +80,10 @@ uint16_t Big16At(Bytes bytes, std::size_t at) {
 // A name in a field of fixed size, which need not end with a zero.
 std::string NameIn(Bytes field) {
     const auto end = std::find(field.begin(), field.end(), std::byte{0});
-    return {reinterpret_cast<const char*>(field.data()),
-            static_cast<std::size_t>(end - field.begin())};
+    return {reinterpret_cast<const char*>(field.data()), static_cast<size_t>(end - field.begin())};
 }
 
-template <std::size_t N>
+template <size_t N>
 IpAddress AddressOf(const std::array<uint8_t, N>& bytes) {
     IpAddress address;
     address.family = N == 4 ? AF_INET : AF_INET6;
@@ -133,7 +132,7 @@ std::string DecodeEvent(Bytes payload, EventContent& event) {
 
 // An IPv4 address is mapped into an IPv6 one.
 IpAddress AddressOfEither(Bytes bytes) {
-    constexpr std::size_t kMapped = 12;
+    constexpr size_t kMapped = 12;
     std::array<uint8_t, 16> all = {};
     std::memcpy(all.data(), bytes.data(), all.size());
     const bool isMapped =
@@ -148,7 +147,7 @@ IpAddress AddressOfEither(Bytes bytes) {
 }
 
 std::string DecodeEventOfEither(Bytes payload, EventContent& event) {
-    constexpr std::size_t kLeast = 90;
+    constexpr size_t kLeast = 90;
     if (payload.size() < kLeast) {
         return TooShort(payload.size(), kLeast);
     }
@@ -185,7 +184,7 @@ std::string DecodePacket(Bytes payload, PacketContent& packet) {
     packet.linkType = record.linktype.HostOrder();
     packet.length = record.packetLength.HostOrder();
     const Bytes rest = payload.subspan(sizeof record);
-    packet.bytes = rest.first(std::min<std::size_t>(rest.size(), packet.length));
+    packet.bytes = rest.first(std::min<size_t>(rest.size(), packet.length));
     return "";
 }
 
@@ -211,17 +210,17 @@ std::string DecodeExtra(Bytes payload, ExtraContent& extra) {
 }
 
 std::string DecodeStatistics(Bytes payload, StatisticsContent& statistics) {
-    constexpr std::size_t kHead = 8;
+    constexpr size_t kHead = 8;
     if (payload.size() < kHead) {
         return TooShort(payload.size(), kHead);
     }
     statistics.second = Big32At(payload, 0);
     const uint32_t count = Big32At(payload, 4);
     const Bytes entries = payload.subspan(kHead);
-    constexpr std::size_t kCounters = 8;
+    constexpr size_t kCounters = 8;
     const bool isLong = entries.size() == uint64_t{count} * (kLongApplicationName + kCounters);
-    const std::size_t name = isLong ? kLongApplicationName : kApplicationName;
-    const std::size_t size = name + kCounters;
+    const size_t name = isLong ? kLongApplicationName : kApplicationName;
+    const size_t size = name + kCounters;
     if (count > entries.size() / size) {
         return Counted(count, "application") + " where the record has room for " +
                std::to_string(entries.size() / size);

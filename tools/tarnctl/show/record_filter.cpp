@@ -7,7 +7,7 @@
 namespace tarnctl {
 namespace {
 
-constexpr std::size_t kNumbers = 65536;
+constexpr size_t kNumbers = 65536;
 
 bool IsAmong(const std::vector<uint32_t>& numbers, uint32_t number) {
     return numbers.empty() || std::find(numbers.begin(), numbers.end(), number) != numbers.end();

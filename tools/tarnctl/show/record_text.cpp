@@ -18,9 +18,9 @@ namespace {
 using Json = nlohmann::ordered_json;
 using Bytes = std::span<const std::byte>;
 
-constexpr std::size_t kBytesPerLine = 16;
-constexpr std::size_t kTimeColumns = 26;
-constexpr std::size_t kNameColumns = 14;
+constexpr size_t kBytesPerLine = 16;
+constexpr size_t kTimeColumns = 26;
+constexpr size_t kNameColumns = 14;
 
 template <typename... Functions>
 struct Visitor : Functions... {
@@ -236,7 +236,7 @@ Bytes CarriedBytes(const RecordContent& content) {
 
 std::string HexLines(Bytes bytes) {
     std::string text;
-    for (std::size_t at = 0; at < bytes.size(); at += kBytesPerLine) {
+    for (size_t at = 0; at < bytes.size(); at += kBytesPerLine) {
         const Bytes part = bytes.subspan(at, std::min(kBytesPerLine, bytes.size() - at));
         std::array<char, 16> offset = {};
         std::snprintf(offset.data(), offset.size(), "  %06zx ", at);

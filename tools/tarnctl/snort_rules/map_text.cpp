@@ -13,13 +13,13 @@ namespace {
 constexpr std::string_view kSeparator = "||";
 
 // References follow the fields that matter and are not kept apart.
-constexpr std::size_t kMostFields = 6;
+constexpr size_t kMostFields = 6;
 
 struct Fields {
     std::array<std::string_view, kMostFields> text;
-    std::size_t count = 0;
+    size_t count = 0;
 
-    [[nodiscard]] bool IsNumber(std::size_t index) const {
+    [[nodiscard]] bool IsNumber(size_t index) const {
         uint32_t ignored = 0;
         return index < count && ReadNumber(text[index], &ignored);
     }
@@ -28,7 +28,7 @@ struct Fields {
 Fields Split(std::string_view line) {
     Fields fields;
     while (fields.count < kMostFields) {
-        const std::size_t end = line.find(kSeparator);
+        const size_t end = line.find(kSeparator);
         fields.text[fields.count++] = Trimmed(line.substr(0, end));
         if (end == std::string_view::npos) {
             break;
@@ -78,20 +78,19 @@ Form FormOf(std::string_view name, const Fields& fields) {
 // False if a field that the form has is not there, or is no number where it has to be one.
 bool Assign(const Fields& fields, const Layout& layout, SnortRule& rule) {
     const auto number = [&fields](int place, uint32_t* value) {
-        return place == -1 || (static_cast<std::size_t>(place) < fields.count &&
-                               ReadNumber(fields.text[static_cast<std::size_t>(place)], value));
+        return place == -1 || (static_cast<size_t>(place) < fields.count &&
+                               ReadNumber(fields.text[static_cast<size_t>(place)], value));
     };
-    if (static_cast<std::size_t>(layout.message) >= fields.count ||
-        !number(layout.sid, &rule.sid) || !number(layout.generator, &rule.generator) ||
-        rule.sid == 0 || rule.generator == 0) {
+    if (static_cast<size_t>(layout.message) >= fields.count || !number(layout.sid, &rule.sid) ||
+        !number(layout.generator, &rule.generator) || rule.sid == 0 || rule.generator == 0) {
         return false;
     }
     // Revision and priority only help; a map may leave them empty.
     (void)number(layout.revision, &rule.revision);
     (void)number(layout.priority, &rule.priority);
-    rule.message = fields.text[static_cast<std::size_t>(layout.message)];
+    rule.message = fields.text[static_cast<size_t>(layout.message)];
     if (layout.classification != -1) {
-        rule.classification = fields.text[static_cast<std::size_t>(layout.classification)];
+        rule.classification = fields.text[static_cast<size_t>(layout.classification)];
         if (rule.classification == "NOCLASS") {
             rule.classification.clear();
         }

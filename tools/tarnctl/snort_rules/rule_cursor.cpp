@@ -11,20 +11,20 @@ std::string_view RuleCursor::Word() const {
         return (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z') ||
                (letter >= '0' && letter <= '9') || letter == '_';
     };
-    std::size_t end = m_at;
+    size_t end = m_at;
     while (end < m_text.size() && isPart(m_text[end])) {
         ++end;
     }
     return m_text.substr(m_at, end - m_at);
 }
 
-bool RuleCursor::RestIsBlank(std::size_t ahead) const {
-    const std::size_t at = m_text.find_first_not_of(kTextBlanks, m_at + ahead);
+bool RuleCursor::RestIsBlank(size_t ahead) const {
+    const size_t at = m_text.find_first_not_of(kTextBlanks, m_at + ahead);
     return at == std::string_view::npos || m_text[at] == '\n';
 }
 
 std::string_view RuleCursor::TakeUntil(const LetterSet& ends) {
-    const std::size_t begin = m_at;
+    const size_t begin = m_at;
     while (!AtEnd() && !ends.Has(m_text[m_at])) {
         ++m_at;
     }
@@ -48,11 +48,10 @@ void RuleCursor::SkipByteOrderMark() {
 
 void RuleCursor::SkipBlockComment() {
     constexpr std::string_view kEnd = "*/";
-    const std::size_t found = m_text.find(kEnd, m_at + kEnd.size());
-    const std::size_t end = found == std::string_view::npos ? m_text.size() : found + kEnd.size();
-    m_line +=
-        static_cast<uint32_t>(std::count(m_text.begin() + static_cast<std::ptrdiff_t>(m_at),
-                                         m_text.begin() + static_cast<std::ptrdiff_t>(end), '\n'));
+    const size_t found = m_text.find(kEnd, m_at + kEnd.size());
+    const size_t end = found == std::string_view::npos ? m_text.size() : found + kEnd.size();
+    m_line += static_cast<uint32_t>(std::count(m_text.begin() + static_cast<ptrdiff_t>(m_at),
+                                               m_text.begin() + static_cast<ptrdiff_t>(end), '\n'));
     m_at = end;
 }
 

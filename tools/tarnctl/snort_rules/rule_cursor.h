@@ -38,7 +38,7 @@ class RuleCursor {
         return m_text.substr(m_at, word.size()) == word;
     }
     // The character that many places further on; a line end at the end of the text.
-    [[nodiscard]] char Peek(std::size_t ahead = 0) const {
+    [[nodiscard]] char Peek(size_t ahead = 0) const {
         return m_at + ahead < m_text.size() ? m_text[m_at + ahead] : '\n';
     }
     [[nodiscard]] uint32_t Line() const { return m_line; }  // counted from 1
@@ -50,12 +50,12 @@ class RuleCursor {
     [[nodiscard]] bool AtContinuation() const { return At('\\') && RestIsBlank(1); }
 
     // Whether only blanks come between here, `ahead` places further on, and the line's end.
-    [[nodiscard]] bool RestIsBlank(std::size_t ahead) const;
+    [[nodiscard]] bool RestIsBlank(size_t ahead) const;
 
     // The text from here up to the first of these characters, or to the end. Moves past it.
     [[nodiscard]] std::string_view TakeUntil(const LetterSet& ends);
 
-    void Skip(std::size_t count) { m_at += count; }
+    void Skip(size_t count) { m_at += count; }
     void SkipAll(std::string_view letters);  // none of which is a line end
     void SkipBlanks();
     void SkipByteOrderMark();
@@ -70,7 +70,7 @@ class RuleCursor {
 
   private:
     std::string_view m_text;
-    std::size_t m_at = 0;
+    size_t m_at = 0;
     uint32_t m_line = 1;
 };
 

@@ -31,7 +31,7 @@ std::string Unquoted(std::string_view value) {
     }
     std::string text;
     text.reserve(value.size());
-    for (std::size_t at = 0; at < value.size(); ++at) {
+    for (size_t at = 0; at < value.size(); ++at) {
         constexpr std::string_view kEscaped = "\"\\;:";
         const bool isEscape = value[at] == '\\' && at + 1 < value.size() &&
                               kEscaped.find(value[at + 1]) != std::string_view::npos;
@@ -211,7 +211,7 @@ bool RuleOptionsReader::ReadQuoted() {
 }
 
 void RuleOptionsReader::Escape() {
-    const std::size_t length = m_cursor.Peek(1) == '\n' ? 1 : 2;
+    const size_t length = m_cursor.Peek(1) == '\n' ? 1 : 2;
     m_value += m_cursor.Peek();
     if (length == 2) {
         m_value += m_cursor.Peek(1);

@@ -164,7 +164,7 @@ void RuleSet::Follow(const RuleDirective& directive, uint32_t file, int depth) {
         }
     } else {
         const std::string_view value = directive.value;
-        const std::size_t end = value.find_first_of(" \t");
+        const size_t end = value.find_first_of(" \t");
         std::string expanded;
         if (end != std::string_view::npos && Expand(Trimmed(value.substr(end)), expanded)) {
             m_variables.insert_or_assign(std::string(value.substr(0, end)), expanded);
@@ -194,8 +194,8 @@ void RuleSet::Include(const RuleDirective& directive, uint32_t file, int depth) 
 
 // "name, description, priority"
 void RuleSet::AddClass(std::string_view value) {
-    const std::size_t nameEnd = value.find(',');
-    const std::size_t numberBegin = value.rfind(',');
+    const size_t nameEnd = value.find(',');
+    const size_t numberBegin = value.rfind(',');
     uint32_t priority = 0;
     if (nameEnd != numberBegin && ReadNumber(Trimmed(value.substr(numberBegin + 1)), &priority)) {
         m_priorities.emplace(Trimmed(value.substr(0, nameEnd)), priority);  // the first one counts
@@ -205,7 +205,7 @@ void RuleSet::AddClass(std::string_view value) {
 // Puts the values of $NAME and $(NAME) in. False if one of them is not known.
 bool RuleSet::Expand(std::string_view text, std::string& expanded) const {
     while (!text.empty()) {
-        const std::size_t dollar = text.find('$');
+        const size_t dollar = text.find('$');
         expanded += text.substr(0, dollar);
         if (dollar == std::string_view::npos) {
             break;
@@ -213,7 +213,7 @@ bool RuleSet::Expand(std::string_view text, std::string& expanded) const {
         text.remove_prefix(dollar + 1);
         const bool inParentheses = text.starts_with('(');
         text.remove_prefix(inParentheses ? 1 : 0);
-        const std::size_t end =
+        const size_t end =
             std::min(inParentheses ? text.find(')')
                                    : text.find_first_not_of("abcdefghijklmnopqrstuvwxyz"
                                                             "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
@@ -241,10 +241,10 @@ void RuleSet::Remark(RuleRemarkKind kind, uint32_t file, uint32_t line, std::str
 }
 
 std::vector<SnortRule> RuleSet::Signatures() const {
-    std::unordered_map<uint64_t, std::size_t> inForce;  // index into m_rules
-    std::unordered_map<uint64_t, std::size_t> named;    // the same for lines of maps
+    std::unordered_map<uint64_t, size_t> inForce;  // index into m_rules
+    std::unordered_map<uint64_t, size_t> named;    // the same for lines of maps
     inForce.reserve(m_rules.size());
-    for (std::size_t index = 0; index < m_rules.size(); ++index) {
+    for (size_t index = 0; index < m_rules.size(); ++index) {
         const SnortRule& rule = m_rules[index];
         const auto [place, isNew] = inForce.emplace(KeyOf(rule), index);
         if (!isNew && Outranks(rule, m_rules[place->second])) {

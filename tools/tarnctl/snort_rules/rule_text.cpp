@@ -20,7 +20,7 @@ constexpr std::array<std::string_view, 4> kSilentActions = {"pass", "log", "dyna
 constexpr std::array<std::string_view, 5> kDirectives = {"var", "ipvar", "portvar", "include",
                                                          "config"};
 
-template <std::size_t kCount>
+template <size_t kCount>
 bool Contains(const std::array<std::string_view, kCount>& words, std::string_view word) {
     return std::find(words.begin(), words.end(), word) != words.end();
 }

@@ -25,7 +25,7 @@ bool IsConfiguration(const std::string& name) {
 std::vector<std::string_view> WordsOfItems(std::string_view list) {
     std::vector<std::string_view> words;
     while (!list.empty()) {
-        const std::size_t end = std::min(list.find(','), list.size());
+        const size_t end = std::min(list.find(','), list.size());
         const std::string_view item = Trimmed(list.substr(0, end));
         words.push_back(item.substr(0, item.find_first_of(" \t")));
         list.remove_prefix(std::min(end + 1, list.size()));
@@ -53,7 +53,7 @@ std::vector<OutputLine> OutputLinesOf(std::string_view text) {
         const std::string whole = cursor.TakeLogicalLine();
         if (isOutput) {
             const std::string_view rest = Trimmed(std::string_view(whole).substr(6));
-            const std::size_t colon = std::min(rest.find(':'), rest.size());
+            const size_t colon = std::min(rest.find(':'), rest.size());
             outputs.push_back({std::string(Trimmed(rest.substr(0, colon))),
                                std::string(rest.substr(std::min(colon + 1, rest.size()))), line});
         }
@@ -98,14 +98,14 @@ std::vector<std::string> SensorConfigurationsNear(const std::string& path) {
     const fs::path folder =
         fs::is_directory(place, ignored) && place.has_filename() ? place : place.parent_path();
     for (const fs::path& each : {folder, folder.parent_path()}) {
-        const std::size_t begin = found.size();
+        const size_t begin = found.size();
         for (fs::directory_iterator entry(each, ignored), end; !ignored && entry != end;
              entry.increment(ignored)) {
             if (IsConfiguration(entry->path().filename().string())) {
                 found.push_back(entry->path().string());
             }
         }
-        std::sort(found.begin() + static_cast<std::ptrdiff_t>(begin), found.end());
+        std::sort(found.begin() + static_cast<ptrdiff_t>(begin), found.end());
         if (each == each.parent_path()) {
             break;
         }

@@ -26,7 +26,7 @@ class LuaTokens {
         if (m_at >= m_text.size()) {
             return token;
         }
-        const std::size_t begin = m_at;
+        const size_t begin = m_at;
         const char first = m_text[m_at];
         if (first == '"' || first == '\'') {
             SkipQuoted(first);
@@ -90,25 +90,24 @@ class LuaTokens {
         if (m_at >= m_text.size() || m_text[m_at] != '[') {
             return -1;
         }
-        const std::size_t end = m_text.find_first_not_of('=', m_at + 1);
+        const size_t end = m_text.find_first_not_of('=', m_at + 1);
         return end != std::string_view::npos && m_text[end] == '['
                    ? static_cast<int>(end - m_at - 1)
                    : -1;
     }
 
     void SkipLongBracket() {
-        const auto level = static_cast<std::size_t>(LongBracketLevel());
+        const auto level = static_cast<size_t>(LongBracketLevel());
         const std::string close = "]" + std::string(level, '=') + "]";
-        const std::size_t found = m_text.find(close, m_at);
-        const std::size_t end =
-            found == std::string_view::npos ? m_text.size() : found + close.size();
+        const size_t found = m_text.find(close, m_at);
+        const size_t end = found == std::string_view::npos ? m_text.size() : found + close.size();
         while (m_at < end) {
             Step();
         }
     }
 
     std::string_view m_text;
-    std::size_t m_at = 0;
+    size_t m_at = 0;
     uint32_t m_line = 1;
 };
 

@@ -28,13 +28,13 @@ class Descriptor {
 };
 
 int ReadAll(int fd, std::string& text) {
-    constexpr std::size_t kChunk = 1U << 18;
+    constexpr size_t kChunk = 1U << 18;
     for (;;) {
-        const std::size_t size = text.size();
+        const size_t size = text.size();
         text.resize(size + kChunk);
         const ssize_t count = read(fd, text.data() + size, kChunk);
         const int error = errno;
-        text.resize(size + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        text.resize(size + static_cast<size_t>(std::max<ssize_t>(count, 0)));
         if (count == 0) {
             return 0;
         }

@@ -14,7 +14,7 @@ inline constexpr std::string_view kTextBlanks = " \t\r\f\v";
 
 // The text without blanks at both ends.
 [[nodiscard]] inline std::string_view Trimmed(std::string_view text) {
-    const std::size_t begin = text.find_first_not_of(kTextBlanks);
+    const size_t begin = text.find_first_not_of(kTextBlanks);
     if (begin == std::string_view::npos) {
         return {};
     }
@@ -35,7 +35,7 @@ inline constexpr std::string_view kTextBlanks = " \t\r\f\v";
 
 // Cuts the first line off `text` and yields it without its line end.
 [[nodiscard]] inline std::string_view TakeLine(std::string_view& text) {
-    const std::size_t end = text.find('\n');
+    const size_t end = text.find('\n');
     const std::string_view line = text.substr(0, end);
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     return line;

@@ -142,21 +142,21 @@ void WriteFifos(const Health& health, std::ostream& out) {
 }
 
 void WriteQueue(const QueueHealth& queue, std::ostream& out) {
-    const auto labels = [](std::size_t ring) { return Labels{{"ring", std::to_string(ring)}}; };
+    const auto labels = [](size_t ring) { return Labels{{"ring", std::to_string(ring)}}; };
     Metric size(out, "ring_size_bytes", "gauge", "Bytes that the ring takes.");
-    for (std::size_t ring = 0; ring < queue.rings.size(); ++ring) {
+    for (size_t ring = 0; ring < queue.rings.size(); ++ring) {
         size.Add(queue.rings[ring].sizeBytes, labels(ring));
     }
     Metric used(out, "ring_used_bytes", "gauge", "Bytes that wait in the ring.");
-    for (std::size_t ring = 0; ring < queue.rings.size(); ++ring) {
+    for (size_t ring = 0; ring < queue.rings.size(); ++ring) {
         used.Add(queue.rings[ring].usedBytes, labels(ring));
     }
     Metric messages(out, "ring_messages", "gauge", "Reports that wait in the ring.");
-    for (std::size_t ring = 0; ring < queue.rings.size(); ++ring) {
+    for (size_t ring = 0; ring < queue.rings.size(); ++ring) {
         messages.Add(queue.rings[ring].messages, labels(ring));
     }
     Metric stuck(out, "ring_stuck", "gauge", "1 when the ring can never move again by itself.");
-    for (std::size_t ring = 0; ring < queue.rings.size(); ++ring) {
+    for (size_t ring = 0; ring < queue.rings.size(); ++ring) {
         if (queue.rings[ring].motion.IsKnown()) {
             stuck.Add(queue.rings[ring].motion.Is(RingMotion::kStuck) ? 1 : 0, labels(ring));
         }

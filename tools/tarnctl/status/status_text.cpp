@@ -11,7 +11,7 @@
 namespace tarnctl {
 namespace {
 
-constexpr std::size_t kLabelColumns = 18;
+constexpr size_t kLabelColumns = 18;
 
 const char* ThreadStateWord(char state) {
     switch (state) {
@@ -77,12 +77,11 @@ class StatusText {
     void WriteFindings(const std::vector<HealthFinding>& findings, const char* word, Color color) {
         for (const HealthFinding& finding : findings) {
             // Wrapped and not cut: these lines are what the command is run for.
-            const std::size_t width =
-                m_display.Width() == 0 ? std::string::npos : m_display.Width();
+            const size_t width = m_display.Width() == 0 ? std::string::npos : m_display.Width();
             const std::string text = Wrapped(
                 std::string(word) + ": " + ForTerminal(finding.text) + " [" + finding.name + "]",
                 width, 0);
-            const std::size_t after = std::string_view(word).size();
+            const size_t after = std::string_view(word).size();
             m_out << Painted(word, color, m_display.color) << text.substr(after);
         }
     }
@@ -166,7 +165,7 @@ class StatusText {
         Show("channel", queue.channel, [&queue](int channel) {
             return std::to_string(channel) + " (" + queue.channel.source + ")";
         });
-        for (std::size_t number = 0; number < queue.rings.size(); ++number) {
+        for (size_t number = 0; number < queue.rings.size(); ++number) {
             WriteRing("ring -" + std::to_string(number), queue.rings[number]);
         }
         Show("taken by", queue.readers, HoldersText);

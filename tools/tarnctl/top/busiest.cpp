@@ -31,7 +31,7 @@ void Busiest::Count(const std::string& name, double now) {
     ++m_counts[name];
 }
 
-std::vector<Busiest::Entry> Busiest::Top(std::size_t most, double now) {
+std::vector<Busiest::Entry> Busiest::Top(size_t most, double now) {
     Forget(now);
     std::vector<Entry> entries;
     for (const auto& [name, count] : m_counts) {

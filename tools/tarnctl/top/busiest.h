@@ -28,7 +28,7 @@ class Busiest {
     void Count(const std::string& name, double now);
 
     // The busiest, at most `most`, the busiest first; of equals by name.
-    [[nodiscard]] std::vector<Entry> Top(std::size_t most, double now);
+    [[nodiscard]] std::vector<Entry> Top(size_t most, double now);
 
   private:
     struct Slice {

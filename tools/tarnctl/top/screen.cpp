@@ -70,12 +70,12 @@ Screen::~Screen() {
     }
 }
 
-std::size_t Screen::Width() const {
-    return static_cast<std::size_t>(getmaxx(stdscr));
+size_t Screen::Width() const {
+    return static_cast<size_t>(getmaxx(stdscr));
 }
 
-std::size_t Screen::Height() const {
-    return static_cast<std::size_t>(getmaxy(stdscr));
+size_t Screen::Height() const {
+    return static_cast<size_t>(getmaxy(stdscr));
 }
 
 void Screen::Draw(const std::vector<TopLine>& lines) {

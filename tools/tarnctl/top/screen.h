@@ -25,8 +25,8 @@ class Screen {
     // Why there is no screen; empty when there is one.
     [[nodiscard]] const std::string& Error() const { return m_error; }
 
-    [[nodiscard]] std::size_t Width() const;
-    [[nodiscard]] std::size_t Height() const;
+    [[nodiscard]] size_t Width() const;
+    [[nodiscard]] size_t Height() const;
     void Draw(const std::vector<TopLine>& lines);
     // Waits for a key.
     [[nodiscard]] Key Wait(std::chrono::milliseconds time);

@@ -13,8 +13,8 @@
 namespace tarnctl {
 namespace {
 
-constexpr std::size_t kBusiest = 10;
-constexpr std::size_t kTwoTables = 60;  // columns from which the two tables are side by side
+constexpr size_t kBusiest = 10;
+constexpr size_t kTwoTables = 60;  // columns from which the two tables are side by side
 
 std::string Decimal(double number) {
     std::array<char, 64> text = {};
@@ -22,7 +22,7 @@ std::string Decimal(double number) {
     return text.data();
 }
 
-std::string Padded(std::string text, std::size_t width) {
+std::string Padded(std::string text, size_t width) {
     text.resize(std::max(width, text.size()), ' ');
     return text;
 }
@@ -49,28 +49,27 @@ uint64_t LossesIn(const Health& health) {
 }
 
 // "[####------]"
-std::string Bar(double percent, std::size_t width) {
-    const auto full =
-        static_cast<std::size_t>(std::lround(percent / 100 * static_cast<double>(width)));
+std::string Bar(double percent, size_t width) {
+    const auto full = static_cast<size_t>(std::lround(percent / 100 * static_cast<double>(width)));
     return "[" + std::string(std::min(full, width), '#') +
            std::string(width - std::min(full, width), '-') + "]";
 }
 
-std::string Row(const std::vector<Busiest::Entry>& entries, std::size_t row, std::size_t width) {
+std::string Row(const std::vector<Busiest::Entry>& entries, size_t row, size_t width) {
     if (row >= entries.size()) {
         return std::string(width, ' ');
     }
-    constexpr std::size_t kCount = 8;
+    constexpr size_t kCount = 8;
     const std::string count = std::to_string(entries[row].count);
     const std::string blanks(count.size() < kCount ? kCount - count.size() : 0, ' ');
-    const std::size_t left = width > kCount + 1 ? width - kCount - 1 : 0;
+    const size_t left = width > kCount + 1 ? width - kCount - 1 : 0;
     return CutToWidth(Padded(CutToWidth(entries[row].name, left), left) + " " + blanks + count,
                       width);
 }
 
-std::string Heading(const char* name, std::size_t width) {
+std::string Heading(const char* name, size_t width) {
     const std::string count = "in 60 s";
-    const std::size_t left = width > count.size() + 1 ? width - count.size() : 0;
+    const size_t left = width > count.size() + 1 ? width - count.size() : 0;
     return CutToWidth(Padded(name, left) + count, width);
 }
 
@@ -109,8 +108,8 @@ void TopView::AddHead(std::vector<TopLine>& lines) const {
     if (state == HealthState::kHealthy) {
         lines.push_back({"healthy", Color::kGreen});
     }
-    constexpr std::size_t kShown = 4;
-    for (std::size_t at = 0; at < std::min(kShown, m_verdict.faults.size()); ++at) {
+    constexpr size_t kShown = 4;
+    for (size_t at = 0; at < std::min(kShown, m_verdict.faults.size()); ++at) {
         lines.push_back({"fault: " + m_verdict.faults[at].text, Color::kRed});
     }
     if (m_verdict.faults.size() > kShown) {
@@ -148,11 +147,11 @@ void TopView::AddRates(std::vector<TopLine>& lines) const {
          Color::kNone});
 }
 
-void TopView::AddRings(std::vector<TopLine>& lines, std::size_t width) const {
-    constexpr std::size_t kLongBar = 30;
-    const std::size_t bar = std::min(kLongBar, width / 4);
+void TopView::AddRings(std::vector<TopLine>& lines, size_t width) const {
+    constexpr size_t kLongBar = 30;
+    const size_t bar = std::min(kLongBar, width / 4);
     const QueueHealth& queue = m_now->queue;
-    for (std::size_t number = 0; number < queue.rings.size(); ++number) {
+    for (size_t number = 0; number < queue.rings.size(); ++number) {
         const RingHealth& ring = queue.rings[number];
         const std::string name = "ring -" + std::to_string(number) + " ";
         if (!ring.usedBytes.IsKnown()) {
@@ -196,31 +195,31 @@ void TopView::AddThreads(std::vector<TopLine>& lines) const {
     lines.push_back({text, Color::kNone});
 }
 
-void TopView::AddBusiest(std::vector<TopLine>& lines, std::size_t width) {
+void TopView::AddBusiest(std::vector<TopLine>& lines, size_t width) {
     const std::vector<Busiest::Entry> signatures = m_signatures.Top(kBusiest, m_now->time);
     const std::vector<Busiest::Entry> sources = m_sources.Top(kBusiest, m_now->time);
     lines.push_back({"", Color::kNone});
     if (width >= kTwoTables) {
-        const std::size_t half = width / 2 - 1;
+        const size_t half = width / 2 - 1;
         lines.push_back(
             {Heading("signature", half) + "  " + Heading("source", half), Color::kBold});
-        for (std::size_t row = 0; row < std::max(signatures.size(), sources.size()); ++row) {
+        for (size_t row = 0; row < std::max(signatures.size(), sources.size()); ++row) {
             lines.push_back(
                 {Row(signatures, row, half) + "  " + Row(sources, row, half), Color::kNone});
         }
         return;
     }
     lines.push_back({Heading("signature", width), Color::kBold});
-    for (std::size_t row = 0; row < signatures.size(); ++row) {
+    for (size_t row = 0; row < signatures.size(); ++row) {
         lines.push_back({Row(signatures, row, width), Color::kNone});
     }
     lines.push_back({Heading("source", width), Color::kBold});
-    for (std::size_t row = 0; row < sources.size(); ++row) {
+    for (size_t row = 0; row < sources.size(); ++row) {
         lines.push_back({Row(sources, row, width), Color::kNone});
     }
 }
 
-std::vector<TopLine> TopView::Lines(std::size_t width, std::size_t height) {
+std::vector<TopLine> TopView::Lines(size_t width, size_t height) {
     std::vector<TopLine> lines;
     if (!m_now) {
         return lines;

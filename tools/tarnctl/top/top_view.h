@@ -33,14 +33,14 @@ class TopView {
     void Take(Health health, Verdict verdict);
 
     // The lines, each of at most `width` columns and at most `height` of them.
-    [[nodiscard]] std::vector<TopLine> Lines(std::size_t width, std::size_t height);
+    [[nodiscard]] std::vector<TopLine> Lines(size_t width, size_t height);
 
   private:
     void AddHead(std::vector<TopLine>& lines) const;
     void AddRates(std::vector<TopLine>& lines) const;
-    void AddRings(std::vector<TopLine>& lines, std::size_t width) const;
+    void AddRings(std::vector<TopLine>& lines, size_t width) const;
     void AddThreads(std::vector<TopLine>& lines) const;
-    void AddBusiest(std::vector<TopLine>& lines, std::size_t width);
+    void AddBusiest(std::vector<TopLine>& lines, size_t width);
     [[nodiscard]] double Seconds() const;  // between the last two looks
 
     static constexpr double kWindow = 60;  // seconds for which the busiest are counted

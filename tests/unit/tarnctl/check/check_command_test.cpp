@@ -76,10 +76,10 @@ TEST_F(CheckReport, FitsTheWidthOfATerminalUnlessAskedNotTo) {
     options.isTerminal = options.summary = true;
     const std::string begin =
         "se.7.severity = high\nse.7.msg = Name of an event that is long enough\n";
-    for (std::size_t before = 0; before < 90; before += 5) {
+    for (size_t before = 0; before < 90; before += 5) {
         Events(begin + "se.7.response = " + std::string(before, ' ') + "quarantine-trafic, " +
                std::string(60, 'x') + "\n");
-        for (const std::size_t width : {30U, 40U, 80U}) {
+        for (const size_t width : {30U, 40U, 80U}) {
             options.width = width;
             options.wide = false;
             const std::string text = Text();
@@ -90,8 +90,8 @@ TEST_F(CheckReport, FitsTheWidthOfATerminalUnlessAskedNotTo) {
             }
             EXPECT_THAT(text, HasSubstr("quarantine-trafic"));
             // The mark is below the first letter of the word.
-            const std::size_t word = text.find(" | ", text.find("\n  3 | ") + 1);
-            const std::size_t marked = text.find("quarantine-trafic", word) - word;
+            const size_t word = text.find(" | ", text.find("\n  3 | ") + 1);
+            const size_t marked = text.find("quarantine-trafic", word) - word;
             EXPECT_EQ(marked, text.find("^~~~", word) - text.find(" | ", word + 3)) << text;
         }
         options.wide = true;

@@ -12,7 +12,7 @@
 #include "unit/config/config_fixture.h"
 
 // Name, line and column of a finding; sorted, so that sets compare.
-using FoundPlace = std::tuple<std::string, uint32_t, std::size_t>;
+using FoundPlace = std::tuple<std::string, uint32_t, size_t>;
 
 class CheckFixture : public ConfigFixture {
   protected:
@@ -51,7 +51,7 @@ class CheckFixture : public ConfigFixture {
                 found.emplace_back(
                     finding["name"],
                     finding["line"].is_null() ? 0 : finding["line"].get<uint32_t>(),
-                    finding["column"].is_null() ? 0 : finding["column"].get<std::size_t>());
+                    finding["column"].is_null() ? 0 : finding["column"].get<size_t>());
             }
         }
         std::sort(found.begin(), found.end());

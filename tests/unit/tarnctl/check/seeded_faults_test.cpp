@@ -87,14 +87,14 @@ class FaultyFile {
   public:
     void Add(const char* kind, std::string line) {
         ++m_line;
-        const std::size_t mark = line.find('@');
+        const size_t mark = line.find('@');
         if (kind != nullptr && mark != std::string::npos) {
             line.erase(mark, 1);
             m_faults.emplace_back(kind, m_line, mark + 1);
         }
         m_text += line + "\n";
     }
-    void Expect(const char* kind, uint32_t line, std::size_t column) {
+    void Expect(const char* kind, uint32_t line, size_t column) {
         m_faults.emplace_back(kind, line, column);
     }
     [[nodiscard]] uint32_t NextLine() const { return m_line + 1; }
@@ -112,7 +112,7 @@ class FaultyFile {
 };
 
 std::string WithId(std::string line, uint32_t id) {
-    const std::size_t place = line.find('%');
+    const size_t place = line.find('%');
     return place == std::string::npos ? line : line.replace(place, 1, std::to_string(id));
 }
 
@@ -235,7 +235,7 @@ TEST_F(CheckCleanFiles, OfTenThousandEntriesHaveNoFinding) {
 // One letter left out, put in, replaced or swapped with the next one.
 std::string Slip(const std::string& word, std::mt19937& random) {
     std::string slipped = word;
-    const std::size_t at = random() % (word.size() - 1);
+    const size_t at = random() % (word.size() - 1);
     const char letter = static_cast<char>('a' + random() % 26);
     switch (random() % 4) {
         case 0:

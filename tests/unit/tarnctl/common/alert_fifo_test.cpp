@@ -79,20 +79,20 @@ TEST_F(AlertFifoTest, PutsInARecordAsItIs) {
 TEST_F(AlertFifoTest, NeverShowsAReaderHalfARecord) {
     MakeFifo();
     const FifoReader reader(m_path);
-    const std::size_t sizes[] = {60, 4088, 4089, 5000, 60000, 1, 65528, 3000, 8192};
+    const size_t sizes[] = {60, 4088, 4089, 5000, 60000, 1, 65528, 3000, 8192};
     constexpr int kRounds = 40;
     std::jthread writer([&] {
         AlertFifo fifo(m_path, m_limits);
         ASSERT_EQ(FifoResult::kDone, fifo.Open());
         for (int round = 0; round < kRounds; ++round) {
-            for (const std::size_t size : sizes) {
+            for (const size_t size : sizes) {
                 ASSERT_EQ(FifoResult::kDone, fifo.Send(AsBytes(Record(2, size))));
             }
         }
         EXPECT_EQ(FifoResult::kDone, fifo.Drain());
     });
     for (int round = 0; round < kRounds; ++round) {
-        for (const std::size_t size : sizes) {
+        for (const size_t size : sizes) {
             ASSERT_TRUE(reader.Wait());
             ASSERT_EQ(reader.ReadNow(8), Record(2, size).substr(0, 8));
             ASSERT_EQ(reader.ReadNow(size).size(), size);
@@ -130,7 +130,7 @@ TEST_F(AlertFifoTest, RefusesARecordThatNoPipeCanTakeAndSendsNothingOfIt) {
     AlertFifo fifo(m_path, m_limits);
     ASSERT_EQ(FifoResult::kDone, fifo.Open());
     // More than any size that a pipe can report. Nobody may look at the bytes, so none are there.
-    constexpr std::size_t kLength = 0x80000001;
+    constexpr size_t kLength = 0x80000001;
     void* const nothing =
         mmap(nullptr, kLength, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(MAP_FAILED, nothing);

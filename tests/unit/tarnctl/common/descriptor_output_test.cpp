@@ -33,7 +33,7 @@ class OutputToAPipe : public testing::Test {
     std::string Read() {
         std::array<char, 100> text = {};
         const ssize_t count = read(m_ends[0], text.data(), text.size());
-        return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
+        return {text.data(), static_cast<size_t>(std::max<ssize_t>(count, 0))};
     }
 
     std::array<int, 2> m_ends = {-1, -1};

@@ -27,10 +27,10 @@ class FifoReader {
     }
 
     // Up to `length` bytes of what is there now; empty when nothing is.
-    std::string ReadNow(std::size_t length) const {
+    std::string ReadNow(size_t length) const {
         std::string bytes(length, '\0');
         const ssize_t count = read(m_fd, bytes.data(), length);
-        bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+        bytes.resize(count > 0 ? static_cast<size_t>(count) : 0);
         return bytes;
     }
 

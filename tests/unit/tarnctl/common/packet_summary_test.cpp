@@ -128,8 +128,8 @@ TEST(SummaryOf, SaysWhatIsNoIp) {
 
 TEST(SummaryOf, ReadsNoFurtherThanThePacket) {
     const Bytes whole = Hex(kMacs + "0800 " + kIpv4 + kTcp);
-    for (std::size_t size = 0; size <= whole.size(); ++size) {
-        const Bytes part(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
+    for (size_t size = 0; size <= whole.size(); ++size) {
+        const Bytes part(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
         EXPECT_NE("", SummaryOf(part, kLinkEthernet).line);
     }
     std::mt19937 random(3);

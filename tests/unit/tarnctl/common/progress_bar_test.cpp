@@ -8,7 +8,7 @@ namespace tarnctl {
 namespace {
 
 // What is on the line after one bar, half done, on a terminal of so many columns.
-std::string BarAt(std::size_t columns) {
+std::string BarAt(size_t columns) {
     Display display;
     display.errorIsTerminal = true;
     display.width = columns;

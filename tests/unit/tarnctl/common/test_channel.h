@@ -38,7 +38,7 @@ class TestChannel {
     }
 
     // What the daemon does with a report: write, then post. False when the ring took nothing.
-    bool Send(const CrmBytes& bytes, std::size_t ring = 0) {
+    bool Send(const CrmBytes& bytes, size_t ring = 0) {
         const auto length = static_cast<uint32_t>(bytes.size());
         if (Ring(ring).write(bytes.data(), &length) != PIPE_OK) {
             return false;
@@ -48,7 +48,7 @@ class TestChannel {
     }
 
     // The daemon's own end of a ring.
-    ShmEventPipe& Ring(std::size_t ring) { return Writer().m_pairs[0]->m_aPipes[ring]; }
+    ShmEventPipe& Ring(size_t ring) { return Writer().m_pairs[0]->m_aPipes[ring]; }
 
     // Posts that wait in the semaphore.
     int Posts() {

@@ -21,7 +21,7 @@ inline std::string BigEndianWord(uint32_t value) {
     return AsText(bytes);
 }
 
-inline std::string Record(uint32_t type, std::size_t length, char filler = 'x') {
+inline std::string Record(uint32_t type, size_t length, char filler = 'x') {
     return AsText(u2test::Framed(type, u2test::Bytes(length, static_cast<uint8_t>(filler))));
 }
 
@@ -31,7 +31,7 @@ inline std::string Alert(char filler = 'a') {
 inline std::string AlertIpv6(char filler = 'b') {
     return Record(105, 84, filler);
 }
-inline std::string Packet(std::size_t bytes) {
+inline std::string Packet(size_t bytes) {
     return Record(2, 28 + bytes, 'p');
 }
 

@@ -77,7 +77,7 @@ class Randomness {
 
     uint32_t Below(uint32_t limit) { return static_cast<uint32_t>(m_engine() % limit); }
     bool Often() { return Below(4) != 0; }
-    template <typename T, std::size_t N>
+    template <typename T, size_t N>
     const T& OneOf(const std::array<T, N>& values) {
         return values.at(Below(N));
     }

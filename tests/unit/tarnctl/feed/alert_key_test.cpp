@@ -77,7 +77,7 @@ TEST(AlertKey, AShortAlertReadsAsZeros) {
 }
 
 TEST(AlertKey, HashesSpreadAlerts) {
-    std::unordered_set<std::size_t> hashes;
+    std::unordered_set<size_t> hashes;
     constexpr uint32_t kAlerts = 1000;
     for (uint32_t number = 0; number < kAlerts; ++number) {
         hashes.insert(AlertKeyHash()(Read({.eventSecond = number}).key));

@@ -112,7 +112,7 @@ TEST_F(BookmarkTest, WhatIsNoBookmarkIsRefused) {
 
 class RejectFileTest : public testing::Test {
   protected:
-    static std::vector<std::byte> Record(std::size_t length) {
+    static std::vector<std::byte> Record(size_t length) {
         return std::vector<std::byte>(length, std::byte{7});
     }
 

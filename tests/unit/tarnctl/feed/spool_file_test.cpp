@@ -56,7 +56,7 @@ TEST_F(SpoolFileTest, GivesEachRecordUntilItIsPassed) {
 
 TEST_F(SpoolFileTest, WaitsForTheTailAtEachPlaceOfARecord) {
     const u2test::Bytes alert = AlertOf(1);
-    for (std::size_t length = 1; length < alert.size(); ++length) {
+    for (size_t length = 1; length < alert.size(); ++length) {
         std::filesystem::remove(m_path);
         Append({alert.begin(), alert.begin() + static_cast<long>(length)});
         ASSERT_EQ("", m_file.Open(m_path));

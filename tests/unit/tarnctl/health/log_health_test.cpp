@@ -60,7 +60,7 @@ TEST(LossKinds, AreTextsOfTheDaemon) {
 
 TEST(LossKinds, CountWhatAMessageCounts) {
     const auto kindOf = [](const char* message) {
-        return LossKinds()[static_cast<std::size_t>(LossKindOf(message))];
+        return LossKinds()[static_cast<size_t>(LossKindOf(message))];
     };
     const char* const dropped = "EventBridge drops 17 queued events during finalizing.";
     EXPECT_EQ(17U, LossesOf(kindOf(dropped), dropped));

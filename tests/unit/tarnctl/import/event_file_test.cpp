@@ -20,7 +20,7 @@ std::string Pruned(const std::string& text, const std::set<uint32_t>& wanted) {
     const EventFile file(text);
     const std::vector<bool> remove = file.LinesToRemove(wanted);
     std::string rest;
-    for (std::size_t at = 0; at < remove.size(); ++at) {
+    for (size_t at = 0; at < remove.size(); ++at) {
         rest += remove[at] ? "" : file.Lines()[at];
     }
     return rest;

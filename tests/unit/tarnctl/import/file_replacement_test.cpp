@@ -30,8 +30,8 @@ class FileReplacementTest : public testing::Test {
         return state;
     }
 
-    std::size_t FileCount() const {
-        std::size_t count = 0;
+    size_t FileCount() const {
+        size_t count = 0;
         for (const auto& entry : std::filesystem::directory_iterator(m_dir.Path())) {
             count += entry.exists() ? 1 : 0;
         }

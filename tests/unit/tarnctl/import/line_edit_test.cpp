@@ -15,18 +15,18 @@ namespace {
 
 std::vector<std::string_view> LinesOf(const std::string& text) {
     std::vector<std::string_view> lines;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t end = std::min(text.find('\n', at), text.size() - 1) + 1;
+    for (size_t at = 0; at < text.size();) {
+        const size_t end = std::min(text.find('\n', at), text.size() - 1) + 1;
         lines.push_back(std::string_view(text).substr(at, end - at));
         at = end;
     }
     return lines;
 }
 
-LineEdit Edit(const std::string& text, const std::vector<std::size_t>& removed,
+LineEdit Edit(const std::string& text, const std::vector<size_t>& removed,
               const std::string& added) {
     LineEdit edit{LinesOf(text), std::vector<bool>(LinesOf(text).size(), false), added};
-    for (const std::size_t line : removed) {
+    for (const size_t line : removed) {
         edit.remove[line] = true;
     }
     return edit;
@@ -72,15 +72,15 @@ TEST(LineEdit, IsTakenByPatchInAnyShape) {
     std::mt19937 random(7);
     for (int round = 0; round < 60; ++round) {
         std::string text;
-        const std::size_t count = random() % 40 + 1;
-        for (std::size_t at = 0; at < count; ++at) {
+        const size_t count = random() % 40 + 1;
+        for (size_t at = 0; at < count; ++at) {
             text += "line " + std::to_string(random() % 5) + "\n";
         }
         if (random() % 3 == 0) {
             text.pop_back();
         }
-        std::vector<std::size_t> removed;
-        for (std::size_t at = 0; at < count; ++at) {
+        std::vector<size_t> removed;
+        for (size_t at = 0; at < count; ++at) {
             if (random() % 6 == 0) {
                 removed.push_back(at);
             }

@@ -68,7 +68,7 @@ std::vector<Packet> PacketsIn(const std::string& path, int* linkType = nullptr) 
     return packets;
 }
 
-std::string Datagram(const void* message, std::size_t length, const std::string& packet = "") {
+std::string Datagram(const void* message, size_t length, const std::string& packet = "") {
     std::string datagram(static_cast<const char*>(message), length);
     datagram.resize(kControlDatagramBytes, '\0');
     return datagram + packet;

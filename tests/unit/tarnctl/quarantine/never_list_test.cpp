@@ -125,7 +125,7 @@ TEST(NeverListForms, ProtectTheIpv4AddressWhenTheyAreOnTheList) {
 
 TEST(NeverListAddresses, AreNewOnce) {
     NeverList list;
-    const std::size_t before = list.Size();
+    const size_t before = list.Size();
     EXPECT_TRUE(list.AddAddresses({"192.0.2.1", "192.0.2.2"}));
     EXPECT_FALSE(list.AddAddresses({"192.0.2.2", "192.0.2.1"}));
     EXPECT_FALSE(list.AddAddresses({}));

@@ -61,7 +61,7 @@ TEST_F(QuarantineTextProperty, TakesADamagedTextOnlyIfItIsWellFormedAgain) {
     int taken = 0;
     for (int turn = 0; turn < kTurns; ++turn) {
         std::string text = WriteQuarantineText(random.Next());
-        const std::size_t place = random.Number(text.size() - 1);
+        const size_t place = random.Number(text.size() - 1);
         switch (random.Number(3)) {
             case 0:
                 text.erase(place, 1);

@@ -58,9 +58,9 @@ uint32_t SystemSeconds() {
 }
 
 // The big-endian word at an offset.
-uint32_t BigWordAt(const std::string& bytes, std::size_t at) {
+uint32_t BigWordAt(const std::string& bytes, size_t at) {
     uint32_t value = 0;
-    for (std::size_t i = 0; i < 4; ++i) {
+    for (size_t i = 0; i < 4; ++i) {
         value = value << 8 | static_cast<unsigned char>(bytes.at(at + i));
     }
     return value;
@@ -78,8 +78,8 @@ TEST_F(ReplayTest, SendsWithThePresentTimeWhatBelongsTogether) {
     EXPECT_EQ(kExitFine, Play(content));
     const uint32_t after = SystemSeconds();
     ASSERT_EQ(content.size(), m_received.size());
-    const std::size_t extraAt = 8 + 60;
-    const std::size_t packetAt = extraAt + 8 + extra.Payload().size();
+    const size_t extraAt = 8 + 60;
+    const size_t packetAt = extraAt + 8 + extra.Payload().size();
     const uint32_t second = BigWordAt(m_received, 8 + 8);
     const uint32_t microsecond = BigWordAt(m_received, 8 + 12);
     EXPECT_GE(second, before);

@@ -97,7 +97,7 @@ TEST_P(CrmReportMalformed, IsRefusedWithItsReason) {
     EXPECT_THAT(ReasonFor(bytes), HasSubstr(GetParam().reason));
 }
 
-std::size_t At(const CrmBytes& bytes, uint32_t chunk, std::size_t offset) {
+size_t At(const CrmBytes& bytes, uint32_t chunk, size_t offset) {
     return ChunkAt(bytes, chunk) + offset;
 }
 
@@ -116,14 +116,14 @@ const Malformed kMalformed[] = {
     {"OtherVersion", [](CrmBytes& b) { b[32] = std::byte{2}; }, "the report has the version 2"},
     {"StringWithoutEnd",
      [](CrmBytes& b) {
-         const std::size_t end = ChunkAt(b, kChunkPacket);
+         const size_t end = ChunkAt(b, kChunkPacket);
          b[end - 1] = std::byte{'x'};
      },
      "the sensor name string has no end"},
     {"BytesBehindTheStrings",
      [](CrmBytes& b) {
-         const std::size_t end = ChunkAt(b, kChunkPacket);
-         b.insert(b.begin() + static_cast<std::ptrdiff_t>(end), std::byte{0});
+         const size_t end = ChunkAt(b, kChunkPacket);
+         b.insert(b.begin() + static_cast<ptrdiff_t>(end), std::byte{0});
          PutWord(b, 4, static_cast<uint32_t>(end + 1));
      },
      "1 byte after the strings"},
@@ -143,7 +143,7 @@ const Malformed kMalformed[] = {
      "the pairs have no end"},
     {"ValueWithoutEnd",
      [](CrmBytes& b) {
-         const std::size_t end = ChunkAt(b, kChunkEnd);
+         const size_t end = ChunkAt(b, kChunkEnd);
          b[end - 1] = b[end - 2] = std::byte{'x'};
          b[At(b, kChunkNameValues, 8) + 16] = std::byte{'x'};
      },
@@ -174,8 +174,8 @@ TEST(CrmReportDecode, RefusesTwoPairsOfOneName) {
 
 TEST(CrmReportDecode, RefusesEveryMessageThatIsCutShort) {
     const CrmBytes whole = Encode(SampleReport());
-    for (std::size_t length = 0; length < whole.size(); ++length) {
-        const CrmBytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
+    for (size_t length = 0; length < whole.size(); ++length) {
+        const CrmBytes cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(length));
         EXPECT_NE("", ReasonFor(cut)) << length << " bytes";
     }
 }
@@ -185,16 +185,15 @@ TEST(CrmReportDecode, RefusesEveryMessageThatIsCutShort) {
 TEST(CrmReportDecode, UnderstandsEveryByteOfWhatItAccepts) {
     std::mt19937 random(20240611);
     const CrmBytes whole = Encode(SampleReport());
-    const std::size_t packetPointer =
-        ChunkAt(whole, kChunkPacket) + 8 + offsetof(PacketInfo, pData);
-    const auto isCarriedAlong = [packetPointer](std::size_t at) {
+    const size_t packetPointer = ChunkAt(whole, kChunkPacket) + 8 + offsetof(PacketInfo, pData);
+    const auto isCarriedAlong = [packetPointer](size_t at) {
         return (at >= 28 && at < 32) || (at >= packetPointer && at < packetPointer + 8);
     };
     unsigned accepted = 0;
     for (int round = 0; round < 20000; ++round) {
         CrmBytes bytes = whole;
         for (unsigned damage = 0; damage <= random() % 4; ++damage) {
-            const std::size_t at = random() % bytes.size();
+            const size_t at = random() % bytes.size();
             if (!isCarriedAlong(at)) {
                 bytes[at] = static_cast<std::byte>(random() % 3 == 0 ? random() % 4 : random());
             }

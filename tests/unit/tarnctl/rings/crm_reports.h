@@ -13,7 +13,7 @@
 
 using CrmBytes = std::vector<std::byte>;
 
-inline void Append(CrmBytes& bytes, const void* from, std::size_t length) {
+inline void Append(CrmBytes& bytes, const void* from, size_t length) {
     const auto* const first = static_cast<const std::byte*>(from);
     bytes.insert(bytes.end(), first, first + length);
 }
@@ -30,7 +30,7 @@ inline CrmBytes Encode(const tarnctl::CrmReport& message) {
     uint32_t* const offsets[] = {&header.nameValuesOffset, &header.userResponseOffset,
                                  &header.userDataOffset, &header.sensorNameOffset};
     uint32_t offset = sizeof(EventReport);
-    for (std::size_t i = 0; i < 4; ++i) {
+    for (size_t i = 0; i < 4; ++i) {
         *offsets[i] = offset;
         offset += static_cast<uint32_t>(texts[i]->size() + 1);
     }
@@ -93,8 +93,8 @@ inline tarnctl::CrmReport SampleReport() {
 }
 
 // Where the chunks of Encode(SampleReport()) begin.
-inline std::size_t ChunkAt(const CrmBytes& bytes, uint32_t type) {
-    std::size_t at = 0;
+inline size_t ChunkAt(const CrmBytes& bytes, uint32_t type) {
+    size_t at = 0;
     while (true) {
         ChunkHeader header;
         std::memcpy(&header, bytes.data() + at, sizeof header);
@@ -105,6 +105,6 @@ inline std::size_t ChunkAt(const CrmBytes& bytes, uint32_t type) {
     }
 }
 
-inline void PutWord(CrmBytes& bytes, std::size_t at, uint32_t value) {
+inline void PutWord(CrmBytes& bytes, size_t at, uint32_t value) {
     std::memcpy(bytes.data() + at, &value, sizeof value);
 }

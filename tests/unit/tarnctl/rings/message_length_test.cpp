@@ -41,7 +41,7 @@ std::optional<uint32_t> LengthOf(const std::vector<uint8_t>& bytes) {
     return ReportLength(InRing(bytes).Body());
 }
 
-void SetWord(std::vector<uint8_t>& bytes, std::size_t at, uint32_t value) {
+void SetWord(std::vector<uint8_t>& bytes, size_t at, uint32_t value) {
     std::memcpy(&bytes.at(at), &value, sizeof value);
 }
 
@@ -69,7 +69,7 @@ TEST(ReportLength, IsThatOfEachWorkedExample) {
 
 TEST(ReportLength, DoesNotCountWhatFollows) {
     std::vector<uint8_t> bytes = ReportWithPacket();
-    const std::size_t length = bytes.size();
+    const size_t length = bytes.size();
     bytes.resize(length + 30, 0xFF);
     EXPECT_EQ(length, LengthOf(bytes));
 }
@@ -84,11 +84,11 @@ TEST(ReportLength, IsNoneOfAReportThatIsCutAnywhere) {
 
 TEST(ReportLength, IsNoneWhereAChunkIsNotInItsPlaceOrTooShort) {
     const std::vector<uint8_t> whole = ReportWithPacket();
-    const std::size_t packet = 32 + 256 + 1 + 1 + 10 + 1;
-    const std::size_t pairs = packet + 48 + 77;
-    const std::size_t end = whole.size() - 8;
+    const size_t packet = 32 + 256 + 1 + 1 + 10 + 1;
+    const size_t pairs = packet + 48 + 77;
+    const size_t end = whole.size() - 8;
     struct Damage {
-        std::size_t at;
+        size_t at;
         uint32_t value;
     };
     const Damage damages[] = {{0, 0},
@@ -121,7 +121,7 @@ TEST(ReportLength, IsNoneWhereAChunkIsNotInItsPlaceOrTooShort) {
 TEST(PacketRecordLength, IsTheRecordWithItsBytes) {
     std::vector<uint8_t> bytes = GoldenBytes("packet_log_record.txt");
     EXPECT_EQ(bytes.size(), PacketRecordLength(InRing(bytes).Body()));
-    const std::size_t length = bytes.size();
+    const size_t length = bytes.size();
     bytes.resize(length + 5);
     EXPECT_EQ(length, PacketRecordLength(InRing(bytes).Body()));
     for (uint32_t size = 0; size < length; ++size) {
@@ -131,8 +131,8 @@ TEST(PacketRecordLength, IsTheRecordWithItsBytes) {
 
 TEST(PacketRecordLength, IsNoneOfBytesThatAreNoRecord) {
     const std::vector<uint8_t> whole = GoldenBytes("packet_log_record.txt");
-    const std::size_t constants[] = {0, 12, 60, 64, 68};
-    for (const std::size_t at : constants) {
+    const size_t constants[] = {0, 12, 60, 64, 68};
+    for (const size_t at : constants) {
         std::vector<uint8_t> bytes = whole;
         SetWord(bytes, at, 1);
         EXPECT_EQ(std::nullopt, PacketRecordLength(InRing(bytes).Body())) << at;

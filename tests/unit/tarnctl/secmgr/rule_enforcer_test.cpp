@@ -71,7 +71,7 @@ class RuleEnforcerTest : public testing::Test {
     std::vector<std::string> m_addresses;
     int m_lookUps = 0;
     std::vector<std::string> m_told;
-    std::size_t m_seen = 0;
+    size_t m_seen = 0;
     RuleEnforcer m_enforcer{m_settings,
                             [this](const std::string& text) { m_told.push_back(text); }};
 };

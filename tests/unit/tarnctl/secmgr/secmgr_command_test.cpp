@@ -62,10 +62,10 @@ class Client {
                   static_cast<ssize_t>(bytes.size()));
     }
     // Up to this many bytes; fewer when the manager closes.
-    std::string Receive(std::size_t length) const {
+    std::string Receive(size_t length) const {
         std::string bytes(length, '\0');
         const ssize_t got = recv(m_fd, bytes.data(), length, MSG_WAITALL);
-        bytes.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
+        bytes.resize(got < 0 ? 0 : static_cast<size_t>(got));
         return bytes;
     }
     std::string Ask(const std::string& rule, uint32_t issueId = 1) const {

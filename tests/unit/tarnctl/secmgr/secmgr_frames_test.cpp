@@ -44,7 +44,7 @@ TEST(SecmgrFrames, TakesSeveralRequestsOutOfOnePiece) {
 }
 
 TEST(SecmgrFrames, TakesTheLongestBodyAndNoLonger) {
-    const std::size_t longest = SecmgrFrames::kLongestBody - 9;
+    const size_t longest = SecmgrFrames::kLongestBody - 9;
     SecmgrFrames frames;
     SecmgrRequest request;
     Append(frames, RequestFrame(std::string(longest, 'x'), 1));

@@ -215,7 +215,7 @@ TEST(DecodeRecord, RefusesExtraDataThatClaimsWhatIsNotThere) {
 }
 
 TEST(DecodeRecord, ReadsStatisticsOfApplicationsWithNamesOfEitherSize) {
-    for (const std::size_t size : {std::size_t{16}, std::size_t{64}}) {
+    for (const size_t size : {size_t{16}, size_t{64}}) {
         u2test::Bytes payload;
         u2test::Put32(payload, 1700000000);
         u2test::Put32(payload, 2);

@@ -37,7 +37,7 @@ TEST(Busiest, ForgetsWhatIsOld) {
 class TopViewTest : public testing::Test {
   protected:
     void Take(const Health& look) { view.Take(look, Judge(look, look, {}, false)); }
-    std::string Text(std::size_t width = 80, std::size_t height = 50) {
+    std::string Text(size_t width = 80, size_t height = 50) {
         std::string text;
         for (const TopLine& line : view.Lines(width, height)) {
             EXPECT_GE(width, line.text.size()) << line.text;
@@ -125,7 +125,7 @@ TEST_F(TopViewTest, FitsAnyScreen) {
         view.Count(ReportOf(signature, signature), health.time);
     }
     Take(health);
-    for (const std::size_t width : {1U, 5U, 10U, 20U, 59U, 60U, 200U}) {
+    for (const size_t width : {1U, 5U, 10U, 20U, 59U, 60U, 200U}) {
         (void)Text(width);
         EXPECT_EQ(7U, view.Lines(width, 7).size());
     }
