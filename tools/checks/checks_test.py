@@ -328,6 +328,16 @@ class Mutation(Tree):
         with self.assertRaises(ValueError):
             self.mutants("- text before any entry\n")
 
+    def test_names_the_case_that_noticed_a_mutant(self):
+        for name, output, status in (
+                ("Gate.OpensOnce", "a.cpp:3: Failure\n[  FAILED  ] Gate.OpensOnce (0 ms)\n", 1),
+                ("Each/Gate.Opens/0", "[  FAILED  ] Each/Gate.Opens/0, where GetParam() = 1 (0 ms)", 1),
+                ("test_stops", "noise\nFAIL: test_stops (__main__.Stop.test_stops)\n", 8),
+                ("test_stops", "ERROR: test_stops (__main__.Stop.test_stops)\n", 8),
+                ("signal 11", "no line of a test\n", -11),
+                ("status 8", "", 8)):
+            self.assertEqual(name, mutate.finding(output, status))
+
 
 if __name__ == "__main__":
     if len(sys.argv) > 1:
