@@ -347,4 +347,6 @@ def main():
         sys.exit("TARN_BINARY must name the daemon's binary.")
     # A fault that a test asks for is to leave no core file.
     resource.setrlimit(resource.RLIMIT_CORE, (0, resource.getrlimit(resource.RLIMIT_CORE)[1]))
-    unittest.main(verbosity=2, failfast="TARN_FAIL_FAST" in os.environ)
+    cases = os.environ.get("TARN_TEST_CASES")
+    unittest.main(verbosity=2, failfast="TARN_FAIL_FAST" in os.environ,
+                  argv=sys.argv + (["-k", cases] if cases else []))

@@ -328,6 +328,10 @@ class Mutation(Tree):
         with self.assertRaises(ValueError):
             self.mutants("- text before any entry\n")
 
+    def test_leaves_the_cases_out_of_the_names_of_the_tests(self):
+        mutant = self.mutants("@ a fault\n- a\n+ b\ntests unit_low system.reload:storm\n")[0]
+        self.assertEqual(["unit_low", "system.reload"], mutant.test_names())
+
     def test_names_the_case_that_noticed_a_mutant(self):
         for name, output, status in (
                 ("Gate.OpensOnce", "a.cpp:3: Failure\n[  FAILED  ] Gate.OpensOnce (0 ms)\n", 1),
