@@ -95,7 +95,10 @@ int Application::RecordSignalFailure(const char* call) {
     return m_status;
 }
 
-void Application::SignalHandler(int sig, siginfo_t* /*info*/, void* /*context*/) {
+void Application::SignalHandler(int sig, siginfo_t* info, void* /*context*/) {
+    if (HoldBack(sig, info)) {
+        return;
+    }
     const ErrnoKeeper keeper;
     switch (sig) {
         case SIGINT:

@@ -64,6 +64,9 @@ constexpr long kReadSeconds = 1;
 std::atomic<TarnEngine*> s_engine{nullptr};
 
 void HangupHandler(int sig, siginfo_t* info, void* context) {
+    if (HoldBack(sig, info)) {
+        return;
+    }
     const ErrnoKeeper keeper;
     TarnEngine* const engine = s_engine.load(std::memory_order_acquire);
     if (engine != nullptr) {  // a hangup on the last lines of main finds nobody

@@ -90,7 +90,10 @@ void RequestStackReport(pthread_t thread) {
 }
 
 // Deliberate: one report in a process. Threads that fault together would mix their lines.
-void ReportThreadFault(int /*sig*/, siginfo_t* info, void* /*context*/) {
+void ReportThreadFault(int sig, siginfo_t* info, void* /*context*/) {
+    if (HoldBack(sig, info)) {
+        return;
+    }
     const ErrnoKeeper keeper;
     if (s_reportPending.exchange(false, std::memory_order_acq_rel)) {
         if (info != nullptr) {

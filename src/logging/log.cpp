@@ -41,79 +41,6 @@ std::atomic<bool> Log::m_sendErrorsToConsole{false};
 std::atomic<bool> Log::m_sendWarningsToConsole{false};
 std::atomic<bool> Log::m_sendInfosToConsole{false};
 
-// Deliberate: on the console path errors, warnings and notices go to the callback and infos do not,
-// nor does Critical. Once the log is open the callback takes levels 1 to 3 from every function.
-
-void Log::Debug(const char* format, ...) {
-    if (!Passes(kDebug)) {
-        return;
-    }
-    va_list args;
-    va_start(args, format);
-    VWriteStatic(kDebug, format, args, nullptr);
-    va_end(args);
-}
-
-void Log::Info(const char* format, ...) {
-    if (!Passes(kInfo)) {
-        return;
-    }
-    va_list args;
-    va_start(args, format);
-    VWriteStatic(kInfo, format, args, nullptr);
-    va_end(args);
-}
-
-void Log::Notice(const char* format, ...) {
-    if (!Passes(kNotice)) {
-        return;
-    }
-    va_list args;
-    va_start(args, format);
-    VWriteStatic(kNotice, format, args, &m_sendInfosToConsole);
-    va_end(args);
-}
-
-void Log::Warning(const char* format, ...) {
-    if (!Passes(kWarning)) {
-        return;
-    }
-    va_list args;
-    va_start(args, format);
-    VWriteStatic(kWarning, format, args, &m_sendWarningsToConsole);
-    va_end(args);
-}
-
-void Log::Error(const char* format, ...) {
-    if (!Passes(kError)) {
-        return;
-    }
-    va_list args;
-    va_start(args, format);
-    VWriteStatic(kError, format, args, &m_sendErrorsToConsole);
-    va_end(args);
-}
-
-void Log::Critical(const char* format, ...) {
-    if (!Passes(kError)) {
-        return;
-    }
-    va_list args;
-    va_start(args, format);
-    VWriteStatic(kError, format, args, nullptr);
-    va_end(args);
-}
-
-void Log::Fatal(const char* format, ...) {
-    if (!Passes(kError)) {
-        return;
-    }
-    va_list args;
-    va_start(args, format);
-    VWriteStatic(kError, format, args, nullptr);
-    va_end(args);
-}
-
 void Log::WriteConsole(int level, const char* format, ...) {
     if (!Passes(level) || level > kHighestToConsoleSyslog) {
         return;
@@ -124,10 +51,17 @@ void Log::WriteConsole(int level, const char* format, ...) {
     va_end(args);
 }
 
-void Log::VWriteStatic(int level, const char* format, va_list args,
-                       const std::atomic<bool>* toCallback) {
+void Log::WriteStatic(int level, const std::atomic<bool>* toCallback, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    VWriteStatic(level, toCallback, format, args);
+    va_end(args);
+}
+
+void Log::VWriteStatic(int level, const std::atomic<bool>* toCallback, const char* format,
+                       va_list args) {
     if (m_pLog != nullptr && m_bInitialized.load(std::memory_order_acquire)) {
-        m_pLog->VWrite(level, format, args);
+        m_pLog->VWritePassed(level, format, args);
         return;
     }
     va_list forConsole;
@@ -201,20 +135,20 @@ Log::~Log() {
     Close();
 }
 
-void Log::Write(int level, const char* format, ...) {
-    if (!Passes(level)) {
-        return;
-    }
+void Log::WritePassed(int level, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    VWrite(level, format, args);
+    VWritePassed(level, format, args);
     va_end(args);
 }
 
 void Log::VWrite(int level, const char* format, va_list args) {
-    if (!Passes(level)) {
-        return;
+    if (Passes(level)) {
+        VWritePassed(level, format, args);
     }
+}
+
+void Log::VWritePassed(int level, const char* format, va_list args) {
     va_list copy;
     if (m_syslog != nullptr && level <= kHighestToSyslog) {
         va_copy(copy, args);

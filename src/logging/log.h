@@ -28,6 +28,24 @@
 
 class SysLog;
 
+// The gate of a level is inlined into each call, so that a message that does not pass costs the
+// comparison and not even the making of its arguments. Only GCC can pass the arguments of an
+// inlined function on; with other compilers the gate is at the beginning of an ordinary function.
+// TARN_PASS_ON calls FUNCTION(..., format, arguments), or VFUNCTION with them as a list.
+#ifdef __clang__
+#define TARN_INLINE_VARIADIC
+#define TARN_PASS_ON(FUNCTION, format, ...)     \
+    do {                                        \
+        va_list args;                           \
+        va_start(args, format);                 \
+        V##FUNCTION(__VA_ARGS__, format, args); \
+        va_end(args);                           \
+    } while (false)
+#else
+#define TARN_INLINE_VARIADIC [[gnu::always_inline]]
+#define TARN_PASS_ON(FUNCTION, format, ...) FUNCTION(__VA_ARGS__, format, __builtin_va_arg_pack())
+#endif
+
 namespace vald {
 
 class Log {
@@ -42,13 +60,20 @@ class Log {
     using ConsoleCallback = void (*)(int level, const char* format, va_list args);
 
     // The level functions. Critical and Fatal log at level 1, like Error; none ends the process.
-    static void Debug(const char* format, ...) __attribute__((format(printf, 1, 2)));
-    static void Info(const char* format, ...) __attribute__((format(printf, 1, 2)));
-    static void Notice(const char* format, ...) __attribute__((format(printf, 1, 2)));
-    static void Warning(const char* format, ...) __attribute__((format(printf, 1, 2)));
-    static void Error(const char* format, ...) __attribute__((format(printf, 1, 2)));
-    static void Critical(const char* format, ...) __attribute__((format(printf, 1, 2)));
-    static void Fatal(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    TARN_INLINE_VARIADIC static void Debug(const char* format, ...)
+        __attribute__((format(printf, 1, 2)));
+    TARN_INLINE_VARIADIC static void Info(const char* format, ...)
+        __attribute__((format(printf, 1, 2)));
+    TARN_INLINE_VARIADIC static void Notice(const char* format, ...)
+        __attribute__((format(printf, 1, 2)));
+    TARN_INLINE_VARIADIC static void Warning(const char* format, ...)
+        __attribute__((format(printf, 1, 2)));
+    TARN_INLINE_VARIADIC static void Error(const char* format, ...)
+        __attribute__((format(printf, 1, 2)));
+    TARN_INLINE_VARIADIC static void Critical(const char* format, ...)
+        __attribute__((format(printf, 1, 2)));
+    TARN_INLINE_VARIADIC static void Fatal(const char* format, ...)
+        __attribute__((format(printf, 1, 2)));
 
     // The console path alone, whether the log is open or not. Levels above 4 are dropped.
     static void WriteConsole(int level, const char* format, ...)
@@ -75,7 +100,8 @@ class Log {
     virtual ~Log();
 
     // Logs a message at a level; the usual call once the log is open.
-    void Write(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    TARN_INLINE_VARIADIC void Write(int level, const char* format, ...)
+        __attribute__((format(printf, 3, 4)));
     void VWrite(int level, const char* format, va_list args) __attribute__((format(printf, 3, 0)));
 
     // Sets the level, rotates and opens the file, and opens the system log under appName, which is
@@ -108,9 +134,14 @@ class Log {
     static Log* Create();
     // What a static level function does once the gate has passed. A null flag: no callback on the
     // console path.
-    static void VWriteStatic(int level, const char* format, va_list args,
-                             const std::atomic<bool>* toCallback)
-        __attribute__((format(printf, 2, 0)));
+    static void WriteStatic(int level, const std::atomic<bool>* toCallback, const char* format, ...)
+        __attribute__((format(printf, 3, 4)));
+    static void VWriteStatic(int level, const std::atomic<bool>* toCallback, const char* format,
+                             va_list args) __attribute__((format(printf, 3, 0)));
+    // What Write and VWrite do once the gate has passed.
+    void WritePassed(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    void VWritePassed(int level, const char* format, va_list args)
+        __attribute__((format(printf, 3, 0)));
     static void VCallBack(const std::atomic<bool>* chosen, int level, const char* format,
                           va_list args) __attribute__((format(printf, 3, 0)));
 
@@ -118,4 +149,64 @@ class Log {
     LogFile m_file;
 };
 
+// The arguments are checked where these are called, and not once more here.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
+// Deliberate: on the console path errors, warnings and notices go to the callback and infos do not,
+// nor does Critical. Once the log is open the callback takes levels 1 to 3 from every function.
+
+inline void Log::Debug(const char* format, ...) {
+    if (Passes(kDebug)) {
+        TARN_PASS_ON(WriteStatic, format, kDebug, nullptr);
+    }
+}
+
+inline void Log::Info(const char* format, ...) {
+    if (Passes(kInfo)) {
+        TARN_PASS_ON(WriteStatic, format, kInfo, nullptr);
+    }
+}
+
+inline void Log::Notice(const char* format, ...) {
+    if (Passes(kNotice)) {
+        TARN_PASS_ON(WriteStatic, format, kNotice, &m_sendInfosToConsole);
+    }
+}
+
+inline void Log::Warning(const char* format, ...) {
+    if (Passes(kWarning)) {
+        TARN_PASS_ON(WriteStatic, format, kWarning, &m_sendWarningsToConsole);
+    }
+}
+
+inline void Log::Error(const char* format, ...) {
+    if (Passes(kError)) {
+        TARN_PASS_ON(WriteStatic, format, kError, &m_sendErrorsToConsole);
+    }
+}
+
+inline void Log::Critical(const char* format, ...) {
+    if (Passes(kError)) {
+        TARN_PASS_ON(WriteStatic, format, kError, nullptr);
+    }
+}
+
+inline void Log::Fatal(const char* format, ...) {
+    if (Passes(kError)) {
+        TARN_PASS_ON(WriteStatic, format, kError, nullptr);
+    }
+}
+
+inline void Log::Write(int level, const char* format, ...) {
+    if (Passes(level)) {
+        TARN_PASS_ON(WritePassed, format, level);
+    }
+}
+
+#pragma GCC diagnostic pop
+
 }  // namespace vald
+
+#undef TARN_INLINE_VARIADIC
+#undef TARN_PASS_ON

@@ -2,16 +2,17 @@
 
 #include <fcntl.h>
 #include <sys/time.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 
 #include "logging/log_guards.h"
+#include "threads/uncancelled_io.h"
 
 namespace vald {
 
@@ -38,6 +39,25 @@ char* PutNumber(char* out, unsigned long number, int digits, char after) {
     return out;
 }
 
+// "T:140 " with the number of the calling thread, written once for all its lines.
+struct ThreadText {
+    std::array<char, 24> text;
+    size_t length;  // 0: not written yet
+};
+
+constinit thread_local ThreadText t_thread{};
+
+char* PutThread(char* out) {
+    if (t_thread.length == 0) {
+        char* const begin = t_thread.text.data();
+        begin[0] = 'T';
+        begin[1] = ':';
+        t_thread.length = static_cast<size_t>(PutNumber(begin + 2, pthread_self(), 2, ' ') - begin);
+    }
+    memcpy(out, t_thread.text.data(), t_thread.text.size());
+    return out + t_thread.length;
+}
+
 }  // namespace
 
 LogFile::~LogFile() {
@@ -55,7 +75,7 @@ bool LogFile::SetLimits(unsigned maxSize, unsigned maxFiles) {
         return false;
     }
     const ErrnoKeeper keeper;
-    const LogLock lock(m_mutex);
+    const FileLogLock lock(m_mutex);
     m_size = 0;
     m_maxSize = maxSize;
     m_maxFiles = maxFiles;
@@ -80,20 +100,20 @@ int LogFile::VWrite(int level, const char* format, va_list args) {
         return 0;
     }
     const ErrnoKeeper keeper;
-    const LogLock lock(m_mutex);
+    const FileLogLock lock(m_mutex);
     BuildLine(format, args);
     return WriteLine(m_buffer);
 }
 
 void LogFile::Close() {
     const ErrnoKeeper keeper;
-    const LogLock lock(m_mutex);
+    const FileLogLock lock(m_mutex);
     CloseFile();
 }
 
 void LogFile::Flush() {
     const ErrnoKeeper keeper;
-    const LogLock lock(m_mutex);
+    const FileLogLock lock(m_mutex);
     if (m_fd != -1) {
         fsync(m_fd);
     }
@@ -104,21 +124,14 @@ size_t LogFile::BuildPrefix(char* out, size_t size, const char* tag) {
     if (gettimeofday(&now, nullptr) != 0) {
         now = {};
     }
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-    // Written by hand: the formatting functions take as long as the rest of a line.
-    std::array<char, 80> text;
-    char* end = text.data();
-    end = PutNumber(end, static_cast<unsigned long>(local.tm_year) + kFirstYear, 4, '/');
-    end = PutNumber(end, static_cast<unsigned long>(local.tm_mon) + 1, 2, '/');
-    end = PutNumber(end, static_cast<unsigned long>(local.tm_mday), 2, ' ');
-    end = PutNumber(end, static_cast<unsigned long>(local.tm_hour), 2, ':');
-    end = PutNumber(end, static_cast<unsigned long>(local.tm_min), 2, ':');
-    end = PutNumber(end, static_cast<unsigned long>(local.tm_sec), 2, '.');
+    if (m_dateLength == 0 || now.tv_sec != m_dateSecond) {
+        BuildDate(now.tv_sec);
+    }
+    std::array<char, 96> text;
+    memcpy(text.data(), m_date.data(), m_date.size());
+    char* end = text.data() + m_dateLength;
     end = PutNumber(end, static_cast<unsigned long>(now.tv_usec / 1000), 3, ' ');
-    *end++ = 'T';
-    *end++ = ':';
-    end = PutNumber(end, pthread_self(), 2, ' ');
+    end = PutThread(end);
     size_t length = std::min(static_cast<size_t>(end - text.data()), size - 1);
     memcpy(out, text.data(), length);
     out[length] = '\0';
@@ -126,6 +139,23 @@ size_t LogFile::BuildPrefix(char* out, size_t size, const char* tag) {
         length += Fitted(snprintf(out + length, size - length, "%s\t", tag), size - length);
     }
     return length;
+}
+
+// Once for all lines of a second, and by hand: the local time and the formatting functions take as
+// long as the rest of a line.
+void LogFile::BuildDate(time_t second) {
+    tm local{};
+    localtime_r(&second, &local);
+    m_dateLength = 0;
+    char* end = m_date.data();
+    end = PutNumber(end, static_cast<unsigned long>(local.tm_year) + kFirstYear, 4, '/');
+    end = PutNumber(end, static_cast<unsigned long>(local.tm_mon) + 1, 2, '/');
+    end = PutNumber(end, static_cast<unsigned long>(local.tm_mday), 2, ' ');
+    end = PutNumber(end, static_cast<unsigned long>(local.tm_hour), 2, ':');
+    end = PutNumber(end, static_cast<unsigned long>(local.tm_min), 2, ':');
+    end = PutNumber(end, static_cast<unsigned long>(local.tm_sec), 2, '.');
+    m_dateSecond = second;
+    m_dateLength = static_cast<size_t>(end - m_date.data());
 }
 
 // Deliberate: a line that does not fit is cut without a mark. An attentive reader sees it by its
@@ -144,7 +174,7 @@ void LogFile::BuildLine(const char* format, va_list args) {
     }
 }
 
-int LogFile::WriteLine(const char* text) {
+int LogFile::WriteLine(char* text) {
     if (m_fd == -1 || text == nullptr) {
         return kDropped;
     }
@@ -154,10 +184,14 @@ int LogFile::WriteLine(const char* text) {
     if (m_size > m_maxSize && !OpenWithRotation()) {
         return kRotateFailed;
     }
-    static char lineFeed[] = "\n";
+    // The line feed takes the place of the NUL, so that line and line feed are one write.
     const size_t length = strlen(text);
-    const std::array<iovec, 2> pieces{iovec{const_cast<char*>(text), length}, iovec{lineFeed, 1}};
-    const ssize_t written = writev(m_fd, pieces.data(), pieces.size());
+    text[length] = '\n';
+    ssize_t written = 0;
+    do {
+        written = WriteUncancelled(m_fd, text, length + 1);
+    } while (written == -1 && errno == EINTR);  // a signal is no reason to lose a line
+    text[length] = '\0';
     if (written <= 0) {
         return 0;
     }
@@ -167,6 +201,8 @@ int LogFile::WriteLine(const char* text) {
 }
 
 bool LogFile::OpenWithRotation() {
+    // Some file systems let a signal interrupt these calls. There is time for a mask here.
+    const Uninterrupted uninterrupted;
     CloseFile();
     if (!Rotate()) {
         return false;

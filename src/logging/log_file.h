@@ -8,17 +8,19 @@
 // becomes ".001", that one ".002", and so on; every opening starts a new file. Owned by vald::Log.
 //
 // No line allocates memory, be it the one that rotates the file: a signal handler writes lines,
-// too.
+// too. A line is one system call.
 //
-// Threads: any thread may write. m_mutex covers the line buffer, the rotation and the writes, so
-// that lines never interleave. Initialize belongs to the thread that opens the log.
+// Threads: any thread may write. m_mutex covers the line buffer, the date, the rotation and the
+// writes, so that lines never interleave. Initialize belongs to the thread that opens the log.
 
 #include <pthread.h>
 
+#include <array>
 #include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <string>
 
 #include "logging/log_trace.h"
@@ -53,7 +55,7 @@ class LogFile : public LogTrace {
   protected:
     // Builds time, milliseconds and thread number, then the tag and a tab where one is given.
     // The result is the length. Every line of the daemon goes without a tag.
-    static size_t BuildPrefix(char* out, size_t size, const char* tag);
+    size_t BuildPrefix(char* out, size_t size, const char* tag);
 
   private:
     // Bytes that any path has room in which the system takes, with its NUL.
@@ -65,8 +67,9 @@ class LogFile : public LogTrace {
     // does not fit.
     [[nodiscard]] bool NameFile(char (&out)[kNameSize], uint32_t index) const;
     void BuildLine(const char* format, va_list args) __attribute__((format(printf, 2, 0)));
-    int WriteLine(const char* text);
+    int WriteLine(char* text);
     void CloseFile();
+    void BuildDate(time_t second);
 
     char m_buffer[2048] = {};  // one line is built here
     bool m_timestamps = true;  // nothing clears it
@@ -75,6 +78,9 @@ class LogFile : public LogTrace {
     uint32_t m_maxSize = 2000000;
     uint32_t m_maxFiles = 10;
     std::string m_path;
+    std::array<char, 64> m_date = {};  // local date and time of m_dateSecond, as a line has them
+    size_t m_dateLength = 0;           // 0: there is none yet
+    time_t m_dateSecond = 0;
     pthread_mutex_t m_mutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
 };
 

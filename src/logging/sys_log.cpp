@@ -53,7 +53,7 @@ void SysLog::Initialize(const std::string& appName, int level) {
 std::string SysLog::GetAppName() {
     std::string name;
     {
-        const LogLock lock(m_mutex);
+        const SysLogLock lock(m_mutex);
         name = m_appName;
     }
     Debug("SysLog::GetAppName() - Returning application name %s", name.c_str());
@@ -62,7 +62,7 @@ std::string SysLog::GetAppName() {
 
 void SysLog::SetAppName(const std::string& appName) {
     Debug("SysLog::SetAppName() - Setting application name to %s", appName.c_str());
-    const LogLock lock(m_mutex);
+    const SysLogLock lock(m_mutex);
     const bool wasOpen = m_syslogOpen.load(std::memory_order_relaxed);
     // Closing first: an open system log points at the characters of the former name.
     if (wasOpen) {
@@ -75,12 +75,12 @@ void SysLog::SetAppName(const std::string& appName) {
 }
 
 void SysLog::Open() {
-    const LogLock lock(m_mutex);
+    const SysLogLock lock(m_mutex);
     OpenLocked();
 }
 
 void SysLog::Close() {
-    const LogLock lock(m_mutex);
+    const SysLogLock lock(m_mutex);
     CloseLocked();
 }
 
@@ -113,7 +113,7 @@ void SysLog::VWrite(int level, const char* format, va_list args) {
     const ErrnoKeeper keeper;
     char text[512] = "";
     vsnprintf(text, sizeof text, format, args);
-    const LogLock lock(m_mutex);
+    const SysLogLock lock(m_mutex);
     // A fault inside syslog() left its own lock held, and a second call would wait forever.
     if (!lock.Owns()) {
         return;

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "logging/log.h"
+#include "logging/log_guards.h"
 #include "support/stderr_capture.h"
 
 namespace {
@@ -192,6 +193,23 @@ TEST(ApplicationSignals, EachTerminationSignalSetsTheFlag) {
                       (void)app.InstallSignals();
                       raise(sig);
                       return Application::s_term == 1;
+                  }))
+            << sig;
+    }
+}
+
+TEST(ApplicationSignals, ATerminationSignalWaitsUntilItsThreadHasLeftTheLog) {
+    for (const int sig : {SIGINT, SIGQUIT, SIGTERM}) {
+        EXPECT_EQ(0, InChild([sig] {
+                      RecordingApplication app;
+                      (void)app.InstallSignals();
+                      bool hasWaited = false;
+                      {
+                          const UndisturbedByHandlers inside;
+                          raise(sig);
+                          hasWaited = Application::s_term == 0;
+                      }
+                      return hasWaited && Application::s_term == 1;
                   }))
             << sig;
     }

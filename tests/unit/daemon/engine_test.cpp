@@ -15,6 +15,7 @@
 #include "events/event_bridge.h"
 #include "events/event_thread.h"
 #include "logging/log.h"
+#include "logging/log_guards.h"
 #include "support/file_text.h"
 #include "support/levelled_log.h"
 #include "support/log_capture.h"
@@ -247,6 +248,21 @@ TEST_F(EngineTest, CatchesAHangupAndUnblocksIt) {
                           sigismember(&all, SIGUSR1) == 1
                       ? 0
                       : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(EngineTest, LeavesAHangupUntilItsThreadHasLeftTheLog) {
+    EXPECT_EXIT(
+        {
+            TarnEngine& engine = *TarnEngine::Instance();
+            bool hasWaited = engine.InstallHangupHandler();
+            {
+                const UndisturbedByHandlers inside;
+                raise(SIGHUP);
+                hasWaited = hasWaited && !TarnEnginePeer::HungUp(engine);
+            }
+            _exit(hasWaited && TarnEnginePeer::HungUp(engine) ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
 }

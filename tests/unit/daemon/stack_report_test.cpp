@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "logging/log_guards.h"
 #include "support/stderr_capture.h"
 
 namespace {
@@ -126,6 +127,21 @@ TEST(ReportThreadFault, LeavesOutAnErrnoOfZero) {
 
 TEST(ReportThreadFault, WritesTheStackAloneWithoutTheSignalsDetails) {
     EXPECT_EXIT(_exit(IsStack(Report(nullptr), 0) ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
+TEST(ReportThreadFault, WaitsUntilItsThreadHasLeftTheLog) {
+    EXPECT_EXIT(
+        {
+            const StderrCapture capture;
+            bool hasWaited = false;
+            {
+                const UndisturbedByHandlers inside;
+                RequestStackReport(pthread_self());
+                hasWaited = capture.Text().empty();
+            }
+            _exit(hasWaited && capture.Text().starts_with("Error: Received signal") ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST(ReportThreadFault, KeepsToOneReportInAProcessAndLeavesErrnoAlone) {

@@ -24,10 +24,13 @@ using vald::LogFile;
 // Shows the prefix builder, which takes a tag that no line of the daemon has.
 class PrefixPeer : public LogFile {
   public:
-    static std::string Prefix(const char* tag, size_t size = 128) {
+    std::string Next(const char* tag, size_t size = 128) {
         std::string text(size, '\0');
         text.resize(BuildPrefix(text.data(), text.size(), tag));
         return text;
+    }
+    static std::string Prefix(const char* tag, size_t size = 128) {
+        return PrefixPeer().Next(tag, size);
     }
 };
 
@@ -134,6 +137,22 @@ TEST_F(LogFileLine, CarriesTheLocalTime) {
     const time_t written = mktime(&parsed);
     EXPECT_GE(written, before);
     EXPECT_LE(written, after);
+}
+
+TEST_F(LogFileLine, GoesOnWithTheTime) {
+    PrefixPeer log;
+    const time_t first = Now();
+    while (Now() <= first + 1) {
+        const time_t before = Now();
+        const std::string text = log.Next(nullptr);
+        const time_t after = Now();
+        tm parsed{};
+        parsed.tm_isdst = -1;
+        ASSERT_NE(nullptr, strptime(text.c_str(), "%Y/%m/%d %H:%M:%S", &parsed));
+        ASSERT_GE(mktime(&parsed), before);
+        ASSERT_LE(mktime(&parsed), after);
+        usleep(20000);
+    }
 }
 
 TEST_F(LogFileLine, CarriesTheTimeOfTheZone) {
