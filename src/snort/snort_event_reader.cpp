@@ -1,7 +1,6 @@
 #include "snort/snort_event_reader.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +11,7 @@
 #include "events/event_bridge.h"
 #include "logging/log.h"
 #include "paths.h"
+#include "threads/uncancelled_io.h"
 #include "unified2/unified2_format.h"
 
 namespace {
@@ -115,16 +115,17 @@ bool SnortEventReader::OpenFifo() {
 // distinguishes them. It knows more than a read does, since a read finds the end of file also on a
 // FIFO that has had no writer since it was opened.
 uint32_t SnortEventReader::ReadWhatIsThere(void* buffer, uint32_t length) {
-    const ssize_t count = read(m_fd, buffer, length);
+    const ssize_t count = ReadUncancelled(m_fd, buffer, length);
     return count > 0 ? static_cast<uint32_t>(count) : 0;
 }
 
 bool SnortEventReader::ReadFully(void* buffer, uint32_t length, uint32_t firstPiece) {
     uint32_t done = 0;
     while (done < length) {
-        const ssize_t count = done == 0 && firstPiece > 0
-                                  ? firstPiece
-                                  : read(m_fd, static_cast<uint8_t*>(buffer) + done, length - done);
+        const ssize_t count =
+            done == 0 && firstPiece > 0
+                ? firstPiece
+                : ReadUncancelled(m_fd, static_cast<uint8_t*>(buffer) + done, length - done);
         if (count == -1) {
             const int error = errno;
             // Deliberate: a record whose tail is not there yet is lost with the bytes read so far.
