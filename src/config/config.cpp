@@ -265,8 +265,11 @@ void Config::ParseLine(const std::string& line, int kind) {
         return;
     }
     // Deliberate: a "#" after the "=" belongs to the value. Paths and rule texts may hold one.
-    const std::string value(StripLeft(stripped.substr(equals + 1)));
-    const std::string name(StripRight(stripped.substr(0, equals)));
+    // The strings keep their memory from line to line.
+    static thread_local std::string value;
+    static thread_local std::string name;
+    value = StripLeft(stripped.substr(equals + 1));
+    name = StripRight(stripped.substr(0, equals));
     if (s_reading != nullptr) {
         s_reading->nameLength = name.size();
         s_reading->valueAt = s_reading->nameAt + stripped.size() - value.size();

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -218,18 +219,36 @@ constexpr KeyMarker kKeyMarkers[] = {
     {".msg", kEventKeyMessage},       {".user.response", kEventKeyUserResponse},
     {".response", kEventKeyResponse}, {".quarantine.rule", kEventKeyQuarantineRule},
 };
-constexpr char kQuarantineRuleMarker[] = ".quarantine.rule";
 
-// The first key that occurs anywhere in the name; null if none does.
-const KeyMarker* EventKeyOf(const char* name) {
-    const bool isQuarantine = std::strstr(name, kQuarantineRuleMarker) != nullptr;
+// A bit for each of kKeyMarkers.
+constexpr uint32_t BitOf(EventKey key) {
+    uint32_t bit = 1;
     for (const KeyMarker& marker : kKeyMarkers) {
-        const bool isHidden = marker.key == kEventKeyRule && isQuarantine;
-        if (!isHidden && std::strstr(name, marker.text) != nullptr) {
-            return &marker;
+        if (marker.key == key) {
+            break;
+        }
+        bit <<= 1;
+    }
+    return bit;
+}
+
+// The first key that occurs anywhere in the name; null if none does. One pass over the dots instead
+// of one over the name for each key: a large file has some hundred thousand lines.
+const KeyMarker* EventKeyOf(const char* name) {
+    uint32_t found = 0;
+    for (const char* dot = std::strchr(name, '.'); dot != nullptr;
+         dot = std::strchr(dot + 1, '.')) {
+        for (const KeyMarker& marker : kKeyMarkers) {
+            const char* text = dot;
+            if (dot[1] == marker.text[1] && Accept(text, marker.text)) {
+                found |= BitOf(marker.key);
+            }
         }
     }
-    return nullptr;
+    if ((found & BitOf(kEventKeyQuarantineRule)) != 0) {
+        found &= ~BitOf(kEventKeyRule);
+    }
+    return found != 0 ? &kKeyMarkers[std::countr_zero(found)] : nullptr;
 }
 
 constexpr char kEventPrefix[] = "se.";

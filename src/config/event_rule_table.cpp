@@ -91,8 +91,8 @@ void EventRuleTable::Dump() const {
               << "-----------------------------\n";
     m_lists.ForEachBucket([](size_t index, const auto& bucket) {
         std::cout << "Bucket[" << index << "] => \n";
-        for (const auto& node : bucket) {
-            DumpNode(std::cout, *node);
+        for (const auto& entry : bucket) {
+            DumpNode(std::cout, *entry.node);
         }
         std::cout << '\n';
     });

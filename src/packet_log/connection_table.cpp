@@ -35,8 +35,8 @@ void LOCK_FREE_HASH_MAP::Dump() const {
               << "-----------------------------\n";
     m_lists.ForEachBucket([](size_t index, const auto& bucket) {
         std::cout << "Bucket[" << index << "] => ";
-        for (const auto& node : bucket) {
-            std::cout << '(' << node->key << ") -> ";
+        for (const auto& entry : bucket) {
+            std::cout << '(' << entry.key << ") -> ";
         }
         std::cout << '\n';
     });

@@ -195,6 +195,28 @@ TEST_F(EventRuleTableFind, YieldsNothingForAnAbsentIdOfAFilledBucket) {
     EXPECT_EQ(nullptr, table.Find(769));
 }
 
+// The ids of one bucket, from every second multiple of the number of buckets.
+TEST_F(EventRuleTableFind, FindsEachIdOfABucketOfAnySizeAndNoneBetweenThem) {
+    constexpr uint32_t kStep = 2 * EventRuleTable::kBucketCount;
+    for (uint32_t size = 0; size < 20; ++size) {
+        table.Clear();
+        for (uint32_t i = 0; i < size; ++i) {
+            // From both ends to the middle.
+            const uint32_t place = i % 2 == 0 ? i / 2 : size - 1 - i / 2;
+            const uint32_t id = kStep * (place + 1);
+            Enter(id, std::to_string(id));
+        }
+        ASSERT_EQ(size, table.NodeCount());
+        for (uint32_t i = 0; i < size; ++i) {
+            const uint32_t id = kStep * (i + 1);
+            EXPECT_EQ(std::to_string(id), NameOf(id));
+            EXPECT_EQ("-", NameOf(id - kStep / 2));
+        }
+        EXPECT_EQ("-", NameOf(kStep * size + kStep / 2));
+        EXPECT_EQ("-", NameOf(kStep * (size + 1)));
+    }
+}
+
 TEST_F(EventRuleTableFind, AllocatesNothing) {
     for (uint32_t id = 1; id <= 2000; ++id) {
         Enter(id);
@@ -223,6 +245,25 @@ TEST_F(EventRuleTableRemove, LeavesTheOtherKeyOfTheBucket) {
     EXPECT_EQ("-", NameOf(1));
     EXPECT_EQ("other", NameOf(257));
     EXPECT_EQ(1U, table.NodeCount());
+}
+
+TEST_F(EventRuleTableRemove, LeavesTheOthersInTheirOrderAndReleasesTheNode) {
+    for (const uint32_t id : {1, 257, 513, 769, 1025}) {
+        Enter(id, "name of " + std::to_string(id));
+    }
+    const auto node = table.Find(513);
+    EXPECT_TRUE(table.Remove(513));
+    EXPECT_EQ(1, node.use_count());
+    EXPECT_EQ("name of 513", node->eventName);
+    for (const uint32_t id : {1, 257, 769, 1025}) {
+        EXPECT_EQ("name of " + std::to_string(id), NameOf(id));
+    }
+    EXPECT_EQ(4U, table.NodeCount());
+    Enter(513, "again");
+    EXPECT_EQ("again", NameOf(513));
+    const std::string dump = Dumped();
+    EXPECT_LT(dump.find("ID:257\n"), dump.find("ID:513\n"));
+    EXPECT_LT(dump.find("ID:513\n"), dump.find("ID:769\n"));
 }
 
 TEST_F(EventRuleTableRemove, TellsThatAnIdIsAbsent) {
