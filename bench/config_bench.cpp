@@ -12,10 +12,13 @@
 #include <memory>
 #include <numeric>
 #include <random>
+#include <shared_mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "config/config.h"
+#include "config/event_rule_node.h"
 #include "config/event_rule_table.h"
 #include "support/allocation_count.h"
 
@@ -48,6 +51,27 @@ void FindHit(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(FindHit)->Arg(256)->Arg(10000)->Arg(50000);
+
+// The same in the table that one would take from the library.
+void FindInMap(benchmark::State& state) {
+    const auto count = static_cast<uint32_t>(state.range(0));
+    std::unordered_map<uint32_t, std::shared_ptr<Node>> map;
+    std::shared_mutex mutex;
+    for (uint32_t id = kFirstId; id < kFirstId + count; ++id) {
+        map.emplace(id, std::make_shared<Node>(id));
+    }
+    const auto find = [&](uint32_t id) {
+        const std::shared_lock lock(mutex);
+        const auto place = map.find(id);
+        return place != map.end() ? place->second : nullptr;
+    };
+    std::minstd_rand random;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(find(kFirstId + static_cast<uint32_t>(random()) % count));
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(FindInMap)->Arg(10000)->Arg(50000);
 
 void FindMiss(benchmark::State& state) {
     const auto table = FilledTable(static_cast<uint32_t>(state.range(0)));

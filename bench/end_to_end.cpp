@@ -12,12 +12,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <span>
 #include <string>
 #include <thread>
@@ -98,6 +100,14 @@ std::vector<Record> OfKnownKinds(const std::vector<Record>& records) {
     return known;
 }
 
+// The stream of a sensor that writes no extra data: each alert and its packet.
+std::vector<Record> WithoutExtraData(const std::vector<Record>& records) {
+    std::vector<Record> plain;
+    std::copy_if(records.begin(), records.end(), std::back_inserter(plain),
+                 [](const Record& record) { return TypeOf(record) != unified2::kExtraData; });
+    return plain;
+}
+
 // Makes the stream of a troublesome sensor: each packet comes twice, which takes the
 // place of the first, and once more under an id that no alert has, which the daemon refuses.
 std::vector<Record> WithStrayPackets(const std::vector<Record>& records) {
@@ -171,6 +181,8 @@ class Feed {
             m_records = WithStrayPackets(m_records);
         } else if (kind == "known") {
             m_records = OfKnownKinds(m_records);
+        } else if (kind == "packets") {
+            m_records = WithoutExtraData(m_records);
         } else if (kind != "plain") {
             Fail("no feed of the kind " + kind);
         }
@@ -206,8 +218,8 @@ void SayResult(uint64_t records, double seconds, uint64_t alerts) {
 }
 
 // Writes `warmUp` records and then `count` more, of the stream as it is ("plain"), of the kinds
-// that the daemon takes ("known"), or mixed with strays ("strays", where alerts count and not
-// records). Prints a word when the first are read, and then the result.
+// that the daemon takes ("known"), without extra data ("packets"), or mixed with strays ("strays",
+// where alerts count and not records). Prints a word when the first are read, and then the result.
 int FeedStream(const char* fifo, const char* file, uint64_t warmUp, uint64_t count,
                const std::string& kind) {
     Feed feed(file, kind);
@@ -353,8 +365,9 @@ int TakeSystemLog(const char* path) {
 int main(int argc, char** argv) {
     if (argc < 4) {
         std::fputs(
-            "usage: tarn_end_to_end CPU NICENESS feed FIFO FILE WARM-UP COUNT plain|known|strays\n"
+            "usage: tarn_end_to_end CPU NICENESS feed FIFO FILE WARM-UP COUNT KIND\n"
             "       tarn_end_to_end CPU NICENESS bursts FIFO FILE WARM-UP COUNT KIND READER\n"
+            "       KIND is plain, known, packets or strays\n"
             "       tarn_end_to_end CPU NICENESS bare FIFO always|empty\n"
             "       tarn_end_to_end CPU NICENESS drain CHANNEL\n"
             "       tarn_end_to_end CPU NICENESS log SOCKET\n",

@@ -1,7 +1,9 @@
 // What a log message costs: next to nothing when its level does not pass, a line otherwise.
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -46,25 +48,66 @@ void LogSuppressedQuery(benchmark::State& state) {
 }
 BENCHMARK(LogSuppressedQuery);
 
+constexpr unsigned kFileBytes = 2000000;
+
+// A directory that goes with the object.
+class Folder {
+  public:
+    Folder() {
+        if (mkdtemp(m_path.data()) == nullptr) {
+            m_path.clear();
+        }
+    }
+    ~Folder() {
+        if (!m_path.empty()) {
+            std::filesystem::remove_all(m_path);
+        }
+    }
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+
+    // Empty when there is none.
+    const std::string& Path() const { return m_path; }
+
+  private:
+    std::string m_path = (std::filesystem::temp_directory_path() / "tarn-bench-XXXXXX").string();
+};
+
 // One line into a file, with the rotations that fall due.
 void LogFileLine(benchmark::State& state) {
-    std::string folder = (std::filesystem::temp_directory_path() / "tarn-bench-XXXXXX").string();
-    if (mkdtemp(folder.data()) == nullptr) {
-        state.SkipWithError("no directory for the log file");
-        return;
+    const Folder folder;
+    vald::LogFile file;
+    file.Initialize(folder.Path() + "/tarn.log", 3);
+    if (!file.SetLimits(kFileBytes, 5)) {
+        state.SkipWithError("no log file");
     }
-    {
-        vald::LogFile file;
-        file.Initialize(folder + "/tarn.log", 3);
-        if (!file.SetLimits(2000000, 5)) {
-            state.SkipWithError("no log file");
-        }
-        for (auto _ : state) {
-            benchmark::DoNotOptimize(file.Write(3, "event %d from %s", 7, "10.0.0.1"));
-        }
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(file.Write(3, "event %d from %s", 7, "10.0.0.1"));
     }
-    std::filesystem::remove_all(folder);
 }
 BENCHMARK(LogFileLine);
+
+// The system call of such a line, which is the least that it can cost.
+void LogBareWrite(benchmark::State& state) {
+    static constexpr char kLine[] =
+        "2026/11/12 14:12:01.123 T:140123456789012 event 7 from 10.0.0.1\n";
+    const Folder folder;
+    const int fd = open((folder.Path() + "/bare").c_str(),
+                        O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    if (fd == -1) {
+        state.SkipWithError("no file");
+    }
+    unsigned size = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(write(fd, kLine, sizeof(kLine) - 1));
+        size += sizeof(kLine) - 1;
+        if (size > kFileBytes) {
+            size = 0;
+            (void)!ftruncate(fd, 0);
+        }
+    }
+    close(fd);
+}
+BENCHMARK(LogBareWrite);
 
 }  // namespace
