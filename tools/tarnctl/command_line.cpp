@@ -43,6 +43,9 @@ class CommandLine {
         m_app.get_option("--version")->description("Show the version and end");
         m_app.require_subcommand(1);
         m_app.footer(kExamples);
+        // A flag is on or off: "--json=no" is a slip and not a flag that is off. The sub-commands
+        // take this over.
+        m_app.option_defaults()->disable_flag_override();
         m_app.formatter_fn([this](const CLI::App* app, const std::string& name,
                                   CLI::AppFormatMode) { return HelpText(*app, name, m_width); });
         for (const auto& command : m_commands) {
@@ -149,6 +152,8 @@ class CommandLine {
         if (!unknown.empty()) {
             const std::string meant = DidYouMean(unknown, OptionNames(command));
             fault = "unknown option '" + unknown + "'" + meant;
+        } else if (const std::string flag = FlagWithValue(command); !flag.empty()) {
+            fault = "option '" + flag + "' takes no value";
         } else if (m_words.empty()) {
             fault = "a sub-command is missing";
         }
@@ -167,6 +172,23 @@ class CommandLine {
         return names;
     }
 
+    static bool TakesValue(const CLI::Option& option) {
+        return option.get_items_expected_max() != 0;
+    }
+
+    // The first flag that was given a value, as "--json=no", or an empty text.
+    [[nodiscard]] std::string FlagWithValue(const CLI::App& command) const {
+        for (const std::string& word : m_words) {
+            const std::string name = word.substr(0, word.find('='));
+            const CLI::Option* const option =
+                name.starts_with("--") ? command.get_option_no_throw(name) : nullptr;
+            if (option != nullptr && !TakesValue(*option) && name.size() < word.size()) {
+                return name;
+            }
+        }
+        return "";
+    }
+
     // The first option from the word `first` on that the command does not have, or an empty text.
     [[nodiscard]] std::string UnknownOption(const CLI::App& command, size_t first) const {
         for (size_t i = first; i < m_words.size() && m_words[i] != "--"; ++i) {
@@ -181,7 +203,7 @@ class CommandLine {
             if (option == nullptr) {
                 return name;
             }
-            const bool hasValue = option->get_type_size() != 0 && name.size() == word.size();
+            const bool hasValue = TakesValue(*option) && name.size() == word.size();
             i += hasValue ? 1 : 0;
         }
         return "";

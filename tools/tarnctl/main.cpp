@@ -4,8 +4,10 @@
 
 #include "tarnctl/command_line.h"
 #include "tarnctl/common/descriptor_output.h"
+#include "tarnctl/common/standard_descriptors.h"
 
 int main(int argc, char** argv) {
+    tarnctl::OccupyStandardDescriptors();
     tarnctl::DescriptorBuffer output(STDOUT_FILENO);
     tarnctl::DescriptorBuffer messages(STDERR_FILENO);
     std::ostream out(&output);

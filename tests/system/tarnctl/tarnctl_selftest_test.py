@@ -105,6 +105,40 @@ class SelftestTest(harness.DaemonTest):
                               capture_output=True, text=True, check=False, timeout=PATIENCE)
         self.assertEqual(1, done.returncode)
 
+    def outside(self, script, *words, **options):
+        """`tarnctl selftest` with this text as the script that makes the sandbox."""
+        path = Path("/cache/sandbox")
+        path.write_text(script, encoding="utf-8")
+        path.chmod(0o755)
+        return subprocess.run([TARNCTL, "selftest", *words], capture_output=True, text=True,
+                              check=False, timeout=PATIENCE, **options)
+
+    def test_a_sandbox_that_cannot_be_made_is_no_dead_leg(self):
+        done = self.outside("#!/bin/sh\nexit 125\n", "--sandbox", "/cache/sandbox")
+        self.assertEqual((2, ""), (done.returncode, done.stdout))
+        self.assertIn("it needs bubblewrap and user namespaces, or the superuser", done.stderr)
+        done = self.outside("#!/none/python3\n", "--sandbox", "/cache/sandbox", "--json")
+        self.assertEqual(2, done.returncode)
+        self.assertEqual("/cache/sandbox: what runs it is missing: install python3",
+                         checked(done.stdout)["error"])
+
+    def test_the_sandbox_begins_where_every_user_may_be(self):
+        done = self.outside("#!/bin/sh\nexec pwd\n", "--sandbox", "sandbox", cwd="/cache")
+        self.assertEqual((0, "/\n", ""), (done.returncode, done.stdout, done.stderr))
+
+    def test_the_script_tells_its_own_failure_from_the_commands(self):
+        folder = Path("/cache/bin")
+        folder.mkdir()
+        bwrap = folder / "bwrap"
+        sandbox = [str(TREE / "scripts" / "sandbox"), "true"]
+        for text in ("install bubblewrap", "refused"):
+            done = subprocess.run(sandbox, capture_output=True, text=True, check=False,
+                                  timeout=PATIENCE, env={**os.environ, "PATH": str(folder)})
+            self.assertEqual(125, done.returncode)
+            self.assertIn(text, done.stderr)
+            bwrap.write_text("#!/bin/sh\necho refused >&2\nexit 1\n", encoding="utf-8")
+            bwrap.chmod(0o755)
+
     def live(self, *words):
         done = subprocess.run([TARNCTL, "selftest", "--live", "--json", *words],
                               capture_output=True, text=True, check=False, timeout=PATIENCE)

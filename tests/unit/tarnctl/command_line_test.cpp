@@ -15,11 +15,16 @@ using testing::StartsWith;
 namespace tarnctl {
 namespace {
 
-constexpr const char* kCommands[] = {"check",     "crm",    "feed",   "import",   "messages",
+constexpr const char* kCommands[] = {
+    "check",     "crm",    "explain", "feed",   "import",   "messages",
 #ifdef TARNCTL_WITH_PCAP
-                                     "packetlog",
+    "packetlog",
 #endif
-                                     "reload",    "replay", "secmgr", "selftest", "status"};
+    "reload",    "replay", "ring",    "secmgr", "selftest", "show",     "status",
+#ifdef TARNCTL_WITH_NCURSES
+    "top",
+#endif
+};
 
 class CommandLineTest : public testing::Test {
   protected:
@@ -102,10 +107,25 @@ TEST_F(CommandLineTest, NamesAnUnknownOptionWithTheNearestOne) {
         m_err.str());
 }
 
+TEST_F(CommandLineTest, NamesAnUnknownOptionAfterAFlag) {
+    EXPECT_EQ(kExitUsage, Run({"crm", "--json", "--xyzzy"}));
+    EXPECT_EQ("tarnctl crm: unknown option '--xyzzy'; see 'tarnctl crm --help'\n", m_err.str());
+}
+
 // The value of an option may look like an option.
 TEST_F(CommandLineTest, NamesTheFaultThatComesFirstAndNoOptionsValue) {
     EXPECT_EQ(kExitUsage, Run({"replay", "--fifo", "--strange", "f", "g"}));
     EXPECT_EQ("tarnctl replay: unexpected word 'g'; see 'tarnctl replay --help'\n", m_err.str());
+}
+
+TEST_F(CommandLineTest, RefusesAValueForAFlag) {
+    EXPECT_EQ(kExitUsage, Run({"crm", "--json=no"}));
+    EXPECT_EQ(kExitUsage, Run({"check", "--strict=0"}));
+    EXPECT_EQ("", m_out.str());
+    EXPECT_EQ(
+        "tarnctl crm: option '--json' takes no value; see 'tarnctl crm --help'\n"
+        "tarnctl check: option '--strict' takes no value; see 'tarnctl check --help'\n",
+        m_err.str());
 }
 
 TEST_F(CommandLineTest, NamesAnOutputThatTakesNothing) {

@@ -13,6 +13,7 @@
 #include "tarnctl/check/load_watch.h"
 #include "tarnctl/check/places.h"
 #include "tarnctl/check/protect.h"
+#include "tarnctl/common/config_file_options.h"
 #include "tarnctl/common/daemon_load.h"
 #include "tarnctl/common/signals.h"
 #include "tarnctl/common/standard_input.h"
@@ -90,15 +91,7 @@ ptrdiff_t InputsOf(const CheckOptions& options) {
 CLI::App* AddCheckCommand(CLI::App& app, CheckOptions& options) {
     CLI::App* command =
         app.add_subcommand("check", "Name what the daemon would drop or bend in its configuration");
-    command->add_option("-c,--config", options.configFile, "The main file, as tarn -c")
-        ->type_name("FILE")
-        ->capture_default_str();
-    command->add_option("-n,--events", options.eventFile, "The event file, as tarn -n")
-        ->type_name("FILE")
-        ->capture_default_str();
-    command->add_option("--state", options.stateFile, "The state file")
-        ->type_name("FILE")
-        ->capture_default_str();
+    AddConfigFileOptions(*command, options.configFile, options.eventFile, options.stateFile);
     command->add_option("--rules", options.rules, "Rules of the sensor: files, folders, maps")
         ->type_name("PATH");
     command

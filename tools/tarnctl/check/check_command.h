@@ -2,6 +2,8 @@
 
 // `tarnctl check`: reads the configuration with the daemon's own loader and names each thing that
 // the daemon would drop, bend or take by half, and each place on this machine where it would fail.
+//
+// Threads: the main thread.
 
 #include <CLI/CLI.hpp>
 #include <iosfwd>

@@ -1,6 +1,8 @@
 #pragma once
 
 // Every kind of finding. docs/man/tarnctl-check.1 lists them, and a test compares.
+//
+// Threads: constants.
 
 #include "tarnctl/check/finding.h"
 

@@ -5,6 +5,8 @@
 //
 // A hold belongs to the connection that asked for it and ends with it at the latest, so that a
 // client that dies does not stop the feed for good.
+//
+// Threads: constants.
 
 namespace tarnctl {
 

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "quarantine/address_text.h"
+#include "tarnctl/common/protocol_name.h"
 
 namespace tarnctl {
 namespace {
@@ -159,21 +160,6 @@ void Ipv6(Bytes bytes, PacketSummary& summary) {
 }
 
 }  // namespace
-
-std::string ProtocolName(uint8_t protocol) {
-    switch (protocol) {
-        case IPPROTO_TCP:
-            return "TCP";
-        case IPPROTO_UDP:
-            return "UDP";
-        case IPPROTO_ICMP:
-            return "ICMP";
-        case IPPROTO_ICMPV6:
-            return "ICMPv6";
-        default:
-            return "protocol " + std::to_string(protocol);
-    }
-}
 
 std::string EndpointName(const std::string& address, std::optional<uint16_t> port) {
     if (!port) {

@@ -34,9 +34,6 @@ struct PacketSummary {
 
 [[nodiscard]] PacketSummary SummaryOf(std::span<const std::byte> packet, uint32_t linkType);
 
-// "TCP", "UDP", "ICMP", "ICMPv6", else "protocol N".
-[[nodiscard]] std::string ProtocolName(uint8_t protocol);
-
 // "10.0.0.1:80" or "[2001:db8::1]:80", without a port the address alone.
 [[nodiscard]] std::string EndpointName(const std::string& address, std::optional<uint16_t> port);
 

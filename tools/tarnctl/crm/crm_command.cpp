@@ -7,8 +7,7 @@
 #include "tarnctl/common/number_checks.h"
 #include "tarnctl/crm/crm_channel.h"
 #include "tarnctl/crm/crm_peek.h"
-#include "tarnctl/rings/crm_report.h"
-#include "tarnctl/rings/crm_report_text.h"
+#include "tarnctl/crm/crm_report_monitor.h"
 
 namespace tarnctl {
 namespace {
@@ -24,11 +23,10 @@ Examples:
   tarnctl crm --channel 3 --fresh          channel 3, without what waits there already
   tarnctl crm --peek --follow              watch a queue that the CRM reads)";
 
-class CrmMonitor final : public Monitor {
+class CrmMonitor final : public CrmReportMonitor {
   public:
     CrmMonitor(const CrmOptions& options, std::ostream& out, std::ostream& err)
-        : Monitor("crm", "report", options, out, err),
-          m_options(options),
+        : CrmReportMonitor(options, out, err),
           m_channel(options.channel, options.queueName.c_str()) {}
 
   private:
@@ -36,10 +34,10 @@ class CrmMonitor final : public Monitor {
         if (!m_channel.Open()) {
             return m_channel.Error();
         }
-        if (m_options.fresh) {
+        if (Options().fresh) {
             DiscardWaiting();
         }
-        Say("reading channel " + std::to_string(m_options.channel) +
+        Say("reading channel " + std::to_string(Options().channel) +
             "; what is shown is consumed and reaches no other reader");
         return "";
     }
@@ -70,7 +68,7 @@ class CrmMonitor final : public Monitor {
     // Reads and shows one message. False when there is none.
     bool ReadOne() {
         std::span<const std::byte> bytes;
-        CrmOrigin origin{m_options.channel, 0};
+        CrmOrigin origin{Options().channel, 0};
         switch (m_channel.Next(bytes, origin.ring)) {
             case CrmChannel::ReadResult::kMessage:
                 HasNews();
@@ -87,19 +85,6 @@ class CrmMonitor final : public Monitor {
         }
     }
 
-    void Show(const CrmOrigin& origin, std::span<const std::byte> bytes) {
-        CrmReport message;
-        const std::string reason = DecodeCrmReport(bytes, message);
-        if (!reason.empty()) {
-            TellMalformed("report in ring -" + std::to_string(origin.ring), reason, bytes,
-                          MalformedReportAsJson(origin, reason, bytes));
-            return;
-        }
-        CountOne();
-        Write(WritesJson() ? ReportAsJson(origin, message) : ReportAsLine(message, m_options));
-    }
-
-    const CrmOptions& m_options;
     CrmChannel m_channel;
 };
 

@@ -1,6 +1,8 @@
 #pragma once
 
 // `tarnctl crm`: stands in for the CRM and shows the reports that come out of the daemon.
+//
+// Threads: the main thread.
 
 #include <CLI/CLI.hpp>
 #include <iosfwd>

@@ -1,5 +1,7 @@
 #include "tarnctl/crm/crm_peek.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <span>
@@ -9,9 +11,7 @@
 #include "paths.h"
 #include "ring/shm_ring_format.h"
 #include "tarnctl/common/counted.h"
-#include "tarnctl/common/monitor.h"
-#include "tarnctl/rings/crm_report.h"
-#include "tarnctl/rings/crm_report_text.h"
+#include "tarnctl/crm/crm_report_monitor.h"
 #include "tarnctl/rings/ring_walker.h"
 
 namespace tarnctl {
@@ -25,10 +25,10 @@ constexpr Milliseconds kLookInterval{50};
 // Damage that stays as long as this is no reader between two of its stores.
 constexpr Milliseconds kStays{500};
 
-class CrmPeek final : public Monitor {
+class CrmPeek final : public CrmReportMonitor {
   public:
     CrmPeek(const CrmOptions& options, std::ostream& out, std::ostream& err)
-        : Monitor("crm", "report", options, out, err), m_options(options) {
+        : CrmReportMonitor(options, out, err) {
         const std::string base =
             tarn::paths::kEventQueueBase + options.queueName + std::to_string(options.channel);
         m_halves[0].path = base + kShmRingFirstSuffix;
@@ -47,8 +47,10 @@ class CrmPeek final : public Monitor {
 
     std::string Begin() override {
         Attach();
-        if (!m_options.follow && !m_halves[0].isOpen) {
-            return m_halves[0].walker.Error();
+        if (!Options().follow && !m_halves[0].isOpen) {
+            return access(m_halves[0].path.c_str(), F_OK) == 0
+                       ? m_halves[0].walker.Error()
+                       : "no ring at " + m_halves[0].path + "; start tarn, which makes it";
         }
         return "";
     }
@@ -64,7 +66,7 @@ class CrmPeek final : public Monitor {
         if (isMoving) {
             return;
         }
-        if (!m_options.follow && !isDoubtful) {
+        if (!Options().follow && !isDoubtful) {
             Finish();
             return;
         }
@@ -109,7 +111,7 @@ class CrmPeek final : public Monitor {
             return false;
         }
         HasNews();
-        Show({m_options.channel, number}, half.walker.Body());
+        Show({Options().channel, number}, half.walker.Body());
         return true;
     }
 
@@ -127,19 +129,6 @@ class CrmPeek final : public Monitor {
         }
     }
 
-    void Show(const CrmOrigin& origin, std::span<const std::byte> bytes) {
-        CrmReport message;
-        const std::string reason = DecodeCrmReport(bytes, message);
-        if (!reason.empty()) {
-            TellMalformed("report in ring -" + std::to_string(origin.ring), reason, bytes,
-                          MalformedReportAsJson(origin, reason, bytes));
-            return;
-        }
-        CountOne();
-        Write(WritesJson() ? ReportAsJson(origin, message) : ReportAsLine(message, m_options));
-    }
-
-    const CrmOptions& m_options;
     std::array<Half, 2> m_halves;
     uint64_t m_overtaken = 0;
 };

@@ -1,6 +1,8 @@
 #pragma once
 
 // `tarnctl crm --peek`: shows the reports that wait in the rings of a channel and takes none.
+//
+// Threads: the main thread.
 
 #include <iosfwd>
 

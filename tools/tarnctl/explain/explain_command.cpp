@@ -8,8 +8,10 @@
 #include <utility>
 
 #include "paths.h"
+#include "tarnctl/common/config_file_options.h"
 #include "tarnctl/common/exit_status.h"
-#include "tarnctl/common/failure_text.h"
+#include "tarnctl/common/number_checks.h"
+#include "tarnctl/common/read_error.h"
 #include "tarnctl/common/signals.h"
 #include "tarnctl/common/standard_input.h"
 #include "tarnctl/explain/explain_text.h"
@@ -71,10 +73,10 @@ class Explainer {
             std::istream lines(&m_input);
             return ExplainReports(lines);
         }
-        std::ifstream file(m_options.reportFile);
-        if (!file) {
-            return Refuse(FailureText(m_options.reportFile, errno));
+        if (const int error = ReadError(m_options.reportFile); error != 0) {
+            return Refuse(ReadFailureText(m_options.reportFile, error));
         }
+        std::ifstream file(m_options.reportFile);
         return ExplainReports(file);
     }
 
@@ -139,8 +141,8 @@ void AddAlertOptions(CLI::App& command, ExplainOptions& options) {
     const auto describes = [file](CLI::Option* option, const char* type) {
         return option->type_name(type)->excludes(file);
     };
-    const CLI::Range ports(0, UINT16_MAX);
-    const CLI::Range bytes(0, UINT8_MAX);
+    const CLI::Validator ports = WholeNumber(0, UINT16_MAX);
+    const CLI::Validator bytes = WholeNumber(0, UINT8_MAX);
     describes(command.add_option("--proto", alert.protocol, "tcp, udp, icmp, icmpv6 or a number"),
               "PROTOCOL");
     describes(command.add_option("--src", alert.source, "Source address, the intruder's"),
@@ -154,7 +156,7 @@ void AddAlertOptions(CLI::App& command, ExplainOptions& options) {
     describes(command.add_option("--icmp-code", alert.icmpCode, "ICMP code"), "N")->check(bytes);
     describes(command.add_option("--time", alert.time, "Time of the alert, seconds since 1970"),
               "SECONDS")
-        ->check(CLI::Range(uint32_t{0}, UINT32_MAX));
+        ->check(WholeNumber(0, UINT32_MAX));
 }
 
 }  // namespace
@@ -164,22 +166,14 @@ CLI::App* AddExplainCommand(CLI::App& app, ExplainOptions& options) {
         app.add_subcommand("explain", "Say what tarn does when a signature fires, and why");
     auto* const signature = command->add_option("SID", options.signature, "Snort signature id")
                                 ->type_name("SID")
-                                ->check(CLI::Range(uint32_t{1}, UINT32_MAX));
+                                ->check(WholeNumber(1, UINT32_MAX));
     AddAlertOptions(*command, options);
     auto* const report = command->add_option(
         "--report", options.reportFile, "Explain the reports of tarnctl crm --json, a line each");
     report->type_name("FILE")->excludes(signature);
     options.paths = {tarn::paths::kConfigFile, tarn::paths::kEventConfigFile,
                      tarn::paths::kStateFile};
-    command->add_option("-c,--config", options.paths.config, "The main file, as tarn -c")
-        ->type_name("FILE")
-        ->capture_default_str();
-    command->add_option("-n,--events", options.paths.events, "The event file, as tarn -n")
-        ->type_name("FILE")
-        ->capture_default_str();
-    command->add_option("--state", options.paths.state, "The state file")
-        ->type_name("FILE")
-        ->capture_default_str();
+    AddConfigFileOptions(*command, options.paths.config, options.paths.events, options.paths.state);
     command->add_flag("--json", options.json, "One JSON object for each alert");
     AddWideOption(*command, options);
     command->footer(kExamples);

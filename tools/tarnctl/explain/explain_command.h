@@ -1,6 +1,8 @@
 #pragma once
 
 // `tarnctl explain`: says what the daemon does when a signature fires, and why.
+//
+// Threads: the main thread.
 
 #include <CLI/CLI.hpp>
 #include <cstdint>

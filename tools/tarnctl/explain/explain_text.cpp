@@ -9,6 +9,7 @@
 #include "crm/crm_event_source.h"
 #include "tarnctl/common/counted.h"
 #include "tarnctl/common/display.h"
+#include "tarnctl/common/protocol_name.h"
 #include "tarnctl/common/text_forms.h"
 
 namespace tarnctl {

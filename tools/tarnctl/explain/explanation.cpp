@@ -11,6 +11,7 @@
 #include "crm/crm_event_message.h"
 #include "crm/crm_event_source.h"
 #include "events/policy_decision.h"
+#include "tarnctl/common/protocol_name.h"
 
 namespace tarnctl {
 namespace {
@@ -63,7 +64,7 @@ std::string BlockReason(const BlockDecision& decision, const CrmEventSource& sou
 }
 
 std::vector<std::string> BlockNotes(const BlockRule& blockRule, const BlockDecision& decision,
-                                    int protocol) {
+                                    uint16_t protocol) {
     std::vector<std::string> notes;
     if ((blockRule.flags & kBlockIntruderSubnet) != 0) {
         notes.emplace_back("the intruder's subnet is not supported; its address is used");
@@ -192,21 +193,6 @@ Explanation Explain(uint32_t signature, const Node* entry, const CrmEventSource&
         ExplainCapture(*entry, source, explanation);
     }
     return explanation;
-}
-
-std::string ProtocolName(int protocol) {
-    switch (protocol) {
-        case IPPROTO_TCP:
-            return "TCP";
-        case IPPROTO_UDP:
-            return "UDP";
-        case IPPROTO_ICMP:
-            return "ICMP";
-        case IPPROTO_ICMPV6:
-            return "ICMPv6";
-        default:
-            return "protocol " + std::to_string(protocol);
-    }
 }
 
 int IcmpProtocol(bool isIpv6) {

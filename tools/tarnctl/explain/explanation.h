@@ -60,9 +60,6 @@ struct Explanation {
 [[nodiscard]] Explanation Explain(uint32_t signature, const Node* entry,
                                   const CrmEventSource& source);
 
-// "TCP", "ICMP", "protocol 47"; as it is used within sentences.
-[[nodiscard]] std::string ProtocolName(int protocol);
-
 // The number of ICMP in that IP version.
 [[nodiscard]] int IcmpProtocol(bool isIpv6);
 

@@ -1,14 +1,11 @@
 #include "tarnctl/explain/loaded_entries.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 
 #include "config/config.h"
 #include "config/event_rule_table.h"
 #include "tarnctl/common/daemon_load.h"
-#include "tarnctl/common/failure_text.h"
+#include "tarnctl/common/read_error.h"
 #include "tarnctl/common/standard_input.h"
 
 namespace tarnctl {
@@ -44,18 +41,11 @@ const std::vector<EntryBlock>& LoadedEntries::Blocks(uint32_t id) const {
 bool LoadedEntries::OnFile(const char* path, int kind, int error) {
     const bool isState = path == Config::s_stateFile;
     m_file = isState ? m_paths.state : kind == Config::kMainFile ? m_paths.config : m_paths.events;
-    if (error == 0) {
-        return true;
+    const int reason = error == 0 ? 0 : ReadError(path);
+    if (reason != 0 && !(isState && reason == ENOENT) && m_fault.empty()) {
+        m_fault = ReadFailureText(m_file, reason);
     }
-    // The daemon reads what it could write to; whoever asks beforehand may only be allowed to read.
-    const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
-    const int reason = descriptor == -1 ? errno : 0;
-    if (descriptor != -1) {
-        close(descriptor);
-    } else if (!(isState && reason == ENOENT) && m_fault.empty()) {
-        m_fault = FailureText(m_file, reason);
-    }
-    return descriptor != -1;
+    return reason == 0;
 }
 
 void LoadedEntries::OnLine(const LineRead& line) {

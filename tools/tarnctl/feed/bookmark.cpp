@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tarnctl/common/atomic_file.h"
-#include "tarnctl/common/failure_text.h"
+#include "tarnctl/common/read_error.h"
 
 namespace tarnctl {
 namespace {
@@ -97,11 +97,10 @@ std::string SaveBookmark(const std::string& path, const Bookmark& bookmark) {
 
 std::string LoadBookmark(const std::string& path, Bookmark& bookmark) {
     bookmark = {};
-    std::ifstream file(path);
-    if (!file) {
-        const int error = errno;
-        return error == ENOENT ? "" : FailureText(path, error);
+    if (const int error = ReadError(path); error != 0) {
+        return error == ENOENT ? "" : ReadFailureText(path, error);
     }
+    std::ifstream file(path);
     const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     const Json json = Json::parse(text, nullptr, false);
     std::string broken =

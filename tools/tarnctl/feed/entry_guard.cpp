@@ -1,8 +1,6 @@
 #include "tarnctl/feed/entry_guard.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +10,7 @@
 #include "config/config.h"
 #include "config/event_rule_table.h"
 #include "tarnctl/common/daemon_load.h"
-#include "tarnctl/common/failure_text.h"
+#include "tarnctl/common/read_error.h"
 
 namespace tarnctl {
 namespace {
@@ -125,18 +123,11 @@ int EntryGuard::Channel() {
 }
 
 bool EntryGuard::OnFile(const char* path, int, int error) {
-    if (error == 0) {
-        return true;
+    const int reason = error == 0 ? 0 : ReadError(path);
+    if (reason != 0 && !(path == m_files.state && reason == ENOENT) && m_fault.empty()) {
+        m_fault = ReadFailureText(path, reason);
     }
-    // The daemon reads what it could write to; the feeder may only be allowed to read.
-    const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
-    const int reason = descriptor == -1 ? errno : 0;
-    if (descriptor != -1) {
-        close(descriptor);
-    } else if (!(path == m_files.state && reason == ENOENT) && m_fault.empty()) {
-        m_fault = FailureText(path, reason);
-    }
-    return descriptor != -1;
+    return reason == 0;
 }
 
 void EntryGuard::OnEntryClosed(uint32_t id, bool entered) {

@@ -1,5 +1,6 @@
 #include "tarnctl/feed/feed_command.h"
 
+#include "tarnctl/common/config_file_options.h"
 #include "tarnctl/common/number_checks.h"
 #include "tarnctl/feed/feeder.h"
 
@@ -32,7 +33,7 @@ CLI::App* AddFeedCommand(CLI::App& app, FeedOptions& options) {
         ->required();
     command->add_option("--window", options.window, "Most alerts fed and not yet reported")
         ->type_name("N")
-        ->check(CLI::Range(1U, kLargestWindow))
+        ->check(WholeNumber(1, kLargestWindow))
         ->capture_default_str();
     command->add_option("--rate", options.rate, "At most N alerts a second; 0 is no limit")
         ->type_name("N")
@@ -52,15 +53,7 @@ CLI::App* AddFeedCommand(CLI::App& app, FeedOptions& options) {
     command->add_option("--fifo", options.fifo, "The alert FIFO")
         ->type_name("PATH")
         ->capture_default_str();
-    command->add_option("-c,--config", options.configFile, "The main file, as tarn -c")
-        ->type_name("FILE")
-        ->capture_default_str();
-    command->add_option("-n,--events", options.eventFile, "The event file, as tarn -n")
-        ->type_name("FILE")
-        ->capture_default_str();
-    command->add_option("--state", options.stateFile, "The state file")
-        ->type_name("FILE")
-        ->capture_default_str();
+    AddConfigFileOptions(*command, options.configFile, options.eventFile, options.stateFile);
     command->add_flag("--json", options.json, "The closing line as a JSON object");
     command->footer(kExamples);
     return command;

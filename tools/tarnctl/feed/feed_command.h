@@ -2,6 +2,8 @@
 
 // `tarnctl feed`: follows the sensor's spool files and feeds the daemon so that no alert is lost on
 // the way to its report.
+//
+// Threads: the main thread.
 
 #include <CLI/CLI.hpp>
 #include <cstdint>

@@ -1,6 +1,8 @@
 #pragma once
 
 // `tarnctl import`: makes or extends a tarn_event.conf from rule files and maps.
+//
+// Threads: the main thread.
 
 #include <CLI/CLI.hpp>
 #include <iosfwd>

@@ -210,7 +210,7 @@ CLI::App* AddPacketLogCommand(CLI::App& app, PacketLogOptions& options) {
                       "every field and the packet in base64");
     command->add_option("--linktype", options.linkType, "Link type of the capture files")
         ->type_name("N")
-        ->check(CLI::Range(0, 65535))
+        ->check(WholeNumber(0, UINT16_MAX))
         ->capture_default_str();
     command->add_option("--ring", options.ring, "Drain the ring of writer N as well")
         ->type_name("N")

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <optional>
 
-#include "tarnctl/common/failure_text.h"
+#include "tarnctl/common/read_error.h"
 
 namespace tarnctl {
 namespace {
@@ -66,10 +66,10 @@ std::string NeverList::Add(const std::string& text) {
 }
 
 std::string NeverList::AddFile(const std::string& path) {
-    std::ifstream file(path);
-    if (!file) {
-        return FailureText(path, errno);
+    if (const int error = ReadError(path); error != 0) {
+        return ReadFailureText(path, error);
     }
+    std::ifstream file(path);
     int number = 0;
     for (std::string line; std::getline(file, line);) {
         ++number;

@@ -9,6 +9,7 @@
 #include <ostream>
 #include <vector>
 
+#include "tarnctl/common/config_file_options.h"
 #include "tarnctl/common/counted.h"
 #include "tarnctl/common/exit_status.h"
 #include "tarnctl/common/feed_words.h"
@@ -201,15 +202,7 @@ CLI::App* AddReloadCommand(CLI::App& app, ReloadOptions& options) {
     command->add_option("--fifo", options.fifo, "The alert FIFO")
         ->type_name("PATH")
         ->capture_default_str();
-    command->add_option("-c,--config", options.configFile, "The main file, as tarn -c")
-        ->type_name("FILE")
-        ->capture_default_str();
-    command->add_option("-n,--events", options.eventFile, "The event file, as tarn -n")
-        ->type_name("FILE")
-        ->capture_default_str();
-    command->add_option("--state", options.stateFile, "The state file")
-        ->type_name("FILE")
-        ->capture_default_str();
+    AddConfigFileOptions(*command, options.configFile, options.eventFile, options.stateFile);
     command->add_flag("--json", options.json, "What has changed as one JSON object");
     command->footer(kExamples);
     return command;

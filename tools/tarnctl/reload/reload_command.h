@@ -2,6 +2,8 @@
 
 // `tarnctl reload`: makes the daemon read its files again without losing an alert, and says what
 // has changed.
+//
+// Threads: the main thread.
 
 #include <CLI/CLI.hpp>
 #include <iosfwd>

@@ -1,6 +1,8 @@
 #pragma once
 
 // `tarnctl replay`: plays a unified2 file to the daemon, as the sensor would write it.
+//
+// Threads: the main thread.
 
 #include <CLI/CLI.hpp>
 #include <cstdint>

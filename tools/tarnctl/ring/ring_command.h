@@ -1,6 +1,8 @@
 #pragma once
 
 // `tarnctl ring`: shows the daemon's rings, finds those that are stuck, and mends or empties them.
+//
+// Threads: the main thread.
 
 #include <CLI/CLI.hpp>
 #include <cstdint>

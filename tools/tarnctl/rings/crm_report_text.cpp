@@ -13,27 +13,13 @@
 #include <vector>
 
 #include "quarantine/address_text.h"
+#include "tarnctl/common/protocol_name.h"
 #include "tarnctl/common/text_forms.h"
 
 namespace tarnctl {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-std::string ProtocolText(uint16_t protocol) {
-    switch (protocol) {
-        case IPPROTO_TCP:
-            return "TCP";
-        case IPPROTO_UDP:
-            return "UDP";
-        case IPPROTO_ICMP:
-            return "ICMP";
-        case IPPROTO_ICMPV6:
-            return "ICMPv6";
-        default:
-            return "protocol " + std::to_string(protocol);
-    }
-}
 
 std::string EndpointText(const EventReport& report, uint32_t ip, const uint8_t (&ipv6)[16],
                          uint16_t port) {
@@ -153,7 +139,7 @@ Color ColorOf(std::string_view severity) {
 
 std::string ReportAsLine(const CrmReport& message, const Display& display) {
     const EventReport& report = message.report;
-    std::string protocol = ProtocolText(report.ipProtocol);
+    std::string protocol = ProtocolName(report.ipProtocol);
     if (IsIcmp(report)) {
         protocol += " type " + std::to_string(report.icmpType);
         protocol += " code " + std::to_string(report.icmpCode);

@@ -11,8 +11,10 @@
 #include <filesystem>
 #include <ostream>
 
+#include "tarnctl/common/number_checks.h"
 #include "tarnctl/common/signals.h"
 #include "tarnctl/health/health.h"
+#include "tarnctl/health/health_options.h"
 #include "tarnctl/selftest/live_trial.h"
 #include "tarnctl/selftest/selftest_text.h"
 #include "tarnctl/selftest/trial.h"
@@ -27,7 +29,8 @@ constexpr int kSandboxFailed = 125;  // what the sandbox says of itself
 
 constexpr const char* kExamples =
     R"(A daemon of its own runs in a sandbox with stand-ins for its four peers and gets three alerts and
-a line of Snort's errors. The daemon of this machine is not touched. It needs bubblewrap and python3.
+a line of Snort's errors. The daemon of this machine is not touched. It needs bubblewrap and python3,
+and any user may run it where the kernel allows user namespaces; elsewhere the superuser.
 With --live one marked alert goes through the running daemon, and its CRM gets the report.
 Exit status: 0 each leg is proven, 1 a leg is dead, 2 nothing could be tried.
 
@@ -98,9 +101,14 @@ int RunInSandbox(std::vector<std::string> words) {
         arguments.push_back(word.data());
     }
     arguments.push_back(nullptr);
+    // The sandbox begins in the present folder, which this user may not be allowed to enter.
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addchdir_np(&actions, "/");
     pid_t process = -1;
     const int error =
-        posix_spawn(&process, words.front().c_str(), nullptr, nullptr, arguments.data(), environ);
+        posix_spawn(&process, words.front().c_str(), &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
         errno = error;
         return -1;
@@ -128,9 +136,14 @@ int RunOutside(const SelftestOptions& options, std::ostream& out, std::ostream& 
                                          "--daemon names it";
         return Report(result, options, out, err);
     }
-    std::vector<std::string> words = {
-        sandbox,    OwnProgram(), "selftest", "--inside",
-        "--daemon", daemon,       "--color",  options.color ? "always" : "never"};
+    std::vector<std::string> words = {std::filesystem::absolute(sandbox),
+                                      OwnProgram(),
+                                      "selftest",
+                                      "--inside",
+                                      "--daemon",
+                                      std::filesystem::absolute(daemon),
+                                      "--color",
+                                      options.color ? "always" : "never"};
     if (options.json) {
         words.emplace_back("--json");
     }
@@ -142,10 +155,13 @@ int RunOutside(const SelftestOptions& options, std::ostream& out, std::ostream& 
     }
     const int status = RunInSandbox(words);
     if (status == -1 || status == kSandboxFailed) {
+        const int error = errno;
+        const bool isThere = access(sandbox.c_str(), X_OK) == 0;
         result.error = sandbox + ": " +
-                       (status == -1 ? std::strerror(errno)
-                                     : "the sandbox cannot be made here; it needs bubblewrap and "
-                                       "user namespaces, or the superuser");
+                       (status != -1 ? "the sandbox cannot be made here; it needs bubblewrap and "
+                                       "user namespaces, or the superuser"
+                        : error == ENOENT && isThere ? "what runs it is missing: install python3"
+                                                     : std::strerror(error));
         return Report(result, options, out, err);
     }
     return status;
@@ -166,8 +182,6 @@ int RunLive(const SelftestOptions& options, std::ostream& out, std::ostream& err
 }  // namespace
 
 CLI::App* AddSelftestCommand(CLI::App& app, SelftestOptions& options) {
-    constexpr const char* kParts = "crm|messages|secmgr|packetlog";
-    const auto parts = CLI::IsMember({kPartCrm, kPartMessages, kPartSecmgr, kPartPacketlog});
     CLI::App* const command =
         app.add_subcommand("selftest", "Prove each way through tarn, or name the dead one");
     command->add_flag("--json", options.json, "One JSON object");
@@ -178,7 +192,7 @@ CLI::App* AddSelftestCommand(CLI::App& app, SelftestOptions& options) {
             ->add_option("--sid", options.signature,
                          "With --live: the alert's signature, which needs an entry in force")
             ->type_name("N")
-            ->check(CLI::PositiveNumber)
+            ->check(WholeNumber(1, UINT32_MAX))
             ->needs(live);
     live->needs(signature);
     command
@@ -192,13 +206,13 @@ CLI::App* AddSelftestCommand(CLI::App& app, SelftestOptions& options) {
         ->type_name("FILE")
         ->excludes(live);
     command->add_option("--without", options.without, "A stand-in that is not started")
-        ->type_name(kParts)
-        ->check(parts)
+        ->type_name(kPartChoice)
+        ->check(IsPart())
         ->excludes(live);
     command
         ->add_option("--kill", options.killed, "A stand-in that is killed before the first alert")
-        ->type_name(kParts)
-        ->check(parts)
+        ->type_name(kPartChoice)
+        ->check(IsPart())
         ->excludes(live);
     command->add_flag("--inside", options.inside)->group("");
     command->footer(kExamples);

@@ -10,6 +10,7 @@
 
 #include "tarnctl/common/counted.h"
 #include "tarnctl/common/packet_summary.h"
+#include "tarnctl/common/protocol_name.h"
 #include "tarnctl/common/text_forms.h"
 
 namespace tarnctl {

@@ -1,6 +1,8 @@
 #pragma once
 
 // `tarnctl show`: shows what a sensor wrote, record by record.
+//
+// Threads: the main thread.
 
 #include <CLI/CLI.hpp>
 #include <iosfwd>

@@ -6,6 +6,7 @@
 
 #include "tarnctl/common/number_checks.h"
 #include "tarnctl/health/health.h"
+#include "tarnctl/health/health_options.h"
 #include "tarnctl/health/verdict.h"
 #include "tarnctl/status/status_json.h"
 #include "tarnctl/status/status_metrics.h"
@@ -50,11 +51,7 @@ CLI::App* AddStatusCommand(CLI::App& app, StatusOptions& options) {
     command->add_flag("--prometheus", options.prometheus, "Metrics in Prometheus' text format")
         ->excludes(json);
     command->add_flag("--strict", options.strict, "Warnings count as faults");
-    command
-        ->add_option("--without", options.without,
-                     "A part that this sensor does not have; may be repeated")
-        ->type_name("crm|messages|secmgr|packetlog")
-        ->check(CLI::IsMember({kPartCrm, kPartMessages, kPartSecmgr, kPartPacketlog}));
+    AddWithoutOption(*command, options.without);
     command->add_option("--recent", options.recent, "How long a loss in the log counts, in seconds")
         ->type_name("S")
         ->check(ZeroOrMore())
@@ -63,12 +60,7 @@ CLI::App* AddStatusCommand(CLI::App& app, StatusOptions& options) {
         ->type_name("S")
         ->check(ZeroOrMore())
         ->capture_default_str();
-    command
-        ->add_option("--channel", options.channel,
-                     "The channel of the CRM queue, in place of tarn.engine.crm")
-        ->type_name("N");
-    command->add_option("--log", options.logFile, "The log, in place of tarn.log.file")
-        ->type_name("FILE");
+    AddPlaceOptions(*command, options.channel, options.logFile);
     AddWideOption(*command, options);
     command->footer(kExamples);
     return command;

@@ -9,8 +9,10 @@
 #include <ostream>
 
 #include "tarnctl/common/exit_status.h"
+#include "tarnctl/common/number_checks.h"
 #include "tarnctl/common/signals.h"
 #include "tarnctl/health/health.h"
+#include "tarnctl/health/health_options.h"
 #include "tarnctl/health/report_trail.h"
 #include "tarnctl/health/verdict.h"
 #include "tarnctl/top/screen.h"
@@ -107,19 +109,10 @@ CLI::App* AddTopCommand(CLI::App& app, TopOptions& options) {
         app.add_subcommand("top", "Show live on the whole terminal how tarn is and what it does");
     command->add_option("--interval", options.interval, "Seconds between two looks")
         ->type_name("S")
-        ->check(CLI::Range(kShortest, kLongest))
+        ->check(Between(kShortest, kLongest))
         ->capture_default_str();
-    command
-        ->add_option("--without", options.without,
-                     "A part that this sensor does not have; may be repeated")
-        ->type_name("crm|messages|secmgr|packetlog")
-        ->check(CLI::IsMember({kPartCrm, kPartMessages, kPartSecmgr, kPartPacketlog}));
-    command
-        ->add_option("--channel", options.channel,
-                     "The channel of the CRM queue, in place of tarn.engine.crm")
-        ->type_name("N");
-    command->add_option("--log", options.logFile, "The log, in place of tarn.log.file")
-        ->type_name("FILE");
+    AddWithoutOption(*command, options.without);
+    AddPlaceOptions(*command, options.channel, options.logFile);
     command->footer(kExamples);
     return command;
 }

@@ -6,9 +6,11 @@
 
 #include <chrono>
 #include <csignal>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "support/file_text.h"
 #include "support/independent_ring.h"
@@ -21,6 +23,23 @@ using testing::HasSubstr;
 
 namespace tarnctl {
 namespace {
+
+// An output that calls back once, when the first line has come.
+class FirstLine : public std::stringbuf {
+  public:
+    explicit FirstLine(std::function<void()> act) : m_act(std::move(act)) {}
+
+  protected:
+    int sync() override {
+        if (m_act && str().find('\n') != std::string::npos) {
+            std::exchange(m_act, nullptr)();
+        }
+        return std::stringbuf::sync();
+    }
+
+  private:
+    std::function<void()> m_act;
+};
 
 class CrmPeekTest : public testing::Test {
   protected:
@@ -111,7 +130,8 @@ TEST_F(CrmPeekTest, FollowsRingsThatTakeThePlaceOfOthers) {
 
 TEST_F(CrmPeekTest, SaysThatThereIsNoRing) {
     EXPECT_EQ(kExitFailure, Run());
-    EXPECT_THAT(m_err.str(), HasSubstr(m_daemon.RingPath(0) + ": No such file or directory"));
+    EXPECT_THAT(m_err.str(),
+                HasSubstr("no ring at " + m_daemon.RingPath(0) + "; start tarn, which makes it"));
     EXPECT_NE(0, access(m_daemon.RingPath(0).c_str(), F_OK)) << "it makes none";
 }
 
@@ -130,6 +150,64 @@ TEST_F(CrmPeekTest, TellsOfDamageOnceItStays) {
                 HasSubstr("-0: the ring is damaged at offset 0; see 'tarnctl ring check'"));
     EXPECT_THAT(m_err.str(), HasSubstr("1 report, 1 malformed"));
     EXPECT_EQ(1U, Lines().size()) << "the other ring is shown";
+}
+
+TEST_F(CrmPeekTest, NamesTheRingOfEachReport) {
+    ASSERT_TRUE(m_daemon.Send(Report(1)) && m_daemon.Send(Report(2), 1));
+    m_options.json = true;
+    EXPECT_EQ(kExitFine, Run());
+    ASSERT_EQ(2U, Lines().size());
+    EXPECT_EQ(0, nlohmann::json::parse(Lines()[0]).at("ring"));
+    EXPECT_EQ(1, nlohmann::json::parse(Lines()[1]).at("ring"));
+}
+
+TEST_F(CrmPeekTest, TellsOfALengthThatLeadsBeyondTheRing) {
+    ASSERT_TRUE(m_daemon.Send(Report(1)));
+    IndependentRing(m_daemon.RingPath(0)).Poke(8, 0x7FFFFFFF);
+    EXPECT_EQ(kExitFailure, Run());
+    EXPECT_THAT(m_err.str(), HasSubstr("-0: the ring is damaged at offset 0"));
+}
+
+// The second ring is shown after the first look at the hole, and that is when it is mended.
+TEST_F(CrmPeekTest, DoesNotTellOfDamageThatIsGoneAtTheSecondLook) {
+    ASSERT_TRUE(m_daemon.Send(Report(1)) && m_daemon.Send(Report(2), 1));
+    IndependentRing ring(m_daemon.RingPath(0));
+    const uint32_t length = ring.Word(8);
+    ring.Poke(8, 0);
+    FirstLine lines([&ring, length] { ring.Poke(8, length); });
+    std::ostream out(&lines);
+    EXPECT_EQ(kExitFine, RunCrm(m_options, out, m_err));
+    EXPECT_THAT(lines.str(), HasSubstr("  SID 1  "));
+    EXPECT_EQ("tarnctl crm: 2 reports\n", m_err.str());
+}
+
+TEST_F(CrmPeekTest, CountsTheTimesThatAReaderWasFaster) {
+    ASSERT_TRUE(m_daemon.Send(Report(1)) && m_daemon.Send(Report(2)) && m_daemon.Send(Report(3)));
+    IndependentRing ring(m_daemon.RingPath(0));
+    FirstLine lines([&ring] {
+        std::vector<unsigned char> taken;
+        EXPECT_TRUE(ring.Take(taken) && ring.Take(taken));
+    });
+    std::ostream out(&lines);
+    EXPECT_EQ(kExitFine, RunCrm(m_options, out, m_err));
+    EXPECT_THAT(lines.str(), HasSubstr("  SID 3  "));
+    EXPECT_EQ("tarnctl crm: 2 reports, 1 time the reader took what was to be shown next\n",
+              m_err.str());
+}
+
+TEST_F(CrmPeekTest, IsQuietOnlyAfterTheLastReport) {
+    constexpr int kReports = 12;
+    m_options.follow = true;
+    m_options.timeout = 1;
+    ASSERT_TRUE(m_daemon.Send(Report(1)));
+    std::jthread daemon([this] {
+        for (int number = 1; number < kReports; ++number) {
+            std::this_thread::sleep_for(120ms);
+            EXPECT_TRUE(m_daemon.Send(Report(1)));
+        }
+    });
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(size_t{kReports}, Lines().size());
 }
 
 }  // namespace

@@ -69,6 +69,9 @@ TEST_F(DaemonHealthTest, TakesTheOneThatReadsTheAlerts) {
     machine.AddDescriptor(7, 3, machine.places.alertFifo, O_WRONLY);
     machine.AddDescriptor(8, 3, machine.places.alertFifo, O_RDONLY);
     EXPECT_TRUE(Look().pid.Is(8));
+    machine.AddProcess(6, "cat");
+    machine.AddDescriptor(6, 3, machine.places.alertFifo, O_RDONLY);
+    EXPECT_TRUE(Look().pid.Is(8));
 }
 
 TEST_F(DaemonHealthTest, KnowsItByItsProgramFileToo) {
@@ -131,6 +134,10 @@ TEST_F(DaemonHealthTest, TakesTheFilesOfTheCommandLine) {
     EXPECT_EQ(machine.places.configFile, Settings(7).configFile);
     EXPECT_EQ(machine.places.eventFile, Settings(7).eventFile);
     EXPECT_EQ(machine.places.configFile, Settings(0).configFile);
+    machine.SetCommandLine(7, "tarn\0-c\0/a.conf\0-c\0/b.conf\0"s);
+    EXPECT_EQ("/b.conf", Settings(7).configFile);
+    machine.SetCommandLine(7, "-c/name/of/the/program\0-d\0"s);
+    EXPECT_EQ(machine.places.configFile, Settings(7).configFile);
 }
 
 TEST_F(DaemonHealthTest, ResolvesARelativeNameFromTheDaemonsFolder) {
@@ -167,6 +174,21 @@ TEST_F(DaemonHealthTest, TakesChannelAndLogFromTheConfigurationUnlessItIsTold) {
     Config::ParseLine("tarn.log.file = /cache/qor/tarn.log", Config::kMainFile);
     Config::ParseLine("tarn.log.maxfilesize = 2097152", Config::kMainFile);
     Config::ParseLine("tarn.log.level = 3", Config::kMainFile);
+}
+
+TEST_F(DaemonHealthTest, IsNoYoungerThanNow) {
+    machine.AddProcess(7, "tarn", 'S', 0, 101 * kTicks);
+    EXPECT_TRUE(Look().ageSeconds.Is(0.0));
+}
+
+TEST_F(DaemonHealthTest, TakesTheMainFileAfterTheStateFile) {
+    machine.places.channel.reset();
+    machine.dir.Write("etc/tarn.state", "tarn.engine.crm = 5\n");
+    machine.dir.Write("etc/tarn.conf", "tarn.log.level = 3\n");
+    EXPECT_TRUE(Settings(0).channel.Is(5));
+    machine.dir.Write("etc/tarn.conf", "tarn.engine.crm = 6\n");
+    EXPECT_TRUE(Settings(0).channel.Is(6));
+    Config::ParseLine("tarn.engine.crm = 2", Config::kMainFile);  // what other tests start from
 }
 
 }  // namespace

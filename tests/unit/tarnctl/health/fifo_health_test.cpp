@@ -48,6 +48,9 @@ TEST_F(FifoHealthTest, KnowsThatThereIsNone) {
     machine.dir.Write("fifo/alerts.fifo", "a plain file");
     EXPECT_TRUE(Look().isThere.Is(false));
     EXPECT_THAT(Look().readers.reason, HasSubstr("is no FIFO"));
+    machine.places.alertFifo += "/below";
+    EXPECT_TRUE(Look().isThere.Is(false));
+    EXPECT_THAT(Look().readers.reason, HasSubstr("Not a directory"));
 }
 
 TEST_F(FifoHealthTest, TellsHowFullItIsByTheDaemonsDescriptor) {
@@ -60,6 +63,8 @@ TEST_F(FifoHealthTest, TellsHowFullItIsByTheDaemonsDescriptor) {
     EXPECT_TRUE(health.capacityBytes.Is(static_cast<uint64_t>(fcntl(m_reader, F_GETPIPE_SZ))));
     ASSERT_TRUE(health.readers.IsKnown());
     EXPECT_THAT(*health.readers.value, ElementsAre(Holder{getpid(), m_reader, "tarn"}));
+    EXPECT_TRUE(health.writers.IsKnown());
+    EXPECT_TRUE(health.writers.value->empty());
     int unread = 0;
     ASSERT_EQ(0, ioctl(m_reader, FIONREAD, &unread));
     EXPECT_EQ(1500, unread);
@@ -86,7 +91,8 @@ TEST_F(FifoHealthTest, DoesNotKnowTheFillWithoutTheDaemonsDescriptor) {
 
 TEST_F(FifoHealthTest, DoesNotTakeAnotherDescriptorForTheFifo) {
     Make();
-    m_writer = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(0, mkfifo(machine.places.errorFifo.c_str(), 0600));
+    m_writer = open(machine.places.errorFifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     machine.AddDescriptor(getpid(), m_writer, machine.places.alertFifo, O_RDONLY);
     const FifoHealth health = Look();
     EXPECT_EQ("the daemon is opening the FIFO again", health.unreadBytes.reason);
@@ -98,6 +104,38 @@ TEST_F(FifoHealthTest, SaysWhyADescriptorCannotBeBorrowed) {
     machine.AddDescriptor(getpid(), kNobody, machine.places.alertFifo, O_RDONLY);
     EXPECT_EQ("the daemon's descriptor cannot be borrowed: Bad file descriptor",
               Look().unreadBytes.reason);
+}
+
+TEST_F(FifoHealthTest, DoesNotTakeTheFillFromAnotherReader) {
+    Make();
+    machine.AddProcess(1, "cat");
+    machine.AddDescriptor(1, 0, machine.places.alertFifo, O_RDONLY);
+    EXPECT_EQ("the daemon does not have it open", Look().unreadBytes.reason);
+}
+
+TEST_F(FifoHealthTest, TellsWritersFromReaders) {
+    Make();
+    machine.AddProcess(7, "snort");
+    machine.AddDescriptor(7, 4, machine.places.alertFifo, O_WRONLY);
+    EXPECT_TRUE(Look().readers.value->empty());
+    EXPECT_THAT(*Look().writers.value, ElementsAre(Holder{7, 4, "snort"}));
+}
+
+TEST_F(FifoHealthTest, SaysThatItsReadersMayBeHidden) {
+    Make();
+    const AnotherUser user(machine);
+    if (!user.IsThere()) {
+        GTEST_SKIP() << "needs the superuser and another user";
+    }
+    machine.AddProcess(7, "snort");
+    machine.AddDescriptor(7, 4, machine.places.alertFifo, O_WRONLY);
+    machine.AddProcess(8, "hidden");
+    machine.HideDescriptors(8);
+    const FifoHealth health = user.Does([this] { return Look(); });
+    EXPECT_FALSE(health.readers.IsKnown());
+    EXPECT_EQ(HoldersHidden(), health.readers.reason);
+    EXPECT_EQ(HoldersHidden(), health.unreadBytes.reason);
+    EXPECT_THAT(*health.writers.value, ElementsAre(Holder{7, 4, "snort"}));
 }
 
 }  // namespace

@@ -31,6 +31,15 @@ class HealthTest : public testing::Test {
         }
         ASSERT_EQ(0, utimes(path.c_str(), times));
     }
+    // A line of the log, so many seconds after the machine started.
+    static std::string LogLine(int seconds, const std::string& message) {
+        const auto time = static_cast<time_t>(MadeUpMachine::kBootTime) + seconds;
+        tm parts = {};
+        localtime_r(&time, &parts);
+        char stamp[64];
+        strftime(stamp, sizeof stamp, "%Y/%m/%d %H:%M:%S", &parts);
+        return std::string(stamp) + ".000 T:14 " + message + "\n";
+    }
     void AddDaemon(bool hasEventThread) {
         machine.AddProcess(kDaemon, "tarn", 'S', 0, 10 * kTicks);
         machine.AddThread(kDaemon, kDaemon + 1, 'S', 0, 10 * kTicks);
@@ -70,12 +79,7 @@ TEST_F(HealthTest, TakesALoadThatTheLogTellsOf) {
     AddDaemon(true);
     Write("etc/tarn.conf", 3000);
     Write("etc/tarn_event.conf", 5000);
-    const auto time = static_cast<time_t>(MadeUpMachine::kBootTime) + 4000;
-    tm parts = {};
-    localtime_r(&time, &parts);
-    char stamp[64];
-    strftime(stamp, sizeof stamp, "%Y/%m/%d %H:%M:%S", &parts);
-    machine.dir.Write("log/tarn.log", std::string(stamp) + ".000 T:14 Configuration reloaded.\n");
+    machine.dir.Write("log/tarn.log", LogLine(4000, "Configuration reloaded."));
     const Health health = Look();
     EXPECT_TRUE(health.loadTime.Is(MadeUpMachine::kBootTime + 4000));
     EXPECT_TRUE(health.files[0].isNewer.Is(false));
@@ -118,6 +122,8 @@ TEST_F(HealthTest, NeedsWhatTheRingsStillHaveToBeGiven) {
     EXPECT_EQ(kRings + kSmallRoom, Look().rooms[0].neededBytes);
     machine.dir.Write("tmp/EventQueueCRM2-1", std::string(0x40000, 'x'));
     EXPECT_EQ(0x800000 + kSmallRoom, Look().rooms[0].neededBytes);
+    machine.dir.Write("tmp/EventQueueCRM2-1", std::string(0x20000, 'x'));
+    EXPECT_EQ(0x800000 + 0x20000 + kSmallRoom, Look().rooms[0].neededBytes);
 }
 
 TEST_F(HealthTest, LooksAtTheDaemonsOwnPlaces) {
@@ -140,6 +146,7 @@ TEST(HealthWords, ShowBytesInTheirUnit) {
     EXPECT_EQ("0 B", BytesText(0));
     EXPECT_EQ("1023 B", BytesText(1023));
     EXPECT_EQ("1.0 KiB", BytesText(1024));
+    EXPECT_EQ("1.0 MiB", BytesText(1024 * 1024));
     EXPECT_EQ("1.5 MiB", BytesText(1536 * 1024));
     EXPECT_EQ("2.0 GiB", BytesText(uint64_t{2} << 30));
     EXPECT_EQ("2048.0 TiB", BytesText(uint64_t{2} << 50));
@@ -148,6 +155,7 @@ TEST(HealthWords, ShowBytesInTheirUnit) {
 TEST(HealthWords, ShowAnAge) {
     EXPECT_EQ("00:00:59", AgeText(59.9));
     EXPECT_EQ("01:01:01", AgeText(3661));
+    EXPECT_EQ("1 d 00:00:00", AgeText(86400));
     EXPECT_EQ("2 d 00:00:10", AgeText(2 * 86400 + 10));
 }
 
@@ -163,6 +171,40 @@ TEST(HealthWords, ShowEachHolderOnce) {
 TEST(HealthWords, ShowAShare) {
     EXPECT_DOUBLE_EQ(25.0, PercentOf(2, 8));
     EXPECT_DOUBLE_EQ(0.0, PercentOf(2, 0));
+}
+
+TEST_F(HealthTest, DoesNotTakeALoadOfAnEarlierDaemon) {
+    AddDaemon(true);
+    machine.dir.Write("log/tarn.log", LogLine(20, "Configuration reloaded."));
+    EXPECT_TRUE(Look().loadTime.Is(MadeUpMachine::kBootTime + 50));
+}
+
+TEST_F(HealthTest, AllowsForATickOfTheClock) {
+    AddDaemon(true);
+    Write("etc/tarn.conf", 50.01);
+    Write("etc/tarn_event.conf", 50.05);
+    const Health health = Look();
+    EXPECT_TRUE(health.files[0].isNewer.Is(false));
+    EXPECT_TRUE(health.files[1].isNewer.Is(true));
+}
+
+TEST_F(HealthTest, CountsAnOldLossAsOld) {
+    machine.dir.Write("log/tarn.log", LogLine(20, "EventBridge event queue is full."));
+    const Health health = Look();
+    ASSERT_EQ(1U, health.log.losses.value->size());
+    EXPECT_EQ(1U, health.log.losses.value->front().count);
+    EXPECT_EQ(0U, health.log.losses.value->front().recentCount);
+}
+
+TEST_F(HealthTest, LooksForRoomWhereTheLogIs) {
+    machine.places.logFile = "/tarn.log";
+    EXPECT_EQ("/", Look().rooms[2].path);
+    machine.places.logFile = "tarn.log";
+    EXPECT_EQ(".", Look().rooms[2].path);
+    Write("etc/tarn.conf", 5, "tarn.log.maxfilesize = 4000\n");
+    EXPECT_EQ(1024U * 1024, Look().rooms[2].neededBytes);
+    Write("etc/tarn.conf", 5, "tarn.log.maxfilesize = 2097152\n");
+    EXPECT_EQ(2097152U, Look().rooms[2].neededBytes);
 }
 
 }  // namespace

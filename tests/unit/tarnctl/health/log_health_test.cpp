@@ -67,6 +67,7 @@ TEST(LossKinds, CountWhatAMessageCounts) {
     EXPECT_EQ(1U, LossesOf(kindOf("EventBridge drops "), "EventBridge drops some"));
     EXPECT_EQ(1U, LossesOf(kindOf("Partial event read: 60"), "Partial event read: 60"));
     EXPECT_EQ(-1, LossKindOf("Unable to process event."));
+    EXPECT_EQ(-1, LossKindOf("x EventBridge event queue is full."));
 }
 
 TEST_F(LogHealthTest, SaysThatThereIsNone) {
@@ -101,9 +102,12 @@ TEST_F(LogHealthTest, CountsAMessageOfTheVeryMoment) {
 }
 
 TEST_F(LogHealthTest, PassesOverWhatIsNoLine) {
-    Write("EventBridge event queue is full.\n\n2026/11/21 10:20 T:1 Partial event read: 1\n" +
-          Line(kMorning, "Snort says\nPartial event read: 3") +
-          Line(kMorning, "Partial event read: 3").substr(0, 50));
+    std::string unfinished = Line(kMorning, "Partial event read: 3");
+    unfinished.pop_back();
+    Write(
+        "EventBridge event queue is full.\n\n2026/11/21 10:20 T:1 Partial event read: 1\n"
+        "2026/11/21 10:20:30.250 X:1 Partial event read: 1\n" +
+        Line(kMorning, "Snort says\nPartial event read: 3") + unfinished);
     EXPECT_THAT(*Look().losses.value, IsEmpty());
 }
 

@@ -5,6 +5,7 @@
 //
 // Threads: the test's own.
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -74,6 +75,12 @@ class MadeUpMachine {
         dir.Write(folder + "/fdinfo/" + std::to_string(descriptor), text);
     }
 
+    // Only the superuser sees what the process has open.
+    void HideDescriptors(int number) {
+        std::filesystem::permissions(dir.File("proc/" + std::to_string(number) + "/fd"),
+                                     std::filesystem::perms::none);
+    }
+
     // What the daemon's command line is; the words end in NULs.
     void SetCommandLine(int number, const std::string& words) {
         dir.Write("proc/" + std::to_string(number) + "/cmdline", words);
@@ -88,6 +95,29 @@ class MadeUpMachine {
 
     TempDir dir;
     HealthPlaces places;
+};
+
+// Another user than the superuser, before whom this machine hides what it can.
+class AnotherUser {
+  public:
+    explicit AnotherUser(const MadeUpMachine& machine) {
+        std::filesystem::permissions(machine.dir.Path(), std::filesystem::perms::all);
+        m_isThere = geteuid() == 0 && seteuid(kNumber) == 0 && seteuid(0) == 0;
+    }
+    [[nodiscard]] bool IsThere() const { return m_isThere; }
+
+    // The result of what this user does.
+    template <typename Work>
+    auto Does(Work work) const {
+        EXPECT_EQ(0, seteuid(kNumber));
+        auto result = work();
+        EXPECT_EQ(0, seteuid(0));
+        return result;
+    }
+
+  private:
+    static constexpr uid_t kNumber = 65534;
+    bool m_isThere = false;
 };
 
 }  // namespace tarnctl

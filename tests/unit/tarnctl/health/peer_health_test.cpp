@@ -118,5 +118,28 @@ TEST_F(PeerHealthTest, SaysThatTheListCannotBeHad) {
     EXPECT_THAT(Look().isListening.reason, HasSubstr("net/unix"));
 }
 
+TEST_F(PeerHealthTest, DoesNotTakeTheSameNameInAnotherFolder) {
+    machine.AddProcess(7, "crm");
+    Bind(7, machine.dir.File("etc/messages"), kNoFlags, kDatagram);
+    EXPECT_TRUE(Look().isListening.Is(false));
+}
+
+TEST_F(PeerHealthTest, SaysThatItsReceiverIsHidden) {
+    const AnotherUser user(machine);
+    if (!user.IsThere()) {
+        GTEST_SKIP() << "needs the superuser and another user";
+    }
+    machine.AddProcess(7, "crm");
+    machine.HideDescriptors(7);
+    Bind(0, Path(), kNoFlags, kDatagram);
+    PeerHealth health = user.Does([this] { return Look(); });
+    EXPECT_TRUE(health.isListening.Is(true));
+    EXPECT_FALSE(health.listeners.IsKnown());
+    EXPECT_EQ(HoldersHidden(), health.listeners.reason);
+    machine.dir.Write("proc/net/unix", "Num       RefCount Protocol Flags    Type St Inode Path\n");
+    health = user.Does([this] { return Look(); });
+    EXPECT_TRUE(health.isListening.Is(false));
+}
+
 }  // namespace
 }  // namespace tarnctl

@@ -29,9 +29,9 @@ class ProcessTableTest : public testing::Test {
 TEST(ParseProcessStatus, ReadsNameStateAndTimes) {
     ProcessStatus status;
     ASSERT_TRUE(ParseProcessStatus(
-        "12 (a) b) c) D 1 1 1 0 -1 4194304 75 0 0 0 30 12 0 0 20 0 1 0 1310035 3133440 394",
+        "12 (a) (b) c) D 1 1 1 0 -1 4194304 75 0 0 0 30 12 0 0 20 0 1 0 1310035 3133440 394",
         status));
-    EXPECT_EQ("a) b) c", status.name);
+    EXPECT_EQ("a) (b) c", status.name);
     EXPECT_EQ('D', status.state);
     EXPECT_EQ(4194304U, status.flags);
     EXPECT_EQ(42U, status.cpuTicks);
@@ -59,6 +59,8 @@ TEST_F(ProcessTableTest, LeavesOutThreadsOfTheKernelAndWhatHasEnded) {
     machine.AddProcess(9, "tarn", 'Z');
     std::filesystem::create_directory(machine.dir.File("proc/10"));
     std::filesystem::create_directory(machine.dir.File("proc/sys"));
+    std::filesystem::copy(machine.dir.File("proc/7"), machine.dir.File("proc/11x"),
+                          std::filesystem::copy_options::recursive);
     const ProcessTable table = Look();
     ASSERT_EQ(1U, table.Processes().size());
     EXPECT_EQ(7, table.Processes().front().number);
@@ -93,6 +95,17 @@ TEST_F(ProcessTableTest, DoesNotTakeAnotherFileForThisOne) {
     machine.AddDescriptor(7, 3, machine.dir.File("fifo/a"), O_RDONLY);
     EXPECT_THAT(Look().HoldersOf(StatusOf(machine.dir.File("fifo/b")), ProcessTable::Access::kAny),
                 IsEmpty());
+    struct stat elsewhere = StatusOf(machine.dir.File("fifo/a"));
+    EXPECT_EQ(1U, Look().HoldersOf(elsewhere, ProcessTable::Access::kAny).size());
+    ++elsewhere.st_dev;
+    EXPECT_THAT(Look().HoldersOf(elsewhere, ProcessTable::Access::kAny), IsEmpty());
+    EXPECT_THAT(Look().HoldersOfSocket(elsewhere.st_ino), IsEmpty()) << "this is no socket";
+}
+
+TEST_F(ProcessTableTest, MissesNothingOfAProcessThatHasJustEnded) {
+    machine.AddProcess(7, "tarn");
+    std::filesystem::remove(machine.dir.File("proc/7/fd"));
+    EXPECT_TRUE(Look().IsComplete());
 }
 
 TEST_F(ProcessTableTest, FindsWhoHasAFileMappedForWriting) {
@@ -110,21 +123,21 @@ TEST_F(ProcessTableTest, FindsWhoHasAFileMappedForWriting) {
                       "2000-3000 r--s 00000000 fe:00 " + inode + " /var/tmp/EventQueueCRM2-0\n");
     machine.dir.Write("proc/9/maps",
                       "2000-3000 rw-s 00000000 fe:00 " + inode + " /usr/lib/libother.so\n");
+    machine.AddProcess(10, "elsewhere");
+    machine.dir.Write("proc/10/maps", "2000-3000 rw-s 00000000 fe:00 " +
+                                          std::to_string(status.st_ino + 1) +
+                                          " /srv/EventQueueCRM2-0\n");
     EXPECT_THAT(Look().MappersOf(status, "EventQueueCRM2-0"), ElementsAre(Holder{7, -1, "writes"}));
 }
 
 TEST_F(ProcessTableTest, KnowsThatDescriptorsAreHidden) {
-    if (geteuid() != 0) {
+    const AnotherUser user(machine);
+    if (!user.IsThere()) {
         GTEST_SKIP() << "needs the superuser and another user";
     }
     machine.AddProcess(7, "tarn");
-    std::filesystem::permissions(machine.dir.File("proc/7/fd"), std::filesystem::perms::none);
-    std::filesystem::permissions(machine.dir.Path(), std::filesystem::perms::all);
-    if (seteuid(65534) != 0) {
-        GTEST_SKIP() << "there is no other user to be";
-    }
-    const ProcessTable table = Look();
-    ASSERT_EQ(0, seteuid(0));
+    machine.HideDescriptors(7);
+    const ProcessTable table = user.Does([this] { return Look(); });
     EXPECT_FALSE(table.IsComplete());
     ASSERT_NE(nullptr, table.Find(7));
     EXPECT_FALSE(table.Find(7)->isReadable);

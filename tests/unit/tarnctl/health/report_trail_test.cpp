@@ -107,6 +107,7 @@ TEST_F(ReportTrailTest, FindsARingThatWasMadeAnew) {
     (void)Followed();
     std::filesystem::remove(m_dir.File("ring"));
     EXPECT_THAT(Followed(), IsEmpty());
+    EXPECT_FALSE(m_isWhole);
     EXPECT_FALSE(m_trail.IsOpen());
     ShmEventPipe writer(WRITER, m_dir.File("ring"), kFileSize);
     ASSERT_TRUE(writer.Open(true));

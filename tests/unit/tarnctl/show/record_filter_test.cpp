@@ -128,5 +128,40 @@ TEST(ParseTime, KnowsNoOtherText) {
     }
 }
 
+TEST_F(RecordFilterTest, ShowsNoStatisticsBesideWhatIsAskedForOfEvents) {
+    m_query.generators = {1};
+    EXPECT_FALSE(Passes(StatisticsContent()));
+    m_query.generators.clear();
+    AddNetwork("10.0.0.0/8");
+    EXPECT_FALSE(Passes(StatisticsContent()));
+}
+
+TEST_F(RecordFilterTest, HoldsEachKindOfQueryForOne) {
+    EXPECT_TRUE(m_query.IsEmpty());
+    m_query.generators = {1};
+    EXPECT_FALSE(m_query.IsEmpty());
+    m_query = {};
+    m_query.until = 1;
+    EXPECT_FALSE(m_query.IsEmpty());
+}
+
+// The zone of a test that changes it is back afterwards.
+class ParseTimeInSummer : public testing::Test {
+  protected:
+    ParseTimeInSummer() {
+        setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0", 1);
+        tzset();
+    }
+    ~ParseTimeInSummer() override {
+        unsetenv("TZ");
+        tzset();
+    }
+};
+
+TEST_F(ParseTimeInSummer, TakesTheTimeOfTheSeason) {
+    EXPECT_EQ(1'782'000'000U - 2 * 3600, ParseTime("2026-06-21"));
+    EXPECT_EQ(1'795'219'200U - 3600, ParseTime("2026-11-21"));
+}
+
 }  // namespace
 }  // namespace tarnctl

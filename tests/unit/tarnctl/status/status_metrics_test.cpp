@@ -63,5 +63,35 @@ TEST_F(StatusMetricsTest, CountLossesByKind) {
     EXPECT_THAT(Text(), HasSubstr("tarn_log_recent_losses{kind=\"queue-full\"} 4\n"));
 }
 
+TEST_F(StatusMetricsTest, KeepTheDigitsOfATime) {
+    EXPECT_THAT(Text(), HasSubstr("tarn_start_time_seconds 1795250000\n"));
+    EXPECT_THAT(Text(), HasSubstr("tarn_load_time_seconds 1795250000\n"));
+}
+
+TEST_F(StatusMetricsTest, TellTheTwoFifosApart) {
+    health.alerts.unreadBytes = Known(uint64_t{7}, std::string("test"));
+    health.errors.unreadBytes = Known(uint64_t{9}, std::string("test"));
+    const std::string text = Text();
+    EXPECT_THAT(text, HasSubstr("tarn_fifo_unread_bytes{fifo=\"alerts\"} 7\n"));
+    EXPECT_THAT(text, HasSubstr("tarn_fifo_unread_bytes{fifo=\"errors\"} 9\n"));
+    EXPECT_THAT(text, HasSubstr("tarn_fifo_capacity_bytes{fifo=\"alerts\"} 65536\n"));
+    EXPECT_THAT(text, HasSubstr("tarn_fifo_readers{fifo=\"alerts\"} 1\n"));
+    EXPECT_THAT(text, HasSubstr("tarn_fifo_writers{fifo=\"alerts\"} 1\n"));
+}
+
+TEST_F(StatusMetricsTest, TellWhatIsAroundTheDaemon) {
+    EXPECT_THAT(Text(), HasSubstr("tarn_warnings 0\n"));
+    health.queue.rings[0].motion = Known(RingMotion::kWaiting, std::string("test"));
+    const std::string text = Text();
+    for (const char* line :
+         {"tarn_ring_size_bytes{ring=\"0\"} 1000\n", "tarn_ring_stuck{ring=\"0\"} 0\n",
+          "tarn_semaphore_posts 1\n", "tarn_peer_listening{peer=\"secmgr\"} 1\n",
+          "tarn_file_newer{file=\"events\"} 0\n", "tarn_free_bytes{purpose=\"rings\"} 1073741824\n",
+          "tarn_thread_cpu_seconds_total{thread=\"13\"} 2.5\n"}) {
+        EXPECT_THAT(text, HasSubstr(line));
+    }
+    EXPECT_THAT(text, HasSubstr("tarn_warnings 1\n"));
+}
+
 }  // namespace
 }  // namespace tarnctl

@@ -102,5 +102,74 @@ TEST_F(StatusTextTest, PaintsOnlyWhereItIsAskedTo) {
     EXPECT_THAT(Text(), StartsWith("\x1b[31mnot healthy\x1b[0m\n\x1b[31mfault\x1b[0m: nobody"));
 }
 
+TEST_F(StatusTextTest, SaysWhatEachThreadDoes) {
+    const std::pair<char, const char*> words[] = {
+        {'R', "runs"},    {'S', "sleeps"},  {'I', "sleeps"}, {'D', "waits for a disk"},
+        {'T', "stopped"}, {'t', "stopped"}, {'X', "ends"}};
+    for (const auto& [state, word] : words) {
+        health.daemon.threads.value->back().state = state;
+        EXPECT_THAT(Text(), HasSubstr("  thread 13  CPU 2.50 s, age 01:00:00, " +
+                                      std::string(word) + "\n"));
+    }
+    health.daemon.threads = Unknown<std::vector<ThreadHealth>>("s", "hidden");
+    EXPECT_THAT(Text(), HasSubstr("  threads  unknown: hidden\n"));
+}
+
+TEST_F(StatusTextTest, SaysWhatIsNotThere) {
+    health.alerts.isThere = Known(false, std::string("test"));
+    health.queue.rings[1].isThere = Known(false, std::string("test"));
+    health.peers[0].isListening = Known(false, std::string("test"));
+    health.peers[0].isThere = Known(false, std::string("test"));
+    health.peers[1].isListening = Known(false, std::string("test"));
+    const std::string text = Text();
+    EXPECT_THAT(text, HasSubstr("alert FIFO\n  file  /alerts: no FIFO\n\nerror FIFO\n"
+                                "  file  /errors\n  read by"));
+    EXPECT_THAT(text, HasSubstr("  ring -1  none at /ring-1\n"));
+    EXPECT_THAT(text, HasSubstr("  messages  no socket at /messages"));
+    EXPECT_THAT(text, HasSubstr("  secmgr  nobody receives at /secmgr (user 0, mode 0600)\n"));
+}
+
+TEST_F(StatusTextTest, SaysWhereItKnowsTheChannelFrom) {
+    EXPECT_THAT(Text(), HasSubstr("  channel  2 (test)\n"));
+}
+
+TEST_F(StatusTextTest, ShowsBothIndexesOfARing) {
+    health.queue.rings[0].writeIndex = Known(uint32_t{24}, std::string("test"));
+    EXPECT_THAT(Text(), HasSubstr("read at 8, write at 24\n"));
+}
+
+TEST_F(StatusTextTest, MarksWhatIsNotInForceAndNotWritten) {
+    EXPECT_THAT(Text(), HasSubstr("  losses  none\n"));
+    EXPECT_THAT(Text(), Not(HasSubstr("newer than")));
+    EXPECT_THAT(Text(), Not(HasSubstr("not written")));
+    health.files[1].isNewer = Known(true, std::string("test"));
+    health.log.isWritten = Known(false, std::string("test"));
+    EXPECT_THAT(Text(), testing::ContainsRegex("  events  /etc/tarn_event.conf of [-0-9]+ [:0-9]+, "
+                                               "newer than what is in force\n"));
+    EXPECT_THAT(Text(), HasSubstr("  file  /tarn.log, not written by tarn\n"));
+    EXPECT_THAT(Text(), testing::ContainsRegex("  loaded  2026-[-0-9]+ [:0-9]+\n"));
+}
+
+TEST_F(StatusTextTest, PaintsWhatIsWrongRed) {
+    display.color = true;
+    const std::string red = "\x1b[31m";
+    EXPECT_THAT(Text(), Not(HasSubstr(red)));
+    health.queue.rings[0].motion = Known(RingMotion::kStuck, std::string("test"));
+    health.daemon.threads.value->back().state = 'T';
+    health.peers[1].isListening = Known(false, std::string("test"));
+    health.log.losses.value->push_back({&LossKinds()[0], 9, 1, 1.0});
+    health.log.losses.value->push_back({&LossKinds()[1], 8, 0, 1.0});
+    health.rooms[0].neededBytes = (uint64_t{1} << 30) + 1;
+    const std::string text = Text();
+    EXPECT_THAT(text, HasSubstr(red + "stuck, "));
+    EXPECT_THAT(text, HasSubstr(red + "CPU 2.50 s"));
+    EXPECT_THAT(text, HasSubstr(red + "nobody receives at /secmgr"));
+    EXPECT_THAT(text, HasSubstr(red + "9 alerts lost"));
+    EXPECT_THAT(text, Not(HasSubstr(red + "8 ")));
+    EXPECT_THAT(text, HasSubstr(red + "1.0 GiB free"));
+    health.rooms[0].neededBytes = uint64_t{1} << 30;
+    EXPECT_THAT(Text(), Not(HasSubstr(red + "1.0 GiB free")));
+}
+
 }  // namespace
 }  // namespace tarnctl

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <numeric>
 
 #include "unit/tarnctl/health/made_up_health.h"
@@ -140,6 +141,86 @@ TEST_F(TopViewTest, IsShownWithoutADaemon) {
     Take(health);
     EXPECT_THAT(Text(), testing::StartsWith("tarn  does not run"));
     EXPECT_THAT(Text(), Not(HasSubstr("CPU")));
+}
+
+TEST_F(TopViewTest, ShowsFourFaultsAndCountsTheOthers) {
+    for (PeerHealth& peer : health.peers) {
+        peer.isListening = Known(false, std::string("test"));
+    }
+    health.queue.rings[0].motion = Known(RingMotion::kStuck, std::string("test"));
+    health.queue.rings[1].motion = Known(RingMotion::kStuck, std::string("test"));
+    health.queue.rings[1].usedBytes = Known(uint64_t{500}, std::string("test"));
+    health.alerts.readers.value->clear();
+    Take(health);
+    const size_t faults = Judge(health, health, {}, false).faults.size();
+    ASSERT_LT(4U, faults);
+    const std::vector<TopLine> lines = view.Lines(200, 50);
+    const auto isFault = [](const TopLine& line) {
+        return line.text.starts_with("fault: ") && line.color == Color::kRed;
+    };
+    EXPECT_EQ(4, std::count_if(lines.begin(), lines.end(), isFault));
+    EXPECT_THAT(Text(200), HasSubstr("\n" + std::to_string(faults - 4) +
+                                     " more: tarnctl status names them\n"));
+    const auto isStuck = [](const TopLine& line) {
+        return line.text.starts_with("ring -1 [") && line.color == Color::kRed;
+    };
+    EXPECT_EQ(1, std::count_if(lines.begin(), lines.end(), isStuck));
+}
+
+TEST_F(TopViewTest, ShowsSomeOfWhatIsUnknown) {
+    Verdict verdict;
+    for (int number = 0; number < 20; ++number) {
+        verdict.unknowns.push_back({"part", "hidden " + std::to_string(number)});
+    }
+    view.Take(health, verdict);
+    EXPECT_THAT(Text(), HasSubstr("\nunknown: hidden 0\n"));
+    EXPECT_THAT(Text(), HasSubstr("unknown: hidden 6\n"));
+    EXPECT_THAT(Text(), Not(HasSubstr("hidden 7\n")));
+}
+
+TEST_F(TopViewTest, ShowsTheFifoAndThePosts) {
+    Take(health);
+    EXPECT_THAT(Text(), HasSubstr("alert FIFO 0 B unread  read by tarn 12  written by snort 20\n"));
+    EXPECT_THAT(Text(), HasSubstr("\nsemaphore 1\n"));
+    health.queue.semaphore = Unknown<int>("s", "hidden");
+    Take(health);
+    EXPECT_THAT(Text(), HasSubstr("\nsemaphore unknown\n"));
+}
+
+TEST_F(TopViewTest, TakesNoRateFromALogThatBeganAnew) {
+    health.log.losses.value->push_back({&LossKinds()[0], 3, 0, 1.0});
+    health.log.losses.value->push_back({&LossKinds()[1], 4, 0, 1.0});
+    Take(health);
+    EXPECT_THAT(Text(), HasSubstr("losses 7\n"));
+    health.log.losses.value->clear();
+    health.time += 1;
+    Take(health);
+    EXPECT_THAT(Text(), HasSubstr("losses/s 0.0  losses 0\n"));
+}
+
+TEST_F(TopViewTest, TakesRatesFromTheLastTwoLooks) {
+    Take(health);
+    health.time += 1;
+    health.daemon.threads.value->front().cpuSeconds += 0.25;
+    Take(health);
+    health.time += 1;
+    health.daemon.threads.value->front().cpuSeconds += 0.5;
+    view.Count(ReportOf(7, 1), health.time);
+    Take(health);
+    EXPECT_THAT(Text(), HasSubstr("reports/s 1.0"));
+    EXPECT_THAT(Text(), HasSubstr("main 12 50.0%"));
+}
+
+TEST_F(TopViewTest, ShowsTenSourcesOfOneSignature) {
+    Take(health);
+    for (uint32_t host = 1; host <= 12; ++host) {
+        view.Count(ReportOf(7, 0x0A000000 + host), health.time);
+    }
+    const std::vector<TopLine> lines = view.Lines(80, 50);
+    const auto namesSource = [](const TopLine& line) {
+        return line.text.find("  10.0.0.") != std::string::npos;
+    };
+    EXPECT_EQ(10, std::count_if(lines.begin(), lines.end(), namesSource));
 }
 
 }  // namespace
