@@ -12,6 +12,7 @@ foreach(page IN LISTS pages)
 endforeach()
 
 install(FILES packaging/examples/tarn.conf packaging/examples/tarn_event.conf
+              packaging/logrotate/tarn-crm
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 # systemd reads these below /usr/lib, whatever the prefix' own library folder is called.
 install(FILES packaging/systemd/tarn.service DESTINATION lib/systemd/system)

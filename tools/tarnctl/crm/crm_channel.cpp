@@ -5,10 +5,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <utility>
 
 #include "paths.h"
 #include "tarnctl/common/failure_text.h"
@@ -125,6 +127,40 @@ CrmChannel::ReadResult CrmChannel::Next(std::span<const std::byte>& bytes, int& 
     // A post without a message is one that another reader has left behind.
     m_hasPost = false;
     return ReadResult::kEmpty;
+}
+
+ShmEventPipe& CrmChannel::Ring(int ring) const {
+    return m_pair->m_aPipes[static_cast<size_t>(ring)];
+}
+
+const std::string& CrmChannel::RingPath(int ring) const {
+    return Ring(ring).m_strPath;
+}
+
+// A message that is larger than the reader's buffer is taken all the same, with every store that
+// goes with it. For a buffer of no bytes that is each message.
+bool CrmChannel::Drop(int ring, uint32_t at) {
+    ShmEventPipe& pipe = Ring(ring);
+    if (pipe.State().readIndex != at) {
+        return false;
+    }
+    const ShmReportCallback report = std::exchange(pipe.m_pfnLog, nullptr);
+    uint32_t size = 0;
+    uint32_t status = READ_OK;
+    (void)pipe.read(m_buffer.get(), &size, &status);
+    pipe.m_pfnLog = report;
+    if (status != READ_BUFFER_TOO_SMALL) {
+        return false;
+    }
+    TakePost();
+    return true;
+}
+
+// The word belongs to the reader once the write index is past it, and this process is the reader.
+// No order is needed: nobody else looks at the word before the read index has passed it.
+void CrmChannel::PutBackLength(int ring, uint32_t at, uint32_t length) {
+    auto& word = *reinterpret_cast<uint32_t*>(Ring(ring).m_pData + at);
+    std::atomic_ref<uint32_t>(word).store(length, std::memory_order_relaxed);
 }
 
 void CrmChannel::TakePost() {

@@ -47,8 +47,20 @@ class CrmChannel {
     // Takes the oldest message off the first ring that has one. `bytes` stays until the next call.
     [[nodiscard]] ReadResult Next(std::span<const std::byte>& bytes, int& ring);
 
+    // Takes the oldest message of a ring, which begins at this ring offset, without a look at it.
+    // False when another reader has moved on meanwhile.
+    [[nodiscard]] bool Drop(int ring, uint32_t at);
+
+    // Puts back the length of the message at the read index, which a reader that was killed while
+    // it took the message has left as 0.
+    void PutBackLength(int ring, uint32_t at, uint32_t length);
+
+    [[nodiscard]] const std::string& RingPath(int ring) const;
+
     // Waits for a post, at most `time`; returns early at a signal.
     void Wait(std::chrono::milliseconds time);
+    // Nothing waits in the rings, so that the post that Wait() took has no message.
+    void ForgetPost() { m_hasPost = false; }
 
     [[nodiscard]] const std::string& Error() const { return m_error; }
 
@@ -56,6 +68,7 @@ class CrmChannel {
     // Takes the post that goes with a message that has been read, so that the count of the
     // semaphore stays the count of what is left for a reader that comes after.
     void TakePost();
+    [[nodiscard]] ShmEventPipe& Ring(int ring) const;
     [[nodiscard]] bool Fail(const std::string& reason);
 
     EventQueue m_queue;                     // holds the semaphore and the one pair

@@ -8,6 +8,7 @@
 #include "tarnctl/crm/crm_channel.h"
 #include "tarnctl/crm/crm_peek.h"
 #include "tarnctl/crm/crm_report_monitor.h"
+#include "tarnctl/crm/report_service.h"
 
 namespace tarnctl {
 namespace {
@@ -21,7 +22,8 @@ Examples:
   tarnctl crm --count 10 --timeout 30      ten reports, or as many as come before 30 quiet seconds
   tarnctl crm --json | jq .report.issueId  one JSON object a line
   tarnctl crm --channel 3 --fresh          channel 3, without what waits there already
-  tarnctl crm --peek --follow              watch a queue that the CRM reads)";
+  tarnctl crm --peek --follow              watch a queue that the CRM reads
+  tarnctl crm --eve /var/log/eve.json      for a log collector; none is lost)";
 
 class CrmMonitor final : public CrmReportMonitor {
   public:
@@ -105,11 +107,19 @@ CLI::App* AddCrmCommand(CLI::App& app, CrmOptions& options) {
     peek->excludes("--fresh");
     command->add_flag("--follow", options.follow, "With --peek: go on with what comes")
         ->needs(peek);
+    CLI::Option* const eve =
+        command->add_option("--eve", options.eve, "Hand reports on as lines of EVE JSON");
+    eve->type_name("FILE|-|unix:PATH")->excludes(peek)->excludes("--fresh");
+    command->add_flag("--packets", options.packets, "With --eve: add each report's packet")
+        ->needs(eve);
     command->footer(kExamples);
     return command;
 }
 
 int RunCrm(const CrmOptions& options, std::ostream& out, std::ostream& err) {
+    if (options.HasSinks()) {
+        return RunReportService(options, out, err);
+    }
     return options.peek ? RunCrmPeek(options, out, err) : CrmMonitor(options, out, err).Run();
 }
 

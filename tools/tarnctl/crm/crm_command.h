@@ -1,6 +1,7 @@
 #pragma once
 
-// `tarnctl crm`: stands in for the CRM and shows the reports that come out of the daemon.
+// `tarnctl crm`: stands in for the CRM. It shows the reports that come out of the daemon, or hands
+// them on to what people have in the CRM's place.
 //
 // Threads: the main thread.
 
@@ -13,10 +14,15 @@
 namespace tarnctl {
 
 struct CrmOptions : MonitorOptions {
+    // Whether reports are handed on and not shown.
+    [[nodiscard]] bool HasSinks() const { return !eve.empty(); }
+
     int channel = 2;                // the default of tarn.engine.crm
     bool fresh = false;             // what waits already is thrown away
     bool peek = false;              // looks and takes nothing
     bool follow = false;            // with peek: goes on with what comes
+    std::string eve;                // where lines of EVE JSON go; empty: nowhere
+    bool packets = false;           // with their packets
     std::string queueName = "CRM";  // not an option; tests use a queue of their own
 };
 

@@ -1,0 +1,179 @@
+#!/usr/bin/env python3
+"""Counts what is lost and what comes twice between the event queue and the file of `tarnctl crm`.
+
+A writer stands in for the daemon and puts reports of a number of their own into the ring, while
+`tarnctl crm --eve` is killed at random moments and started again. It runs in scripts/sandbox:
+
+  scripts/sandbox --keep BUILD env TARNCTL_BINARY=... PYTHONPATH=tests/system \\
+      tests/system/tarnctl/crm_soak.py --reports 1000000 --kills 200
+"""
+
+import argparse
+import ctypes
+import ctypes.util
+import json
+import mmap
+import os
+import random
+import signal
+import struct
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+import harness
+
+FILE = Path("/cache/eve.json")
+RING = Path("/var/tmp/EventQueueCRM2-0")
+RING_BYTES = 0x800000
+SEMAPHORE = b"/EventQueueCRM.sem"
+BATCH = 512  # reports that tarnctl crm holds at most
+ISSUE_AT = 32 + 28  # where a message has the number of its signature
+NUMBER_AT = b'"signature_id":'
+
+
+def report():
+    """A whole message with a number to be filled in."""
+    fixed = bytearray(256)
+    struct.pack_into("<H", fixed, 0, 1)
+    struct.pack_into("<I", fixed, 36, 0xFFFFFFFF)
+    struct.pack_into("<QQIIIII", fixed, 128, 1763022257, 1763022257, 1, 0, 6, 2, 0xFFFFFFFF)
+    struct.pack_into("<HHB", fixed, 192, 0x0800, 6, 1)
+    texts = (b"", b"DISPLAY:WithRaw", b"Soak:high", b"")
+    offsets, at = [], 256
+    for text in texts:
+        offsets.append(at)
+        at += len(text) + 1
+    head = struct.pack("<8I", 1, 32 + at, *offsets, 5, 0)
+    pairs = b"Rule\0alert tcp any any -> any any (msg:\"Soak\"; sid:1; rev:2;)\0\0"
+    return bytearray(head + fixed + b"".join(text + b"\0" for text in texts)
+                     + struct.pack("<II", 3, 8 + len(pairs)) + pairs + struct.pack("<II", 0xFF, 8))
+
+
+class Writer:
+    """The daemon's end of the ring and of its semaphore."""
+
+    def __init__(self):
+        fd = os.open(RING, os.O_RDWR | os.O_CREAT, 0o700)
+        os.ftruncate(fd, RING_BYTES)
+        self._map = mmap.mmap(fd, RING_BYTES)
+        os.close(fd)
+        self._words = memoryview(self._map).cast("I")
+        self._size = RING_BYTES - 8
+        self._message = report()
+        library = ctypes.CDLL(ctypes.util.find_library("c"), use_errno=True)
+        library.sem_open.restype = ctypes.c_void_p
+        self._semaphore = ctypes.c_void_p(library.sem_open(SEMAPHORE, os.O_CREAT, 0o600, 0))
+        self._post = library.sem_post
+
+    def write(self, number):
+        """Puts one report in. False when there is no room."""
+        struct.pack_into("<I", self._message, ISSUE_AT, number)
+        length = len(self._message)
+        read, write = self._words[0], self._words[1]
+        need = (length + 7) // 4 * 4
+        if self._size - (write - read) % self._size <= need:
+            return False
+        following = (write + need) % self._size
+        first = min(length, self._size - write - 4)
+        start = 8 + write + 4
+        self._map[start:start + first] = self._message[:first]
+        self._map[8:8 + length - first] = self._message[first:]
+        if following != read:
+            self._words[2 + following // 4] = 0
+        self._words[2 + write // 4] = length
+        self._words[1] = following
+        self._post(self._semaphore)
+        return True
+
+    def is_empty(self):
+        return self._words[0] == self._words[1]
+
+
+class Soak:
+    def __init__(self, options):
+        self.options = options
+        self.writer = Writer()
+        self.written = 0
+        self.errors = open("/cache/soak_errors", "ab")
+        self.service = None
+
+    def start(self):
+        self.service = subprocess.Popen(
+            [os.environ["TARNCTL_BINARY"], "crm", "--eve", str(FILE)], stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL, stderr=self.errors)
+
+    def write_up_to(self, number, seconds=None):
+        """Writes until so many reports are in, or the time is up."""
+        deadline = time.monotonic() + (harness.PATIENCE if seconds is None else seconds)
+        while self.written < number:
+            if self.writer.write(self.written):
+                self.written += 1
+            else:
+                time.sleep(0.001)
+                assert self.service.poll() is None, "tarnctl crm has ended by itself"
+            if self.written % 64 == 0 and time.monotonic() > deadline:
+                return
+
+    def run(self):
+        random.seed(self.options.seed)
+        places = sorted(random.randrange(self.options.reports * 95 // 100)
+                        for _ in range(self.options.kills))
+        self.start()
+        for place in places:
+            while self.written < place:
+                self.write_up_to(place)
+            # The reader is behind by what the ring holds, so that it is at work when it is killed.
+            self.write_up_to(self.options.reports, random.random() * self.options.gap)
+            self.service.kill()
+            self.service.wait()
+            self.start()
+        while self.written < self.options.reports:
+            self.write_up_to(self.options.reports)
+        harness.wait_for(self.writer.is_empty, "the last report to be taken", 10 * harness.PATIENCE)
+        self.service.send_signal(signal.SIGTERM)
+        assert self.service.wait(harness.PATIENCE) == 0
+
+    def count(self):
+        seen = bytearray(self.options.reports)
+        doubled = runs = out_of_order = 0
+        last = -1
+        with open(FILE, "rb") as file:
+            for line in file:
+                at = line.index(NUMBER_AT) + len(NUMBER_AT)
+                number = int(line[at:line.index(b",", at)])
+                if number == last + 1:
+                    last = number
+                elif number <= last and last - number < BATCH:
+                    runs += 1  # a batch begins again
+                    last = number
+                else:
+                    out_of_order += 1
+                    last = number
+                doubled += seen[number]
+                seen[number] = 1
+                assert line.endswith(b"}\n"), "half a line"
+        return {"reports": self.options.reports, "kills": self.options.kills,
+                "lost": seen.count(0), "doubled": doubled, "batchesAgain": runs,
+                "outOfOrder": out_of_order, "most": self.options.kills * BATCH}
+
+
+def main():
+    assert "TARN_SANDBOX" in os.environ, "run this in scripts/sandbox"
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--reports", type=int, default=20000)
+    parser.add_argument("--kills", type=int, default=10)
+    parser.add_argument("--gap", type=float, default=0.05, help="seconds at most up to a kill")
+    parser.add_argument("--seed", type=int, default=1)
+    soak = Soak(parser.parse_args())
+    soak.run()
+    result = soak.count()
+    print(json.dumps(result))
+    fine = result["lost"] == result["outOfOrder"] == 0 and result["doubled"] <= result["most"]
+    return 0 if fine else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

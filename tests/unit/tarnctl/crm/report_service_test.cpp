@@ -1,0 +1,223 @@
+#include "tarnctl/crm/report_service.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <thread>
+
+#include "support/temp_dir.h"
+#include "tarnctl/common/exit_status.h"
+#include "tarnctl/common/signals.h"
+#include "unit/tarnctl/common/lines_of.h"
+#include "unit/tarnctl/common/test_channel.h"
+
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace tarnctl {
+namespace {
+
+class ReportServiceTest : public testing::Test {
+  protected:
+    ReportServiceTest() {
+        m_options.channel = TestChannel::kChannel;
+        m_options.queueName = m_daemon.Name();
+        m_options.timeout = 0.05;
+        m_options.eve = m_path;
+    }
+    int Run() { return RunCrm(m_options, m_out, m_err); }
+    static CrmBytes Report(uint32_t sid) {
+        CrmReport message = SampleReport();
+        message.report.issueId = sid;
+        return Encode(message);
+    }
+    // The SIDs of the lines of a file.
+    static std::vector<uint32_t> Sids(const std::string& path) {
+        std::istringstream lines(ReadFile(path));
+        std::vector<uint32_t> sids;
+        for (std::string line; std::getline(lines, line);) {
+            sids.push_back(json::parse(line)["alert"]["signature_id"]);
+        }
+        return sids;
+    }
+
+    const TempDir m_folder;
+    const std::string m_path = m_folder.File("eve.json");
+    TestChannel m_daemon;
+    CrmOptions m_options;
+    std::ostringstream m_out;
+    std::ostringstream m_err;
+};
+
+TEST_F(ReportServiceTest, HandsOnAllThatWaitsAndTakesItOutOfTheRings) {
+    for (uint32_t sid = 1; sid <= 2000; ++sid) {
+        ASSERT_TRUE(m_daemon.Send(Report(sid)));
+    }
+    ASSERT_TRUE(m_daemon.Send(Report(2001), 1));
+    EXPECT_EQ(kExitFine, Run());
+    const std::vector<uint32_t> sids = Sids(m_path);
+    ASSERT_EQ(2001U, sids.size());
+    std::vector<uint32_t> sorted = sids;
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(2001U, sorted.back());
+    EXPECT_EQ(sorted.end(), std::adjacent_find(sorted.begin(), sorted.end()));
+    EXPECT_EQ(0, m_daemon.Posts());
+    EXPECT_EQ(0U, m_daemon.Ring(0).State().used + m_daemon.Ring(1).State().used);
+    EXPECT_EQ("", m_out.str());
+    EXPECT_EQ("tarnctl crm: channel 7 goes to " + m_path +
+                  "\n"
+                  "tarnctl crm: 2001 reports; eve: 2001 taken\n",
+              m_err.str());
+}
+
+TEST_F(ReportServiceTest, LeavesReportsInTheRingWhileTheSinkIsAway) {
+    ASSERT_TRUE(m_daemon.Send(Report(1)) && m_daemon.Send(Report(2)));
+    m_options.eve = "unix:" + m_folder.File("nobody");
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(2, m_daemon.Posts());
+    EXPECT_THAT(m_err.str(), HasSubstr("nobody: nobody listens\n"));
+    EXPECT_THAT(m_err.str(), HasSubstr("tarnctl crm: 0 reports; eve: 0 taken\n"));
+    m_options.eve = m_path;
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_THAT(Sids(m_path), ElementsAre(1, 2));
+}
+
+TEST_F(ReportServiceTest, SaysOnceThatTheSinkIsAwayAndOnceThatItIsBack) {
+    std::filesystem::create_directory(m_folder.File("logs"));
+    m_options.eve = m_folder.File("logs/eve.json");
+    m_options.timeout = 1.5;
+    std::jthread mover([this] {
+        while (!std::filesystem::exists(m_options.eve)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        std::filesystem::remove_all(m_folder.File("logs"));
+        EXPECT_TRUE(m_daemon.Send(Report(1)));
+        std::this_thread::sleep_for(std::chrono::milliseconds(700));
+        std::filesystem::create_directory(m_folder.File("logs"));
+    });
+    EXPECT_EQ(kExitFine, Run());
+    mover.join();
+    EXPECT_THAT(Sids(m_options.eve), ElementsAre(1));
+    const std::string told = m_err.str();
+    for (const char* const text : {"No such file or directory", "takes reports again"}) {
+        const size_t first = told.find(text);
+        EXPECT_NE(std::string::npos, first);
+        EXPECT_EQ(std::string::npos, told.find(text, first + 1));
+    }
+}
+
+TEST_F(ReportServiceTest, EndsAfterTheCountAndLeavesTheRest) {
+    for (uint32_t sid = 1; sid <= 3; ++sid) {
+        ASSERT_TRUE(m_daemon.Send(Report(sid)));
+    }
+    m_options.count = 2;
+    m_options.timeout = 0;
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_THAT(Sids(m_path), ElementsAre(1, 2));
+    EXPECT_EQ(1, m_daemon.Posts());
+}
+
+TEST_F(ReportServiceTest, AddsPacketsWhenAsked) {
+    ASSERT_TRUE(m_daemon.Send(Report(1)));
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_FALSE(json::parse(ReadFile(m_path)).contains("packet"));
+    std::filesystem::remove(m_path);
+    m_options.packets = true;
+    ASSERT_TRUE(m_daemon.Send(Report(1)));
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ("3q2+7w==", json::parse(ReadFile(m_path))["packet"]);
+}
+
+TEST_F(ReportServiceTest, HandsOnWhatIsMalformedAndFailsAtItsEnd) {
+    ASSERT_TRUE(m_daemon.Send({std::byte{1}, std::byte{2}}) && m_daemon.Send(Report(2)));
+    EXPECT_EQ(kExitFailure, Run());
+    std::istringstream lines(ReadFile(m_path));
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line));
+    const json first = json::parse(line);
+    EXPECT_EQ("malformed", first["event_type"]);
+    EXPECT_EQ("AQI=", first["tarn"]["bytes"]);
+    EXPECT_EQ("20", first["timestamp"].get<std::string>().substr(0, 2));
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_EQ(2, json::parse(line)["alert"]["signature_id"]);
+    EXPECT_THAT(m_err.str(),
+                HasSubstr("malformed report in ring -0 of 2 bytes handed on as it is"));
+}
+
+TEST_F(ReportServiceTest, FailsAtAFileThatCannotBeHad) {
+    ASSERT_TRUE(m_daemon.Send(Report(1)));
+    m_options.eve = m_folder.Path().string();
+    EXPECT_EQ(kExitFailure, Run());
+    EXPECT_EQ(1, m_daemon.Posts());
+}
+
+TEST_F(ReportServiceTest, FailsOnARingThatIsStuck) {
+    ASSERT_TRUE(m_daemon.Send(Report(1)) && m_daemon.Send({}));
+    m_options.timeout = 0;
+    EXPECT_EQ(kExitFailure, Run());
+    EXPECT_THAT(m_err.str(), HasSubstr("the ring is damaged"));
+    EXPECT_THAT(Sids(m_path), ElementsAre(1));
+}
+
+TEST_F(ReportServiceTest, HasItsCountersAsJson) {
+    ASSERT_TRUE(m_daemon.Send(Report(1)));
+    m_options.json = true;
+    EXPECT_EQ(kExitFine, Run());
+    const json expected = {
+        {"channel", 7},
+        {"reports", 1},
+        {"putBack", 0},
+        {"sinks", {{{"sink", "eve"}, {"target", m_path}, {"taken", 1}, {"error", nullptr}}}}};
+    EXPECT_EQ(expected, json::parse(m_out.str()));
+}
+
+TEST_F(ReportServiceTest, BeginsANewFileAtAHangup) {
+    m_options.timeout = 1.0;
+    std::jthread mover([this] {
+        EXPECT_TRUE(m_daemon.Send(Report(1)));
+        while (!std::filesystem::exists(m_path) || ReadFile(m_path).empty()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        std::filesystem::rename(m_path, m_path + ".1");
+        std::raise(SIGHUP);
+        while (!std::filesystem::exists(m_path)) {
+            EXPECT_TRUE(m_daemon.Send(Report(2)));
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    EXPECT_EQ(kExitFine, Run());
+    mover.join();
+    EXPECT_EQ(1U, Sids(m_path + ".1").front());
+    EXPECT_EQ(2U, Sids(m_path).back());
+}
+
+TEST_F(ReportServiceTest, FollowsAChannelToANewRing) {
+    m_options.timeout = 1.0;
+    (void)m_daemon.Posts();
+    TestChannel* const daemon = &m_daemon;
+    std::jthread mover([this, daemon] {
+        EXPECT_TRUE(daemon->Send(Report(1)));
+        while (!std::filesystem::exists(m_path) || ReadFile(m_path).empty()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        std::filesystem::remove(daemon->RingPath(0));
+        EventQueue writer(daemon->Name(), TestChannel::kChannel, 1);
+        EXPECT_EQ(0, writer.Open());
+        const CrmBytes bytes = Report(2);
+        const auto length = static_cast<uint32_t>(bytes.size());
+        EXPECT_EQ(PIPE_OK, writer.m_pairs[0]->m_aPipes[0].write(bytes.data(), &length));
+        sem_post(writer.m_pSem);
+    });
+    EXPECT_EQ(kExitFine, Run());
+    mover.join();
+    EXPECT_THAT(Sids(m_path), ElementsAre(1, 2));
+    EXPECT_THAT(m_err.str(), HasSubstr("the rings of the channel were replaced"));
+}
+
+}  // namespace
+}  // namespace tarnctl
