@@ -59,7 +59,8 @@ class IncludeDirection(Tree):
 
     def header(self, name, *included, root="src"):
         super().write(f"{root}/{name}",
-                      "#pragma once\n" + "".join(f'#include "{i}"\n' for i in included))
+                      "#pragma once\n" + "".join(f'#include "{i}"\n' for i in included)
+                      + "// Threads: any.\n")
 
     def tool(self, name, *included):
         self.header(name, *included, root="tools")
@@ -138,8 +139,10 @@ class IncludeDirection(Tree):
         self.assert_one_fault("has to do without it")
 
     def test_finds_what_every_file_keeps_to(self):
-        self.write("low/a.h", "")
+        self.write("low/a.h", "// Threads: any.\n")
         self.assert_one_fault("no #pragma once")
+        self.write("low/a.h", "#pragma once\n// Threads of two kinds\n")
+        self.assert_one_fault("no comment that says Threads:")
         self.header("low/a.h")
         self.write("low/a.cpp", '#include <vector>\n#include "low/a.h"\n')
         self.assert_one_fault("own header first")

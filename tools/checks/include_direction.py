@@ -2,7 +2,8 @@
 """Checks that the includes of src/ and tools/tarnctl/ point the way that include_order.txt says.
 
 Also checks what every file keeps to: includes are written as paths from src/ or tools/ and name a
-file that exists, a source includes its own header first, and a header has #pragma once.
+file that exists, a source includes its own header first, and a header has #pragma once and a line
+that says which threads may use it.
 """
 
 import argparse
@@ -101,6 +102,8 @@ def faults_of(source, order, tools=None):
         text = path.read_text(encoding="utf-8")
         if path.suffix == ".h" and not re.search(r"^#pragma once$", text, re.MULTILINE):
             yield f"{file}: has no #pragma once"
+        if path.suffix == ".h" and not re.search(r"^ *//.*\bThreads: \S", text, re.MULTILINE):
+            yield f"{file}: has no comment that says Threads:"
         included = list(includes_of(text))
         own = file[:-len(".cpp")] + ".h"
         if path.suffix == ".cpp" and own in files and (not included or included[0][2] != own):
