@@ -31,19 +31,24 @@ class HeldThread:
 
     def __init__(self, task):
         self._task = task
-        self._ptrace(self.ATTACH)
+        self._ptrace(self.ATTACH, task)
         os.waitpid(task, self.WAIT_ALL_THREADS)
 
-    def _ptrace(self, request):
+    @staticmethod
+    def _ptrace(request, task):
         library = ctypes.CDLL(None, use_errno=True)
-        if library.ptrace(ctypes.c_long(request), ctypes.c_long(self._task), None, None) != 0:
+        if library.ptrace(ctypes.c_long(request), ctypes.c_long(task), None, None) != 0:
             number = ctypes.get_errno()
             raise OSError(number, os.strerror(number))
 
     def close(self):
         if self._task:
-            self._ptrace(self.DETACH)
-            self._task = None
+            task, self._task = self._task, None
+            try:
+                self._ptrace(self.DETACH, task)
+            except ProcessLookupError:
+                # It has ended, and its process cannot end before the tracer has taken note of it.
+                os.waitpid(task, self.WAIT_ALL_THREADS)
 
 
 def running_copies():
@@ -268,11 +273,14 @@ class Lifecycle(harness.DaemonTest):
             self.assertIn(f"Error: Unrecognized option: -{letter}\n{USAGE}",
                           self.fails(f"-{letter}"))
 
-    def test_ignores_a_file_name_that_looks_like_an_option(self):
-        daemon = self.daemon("-c", "-x", "-n", "-y").ready()
-        self.assertEqual(0, daemon.stop())
-        self.assertIn(f"Using config file {CONFIG}, snort config file {EVENT_CONFIG}",
-                      harness.log_messages())
+    def test_ignores_a_file_name_that_is_empty_or_looks_like_an_option(self):
+        for names in (("-x", "-y"), ("", "")):
+            with self.subTest(names=names):
+                harness.LOG.unlink(missing_ok=True)
+                daemon = self.daemon("-c", names[0], "-n", names[1]).ready()
+                self.assertEqual(0, daemon.stop())
+                self.assertIn(f"Using config file {CONFIG}, snort config file {EVENT_CONFIG}",
+                              harness.log_messages())
 
     def test_takes_other_configuration_files(self):
         CONFIG.rename("/etc/qor/other.conf")

@@ -123,6 +123,8 @@ class Reload(harness.DaemonTest):
         self.assertEqual(self.one_report(feeder, 1), self.expected(1, entry))
         self.hang_up(daemon, 2)
         self.assertEqual(self.one_report(self.feeder(), 2), self.expected(2, changed))
+        self.hang_up(daemon, 3)
+        self.assertEqual(1, harness.count_log(RELOADED), "nothing has changed since")
         self.assertEqual(0, daemon.stop())
 
     def test_leaves_a_touched_configuration_alone_until_the_hangup(self):
@@ -136,6 +138,8 @@ class Reload(harness.DaemonTest):
         self.hang_up(daemon, 2)
         self.assertEqual(1, harness.count_log(RELOADED))
         self.assertEqual(1, harness.count_log("tarn.evidencelog.maxfiles = 21"))
+        self.hang_up(daemon, 3)
+        self.assertEqual(1, harness.count_log(RELOADED), "nothing has changed since")
         self.assertEqual(0, daemon.stop())
 
     def test_outlives_a_storm_of_hangups_with_a_rotation_at_every_line(self):
