@@ -79,6 +79,11 @@ TEST(SummaryOf, ReadsUdpAndIcmp) {
     EXPECT_EQ(
         "10.0.0.1:53 -> 10.0.0.2:1025 UDP",
         Line("4500001c 00010000 4011 0000 0a000001 0a000002 0035 0401 0008 0000", kLinkRawIp));
+    EXPECT_EQ("10.0.0.1:53 -> 10.0.0.2:1025 UDP",
+              Line("45000024 00010000 4011 0000 0a000001 0a000002 0035 0401 0010 0000 "
+                   "ffffffffffffffff",
+                   kLinkRawIp))
+        << "what it carries is no flags";
     EXPECT_EQ("10.0.0.1 -> 10.0.0.2 ICMP type 8 code 1",
               Line("4500001c 00010000 4001 0000 0a000001 0a000002 0801 0000", kLinkRawIp));
     EXPECT_EQ("10.0.0.1 -> 10.0.0.2 protocol 47",
@@ -115,6 +120,10 @@ TEST(SummaryOf, SkipsTheOptionsOfAnIpv4Header) {
     EXPECT_EQ("10.0.0.1 -> 10.0.0.2 TCP",
               Line("4400002c 00010000 4006 0000 0a000001 0a000002 " + kTcp, kLinkRawIp))
         << "a header that is too short has nothing after it";
+    EXPECT_EQ("10.0.0.1 -> 10.0.0.2 TCP",
+              Line("4f00003c 00010000 4006 0000 0a000001 0a000002 " + kTcp, kLinkRawIp))
+        << "nor has one that is longer than the packet";
+    EXPECT_EQ("10.0.0.1 -> 10.0.0.2 TCP", Line(kIpv4, kLinkRawIp)) << "the header alone";
 }
 
 TEST(SummaryOf, SaysWhatIsNoIp) {
