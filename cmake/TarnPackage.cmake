@@ -1,5 +1,4 @@
-# What is installed beside the programs, and the Debian package of it all: `cpack -G DEB` in the
-# build folder.
+# What is installed beside the programs. scripts/package makes Debian packages of it all.
 include(GNUInstallDirs)
 
 # The man pages, with the version in their last line.
@@ -11,23 +10,12 @@ foreach(page IN LISTS pages)
   install(FILES ${PROJECT_BINARY_DIR}/man/${name} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
 
+# The folder is named after the package.
 install(FILES packaging/examples/tarn.conf packaging/examples/tarn_event.conf
               packaging/logrotate/tarn-crm
-        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tarn/examples)
 # systemd reads these below /usr/lib, whatever the prefix' own library folder is called.
-install(FILES packaging/systemd/tarn.service DESTINATION lib/systemd/system)
+file(GLOB units CONFIGURE_DEPENDS packaging/systemd/*.service)
+install(FILES ${units} DESTINATION lib/systemd/system)
+install(FILES packaging/sysusers.d/tarn.conf DESTINATION lib/sysusers.d)
 install(FILES packaging/tmpfiles.d/tarn.conf DESTINATION lib/tmpfiles.d)
-
-set(CPACK_PACKAGE_NAME tarn)
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_CONTACT "The tarn maintainers <maintainers@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "acts on the alerts of the Snort process beside it")
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_GENERATOR DEB)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# What tarnctl selftest needs.
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "bubblewrap, python3")
-include(CPack)

@@ -7,6 +7,7 @@ The first argument is the compiler.
 import importlib.machinery
 import importlib.util
 import pathlib
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -18,7 +19,7 @@ sys.path.insert(0, str(HERE))
 import documents  # noqa: E402
 import formats_against_pages  # noqa: E402
 import include_direction  # noqa: E402
-
+import packaging  # noqa: E402
 
 
 def load_mutate():
@@ -344,6 +345,50 @@ class Mutation(Tree):
                 ("signal 11", "no line of a test\n", -11),
                 ("status 8", "", 8)):
             self.assertEqual(name, mutate.finding(output, status))
+
+
+class PackageLists(Tree):
+    def setUp(self):
+        super().setUp()
+        self.write("tree/packaging/debian/a.install", "usr/bin/a\n# a comment\npackaging/a.conf etc\n")
+        self.write("tree/packaging/debian/b.install", "usr/share usr\n")
+        self.write("tree/packaging/a.conf", "")
+        for name in ("usr/bin/a", "usr/share/b/c"):
+            self.write(f"installed/{name}", "")
+
+    def faults(self):
+        return packaging.check_lists(self.root / "tree", self.root / "installed")
+
+    def test_is_silent_where_each_file_is_in_one_package(self):
+        self.assertEqual([], self.faults())
+
+    def test_finds_a_file_in_no_package_and_one_in_two(self):
+        self.write("installed/usr/bin/d", "")
+        self.write("tree/packaging/debian/b.install", "usr/share usr\nusr/bin/a\n")
+        self.assertEqual(["usr/bin/a is in a.install and b.install", "usr/bin/d is in no package"],
+                         self.faults())
+
+    def test_finds_an_entry_that_names_nothing(self):
+        self.write("tree/packaging/debian/b.install", "usr/share usr\nusr/sbin\n")
+        self.assertEqual(["b.install: usr/sbin names nothing that is installed"], self.faults())
+
+
+@unittest.skipIf(shutil.which("systemd-analyze") is None, "systemd-analyze is not there")
+class Units(Tree):
+    STRICT = (HERE.parent.parent / "packaging/systemd/tarn-messages.service")
+
+    def test_finds_a_unit_that_may_do_too_much(self):
+        self.write("tarn-x.service", "[Service]\nExecStart=/usr/bin/true\n")
+        faults = packaging.check_units(self.root)
+        self.assertEqual(1, len(faults))
+        self.assertIn("tarn-x.service: exposed above 2.0", faults[0])
+
+    def test_finds_a_word_that_systemd_does_not_know(self):
+        text = self.STRICT.read_text(encoding="utf-8")
+        self.write("tarn-x.service", text.replace("RestartSec=1", "RestartSecs=1"))
+        faults = packaging.check_units(self.root)
+        self.assertEqual(1, len(faults), faults)
+        self.assertIn("RestartSecs", faults[0])
 
 
 if __name__ == "__main__":
