@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include "support/file_text.h"
 #include "support/temp_dir.h"
@@ -137,6 +138,17 @@ TEST_F(LogFileLine, CarriesTheLocalTime) {
     const time_t written = mktime(&parsed);
     EXPECT_GE(written, before);
     EXPECT_LE(written, after);
+}
+
+TEST_F(LogFileLine, CarriesTheNumberOfTheThreadThatWritesIt) {
+    const std::string number = " T:" + std::to_string(pthread_self()) + " ";
+    EXPECT_TRUE(PrefixPeer::Prefix(nullptr).ends_with(number));
+    std::thread([&number] {
+        const std::string own = " T:" + std::to_string(pthread_self()) + " ";
+        EXPECT_NE(number, own);
+        EXPECT_TRUE(PrefixPeer::Prefix(nullptr).ends_with(own));
+    }).join();
+    EXPECT_TRUE(PrefixPeer::Prefix(nullptr).ends_with(number));
 }
 
 TEST_F(LogFileLine, GoesOnWithTheTime) {

@@ -330,6 +330,26 @@ TEST_F(LogOpened, DropsEverythingAfterClose) {
     EXPECT_EQ("", captured.Text());
 }
 
+void __attribute__((format(printf, 2, 3))) WriteAsList(int level, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    Log::GetInstance()->VWrite(level, format, args);
+    va_end(args);
+}
+
+TEST_F(LogCallback, GetsOnlyWhatPasses) {
+    OpenAt(1);
+    Log::SetConsole(Called, true, true, true);
+    LogThroughAll();
+    for (const int level : {1, 2, 3}) {
+        Log::GetInstance()->Write(level, "written");
+        WriteAsList(level, "listed");
+    }
+    EXPECT_EQ((std::vector<Line>{
+                  {1, "error"}, {1, "critical"}, {1, "fatal"}, {1, "written"}, {1, "listed"}}),
+              s_called);
+}
+
 TEST_F(LogCallback, KeepsInfosAndCriticalsToItselfBeforeOpening) {
     const StderrCapture captured;
     Log::SetConsole(Called, true, true, true);
