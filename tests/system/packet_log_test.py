@@ -269,6 +269,13 @@ class PacketLog(harness.DaemonTest):
         self.assertLess(failed, count)
         logger.close()
 
+    def test_the_send_buffer_has_the_configured_size(self):
+        harness.write_config(evidencelog__bufferctrlsize=8192)
+        daemon = self.daemon().ready()
+        self.assertEqual(0, daemon.stop())
+        self.assertIn("After adjustment, the log evidnece control channel size was set to 16384.",
+                      harness.log_messages(), "the system doubles what it is asked for")
+
     def test_a_reload_greets_again_and_applies_the_settings(self):
         logger = self.logger()
         daemon = self.daemon().ready()
