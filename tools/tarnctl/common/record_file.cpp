@@ -25,6 +25,10 @@ constexpr std::array<uint32_t, 16> kKnownTypes = {1,  2,   3,   7,   66,  67,  6
 // A first record that claims to be longer is no record: packets end at 64 KiB.
 constexpr uint32_t kLongestFirstRecord = 1U << 20;
 
+// Records are short, and two system calls for each would cost more than all else that is done with
+// them.
+constexpr size_t kBufferBytes = 1U << 18;
+
 bool IsPlausibleFirstRecord(uint32_t type, uint32_t length) {
     return std::find(kKnownTypes.begin(), kKnownTypes.end(), type) != kKnownTypes.end() &&
            length >= unified2::FixedSize(type) && length <= kLongestFirstRecord;
@@ -74,6 +78,7 @@ bool RecordFile::Rewind() {
         return false;
     }
     m_position = 0;
+    m_ahead = {};
     return true;
 }
 
@@ -84,24 +89,38 @@ bool RecordFile::IsAlert() const {
 int64_t RecordFile::Read(std::byte* to, size_t length) {
     size_t done = 0;
     while (done < length) {
+        if (m_ahead.empty()) {
+            const int64_t count = ReadAhead();
+            if (count == -1) {
+                return -1;
+            }
+            if (count == 0) {
+                break;
+            }
+        }
+        const size_t part = std::min(length - done, m_ahead.size());
+        std::memcpy(to + done, m_ahead.data(), part);
+        m_ahead = m_ahead.subspan(part);
+        done += part;
+    }
+    m_position += done;
+    return static_cast<int64_t>(done);
+}
+
+int64_t RecordFile::ReadAhead() {
+    m_buffer.resize(kBufferBytes);
+    while (true) {
         if (m_isStream && !WaitForBytes()) {
             m_isStopped = true;
             return -1;
         }
-        const ssize_t count = read(m_fd, to + done, length - done);
+        const ssize_t count = read(m_fd, m_buffer.data(), m_buffer.size());
         if (count == -1 && errno == EINTR) {
             continue;
         }
-        if (count == -1) {
-            return -1;
-        }
-        if (count == 0) {
-            break;
-        }
-        done += static_cast<size_t>(count);
+        m_ahead = std::span(m_buffer).first(count > 0 ? static_cast<size_t>(count) : 0);
+        return count;
     }
-    m_position += done;
-    return static_cast<int64_t>(done);
 }
 
 bool RecordFile::WaitForBytes() {
@@ -127,7 +146,7 @@ RecordResult RecordFile::Next() {
         return m_record.empty() ? RecordResult::kEnd : RecordResult::kRecord;
     }
     m_recordOffset = m_position;
-    const std::string at = " at offset " + std::to_string(m_recordOffset);
+    const auto at = [this] { return " at offset " + std::to_string(m_recordOffset); };
 
     unified2::RecordHeader header;
     m_record.resize(sizeof header);
@@ -142,7 +161,7 @@ RecordResult RecordFile::Next() {
     }
     if (headerBytes < static_cast<int64_t>(sizeof header)) {
         return Fail(RecordResult::kTruncated, "the file is truncated: the header of the record" +
-                                                  at + " has " + std::to_string(headerBytes) +
+                                                  at() + " has " + std::to_string(headerBytes) +
                                                   " of 8 bytes");
     }
     std::memcpy(&header, m_record.data(), sizeof header);
@@ -159,7 +178,7 @@ RecordResult RecordFile::Next() {
     const uint64_t left = m_isStream ? UINT32_MAX : m_size > m_position ? m_size - m_position : 0;
     int64_t payloadBytes = static_cast<int64_t>(left);
     if (length <= left && length > kLongest) {
-        return Fail(RecordResult::kTooLong, "the record" + at + " has " + std::to_string(length) +
+        return Fail(RecordResult::kTooLong, "the record" + at() + " has " + std::to_string(length) +
                                                 " bytes of payload, more than a pipe is made for");
     }
     if (length <= left) {
@@ -171,7 +190,7 @@ RecordResult RecordFile::Next() {
         }
     }
     if (payloadBytes < static_cast<int64_t>(length)) {
-        return Fail(RecordResult::kTruncated, "the file is truncated: the record" + at + " has " +
+        return Fail(RecordResult::kTruncated, "the file is truncated: the record" + at() + " has " +
                                                   std::to_string(payloadBytes) + " of " +
                                                   std::to_string(length) + " bytes of payload");
     }

@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -61,12 +62,15 @@ class RecordFile {
     [[nodiscard]] const std::vector<std::byte>& Bytes() const { return m_record; }
 
     [[nodiscard]] uint64_t Size() const { return m_size; }  // bytes of the file; of a stream 0
-    [[nodiscard]] uint64_t Position() const { return m_position; }  // bytes read so far
+    [[nodiscard]] uint64_t Position() const { return m_position; }  // bytes of the records so far
     [[nodiscard]] const std::string& Error() const { return m_error; }
 
   private:
     // Reads `length` bytes to `to`. Returns how many came before the end of the file, or -1.
     [[nodiscard]] int64_t Read(std::byte* to, size_t length);
+    // Puts what comes next into the buffer, which must be empty. Returns the bytes, 0 at the end of
+    // the file, or -1.
+    [[nodiscard]] int64_t ReadAhead();
     RecordResult Fail(RecordResult result, const std::string& reason);
 
     // Waits until a stream has bytes. False when a stop is requested.
@@ -83,6 +87,8 @@ class RecordFile {
     uint64_t m_recordOffset = 0;
     uint32_t m_type = 0;
     std::vector<std::byte> m_record;
+    std::vector<std::byte> m_buffer;
+    std::span<const std::byte> m_ahead;  // within m_buffer: read and not yet handed out
     std::string m_error;
 };
 

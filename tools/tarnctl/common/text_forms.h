@@ -15,6 +15,8 @@ namespace tarnctl {
 
 // Seconds since the epoch as local date and time.
 [[nodiscard]] std::string TimeText(uint64_t seconds);
+// With a point and six digits after it, or more for a number that is no fraction of a second.
+[[nodiscard]] std::string TimeText(uint64_t seconds, uint32_t microseconds);
 
 // The same as JSON: a number, with a fraction where microseconds are known; null for a time of 0,
 // which is none. Every time in JSON has this form, and the name "time" or one that ends in "Time".

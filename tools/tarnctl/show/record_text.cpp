@@ -12,6 +12,7 @@
 #include "tarnctl/common/packet_summary.h"
 #include "tarnctl/common/protocol_name.h"
 #include "tarnctl/common/text_forms.h"
+#include "tarnctl/show/json_line.h"
 
 namespace tarnctl {
 namespace {
@@ -29,12 +30,6 @@ struct Visitor : Functions... {
 };
 template <typename... Functions>
 Visitor(Functions...) -> Visitor<Functions...>;
-
-std::string TimeWithFraction(uint32_t second, uint32_t microsecond) {
-    std::array<char, 16> fraction = {};
-    std::snprintf(fraction.data(), fraction.size(), ".%06u", microsecond);
-    return TimeText(second) + fraction.data();
-}
 
 bool IsIcmp(const EventContent& event) {
     return event.source.family == AF_INET ? event.protocol == IPPROTO_ICMP
@@ -55,8 +50,8 @@ std::string EventLine(const EventContent& event, const Display& display) {
         protocol += " type " + std::to_string(event.sourcePort) + " code " +
                     std::to_string(event.destinationPort);
     }
-    const std::vector<Cell> cells = {
-        {TimeWithFraction(event.second, event.microsecond), Color::kNone, kTimeColumns},
+    const Cell cells[] = {
+        {TimeText(event.second, event.microsecond), Color::kNone, kTimeColumns},
         {"event " + std::to_string(event.eventId), Color::kBold, kNameColumns},
         {"SID " + std::to_string(event.generatorId) + ":" + std::to_string(event.signatureId) +
              ":" + std::to_string(event.revision),
@@ -80,7 +75,7 @@ std::string PacketLine(const char* kind, const PacketContent& packet, const Disp
         size = std::to_string(packet.bytes.size()) + " of " + size;
     }
     const Cell cells[] = {
-        {TimeWithFraction(packet.second, packet.microsecond), Color::kNone, kTimeColumns},
+        {TimeText(packet.second, packet.microsecond), Color::kNone, kTimeColumns},
         {std::string(kind) + " " + std::to_string(packet.eventId), Color::kNone, kNameColumns},
         {SummaryOf(packet.bytes, packet.linkType).line},
         {size},
@@ -113,92 +108,88 @@ std::string StatisticsLine(const StatisticsContent& statistics, const Display& d
     return LineOf(cells, display);
 }
 
-template <typename T>
-Json OrNull(const std::optional<T>& value) {
-    return value ? Json(*value) : Json(nullptr);
+JsonLine Head(const RecordPlace& place) {
+    JsonLine line;
+    line.Add("offset", place.offset);
+    line.Add("type", place.type);
+    line.AddText("kind", KindOfRecord(place.type));
+    line.Add("length", place.length);
+    return line;
 }
 
-Json Head(const RecordPlace& place) {
-    return Json{{"offset", place.offset},
-                {"type", place.type},
-                {"kind", KindOfRecord(place.type)},
-                {"length", place.length}};
-}
-
-void Add(Json& object, const EventContent& event) {
+void Add(JsonLine& line, const EventContent& event) {
     const auto optional = [](bool isGiven, uint16_t number) {
-        return isGiven ? Json(number) : Json(nullptr);
+        return isGiven ? std::optional(number) : std::nullopt;
     };
     const bool isIcmp = IsIcmp(event);
     const bool hasPorts = HasPorts(event);
-    object["sensorId"] = event.sensorId;
-    object["eventId"] = event.eventId;
-    object["time"] = TimeAsJson(event.second, event.microsecond);
-    object["generatorId"] = event.generatorId;
-    object["signatureId"] = event.signatureId;
-    object["signatureRevision"] = event.revision;
-    object["classificationId"] = event.classification;
-    object["priorityId"] = event.priority;
-    object["source"] = AddressText(event.source);
-    object["destination"] = AddressText(event.destination);
-    object["protocol"] = OrNull(event.protocol);
-    object["sourcePort"] = optional(hasPorts, event.sourcePort);
-    object["destinationPort"] = optional(hasPorts, event.destinationPort);
-    object["icmpType"] = optional(isIcmp, event.sourcePort);
-    object["icmpCode"] = optional(isIcmp, event.destinationPort);
-    object["impactFlag"] = OrNull(event.impactFlag);
-    object["impact"] = OrNull(event.impact);
-    object["blocked"] = OrNull(event.blocked);
-    object["mplsLabel"] = OrNull(event.mplsLabel);
-    object["vlanId"] = OrNull(event.vlanId);
-    object["policies"] = event.policies;
-    object["application"] =
-        event.application.empty() ? Json(nullptr) : TextAsJson(event.application);
-}
-
-void Add(Json& object, const PacketContent& packet) {
-    const PacketSummary summary = SummaryOf(packet.bytes, packet.linkType);
-    const auto text = [](const std::string& value) {
-        return value.empty() ? Json(nullptr) : Json(value);
-    };
-    object["sensorId"] = packet.sensorId;
-    object["eventId"] = packet.eventId;
-    object["eventTime"] = TimeAsJson(packet.eventSecond);
-    object["time"] = TimeAsJson(packet.second, packet.microsecond);
-    object["linkType"] = packet.linkType;
-    object["packetLength"] = packet.length;
-    object["source"] = text(summary.source);
-    object["destination"] = text(summary.destination);
-    object["protocol"] = OrNull(summary.protocol);
-    object["sourcePort"] = OrNull(summary.sourcePort);
-    object["destinationPort"] = OrNull(summary.destinationPort);
-    object["flags"] = text(summary.flags);
-    object["bytes"] = Base64(packet.bytes);
-}
-
-void Add(Json& object, const ExtraContent& extra) {
-    const std::string kind = KindOfExtraData(extra.type);
-    object["sensorId"] = extra.sensorId;
-    object["eventId"] = extra.eventId;
-    object["eventTime"] = TimeAsJson(extra.eventSecond);
-    object["extraType"] = extra.type;
-    object["extraKind"] = kind.empty() ? Json(nullptr) : Json(kind);
-    object["dataType"] = extra.dataType;
-    object["data"] = TextAsJson(
-        std::string_view(reinterpret_cast<const char*>(extra.bytes.data()), extra.bytes.size()));
-}
-
-void Add(Json& object, const StatisticsContent& statistics) {
-    object["time"] = TimeAsJson(statistics.second);
-    object["applications"] = Json::array();
-    for (const ApplicationTraffic& one : statistics.applications) {
-        object["applications"].push_back(Json{{"name", TextAsJson(one.name)},
-                                              {"fromInitiator", one.fromInitiator},
-                                              {"fromResponder", one.fromResponder}});
+    line.Add("sensorId", event.sensorId);
+    line.Add("eventId", event.eventId);
+    line.AddTime("time", event.second, event.microsecond);
+    line.Add("generatorId", event.generatorId);
+    line.Add("signatureId", event.signatureId);
+    line.Add("signatureRevision", event.revision);
+    line.Add("classificationId", event.classification);
+    line.Add("priorityId", event.priority);
+    line.AddText("source", AddressText(event.source));
+    line.AddText("destination", AddressText(event.destination));
+    line.Add("protocol", event.protocol);
+    line.Add("sourcePort", optional(hasPorts, event.sourcePort));
+    line.Add("destinationPort", optional(hasPorts, event.destinationPort));
+    line.Add("icmpType", optional(isIcmp, event.sourcePort));
+    line.Add("icmpCode", optional(isIcmp, event.destinationPort));
+    line.Add("impactFlag", event.impactFlag);
+    line.Add("impact", event.impact);
+    line.Add("blocked", event.blocked);
+    line.Add("mplsLabel", event.mplsLabel);
+    line.Add("vlanId", event.vlanId);
+    std::string policies;
+    for (const uint32_t policy : event.policies) {
+        policies += (policies.empty() ? "[" : ",") + std::to_string(policy);
     }
+    line.AddRaw("policies", policies.empty() ? "[]" : policies + "]");
+    line.AddTextOrNull("application", event.application);
 }
 
-void Add(Json& /*object*/, const OtherContent& /*other*/) {}
+void Add(JsonLine& line, const PacketContent& packet) {
+    const PacketSummary summary = SummaryOf(packet.bytes, packet.linkType);
+    line.Add("sensorId", packet.sensorId);
+    line.Add("eventId", packet.eventId);
+    line.AddTime("eventTime", packet.eventSecond);
+    line.AddTime("time", packet.second, packet.microsecond);
+    line.Add("linkType", packet.linkType);
+    line.Add("packetLength", packet.length);
+    line.AddTextOrNull("source", summary.source);
+    line.AddTextOrNull("destination", summary.destination);
+    line.Add("protocol", summary.protocol);
+    line.Add("sourcePort", summary.sourcePort);
+    line.Add("destinationPort", summary.destinationPort);
+    line.AddTextOrNull("flags", summary.flags);
+    line.AddBytes("bytes", packet.bytes);
+}
+
+void Add(JsonLine& line, const ExtraContent& extra) {
+    line.Add("sensorId", extra.sensorId);
+    line.Add("eventId", extra.eventId);
+    line.AddTime("eventTime", extra.eventSecond);
+    line.Add("extraType", extra.type);
+    line.AddTextOrNull("extraKind", KindOfExtraData(extra.type));
+    line.Add("dataType", extra.dataType);
+    line.AddText("data", {reinterpret_cast<const char*>(extra.bytes.data()), extra.bytes.size()});
+}
+
+void Add(JsonLine& line, const StatisticsContent& statistics) {
+    line.AddTime("time", statistics.second);
+    Json applications = Json::array();
+    for (const ApplicationTraffic& one : statistics.applications) {
+        applications.push_back(Json{{"name", TextAsJson(one.name)},
+                                    {"fromInitiator", one.fromInitiator},
+                                    {"fromResponder", one.fromResponder}});
+    }
+    line.AddRaw("applications", applications.dump());
+}
+
+void Add(JsonLine& /*line*/, const OtherContent& /*other*/) {}
 
 }  // namespace
 
@@ -254,17 +245,17 @@ std::string HexLines(Bytes bytes) {
 }
 
 std::string RecordAsJson(const RecordPlace& place, const RecordContent& content) {
-    Json object = Head(place);
-    std::visit([&object](const auto& one) { Add(object, one); }, content);
-    return object.dump();
+    JsonLine line = Head(place);
+    std::visit([&line](const auto& one) { Add(line, one); }, content);
+    return line.Finish();
 }
 
 std::string MalformedRecordAsJson(const RecordPlace& place, const std::string& reason,
                                   Bytes payload) {
-    Json object = Head(place);
-    object["malformed"] = reason;
-    object["bytes"] = Base64(payload);
-    return object.dump();
+    JsonLine line = Head(place);
+    line.AddText("malformed", reason);
+    line.AddBytes("bytes", payload);
+    return line.Finish();
 }
 
 }  // namespace tarnctl

@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "support/temp_dir.h"
 #include "unit/tarnctl/common/unified2_files.h"
 
@@ -56,6 +59,43 @@ TEST_F(RecordFileTest, BeginsAgainAfterRewind) {
     ASSERT_TRUE(m_file.Rewind());
     ASSERT_EQ(RecordResult::kRecord, m_file.Next());
     EXPECT_EQ(0U, m_file.Offset());
+    EXPECT_EQ(Bytes(), Alert());
+}
+
+// Records lie across the ends of what is read at once, and one is longer than that.
+TEST_F(RecordFileTest, HandsOutAFileThatIsLongerThanItsBuffer) {
+    std::string content;
+    std::vector<std::string> records;
+    for (int number = 0; number < 3000; ++number) {
+        records.push_back(Packet(static_cast<size_t>(number) % 400));
+        if (number == 1500) {
+            records.push_back(Record(2, (1U << 19) + 5));
+        }
+    }
+    for (const std::string& record : records) {
+        content += record;
+    }
+    OpenFile(content);
+    for (int round = 0; round < 2; ++round) {
+        uint64_t offset = 0;
+        for (const std::string& record : records) {
+            ASSERT_EQ(RecordResult::kRecord, m_file.Next());
+            EXPECT_EQ(offset, m_file.Offset());
+            EXPECT_TRUE(record == Bytes()) << "at " << offset;
+            offset += record.size();
+            EXPECT_EQ(offset, m_file.Position());
+        }
+        EXPECT_EQ(RecordResult::kEnd, m_file.Next());
+        ASSERT_TRUE(m_file.Rewind());
+    }
+}
+
+TEST_F(RecordFileTest, BeginsAgainInTheMiddle) {
+    OpenFile(Alert() + Packet(1) + AlertIpv6());
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
+    ASSERT_TRUE(m_file.Rewind());
+    ASSERT_EQ(RecordResult::kRecord, m_file.Next());
     EXPECT_EQ(Bytes(), Alert());
 }
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstdlib>
+#include <ctime>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -37,6 +39,27 @@ TEST(TimeAsJsonValue, IsANumberOrNothing) {
     EXPECT_EQ("1794495600.25", TimeAsJson(1794495600, 250000).dump());
     EXPECT_EQ("1794495600.000001", TimeAsJson(1794495600, 1).dump());
     EXPECT_EQ("null", TimeAsJson(0).dump());
+}
+
+TEST(TimeTextForm, IsLocalDateAndTime) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    EXPECT_EQ("1970-01-01 00:00:00", TimeText(0));
+    EXPECT_EQ("2023-11-14 22:13:20", TimeText(1700000000));
+    EXPECT_EQ("9999-12-31 23:59:59", TimeText(253402300799));
+    EXPECT_EQ("10000-01-01 00:00:00", TimeText(253402300800));
+    EXPECT_EQ("1899-12-31 23:59:59", TimeText(static_cast<uint64_t>(-2208988801)));
+    // A year that no number holds is none.
+    EXPECT_EQ(std::to_string(uint64_t{1} << 62), TimeText(uint64_t{1} << 62));
+}
+
+TEST(TimeTextForm, HasSixDigitsOfAFraction) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    EXPECT_EQ("1970-01-01 00:00:01.000000", TimeText(1, 0));
+    EXPECT_EQ("1970-01-01 00:00:01.000999", TimeText(1, 999));
+    EXPECT_EQ("1970-01-01 00:00:01.999999", TimeText(1, 999999));
+    EXPECT_EQ("1970-01-01 00:00:01.4294967295", TimeText(1, 4294967295));
 }
 
 TEST(Bytes, AreShownAsPairsOfDigits) {
