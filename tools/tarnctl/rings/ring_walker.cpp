@@ -35,15 +35,15 @@ bool RingBytes::Copy(uint32_t offset, std::span<std::byte> to) const {
     if (offset > m_size || to.size() > m_size - offset) {
         return false;
     }
-    uint64_t at = uint64_t{m_at} + offset;
-    for (std::byte& byte : to) {
-        const auto place = static_cast<uint32_t>(at % m_ringSize);
-        const uint32_t word =
-            LoadAcquire(m_ring + size_t{place / kShmRingWordSize} * kShmRingWordSize);
-        std::array<std::byte, kShmRingWordSize> bytes = {};
-        std::memcpy(bytes.data(), &word, sizeof word);
-        byte = bytes[place % kShmRingWordSize];
-        ++at;
+    auto at = static_cast<uint32_t>((uint64_t{m_at} + offset) % m_ringSize);
+    while (!to.empty()) {
+        const uint32_t within = at % kShmRingWordSize;
+        const uint32_t word = LoadAcquire(m_ring + (at - within));
+        const size_t part = std::min<size_t>(kShmRingWordSize - within, to.size());
+        std::memcpy(to.data(), reinterpret_cast<const std::byte*>(&word) + within, part);
+        to = to.subspan(part);
+        at += static_cast<uint32_t>(part);
+        at = at == m_ringSize ? 0 : at;
     }
     return true;
 }
