@@ -5,6 +5,7 @@ import json
 import os
 import signal
 import subprocess
+import time
 import unittest
 from pathlib import Path
 
@@ -16,6 +17,7 @@ from unified2 import build_alert
 TARNCTL = os.environ["TARNCTL_BINARY"]
 SPOOL = Path("/cache/spool")
 BOOKMARK = Path("/cache/bookmark")
+KEPT = Path("/cache/kept/reload")
 START_TIME = 32 + 128
 
 
@@ -48,9 +50,17 @@ class Reload(harness.DaemonTest):
 
     @staticmethod
     def reload(*arguments):
-        return subprocess.run([TARNCTL, "reload", *arguments], stdin=subprocess.DEVNULL,
-                              capture_output=True, text=True, check=False,
+        return subprocess.run([TARNCTL, "reload", "--kept", str(KEPT), *arguments],
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False,
                               timeout=harness.PATIENCE)
+
+    def changes(self, *arguments):
+        """The signatures that a reload has added, removed and changed, and how it knows."""
+        result = self.reload("--json", *arguments)
+        self.assertEqual(0, result.returncode, result.stderr)
+        changes = json.loads(result.stdout)
+        return [changes["before"]] + [changes[kind] and [entry["signature"] for entry in changes[kind]]
+                                      for kind in ("added", "removed", "changed")]
 
     def change_entries(self):
         harness.write_events({7: Entry("Seven", 3, "rule", "DISPLAY:WithRaw"),
@@ -71,8 +81,9 @@ class Reload(harness.DaemonTest):
             result = self.reload("--feeder", str(BOOKMARK), "--json")
             self.assertEqual(0, result.returncode, result.stderr)
             changes = json.loads(result.stdout)
-            self.assertEqual((daemon.pid, True, 2),
-                             (changes["daemon"], changes["feeder"], changes["entries"]))
+            self.assertEqual((daemon.pid, True, "feeder", 2),
+                             (changes["daemon"], changes["feeder"], changes["before"],
+                              changes["entries"]))
             self.assertEqual([8], [entry["signature"] for entry in changes["added"]])
             self.assertEqual([9], [entry["signature"] for entry in changes["removed"]])
             self.assertEqual([7], [entry["signature"] for entry in changes["changed"]])
@@ -103,7 +114,57 @@ class Reload(harness.DaemonTest):
         result = self.reload()
         self.assertEqual(0, result.returncode, result.stderr)
         self.assertIn("the alerts inside tarn are lost", result.stderr)
+        self.assertIn("what has changed is not known", result.stdout)
+        self.assertIn("may be newer than what tarn has read, and no reload has kept that", result.stdout)
         daemon.ready(2)
+
+    def test_without_a_feeder_it_compares_with_what_the_last_reload_kept(self):
+        for single in (0, 1):
+            harness.write_config(debug__single=single)
+            daemon = self.daemon().ready()
+            self.change_entries()
+            self.assertEqual([None, None, None, None], self.changes())
+            self.assertEqual(["kept", [], [], []], self.changes())
+            harness.write_events({7: Entry("Seven", 3, "rule", "DISPLAY:WithRaw"),
+                                  9: Entry("Nine", 1, "rule", "DISPLAY:WithRaw")})
+            result = self.reload()
+            self.assertIn("+ 9 severity 1", result.stdout)
+            self.assertIn("- 8 severity 1", result.stdout)
+            self.assertIn("1 added, 1 removed, 0 changed; 2 in force", result.stdout)
+            harness.write_events({7: Entry("Seven", 2, "rule", "DISPLAY:WithRaw"),
+                                  9: Entry("Nine", 1, "rule", "DISPLAY:WithRaw")})
+            self.assertEqual(["kept", [], [], [7]], self.changes())
+            self.assertEqual(0, daemon.stop())
+            harness.LOG.unlink()
+
+    def test_what_was_kept_counts_for_one_cycle_of_one_daemon(self):
+        daemon = self.daemon().ready()
+        self.changes()
+        daemon.send(signal.SIGHUP)
+        daemon.ready(3)
+        self.change_entries()
+        self.assertEqual([None, None, None, None], self.changes())
+        self.assertEqual("kept", self.changes()[0])
+        self.assertEqual(0, daemon.stop())
+        harness.LOG.unlink()
+        daemon = self.daemon().ready()
+        harness.write_events({7: Entry("Seven", 2, "rule", "DISPLAY:WithRaw")})
+        result = self.reload()
+        self.assertIn("is of an earlier load or of other files", result.stdout)
+
+    def test_files_that_are_older_than_the_load_are_what_was_in_force(self):
+        changed = os.stat(harness.EVENT_CONFIG).st_ctime
+        harness.wait_for(lambda: time.time() > changed + 2.1, "the files to be old enough")
+        self.daemon().ready()
+        self.assertEqual(["files", [], [], []], self.changes())
+        self.assertEqual(1, harness.count_log("Received HUP signal"))
+
+    def test_what_cannot_be_kept_is_said(self):
+        self.daemon().ready()
+        KEPT.parent.write_text("a file where the folder should be")
+        result = self.reload()
+        self.assertEqual(0, result.returncode)
+        self.assertIn("is not kept for the next reload", result.stderr)
 
     def test_a_feeder_that_is_not_named_is_not_passed_over(self):
         self.daemon().ready()

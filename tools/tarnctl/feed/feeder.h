@@ -24,12 +24,12 @@
 #include <vector>
 
 #include "tarnctl/common/daemon_process.h"
+#include "tarnctl/common/entry_guard.h"
 #include "tarnctl/common/pacer.h"
 #include "tarnctl/common/progress_bar.h"
 #include "tarnctl/feed/alert_key.h"
 #include "tarnctl/feed/bookmark.h"
 #include "tarnctl/feed/control_server.h"
-#include "tarnctl/feed/entry_guard.h"
 #include "tarnctl/feed/feed_command.h"
 #include "tarnctl/feed/feed_counters.h"
 #include "tarnctl/feed/feed_fifo.h"

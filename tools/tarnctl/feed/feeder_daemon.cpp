@@ -1,7 +1,5 @@
 // The daemon as the feeder sees it: whether it is there, what it has read, what it reports.
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <iterator>
 #include <nlohmann/json.hpp>
@@ -34,17 +32,6 @@ constexpr milliseconds kGoneAfter{5000};
 
 // So many times a daemon that went on has made no report of an alert: it never will.
 constexpr uint32_t kMostLosses = 3;
-
-constexpr int64_t kTick = 10'000'000;  // nanoseconds; a step of the process list's clock
-
-// When a file was changed, in nanoseconds since the epoch; 0 when there is none.
-int64_t ChangeTime(const std::string& path) {
-    constexpr int64_t kSecond = 1'000'000'000;
-    struct stat status = {};
-    return stat(path.c_str(), &status) == 0
-               ? status.st_mtim.tv_sec * kSecond + status.st_mtim.tv_nsec
-               : 0;
-}
 
 std::string RingBase() {
     return std::string(tarn::paths::kEventQueueBase) + "CRM" +
@@ -133,11 +120,7 @@ bool Feeder::KnowEntries(const std::optional<DaemonProcess>& daemon) {
     if (!daemon) {
         return true;  // it cannot be seen, so its files are taken as they are
     }
-    // The second ring carries no reports. Its file is touched when the daemon begins a cycle, which
-    // is after its files have been read, and by whoever else attaches to it.
-    const int64_t loaded = std::max(NewestThreadStart(daemon->pid) + kTick,
-                                    ChangeTime(RingBase() + kShmRingSecondSuffix));
-    const std::string newer = m_guard.NewerThan(loaded);
+    const std::string newer = m_guard.NewerThan(EntryGuard::LastLoad(daemon->pid));
     if (!newer.empty()) {
         SetWaiting(newer +
                    " is newer than what tarn has read, which is not known; send tarn a hangup");

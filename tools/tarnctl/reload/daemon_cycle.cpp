@@ -24,8 +24,6 @@ using Clock = std::chrono::steady_clock;
 // The instance number 0 stands in the name.
 constexpr const char* kPidFile = "/var/run/tarn0.pid";
 
-// The daemon waits for its event thread for two seconds, and reads long files after that.
-constexpr int kPatience = 10000;  // milliseconds
 constexpr int kTries = 3;
 
 bool IsDaemon(pid_t pid) {
@@ -36,7 +34,8 @@ bool IsDaemon(pid_t pid) {
 
 }  // namespace
 
-DaemonCycle::DaemonCycle(std::string fifo) : m_fifo(std::move(fifo)) {}
+DaemonCycle::DaemonCycle(std::string fifo, std::chrono::milliseconds patience)
+    : m_fifo(std::move(fifo)), m_patience(patience) {}
 
 DaemonCycle::~DaemonCycle() {
     if (m_inotify != -1) {
@@ -69,8 +68,8 @@ bool DaemonCycle::HasFeeder() const {
     return isLocked;
 }
 
-DaemonCycle::Seen DaemonCycle::WaitForCycle(int milliseconds) const {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
+DaemonCycle::Seen DaemonCycle::WaitForCycle() const {
+    const auto deadline = Clock::now() + m_patience;
     bool isClosed = false;
     while (Clock::now() < deadline) {
         std::array<pollfd, 2> entries = {{{m_inotify, POLLIN, 0}, {m_end.Descriptor(), POLLIN, 0}}};
@@ -104,7 +103,7 @@ std::string DaemonCycle::Run() {
         if (kill(m_pid, SIGHUP) != 0) {
             return FailureText("process " + std::to_string(m_pid), errno);
         }
-        switch (WaitForCycle(kPatience)) {
+        switch (WaitForCycle()) {
             case Seen::kOpened:
                 return "";
             case Seen::kEnded:

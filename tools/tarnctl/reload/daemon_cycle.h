@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <string>
 
 #include "tarnctl/common/daemon_process.h"
@@ -18,7 +19,11 @@ namespace tarnctl {
 
 class DaemonCycle {
   public:
-    explicit DaemonCycle(std::string fifo);
+    // The daemon waits for its event thread for two seconds, and reads long files after that.
+    static constexpr std::chrono::milliseconds kPatience{10000};
+
+    // `patience` is how long a hangup may remain without effect before it is sent again.
+    explicit DaemonCycle(std::string fifo, std::chrono::milliseconds patience = kPatience);
     ~DaemonCycle();
     DaemonCycle(const DaemonCycle&) = delete;
     DaemonCycle& operator=(const DaemonCycle&) = delete;
@@ -37,9 +42,10 @@ class DaemonCycle {
   private:
     enum class Seen { kOpened, kNothing, kEnded };
     // Waits until the FIFO has been closed and opened again.
-    [[nodiscard]] Seen WaitForCycle(int milliseconds) const;
+    [[nodiscard]] Seen WaitForCycle() const;
 
     const std::string m_fifo;
+    const std::chrono::milliseconds m_patience;
     pid_t m_pid = 0;
     ProcessEnd m_end;
     int m_inotify = -1;  // owned

@@ -7,10 +7,12 @@
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <utility>
 #include <vector>
 
 #include "tarnctl/common/config_file_options.h"
 #include "tarnctl/common/counted.h"
+#include "tarnctl/common/entry_guard.h"
 #include "tarnctl/common/exit_status.h"
 #include "tarnctl/common/feed_words.h"
 #include "tarnctl/common/number_checks.h"
@@ -18,6 +20,7 @@
 #include "tarnctl/common/tarn_process.h"
 #include "tarnctl/reload/daemon_cycle.h"
 #include "tarnctl/reload/feeder_link.h"
+#include "tarnctl/reload/kept_entries.h"
 
 namespace tarnctl {
 namespace {
@@ -27,17 +30,27 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kExamples =
     R"(With a feeder nothing is lost: it is held until tarn has read its files. Without one tarn
-drops the alerts that are inside it, up to 128 of the reader and 1024 of the queue.
+drops the alerts that are inside it, up to 128 of the reader and 1024 of the queue. What changes is
+said where it is known what was in force: from a feeder, from what the last reload has kept, or
+from files that are older than what tarn has read.
 
 Examples:
   tarnctl reload --feeder /var/lib/tarn/feed          with tarnctl feed --bookmark of that name
   tarnctl reload                                      without a feeder
   tarnctl reload --feeder /var/lib/tarn/feed --json   what has changed, for a program)";
 
+// The files were read before the daemon's cycle began, and how long before is not known. One that
+// was changed within this time before is not taken for what was read, in nanoseconds.
+constexpr int64_t kLoadTime = 2'000'000'000;
+
 class Reload {
   public:
     Reload(const ReloadOptions& options, std::ostream& out, std::ostream& err)
-        : m_options(options), m_out(out), m_err(err), m_cycle(options.fifo) {}
+        : m_options(options),
+          m_out(out),
+          m_err(err),
+          m_cycle(options.fifo),
+          m_guard({options.configFile, options.eventFile, options.stateFile}) {}
 
     int Run() {
         const auto started = Clock::now();
@@ -61,12 +74,69 @@ class Reload {
             fault = Hold();
         }
         if (fault.empty()) {
+            FindEntriesBefore();
             fault = m_cycle.Run();
         }
         if (fault.empty() && m_hasFeeder) {
             fault = m_feeder.Ask(kFeedReloaded, m_changes);
         }
+        if (fault.empty()) {
+            FindEntriesNow();
+        }
         return fault;
+    }
+
+    // The cycle that the daemon is in, if it has its entries from the files that are named.
+    [[nodiscard]] CycleMark PresentCycle() const {
+        return {m_cycle.Pid(), EntryGuard::CycleFile(), EntryGuard::CycleTime(),
+                m_options.configFile, m_options.eventFile};
+    }
+
+    void FindEntriesBefore() {
+        m_guardFault = m_guard.Load();
+        KeptEntries kept;
+        const std::string fault = LoadKeptEntries(m_options.kept, kept);
+        const std::string newer =
+            m_guard.NewerThan(EntryGuard::LastLoad(m_cycle.Pid()) - kLoadTime);
+        if (m_hasFeeder) {
+            m_source = "feeder";
+        } else if (kept.mark.time != 0 && kept.mark == PresentCycle()) {
+            m_source = "kept";
+            m_before = std::move(kept.policies);
+        } else if (m_guardFault.empty() && newer.empty()) {
+            m_source = "files";
+            m_before = m_guard.CurrentPolicies();
+        } else if (!m_guardFault.empty() || !fault.empty()) {
+            m_unknown = m_guardFault.empty() ? fault : m_guardFault;
+        } else if (kept.mark.time == 0) {
+            m_unknown =
+                newer + " may be newer than what tarn has read, and no reload has kept that";
+        } else {
+            m_unknown = newer + " may be newer than what tarn has read, and what was kept in " +
+                        m_options.kept + " is of an earlier load or of other files";
+        }
+    }
+
+    void FindEntriesNow() {
+        if (m_guardFault.empty()) {
+            m_guardFault = m_guard.LoadChanged();
+        }
+        if (!m_guardFault.empty()) {
+            Tell("what is in force now is not known: " + m_guardFault);
+            m_source = m_hasFeeder ? m_source : "";
+            m_unknown = m_guardFault;
+            return;
+        }
+        if (!m_hasFeeder && m_source.empty()) {
+            m_changes["entries"] = m_guard.Count();
+        } else if (!m_hasFeeder) {
+            m_changes = m_guard.ChangesSince(m_before);
+        }
+        const std::string fault =
+            KeepEntries(m_options.kept, {PresentCycle(), m_guard.CurrentPolicies()});
+        if (!fault.empty()) {
+            Tell("what is in force now is not kept for the next reload: " + fault);
+        }
     }
 
     // Runs this program's own check of the files in a process of its own, since the loader's
@@ -142,6 +212,7 @@ class Reload {
     void Show(const std::string& fault, double seconds) {
         if (m_options.json) {
             Json result = {{"daemon", m_cycle.Pid()}, {"feeder", m_hasFeeder}};
+            result["before"] = m_source.empty() || !fault.empty() ? Json(nullptr) : Json(m_source);
             for (const char* const name : {"entries", "added", "removed", "changed"}) {
                 result[name] = m_changes.contains(name) ? m_changes[name] : Json(nullptr);
             }
@@ -153,8 +224,8 @@ class Reload {
         if (!fault.empty()) {
             return;
         }
-        if (!m_hasFeeder) {
-            m_out << "tarn has read its files; without a feeder it is not known what was in force"
+        if (m_source.empty()) {
+            m_out << "tarn has read its files; what has changed is not known: " << m_unknown
                   << std::endl;
             return;
         }
@@ -181,6 +252,11 @@ class Reload {
     std::ostream& m_err;
     DaemonCycle m_cycle;
     FeederLink m_feeder;
+    EntryGuard m_guard;
+    std::string m_guardFault;
+    EntryGuard::Policies m_before;
+    std::string m_source;   // from where it is known what was in force; empty: it is not
+    std::string m_unknown;  // why it is not
     bool m_hasFeeder = false;
     Json m_changes = Json::object();
 };
@@ -195,6 +271,10 @@ CLI::App* AddReloadCommand(CLI::App& app, ReloadOptions& options) {
     command->add_option("--control", options.control, "Control socket of the feeder to hold")
         ->type_name("PATH");
     command->add_flag("--force", options.force, "Go on in spite of what the check finds");
+    command
+        ->add_option("--kept", options.kept, "Where to keep what is in force, for the next reload")
+        ->type_name("FILE")
+        ->capture_default_str();
     command->add_option("--wait", options.wait, "Wait up to S seconds for alerts under way")
         ->type_name("S")
         ->check(ZeroOrMore())

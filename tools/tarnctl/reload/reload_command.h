@@ -3,6 +3,10 @@
 // `tarnctl reload`: makes the daemon read its files again without losing an alert, and says what
 // has changed.
 //
+// What was in force before is known from three sources: a feeder has it; what the last reload has
+// kept is it as long as the daemon is in the same cycle; and so is what the files say, as long as
+// none of them is newer than the daemon's last load.
+//
 // Threads: the main thread.
 
 #include <CLI/CLI.hpp>
@@ -21,7 +25,8 @@ struct ReloadOptions : Display {
     std::string configFile = tarn::paths::kConfigFile;
     std::string eventFile = tarn::paths::kEventConfigFile;
     std::string stateFile = tarn::paths::kStateFile;
-    double wait = 60.0;  // seconds to wait for the alerts under way
+    std::string kept = "/var/lib/tarn/reload";  // what the last reload has put into force
+    double wait = 60.0;                         // seconds to wait for the alerts under way
     bool force = false;
     bool json = false;
 };

@@ -1,4 +1,4 @@
-#include "tarnctl/feed/entry_guard.h"
+#include "tarnctl/common/entry_guard.h"
 
 #include <sys/stat.h>
 
@@ -9,13 +9,18 @@
 
 #include "config/config.h"
 #include "config/event_rule_table.h"
+#include "paths.h"
+#include "ring/shm_ring_format.h"
 #include "tarnctl/common/daemon_load.h"
+#include "tarnctl/common/daemon_process.h"
 #include "tarnctl/common/read_error.h"
+#include "tarnctl/common/text_forms.h"
 
 namespace tarnctl {
 namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;
+constexpr int64_t kTick = 10'000'000;  // nanoseconds; a step of the process list's clock
 
 std::string PolicyText(const Node& node) {
     std::string text = "severity " + std::to_string(node.severity) + ", name \"" + node.eventName +
@@ -25,7 +30,7 @@ std::string PolicyText(const Node& node) {
         text += ", block " + std::to_string(rule.flags) + " for " + std::to_string(rule.duration) +
                 " s at " + std::to_string(rule.rateLimit);
     }
-    return text;
+    return ForTerminal(text);  // it is shown and kept in JSON, and names may have any bytes
 }
 
 }  // namespace
@@ -120,6 +125,22 @@ nlohmann::ordered_json EntryGuard::ChangesSince(const Policies& before) const {
 
 int EntryGuard::Channel() {
     return Config::s_engineCrm;
+}
+
+std::string EntryGuard::CycleFile() {
+    return std::string(tarn::paths::kEventQueueBase) + "CRM" + std::to_string(Channel()) +
+           kShmRingSecondSuffix;
+}
+
+int64_t EntryGuard::CycleTime() {
+    struct stat status = {};
+    return stat(CycleFile().c_str(), &status) == 0
+               ? status.st_mtim.tv_sec * kSecond + status.st_mtim.tv_nsec
+               : 0;
+}
+
+int64_t EntryGuard::LastLoad(pid_t pid) {
+    return std::max(NewestThreadStart(pid) + kTick, CycleTime());
 }
 
 bool EntryGuard::OnFile(const char* path, int, int error) {

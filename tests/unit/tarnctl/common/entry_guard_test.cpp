@@ -1,4 +1,4 @@
-#include "tarnctl/feed/entry_guard.h"
+#include "tarnctl/common/entry_guard.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -2,6 +2,8 @@
 
 // Which signatures have an entry in the daemon as it runs, for an alert without one ends it.
 //
+// The feeder keeps it for as long as it feeds, a reload for what was in force and what is.
+//
 // The daemon reads its files when it starts and, at a hangup, those whose time has changed. The
 // guard does the same with the daemon's own loader, at the same moments, so that it has what the
 // daemon has and not what the files say by now. A daemon that was there before the guard may have
@@ -10,6 +12,8 @@
 // Only one object may exist at a time: the loader's table and settings are static.
 //
 // Threads: one at a time.
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <map>
@@ -56,6 +60,15 @@ class EntryGuard final : public LoadObserver {
 
     // Of tarn.conf.
     [[nodiscard]] static int Channel();
+    // The second ring of that channel, which carries no reports. Its file is touched when the
+    // daemon begins a cycle, which is after its files have been read, and by whoever else attaches
+    // to it.
+    [[nodiscard]] static std::string CycleFile();
+    // When that was, in nanoseconds since the epoch; 0 when there is no such file.
+    [[nodiscard]] static int64_t CycleTime();
+    // A moment after which the daemon of this process number has not read its files, in nanoseconds
+    // since the epoch.
+    [[nodiscard]] static int64_t LastLoad(pid_t pid);
 
     bool OnFile(const char* path, int kind, int error) override;
     void OnLine(const LineRead&) override {}
