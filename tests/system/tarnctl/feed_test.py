@@ -1,10 +1,14 @@
 #!/usr/bin/env python3
 """`tarnctl feed` with a real daemon, in both thread modes: nothing is lost without a name."""
 
+import fcntl
 import json
 import os
+import pty
 import signal
+import struct
 import subprocess
+import termios
 import time
 import unittest
 from pathlib import Path
@@ -211,6 +215,66 @@ class Feed(harness.DaemonTest):
         second = subprocess.run(FEED, capture_output=True, text=True, check=False)
         self.assertEqual(1, second.returncode)
         self.assertIn("another receiver is there already", second.stderr)
+
+    def on_terminal(self, columns, *arguments):
+        """What a feeder with a terminal of so many columns for its standard error writes there."""
+        master, slave = pty.openpty()
+        self.addCleanup(os.close, master)
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        with subprocess.Popen([*FEED, *arguments], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL, stderr=slave) as feeder:
+            os.close(slave)
+            shown = b""
+            try:
+                while data := os.read(master, 4096):
+                    shown += data
+            except OSError:  # the way in which a terminal says that nobody has it open any more
+                pass
+        self.assertEqual(0, feeder.returncode)
+        return shown.decode()
+
+    def test_shows_its_progress_on_a_terminal(self):
+        self.daemon().ready()
+        self.write("u2.1", *map(self.alert, range(50)))
+        shown = self.on_terminal(60, "--once")
+        self.assertRegex(shown, r"\r\[#+\] 100% u2\.1: 50 alerts, 50 under way\x1b\[K")
+        self.assertTrue(shown.endswith("\r\x1b[K"), shown)
+        for line in shown.replace("\x1b[K", "").replace("\n", "\r").split("\r"):
+            self.assertLess(len(line), 60, shown)
+
+    def test_a_notice_takes_the_progress_off_its_line(self):
+        self.daemon().ready()
+        self.write("u2.1", *map(self.alert, range(50)))
+        self.write("u2.2", frame(72, b"other"))
+        shown = self.on_terminal(200, "--once")
+        self.assertIn("\r\x1b[Ktarnctl feed: records of type 72 are skipped", shown)
+
+    def test_without_a_terminal_it_shows_no_progress(self):
+        self.daemon().ready()
+        self.write("u2.1", *map(self.alert, range(50)))
+        self.feed_once()
+        self.assertNotIn("\r", self.told())
+
+    def test_keeps_its_counters_in_a_text_file(self):
+        self.daemon().ready()
+        counters = Path("/cache/feed.prom")
+        feeder = self.feed("--prometheus", str(counters))
+        harness.wait_for(counters.exists, "the counters")
+        self.assertIn("\ntarnctl_feed_records_total 0\n", counters.read_text(encoding="utf-8"))
+        self.write("u2.1", *map(self.alert, range(50)))
+        self.assertEqual(list(range(50)), self.seconds(50))
+        self.stop(feeder)
+        text = counters.read_text(encoding="utf-8")
+        for line in ("tarnctl_feed_alerts_total 50", "tarnctl_feed_reports_total 50",
+                     "tarnctl_feed_under_way 0", "tarnctl_feed_held 0"):
+            self.assertIn(f"\n{line}\n", text)
+        self.assertEqual([], list(counters.parent.glob("feed.prom.*")))
+
+    def test_counters_that_cannot_be_written_stop_nothing(self):
+        self.daemon().ready()
+        self.write("u2.1", *map(self.alert, range(50)))
+        self.assertEqual(50, self.feed_once("--prometheus", "/cache/none/feed.prom")["reports"])
+        self.assertEqual(1, self.told().count("the counters cannot be written: /cache/none/feed.prom"))
 
     def test_kills_at_random_moments_lose_nothing(self):
         for single in ("", "--single"):

@@ -43,6 +43,7 @@ class FeedFifo {
     // Waits for room in the pipe for at most this time.
     void WaitForRoom(int milliseconds) const;
     // How often a reader has closed the FIFO since the last call: the daemon does so at a signal.
+    // Some of several in a row may count as one, but never all as none.
     [[nodiscard]] uint32_t TakeReaderCloses();
 
     [[nodiscard]] const std::string& Path() const { return m_path; }
