@@ -2,7 +2,8 @@
 """Counts what is lost and what comes twice between the event queue and the file of `tarnctl crm`.
 
 A writer stands in for the daemon and puts reports of a number of their own into the ring, while
-`tarnctl crm --eve` is killed at random moments and started again. It runs in scripts/sandbox:
+`tarnctl crm --eve` is killed at random moments and started again. With --spill the lines go to a
+collector that is away now and then. It runs in scripts/sandbox:
 
   scripts/sandbox --keep BUILD env TARNCTL_BINARY=... PYTHONPATH=tests/system \\
       tests/system/tarnctl/crm_soak.py --reports 1000000 --kills 200
@@ -16,15 +17,19 @@ import mmap
 import os
 import random
 import signal
+import socket
 import struct
 import subprocess
 import sys
+import threading
 import time
 from pathlib import Path
 
 import harness
 
 FILE = Path("/cache/eve.json")
+SOCKET = Path("/cache/collector")
+SPILL = Path("/cache/spill")
 RING = Path("/var/tmp/EventQueueCRM2-0")
 RING_BYTES = 0x800000
 SEMAPHORE = b"/EventQueueCRM.sem"
@@ -91,17 +96,73 @@ class Writer:
         return self._words[0] == self._words[1]
 
 
+def waiting_lines():
+    """Lines in the spill file, as its header has them."""
+    return struct.unpack_from("<Q", SPILL.read_bytes()[:48], 32)[0]
+
+
+class Collector:
+    """Reads lines at a socket into the file, and is away now and then."""
+
+    def __init__(self, seed):
+        self._random = random.Random(seed)
+        self._stop = False
+        self.rounds = 0
+        self._thread = threading.Thread(target=self._run)
+        self._thread.start()
+
+    def _run(self):
+        with open(FILE, "wb") as file:
+            while not self._stop:
+                SOCKET.unlink(missing_ok=True)
+                with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
+                    listener.bind(str(SOCKET))
+                    listener.listen()
+                    self._serve(listener, file, time.monotonic() + 2 + self._random.random())
+                self.rounds += 1
+                time.sleep(self._random.random())
+
+    def _serve(self, listener, file, until):
+        """Takes one connection after the other; of half a line at the end of one nothing is kept."""
+        while not self._stop and time.monotonic() < until:
+            listener.settimeout(0.05)
+            try:
+                connection = listener.accept()[0]
+            except TimeoutError:
+                continue
+            with connection:
+                connection.settimeout(0.05)
+                rest = b""
+                while not self._stop and time.monotonic() < until:
+                    try:
+                        part = connection.recv(65536)
+                    except TimeoutError:
+                        continue
+                    if not part:
+                        break
+                    whole, end, rest = (rest + part).rpartition(b"\n")
+                    file.write(whole + end)
+
+    def close(self):
+        self._stop = True
+        self._thread.join()
+
+
 class Soak:
     def __init__(self, options):
         self.options = options
         self.writer = Writer()
+        self.collector = Collector(options.seed) if options.spill else None
         self.written = 0
         self.errors = open("/cache/soak_errors", "ab")
         self.service = None
 
     def start(self):
+        where = ["--eve", str(FILE)]
+        if self.collector:
+            where = ["--eve", f"unix:{SOCKET}", "--spill", str(SPILL)]
         self.service = subprocess.Popen(
-            [os.environ["TARNCTL_BINARY"], "crm", "--eve", str(FILE)], stdin=subprocess.DEVNULL,
+            [os.environ["TARNCTL_BINARY"], "crm", *where], stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL, stderr=self.errors)
 
     def write_up_to(self, number, seconds=None):
@@ -132,10 +193,15 @@ class Soak:
         while self.written < self.options.reports:
             self.write_up_to(self.options.reports)
         harness.wait_for(self.writer.is_empty, "the last report to be taken", 10 * harness.PATIENCE)
+        if self.collector:
+            harness.wait_for(lambda: waiting_lines() == 0, "the spill file to be empty",
+                             10 * harness.PATIENCE)
+            self.collector.close()
         self.service.send_signal(signal.SIGTERM)
         assert self.service.wait(harness.PATIENCE) == 0
 
     def count(self):
+        away = self.collector.rounds if self.collector else 0
         seen = bytearray(self.options.reports)
         doubled = runs = out_of_order = 0
         last = -1
@@ -156,7 +222,8 @@ class Soak:
                 assert line.endswith(b"}\n"), "half a line"
         return {"reports": self.options.reports, "kills": self.options.kills,
                 "lost": seen.count(0), "doubled": doubled, "batchesAgain": runs,
-                "outOfOrder": out_of_order, "most": self.options.kills * BATCH}
+                "outOfOrder": out_of_order, "timesAway": away,
+                "most": (self.options.kills + away) * BATCH}
 
 
 def main():
@@ -167,6 +234,8 @@ def main():
     parser.add_argument("--kills", type=int, default=10)
     parser.add_argument("--gap", type=float, default=0.05, help="seconds at most up to a kill")
     parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--spill", action="store_true",
+                        help="a collector at a socket that is away now and then, and a spill file")
     soak = Soak(parser.parse_args())
     soak.run()
     result = soak.count()

@@ -118,12 +118,19 @@ class Eve(unittest.TestCase):
         service.send_signal(signal.SIGTERM)
         self.assertEqual(0, service.wait(harness.PATIENCE))
 
-    def test_no_report_is_lost_when_it_is_killed(self):
-        done = subprocess.run([sys.executable, str(SOAK), "--reports", "20000", "--kills", "10"],
+    def soak(self, *options):
+        done = subprocess.run([sys.executable, str(SOAK), "--reports", "20000", "--kills", "10",
+                               *options],
                               stdout=subprocess.PIPE, text=True, check=False,
                               timeout=20 * harness.PATIENCE)
         result = json.loads(done.stdout)
         self.assertEqual((0, 0, 0), (done.returncode, result["lost"], result["outOfOrder"]), result)
+
+    def test_no_report_is_lost_when_it_is_killed(self):
+        self.soak()
+
+    def test_no_report_is_lost_when_the_collector_is_away_and_it_is_killed(self):
+        self.soak("--spill")
 
 
 if __name__ == "__main__":

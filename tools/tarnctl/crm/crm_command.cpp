@@ -112,6 +112,17 @@ CLI::App* AddCrmCommand(CLI::App& app, CrmOptions& options) {
     eve->type_name("FILE|-|unix:PATH")->excludes(peek)->excludes("--fresh");
     command->add_flag("--packets", options.packets, "With --eve: add each report's packet")
         ->needs(eve);
+    CLI::Option* const spill =
+        command->add_option("--spill", options.spill, "With --eve: let reports wait in this file");
+    spill->type_name("FILE")->needs(eve);
+    command
+        ->add_option("--spill-limit", options.spillLimit,
+                     "Bytes that wait there at most; K, M and G are powers of 1024")
+        ->type_name("SIZE")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(AboveZero())
+        ->capture_default_str()
+        ->needs(spill);
     command->footer(kExamples);
     return command;
 }

@@ -17,13 +17,15 @@ struct CrmOptions : MonitorOptions {
     // Whether reports are handed on and not shown.
     [[nodiscard]] bool HasSinks() const { return !eve.empty(); }
 
-    int channel = 2;                // the default of tarn.engine.crm
-    bool fresh = false;             // what waits already is thrown away
-    bool peek = false;              // looks and takes nothing
-    bool follow = false;            // with peek: goes on with what comes
-    std::string eve;                // where lines of EVE JSON go; empty: nowhere
-    bool packets = false;           // with their packets
-    std::string queueName = "CRM";  // not an option; tests use a queue of their own
+    int channel = 2;       // the default of tarn.engine.crm
+    bool fresh = false;    // what waits already is thrown away
+    bool peek = false;     // looks and takes nothing
+    bool follow = false;   // with peek: goes on with what comes
+    std::string eve;       // where lines of EVE JSON go; empty: nowhere
+    bool packets = false;  // with their packets
+    std::string spill;     // where lines wait for a sink that is away; empty: in the queue
+    uint64_t spillLimit = 1U << 30;  // bytes of lines that wait there at most
+    std::string queueName = "CRM";   // not an option; tests use a queue of their own
 };
 
 // Declares the sub-command with its options, which are stored in `options` when it is parsed.

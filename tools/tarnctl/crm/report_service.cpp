@@ -41,7 +41,10 @@ class ReportService final : public Monitor {
   public:
     ReportService(const CrmOptions& options, std::ostream& out, std::ostream& err)
         : Monitor("crm", "report", options, out, err), m_options(options) {
-        m_outlets.emplace_back(MakeEveSink(options.eve));
+        m_outlets.emplace_back(
+            MakeEveSink(options.eve),
+            options.spill.empty() ? nullptr
+                                  : std::make_unique<SpillFile>(options.spill, options.spillLimit));
     }
 
   private:
@@ -187,6 +190,10 @@ class ReportService final : public Monitor {
         for (const Outlet& outlet : m_outlets) {
             counts +=
                 "; " + outlet.Sink().Kind() + ": " + std::to_string(outlet.Taken()) + " taken";
+            if (const SpillFile* const spill = outlet.Spill()) {
+                counts += ", " + std::to_string(spill->Waiting()) + " in the spill file, " +
+                          std::to_string(spill->Lost()) + " lost";
+            }
         }
         return counts;
     }
@@ -202,9 +209,12 @@ class ReportService final : public Monitor {
         Json sinks = Json::array();
         for (const Outlet& outlet : m_outlets) {
             const std::string& error = outlet.Sink().Error();
+            const SpillFile* const spill = outlet.Spill();
             sinks.push_back(Json{{"sink", outlet.Sink().Kind()},
                                  {"target", TextAsJson(outlet.Sink().Target())},
                                  {"taken", outlet.Taken()},
+                                 {"waiting", spill != nullptr ? spill->Waiting() : 0},
+                                 {"lost", spill != nullptr ? spill->Lost() : 0},
                                  {"error", error.empty() ? Json() : TextAsJson(error)}});
         }
         return Json{{"channel", m_options.channel},

@@ -168,12 +168,62 @@ TEST_F(ReportServiceTest, HasItsCountersAsJson) {
     ASSERT_TRUE(m_daemon.Send(Report(1)));
     m_options.json = true;
     EXPECT_EQ(kExitFine, Run());
-    const json expected = {
-        {"channel", 7},
-        {"reports", 1},
-        {"putBack", 0},
-        {"sinks", {{{"sink", "eve"}, {"target", m_path}, {"taken", 1}, {"error", nullptr}}}}};
+    const json expected = {{"channel", 7},
+                           {"reports", 1},
+                           {"putBack", 0},
+                           {"sinks",
+                            {{{"sink", "eve"},
+                              {"target", m_path},
+                              {"taken", 1},
+                              {"waiting", 0},
+                              {"lost", 0},
+                              {"error", nullptr}}}}};
     EXPECT_EQ(expected, json::parse(m_out.str()));
+}
+
+TEST_F(ReportServiceTest, LetsReportsWaitInASpillFileAndHandsThemOnFirst) {
+    m_options.spill = m_folder.File("spill");
+    m_options.eve = "unix:" + m_folder.File("nobody");
+    for (uint32_t sid = 1; sid <= 1000; ++sid) {
+        ASSERT_TRUE(m_daemon.Send(Report(sid)));
+    }
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(0, m_daemon.Posts());
+    EXPECT_THAT(m_err.str(),
+                HasSubstr("1000 reports; eve: 0 taken, 1000 in the spill file, 0 lost\n"));
+    m_options.eve = m_path;
+    ASSERT_TRUE(m_daemon.Send(Report(1001)));
+    EXPECT_EQ(kExitFine, Run());
+    const std::vector<uint32_t> sids = Sids(m_path);
+    ASSERT_EQ(1001U, sids.size());
+    for (uint32_t sid = 1; sid <= 1001; ++sid) {
+        ASSERT_EQ(sid, sids[sid - 1]);
+    }
+    EXPECT_THAT(m_err.str(), HasSubstr("1 report; eve: 1001 taken, 0 in the spill file, 0 lost\n"));
+}
+
+TEST_F(ReportServiceTest, CountsWhatFindsNoRoomInTheSpillFileAndSaysSoOnce) {
+    m_options.spill = m_folder.File("spill");
+    m_options.spillLimit = 2000;
+    m_options.eve = "unix:" + m_folder.File("nobody");
+    for (uint32_t sid = 1; sid <= 1000; ++sid) {
+        ASSERT_TRUE(m_daemon.Send(Report(sid)));
+    }
+    EXPECT_EQ(kExitFine, Run());
+    const std::string told = m_err.str();
+    const size_t first = told.find("the spill file is full, and reports are lost");
+    EXPECT_NE(std::string::npos, first);
+    EXPECT_EQ(std::string::npos, told.find("the spill file is full", first + 1));
+    m_options.eve = m_path;
+    m_options.json = true;
+    EXPECT_EQ(kExitFine, Run());
+    const json sink = json::parse(m_out.str())["sinks"][0];
+    const std::vector<uint32_t> sids = Sids(m_path);
+    ASSERT_FALSE(sids.empty());
+    EXPECT_EQ(1U, sids.front());
+    EXPECT_EQ(sids.size(), sink["taken"]);
+    EXPECT_EQ(1000 - sids.size(), sink["lost"]);
+    EXPECT_EQ(0, sink["waiting"]);
 }
 
 TEST_F(ReportServiceTest, BeginsANewFileAtAHangup) {
