@@ -311,6 +311,14 @@ TEST_F(EventRuleTableDump, ShowsAnEmptyTableAsItsFrame) {
         Dumped());
 }
 
+TEST_F(EventRuleTableDump, NamesTheBucketsByTheLowestEightBits) {
+    Enter(200);
+    Enter(0x1234FF);
+    const std::string dump = Dumped();
+    EXPECT_NE(std::string::npos, dump.find("Bucket[200] => "));
+    EXPECT_NE(std::string::npos, dump.find("Bucket[255] => "));
+}
+
 TEST_F(EventRuleTableDump, ShowsEveryFieldUnderItsShortName) {
     table.SetSeverity(258, 2);
     table.SetRule(258, "alert tcp");
