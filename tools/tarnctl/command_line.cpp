@@ -179,7 +179,7 @@ class CommandLine {
     // The first flag that was given a value, as "--json=no", or an empty text.
     [[nodiscard]] std::string FlagWithValue(const CLI::App& command) const {
         for (const std::string& word : m_words) {
-            const std::string name = word.substr(0, word.find('='));
+            std::string name = word.substr(0, word.find('='));
             const CLI::Option* const option =
                 name.starts_with("--") ? command.get_option_no_throw(name) : nullptr;
             if (option != nullptr && !TakesValue(*option) && name.size() < word.size()) {

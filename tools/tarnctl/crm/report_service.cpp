@@ -53,7 +53,7 @@ class ReportService final : public Monitor {
         CatchRequests(SIGUSR1);
         std::string to;
         for (Outlet& outlet : m_outlets) {
-            const std::string obstacle = outlet.Open();
+            std::string obstacle = outlet.Open();
             if (!obstacle.empty()) {
                 return obstacle;
             }
