@@ -105,9 +105,9 @@ TEST_F(EveLineTest, NamesProtocolsOrGivesTheirNumber) {
 }
 
 TEST_F(EveLineTest, HasAVlanWhereTheReportHasOne) {
-    EXPECT_EQ(json({12}), Parsed()["vlan"]);
+    EXPECT_EQ(json::array({12}), Parsed()["vlan"]);
     m_message.report.vlanId = 0;
-    EXPECT_EQ(json({0}), Parsed()["vlan"]);
+    EXPECT_EQ(json::array({0}), Parsed()["vlan"]);
     m_message.report.vlanId = kReportNoVlan;
     EXPECT_FALSE(Parsed().contains("vlan"));
 }
