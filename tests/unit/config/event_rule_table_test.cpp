@@ -248,14 +248,14 @@ TEST_F(EventRuleTableRemove, LeavesTheOtherKeyOfTheBucket) {
 }
 
 TEST_F(EventRuleTableRemove, LeavesTheOthersInTheirOrderAndReleasesTheNode) {
-    for (const uint32_t id : {1, 257, 513, 769, 1025}) {
+    for (const uint32_t id : {1U, 257U, 513U, 769U, 1025U}) {
         Enter(id, "name of " + std::to_string(id));
     }
     const auto node = table.Find(513);
     EXPECT_TRUE(table.Remove(513));
     EXPECT_EQ(1, node.use_count());
     EXPECT_EQ("name of 513", node->eventName);
-    for (const uint32_t id : {1, 257, 769, 1025}) {
+    for (const uint32_t id : {1U, 257U, 769U, 1025U}) {
         EXPECT_EQ("name of " + std::to_string(id), NameOf(id));
     }
     EXPECT_EQ(4U, table.NodeCount());
