@@ -448,6 +448,19 @@ TEST_F(QuarantinePolicy, NothingIsBlockedWhereNoRuleApplies) {
     EXPECT_THAT(Texts(), IsEmpty());
 }
 
+TEST_F(QuarantinePolicy, AnEndThatWrapsToZeroIsRefusedWithALineOfItsOwn) {
+    const std::unique_ptr<CrmEventSource> source(MakeSource(4, IPPROTO_TCP));
+    BlockRule rule;
+    rule.flags = kIntruderAddress;
+    rule.duration = uint64_t{0} - kEventTime;
+    const LogCapture log(vald::Log::kWarning);
+    EXPECT_EQ(-1, ByRule(*source, rule));
+    EXPECT_THAT(log.Messages(), ElementsAre("Expiration time must not be zero.",
+                                            "Quarantine rule must have an expiration time.",
+                                            "Fail to construct quarantine rule string."));
+    EXPECT_TRUE(m_manager.Requests().empty());
+}
+
 TEST_F(QuarantinePolicy, ReportGoesOutThoughNoManagerIsThere) {
     EventBridgePeer::SetSecurityManager(*m_bridge, m_dir.File("nobody"), 1);
     Block("quarantine-traffic", {"quarantine-intruder-address, duration: 60"});
