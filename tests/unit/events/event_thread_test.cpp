@@ -95,6 +95,19 @@ TEST_F(EventThreadTest, StopEndsAThreadThatWaitsInTheBridge) {
     EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
 }
 
+TEST_F(EventThreadTest, HearsAStopAfterEachEvent) {
+    InitializeBridge();
+    EventThread thread("eventthread", 0, 0);
+    auto* first = new TestAlert(kKnown);
+    first->m_beforeReport = [&thread] { thread.Stop(); };
+    ASSERT_EQ(0, m_bridge->EnqueueEvent(first));
+    ASSERT_EQ(0, m_bridge->EnqueueEvent(new TestAlert(kKnown)));
+    ASSERT_TRUE(thread.Start(false));
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
+    EXPECT_EQ(1, TestAlert::s_reportsMade) << "the second event stays in the ring";
+}
+
 TEST_F(EventThreadTest, ExitsWithTwoWhenTheBridgeIsNotInitialised) {
     const auto lines = LevelledMessages([] {
         EventThread thread("eventthread", 0, 0);
@@ -210,9 +223,11 @@ TEST_F(EventThreadTest, StopWakesASuspendedThreadWhichLogsThatItResumed) {
     ASSERT_TRUE(thread.Start(false));
     thread.Suspend();
     ASSERT_TRUE(thread.WaitSuspended(kLongMs));
+    ASSERT_EQ(0, m_bridge->EnqueueEvent(new TestAlert(kKnown)));
     thread.Stop();
     ASSERT_TRUE(thread.Join(kLongMs, nullptr));
     EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
+    EXPECT_EQ(0, TestAlert::s_reportsMade) << "the event stays in the ring";
     EXPECT_TRUE(log.Contains(" suspended."));
     EXPECT_TRUE(log.Contains(" resumed."));
     EXPECT_TRUE(log.Contains(" exiting: 0"));
