@@ -113,7 +113,7 @@ class Eve(unittest.TestCase):
         harness.wait_for(FILE.exists, "the file")
         harness.wait_for(lambda: b"goes to" in errors.read_bytes(), "the service")
         service.send_signal(signal.SIGUSR1)
-        harness.wait_for(lambda: b"0 reports; eve: 0 taken" in errors.read_bytes(), "the counters")
+        harness.wait_for(lambda: b"0 reports; eve /cache/eve.json: 0 taken" in errors.read_bytes(), "the counters")
         service.send_signal(signal.SIGHUP)
         service.send_signal(signal.SIGTERM)
         self.assertEqual(0, service.wait(harness.PATIENCE))

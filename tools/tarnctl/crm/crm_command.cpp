@@ -23,7 +23,9 @@ Examples:
   tarnctl crm --json | jq .report.issueId  one JSON object a line
   tarnctl crm --channel 3 --fresh          channel 3, without what waits there already
   tarnctl crm --peek --follow              watch a queue that the CRM reads
-  tarnctl crm --eve /var/log/eve.json      for a log collector; none is lost)";
+  tarnctl crm --eve /var/log/eve.json      for a log collector; none is lost
+  tarnctl crm --eve eve.json --eve unix:/run/collector --spill waiting
+                                           for two; each gets all, however long one is away)";
 
 class CrmMonitor final : public CrmReportMonitor {
   public:
@@ -109,7 +111,8 @@ CLI::App* AddCrmCommand(CLI::App& app, CrmOptions& options) {
         ->needs(peek);
     CLI::Option* const eve =
         command->add_option("--eve", options.eve, "Hand reports on as lines of EVE JSON");
-    eve->type_name("FILE|-|unix:PATH")->excludes(peek)->excludes("--fresh");
+    eve->type_name("FILE|-|unix:PATH")->allow_extra_args(false);
+    eve->excludes(peek)->excludes("--fresh");
     command->add_flag("--packets", options.packets, "With --eve: add each report's packet")
         ->needs(eve);
     CLI::Option* const spill =
@@ -117,7 +120,7 @@ CLI::App* AddCrmCommand(CLI::App& app, CrmOptions& options) {
     spill->type_name("FILE")->needs(eve);
     command
         ->add_option("--spill-limit", options.spillLimit,
-                     "Bytes that wait there at most; K, M and G are powers of 1024")
+                     "Bytes that wait there at most for each; K, M and G are powers of 1024")
         ->type_name("SIZE")
         ->transform(CLI::AsSizeValue(false))
         ->check(AboveZero())

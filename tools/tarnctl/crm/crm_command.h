@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 #include <iosfwd>
 #include <string>
+#include <vector>
 
 #include "tarnctl/common/monitor.h"
 
@@ -17,14 +18,14 @@ struct CrmOptions : MonitorOptions {
     // Whether reports are handed on and not shown.
     [[nodiscard]] bool HasSinks() const { return !eve.empty(); }
 
-    int channel = 2;       // the default of tarn.engine.crm
-    bool fresh = false;    // what waits already is thrown away
-    bool peek = false;     // looks and takes nothing
-    bool follow = false;   // with peek: goes on with what comes
-    std::string eve;       // where lines of EVE JSON go; empty: nowhere
-    bool packets = false;  // with their packets
-    std::string spill;     // where lines wait for a sink that is away; empty: in the queue
-    uint64_t spillLimit = 1U << 30;  // bytes of lines that wait there at most
+    int channel = 2;               // the default of tarn.engine.crm
+    bool fresh = false;            // what waits already is thrown away
+    bool peek = false;             // looks and takes nothing
+    bool follow = false;           // with peek: goes on with what comes
+    std::vector<std::string> eve;  // where lines of EVE JSON go
+    bool packets = false;          // with their packets
+    std::string spill;             // where lines wait for a sink that is away; empty: in the queue
+    uint64_t spillLimit = 1U << 30;  // bytes of lines that wait there at most, for each sink
     std::string queueName = "CRM";   // not an option; tests use a queue of their own
 };
 

@@ -14,11 +14,10 @@
 #include "tarnctl/common/monitor.h"
 #include "tarnctl/common/signals.h"
 #include "tarnctl/common/text_forms.h"
-#include "tarnctl/crm/eve_file.h"
 #include "tarnctl/crm/eve_line.h"
-#include "tarnctl/crm/eve_socket.h"
 #include "tarnctl/crm/held_reports.h"
 #include "tarnctl/crm/outlet.h"
+#include "tarnctl/crm/report_sinks.h"
 
 namespace tarnctl {
 namespace {
@@ -29,31 +28,22 @@ using Milliseconds = std::chrono::milliseconds;
 // time.
 constexpr Milliseconds kLookInterval{20};
 
-std::unique_ptr<ReportSink> MakeEveSink(const std::string& place) {
-    constexpr std::string_view kSocket = "unix:";
-    if (place.starts_with(kSocket)) {
-        return std::make_unique<EveSocket>(place.substr(kSocket.size()));
-    }
-    return std::make_unique<EveFile>(place);
-}
-
 class ReportService final : public Monitor {
   public:
     ReportService(const CrmOptions& options, std::ostream& out, std::ostream& err)
-        : Monitor("crm", "report", options, out, err), m_options(options) {
-        m_outlets.emplace_back(
-            MakeEveSink(options.eve),
-            options.spill.empty() ? nullptr
-                                  : std::make_unique<SpillFile>(options.spill, options.spillLimit));
-    }
+        : Monitor("crm", "report", options, out, err), m_options(options) {}
 
   private:
     std::string Begin() override {
         CatchRequests(SIGHUP);
         CatchRequests(SIGUSR1);
+        std::string obstacle = MakeOutlets(m_options, m_outlets);
+        if (!obstacle.empty()) {
+            return obstacle;
+        }
         std::string to;
         for (Outlet& outlet : m_outlets) {
-            std::string obstacle = outlet.Open();
+            obstacle = outlet.Open();
             if (!obstacle.empty()) {
                 return obstacle;
             }
@@ -63,6 +53,9 @@ class ReportService final : public Monitor {
             return m_held->Error();
         }
         Say("channel " + std::to_string(m_options.channel) + " goes to " + to);
+        for (const std::string& text : ForgottenReports(m_options, m_outlets)) {
+            Say(text);
+        }
         TellNews();
         return "";
     }
@@ -188,8 +181,8 @@ class ReportService final : public Monitor {
     [[nodiscard]] std::string Counts() const override {
         std::string counts = Counted(Taken(), "report");
         for (const Outlet& outlet : m_outlets) {
-            counts +=
-                "; " + outlet.Sink().Kind() + ": " + std::to_string(outlet.Taken()) + " taken";
+            counts += "; " + outlet.Sink().Kind() + ' ' + outlet.Sink().Target() + ": " +
+                      std::to_string(outlet.Taken()) + " taken";
             if (const SpillFile* const spill = outlet.Spill()) {
                 counts += ", " + std::to_string(spill->Waiting()) + " in the spill file, " +
                           std::to_string(spill->Lost()) + " lost";
@@ -199,7 +192,8 @@ class ReportService final : public Monitor {
     }
 
     void End() override {
-        if (WritesJson() && m_options.eve != "-") {
+        const auto& eve = m_options.eve;
+        if (WritesJson() && std::find(eve.begin(), eve.end(), "-") == eve.end()) {
             Write(CountsAsJson());
         }
     }

@@ -70,10 +70,7 @@ std::string SpillFile::Open() {
         return WriteHead() ? "" : m_error;
     }
     Head head = {};
-    if (!S_ISREG(status.st_mode) ||
-        !Whole(pread, m_fd, reinterpret_cast<char*>(&head), sizeof head, 0) ||
-        std::memcmp(head.magic, m_head.magic, sizeof head.magic) != 0 || head.limit == 0 ||
-        head.writeAt < head.readAt || head.writeAt - head.readAt > head.limit) {
+    if (!S_ISREG(status.st_mode) || !ReadHead(m_fd, head)) {
         return m_path + " is no spill file; name another one";
     }
     m_head = head;
@@ -81,6 +78,12 @@ std::string SpillFile::Open() {
         m_head.limit = m_wantedLimit;
     }
     return WriteHead() ? "" : m_error;
+}
+
+bool SpillFile::ReadHead(int fd, Head& head) {
+    return Whole(pread, fd, reinterpret_cast<char*>(&head), sizeof head, 0) &&
+           std::memcmp(head.magic, kMagic.data(), sizeof head.magic) == 0 && head.limit != 0 &&
+           head.writeAt >= head.readAt && head.writeAt - head.readAt <= head.limit;
 }
 
 bool SpillFile::WriteHead() {
@@ -163,6 +166,17 @@ void SpillFile::Take(size_t bytes) {
     if (WriteHead() && IsEmpty()) {
         (void)!ftruncate(m_fd, sizeof m_head);
     }
+}
+
+std::optional<uint64_t> WaitingInSpillFile(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd == -1) {
+        return std::nullopt;
+    }
+    SpillFile::Head head = {};
+    const bool isRead = flock(fd, LOCK_SH | LOCK_NB) == 0 && SpillFile::ReadHead(fd, head);
+    close(fd);
+    return isRead ? std::optional(head.waiting) : std::nullopt;
 }
 
 }  // namespace tarnctl

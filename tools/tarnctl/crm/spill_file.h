@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -38,12 +39,15 @@ class SpillFile {
     // So many bytes of whole lines at the front wait no longer.
     void Take(size_t bytes);
 
+    [[nodiscard]] const std::string& Path() const { return m_path; }
     [[nodiscard]] bool IsEmpty() const { return m_head.readAt == m_head.writeAt; }
     [[nodiscard]] uint64_t Waiting() const { return m_head.waiting; }  // lines
     [[nodiscard]] uint64_t Lost() const { return m_head.lost; }        // lines, since it was made
     [[nodiscard]] const std::string& Error() const { return m_error; }
 
   private:
+    friend std::optional<uint64_t> WaitingInSpillFile(const std::string& path);
+
     // The front of the file, in host byte order.
     struct Head {
         char magic[8];
@@ -55,6 +59,8 @@ class SpillFile {
         uint64_t lost;     // lines
     };
 
+    // Reads the front of a file. False when it is no spill file.
+    [[nodiscard]] static bool ReadHead(int fd, Head& head);
     [[nodiscard]] bool WriteHead();
     [[nodiscard]] bool WriteBytes(uint64_t position, std::string_view bytes);
     [[nodiscard]] bool ReadBytes(uint64_t position, std::string& bytes);
@@ -66,5 +72,9 @@ class SpillFile {
     std::string m_front;  // what Front() has read and nobody has taken
     std::string m_error;
 };
+
+// How many lines wait in the file, which is left alone. None when it is no spill file, cannot be
+// read, or is in use.
+[[nodiscard]] std::optional<uint64_t> WaitingInSpillFile(const std::string& path);
 
 }  // namespace tarnctl

@@ -6,18 +6,22 @@
 #include <csignal>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <numeric>
+#include <set>
 #include <sstream>
 #include <thread>
 
 #include "support/temp_dir.h"
 #include "tarnctl/common/exit_status.h"
 #include "tarnctl/common/signals.h"
+#include "tarnctl/crm/spill_file.h"
 #include "unit/tarnctl/common/lines_of.h"
 #include "unit/tarnctl/common/test_channel.h"
 
 using nlohmann::json;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 
 namespace tarnctl {
 namespace {
@@ -28,7 +32,7 @@ class ReportServiceTest : public testing::Test {
         m_options.channel = TestChannel::kChannel;
         m_options.queueName = m_daemon.Name();
         m_options.timeout = 0.05;
-        m_options.eve = m_path;
+        m_options.eve = {m_path};
     }
     int Run() { return RunCrm(m_options, m_out, m_err); }
     static CrmBytes Report(uint32_t sid) {
@@ -71,28 +75,32 @@ TEST_F(ReportServiceTest, HandsOnAllThatWaitsAndTakesItOutOfTheRings) {
     EXPECT_EQ("", m_out.str());
     EXPECT_EQ("tarnctl crm: channel 7 goes to " + m_path +
                   "\n"
-                  "tarnctl crm: 2001 reports; eve: 2001 taken\n",
+                  "tarnctl crm: 2001 reports; eve " +
+                  m_path + ": 2001 taken\n",
               m_err.str());
 }
 
 TEST_F(ReportServiceTest, LeavesReportsInTheRingWhileTheSinkIsAway) {
     ASSERT_TRUE(m_daemon.Send(Report(1)) && m_daemon.Send(Report(2)));
-    m_options.eve = "unix:" + m_folder.File("nobody");
+    m_options.eve = {"unix:" + m_folder.File("nobody")};
     EXPECT_EQ(kExitFine, Run());
     EXPECT_EQ(2, m_daemon.Posts());
     EXPECT_THAT(m_err.str(), HasSubstr("nobody: nobody listens\n"));
-    EXPECT_THAT(m_err.str(), HasSubstr("tarnctl crm: 0 reports; eve: 0 taken\n"));
-    m_options.eve = m_path;
+    EXPECT_THAT(
+        m_err.str(),
+        HasSubstr("tarnctl crm: 0 reports; eve unix:" + m_folder.File("nobody") + ": 0 taken\n"));
+    m_options.eve = {m_path};
     EXPECT_EQ(kExitFine, Run());
     EXPECT_THAT(Sids(m_path), ElementsAre(1, 2));
 }
 
 TEST_F(ReportServiceTest, SaysOnceThatTheSinkIsAwayAndOnceThatItIsBack) {
     std::filesystem::create_directory(m_folder.File("logs"));
-    m_options.eve = m_folder.File("logs/eve.json");
+    const std::string path = m_folder.File("logs/eve.json");
+    m_options.eve = {path};
     m_options.timeout = 1.5;
-    std::jthread mover([this] {
-        while (!std::filesystem::exists(m_options.eve)) {
+    std::jthread mover([this, path] {
+        while (!std::filesystem::exists(path)) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
         std::filesystem::remove_all(m_folder.File("logs"));
@@ -102,7 +110,7 @@ TEST_F(ReportServiceTest, SaysOnceThatTheSinkIsAwayAndOnceThatItIsBack) {
     });
     EXPECT_EQ(kExitFine, Run());
     mover.join();
-    EXPECT_THAT(Sids(m_options.eve), ElementsAre(1));
+    EXPECT_THAT(Sids(path), ElementsAre(1));
     const std::string told = m_err.str();
     for (const char* const text : {"No such file or directory", "takes reports again"}) {
         const size_t first = told.find(text);
@@ -151,7 +159,7 @@ TEST_F(ReportServiceTest, HandsOnWhatIsMalformedAndFailsAtItsEnd) {
 
 TEST_F(ReportServiceTest, FailsAtAFileThatCannotBeHad) {
     ASSERT_TRUE(m_daemon.Send(Report(1)));
-    m_options.eve = m_folder.Path().string();
+    m_options.eve = {m_folder.Path().string()};
     EXPECT_EQ(kExitFailure, Run());
     EXPECT_EQ(1, m_daemon.Posts());
 }
@@ -183,15 +191,14 @@ TEST_F(ReportServiceTest, HasItsCountersAsJson) {
 
 TEST_F(ReportServiceTest, LetsReportsWaitInASpillFileAndHandsThemOnFirst) {
     m_options.spill = m_folder.File("spill");
-    m_options.eve = "unix:" + m_folder.File("nobody");
+    m_options.eve = {"unix:" + m_folder.File("nobody")};
     for (uint32_t sid = 1; sid <= 1000; ++sid) {
         ASSERT_TRUE(m_daemon.Send(Report(sid)));
     }
     EXPECT_EQ(kExitFine, Run());
     EXPECT_EQ(0, m_daemon.Posts());
-    EXPECT_THAT(m_err.str(),
-                HasSubstr("1000 reports; eve: 0 taken, 1000 in the spill file, 0 lost\n"));
-    m_options.eve = m_path;
+    EXPECT_THAT(m_err.str(), HasSubstr("nobody: 0 taken, 1000 in the spill file, 0 lost\n"));
+    m_options.eve = {m_path};
     ASSERT_TRUE(m_daemon.Send(Report(1001)));
     EXPECT_EQ(kExitFine, Run());
     const std::vector<uint32_t> sids = Sids(m_path);
@@ -199,13 +206,14 @@ TEST_F(ReportServiceTest, LetsReportsWaitInASpillFileAndHandsThemOnFirst) {
     for (uint32_t sid = 1; sid <= 1001; ++sid) {
         ASSERT_EQ(sid, sids[sid - 1]);
     }
-    EXPECT_THAT(m_err.str(), HasSubstr("1 report; eve: 1001 taken, 0 in the spill file, 0 lost\n"));
+    EXPECT_THAT(m_err.str(), HasSubstr("1 report; eve " + m_path +
+                                       ": 1001 taken, 0 in the spill file, 0 lost\n"));
 }
 
 TEST_F(ReportServiceTest, CountsWhatFindsNoRoomInTheSpillFileAndSaysSoOnce) {
     m_options.spill = m_folder.File("spill");
     m_options.spillLimit = 2000;
-    m_options.eve = "unix:" + m_folder.File("nobody");
+    m_options.eve = {"unix:" + m_folder.File("nobody")};
     for (uint32_t sid = 1; sid <= 1000; ++sid) {
         ASSERT_TRUE(m_daemon.Send(Report(sid)));
     }
@@ -214,7 +222,7 @@ TEST_F(ReportServiceTest, CountsWhatFindsNoRoomInTheSpillFileAndSaysSoOnce) {
     const size_t first = told.find("the spill file is full, and reports are lost");
     EXPECT_NE(std::string::npos, first);
     EXPECT_EQ(std::string::npos, told.find("the spill file is full", first + 1));
-    m_options.eve = m_path;
+    m_options.eve = {m_path};
     m_options.json = true;
     EXPECT_EQ(kExitFine, Run());
     const json sink = json::parse(m_out.str())["sinks"][0];
@@ -267,6 +275,133 @@ TEST_F(ReportServiceTest, FollowsAChannelToANewRing) {
     mover.join();
     EXPECT_THAT(Sids(m_path), ElementsAre(1, 2));
     EXPECT_THAT(m_err.str(), HasSubstr("the rings of the channel were replaced"));
+}
+
+class SeveralSinksTest : public ReportServiceTest {
+  protected:
+    SeveralSinksTest() { m_options.eve = {m_path, "unix:" + m_folder.File("nobody")}; }
+    void SendUpTo(uint32_t last) {
+        for (uint32_t sid = 1; sid <= last; ++sid) {
+            ASSERT_TRUE(m_daemon.Send(Report(sid)));
+        }
+    }
+    static std::vector<uint32_t> UpTo(uint32_t last) {
+        std::vector<uint32_t> sids(last);
+        std::iota(sids.begin(), sids.end(), 1U);
+        return sids;
+    }
+
+    const std::string m_other = m_folder.File("other.json");
+};
+
+TEST_F(SeveralSinksTest, HandEachReportToEveryOne) {
+    SendUpTo(1000);
+    m_options.eve = {m_path, m_other};
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(UpTo(1000), Sids(m_path));
+    EXPECT_EQ(UpTo(1000), Sids(m_other));
+    EXPECT_EQ(0, m_daemon.Posts());
+    EXPECT_EQ("tarnctl crm: channel 7 goes to " + m_path + ", " + m_other +
+                  "\n"
+                  "tarnctl crm: 1000 reports; eve " +
+                  m_path + ": 1000 taken; eve " + m_other + ": 1000 taken\n",
+              m_err.str());
+}
+
+TEST_F(SeveralSinksTest, KeepReportsInTheRingForTheOneThatIsAway) {
+    SendUpTo(1000);
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(UpTo(kReportBatch), Sids(m_path));
+    EXPECT_EQ(1000, m_daemon.Posts());
+    m_options.eve = {m_other};
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(UpTo(1000), Sids(m_other));
+}
+
+TEST_F(SeveralSinksTest, HaveSpillFilesOfTheirOwnWhateverTheirOrder) {
+    SendUpTo(1000);
+    m_options.spill = m_folder.File("spill");
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(UpTo(1000), Sids(m_path));
+    EXPECT_EQ(0, m_daemon.Posts());
+    const std::string spill = m_options.spill + ".eve-unix:";
+    std::set<std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(m_folder.Path())) {
+        files.insert(entry.path().filename().string().substr(0, 15));
+    }
+    EXPECT_EQ((std::set<std::string>{"eve.json", "spill.eve-%2Ftm", "spill.eve-unix:"}), files);
+    EXPECT_FALSE(std::filesystem::exists(m_options.spill));
+
+    std::swap(m_options.eve[0], m_options.eve[1]);
+    ASSERT_TRUE(m_daemon.Send(Report(1001)));
+    m_err.str("");
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(UpTo(1001), Sids(m_path));
+    EXPECT_THAT(m_err.str(), HasSubstr("nobody: 0 taken, 1001 in the spill file, 0 lost; eve " +
+                                       m_path + ": 1 taken, 0 in the spill file, 0 lost\n"));
+}
+
+TEST_F(SeveralSinksTest, LoseReportsForTheOneThatIsAwayAlone) {
+    SendUpTo(1000);
+    m_options.spill = m_folder.File("spill");
+    m_options.spillLimit = 2000;
+    m_options.json = true;
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ(UpTo(1000), Sids(m_path));
+    const json sinks = json::parse(m_out.str())["sinks"];
+    EXPECT_EQ(0, sinks[0]["lost"]);
+    EXPECT_LT(0, sinks[1]["waiting"]);
+    EXPECT_EQ(1000, sinks[1]["lost"].get<int>() + sinks[1]["waiting"].get<int>());
+    EXPECT_THAT(m_err.str(), HasSubstr("nobody: the spill file is full, and reports are lost\n"));
+    EXPECT_THAT(m_err.str(), Not(HasSubstr(m_path + ": the spill file is full")));
+}
+
+TEST_F(SeveralSinksTest, ShowNoCountersAmongLinesOnStandardOutput) {
+    m_options.eve = {m_path, "-"};
+    m_options.json = true;
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_EQ("", m_out.str());
+}
+
+TEST_F(SeveralSinksTest, AreNotNamedTwice) {
+    m_options.eve = {m_path, m_other, m_path};
+    EXPECT_EQ(kExitFailure, Run());
+    EXPECT_EQ("tarnctl crm: --eve " + m_path + " is named twice\n", m_err.str());
+}
+
+TEST_F(SeveralSinksTest, AreToldOfReportsThatNoneOfThemGets) {
+    SendUpTo(2);
+    m_options.spill = m_folder.File("spill");
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_THAT(m_err.str(), Not(HasSubstr("still there")));
+    const std::string said = "nobody: 2 reports still there, and for no sink of this command\n";
+    m_options.eve = {m_path};
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_THAT(m_err.str(), HasSubstr(said));
+
+    // A file that is in use belongs to somebody.
+    m_err.str("");
+    const std::string name = m_options.spill + ".eve-unix:";
+    for (const auto& entry : std::filesystem::directory_iterator(m_folder.Path())) {
+        if (entry.path().string().starts_with(name)) {
+            SpillFile other(entry.path().string(), 1);
+            ASSERT_EQ("", other.Open());
+            EXPECT_EQ(kExitFine, Run());
+        }
+    }
+    EXPECT_THAT(m_err.str(), HasSubstr("0 reports; eve"));
+    EXPECT_THAT(m_err.str(), Not(HasSubstr("still there")));
+}
+
+TEST_F(SeveralSinksTest, AreToldOfWhatWaitsInTheFileOfASingleOne) {
+    SendUpTo(1);
+    m_options.spill = m_folder.File("spill");
+    m_options.eve = {"unix:" + m_folder.File("nobody")};
+    EXPECT_EQ(kExitFine, Run());
+    m_options.eve = {m_path, m_other};
+    EXPECT_EQ(kExitFine, Run());
+    EXPECT_THAT(m_err.str(),
+                HasSubstr("tarnctl crm: " + m_options.spill + ": 1 report still there"));
 }
 
 }  // namespace
