@@ -3,7 +3,8 @@
 
 A writer stands in for the daemon and puts reports of a number of their own into the ring, while
 `tarnctl crm --eve` is killed at random moments and started again. With --spill the lines go to a
-collector that is away now and then. It runs in scripts/sandbox:
+collector that is away now and then; with --redis to a Redis server that is killed now and then, and
+to a file as well. It runs in scripts/sandbox:
 
   scripts/sandbox --keep BUILD env TARNCTL_BINARY=... PYTHONPATH=tests/system \\
       tests/system/tarnctl/crm_soak.py --reports 1000000 --kills 200
@@ -29,6 +30,8 @@ import harness
 
 FILE = Path("/cache/eve.json")
 SOCKET = Path("/cache/collector")
+STREAM_FILE = Path("/cache/stream.json")
+REDIS = Path("/cache/redis")
 SPILL = Path("/cache/spill")
 RING = Path("/var/tmp/EventQueueCRM2-0")
 RING_BYTES = 0x800000
@@ -97,12 +100,16 @@ class Writer:
 
 
 def waiting_lines():
-    """Lines in the spill file, as its header has them."""
-    return struct.unpack_from("<Q", SPILL.read_bytes()[:48], 32)[0]
+    """Lines in the spill files, as their headers have them."""
+    return sum(struct.unpack_from("<Q", path.read_bytes()[:48], 32)[0]
+               for path in SPILL.parent.glob(SPILL.name + "*"))
 
 
 class Collector:
     """Reads lines at a socket into the file, and is away now and then."""
+
+    OPTIONS = ["--eve", f"unix:{SOCKET}", "--spill", str(SPILL)]
+    FILES = [FILE]
 
     def __init__(self, seed):
         self._random = random.Random(seed)
@@ -148,19 +155,71 @@ class Collector:
         self._thread.join()
 
 
+class RedisServer:
+    """A Redis server that keeps what it has answered for, and is killed now and then."""
+
+    OPTIONS = ["--redis", f"unix:{REDIS}", "--stream", "soak", "--stream-limit", "100000000",
+               "--eve", str(FILE), "--spill", str(SPILL)]
+    FILES = [FILE, STREAM_FILE]
+
+    def __init__(self, seed):
+        self._random = random.Random(seed)
+        self._stop = threading.Event()
+        self.rounds = 0
+        Path("/cache/redis_data").mkdir()
+        self._thread = threading.Thread(target=self._run)
+        self._thread.start()
+
+    def _server(self):
+        return subprocess.Popen(
+            ["redis-server", "--port", "0", "--unixsocket", str(REDIS), "--save", "",
+             "--appendonly", "yes", "--appendfsync", "no", "--dir", "/cache/redis_data"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def _run(self):
+        while not self._stop.is_set():
+            server = self._server()
+            if self._stop.wait(1 + self._random.random()):
+                self._dump()
+            server.kill()
+            server.wait()
+            REDIS.unlink(missing_ok=True)
+            self.rounds += 1
+            self._stop.wait(self._random.random())
+
+    def _dump(self):
+        """Writes the lines of the stream into a file."""
+        answered = harness.wait_for(
+            lambda: (answer := self._ask("XRANGE", "soak", "-", "+")).startswith(b"1") and answer,
+            "the stream")
+        STREAM_FILE.write_bytes(b"".join(line for line in answered.splitlines(keepends=True)
+                                         if line.startswith(b"{")))
+
+    @staticmethod
+    def _ask(*words):
+        return subprocess.run(["redis-cli", "-s", str(REDIS), "--raw", *words], check=False,
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
+
+    def close(self):
+        """Ends while the server runs, so that the stream can be read."""
+        harness.wait_for(lambda: self._ask("PING") == b"PONG\n", "the server")
+        self._stop.set()
+        self._thread.join()
+
+
 class Soak:
     def __init__(self, options):
         self.options = options
         self.writer = Writer()
-        self.collector = Collector(options.seed) if options.spill else None
+        self.collector = None
+        if options.spill or options.redis:
+            self.collector = (RedisServer if options.redis else Collector)(options.seed)
         self.written = 0
         self.errors = open("/cache/soak_errors", "ab")
         self.service = None
 
     def start(self):
-        where = ["--eve", str(FILE)]
-        if self.collector:
-            where = ["--eve", f"unix:{SOCKET}", "--spill", str(SPILL)]
+        where = self.collector.OPTIONS if self.collector else ["--eve", str(FILE)]
         self.service = subprocess.Popen(
             [os.environ["TARNCTL_BINARY"], "crm", *where], stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL, stderr=self.errors)
@@ -194,18 +253,18 @@ class Soak:
             self.write_up_to(self.options.reports)
         harness.wait_for(self.writer.is_empty, "the last report to be taken", 10 * harness.PATIENCE)
         if self.collector:
-            harness.wait_for(lambda: waiting_lines() == 0, "the spill file to be empty",
+            harness.wait_for(lambda: waiting_lines() == 0, "the spill files to be empty",
                              10 * harness.PATIENCE)
             self.collector.close()
         self.service.send_signal(signal.SIGTERM)
         assert self.service.wait(harness.PATIENCE) == 0
 
-    def count(self):
+    def count(self, path):
         away = self.collector.rounds if self.collector else 0
         seen = bytearray(self.options.reports)
         doubled = runs = out_of_order = 0
         last = -1
-        with open(FILE, "rb") as file:
+        with open(path, "rb") as file:
             for line in file:
                 at = line.index(NUMBER_AT) + len(NUMBER_AT)
                 number = int(line[at:line.index(b",", at)])
@@ -220,7 +279,7 @@ class Soak:
                 doubled += seen[number]
                 seen[number] = 1
                 assert line.endswith(b"}\n"), "half a line"
-        return {"reports": self.options.reports, "kills": self.options.kills,
+        return {"file": path.name, "reports": self.options.reports, "kills": self.options.kills,
                 "lost": seen.count(0), "doubled": doubled, "batchesAgain": runs,
                 "outOfOrder": out_of_order, "timesAway": away,
                 "most": (self.options.kills + away) * BATCH}
@@ -236,12 +295,17 @@ def main():
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--spill", action="store_true",
                         help="a collector at a socket that is away now and then, and a spill file")
+    parser.add_argument("--redis", action="store_true",
+                        help="a Redis server that is killed now and then, a file and spill files")
     soak = Soak(parser.parse_args())
     soak.run()
-    result = soak.count()
-    print(json.dumps(result))
-    fine = result["lost"] == result["outOfOrder"] == 0 and result["doubled"] <= result["most"]
-    return 0 if fine else 1
+    is_fine = True
+    for path in soak.collector.FILES if soak.collector else [FILE]:
+        result = soak.count(path)
+        print(json.dumps(result))
+        is_fine = (is_fine and result["lost"] == result["outOfOrder"] == 0
+                  and result["doubled"] <= result["most"])
+    return 0 if is_fine else 1
 
 
 if __name__ == "__main__":

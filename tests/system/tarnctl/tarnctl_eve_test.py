@@ -19,6 +19,10 @@ TARNCTL = os.environ["TARNCTL_BINARY"]
 SOAK = Path(__file__).parent / "crm_soak.py"
 FILE = Path("/cache/eve.json")
 SOCKET = "/cache/collector"
+NO_REDIS = b"built without hiredis" in subprocess.run(
+    [TARNCTL, "crm", "--redis", "unix:/none", "--stream", "x", "--timeout", "0.01"],
+    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False,
+    timeout=harness.PATIENCE).stderr
 
 
 def validator(name):
@@ -123,14 +127,22 @@ class Eve(unittest.TestCase):
                                *options],
                               stdout=subprocess.PIPE, text=True, check=False,
                               timeout=20 * harness.PATIENCE)
-        result = json.loads(done.stdout)
-        self.assertEqual((0, 0, 0), (done.returncode, result["lost"], result["outOfOrder"]), result)
+        results = [json.loads(line) for line in done.stdout.splitlines()]
+        self.assertEqual(0, done.returncode, results)
+        for result in results:
+            self.assertEqual((0, 0), (result["lost"], result["outOfOrder"]), result)
+        return results
 
     def test_no_report_is_lost_when_it_is_killed(self):
         self.soak()
 
     def test_no_report_is_lost_when_the_collector_is_away_and_it_is_killed(self):
         self.soak("--spill")
+
+    @unittest.skipIf(shutil.which("redis-server") is None or NO_REDIS, "there is no Redis")
+    def test_no_report_is_lost_when_the_server_and_it_are_killed(self):
+        results = self.soak("--redis")
+        self.assertEqual(["eve.json", "stream.json"], [result["file"] for result in results])
 
 
 if __name__ == "__main__":

@@ -24,8 +24,8 @@ Examples:
   tarnctl crm --channel 3 --fresh          channel 3, without what waits there already
   tarnctl crm --peek --follow              watch a queue that the CRM reads
   tarnctl crm --eve /var/log/eve.json      for a log collector; none is lost
-  tarnctl crm --eve eve.json --eve unix:/run/collector --spill waiting
-                                           for two; each gets all, however long one is away)";
+  tarnctl crm --eve f.json --eve unix:/s   to a file and a socket, and each gets all
+  tarnctl crm --redis db:6379 --stream x   for whoever reads a stream of Redis)";
 
 class CrmMonitor final : public CrmReportMonitor {
   public:
@@ -92,6 +92,59 @@ class CrmMonitor final : public CrmReportMonitor {
     CrmChannel m_channel;
 };
 
+// An option that looks at reports or throws them away, and one that hands them on, are of no use
+// together.
+void AddSinks(CLI::App& command, CrmOptions& options) {
+    CLI::Option* const eve =
+        command.add_option("--eve", options.eve, "Hand reports on as lines of EVE JSON");
+    eve->type_name("FILE|-|unix:PATH")->allow_extra_args(false);
+    CLI::Option* const redis = command.add_option(
+        "--redis", options.redis, "Hand such lines on to a stream of this Redis server");
+    redis->type_name("HOST:PORT|unix:PATH");
+    CLI::Option* const stream = command.add_option("--stream", options.stream, "The stream's key");
+    stream->type_name("KEY")->needs(redis);
+    redis->needs(stream);
+    command
+        .add_option("--stream-limit", options.streamLimit, "Entries that the stream keeps, about")
+        ->type_name("N")
+        ->check(AboveZero())
+        ->capture_default_str()
+        ->needs(redis);
+    CLI::Option* const kafka = command.add_option(
+        "--kafka", options.kafka, "Hand such lines on to a topic of the Kafka cluster of brokers");
+    kafka->type_name("HOST:PORT,...");
+    CLI::Option* const topic = command.add_option("--topic", options.topic, "The topic");
+    topic->type_name("TOPIC")->needs(kafka);
+    kafka->needs(topic);
+    for (CLI::Option* const sink : {eve, redis, kafka}) {
+        sink->excludes("--peek")->excludes("--fresh");
+    }
+}
+
+// What the sinks have in common.
+void AddSinkOptions(CLI::App& command, CrmOptions& options) {
+    CLI::Option* const packets = command.add_flag("--packets", options.packets,
+                                                  "Add each report's packet to what is handed on");
+    CLI::Option* const spill = command.add_option(
+        "--spill", options.spill, "Let reports wait in this file while they cannot be handed on");
+    spill->type_name("FILE");
+    command
+        .add_option("--spill-limit", options.spillLimit,
+                    "Bytes that wait there at most for each; K, M and G are powers of 1024")
+        ->type_name("SIZE")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(AboveZero())
+        ->capture_default_str()
+        ->needs(spill);
+    command.callback([&options, packets, spill] {
+        for (const CLI::Option* const option : {packets, spill}) {
+            if (option->count() != 0 && !options.HasSinks()) {
+                throw CLI::RequiresError(option->get_name(), "--eve, --redis or --kafka");
+            }
+        }
+    });
+}
+
 }  // namespace
 
 CLI::App* AddCrmCommand(CLI::App& app, CrmOptions& options) {
@@ -109,23 +162,8 @@ CLI::App* AddCrmCommand(CLI::App& app, CrmOptions& options) {
     peek->excludes("--fresh");
     command->add_flag("--follow", options.follow, "With --peek: go on with what comes")
         ->needs(peek);
-    CLI::Option* const eve =
-        command->add_option("--eve", options.eve, "Hand reports on as lines of EVE JSON");
-    eve->type_name("FILE|-|unix:PATH")->allow_extra_args(false);
-    eve->excludes(peek)->excludes("--fresh");
-    command->add_flag("--packets", options.packets, "With --eve: add each report's packet")
-        ->needs(eve);
-    CLI::Option* const spill =
-        command->add_option("--spill", options.spill, "With --eve: let reports wait in this file");
-    spill->type_name("FILE")->needs(eve);
-    command
-        ->add_option("--spill-limit", options.spillLimit,
-                     "Bytes that wait there at most for each; K, M and G are powers of 1024")
-        ->type_name("SIZE")
-        ->transform(CLI::AsSizeValue(false))
-        ->check(AboveZero())
-        ->capture_default_str()
-        ->needs(spill);
+    AddSinks(*command, options);
+    AddSinkOptions(*command, options);
     command->footer(kExamples);
     return command;
 }

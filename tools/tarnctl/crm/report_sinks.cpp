@@ -10,6 +10,8 @@
 #include "tarnctl/common/counted.h"
 #include "tarnctl/crm/eve_file.h"
 #include "tarnctl/crm/eve_socket.h"
+#include "tarnctl/crm/kafka_sink.h"
+#include "tarnctl/crm/redis_sink.h"
 #include "tarnctl/crm/spill_file.h"
 
 namespace tarnctl {
@@ -23,6 +25,27 @@ std::unique_ptr<ReportSink> MakeEveSink(const std::string& place) {
         return std::make_unique<EveSocket>(place.substr(kSocket.size()));
     }
     return std::make_unique<EveFile>(place);
+}
+
+// Adds the sinks whose libraries may be missing. Returns an empty text or a reason.
+std::string AddStreams(const CrmOptions& options, std::vector<std::unique_ptr<ReportSink>>& sinks) {
+    if (!options.redis.empty()) {
+#ifdef TARNCTL_WITH_HIREDIS
+        sinks.push_back(
+            std::make_unique<RedisSink>(options.redis, options.stream, options.streamLimit));
+#else
+        return "--redis: this tarnctl was built without hiredis";
+#endif
+    }
+    if (!options.kafka.empty()) {
+#ifdef TARNCTL_WITH_RDKAFKA
+        sinks.push_back(std::make_unique<KafkaSink>(options.kafka, options.topic));
+#else
+        return "--kafka: this tarnctl was built without librdkafka";
+#endif
+    }
+    (void)sinks;  // of a build without both
+    return "";
 }
 
 // A part of a file's name. No two sinks have the same.
@@ -51,6 +74,10 @@ std::string MakeOutlets(const CrmOptions& options, std::vector<Outlet>& outlets)
     std::vector<std::unique_ptr<ReportSink>> sinks;
     for (const std::string& place : options.eve) {
         sinks.push_back(MakeEveSink(place));
+    }
+    std::string reason = AddStreams(options, sinks);
+    if (!reason.empty()) {
+        return reason;
     }
     const bool isAlone = sinks.size() == 1;
     for (std::unique_ptr<ReportSink>& sink : sinks) {
