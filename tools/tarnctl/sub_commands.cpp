@@ -6,9 +6,7 @@
 #include "tarnctl/feed/feed_command.h"
 #include "tarnctl/import/import_command.h"
 #include "tarnctl/messages/messages_command.h"
-#ifdef TARNCTL_WITH_PCAP
 #include "tarnctl/packetlog/packetlog_command.h"
-#endif
 #include "tarnctl/reload/reload_command.h"
 #include "tarnctl/replay/replay_command.h"
 #include "tarnctl/ring/ring_command.h"
@@ -31,9 +29,7 @@ constexpr std::unique_ptr<SubCommand> (*kMakers[])() = {
     MakeSubCommand<AddFeedCommand, RunFeed>,
     MakeSubCommand<AddImportCommand, RunImport>,
     MakeSubCommand<AddMessagesCommand, RunMessages>,
-#ifdef TARNCTL_WITH_PCAP
     MakeSubCommand<AddPacketLogCommand, RunPacketLog>,
-#endif
     MakeSubCommand<AddReloadCommand, RunReload>,
     MakeSubCommand<AddReplayCommand, RunReplay>,
     MakeSubCommand<AddRingCommand, RunRing>,

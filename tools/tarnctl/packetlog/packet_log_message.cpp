@@ -87,6 +87,21 @@ void AddInterfaceCapture(std::span<const std::byte> datagram, ordered_json& fiel
     fields["userString"] = TextAsJson(TextIn(message.szUserString, kUserStringBytes));
 }
 
+// What a reader of the capture file needs to find the report of the packet.
+std::string CommentOn(const LogControlMessage_OffendingPacketCapture& message) {
+    std::string comment = "signature " + std::to_string(message.uEventID);
+    if (message.szUserString[0] != '\0') {
+        comment += ", from " + ForTerminal(TextIn(message.szUserString, kUserStringBytes));
+    }
+    if (message.uFrameNumber != 0) {
+        comment += ", frame " + std::to_string(message.uFrameNumber);
+    }
+    if (message.uPacketHash != 0) {
+        comment += ", hash " + std::to_string(message.uPacketHash);
+    }
+    return comment;
+}
+
 void AddPacketCapture(std::span<const std::byte> datagram, ordered_json& fields,
                       CapturedPacket& packet) {
     const auto message = As<LogControlMessage_OffendingPacketCapture>(datagram);
@@ -107,7 +122,8 @@ void AddPacketCapture(std::span<const std::byte> datagram, ordered_json& fields,
               message.uSeconds,
               message.uMicroseconds,
               message.uPacketLength,
-              datagram.subspan(kControlDatagramBytes)};
+              datagram.subspan(kControlDatagramBytes),
+              CommentOn(message)};
 }
 
 void AddSettings(std::span<const std::byte> datagram, ordered_json& fields) {

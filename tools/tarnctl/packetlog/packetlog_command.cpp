@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -14,11 +15,14 @@
 #include "packet_log/packet_log_format.h"
 #include "ring/shm_event_pipe.h"
 #include "tarnctl/common/counted.h"
+#include "tarnctl/common/exit_status.h"
 #include "tarnctl/common/message_socket.h"
 #include "tarnctl/common/number_checks.h"
+#include "tarnctl/common/signals.h"
 #include "tarnctl/common/text_forms.h"
-#include "tarnctl/packetlog/capture_files.h"
+#include "tarnctl/packetlog/datagram_queue.h"
 #include "tarnctl/packetlog/packet_log_message.h"
+#include "tarnctl/packetlog/packet_store.h"
 
 namespace tarnctl {
 namespace {
@@ -27,10 +31,11 @@ constexpr const char* kExamples =
     R"(The command takes the packet logging daemon's place; it is refused while that one is there.
 all.pcap takes every packet. event-ID.pcap is the newest file of an event; before it would grow
 beyond the kilobytes of the request it becomes event-ID.1.pcap and so on, and as many files are
-kept as the request says. Each run begins its files anew.
+kept as the request says. Each run begins files of its own, and numbers those that it finds.
 
 Examples:
   tarnctl packetlog --dir /tmp/captures            until Ctrl-C
+  tarnctl packetlog --dir . --keep-bytes 10G       no more than that, as a service
   tarnctl packetlog --dir . --ring 0               what a writer puts into its ring as well
   tarnctl packetlog --dir . --stop-reading         a daemon that hangs: its socket fills)";
 
@@ -42,7 +47,9 @@ class PacketLogMonitor final : public Monitor {
     PacketLogMonitor(const PacketLogOptions& options, std::ostream& out, std::ostream& err)
         : Monitor("packetlog", "message", options, out, err),
           m_options(options),
-          m_files(options.directory, options.linkType) {}
+          m_store(options) {}
+
+    [[nodiscard]] bool HasLost() const { return m_store.Lost() > 0; }
 
   private:
     // The socket comes first: it shows whether another receiver is there, whose files must not be
@@ -52,11 +59,12 @@ class PacketLogMonitor final : public Monitor {
         if (obstacle.empty() && m_options.ring >= 0) {
             obstacle = OpenRing();
         }
-        if (obstacle.empty() && !m_files.Open()) {
-            obstacle = m_files.Error();
+        if (obstacle.empty()) {
+            obstacle = m_store.Open();
         }
         if (obstacle.empty()) {
             Say("receiving at " + m_options.socketPath);
+            Say(DatagramQueueWords(DatagramQueueLimit()));
         }
         return obstacle;
     }
@@ -64,7 +72,8 @@ class PacketLogMonitor final : public Monitor {
     [[nodiscard]] std::string Counts() const override {
         return Counted(Taken() - m_records, "message") + ", " + Counted(m_records, "record") +
                ", " + Counted(m_packets, "packet") +
-               (m_dropped > 0 ? ", " + std::to_string(m_dropped) + " dropped" : std::string());
+               (m_dropped > 0 ? ", " + std::to_string(m_dropped) + " dropped" : std::string()) +
+               m_store.Counts();
     }
 
     // Returns an empty string, or the reason why the ring cannot be drained.
@@ -88,6 +97,9 @@ class PacketLogMonitor final : public Monitor {
     }
 
     void Serve(std::chrono::milliseconds time) override {
+        for (const std::string& news : m_store.LookAfter()) {
+            Say(news);
+        }
         if (m_ring != nullptr) {
             time = TakeRecord() ? std::chrono::milliseconds(0) : std::min(time, kRingWait);
         }
@@ -114,7 +126,9 @@ class PacketLogMonitor final : public Monitor {
             return;
         }
         CountOne();
-        Write(WritesJson() ? message.json : message.line);
+        if (!m_options.quiet) {
+            Write(WritesJson() ? message.json : message.line);
+        }
         Keep(message.packet);
     }
 
@@ -145,8 +159,13 @@ class PacketLogMonitor final : public Monitor {
         CountOne();
         ++m_records;
         const auto packet = bytes.subspan(sizeof(record));
-        Write(RecordText(record, packet));
-        Keep({0, 0, 0, record.uSeconds, record.uMicroseconds, record.uPacketLength, packet});
+        if (!m_options.quiet) {
+            Write(RecordText(record, packet));
+        }
+        Keep({0, 0, 0, record.uSeconds, record.uMicroseconds, record.uPacketLength, packet,
+              "ring " + std::to_string(m_options.ring) + ", values " +
+                  std::to_string(record.uValueA) + " " + std::to_string(record.uValueB) + " " +
+                  std::to_string(record.uValueC)});
         return true;
     }
 
@@ -178,8 +197,8 @@ class PacketLogMonitor final : public Monitor {
             return;
         }
         ++m_packets;
-        if (!m_files.Write(packet)) {
-            Fail(m_files.Error());
+        for (const std::string& news : m_store.Keep(packet)) {
+            Say(news);
         }
     }
 
@@ -189,13 +208,43 @@ class PacketLogMonitor final : public Monitor {
 
     const PacketLogOptions& m_options;
     MessageSocket m_socket;
-    CaptureFiles m_files;
+    PacketStore m_store;
     std::unique_ptr<ShmEventPipe> m_ring;   // null: none is drained
     std::unique_ptr<std::byte[]> m_record;  // as large as the ring
     uint64_t m_records = 0;                 // of all that was taken
     uint64_t m_packets = 0;
     uint64_t m_dropped = 0;
 };
+
+std::string CheckFormat(std::string& word) {
+    return CaptureFormatFrom(word) ? "" : word + " is neither pcap nor pcapng";
+}
+
+void AddCaptureFileOptions(CLI::App& command, PacketLogOptions& options) {
+    command.add_option("--format", options.format, "Format of the files; pcapng has comments")
+        ->type_name("pcap|pcapng")
+        ->check(CLI::Validator(CheckFormat, "", "format"))
+        ->capture_default_str();
+    command.add_option("--group", options.group, "Group that may read the files")
+        ->type_name("NAME");
+    command.add_option("--rotate", options.newFileBytes, "Size at which all.pcap is begun anew")
+        ->type_name("SIZE")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(AboveZero())
+        ->capture_default_str();
+    command.add_option("--keep-days", options.keep.days, "Delete files that are older than N days")
+        ->type_name("N")
+        ->check(WholeNumber(1, UINT16_MAX));
+    command
+        .add_option("--keep-bytes", options.keep.bytes, "Delete the oldest files above this size")
+        ->type_name("SIZE")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(AboveZero());
+    command
+        .add_option("--keep-files", options.keep.files, "Delete the oldest of more than N files")
+        ->type_name("N")
+        ->check(AboveZero());
+}
 
 }  // namespace
 
@@ -208,6 +257,8 @@ CLI::App* AddPacketLogCommand(CLI::App& app, PacketLogOptions& options) {
         ->check(CLI::ExistingDirectory);
     AddMonitorOptions(*command, options, "messages and records",
                       "every field and the packet in base64");
+    command->add_flag("--quiet", options.quiet, "Show no messages, only what goes wrong");
+    AddCaptureFileOptions(*command, options);
     command->add_option("--linktype", options.linkType, "Link type of the capture files")
         ->type_name("N")
         ->check(WholeNumber(0, UINT16_MAX))
@@ -225,7 +276,12 @@ CLI::App* AddPacketLogCommand(CLI::App& app, PacketLogOptions& options) {
 }
 
 int RunPacketLog(const PacketLogOptions& options, std::ostream& out, std::ostream& err) {
-    return PacketLogMonitor(options, out, err).Run();
+    if (!options.keep.AreNone()) {
+        CatchRequests(SIGHUP);
+    }
+    PacketLogMonitor monitor(options, out, err);
+    const int status = monitor.Run();
+    return monitor.HasLost() ? kExitFailure : status;
 }
 
 }  // namespace tarnctl

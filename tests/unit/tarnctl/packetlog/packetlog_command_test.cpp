@@ -8,8 +8,10 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <span>
@@ -23,8 +25,8 @@
 #include "ring/shm_event_pipe.h"
 #include "support/temp_dir.h"
 #include "tarnctl/common/exit_status.h"
-#include "tarnctl/packetlog/capture_files.h"
 #include "unit/tarnctl/common/lines_of.h"
+#include "unit/tarnctl/packetlog/packets_in.h"
 
 using nlohmann::json;
 using testing::ElementsAre;
@@ -35,38 +37,6 @@ namespace tarnctl {
 namespace {
 
 using namespace PacketLogCtrl;
-
-struct Packet {
-    long seconds;
-    long microseconds;
-    uint32_t length;
-    std::string bytes;
-    bool operator==(const Packet&) const = default;
-};
-
-// What libpcap finds in a capture file.
-std::vector<Packet> PacketsIn(const std::string& path, int* linkType = nullptr) {
-    char error[PCAP_ERRBUF_SIZE];
-    pcap_t* const file = pcap_open_offline(path.c_str(), error);
-    if (file == nullptr) {
-        ADD_FAILURE() << error;
-        return {};
-    }
-    if (linkType != nullptr) {
-        *linkType = pcap_datalink(file);
-    }
-    std::vector<Packet> packets;
-    pcap_pkthdr* header = nullptr;
-    const u_char* bytes = nullptr;
-    int result = 0;
-    while ((result = pcap_next_ex(file, &header, &bytes)) == 1) {
-        packets.push_back({header->ts.tv_sec, header->ts.tv_usec, header->len,
-                           std::string(reinterpret_cast<const char*>(bytes), header->caplen)});
-    }
-    EXPECT_EQ(PCAP_ERROR_BREAK, result) << "the file's end";
-    pcap_close(file);
-    return packets;
-}
 
 std::string Datagram(const void* message, size_t length, const std::string& packet = "") {
     std::string datagram(static_cast<const char*>(message), length);
@@ -101,15 +71,20 @@ class PacketLogCommand : public testing::Test {
         m_options.timeout = 2;
     }
 
-    // Runs the command with a sender beside it, until all of it has come.
-    int Run(const std::vector<std::string>& datagrams, uint64_t count) {
+    // Runs the command with a sender beside it, until all of it has come. The sender calls `before`
+    // with the number of each datagram first.
+    int Run(
+        const std::vector<std::string>& datagrams, uint64_t count,
+        const std::function<void(size_t)>& before = [](size_t) {}) {
         m_options.count = count;
         std::thread sender([&] {
             const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
             sockaddr_un address = {};
             address.sun_family = AF_UNIX;
             m_options.socketPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
-            for (const std::string& datagram : datagrams) {
+            for (size_t number = 0; number < datagrams.size(); ++number) {
+                before(number);
+                const std::string& datagram = datagrams[number];
                 for (int tries = 0; tries < 5000; ++tries) {  // until the command listens
                     if (sendto(fd, datagram.data(), datagram.size(), 0,
                                reinterpret_cast<sockaddr*>(&address), sizeof(address)) >= 0) {
@@ -161,9 +136,9 @@ TEST_F(PacketLogCommand, WritesPacketsForAnyPcapReader) {
     EXPECT_EQ(kExitFine, Run({Capture(7, "first"), Capture(8, std::string(1400, 'x')),
                               Capture(7, ""), Capture(7, "third")},
                              4));
-    const Packet first{1007, 999999, 1514, "first"};
-    const Packet second{1008, 999999, 1514, std::string(1400, 'x')};
-    const Packet third{1007, 999999, 1514, "third"};
+    const ReadPacket first{1007, 999999, 1514, "first"};
+    const ReadPacket second{1008, 999999, 1514, std::string(1400, 'x')};
+    const ReadPacket third{1007, 999999, 1514, "third"};
     int linkType = -1;
     EXPECT_THAT(PacketsIn(m_dir.File("all.pcap"), &linkType), ElementsAre(first, second, third));
     EXPECT_EQ(DLT_EN10MB, linkType);
@@ -172,7 +147,7 @@ TEST_F(PacketLogCommand, WritesPacketsForAnyPcapReader) {
 }
 
 TEST_F(PacketLogCommand, WritesTheLinkTypeThatItIsTold) {
-    m_options.linkType = DLT_RAW;
+    m_options.linkType = 101;  // raw IP, in files
     EXPECT_EQ(kExitFine, Run({Capture(7, "first")}, 1));
     int linkType = -1;
     EXPECT_EQ(1u, PacketsIn(m_dir.File("event-7.pcap"), &linkType).size());
@@ -253,85 +228,141 @@ TEST_F(PacketLogCommand, DrainsTheRingOfAWriter) {
     EXPECT_EQ(kExitFine, Run({}, 2));
     EXPECT_EQ(2u, Lines().size());
     EXPECT_THAT(Lines()[0], HasSubstr("Record runningLength=76 valueA=2 valueB=1 valueC=3 "));
-    EXPECT_THAT(PacketsIn(m_dir.File("all.pcap")), ElementsAre(Packet{5, 6, 60, "ring"}));
+    EXPECT_THAT(PacketsIn(m_dir.File("all.pcap")), ElementsAre(ReadPacket{5, 6, 60, "ring"}));
 }
 
-// --- limits of the capture files -----------------------------------------------------------------
+// --- as a service --------------------------------------------------------------------------------
 
-class CaptureFilesLimits : public testing::Test {
-  protected:
-    void SetUp() override { ASSERT_TRUE(m_files.Open()) << m_files.Error(); }
+TEST_F(PacketLogCommand, WritesPcapngWithWhatThePacketIsFor) {
+    m_options.format = "pcapng";
+    EXPECT_EQ(kExitFine, Run({Capture(7, "first")}, 1));
+    EXPECT_THAT(PacketsIn(m_dir.File("event-7.pcapng")),
+                ElementsAre(ReadPacket{1007, 999999, 1514, "first"}));
+    EXPECT_THAT(m_dir.Read("all.pcapng"), HasSubstr("signature 7, from SNORT"));
+    EXPECT_FALSE(std::filesystem::exists(m_dir.File("all.pcap")));
+}
 
-    // Puts in a packet of 900 bytes, of which one fits into a kilobyte and two do not.
-    void Write(char byte, uint32_t maxFiles, uint32_t maxKBytes) {
-        const std::string bytes(900, byte);
-        CapturedPacket packet{9, maxFiles, maxKBytes, 1, 2, 900, std::as_bytes(std::span(bytes))};
-        ASSERT_TRUE(m_files.Write(packet)) << m_files.Error();
+TEST_F(PacketLogCommand, CommentsHaveFrameAndHashWhereThereAreAny) {
+    m_options.format = "pcapng";
+    std::string datagram = Capture(7, "first");
+    datagram[24] = 5;    // hash
+    datagram[104] = 17;  // frame
+    EXPECT_EQ(kExitFine, Run({datagram}, 1));
+    EXPECT_THAT(m_dir.Read("all.pcapng"), HasSubstr("signature 7, from SNORT, frame 17, hash 5"));
+}
+
+TEST_F(PacketLogCommand, ThatIsQuietShowsNoMessages) {
+    m_options.quiet = true;
+    EXPECT_EQ(kExitFine, Run({Capture(7, "first"), Bare(kEngineShuttingDown)}, 2));
+    EXPECT_THAT(Lines(), IsEmpty());
+    EXPECT_THAT(m_err.str(), HasSubstr("2 messages, 0 records, 1 packet\n"));
+}
+
+TEST_F(PacketLogCommand, SaysWhatBurstTheKernelHolds) {
+    EXPECT_EQ(kExitFine, Run({Bare(kType15)}, 1));
+    EXPECT_THAT(m_err.str(), HasSubstr("messages while this is busy"));
+}
+
+TEST_F(PacketLogCommand, BringsTheDirectoryWithinItsLimitsAtItsStart) {
+    for (const char* name : {"event-1.pcap", "event-2.pcap", "event-3.1.pcap", "notes.txt"}) {
+        m_dir.Write(name, "left");
     }
-    std::string BytesIn(const std::string& name) {
-        std::string first;
-        for (const Packet& packet : PacketsIn(m_dir.File(name))) {
-            first += packet.bytes.front();
+    m_options.keep.files = 2;
+    EXPECT_EQ(kExitFine, Run({Bare(kType15)}, 1));
+    EXPECT_TRUE(std::filesystem::exists(m_dir.File("all.pcap")));
+    EXPECT_TRUE(std::filesystem::exists(m_dir.File("notes.txt")));
+    EXPECT_EQ(3, std::distance(std::filesystem::directory_iterator(m_dir.Path()), {}));
+    EXPECT_THAT(m_err.str(), HasSubstr("0 packets, 2 files deleted\n"));
+}
+
+TEST_F(PacketLogCommand, KeepsItsBytesWhileItRuns) {
+    m_options.keep.bytes = 8000;
+    m_options.timeout = 30;
+    const auto number = [this](uint32_t event) {
+        return m_dir.File("event-" + std::to_string(event) + ".pcap");
+    };
+    std::vector<std::string> datagrams;
+    for (uint32_t event = 1; event <= 9; ++event) {
+        datagrams.push_back(Capture(event, std::string(1000, 'x')));
+    }
+    const auto wait = [&number](uint32_t event, bool isThere) {
+        for (int tries = 0; std::filesystem::exists(number(event)) != isThere && tries < 20000;
+             ++tries) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        return first;
-    }
-    bool Exists(const std::string& name) { return std::filesystem::exists(m_dir.File(name)); }
-
-    TempDir m_dir;
-    CaptureFiles m_files{m_dir.Path().string(), DLT_EN10MB};
-};
-
-TEST_F(CaptureFilesLimits, KeepTheNewestFilesOfAnEvent) {
-    for (const char byte : std::string("abcd")) {
-        Write(byte, 3, 1);
-    }
-    EXPECT_EQ("d", BytesIn("event-9.pcap"));
-    EXPECT_EQ("c", BytesIn("event-9.1.pcap"));
-    EXPECT_EQ("b", BytesIn("event-9.2.pcap"));
-    EXPECT_FALSE(Exists("event-9.3.pcap"));
-    EXPECT_EQ("abcd", BytesIn("all.pcap"));
+    };
+    // The first one goes within a second or so after the limit is passed.
+    EXPECT_EQ(kExitFine, Run(datagrams, 9, [&](size_t next) {
+                  if (next == 8) {
+                      wait(8, true);
+                      wait(1, false);
+                  }
+              }));
+    EXPECT_FALSE(std::filesystem::exists(number(1)));
+    EXPECT_TRUE(std::filesystem::exists(number(8)));
+    EXPECT_THAT(m_err.str(), HasSubstr("deleted, for the limits\n"));
+    EXPECT_LE(std::filesystem::file_size(m_dir.File("all.pcap")), 2000U) << "a quarter";
 }
 
-TEST_F(CaptureFilesLimits, OfAFileAreItsKilobytes) {
-    for (const char byte : std::string("abcd")) {
-        Write(byte, 3, 2);
-    }
-    EXPECT_EQ("cd", BytesIn("event-9.pcap"));
-    EXPECT_EQ("ab", BytesIn("event-9.1.pcap"));
-    EXPECT_LE(std::filesystem::file_size(m_dir.File("event-9.1.pcap")), 2048u);
+TEST_F(PacketLogCommand, BeginsItsFilesAnewAfterAHangup) {
+    m_options.keep.days = 1;
+    m_options.timeout = 30;
+    const auto wait = [this](const char* name, const std::string& text) {
+        for (int tries = 0; m_dir.Read(name).find(text) == std::string::npos && tries < 20000;
+             ++tries) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    };
+    EXPECT_EQ(kExitFine, Run({Capture(7, "first"), Capture(7, "second")}, 2, [&](size_t next) {
+                  if (next == 1) {
+                      wait("event-7.pcap", "first");
+                      EXPECT_EQ(0, kill(getpid(), SIGHUP));
+                      wait("all.1.pcap", "first");
+                  }
+              }));
+    EXPECT_EQ(1u, PacketsIn(m_dir.File("all.1.pcap")).size());
+    EXPECT_EQ("second", PacketsIn(m_dir.File("all.pcap")).at(0).bytes);
+    EXPECT_EQ("second", PacketsIn(m_dir.File("event-7.pcap")).at(0).bytes);
+    EXPECT_EQ("first", PacketsIn(m_dir.File("event-7.1.pcap")).at(0).bytes);
+    EXPECT_THAT(m_err.str(), HasSubstr("hangup: new files are begun\n"));
 }
 
-TEST_F(CaptureFilesLimits, OfOneFileLeaveOne) {
-    Write('a', 1, 1);
-    Write('b', 1, 1);
-    EXPECT_EQ("b", BytesIn("event-9.pcap"));
-    EXPECT_FALSE(Exists("event-9.1.pcap"));
+TEST_F(PacketLogCommand, CountsWhatItCannotKeepAndGoesOn) {
+    std::filesystem::create_directory(m_dir.File("event-7.pcap"));
+    EXPECT_EQ(kExitFailure, Run({Capture(7, "a"), Capture(7, "b"), Capture(8, "c")}, 3));
+    EXPECT_THAT(m_err.str(), HasSubstr("packets are lost: " + m_dir.File("event-7.pcap")));
+    EXPECT_EQ(m_err.str().find("are lost: /"), m_err.str().rfind("are lost: /")) << "once";
+    EXPECT_THAT(m_err.str(), HasSubstr("packets are kept again; 2 packets lost\n"));
+    EXPECT_THAT(m_err.str(), HasSubstr("3 packets, 2 lost\n"));
+    EXPECT_EQ(3u, PacketsIn(m_dir.File("all.pcap")).size()) << "which has room for each";
 }
 
-TEST_F(CaptureFilesLimits, OfZeroAreNone) {
-    for (int packet = 0; packet < 20; ++packet) {
-        Write('a', 0, 0);
-    }
-    EXPECT_EQ(20u, BytesIn("event-9.pcap").size());
-    EXPECT_FALSE(Exists("event-9.1.pcap"));
+TEST_F(PacketLogCommand, IsRefusedWithAGroupThatIsNone) {
+    m_options.group = "no-such-group";
+    EXPECT_EQ(kExitFailure, RunPacketLog(m_options, m_out, m_err));
+    EXPECT_THAT(m_err.str(), HasSubstr("--group: no-such-group is no group"));
 }
 
-TEST_F(CaptureFilesLimits, ThatAreLoweredTakeEffectAtOnce) {
-    for (const char byte : std::string("abcd")) {
-        Write(byte, 10, 1);
-    }
-    Write('e', 2, 1);
-    EXPECT_EQ("e", BytesIn("event-9.pcap"));
-    EXPECT_EQ("d", BytesIn("event-9.1.pcap"));
-    EXPECT_FALSE(Exists("event-9.2.pcap"));
-    EXPECT_FALSE(Exists("event-9.3.pcap"));
+TEST_F(PacketLogCommand, TakesAGroupByItsNumber) {
+    m_options.group = std::to_string(getgid());
+    EXPECT_EQ(kExitFine, Run({Capture(7, "a")}, 1));
 }
 
-TEST_F(CaptureFilesLimits, OfAPacketThatIsLargerThanAFileStillLeaveItWhole) {
-    const std::string bytes(5000, 'x');
-    const CapturedPacket packet{9, 3, 1, 1, 2, 5000, std::as_bytes(std::span(bytes))};
-    ASSERT_TRUE(m_files.Write(packet));
-    EXPECT_EQ(bytes, PacketsIn(m_dir.File("event-9.pcap")).at(0).bytes);
+TEST_F(PacketLogCommand, ReadsItsFileOptions) {
+    CLI::App app;
+    PacketLogOptions options;
+    AddPacketLogCommand(app, options);
+    app.parse("packetlog --dir " + m_dir.Path().string() +
+              " --format pcapng --keep-days 14 --keep-bytes 10G --keep-files 500 --rotate 1M"
+              " --group adm --quiet");
+    EXPECT_EQ("pcapng", options.format);
+    EXPECT_EQ(14u, options.keep.days);
+    EXPECT_EQ(10ULL << 30U, options.keep.bytes);
+    EXPECT_EQ(500u, options.keep.files);
+    EXPECT_EQ(1ULL << 20U, options.newFileBytes);
+    EXPECT_EQ("adm", options.group);
+    EXPECT_TRUE(options.quiet);
+    EXPECT_THROW(app.parse("packetlog --dir / --format pcap2"), CLI::ValidationError);
 }
 
 }  // namespace
