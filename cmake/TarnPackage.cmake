@@ -12,7 +12,6 @@ endforeach()
 
 # The folder is named after the package.
 install(FILES packaging/examples/tarn.conf packaging/examples/tarn_event.conf
-              packaging/logrotate/tarn-crm
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tarn/examples)
 # systemd reads these below /usr/lib, whatever the prefix' own library folder is called.
 file(GLOB units CONFIGURE_DEPENDS packaging/systemd/*.service)
