@@ -14,7 +14,8 @@ endforeach()
 install(FILES packaging/examples/tarn.conf packaging/examples/tarn_event.conf
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tarn/examples)
 # systemd reads these below /usr/lib, whatever the prefix' own library folder is called.
-file(GLOB units CONFIGURE_DEPENDS packaging/systemd/*.service)
+file(GLOB units CONFIGURE_DEPENDS packaging/systemd/*.service packaging/systemd/*.target)
 install(FILES ${units} DESTINATION lib/systemd/system)
-install(FILES packaging/sysusers.d/tarn.conf DESTINATION lib/sysusers.d)
+install(FILES packaging/sysusers.d/tarn.conf packaging/sysusers.d/tarn-tools.conf
+        DESTINATION lib/sysusers.d)
 install(FILES packaging/tmpfiles.d/tarn.conf DESTINATION lib/tmpfiles.d)

@@ -377,18 +377,39 @@ class PackageLists(Tree):
 class Units(Tree):
     STRICT = (HERE.parent.parent / "packaging/systemd/tarn-messages.service")
 
+    def setUp(self):
+        super().setUp()
+        self.write("tarn.target", "[Unit]\nWants=tarn-y.service tarn-x.service\n")
+
+    def unit(self, old="", new=""):
+        """The faults of a strict unit in which a text is replaced."""
+        self.write("tarn-x.service", self.STRICT.read_text(encoding="utf-8").replace(old, new))
+        return packaging.check_units(self.root)
+
+    def test_is_silent_about_a_strict_unit(self):
+        self.assertEqual([], self.unit())
+
     def test_finds_a_unit_that_may_do_too_much(self):
-        self.write("tarn-x.service", "[Service]\nExecStart=/usr/bin/true\n")
+        self.write("tarn-x.service", "[Unit]\nPartOf=tarn.target\nStartLimitIntervalSec=1\n"
+                   "StartLimitBurst=1\n[Service]\nExecStart=/usr/bin/true\nRestart=no\n")
         faults = packaging.check_units(self.root)
-        self.assertEqual(1, len(faults))
+        self.assertEqual(1, len(faults), faults)
         self.assertIn("tarn-x.service: exposed above 2.0", faults[0])
 
     def test_finds_a_word_that_systemd_does_not_know(self):
-        text = self.STRICT.read_text(encoding="utf-8")
-        self.write("tarn-x.service", text.replace("RestartSec=1", "RestartSecs=1"))
-        faults = packaging.check_units(self.root)
+        faults = self.unit("RestartSec=1", "RestartSecs=1")
         self.assertEqual(1, len(faults), faults)
         self.assertIn("RestartSecs", faults[0])
+
+    def test_finds_a_unit_that_restarts_without_a_limit(self):
+        self.assertEqual(["tarn-x.service: without StartLimitBurst="],
+                         self.unit("StartLimitBurst=20\n"))
+        self.assertEqual(["tarn-x.service: without PartOf=tarn.target"],
+                         self.unit("PartOf=tarn.target\n"))
+
+    def test_finds_a_unit_that_the_target_leaves_out(self):
+        self.write("tarn.target", "[Unit]\nWants=tarn-y.service\n")
+        self.assertEqual(["tarn.target: does not want tarn-x.service"], self.unit())
 
 
 if __name__ == "__main__":

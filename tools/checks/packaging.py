@@ -44,10 +44,29 @@ def check_lists(tree, installed):
     return faults
 
 
+def check_restart(unit):
+    """A service that starts again after a fault has a limit to it, and stops with the target."""
+    text = unit.read_text(encoding="utf-8")
+    for line in ("Restart=", "StartLimitIntervalSec=", "StartLimitBurst=", "PartOf=tarn.target"):
+        if not re.search(rf"^{re.escape(line)}", text, re.M):
+            yield f"{unit.name}: without {line}"
+
+
+def check_target(units):
+    """The target pulls each service in."""
+    target = units / "tarn.target"
+    wanted = re.findall(r"^Wants=(.*)$", target.read_text(encoding="utf-8"), re.M)
+    named = set(" ".join(wanted).split())
+    for unit in sorted(units.glob("*.service")):
+        if unit.name not in named:
+            yield f"{target.name}: does not want {unit.name}"
+
+
 def check_units(units):
     """No unit may do more than it needs, and systemd understands each line."""
-    faults = []
+    faults = list(check_target(units))
     for unit in sorted(units.glob("*.service")):
+        faults += check_restart(unit)
         limit = EXPOSURE.get(unit.name, EXPOSURE_OF_PEERS)
         result = subprocess.run(
             ["systemd-analyze", "security", "--offline=true", "--no-pager",
