@@ -19,6 +19,7 @@ sys.path.insert(0, str(HERE))
 import documents  # noqa: E402
 import formats_against_pages  # noqa: E402
 import include_direction  # noqa: E402
+import log_lines  # noqa: E402
 import packaging  # noqa: E402
 
 
@@ -345,6 +346,55 @@ class Mutation(Tree):
                 ("signal 11", "no line of a test\n", -11),
                 ("status 8", "", 8)):
             self.assertEqual(name, mutate.finding(output, status))
+
+
+class LogLines(Tree):
+    PAGE = ("| level | message | meaning |\n| --- | --- | --- |\n| 1 | `It broke: %s` | look |\n"
+            '| 2 | `He said "no" to %d things` | ask |\n| 4 | `Read again` | fine |\n'
+            "| 1 | `Thread hung` | wait |\n| 3 | `In two pieces` | glue |\n")
+    SOURCE = """
+        void f() {
+            // log->Write(Log::kError, "Not in a comment");
+            log->Write(Log::kError, "It broke: %s", std::strerror(g(Log::kError)));
+            Log::Warning("He said \\"no\\" to %d things\\n", 2);
+            if (Log::Passes(Log::kNotice)) { Log::GetInstance()->Write(Log::kNotice, "Read again"); }
+            log->Write(Log::kDebug, "Traced");
+            LogAt(Log::kInfo, 12, "void f()", "In "
+                  "two pieces");
+            WindDown(thread, "Thread hung");
+        }
+    """
+
+    def faults(self, page=PAGE, source=SOURCE):
+        self.write("page.md", page)
+        self.write("src/a/a.cpp", source)
+        return log_lines.faults_of(self.root / "page.md", self.root / "src")
+
+    def test_is_silent_where_page_and_messages_are_the_same(self):
+        self.assertEqual([], self.faults())
+
+    def test_finds_a_message_without_a_row(self):
+        for row in self.PAGE.splitlines(True)[2:]:
+            faults = self.faults(page=self.PAGE.replace(row, ""))
+            self.assertEqual(1, len(faults), row)
+            self.assertIn("has no row in page.md", faults[0])
+
+    def test_finds_a_row_without_its_message(self):
+        faults = self.faults(page=self.PAGE + "| 2 | `It mended` | fine |\n")
+        self.assertEqual(["page.md:8: `It mended` of level 2 is no message"], faults)
+
+    def test_finds_another_level_and_another_word(self):
+        for change in ("kError, \"It broke", "kInfo, \"It broke"), ("It broke", "It  broke"):
+            self.assertEqual(2, len(self.faults(source=self.SOURCE.replace(*change))), change)
+
+    def test_finds_a_row_that_is_there_twice_and_one_without_a_meaning(self):
+        self.assertEqual(["page.md:8: `Read again` is there twice"],
+                         self.faults(page=self.PAGE + "| 4 | `Read again` | fine |\n"))
+        self.assertEqual(1, len(self.faults(page=self.PAGE.replace("| fine |", "| |"))))
+
+    def test_finds_a_call_that_logs_what_it_is_given(self):
+        self.assertEqual(["a/a.cpp: 1 calls log what they are given, and 0 are known"],
+                         self.faults(source=self.SOURCE.replace('kDebug, "Traced"', 'kError, text')))
 
 
 class PackageLists(Tree):
