@@ -18,6 +18,7 @@ sys.path.insert(0, str(HERE))
 
 import documents  # noqa: E402
 import formats_against_pages  # noqa: E402
+import formats_manual  # noqa: E402
 import include_direction  # noqa: E402
 import log_lines  # noqa: E402
 import packaging  # noqa: E402
@@ -346,6 +347,42 @@ class Mutation(Tree):
                 ("signal 11", "no line of a test\n", -11),
                 ("status 8", "", 8)):
             self.assertEqual(name, mutate.finding(output, status))
+
+
+class FormatsManual(Tree):
+    def setUp(self):
+        super().setUp()
+        for name in formats_manual.PAGES:
+            self.write(f"formats/{name}.md", f"# {name}\n\nWhat it is. Code: `src/a.h` (layout).\n")
+        self.page("state_file", "A `x-1` and [the main file](tarn_conf.md).\n\n| Offset | Field |\n"
+                  "|--:|---|\n| 0 | `a` |\n\n```\n.00 \\n\n```\n\n- one\n- two\n\n"
+                  "## Reasons\n\nBecause.\n\n## Limits\n\nNone.\n")
+        self.write("man.7", formats_manual.manual(self.root / "formats"))
+
+    def page(self, name, text):
+        self.write(f"formats/{name}.md", f"# {name}\n\n{text}")
+
+    def faults(self):
+        return formats_manual.faults_of(self.root / "formats", self.root / "man.7")
+
+    def test_makes_roff_of_each_kind_of_block(self):
+        text = (self.root / "man.7").read_text(encoding="utf-8")
+        self.assertEqual([], self.faults())
+        self.assertIn(".Sh UNIFIED2\nWhat it is.\n.Sh", text)
+        self.assertIn(".Sh STATE_FILE\nA \\fIx\\-1\\fR and tarn.conf(5).\n"
+                      '.Bl -column "mmmmmm" "mmmmm"\n.It Offset Ta Field\n.It 0 Ta \\fIa\\fR\n.El\n'
+                      ".Bd -literal\n\\&.00 \\en\n.Ed\n.Bl -bullet\n.It\none\n.It\ntwo\n.El\n"
+                      ".Ss Limits\nNone.\n", text)
+        self.assertNotIn("Because", text)
+
+    def test_finds_a_page_that_says_something_else(self):
+        self.page("unified2", "What it was.\n")
+        self.assertEqual(1, len(self.faults()))
+        self.assertIn("man.7: is not what docs/formats says", self.faults()[0])
+
+    def test_finds_a_page_without_a_place(self):
+        self.page("other", "New.\n")
+        self.assertEqual(["other.md: has no place in tarn-formats(7)"], self.faults())
 
 
 class LogLines(Tree):
