@@ -65,6 +65,19 @@ class AlertToReport(harness.DaemonTest):
         self.assertTrue(any(alert.uri for alert in alerts))
         self.assertTrue(any(alert.host_name for alert in alerts))
 
+    def test_the_302_alerts_hold_14_of_ipv4_with_a_packet_of_ipv6(self):
+        stream = (harness.TREE / "samples/sensor-302-alerts.u2").read_bytes()
+        odd = [alert for alert in alerts_of(stream)
+               if alert.version == 4 and alert.packet.data[12:14] == b"\x86\xdd"]
+        for alert in odd:
+            # 14 bytes of Ethernet; the addresses of IPv6 end 24 and 40 bytes after them.
+            self.assertEqual(alert.packet.data[34:38], alert.source)
+            self.assertEqual(alert.packet.data[50:54], alert.destination)
+        events = ", ".join(str(alert.event_id) for alert in odd[:-1]) + f" and {odd[-1].event_id}"
+        text = " ".join((harness.TREE / "samples/README.md").read_text(encoding="utf-8").split())
+        self.assertEqual(14, len(odd))
+        self.assertIn(f"The events {events} are records of type 104", text)
+
     def test_each_of_302_alerts_becomes_a_report_on_the_reader_thread(self):
         self.check_302(single=1)
 
