@@ -50,6 +50,11 @@ class Manager:
         children = Path(f"/proc/{self._process.pid}/task/{self._process.pid}/children")
         return int(children.read_text(encoding="ascii").split()[0])
 
+    def kill(self):
+        """As a fault or an impatient person would end it; what it was doing is not finished."""
+        self._process.kill()
+        self._process.wait()
+
     def hang_up(self):
         self._process.send_signal(signal.SIGHUP)
 

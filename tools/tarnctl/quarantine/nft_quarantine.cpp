@@ -1,7 +1,10 @@
 #include "tarnctl/quarantine/nft_quarantine.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -35,6 +38,19 @@ std::string ReasonIn(const NftAnswer& answer) {
 bool SaysThereIsNone(const NftAnswer& answer) {
     return answer.kind == Kind::kFailed &&
            answer.text.find(std::strerror(ENOENT)) != std::string::npos;
+}
+
+bool SaysItIsTooLong(const NftAnswer& answer) {
+    return answer.kind == Kind::kFailed &&
+           answer.text.find(std::strerror(EMSGSIZE)) != std::string::npos;
+}
+
+std::string FreshTableWith(const std::map<std::string, NftTimedElements>& elements) {
+    std::string script = NftFreshTable();
+    for (const auto& [name, ofSet] : elements) {
+        script += NftAddSet(ofSet.front().first) + NftAddElements(ofSet);
+    }
+    return script;
 }
 
 // The objects of one kind in what nft lists as JSON. What is no such list has none.
@@ -104,21 +120,51 @@ std::string NftQuarantine::AskForHandle(uint64_t& handle, uint32_t& generation) 
     return ReasonIn(answer);
 }
 
-std::string NftQuarantine::Open() {
+std::string NftQuarantine::Open(const std::vector<TimedRule>& rules) {
     m_sets.clear();
     m_certain.clear();
     m_doubtful.clear();
-    const NftAnswer answer = Change(NftFreshTable());
+    std::map<std::string, NftTimedElements> elements;
+    for (const auto& [parts, seconds] : rules) {
+        NftElement element = ToNftElement(parts);
+        if (m_certain.insert(element.Id()).second) {
+            m_sets.emplace(element.set, element);
+            elements[element.set].emplace_back(std::move(element), seconds);
+        }
+    }
+    NftAnswer answer = Change(FreshTableWith(elements));
+    const bool isWhole = !SaysItIsTooLong(answer);
+    if (!isWhole) {
+        answer = OpenInPieces(elements);
+    }
     if (answer.kind != Kind::kDone) {
         m_handle = 0;
+        m_sets.clear();
+        m_certain.clear();
         return ReasonIn(answer);
     }
     uint32_t generation = 0;
     std::string reason = AskForHandle(m_handle, generation);
     // If somebody else made a change meanwhile, the next Check looks at the table again.
-    const bool isAlone = answer.after == NextGeneration(answer.before);
+    const bool isAlone = isWhole && answer.after == NextGeneration(answer.before);
     m_generation = isAlone && generation == answer.after ? generation : 0;
     return reason;
+}
+
+// Where the kernel's limit for a message cannot be raised, as in a user's namespace.
+NftAnswer NftQuarantine::OpenInPieces(const std::map<std::string, NftTimedElements>& elements) {
+    NftAnswer answer = Change(FreshTableWith({}));
+    for (const auto& [name, ofSet] : elements) {
+        std::string script = NftAddSet(m_sets.at(name));
+        for (size_t place = 0; place < ofSet.size() && answer.kind == Kind::kDone;
+             place += kRulesPerScript) {
+            const auto first = ofSet.begin() + static_cast<ptrdiff_t>(place);
+            const size_t count = std::min(kRulesPerScript, ofSet.size() - place);
+            script += NftAddElements({first, first + static_cast<ptrdiff_t>(count)});
+            answer = Change(std::exchange(script, std::string()));
+        }
+    }
+    return answer;
 }
 
 std::string NftQuarantine::Check(bool& isLost) {

@@ -12,8 +12,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tarnctl/quarantine/nft_engine.h"
@@ -27,6 +29,9 @@ class NftQuarantine {
   public:
     static constexpr std::chrono::seconds kTimeForARule{1};
     static constexpr std::chrono::seconds kTimeForAList{2};
+    static constexpr std::chrono::seconds kTimeForAStart{30};
+
+    using TimedRule = std::pair<QuarantineParts, int64_t>;
 
     explicit NftQuarantine(NftEngineMaker maker);
 
@@ -35,8 +40,10 @@ class NftQuarantine {
 
     // Each of these returns an empty string, or the reason why it failed.
 
-    // Begins with an empty table: what an earlier manager left in it ends.
-    [[nodiscard]] std::string Open();
+    // Begins with a table that holds these rules, each for so many seconds. What an earlier manager
+    // left in it ends at the same moment. Where the kernel does not take so many rules at once,
+    // they come one after the other.
+    [[nodiscard]] std::string Open(const std::vector<TimedRule>& rules = {});
 
     // Makes certain that the table works. `isLost` is true if somebody has removed it: then nothing
     // is in force any more, and an empty table has taken its place.
@@ -73,6 +80,7 @@ class NftQuarantine {
     // The table's number, which no later table gets again; 0 if there is no table.
     [[nodiscard]] std::string AskForHandle(uint64_t& handle, uint32_t& generation);
     [[nodiscard]] std::string Mend(uint32_t generation);
+    NftAnswer OpenInPieces(const std::map<std::string, NftTimedElements>& elements);
 
     NftWorker m_worker;
     NftWorker::Clock::time_point m_end;

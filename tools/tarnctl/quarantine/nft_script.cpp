@@ -54,6 +54,13 @@ std::string ElementPlace(const NftElement& element) {
     return " element inet tarn " + element.set + " { " + element.value;
 }
 
+// nft reads at most eight digits, which as seconds are three years.
+std::string TimeoutText(int64_t seconds) {
+    const int64_t left = std::clamp<int64_t>(seconds, 1, kLongestDays * kSecondsADay);
+    return " timeout " + std::to_string(left / kSecondsADay) + "d" +
+           std::to_string(left % kSecondsADay) + "s";
+}
+
 }  // namespace
 
 NftElement ToNftElement(const QuarantineParts& parts) {
@@ -135,12 +142,17 @@ std::string NftAddSet(const NftElement& element) {
 // The kernel leaves the timeout of an element that is there already as it is. So the element is
 // taken out and put in again.
 std::string NftAddElement(const NftElement& element, int64_t seconds) {
-    const int64_t left = std::clamp<int64_t>(seconds, 1, kLongestDays * kSecondsADay);
-    // nft reads at most eight digits, which as seconds are three years.
-    const std::string timeout =
-        std::to_string(left / kSecondsADay) + "d" + std::to_string(left % kSecondsADay) + "s";
     return NftRemoveElement(element) +  //
-           "add" + ElementPlace(element) + " timeout " + timeout + " }\n";
+           "add" + ElementPlace(element) + TimeoutText(seconds) + " }\n";
+}
+
+std::string NftAddElements(const NftTimedElements& elements) {
+    std::string script;
+    for (const auto& [element, seconds] : elements) {
+        script += script.empty() ? "add" + ElementPlace(element) : ", " + element.value;
+        script += TimeoutText(seconds);
+    }
+    return script.empty() ? script : script + " }\n";
 }
 
 // An element must be there to be taken out, so it is added first.

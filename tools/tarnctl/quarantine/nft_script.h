@@ -21,6 +21,8 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tarnctl/quarantine/quarantine_text.h"
 
@@ -38,6 +40,9 @@ struct NftElement {
     // Tells this element from every other one of the table.
     [[nodiscard]] std::string Id() const { return set + " " + value; }
 };
+
+// Elements of one set, and for how many seconds each.
+using NftTimedElements = std::vector<std::pair<NftElement, int64_t>>;
 
 // An element of each set that is wanted, by the name of the set.
 using NftSets = std::map<std::string, NftElement>;
@@ -61,6 +66,9 @@ using NftSets = std::map<std::string, NftElement>;
 
 // The element for this many seconds, at least 1, whether it was there already or not.
 [[nodiscard]] std::string NftAddElement(const NftElement& element, int64_t seconds);
+
+// Elements of the same set, for so many seconds each; none of them may be there already.
+[[nodiscard]] std::string NftAddElements(const NftTimedElements& elements);
 
 // No such element, whether it was there or not. Its set must be there.
 [[nodiscard]] std::string NftRemoveElement(const NftElement& element);

@@ -127,10 +127,16 @@ void ServeCaller(NftEngine& engine) {
     }
 }
 
-[[noreturn]] void RunWorker(int fd, const NftEngineMaker& maker) {
+// A caller that is killed takes this process along: its successor makes the table anew, and what
+// was still to be done must not come after that.
+bool EndsWithCaller(pid_t caller) {
+    return prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == caller;
+}
+
+[[noreturn]] void RunWorker(int fd, const NftEngineMaker& maker, pid_t caller) {
     HeedNoSignal();
     (void)prctl(PR_SET_NAME, "tarnctl-nft");  // a name is a help and nothing more
-    if (KeepOnly(fd)) {
+    if (EndsWithCaller(caller) && KeepOnly(fd)) {
         const std::unique_ptr<NftEngine> engine = maker();
         ServeCaller(*engine);
     }
@@ -172,9 +178,10 @@ std::string NftWorker::Start() {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         return std::strerror(errno);
     }
+    const pid_t caller = getpid();
     const pid_t process = fork();
     if (process == 0) {
-        RunWorker(ends[1], m_maker);
+        RunWorker(ends[1], m_maker, caller);
     }
     const int error = errno;
     close(ends[1]);

@@ -23,14 +23,31 @@ struct RuleInForce {
     QuarantineParts parts;
     std::string text;  // the line that says all this
     uint32_t issueId = 0;
-    uint64_t asked = 1;  // how often it was asked for
+    uint64_t asked = 1;    // how often it was asked for
+    time_t since = 0;      // when it got its end, in seconds since the epoch
+    std::string why = "";  // what a person said who asked for it; empty when no person did
 };
+
+// For how many seconds the rule is still in force. A clock that was set back since does not make
+// that longer than it was at first.
+[[nodiscard]] int64_t SecondsLeft(const RuleInForce& rule, time_t now);
 
 class RuleTable {
   public:
     // Puts a rule in force. Rules that differ in their end only are one, and the later end holds. A
     // rule whose end has come is not kept.
-    void Add(const QuarantineParts& parts, const std::string& text, uint32_t issueId, time_t now);
+    void Add(const QuarantineParts& parts, const std::string& text, uint32_t issueId, time_t now,
+             const std::string& why = "");
+
+    // Puts a rule in force again as it was, in place of one that differs in its end at most.
+    void Restore(RuleInForce rule);
+
+    // The rule in force that differs from this one in its end at most; null for none. Valid until
+    // the next change.
+    [[nodiscard]] const RuleInForce* Find(const QuarantineParts& parts) const;
+
+    // Takes out that rule. True if there was one.
+    bool TakeOutOne(const QuarantineParts& parts);
 
     // When the rule in force that differs from this one in its end at most ends; 0 for none.
     [[nodiscard]] time_t EndOf(const QuarantineParts& parts) const;

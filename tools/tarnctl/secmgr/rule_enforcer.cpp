@@ -18,22 +18,22 @@ constexpr int kTries = 3;
 
 RuleEnforcer::RuleEnforcer(const EnforcerSettings& settings,
                            std::function<void(const std::string&)> tell)
-    : m_settings(settings), m_tell(std::move(tell)), m_nft(settings.nftEngine) {}
+    : m_settings(settings), m_tell(std::move(tell)), m_nft(settings.nftEngine) {
+    if (!settings.state.empty()) {
+        m_state.emplace(settings.state);
+    }
+}
 
 std::string RuleEnforcer::Begin() {
     if (!m_settings.nft) {
         return "";
     }
-    if (!m_settings.nftEngine) {
+    if (UsesKernel() && !m_settings.nftEngine) {
         return "--nft: this tarnctl was built without libnftables";
     }
-    std::string reason = m_settings.objectionToNetwork();
+    std::string reason = UsesKernel() ? m_settings.objectionToNetwork() : "";
     reason = reason.empty() ? ReadLists(m_never) : reason;
-    if (!reason.empty()) {
-        return reason;
-    }
-    m_nft.GiveTime();
-    return m_nft.Open();
+    return reason.empty() ? Restore() : reason;
 }
 
 std::string RuleEnforcer::ReadLists(NeverList& never) const {
@@ -59,11 +59,6 @@ std::string RuleEnforcer::ReloadLists() {
     return reason;
 }
 
-std::string RuleEnforcer::Flush() {
-    m_nft.GiveTime();
-    return m_nft.Remove();
-}
-
 std::string RuleEnforcer::PutIntoForce(const QuarantineParts& parts, const std::string& text,
                                        uint32_t issueId) {
     const time_t now = std::time(nullptr);
@@ -80,9 +75,11 @@ std::string RuleEnforcer::PutIntoForce(const QuarantineParts& parts, const std::
         return "the limit of " + Counted(m_settings.maxRules, "rule") +
                " in force is reached (--max-rules)";
     }
-    std::string reason = m_settings.nft ? PutIntoKernel(parts, now) : "";
+    const time_t endBefore = m_table.EndOf(parts);
+    std::string reason = UsesKernel() ? PutIntoKernel(parts, now) : "";
     if (reason.empty()) {
         m_table.Add(parts, text, issueId, now);
+        Note(parts, endBefore);
     }
     return reason;
 }
@@ -149,6 +146,7 @@ void RuleEnforcer::Upkeep() {
         LearnHostAddresses();
     }
     EndProtected();
+    KeepState();
 }
 
 void RuleEnforcer::LearnHostAddresses() {
@@ -173,7 +171,7 @@ void RuleEnforcer::EndProtected() {
         }
     }
     std::string reason;
-    if (!rules.empty()) {
+    if (!rules.empty() && UsesKernel()) {
         m_nft.GiveTime();
         reason = CheckKernel();
         reason = reason.empty() ? m_nft.Withdraw(rules) : reason;
@@ -187,14 +185,16 @@ void RuleEnforcer::EndProtected() {
     }
     m_lastTrouble.clear();
     m_listHasGrown = false;
-    for (const RuleInForce& rule : m_table.TakeOut(isProtected)) {
+    const std::vector<RuleInForce> ended = m_table.TakeOut(isProtected);
+    NoteEnded(ended);
+    for (const RuleInForce& rule : ended) {
         TellEnd({rule}, ProtectionFrom(rule.parts, m_never));
     }
 }
 
 void RuleEnforcer::CompareWithKernel() {
     const auto isCertain = [this](const RuleInForce& rule) { return m_nft.IsCertain(rule.parts); };
-    if (!m_settings.nft || m_table.Rules().empty()) {
+    if (!UsesKernel() || m_table.Rules().empty()) {
         return;
     }
     m_nft.GiveTime(NftQuarantine::kTimeForAList);
@@ -229,6 +229,7 @@ void RuleEnforcer::DropAndTell(const std::function<bool(const RuleInForce&)>& is
     for (const RuleInForce& rule : gone) {
         m_nft.Forget(rule.parts);
     }
+    NoteEnded(gone);
     TellEnd(gone, why);
 }
 

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,12 +15,15 @@
 #include "tarnctl/quarantine/network_guard.h"
 #include "tarnctl/quarantine/never_list.h"
 #include "tarnctl/quarantine/nft_quarantine.h"
+#include "tarnctl/quarantine/quarantine_state.h"
 #include "tarnctl/quarantine/rule_table.h"
 
 namespace tarnctl {
 
 struct EnforcerSettings {
     bool nft = false;                    // rules are put into force in the kernel
+    bool dryRun = false;                 // all is judged, nothing is changed
+    std::string state;                   // a file in which rules outlive this; empty: none
     uint64_t maxRules = 65536;           // in force at a time
     std::vector<std::string> never;      // addresses and networks
     std::vector<std::string> neverFile;  // files of them
@@ -36,7 +40,8 @@ class RuleEnforcer {
 
     // Each of these returns an empty string, or the reason why it failed.
 
-    // Reads the lists and begins with an empty table in the kernel.
+    // Reads the lists, and begins with a table in the kernel that holds what the state file has and
+    // nothing else.
     [[nodiscard]] std::string Begin();
 
     // The reason is the one for which the rule is refused.
@@ -47,8 +52,11 @@ class RuleEnforcer {
     // they are if one cannot be read.
     [[nodiscard]] std::string ReloadLists();
 
-    // Removes the table from the kernel.
+    // Removes the table from the kernel, and the rules from the state file.
     [[nodiscard]] std::string Flush();
+
+    // Has the state file written whole, as at the end.
+    [[nodiscard]] std::string Save();
 
     // Drops the rules that have ended, and ends those whose address has become the host's own. To
     // be called now and then, and when Descriptor() becomes readable.
@@ -61,6 +69,12 @@ class RuleEnforcer {
     [[nodiscard]] const RuleTable& Table() const { return m_table; }
 
   private:
+    [[nodiscard]] bool UsesKernel() const { return m_settings.nft && !m_settings.dryRun; }
+    [[nodiscard]] std::string Restore();
+    void DropWhatMayNotBeRestored(RuleTable& table);
+    void Note(const QuarantineParts& parts, time_t endBefore);
+    void NoteEnded(const std::vector<RuleInForce>& rules);
+    void KeepState();
     [[nodiscard]] std::string ReadLists(NeverList& never) const;
     [[nodiscard]] std::string PutIntoKernel(const QuarantineParts& parts, time_t now);
     // Drops the rule from the table if it is not in the kernel any more.
@@ -79,6 +93,8 @@ class RuleEnforcer {
     NftQuarantine m_nft;
     bool m_listHasGrown = false;  // rules in force may fall under it
     std::string m_lastTrouble;    // reported once
+    std::optional<QuarantineState> m_state;
+    std::string m_stateTrouble;  // reported once
 };
 
 }  // namespace tarnctl

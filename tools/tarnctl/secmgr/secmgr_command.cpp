@@ -36,7 +36,9 @@ Examples:
   tarnctl secmgr --json | jq .parts.intruder  one JSON object per line
   tarnctl secmgr --fail-first 1               close once without an answer, then behave
   tarnctl secmgr --answer 3                   refuse every rule
-  tarnctl secmgr --nft --never 10.0.0.0/24    cut off what the rules name, but never that network)";
+  tarnctl secmgr --nft --never 10.0.0.0/24    cut off what the rules name, but never that network
+  tarnctl secmgr --nft --state FILE           the same, and go on with it after a restart
+  tarnctl secmgr --nft --dry-run              show what would be cut off)";
 
 class SecurityManager final : public Monitor {
   public:
@@ -64,7 +66,8 @@ class SecurityManager final : public Monitor {
                 m_server.WakeBy(m_enforcer.Descriptor());
             }
             Say("serving at " + m_options.socketPath +
-                (m_options.nft ? "; rules cut off traffic" : "; nothing is cut off"));
+                (m_options.nft && !m_options.dryRun ? "; rules cut off traffic"
+                                                    : "; nothing is cut off"));
         }
         return reason;
     }
@@ -82,7 +85,8 @@ class SecurityManager final : public Monitor {
 
     void End() override {
         TellTable();
-        const std::string reason = m_options.nft && m_options.flush ? m_enforcer.Flush() : "";
+        const std::string reason =
+            m_options.nft && m_options.flush ? m_enforcer.Flush() : m_enforcer.Save();
         if (!reason.empty()) {
             Fail(reason);
         }
@@ -198,6 +202,15 @@ CLI::App* AddSecmgrCommand(CLI::App& app, SecmgrOptions& options) {
     CLI::Option* const nft = command->add_flag(
         "--nft", options.nft, "Put the rules into force with nftables, in the table inet tarn");
     command->add_flag("--flush", options.flush, "Remove that table at the end")->needs(nft);
+    command
+        ->add_option("--state", options.state,
+                     "A file in which rules outlive the command and the machine")
+        ->type_name("FILE")
+        ->needs(nft);
+    command
+        ->add_flag("--dry-run", options.dryRun,
+                   "Judge, answer and show as with --nft, but change neither nftables nor --state")
+        ->needs(nft);
     command
         ->add_option("--never", options.never,
                      "An address or network that is never cut off; may be repeated")

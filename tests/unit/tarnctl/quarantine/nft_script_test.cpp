@@ -133,5 +133,13 @@ TEST(NftScript, KeepsATimeoutWithinWhatNftTakes) {
     EXPECT_NE(std::string::npos, NftAddElement(element, INT64_MAX).find("timeout 36500d0s"));
 }
 
+TEST(NftScript, PutsManyElementsOfASetInAtOnce) {
+    const NftElement one = Translate("ip intruder addr 10.0.0.1");
+    const NftElement two = Translate("ip intruder addr 10.0.0.2");
+    EXPECT_EQ("", NftAddElements({}));
+    EXPECT_EQ("add element inet tarn ip_saddr { 10.0.0.1 timeout 0d5s, 10.0.0.2 timeout 1d0s }\n",
+              NftAddElements({{one, 5}, {two, 86400}}));
+}
+
 }  // namespace
 }  // namespace tarnctl

@@ -3,11 +3,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 
 #include "support/temp_dir.h"
@@ -129,6 +132,29 @@ TEST(NftWorkerEnd, TakesItsProcessAlong) {
     }
     EXPECT_EQ(-1, kill(process, 0));
     EXPECT_EQ(ESRCH, errno);
+}
+
+// Otherwise it could still change the table that the caller's successor has made.
+TEST_F(NftWorkerTest, TakesItsProcessAlongWhenTheCallerIsKilledInTheMiddle) {
+    m_dir.Write("hang", "0");
+    ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1)) << "so that it can be waited for";
+    const pid_t caller = fork();
+    if (caller == 0) {
+        (void)Ask("add\n");  // does not come back in time
+        _exit(0);
+    }
+    const auto began = std::chrono::steady_clock::now();
+    while (m_dir.Read("changes").empty()) {
+        const timespec pause = {.tv_sec = 0, .tv_nsec = 1000000};
+        nanosleep(&pause, nullptr);
+    }
+    kill(caller, SIGKILL);
+    ASSERT_EQ(caller, waitpid(caller, nullptr, 0));
+    int status = 0;
+    ASSERT_GT(waitpid(-1, &status, 0), 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    EXPECT_LT(std::chrono::steady_clock::now() - began, kPatience);
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
 }  // namespace

@@ -105,5 +105,47 @@ TEST(RuleTableTakeOut, TakesTheRulesThatAreWantedAndForgetsThem) {
     EXPECT_EQ(1U, table.Rules().back().asked);
 }
 
+TEST(RuleTableAdd, RemembersSinceWhenTheEndHoldsAndWhatWasSaid) {
+    RuleTable table;
+    table.Add(Rule("10.0.0.1", 2000), "first", 1, kNow, "odd");
+    table.Add(Rule("10.0.0.1", 1500), "earlier", 2, kNow + 1);
+    EXPECT_EQ(kNow, table.Rules().front().since);
+    EXPECT_EQ("odd", table.Rules().front().why);
+    table.Add(Rule("10.0.0.1", 2500), "later", 3, kNow + 2, "odder");
+    EXPECT_EQ(kNow + 2, table.Rules().front().since);
+    EXPECT_EQ("odder", table.Rules().front().why);
+}
+
+TEST(RuleTableRestore, PutsARuleInThePlaceOfTheOneThatDiffersInItsEnd) {
+    RuleTable table;
+    table.Restore({.parts = Rule("10.0.0.1", 2000), .text = "late", .asked = 4});
+    table.Restore({.parts = Rule("10.0.0.2", 2000), .text = "other"});
+    table.Restore({.parts = Rule("10.0.0.1", 1500), .text = "early", .asked = 2});
+    ASSERT_EQ(2U, table.Rules().size());
+    EXPECT_EQ("early", table.Rules().front().text);
+    EXPECT_EQ(2U, table.Rules().front().asked);
+    EXPECT_EQ(1500, table.EndOf(Rule("10.0.0.1", 1)));
+    EXPECT_EQ(1U, table.DropExpired(1500).size()) << "and ends in time";
+}
+
+TEST(RuleTableTakeOutOne, TakesTheRuleThatDiffersInItsEndAtMost) {
+    RuleTable table;
+    table.Add(Rule("10.0.0.1", 2000), "one", 1, kNow);
+    table.Add(Rule("10.0.0.2", 2000), "two", 2, kNow);
+    EXPECT_FALSE(table.TakeOutOne(Rule("10.0.0.3", 2000)));
+    EXPECT_TRUE(table.TakeOutOne(Rule("10.0.0.1", 1)));
+    EXPECT_EQ(nullptr, table.Find(Rule("10.0.0.1", 2000)));
+    ASSERT_NE(nullptr, table.Find(Rule("10.0.0.2", 1)));
+    EXPECT_EQ("two", table.Find(Rule("10.0.0.2", 1))->text);
+    EXPECT_EQ(1U, table.Rules().size());
+}
+
+TEST(SecondsLeftOf, IsNeverMoreThanAtFirst) {
+    const RuleInForce rule = {.parts = Rule("10.0.0.1", 2000), .text = "", .since = 1400};
+    EXPECT_EQ(100, SecondsLeft(rule, 1900));
+    EXPECT_EQ(600, SecondsLeft(rule, 1400));
+    EXPECT_EQ(600, SecondsLeft(rule, 3));
+}
+
 }  // namespace
 }  // namespace tarnctl

@@ -6,6 +6,7 @@
 //   generation, handle  numbers of the ruleset and of the table; a change raises the first
 //   fail, hang, die     how many changes go well before one fails, never ends, or kills the process
 //   gone                no element is there
+//   longest             how many bytes of a change the kernel takes at once
 //   listing             the answer to the question for the whole table
 //
 // Threads: the worker's process; the files are the test's between two scripts.
@@ -41,6 +42,9 @@ class ScriptedEngine final : public NftEngine {
         }
         while (IsTurnOf("hang")) {
             pause();
+        }
+        if (script.size() > Number("longest", ~0U)) {
+            return {.isDone = false, .text = std::string("Error: ") + std::strerror(EMSGSIZE)};
         }
         if (IsTurnOf("fail")) {
             return {.isDone = false, .text = "Error: no such thing\nand more\n"};
