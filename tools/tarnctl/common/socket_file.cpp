@@ -11,8 +11,6 @@
 namespace tarnctl {
 namespace {
 
-constexpr mode_t kForItsUserOnly = 0600;
-
 // What connect says about the path, as an errno; 0 when somebody receives there. It does not wait
 // for a receiver that is busy.
 int Probe(const sockaddr_un& address, int type) {
@@ -61,7 +59,7 @@ SocketFile::~SocketFile() {
     close(m_fd);
 }
 
-std::string SocketFile::Open(const std::string& path, int type) {
+std::string SocketFile::Open(const std::string& path, int type, mode_t mode) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof(address.sun_path)) {
@@ -76,9 +74,11 @@ std::string SocketFile::Open(const std::string& path, int type) {
     if (fd == -1) {
         return FailureText(path, errno);
     }
-    // The mode set before the name is made is the one that the file gets.
+    // The mode set before the name is made is the one that the file gets, so that nobody finds it
+    // with another. What the umask takes away is given back.
     if (fchmod(fd, kForItsUserOnly) != 0 ||
         bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        (mode != kForItsUserOnly && chmod(path.c_str(), mode) != 0) ||
         lstat(path.c_str(), &m_file) != 0) {
         const int error = errno;
         close(fd);

@@ -15,15 +15,19 @@ namespace tarnctl {
 
 class SocketFile {
   public:
+    static constexpr mode_t kForItsUserOnly = 0600;
+
     SocketFile() = default;
     // Removes the file, if it is still this one's.
     ~SocketFile();
     SocketFile(const SocketFile&) = delete;
     SocketFile& operator=(const SocketFile&) = delete;
 
-    // Makes a socket of a type as for socket(), and gives it the name; only its user may then use
-    // it. Returns an empty string, or the reason why it failed. Once at most.
-    [[nodiscard]] std::string Open(const std::string& path, int type);
+    // Makes a socket of a type as for socket(), and gives it the name, with this mode of the file:
+    // who may write may use it, as told only its user. Returns an empty string, or the reason why
+    // it failed. Once at most.
+    [[nodiscard]] std::string Open(const std::string& path, int type,
+                                   mode_t mode = kForItsUserOnly);
 
     [[nodiscard]] int Descriptor() const { return m_fd; }
 

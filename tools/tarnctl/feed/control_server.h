@@ -8,12 +8,13 @@
 
 #include <poll.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "tarnctl/common/socket_file.h"
+#include "tarnctl/common/line_server.h"
 
 namespace tarnctl {
 
@@ -22,35 +23,23 @@ class ControlServer {
     // Answers a word; the answer is one line without its end.
     using Answer = std::function<std::string(const std::string& word)>;
 
-    ControlServer() = default;
-    ~ControlServer();
-    ControlServer(const ControlServer&) = delete;
-    ControlServer& operator=(const ControlServer&) = delete;
-
     // An empty text, or the reason.
-    [[nodiscard]] std::string Open(const std::string& path);
+    [[nodiscard]] std::string Open(const std::string& path) { return m_server.Open(path); }
 
     // Takes connections and words, and answers them.
     void Serve(const Answer& answer);
     // True while the connection that asked for a hold is there and has not released it.
-    [[nodiscard]] bool IsHeld() const { return m_holder != -1; }
+    [[nodiscard]] bool IsHeld() const { return m_holder != kNobody; }
 
     // What poll(2) has to look at.
-    void AddTo(std::vector<pollfd>& entries) const;
+    void AddTo(std::vector<pollfd>& entries) const { m_server.AddTo(entries); }
 
   private:
-    struct Client {
-        int fd = -1;  // owned
-        std::string text;
-    };
+    static constexpr size_t kLongestWord = 256;  // bytes
+    static constexpr uint64_t kNobody = 0;
 
-    // False when the client is gone.
-    bool ServeClient(Client& client, const Answer& answer);
-    void Accept();
-
-    SocketFile m_socket;
-    std::vector<Client> m_clients;
-    int m_holder = -1;  // descriptor of the client that holds
+    LineServer m_server{kLongestWord};
+    uint64_t m_holder = kNobody;  // the connection that holds
 };
 
 }  // namespace tarnctl

@@ -23,9 +23,9 @@ struct RuleInForce {
     QuarantineParts parts;
     std::string text;  // the line that says all this
     uint32_t issueId = 0;
-    uint64_t asked = 1;    // how often it was asked for
-    time_t since = 0;      // when it got its end, in seconds since the epoch
-    std::string why = "";  // what a person said who asked for it; empty when no person did
+    uint64_t asked = 1;  // how often it was asked for
+    time_t since = 0;    // when it got its end, in seconds since the epoch
+    std::string why;     // what a person said who asked for it; empty when no person did
 };
 
 // For how many seconds the rule is still in force. A clock that was set back since does not make

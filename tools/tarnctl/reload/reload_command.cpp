@@ -15,11 +15,11 @@
 #include "tarnctl/common/entry_guard.h"
 #include "tarnctl/common/exit_status.h"
 #include "tarnctl/common/feed_words.h"
+#include "tarnctl/common/line_link.h"
 #include "tarnctl/common/number_checks.h"
 #include "tarnctl/common/signals.h"
 #include "tarnctl/common/tarn_process.h"
 #include "tarnctl/reload/daemon_cycle.h"
-#include "tarnctl/reload/feeder_link.h"
 #include "tarnctl/reload/kept_entries.h"
 
 namespace tarnctl {
@@ -251,7 +251,7 @@ class Reload {
     std::ostream& m_out;
     std::ostream& m_err;
     DaemonCycle m_cycle;
-    FeederLink m_feeder;
+    LineLink m_feeder{"feeder", "leave --feeder out if there is none"};
     EntryGuard m_guard;
     std::string m_guardFault;
     EntryGuard::Policies m_before;

@@ -118,9 +118,9 @@ TEST(RuleTableAdd, RemembersSinceWhenTheEndHoldsAndWhatWasSaid) {
 
 TEST(RuleTableRestore, PutsARuleInThePlaceOfTheOneThatDiffersInItsEnd) {
     RuleTable table;
-    table.Restore({.parts = Rule("10.0.0.1", 2000), .text = "late", .asked = 4});
-    table.Restore({.parts = Rule("10.0.0.2", 2000), .text = "other"});
-    table.Restore({.parts = Rule("10.0.0.1", 1500), .text = "early", .asked = 2});
+    table.Restore({.parts = Rule("10.0.0.1", 2000), .text = "late", .asked = 4, .why = ""});
+    table.Restore({.parts = Rule("10.0.0.2", 2000), .text = "other", .why = ""});
+    table.Restore({.parts = Rule("10.0.0.1", 1500), .text = "early", .asked = 2, .why = ""});
     ASSERT_EQ(2U, table.Rules().size());
     EXPECT_EQ("early", table.Rules().front().text);
     EXPECT_EQ(2U, table.Rules().front().asked);
@@ -141,7 +141,8 @@ TEST(RuleTableTakeOutOne, TakesTheRuleThatDiffersInItsEndAtMost) {
 }
 
 TEST(SecondsLeftOf, IsNeverMoreThanAtFirst) {
-    const RuleInForce rule = {.parts = Rule("10.0.0.1", 2000), .text = "", .since = 1400};
+    const RuleInForce rule = {
+        .parts = Rule("10.0.0.1", 2000), .text = "", .since = 1400, .why = ""};
     EXPECT_EQ(100, SecondsLeft(rule, 1900));
     EXPECT_EQ(600, SecondsLeft(rule, 1400));
     EXPECT_EQ(600, SecondsLeft(rule, 3));

@@ -1,4 +1,4 @@
-#include "tarnctl/reload/feeder_link.h"
+#include "tarnctl/common/line_link.h"
 
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -7,23 +7,27 @@
 
 #include <array>
 #include <cerrno>
+#include <utility>
 
 #include "tarnctl/common/failure_text.h"
 
 namespace tarnctl {
 namespace {
 
-constexpr time_t kPatience = 10;  // seconds; a feeder looks at its socket many times a second
+constexpr time_t kPatience = 10;  // seconds; a server looks at its socket many times a second
 
 }  // namespace
 
-FeederLink::~FeederLink() {
+LineLink::LineLink(std::string server, std::string advice)
+    : m_server(std::move(server)), m_advice(std::move(advice)) {}
+
+LineLink::~LineLink() {
     if (m_fd != -1) {
         close(m_fd);
     }
 }
 
-std::string FeederLink::Open(const std::string& path) {
+std::string LineLink::Open(const std::string& path) {
     m_path = path;
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -40,29 +44,30 @@ std::string FeederLink::Open(const std::string& path) {
     if (connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         const int error = errno;
         return error == ECONNREFUSED || error == ENOENT
-                   ? path + ": no feeder is there; leave --feeder out if there is none"
+                   ? path + ": no " + m_server + " is there; " + m_advice
                    : FailureText(path, error);
     }
     return "";
 }
 
-std::string FeederLink::Ask(const std::string& word, nlohmann::ordered_json& answer) {
-    const std::string line = word + "\n";
-    if (send(m_fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
+std::string LineLink::Ask(const std::string& line, nlohmann::ordered_json& answer) {
+    const std::string text = line + "\n";
+    if (send(m_fd, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
         return FailureText(m_path, errno);
     }
     size_t end = 0;
-    std::array<char, 4096> buffer;
-    while ((end = m_text.find('\n')) == std::string::npos) {
+    std::array<char, 65536> buffer;
+    while ((end = m_text.find('\n', end)) == std::string::npos) {
+        end = m_text.size();
         const ssize_t count = recv(m_fd, buffer.data(), buffer.size(), 0);
         if (count <= 0) {
-            return m_path + ": the feeder does not answer";
+            return m_path + ": the " + m_server + " does not answer";
         }
         m_text.append(buffer.data(), static_cast<size_t>(count));
     }
     answer = nlohmann::ordered_json::parse(m_text.substr(0, end), nullptr, false);
     m_text.erase(0, end + 1);
-    return answer.is_object() ? "" : m_path + ": the answer is none of a feeder";
+    return answer.is_object() ? "" : m_path + ": the answer is none of a " + m_server;
 }
 
 }  // namespace tarnctl

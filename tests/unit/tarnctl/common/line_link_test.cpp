@@ -1,4 +1,4 @@
-#include "tarnctl/reload/feeder_link.h"
+#include "tarnctl/common/line_link.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,7 +22,9 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-class FeederLinkTest : public testing::Test {
+constexpr const char* kAdvice = "leave --feeder out if there is none";
+
+class LineLinkTest : public testing::Test {
   protected:
     // Serves until the end of the test, as the feeder does in its loop.
     void Serve(const std::string& answer) {
@@ -42,12 +44,12 @@ class FeederLinkTest : public testing::Test {
     const std::string m_path = m_dir.File("feed.sock");
     ControlServer m_server;
     std::atomic<bool> m_isHeld{false};
-    FeederLink m_link;
+    LineLink m_link{"feeder", kAdvice};
     Json m_answer;
     std::jthread m_thread;  // the last, so that it ends before what it uses
 };
 
-TEST_F(FeederLinkTest, HandsOutTheAnswerToEachWord) {
+TEST_F(LineLinkTest, HandsOutTheAnswerToEachWord) {
     Serve(R"({"underWay":3})");
     ASSERT_EQ("", m_link.Open(m_path));
     ASSERT_EQ("", m_link.Ask("counters", m_answer));
@@ -56,7 +58,7 @@ TEST_F(FeederLinkTest, HandsOutTheAnswerToEachWord) {
     EXPECT_EQ(Json({{"word", "release"}}), m_answer);
 }
 
-TEST_F(FeederLinkTest, ALongAnswerComesWhole) {
+TEST_F(LineLinkTest, ALongAnswerComesWhole) {
     const std::string text(100000, 'x');
     Serve(Json({{"text", text}}).dump());
     ASSERT_EQ("", m_link.Open(m_path));
@@ -64,10 +66,10 @@ TEST_F(FeederLinkTest, ALongAnswerComesWhole) {
     EXPECT_EQ(text, m_answer["text"]);
 }
 
-TEST_F(FeederLinkTest, TheHoldEndsWithTheLink) {
+TEST_F(LineLinkTest, TheHoldEndsWithTheLink) {
     Serve("{}");
     {
-        FeederLink link;
+        LineLink link("feeder", kAdvice);
         ASSERT_EQ("", link.Open(m_path));
         ASSERT_EQ("", link.Ask("hold", m_answer));
         ASSERT_EQ("", link.Ask("counters", m_answer));
@@ -78,7 +80,7 @@ TEST_F(FeederLinkTest, TheHoldEndsWithTheLink) {
     }
 }
 
-TEST_F(FeederLinkTest, SaysThatNoFeederIsThere) {
+TEST_F(LineLinkTest, SaysThatNoFeederIsThere) {
     EXPECT_EQ(m_path + ": no feeder is there; leave --feeder out if there is none",
               m_link.Open(m_path));
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -87,22 +89,22 @@ TEST_F(FeederLinkTest, SaysThatNoFeederIsThere) {
     m_path.copy(address.sun_path, sizeof(address.sun_path) - 1);
     ASSERT_EQ(0, bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
     close(fd);  // what a feeder that was killed leaves
-    FeederLink link;
+    LineLink link("feeder", kAdvice);
     EXPECT_THAT(link.Open(m_path), HasSubstr("no feeder is there"));
 }
 
-TEST_F(FeederLinkTest, SaysWhatElseIsWrongWithThePath) {
+TEST_F(LineLinkTest, SaysWhatElseIsWrongWithThePath) {
     EXPECT_THAT(m_link.Open(m_dir.File(std::string(200, 'x'))), EndsWith(": File name too long"));
-    FeederLink link;
+    LineLink link("feeder", kAdvice);
     EXPECT_THAT(link.Open(m_dir.Write("file", "") + "/sock"), EndsWith(": Not a directory"));
 }
 
-TEST_F(FeederLinkTest, RefusesAnAnswerThatIsNoObject) {
+TEST_F(LineLinkTest, RefusesAnAnswerThatIsNoObject) {
     for (const char* const text : {"[]", "7", "no JSON"}) {
         ControlServer server;
         const std::string path = m_dir.File(std::string("sock") + text[0]);
         ASSERT_EQ("", server.Open(path));
-        FeederLink link;
+        LineLink link("feeder", kAdvice);
         ASSERT_EQ("", link.Open(path));
         std::jthread thread([&](const std::stop_token& stop) {
             while (!stop.stop_requested()) {
@@ -114,7 +116,7 @@ TEST_F(FeederLinkTest, RefusesAnAnswerThatIsNoObject) {
     }
 }
 
-TEST_F(FeederLinkTest, NoticesAFeederThatEnds) {
+TEST_F(LineLinkTest, NoticesAFeederThatEnds) {
     auto server = std::make_unique<ControlServer>();
     ASSERT_EQ("", server->Open(m_path));
     ASSERT_EQ("", m_link.Open(m_path));
