@@ -7,6 +7,7 @@
 #include "tarnctl/import/import_command.h"
 #include "tarnctl/messages/messages_command.h"
 #include "tarnctl/packetlog/packetlog_command.h"
+#include "tarnctl/quarantine_control/quarantine_command.h"
 #include "tarnctl/reload/reload_command.h"
 #include "tarnctl/replay/replay_command.h"
 #include "tarnctl/ring/ring_command.h"
@@ -30,6 +31,7 @@ constexpr std::unique_ptr<SubCommand> (*kMakers[])() = {
     MakeSubCommand<AddImportCommand, RunImport>,
     MakeSubCommand<AddMessagesCommand, RunMessages>,
     MakeSubCommand<AddPacketLogCommand, RunPacketLog>,
+    MakeSubCommand<AddQuarantineCommand, RunQuarantine>,
     MakeSubCommand<AddReloadCommand, RunReload>,
     MakeSubCommand<AddReplayCommand, RunReplay>,
     MakeSubCommand<AddRingCommand, RunRing>,

@@ -16,11 +16,11 @@ namespace tarnctl {
 namespace {
 
 constexpr const char* kCommands[] = {
-    "check",     "crm",    "explain", "feed",   "import",   "messages",
+    "check",      "crm",    "explain", "feed", "import", "messages",
 #ifdef TARNCTL_WITH_PCAP
     "packetlog",
 #endif
-    "reload",    "replay", "ring",    "secmgr", "selftest", "show",     "status",
+    "quarantine", "reload", "replay",  "ring", "secmgr", "selftest", "show", "status",
 #ifdef TARNCTL_WITH_NCURSES
     "top",
 #endif

@@ -7,23 +7,24 @@
 #include <cerrno>
 #include <fstream>
 #include <optional>
+#include <utility>
 
 #include "tarnctl/common/read_error.h"
 
 namespace tarnctl {
 namespace {
 
-constexpr std::array kAlways = {
-    "0.0.0.0/8",        // this network
-    "127.0.0.0/8",      // loopback
-    "169.254.0.0/16",   // link-local
-    "224.0.0.0/4",      // multicast
-    "255.255.255.255",  // broadcast
-    "::",               // unspecified
-    "::1",              // loopback
-    "fe80::/10",        // link-local
-    "ff00::/8",         // multicast
-};
+constexpr std::array<std::pair<const char*, const char*>, 9> kAlways = {{
+    {"0.0.0.0/8", "this network"},
+    {"127.0.0.0/8", "loopback"},
+    {"169.254.0.0/16", "link-local"},
+    {"224.0.0.0/4", "multicast"},
+    {"255.255.255.255", "broadcast"},
+    {"::", "unspecified"},
+    {"::1", "loopback"},
+    {"fe80::/10", "link-local"},
+    {"ff00::/8", "multicast"},
+}};
 
 std::string Trimmed(const std::string& line) {
     const std::string text = line.substr(0, line.find('#'));
@@ -42,12 +43,12 @@ bool IsNeighbourDiscovery(const QuarantineParts& parts) {
 }  // namespace
 
 NeverList::NeverList() {
-    for (const char* const text : kAlways) {
-        (void)Add(text);  // all are well formed
+    for (const auto& [text, meaning] : kAlways) {
+        (void)Add(text, std::string("always: ") + meaning);  // all are well formed
     }
 }
 
-std::string NeverList::Add(const std::string& text) {
+std::string NeverList::Add(const std::string& text, const std::string& source) {
     if (m_texts.contains(text)) {
         return "";
     }
@@ -57,10 +58,10 @@ std::string NeverList::Add(const std::string& text) {
         return reason;
     }
     m_texts.insert(text);
-    m_entries.push_back({network, text});
+    m_entries.push_back({network, text, source});
     const std::optional<IpNetwork> embedded = EmbeddedIpv4(network);
     if (embedded) {
-        m_entries.push_back({*embedded, text});
+        m_entries.push_back({*embedded, text, source});
     }
     return "";
 }
@@ -74,9 +75,10 @@ std::string NeverList::AddFile(const std::string& path) {
     for (std::string line; std::getline(file, line);) {
         ++number;
         const std::string entry = Trimmed(line);
-        std::string reason = entry.empty() ? "" : Add(entry);
+        const std::string place = path + ", line " + std::to_string(number);
+        std::string reason = entry.empty() ? "" : Add(entry, place);
         if (!reason.empty()) {
-            return reason.insert(0, path + ", line " + std::to_string(number) + ": ");
+            return reason.insert(0, place + ": ");
         }
     }
     return file.bad() ? path + ": cannot be read; name a file with one address or network per line"
@@ -86,26 +88,26 @@ std::string NeverList::AddFile(const std::string& path) {
 bool NeverList::AddAddresses(const std::vector<std::string>& addresses) {
     const size_t before = m_entries.size();
     for (const std::string& address : addresses) {
-        (void)Add(address);  // the system's addresses are well formed
+        (void)Add(address, "an address of this host");  // the system's addresses are well formed
     }
     return m_entries.size() != before;
 }
 
-std::string NeverList::Covering(const std::string& address) const {
+NeverCover NeverList::CoverOf(const std::string& address) const {
     const std::optional<IpAddress> parsed = ParseIpAddress(address);
     if (!parsed) {
-        return "";
+        return {};
     }
-    const std::string entry = CoveringOne(*parsed);
+    NeverCover cover = CoveringOne(*parsed);
     const std::optional<IpNetwork> embedded = EmbeddedIpv4({*parsed, BitsOf(parsed->family)});
-    return entry.empty() && embedded ? CoveringOne(embedded->base) : entry;
+    return cover.entry.empty() && embedded ? CoveringOne(embedded->base) : cover;
 }
 
-std::string NeverList::CoveringOne(const IpAddress& address) const {
+NeverCover NeverList::CoveringOne(const IpAddress& address) const {
     const auto entry = std::find_if(m_entries.begin(), m_entries.end(), [&](const Entry& known) {
         return Contains(known.network, address);
     });
-    return entry == m_entries.end() ? "" : entry->text;
+    return entry == m_entries.end() ? NeverCover() : NeverCover{entry->text, entry->source};
 }
 
 std::string ProtectionFrom(const QuarantineParts& parts, const NeverList& never) {

@@ -18,13 +18,19 @@
 
 namespace tarnctl {
 
+// An entry, as it was added, and where it is from; both empty for none.
+struct NeverCover {
+    std::string entry;
+    std::string source;  // "FILE, line 3"
+};
+
 class NeverList {
   public:
     NeverList();
 
     // An address, or a network as address and prefix length. Returns an empty string, or the reason
     // why the text is none.
-    [[nodiscard]] std::string Add(const std::string& text);
+    [[nodiscard]] std::string Add(const std::string& text, const std::string& source = "");
 
     // The same for each line of a file; what follows a # and empty lines do not count.
     [[nodiscard]] std::string AddFile(const std::string& path);
@@ -36,7 +42,11 @@ class NeverList {
     // Why an address is never quarantined: the entry that it falls under, as it was added. An IPv6
     // address that stands for an IPv4 address falls under that address's entries as well. Empty
     // when it falls under none, and when it is no address.
-    [[nodiscard]] std::string Covering(const std::string& address) const;
+    [[nodiscard]] std::string Covering(const std::string& address) const {
+        return CoverOf(address).entry;
+    }
+    // The same, with where the entry is from.
+    [[nodiscard]] NeverCover CoverOf(const std::string& address) const;
 
     // How many entries there are.
     [[nodiscard]] size_t Size() const { return m_entries.size(); }
@@ -45,9 +55,10 @@ class NeverList {
     struct Entry {
         IpNetwork network;
         std::string text;
+        std::string source;
     };
 
-    [[nodiscard]] std::string CoveringOne(const IpAddress& address) const;
+    [[nodiscard]] NeverCover CoveringOne(const IpAddress& address) const;
 
     std::vector<Entry> m_entries;
     std::unordered_set<std::string> m_texts;  // of the entries

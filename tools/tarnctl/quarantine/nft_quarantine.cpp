@@ -86,6 +86,15 @@ std::string ValueText(const json& element) {
     return text;
 }
 
+void CountIn(const json& element, NftDropped& dropped) {
+    const json& inner = element.is_object() && element.contains("elem") ? element["elem"] : element;
+    if (inner.is_object() && inner.contains("counter") && inner["counter"].is_object()) {
+        dropped.isKnown = true;
+        dropped.packets += inner["counter"].value("packets", uint64_t{0});
+        dropped.bytes += inner["counter"].value("bytes", uint64_t{0});
+    }
+}
+
 }  // namespace
 
 NftQuarantine::NftQuarantine(NftEngineMaker maker) : m_worker(std::move(maker)) {}
@@ -257,14 +266,14 @@ std::string NftQuarantine::Find(const QuarantineParts& parts, bool& isThere) {
     return SaysThereIsNone(answer) ? "" : ReasonIn(answer);
 }
 
-std::string NftQuarantine::List(std::set<std::string>& ids) {
+std::string NftQuarantine::List(std::map<std::string, NftDropped>& elements) {
     const NftAnswer answer = Query(NftListTable());
     for (const json& set : ObjectsIn(answer.text, "set")) {
         if (!set.contains("elem")) {
             continue;
         }
         for (const json& element : set["elem"]) {
-            ids.insert(set.value("name", "") + " " + ValueText(element));
+            CountIn(element, elements[set.value("name", "") + " " + ValueText(element)]);
         }
     }
     return ReasonIn(answer);

@@ -25,6 +25,13 @@
 
 namespace tarnctl {
 
+// What the kernel has dropped for one element since it was put in.
+struct NftDropped {
+    bool isKnown = false;  // it is not for an element with a limit
+    uint64_t packets = 0;
+    uint64_t bytes = 0;
+};
+
 class NftQuarantine {
   public:
     static constexpr std::chrono::seconds kTimeForARule{1};
@@ -59,8 +66,8 @@ class NftQuarantine {
     // Whether the kernel has the rule.
     [[nodiscard]] std::string Find(const QuarantineParts& parts, bool& isThere);
 
-    // The Id() of each element that the kernel has.
-    [[nodiscard]] std::string List(std::set<std::string>& ids);
+    // Each element that the kernel has, by its Id().
+    [[nodiscard]] std::string List(std::map<std::string, NftDropped>& elements);
 
     // Removes the table; every quarantine ends.
     [[nodiscard]] std::string Remove();

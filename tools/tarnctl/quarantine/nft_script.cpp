@@ -132,7 +132,7 @@ std::string NftMendedTable(const NftSets& sets) {
 
 std::string NftAddSet(const NftElement& element) {
     const std::string limit =
-        element.limit == 0 ? ""
+        element.limit == 0 ? " counter;"
                            : " limit rate over " + std::to_string(element.limit) + " bytes/second;";
     return "add set inet tarn " + element.set + " { typeof " + element.key + "; flags timeout;" +
            limit + " }\n" +  //

@@ -179,7 +179,9 @@ void QuarantineState::NotePut(const RuleInForce& rule) {
 }
 
 void QuarantineState::NoteEnded(const RuleInForce& rule) {
-    Append(Json{{"ended", rule.text}}.dump(-1, ' ', false, Json::error_handler_t::replace));
+    Json json;
+    json["ended"] = rule.text;
+    Append(json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 // After a line that was not written whole none is added: the next Rewrite has them all.

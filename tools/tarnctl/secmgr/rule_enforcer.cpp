@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <ctime>
 #include <iterator>
-#include <set>
+#include <map>
 #include <utility>
 
 #include "tarnctl/common/counted.h"
@@ -39,7 +39,7 @@ std::string RuleEnforcer::Begin() {
 std::string RuleEnforcer::ReadLists(NeverList& never) const {
     std::string reason;
     for (const std::string& entry : m_settings.never) {
-        reason = reason.empty() ? never.Add(entry) : reason;
+        reason = reason.empty() ? never.Add(entry, "--never") : reason;
     }
     for (const std::string& path : m_settings.neverFile) {
         reason = reason.empty() ? never.AddFile(path) : reason;
@@ -60,7 +60,7 @@ std::string RuleEnforcer::ReloadLists() {
 }
 
 std::string RuleEnforcer::PutIntoForce(const QuarantineParts& parts, const std::string& text,
-                                       uint32_t issueId) {
+                                       uint32_t issueId, const std::string& why) {
     const time_t now = std::time(nullptr);
     Upkeep();
     if (m_settings.nft) {
@@ -78,7 +78,7 @@ std::string RuleEnforcer::PutIntoForce(const QuarantineParts& parts, const std::
     const time_t endBefore = m_table.EndOf(parts);
     std::string reason = UsesKernel() ? PutIntoKernel(parts, now) : "";
     if (reason.empty()) {
-        m_table.Add(parts, text, issueId, now);
+        m_table.Add(parts, text, issueId, now, why);
         Note(parts, endBefore);
     }
     return reason;
@@ -192,22 +192,57 @@ void RuleEnforcer::EndProtected() {
     }
 }
 
-void RuleEnforcer::CompareWithKernel() {
+std::string RuleEnforcer::End(const std::function<bool(const RuleInForce&)>& isWanted,
+                              const std::string& why, std::vector<RuleInForce>& ended) {
+    std::vector<QuarantineParts> rules;
+    for (const RuleInForce& rule : m_table.Rules()) {
+        if (isWanted(rule)) {
+            rules.push_back(rule.parts);
+        }
+    }
+    if (UsesKernel() && !rules.empty()) {
+        m_nft.GiveTime(NftQuarantine::kTimeForAList);
+        std::string reason = CheckKernel();
+        reason = reason.empty() ? m_nft.Withdraw(rules) : reason;
+        if (!reason.empty()) {
+            return reason;
+        }
+    }
+    ended = m_table.TakeOut(isWanted);
+    NoteEnded(ended);
+    TellEnd(ended, why);
+    return "";
+}
+
+NeverCover RuleEnforcer::ProtectionOf(const std::string& address) {
+    if (!m_settings.nft) {
+        return {};
+    }
+    LearnHostAddresses();
+    return m_never.CoverOf(address);
+}
+
+void RuleEnforcer::CompareWithKernel(std::map<std::string, NftDropped>* dropped) {
     const auto isCertain = [this](const RuleInForce& rule) { return m_nft.IsCertain(rule.parts); };
     if (!UsesKernel() || m_table.Rules().empty()) {
         return;
     }
     m_nft.GiveTime(NftQuarantine::kTimeForAList);
     std::string reason = CheckKernel();
-    if (reason.empty() && !std::all_of(m_table.Rules().begin(), m_table.Rules().end(), isCertain)) {
-        std::set<std::string> ids;
-        reason = m_nft.List(ids);
-        if (reason.empty()) {
+    const bool isDoubtful = !std::all_of(m_table.Rules().begin(), m_table.Rules().end(), isCertain);
+    if (reason.empty() && (isDoubtful || dropped != nullptr)) {
+        std::map<std::string, NftDropped> elements;
+        reason = m_nft.List(elements);
+        // An element whose time is just over may be gone from there before it is from here.
+        if (reason.empty() && isDoubtful) {
             DropAndTell(
                 [&](const RuleInForce& rule) {
-                    return !ids.contains(ToNftElement(rule.parts).Id());
+                    return !elements.contains(ToNftElement(rule.parts).Id());
                 },
                 "somebody else has removed it");
+        }
+        if (dropped != nullptr) {
+            *dropped = std::move(elements);
         }
     }
     if (!reason.empty()) {

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -45,8 +46,17 @@ class RuleEnforcer {
     [[nodiscard]] std::string Begin();
 
     // The reason is the one for which the rule is refused.
+    // `why` is what a person says who asks for it.
     [[nodiscard]] std::string PutIntoForce(const QuarantineParts& parts, const std::string& text,
-                                           uint32_t issueId);
+                                           uint32_t issueId, const std::string& why = "");
+
+    // Ends the rules for which this is true before their time, and reports each with `why`.
+    [[nodiscard]] std::string End(const std::function<bool(const RuleInForce&)>& isWanted,
+                                  const std::string& why, std::vector<RuleInForce>& ended);
+
+    // Under which entry of the lists an address falls, with the host's addresses as they are now.
+    // Where nothing is cut off, nothing is protected.
+    [[nodiscard]] NeverCover ProtectionOf(const std::string& address);
 
     // Reads the lists again and ends the rules that they protect from now on. The lists stay as
     // they are if one cannot be read.
@@ -62,8 +72,12 @@ class RuleEnforcer {
     // be called now and then, and when Descriptor() becomes readable.
     void Upkeep();
 
-    // Compares the rules with what the kernel has, if anybody else may have changed that.
-    void CompareWithKernel();
+    // Compares the rules with what the kernel has, if anybody else may have changed that. With
+    // `dropped`, says what the kernel has dropped for each element, by its Id().
+    void CompareWithKernel(std::map<std::string, NftDropped>* dropped = nullptr);
+
+    // Whether rules are in force in the kernel.
+    [[nodiscard]] bool CutsOff() const { return UsesKernel(); }
 
     [[nodiscard]] int Descriptor() const { return m_watch.Descriptor(); }
     [[nodiscard]] const RuleTable& Table() const { return m_table; }

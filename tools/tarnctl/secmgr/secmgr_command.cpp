@@ -14,6 +14,7 @@
 #ifdef TARNCTL_WITH_NFTABLES
 #include "tarnctl/quarantine/nft_kernel.h"
 #endif
+#include "tarnctl/secmgr/quarantine_control.h"
 #include "tarnctl/secmgr/rule_enforcer.h"
 #include "tarnctl/secmgr/secmgr_answer.h"
 #include "tarnctl/secmgr/secmgr_server.h"
@@ -45,7 +46,8 @@ class SecurityManager final : public Monitor {
     SecurityManager(const SecmgrOptions& options, std::ostream& out, std::ostream& err)
         : Monitor("secmgr", "rule", options, out, err),
           m_options(options),
-          m_enforcer(options, [this](const std::string& text) { Say(text); }) {}
+          m_enforcer(options, [this](const std::string& text) { Say(text); }),
+          m_control(m_enforcer, [this](const std::string& text) { Say(text); }) {}
 
   private:
     // The socket comes first: it shows whether another manager is there, whose table of nftables
@@ -58,13 +60,18 @@ class SecurityManager final : public Monitor {
         if (!reason.empty()) {
             return reason;
         }
-        reason = m_enforcer.Begin();
+        reason = m_options.control.empty() ? "" : m_control.Open(m_options.control);
+        reason = reason.empty() ? m_enforcer.Begin() : reason;
         if (reason.empty()) {
             CatchRequests(SIGUSR1);
             if (m_options.nft) {
                 CatchRequests(SIGHUP);
-                m_server.WakeBy(m_enforcer.Descriptor());
             }
+            m_server.WakeBy([this](std::vector<pollfd>& entries) {
+                // An entry whose descriptor is negative is not waited for.
+                entries.push_back({m_options.nft ? m_enforcer.Descriptor() : -1, POLLIN, 0});
+                m_control.AddTo(entries);
+            });
             Say("serving at " + m_options.socketPath +
                 (m_options.nft && !m_options.dryRun ? "; rules cut off traffic"
                                                     : "; nothing is cut off"));
@@ -75,6 +82,7 @@ class SecurityManager final : public Monitor {
     void Serve(std::chrono::milliseconds time) override {
         ServeClients(time);
         m_enforcer.Upkeep();
+        m_control.Serve();
         if (m_options.nft && TakeRequest(SIGHUP)) {
             Reload();
         }
@@ -169,6 +177,7 @@ class SecurityManager final : public Monitor {
     SecmgrAnswer m_wrongAnswer{SecmgrAnswer::Kind::kClose, 0};
     SecmgrServer m_server;
     RuleEnforcer m_enforcer;
+    QuarantineControl m_control;
     uint64_t m_accepted = 0;
 };
 
@@ -222,6 +231,11 @@ CLI::App* AddSecmgrCommand(CLI::App& app, SecmgrOptions& options) {
         ->type_name("FILE")
         ->allow_extra_args(false)
         ->needs(nft);
+    command
+        ->add_option("--control", options.control,
+                     "Serve tarnctl quarantine at this socket; its default is " +
+                         std::string(kQuarantineSocket))
+        ->type_name("SOCKET");
     command->add_option("--max-rules", options.maxRules, "Refuse rules while N are in force")
         ->type_name("N")
         ->capture_default_str()

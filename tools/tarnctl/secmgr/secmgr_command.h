@@ -20,6 +20,7 @@ struct SecmgrOptions : MonitorOptions, EnforcerSettings {
     std::string answer;      // as for ParseAnswer; empty: as a manager should
     uint64_t failFirst = 0;  // only so many rules get that answer; 0: all
     bool flush = false;      // a quarantine in the kernel ends with the command
+    std::string control;     // a socket for `tarnctl quarantine`; empty: none
     // Not an option; tests use another.
     std::string socketPath = tarn::paths::kSecurityManagerSocket;
 };

@@ -84,15 +84,17 @@ void SecmgrServer::KeepMalformed(const Client& client, std::string reason) {
 }
 
 void SecmgrServer::Wait(std::chrono::milliseconds time) {
-    // An entry whose descriptor is negative is not waited for.
-    std::vector<pollfd> entries = {{m_socket.Descriptor(), POLLIN, 0}, {m_wakeBy, POLLIN, 0}};
+    std::vector<pollfd> entries = {{m_socket.Descriptor(), POLLIN, 0}};
     for (const Client& client : m_clients) {
         entries.push_back({client.fd, POLLIN, 0});
+    }
+    if (m_addWakers) {
+        m_addWakers(entries);
     }
     if (poll(entries.data(), entries.size(), static_cast<int>(time.count())) <= 0) {
         return;
     }
-    auto entry = std::next(entries.begin(), 2);
+    auto entry = std::next(entries.begin());
     for (Client& client : m_clients) {
         client.isReadable = entry->revents != 0;
         ++entry;

@@ -5,11 +5,15 @@
 //
 // Threads: one at a time.
 
+#include <poll.h>
+
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <list>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tarnctl/common/socket_file.h"
@@ -37,8 +41,8 @@ class SecmgrServer {
     // Waits up to this long, and not at all when there is something already.
     [[nodiscard]] Result Next(SecmgrRequest& request, std::chrono::milliseconds time);
 
-    // Ends a wait when this descriptor becomes readable; -1 for none.
-    void WakeBy(int fd) { m_wakeBy = fd; }
+    // Ends a wait when what this adds to the entries of poll(2) becomes ready.
+    void WakeBy(std::function<void(std::vector<pollfd>&)> add) { m_addWakers = std::move(add); }
 
     // Answers the request of the last call to Next. False when the client does not take it, which
     // closes its connection.
@@ -66,7 +70,7 @@ class SecmgrServer {
     Clients::iterator Close(Clients::iterator client);
 
     SocketFile m_socket;
-    int m_wakeBy = -1;     // borrowed
+    std::function<void(std::vector<pollfd>&)> m_addWakers;
     Clients m_clients;     // the one that was served last is the last
     bool m_asked = false;  // the last client has a request to be answered
     std::string m_error;

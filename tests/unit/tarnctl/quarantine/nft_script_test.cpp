@@ -106,7 +106,8 @@ TEST(NftScript, TakesAnElementOutWhetherItIsThereOrNot) {
 
 TEST(NftScript, AddsASetAndItsRule) {
     EXPECT_EQ(
-        "add set inet tarn ip_saddr_tcp_dport { typeof ip saddr . tcp dport; flags timeout; }\n"
+        "add set inet tarn ip_saddr_tcp_dport { typeof ip saddr . tcp dport; flags timeout; "
+        "counter; }\n"
         "add rule inet tarn quarantine ip saddr . tcp dport @ip_saddr_tcp_dport drop\n",
         NftAddSet(Translate("ip intruder addr 10.0.0.1 tcp src port 0 dst port 80")));
 }
