@@ -45,14 +45,6 @@ bool SaysItIsTooLong(const NftAnswer& answer) {
            answer.text.find(std::strerror(EMSGSIZE)) != std::string::npos;
 }
 
-std::string FreshTableWith(const std::map<std::string, NftTimedElements>& elements) {
-    std::string script = NftFreshTable();
-    for (const auto& [name, ofSet] : elements) {
-        script += NftAddSet(ofSet.front().first) + NftAddElements(ofSet);
-    }
-    return script;
-}
-
 // The objects of one kind in what nft lists as JSON. What is no such list has none.
 std::vector<json> ObjectsIn(const std::string& text, const char* kind) {
     std::vector<json> objects;
@@ -97,7 +89,8 @@ void CountIn(const json& element, NftDropped& dropped) {
 
 }  // namespace
 
-NftQuarantine::NftQuarantine(NftEngineMaker maker) : m_worker(std::move(maker)) {}
+NftQuarantine::NftQuarantine(NftEngineMaker maker, NftHooks hooks)
+    : m_worker(std::move(maker)), m_hooks(std::move(hooks)) {}
 
 void NftQuarantine::GiveTime(std::chrono::seconds time) {
     m_end = NftWorker::Clock::now() + time;
@@ -117,16 +110,46 @@ NftAnswer NftQuarantine::Query(const std::string& script) {
     return m_worker.Ask(Task::kQuery, script, m_end);
 }
 
-std::string NftQuarantine::AskForHandle(uint64_t& handle, uint32_t& generation) {
+std::string NftQuarantine::AskForHandles(Handles& handles, uint32_t& generation) {
     const NftAnswer answer = Query(NftListTables());
-    handle = 0;
+    handles.clear();
     generation = answer.before == answer.after ? answer.after : 0;
     for (const json& table : ObjectsIn(answer.text, "table")) {
-        if (table.value("family", "") == "inet" && table.value("name", "") == "tarn") {
-            handle = table.value("handle", uint64_t{0});
+        const std::string family = table.value("family", "");
+        const uint64_t handle = table.value("handle", uint64_t{0});
+        if ((family == "inet" || family == "bridge") && table.value("name", "") == "tarn" &&
+            handle != 0) {
+            handles[family] = handle;
         }
     }
     return ReasonIn(answer);
+}
+
+bool NftQuarantine::HasLost(const Handles& handles) const {
+    const std::vector<std::string> families = NftFamilies(m_hooks);
+    return std::any_of(families.begin(), families.end(), [&](const std::string& family) {
+        const auto known = m_handles.find(family);
+        const auto found = handles.find(family);
+        return known == m_handles.end() || found == handles.end() || known->second != found->second;
+    });
+}
+
+std::string NftQuarantine::FreshTablesWith(
+    const std::map<std::string, NftTimedElements>& elements) {
+    const std::vector<std::string> families = NftFamilies(m_hooks);
+    Handles handles;
+    uint32_t generation = 0;
+    std::string script;
+    (void)AskForHandles(handles, generation);  // without an answer nothing is known to be left
+    for (const auto& [family, handle] : handles) {
+        const bool isOurs = std::find(families.begin(), families.end(), family) != families.end();
+        script += isOurs ? std::string() : NftNoTable(family);
+    }
+    script += NftFreshTable(m_hooks);
+    for (const auto& [name, ofSet] : elements) {
+        script += NftAddSet(ofSet.front().first, m_hooks) + NftAddElements(ofSet, m_hooks);
+    }
+    return script;
 }
 
 std::string NftQuarantine::Open(const std::vector<TimedRule>& rules) {
@@ -141,19 +164,19 @@ std::string NftQuarantine::Open(const std::vector<TimedRule>& rules) {
             elements[element.set].emplace_back(std::move(element), seconds);
         }
     }
-    NftAnswer answer = Change(FreshTableWith(elements));
+    NftAnswer answer = Change(FreshTablesWith(elements));
     const bool isWhole = !SaysItIsTooLong(answer);
     if (!isWhole) {
         answer = OpenInPieces(elements);
     }
     if (answer.kind != Kind::kDone) {
-        m_handle = 0;
+        m_handles.clear();
         m_sets.clear();
         m_certain.clear();
         return ReasonIn(answer);
     }
     uint32_t generation = 0;
-    std::string reason = AskForHandle(m_handle, generation);
+    std::string reason = AskForHandles(m_handles, generation);
     // If somebody else made a change meanwhile, the next Check looks at the table again.
     const bool isAlone = isWhole && answer.after == NextGeneration(answer.before);
     m_generation = isAlone && generation == answer.after ? generation : 0;
@@ -162,14 +185,14 @@ std::string NftQuarantine::Open(const std::vector<TimedRule>& rules) {
 
 // Where the kernel's limit for a message cannot be raised, as in a user's namespace.
 NftAnswer NftQuarantine::OpenInPieces(const std::map<std::string, NftTimedElements>& elements) {
-    NftAnswer answer = Change(FreshTableWith({}));
+    NftAnswer answer = Change(FreshTablesWith({}));
     for (const auto& [name, ofSet] : elements) {
-        std::string script = NftAddSet(m_sets.at(name));
+        std::string script = NftAddSet(m_sets.at(name), m_hooks);
         for (size_t place = 0; place < ofSet.size() && answer.kind == Kind::kDone;
              place += kRulesPerScript) {
             const auto first = ofSet.begin() + static_cast<ptrdiff_t>(place);
             const size_t count = std::min(kRulesPerScript, ofSet.size() - place);
-            script += NftAddElements({first, first + static_cast<ptrdiff_t>(count)});
+            script += NftAddElements({first, first + static_cast<ptrdiff_t>(count)}, m_hooks);
             answer = Change(std::exchange(script, std::string()));
         }
     }
@@ -186,13 +209,13 @@ std::string NftQuarantine::Check(bool& isLost) {
         m_doubtful.clear();  // what was given up has not been carried out
         return "";
     }
-    uint64_t handle = 0;
+    Handles handles;
     uint32_t generation = 0;
-    std::string reason = AskForHandle(handle, generation);
+    std::string reason = AskForHandles(handles, generation);
     if (!reason.empty()) {
         return reason;
     }
-    if (handle == 0 || handle != m_handle) {
+    if (HasLost(handles)) {
         isLost = true;
         return Open();
     }
@@ -205,10 +228,10 @@ std::string NftQuarantine::Mend(uint32_t generation) {
     std::string removals;
     for (const NftElement& element : m_doubtful) {
         sets.emplace(element.set, element);
-        removals += NftRemoveElement(element);
+        removals += NftRemoveElement(element, m_hooks);
     }
     m_generation = generation;
-    const NftAnswer answer = Change(NftMendedTable(sets) + removals);
+    const NftAnswer answer = Change(NftMendedTable(sets, m_hooks) + removals);
     if (answer.kind == Kind::kDone) {
         m_sets = std::move(sets);
         m_doubtful.clear();
@@ -226,9 +249,9 @@ std::string NftQuarantine::Apply(const QuarantineParts& parts, int64_t seconds, 
     const NftElement element = ToNftElement(parts);
     const bool isNewSet = !m_sets.contains(element.set);
     const bool wasThere = m_certain.contains(element.Id());
-    const NftAnswer answer =
-        Change((isNewSet ? NftAddSet(element) : std::string()) + NftAddElement(element, seconds),
-               m_generation);
+    const NftAnswer answer = Change((isNewSet ? NftAddSet(element, m_hooks) : std::string()) +
+                                        NftAddElement(element, seconds, m_hooks),
+                                    m_generation);
     isStale = answer.kind == Kind::kStale;
     if (answer.kind == Kind::kDone) {
         m_sets.emplace(element.set, element);
@@ -244,7 +267,7 @@ std::string NftQuarantine::Withdraw(const std::vector<QuarantineParts>& rules) {
     std::string script;
     size_t count = 0;
     for (const QuarantineParts& parts : rules) {
-        script += NftRemoveElement(ToNftElement(parts));
+        script += NftRemoveElement(ToNftElement(parts), m_hooks);
         Forget(parts);
         if (++count % kRulesPerScript == 0 || count == rules.size()) {
             const NftAnswer answer = Change(std::exchange(script, std::string()));
@@ -258,7 +281,7 @@ std::string NftQuarantine::Withdraw(const std::vector<QuarantineParts>& rules) {
 
 std::string NftQuarantine::Find(const QuarantineParts& parts, bool& isThere) {
     const NftElement element = ToNftElement(parts);
-    const NftAnswer answer = Query(NftGetElement(element));
+    const NftAnswer answer = Query(NftGetElement(element, m_hooks));
     isThere = answer.kind == Kind::kDone;
     if (isThere) {
         m_certain.insert(element.Id());
@@ -267,22 +290,34 @@ std::string NftQuarantine::Find(const QuarantineParts& parts, bool& isThere) {
 }
 
 std::string NftQuarantine::List(std::map<std::string, NftDropped>& elements) {
-    const NftAnswer answer = Query(NftListTable());
-    for (const json& set : ObjectsIn(answer.text, "set")) {
-        if (!set.contains("elem")) {
-            continue;
+    const std::vector<std::string> families = NftFamilies(m_hooks);
+    std::map<std::string, size_t> tables;  // that have the element
+    for (const std::string& family : families) {
+        const NftAnswer answer = Query(NftListTable(family));
+        if (answer.kind != Kind::kDone) {
+            return ReasonIn(answer);
         }
-        for (const json& element : set["elem"]) {
-            CountIn(element, elements[set.value("name", "") + " " + ValueText(element)]);
+        for (const json& set : ObjectsIn(answer.text, "set")) {
+            for (const json& element : set.value("elem", json::array())) {
+                const std::string id = set.value("name", "") + " " + ValueText(element);
+                CountIn(element, elements[id]);
+                ++tables[id];
+            }
         }
     }
-    return ReasonIn(answer);
+    std::erase_if(elements,
+                  [&](const auto& entry) { return tables[entry.first] < families.size(); });
+    return "";
 }
 
 std::string NftQuarantine::Remove() {
     m_sets.clear();
     m_certain.clear();
-    return ReasonIn(Change(NftNoTable()));
+    std::string script;
+    for (const std::string& family : NftFamilies(m_hooks)) {
+        script += NftNoTable(family);
+    }
+    return ReasonIn(Change(script));
 }
 
 bool NftQuarantine::IsCertain(const QuarantineParts& parts) const {

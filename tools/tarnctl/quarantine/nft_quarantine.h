@@ -1,7 +1,7 @@
 #pragma once
 
-// Quarantine rules put into force in the kernel. Only the table `inet tarn` is touched;
-// nft_script.h describes what is in it.
+// Quarantine rules put into force in the kernel. Only the table `inet tarn` is touched, and `bridge
+// tarn` where that is wanted; nft_script.h describes what is in them.
 //
 // What is in force is what the kernel has, and other programs may change that at any time. So
 // before a rule is put into force, Check() compares the generation of the ruleset with the one that
@@ -40,7 +40,7 @@ class NftQuarantine {
 
     using TimedRule = std::pair<QuarantineParts, int64_t>;
 
-    explicit NftQuarantine(NftEngineMaker maker);
+    explicit NftQuarantine(NftEngineMaker maker, NftHooks hooks = kUsualHooks);
 
     // The operations that follow have this much time together.
     void GiveTime(std::chrono::seconds time = kTimeForARule);
@@ -84,15 +84,22 @@ class NftQuarantine {
   private:
     NftAnswer Change(const std::string& script, uint32_t onlyAt = 0);
     NftAnswer Query(const std::string& script);
-    // The table's number, which no later table gets again; 0 if there is no table.
-    [[nodiscard]] std::string AskForHandle(uint64_t& handle, uint32_t& generation);
+    // The number of each table named tarn, by its family; no later table gets it again.
+    using Handles = std::map<std::string, uint64_t>;
+    [[nodiscard]] std::string AskForHandles(Handles& handles, uint32_t& generation);
+    [[nodiscard]] bool HasLost(const Handles& handles) const;
+    // The script that makes fresh tables with these elements, and removes what a manager with other
+    // hooks has left.
+    [[nodiscard]] std::string FreshTablesWith(
+        const std::map<std::string, NftTimedElements>& elements);
     [[nodiscard]] std::string Mend(uint32_t generation);
     NftAnswer OpenInPieces(const std::map<std::string, NftTimedElements>& elements);
 
     NftWorker m_worker;
     NftWorker::Clock::time_point m_end;
     uint32_t m_generation = 0;  // of the ruleset after the last change; 0: unknown
-    uint64_t m_handle = 0;
+    const NftHooks m_hooks;
+    Handles m_handles;                   // of all of them, or none
     NftSets m_sets;                      // those that are in the table
     std::set<std::string> m_certain;     // Id() of elements
     std::vector<NftElement> m_doubtful;  // whose change was given up, and which must not be there

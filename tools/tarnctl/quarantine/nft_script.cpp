@@ -7,6 +7,7 @@
 namespace tarnctl {
 namespace {
 
+constexpr const char* kBridgeFamily = "bridge";
 constexpr int64_t kSecondsADay = 86400;
 constexpr int64_t kLongestDays = 36500;  // a hundred years; what is longer ends then
 
@@ -50,8 +51,39 @@ void AddIcmp(NftElement& element, const char* protocol, const QuarantineParts& p
     }
 }
 
-std::string ElementPlace(const NftElement& element) {
-    return " element inet tarn " + element.set + " { " + element.value;
+std::string ElementPlace(const std::string& family, const NftElement& element) {
+    return " element " + family + " tarn " + element.set + " { " + element.value;
+}
+
+// The chains of a table, each with the priority that comes before connection tracking. Bridges have
+// no word for it.
+std::vector<std::pair<std::string, std::string>> ChainsOf(const std::string& family,
+                                                          const NftHooks& hooks) {
+    std::vector<std::pair<std::string, std::string>> chains;
+    for (const auto& [word, hook] : kHookWords) {
+        const bool isOfBridge = hook == NftHook::kBridge;
+        if (hooks.contains(hook) && isOfBridge == (family == kBridgeFamily)) {
+            chains.emplace_back(isOfBridge ? "forward" : std::string(word),
+                                isOfBridge ? "-300" : "raw");
+        }
+    }
+    return chains;
+}
+
+// What is there already is added without effect. Only rules would be there twice, so that all are
+// taken out first.
+std::string MendedTableOf(const std::string& family, const NftHooks& hooks) {
+    const std::string table = family + " tarn";
+    std::string script = "table " + table + " {\n    chain quarantine {\n    }\n";
+    std::string jumps;
+    for (const auto& [hook, priority] : ChainsOf(family, hooks)) {
+        script.append("    chain ").append(hook).append(" {\n        type filter hook ");
+        script.append(hook).append(" priority ").append(priority);
+        script.append("; policy accept;\n    }\n");
+        jumps.append("add rule ").append(table).append(" ").append(hook);
+        jumps.append(" jump quarantine\n");
+    }
+    return script + "}\nflush table " + table + "\n" + jumps;
 }
 
 // nft reads at most eight digits, which as seconds are three years.
@@ -97,80 +129,100 @@ NftElement ToNftElement(const QuarantineParts& parts) {
     return element;
 }
 
+std::vector<std::string> NftFamilies(const NftHooks& hooks) {
+    std::vector<std::string> families;
+    for (const char* const family : {"inet", kBridgeFamily}) {
+        if (!ChainsOf(family, hooks).empty()) {
+            families.emplace_back(family);
+        }
+    }
+    return families;
+}
+
 // A table must be there to be deleted, so it is added first; all of a script happens at once.
-std::string NftNoTable() {
-    return "add table inet tarn\n"
-           "delete table inet tarn\n";
+std::string NftNoTable(const std::string& family) {
+    return "add table " + family + " tarn\ndelete table " + family + " tarn\n";
 }
 
-std::string NftFreshTable() {
-    return NftNoTable() + NftMendedTable({});
+std::string NftFreshTable(const NftHooks& hooks) {
+    std::string script;
+    for (const std::string& family : NftFamilies(hooks)) {
+        script += NftNoTable(family);
+    }
+    return script + NftMendedTable({}, hooks);
 }
 
-// What is there already is added without effect. Only rules would be there twice, so that all are
-// taken out first.
-std::string NftMendedTable(const NftSets& sets) {
-    std::string script =
-        "table inet tarn {\n"
-        "    chain quarantine {\n"
-        "    }\n"
-        "    chain prerouting {\n"
-        "        type filter hook prerouting priority raw; policy accept;\n"
-        "    }\n"
-        "    chain output {\n"
-        "        type filter hook output priority raw; policy accept;\n"
-        "    }\n"
-        "}\n"
-        "flush table inet tarn\n"
-        "add rule inet tarn prerouting jump quarantine\n"
-        "add rule inet tarn output jump quarantine\n";
+std::string NftMendedTable(const NftSets& sets, const NftHooks& hooks) {
+    std::string script;
+    for (const std::string& family : NftFamilies(hooks)) {
+        script += MendedTableOf(family, hooks);
+    }
     for (const auto& [name, element] : sets) {
-        script += NftAddSet(element);
+        script += NftAddSet(element, hooks);
     }
     return script;
 }
 
-std::string NftAddSet(const NftElement& element) {
+// Each element counts what is dropped for it.
+std::string NftAddSet(const NftElement& element, const NftHooks& hooks) {
     const std::string limit =
         element.limit == 0 ? " counter;"
                            : " limit rate over " + std::to_string(element.limit) + " bytes/second;";
-    return "add set inet tarn " + element.set + " { typeof " + element.key + "; flags timeout;" +
-           limit + " }\n" +  //
-           "add rule inet tarn quarantine " + element.key + " @" + element.set + " drop\n";
+    std::string script;
+    for (const std::string& family : NftFamilies(hooks)) {
+        script.append("add set ").append(family).append(" tarn ").append(element.set);
+        script.append(" { typeof ").append(element.key).append("; flags timeout;");
+        script.append(limit).append(" }\n");
+        script.append("add rule ").append(family).append(" tarn quarantine ");
+        script.append(element.key).append(" @").append(element.set).append(" drop\n");
+    }
+    return script;
 }
 
 // The kernel leaves the timeout of an element that is there already as it is. So the element is
 // taken out and put in again.
-std::string NftAddElement(const NftElement& element, int64_t seconds) {
-    return NftRemoveElement(element) +  //
-           "add" + ElementPlace(element) + TimeoutText(seconds) + " }\n";
+std::string NftAddElement(const NftElement& element, int64_t seconds, const NftHooks& hooks) {
+    return NftRemoveElement(element, hooks) + NftAddElements({{element, seconds}}, hooks);
 }
 
-std::string NftAddElements(const NftTimedElements& elements) {
+std::string NftAddElements(const NftTimedElements& elements, const NftHooks& hooks) {
     std::string script;
-    for (const auto& [element, seconds] : elements) {
-        script += script.empty() ? "add" + ElementPlace(element) : ", " + element.value;
-        script += TimeoutText(seconds);
+    for (const std::string& family :
+         elements.empty() ? std::vector<std::string>() : NftFamilies(hooks)) {
+        std::string line;
+        for (const auto& [element, seconds] : elements) {
+            line += line.empty() ? "add" + ElementPlace(family, element) : ", " + element.value;
+            line += TimeoutText(seconds);
+        }
+        script += line + " }\n";
     }
-    return script.empty() ? script : script + " }\n";
+    return script;
 }
 
 // An element must be there to be taken out, so it is added first.
-std::string NftRemoveElement(const NftElement& element) {
-    const std::string place = ElementPlace(element) + " }\n";
-    return "add" + place + "delete" + place;
+std::string NftRemoveElement(const NftElement& element, const NftHooks& hooks) {
+    std::string script;
+    for (const std::string& family : NftFamilies(hooks)) {
+        const std::string place = ElementPlace(family, element) + " }\n";
+        script.append("add").append(place).append("delete").append(place);
+    }
+    return script;
 }
 
-std::string NftGetElement(const NftElement& element) {
-    return "get" + ElementPlace(element) + " }\n";
+std::string NftGetElement(const NftElement& element, const NftHooks& hooks) {
+    std::string script;
+    for (const std::string& family : NftFamilies(hooks)) {
+        script += "get" + ElementPlace(family, element) + " }\n";
+    }
+    return script;
 }
 
 std::string NftListTables() {
-    return "list tables inet\n";
+    return "list tables\n";
 }
 
-std::string NftListTable() {
-    return "list table inet tarn\n";
+std::string NftListTable(const std::string& family) {
+    return "list table " + family + " tarn\n";
 }
 
 }  // namespace tarnctl

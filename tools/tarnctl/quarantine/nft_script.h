@@ -1,12 +1,15 @@
 #pragma once
 
-// Quarantine rules in the language of nft(8). All of it lies in one table of tarnctl's own:
+// Quarantine rules in the language of nft(8). All of it lies in a table of tarnctl's own:
 //
 //   table inet tarn
 //     chain prerouting   hook prerouting, priority raw: what arrives, for this host or through it
 //     chain output       hook output, priority raw: what this host sends itself
-//     chain quarantine   both jump here; one rule for each set
+//     chain quarantine   each hook's chain jumps here; one rule for each set
 //     sets               one for each shape of rule, such as ip_saddr_tcp_dport
+//
+// Other hooks may be wanted. What passes from port to port of a bridge meets the hook forward of
+// the family bridge only; for that there is a table of that family with the same sets.
 //
 // A rule of nftables has no end of its own, but an element of a set has a timeout. So the fields
 // that a quarantine rule names make up its shape, each shape has a set and a rule that looks
@@ -18,15 +21,43 @@
 //
 // Threads: pure functions.
 
+#include <array>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "tarnctl/quarantine/quarantine_text.h"
 
 namespace tarnctl {
+
+// Where packets are looked at.
+enum class NftHook {
+    kPrerouting,  // what arrives, for this host or on its way through
+    kInput,       // what arrives for this host
+    kForward,     // what this host routes
+    kOutput,      // what this host sends itself
+    kBridge,      // what passes through a bridge of this host
+};
+
+using NftHooks = std::set<NftHook>;
+
+inline const NftHooks kUsualHooks = {NftHook::kPrerouting, NftHook::kOutput};
+
+// The word for each hook, as --hook has it.
+inline constexpr std::array<std::pair<std::string_view, NftHook>, 5> kHookWords = {{
+    {"prerouting", NftHook::kPrerouting},
+    {"input", NftHook::kInput},
+    {"forward", NftHook::kForward},
+    {"output", NftHook::kOutput},
+    {"bridge", NftHook::kBridge},
+}};
+
+// The families, "inet" and "bridge", in which these hooks need a table.
+[[nodiscard]] std::vector<std::string> NftFamilies(const NftHooks& hooks);
 
 // A quarantine rule as an element of a set.
 struct NftElement {
@@ -51,33 +82,39 @@ using NftSets = std::map<std::string, NftElement>;
 // everybody.
 [[nodiscard]] NftElement ToNftElement(const QuarantineParts& parts);
 
-// The table with its chains and without any set, whatever it held before.
-[[nodiscard]] std::string NftFreshTable();
+// What follows is for the tables that the hooks need.
 
-// The table with its chains, these sets, and the rules that look packets up in them, whatever
+// The tables with their chains and without any set, whatever they held before.
+[[nodiscard]] std::string NftFreshTable(const NftHooks& hooks = kUsualHooks);
+
+// The tables with their chains, these sets, and the rules that look packets up in them, whatever
 // somebody else has done to it. Sets keep their elements.
-[[nodiscard]] std::string NftMendedTable(const NftSets& sets);
+[[nodiscard]] std::string NftMendedTable(const NftSets& sets, const NftHooks& hooks = kUsualHooks);
 
-// No table.
-[[nodiscard]] std::string NftNoTable();
+// No table of that family.
+[[nodiscard]] std::string NftNoTable(const std::string& family = "inet");
 
 // The element's set and the rule that looks packets up in it.
-[[nodiscard]] std::string NftAddSet(const NftElement& element);
+[[nodiscard]] std::string NftAddSet(const NftElement& element, const NftHooks& hooks = kUsualHooks);
 
 // The element for this many seconds, at least 1, whether it was there already or not.
-[[nodiscard]] std::string NftAddElement(const NftElement& element, int64_t seconds);
+[[nodiscard]] std::string NftAddElement(const NftElement& element, int64_t seconds,
+                                        const NftHooks& hooks = kUsualHooks);
 
 // Elements of the same set, for so many seconds each; none of them may be there already.
-[[nodiscard]] std::string NftAddElements(const NftTimedElements& elements);
+[[nodiscard]] std::string NftAddElements(const NftTimedElements& elements,
+                                         const NftHooks& hooks = kUsualHooks);
 
 // No such element, whether it was there or not. Its set must be there.
-[[nodiscard]] std::string NftRemoveElement(const NftElement& element);
+[[nodiscard]] std::string NftRemoveElement(const NftElement& element,
+                                           const NftHooks& hooks = kUsualHooks);
 
-// A question that is answered if the element is there and fails if it is not.
-[[nodiscard]] std::string NftGetElement(const NftElement& element);
+// A question that is answered if the element is in each table and fails if it is not.
+[[nodiscard]] std::string NftGetElement(const NftElement& element,
+                                        const NftHooks& hooks = kUsualHooks);
 
-// Questions for the tables there are, and for everything that is in the table.
+// Questions for the tables there are, and for everything that is in the one of this family.
 [[nodiscard]] std::string NftListTables();
-[[nodiscard]] std::string NftListTable();
+[[nodiscard]] std::string NftListTable(const std::string& family = "inet");
 
 }  // namespace tarnctl

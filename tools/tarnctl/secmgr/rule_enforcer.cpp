@@ -14,11 +14,23 @@ namespace {
 // How often a change of the ruleset by somebody else may come between.
 constexpr int kTries = 3;
 
+NftHooks HooksOf(const std::vector<std::string>& words) {
+    NftHooks hooks;
+    for (const auto& [word, hook] : kHookWords) {
+        if (std::find(words.begin(), words.end(), word) != words.end()) {
+            hooks.insert(hook);
+        }
+    }
+    return hooks.empty() ? kUsualHooks : hooks;
+}
+
 }  // namespace
 
 RuleEnforcer::RuleEnforcer(const EnforcerSettings& settings,
                            std::function<void(const std::string&)> tell)
-    : m_settings(settings), m_tell(std::move(tell)), m_nft(settings.nftEngine) {
+    : m_settings(settings),
+      m_tell(std::move(tell)),
+      m_nft(settings.nftEngine, HooksOf(settings.hook)) {
     if (!settings.state.empty()) {
         m_state.emplace(settings.state);
     }

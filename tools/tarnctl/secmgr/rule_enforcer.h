@@ -24,6 +24,7 @@ namespace tarnctl {
 struct EnforcerSettings {
     bool nft = false;                    // rules are put into force in the kernel
     bool dryRun = false;                 // all is judged, nothing is changed
+    std::vector<std::string> hook;       // words of kHookWords; none: the usual
     std::string state;                   // a file in which rules outlive this; empty: none
     uint64_t maxRules = 65536;           // in force at a time
     std::vector<std::string> never;      // addresses and networks

@@ -39,6 +39,7 @@ Examples:
   tarnctl secmgr --answer 3                   refuse every rule
   tarnctl secmgr --nft --never 10.0.0.0/24    cut off what the rules name, but never that network
   tarnctl secmgr --nft --state FILE           the same, and go on with it after a restart
+  tarnctl secmgr --nft --hook bridge          the same on a bridge, for the hosts behind it
   tarnctl secmgr --nft --dry-run              show what would be cut off)";
 
 class SecurityManager final : public Monitor {
@@ -186,6 +187,12 @@ std::string CheckAnswer(const std::string& word) {
     return ParseAnswer(word, answer) ? "" : word + " is no status, close, silent, short or long";
 }
 
+std::string CheckHook(const std::string& word) {
+    const bool isKnown = std::any_of(kHookWords.begin(), kHookWords.end(),
+                                     [&](const auto& entry) { return entry.first == word; });
+    return isKnown ? "" : word + " is none of prerouting, input, forward, output and bridge";
+}
+
 std::string CheckNeverEntry(const std::string& entry) {
     return NeverList().Add(entry);
 }
@@ -210,6 +217,13 @@ CLI::App* AddSecmgrCommand(CLI::App& app, SecmgrOptions& options) {
         ->check(AboveZero());
     CLI::Option* const nft = command->add_flag(
         "--nft", options.nft, "Put the rules into force with nftables, in the table inet tarn");
+    command
+        ->add_option("--hook", options.hook,
+                     "Where packets are looked at; may be repeated. Default: prerouting and output")
+        ->type_name("prerouting|input|forward|output|bridge")
+        ->allow_extra_args(false)
+        ->check(CLI::Validator(CheckHook, "", "hook"))
+        ->needs(nft);
     command->add_flag("--flush", options.flush, "Remove that table at the end")->needs(nft);
     command
         ->add_option("--state", options.state,

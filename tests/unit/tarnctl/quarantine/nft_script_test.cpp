@@ -93,7 +93,7 @@ TEST(NftScript, MendsTheTableWithEachSet) {
 TEST(NftScript, AsksForAnElementAndForTables) {
     EXPECT_EQ("get element inet tarn ip_saddr { 10.0.0.1 }\n",
               NftGetElement(Translate("ip intruder addr 10.0.0.1")));
-    EXPECT_EQ("list tables inet\n", NftListTables());
+    EXPECT_EQ("list tables\n", NftListTables());
     EXPECT_EQ("list table inet tarn\n", NftListTable());
 }
 
@@ -140,6 +140,60 @@ TEST(NftScript, PutsManyElementsOfASetInAtOnce) {
     EXPECT_EQ("", NftAddElements({}));
     EXPECT_EQ("add element inet tarn ip_saddr { 10.0.0.1 timeout 0d5s, 10.0.0.2 timeout 1d0s }\n",
               NftAddElements({{one, 5}, {two, 86400}}));
+}
+
+TEST(NftScript, HasATableForEachFamilyThatTheHooksNeed) {
+    EXPECT_EQ((std::vector<std::string>{"inet"}), NftFamilies(kUsualHooks));
+    EXPECT_EQ((std::vector<std::string>{"bridge"}), NftFamilies({NftHook::kBridge}));
+    EXPECT_EQ((std::vector<std::string>{"inet", "bridge"}),
+              NftFamilies({NftHook::kBridge, NftHook::kForward}));
+    EXPECT_EQ(R"(table inet tarn {
+    chain quarantine {
+    }
+    chain input {
+        type filter hook input priority raw; policy accept;
+    }
+    chain forward {
+        type filter hook forward priority raw; policy accept;
+    }
+}
+flush table inet tarn
+add rule inet tarn input jump quarantine
+add rule inet tarn forward jump quarantine
+table bridge tarn {
+    chain quarantine {
+    }
+    chain forward {
+        type filter hook forward priority -300; policy accept;
+    }
+}
+flush table bridge tarn
+add rule bridge tarn forward jump quarantine
+)",
+              NftMendedTable({}, {NftHook::kBridge, NftHook::kForward, NftHook::kInput}));
+}
+
+TEST(NftScript, PutsEachElementIntoEachTable) {
+    const NftHooks hooks = {NftHook::kBridge, NftHook::kInput};
+    const NftElement element = Translate("ip intruder addr 10.0.0.1");
+    EXPECT_EQ(
+        "add element inet tarn ip_saddr { 10.0.0.1 }\n"
+        "delete element inet tarn ip_saddr { 10.0.0.1 }\n"
+        "add element bridge tarn ip_saddr { 10.0.0.1 }\n"
+        "delete element bridge tarn ip_saddr { 10.0.0.1 }\n"
+        "add element inet tarn ip_saddr { 10.0.0.1 timeout 0d5s }\n"
+        "add element bridge tarn ip_saddr { 10.0.0.1 timeout 0d5s }\n",
+        NftAddElement(element, 5, hooks));
+    EXPECT_EQ(
+        "get element inet tarn ip_saddr { 10.0.0.1 }\n"
+        "get element bridge tarn ip_saddr { 10.0.0.1 }\n",
+        NftGetElement(element, hooks));
+    EXPECT_EQ(
+        "add set inet tarn ip_saddr { typeof ip saddr; flags timeout; counter; }\n"
+        "add rule inet tarn quarantine ip saddr @ip_saddr drop\n"
+        "add set bridge tarn ip_saddr { typeof ip saddr; flags timeout; counter; }\n"
+        "add rule bridge tarn quarantine ip saddr @ip_saddr drop\n",
+        NftAddSet(element, hooks));
 }
 
 }  // namespace

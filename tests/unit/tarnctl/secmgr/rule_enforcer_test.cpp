@@ -344,5 +344,17 @@ TEST_F(RuleEnforcerTest, TellsWhenARuleEnds) {
     EXPECT_THAT(m_enforcer.Table().Rules(), IsEmpty());
 }
 
+TEST_F(RuleEnforcerTest, RemovesWhatAManagerWithOtherHooksHasLeft) {
+    m_settings.hook = {"bridge"};
+    RuleEnforcer enforcer(m_settings, [](const std::string&) {});
+    EXPECT_EQ("", enforcer.Begin());
+    EXPECT_THAT(NewChanges(), StartsWith("add table inet tarn\ndelete table inet tarn\n"
+                                         "add table bridge tarn\n"));
+    m_settings.hook = {"input"};
+    RuleEnforcer other(m_settings, [](const std::string&) {});
+    EXPECT_EQ("", other.Begin());
+    EXPECT_THAT(NewChanges(), Not(HasSubstr("bridge")));
+}
+
 }  // namespace
 }  // namespace tarnctl
