@@ -80,7 +80,8 @@ TEST_F(RuleEnforcerState, PutsRulesIntoForceAgainTogetherWithTheTable) {
     EXPECT_THAT(Changes(), testing::ContainsRegex(
                                "delete table inet tarn.*add element inet tarn ip_saddr . 10.0.0.1 "
                                "timeout 0d3[56][0-9][0-9]s, 10.0.0.2 timeout [12]d[0-9]+s .\n$"));
-    EXPECT_EQ(100U + 4, std::stoul(m_dir.Read("generation"))) << "two starts and two rules, a change each";
+    EXPECT_EQ(100U + 4, std::stoul(m_dir.Read("generation")))
+        << "two starts and two rules, a change each";
     EXPECT_EQ("", Ask("10.0.0.1"));
     EXPECT_EQ(1U, m_enforcer->Table().Rules().front().asked - 1) << "it is the same rule";
 }
