@@ -13,11 +13,13 @@ from pathlib import Path
 
 TREE = Path(__file__).resolve().parent.parent
 SINGLE = ("^(TwoCopies/(64|512|4096)|WriteAndRead/(64|512|4096)|Find(Hit|InMap)/[15]0000|Log.*"
-          "|LoadEventFile/.*)(_median)?$")
+          "|LoadEventFile/.*|Report(sIntoFile|sAsJson|LinesAlone))(_median)?$")
 RINGS = {64: 0.6, 512: 0.8, 4096: 0.9}  # bytes of a message, and the share of two bare copies
 LOG_LINE_NS = 700
 SUPPRESSED_NS = 1
 LOAD_MS = 30
+# Reports a second of the processor: into a file as EVE JSON, and as objects with all their fields.
+REPORTS = {"ReportsIntoFile": 200000, "ReportsAsJson": 150000}
 LEVEL_5_NS = 750  # of which 50 for the alert itself
 LEVEL_5_RECORDS = 20000
 FLAT_KB = 256  # growth that the allocator's own pages may take
@@ -94,6 +96,19 @@ def report_single(page, results):
         if name.startswith("LoadEventFile"):
             page.line(f"configuration: {name}", f"{result['ns'] / 1e6:.0f} ms",
                       f"<= {LOAD_MS} ms", result["ns"] <= LOAD_MS * 1e6)
+
+
+def report_reports(page, results):
+    """What becomes of reports in tarnctl, if that was built."""
+    if "ReportsIntoFile" not in results:
+        return
+    words = {"ReportsIntoFile": "reports: into a file, without packets, of a second",
+             "ReportsAsJson": "reports: as JSON with packets, of a second"}
+    for name, least in REPORTS.items():
+        rate = results[name]["items_per_second"]
+        page.line(words[name], f"{rate:.0f}", f">= {least}", rate >= least)
+    ratio = results["ReportsIntoFile"]["ns"] / results["ReportLinesAlone"]["ns"]
+    page.figure("reports: into a file, over the write of the lines alone", f"{ratio:.1f}")
 
 
 def text_of(ratio):
@@ -185,7 +200,9 @@ def main():
     options = parser.parse_args()
     build = options.build.resolve()
     page = Page()
-    report_single(page, medians(build, options.repetitions))
+    singles = medians(build, options.repetitions)
+    report_single(page, singles)
+    report_reports(page, singles)
     repetitions = ["--repetitions", options.repetitions]
     for mode in SPEEDS:
         report_speed(page, mode, *(

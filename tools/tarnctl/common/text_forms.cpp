@@ -97,16 +97,26 @@ nlohmann::ordered_json TextAsJson(std::string_view text) {
 std::string Base64(std::span<const std::byte> bytes) {
     static constexpr char kDigits[] =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    for (size_t at = 0; at < bytes.size(); at += 3) {
-        const size_t count = std::min<size_t>(3, bytes.size() - at);
-        uint32_t group = 0;
-        for (size_t i = 0; i < 3; ++i) {
-            group = group << 8 | (i < count ? std::to_integer<uint32_t>(bytes[at + i]) : 0U);
-        }
-        for (size_t i = 0; i < 4; ++i) {
-            text += i <= count ? kDigits[group >> (18 - 6 * i) & 0x3F] : '=';
+    std::string text((bytes.size() + 2) / 3 * 4, '=');
+    char* to = text.data();
+    size_t at = 0;
+    for (; at + 3 <= bytes.size(); at += 3) {
+        const uint32_t group = std::to_integer<uint32_t>(bytes[at]) << 16 |
+                               std::to_integer<uint32_t>(bytes[at + 1]) << 8 |
+                               std::to_integer<uint32_t>(bytes[at + 2]);
+        *to++ = kDigits[group >> 18];
+        *to++ = kDigits[group >> 12 & 0x3F];
+        *to++ = kDigits[group >> 6 & 0x3F];
+        *to++ = kDigits[group & 0x3F];
+    }
+    const size_t left = bytes.size() - at;
+    if (left != 0) {
+        const uint32_t group = std::to_integer<uint32_t>(bytes[at]) << 16 |
+                               (left == 2 ? std::to_integer<uint32_t>(bytes[at + 1]) << 8 : 0U);
+        *to++ = kDigits[group >> 18];
+        *to++ = kDigits[group >> 12 & 0x3F];
+        if (left == 2) {
+            *to = kDigits[group >> 6 & 0x3F];
         }
     }
     return text;

@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "quarantine/address_text.h"
+#include "tarnctl/common/json_text.h"
 #include "tarnctl/common/text_forms.h"
-#include "tarnctl/crm/json_text.h"
+#include "tarnctl/crm/rule_numbers.h"
 
 namespace tarnctl {
 namespace {
@@ -59,21 +59,6 @@ void AppendTimestamp(std::string& to, uint64_t seconds, uint32_t microseconds) {
 
 bool IsZero(std::span<const uint8_t> bytes) {
     return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
-}
-
-void AddIpv4(JsonText& json, std::string_view name, uint32_t address) {
-    std::array<char, sizeof "\"255.255.255.255\""> text;
-    char* at = text.data();
-    *at++ = '"';
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        at = std::to_chars(at, text.data() + text.size(), address >> shift & 0xFF).ptr;
-        *at++ = shift == 0 ? '"' : '.';
-    }
-    json.Raw(name, std::string_view(text.data(), static_cast<size_t>(at - text.data())));
-}
-
-void AddIpv6(JsonText& json, std::string_view name, const uint8_t (&address)[16]) {
-    json.Text(name, Ipv6Text(address));
 }
 
 // The names that the form has for protocols; a number of three digits for any other.
@@ -133,12 +118,12 @@ void AddFlow(JsonText& json, const EventReport& report) {
     if (report.vlanId != kReportNoVlan) {
         json.Raw("vlan", "[" + std::to_string(report.vlanId) + "]");
     }
-    isIpv6 ? AddIpv6(json, "src_ip", report.sourceIpv6) : AddIpv4(json, "src_ip", report.sourceIp);
+    isIpv6 ? json.Ipv6("src_ip", report.sourceIpv6) : json.Ipv4("src_ip", report.sourceIp);
     if (hasPorts) {
         json.Number("src_port", report.sourcePort);
     }
-    isIpv6 ? AddIpv6(json, "dest_ip", report.destinationIpv6)
-           : AddIpv4(json, "dest_ip", report.destinationIp);
+    isIpv6 ? json.Ipv6("dest_ip", report.destinationIpv6)
+           : json.Ipv4("dest_ip", report.destinationIp);
     if (hasPorts) {
         json.Number("dest_port", report.destinationPort);
     }
@@ -182,13 +167,13 @@ void AddHttp(JsonText& json, const CrmReport& message) {
 
 void AddIpv4UnlessZero(JsonText& json, std::string_view name, uint32_t address) {
     if (address != 0) {
-        AddIpv4(json, name, address);
+        json.Ipv4(name, address);
     }
 }
 
 void AddIpv6UnlessZero(JsonText& json, std::string_view name, const uint8_t (&address)[16]) {
     if (!IsZero(address)) {
-        AddIpv6(json, name, address);
+        json.Ipv6(name, address);
     }
 }
 
@@ -204,16 +189,16 @@ void AddOtherAddresses(JsonText& json, const EventReport& report) {
         AddIpv6UnlessZero(json, "destinationIpv6", report.destinationIpv6);
     }
     if (report.intruderIp != report.sourceIp) {
-        AddIpv4(json, "intruderIp", report.intruderIp);
+        json.Ipv4("intruderIp", report.intruderIp);
     }
     if (std::memcmp(report.intruderIpv6, report.sourceIpv6, sizeof report.sourceIpv6) != 0) {
-        AddIpv6(json, "intruderIpv6", report.intruderIpv6);
+        json.Ipv6("intruderIpv6", report.intruderIpv6);
     }
     if (report.victimIp != report.destinationIp) {
-        AddIpv4(json, "victimIp", report.victimIp);
+        json.Ipv4("victimIp", report.victimIp);
     }
     if (std::memcmp(report.victimIpv6, report.destinationIpv6, sizeof report.victimIpv6) != 0) {
-        AddIpv6(json, "victimIpv6", report.victimIpv6);
+        json.Ipv6("victimIpv6", report.victimIpv6);
     }
     AddIpv4UnlessZero(json, "lastVictimIp", report.lastVictimIp);
     AddIpv6UnlessZero(json, "lastVictimIpv6", report.lastVictimIpv6);
@@ -331,58 +316,7 @@ void AddTarn(JsonText& json, const CrmOrigin& origin, const CrmReport& message, 
     json.Close();
 }
 
-bool IsBlank(char letter) {
-    return letter == ' ' || letter == '\t';
-}
-
-// The number of an option "NAME:NUMBER" at the front of `text`; `number` stays where there is none.
-void ReadOption(std::string_view text, std::string_view name, uint32_t& number) {
-    if (!text.starts_with(name)) {
-        return;
-    }
-    text.remove_prefix(name.size());
-    const auto skipBlanks = [&text] {
-        text.remove_prefix(static_cast<size_t>(std::find_if_not(text.begin(), text.end(), IsBlank) -
-                                               text.begin()));
-    };
-    skipBlanks();
-    if (!text.starts_with(':')) {
-        return;
-    }
-    text.remove_prefix(1);
-    skipBlanks();
-    uint32_t value = 0;
-    if (std::from_chars(text.data(), text.data() + text.size(), value).ec == std::errc()) {
-        number = value;
-    }
-}
-
 }  // namespace
-
-// Options begin after the bracket or a semicolon. What is between quotation marks is text.
-RuleNumbers NumbersOfRule(std::string_view rule) {
-    RuleNumbers numbers;
-    bool isQuoted = false;
-    bool isStart = false;
-    for (size_t at = 0; at < rule.size(); ++at) {
-        const char letter = rule[at];
-        if (letter == '\\') {
-            ++at;
-        } else if (letter == '"') {
-            isQuoted = !isQuoted;
-        } else if (!isQuoted && isStart && !IsBlank(letter)) {
-            if (letter == 'g') {
-                ReadOption(rule.substr(at), "gid", numbers.generator);
-            } else if (letter == 'r') {
-                ReadOption(rule.substr(at), "rev", numbers.revision);
-            }
-        } else if (IsBlank(letter)) {
-            continue;
-        }
-        isStart = !isQuoted && (letter == '(' || letter == ';');
-    }
-    return numbers;
-}
 
 void AppendEveLine(const CrmOrigin& origin, const CrmReport& message, bool withPacket,
                    std::string& to) {
@@ -397,7 +331,7 @@ void AppendEveLine(const CrmOrigin& origin, const CrmReport& message, bool withP
     AddAlert(json, message);
     AddHttp(json, message);
     if (withPacket && message.packet) {
-        json.Text("packet", Base64(message.packet->bytes));
+        json.Raw("packet", '"' + Base64(message.packet->bytes) + '"');
         json.Open("packet_info");
         json.Number("linktype", kLinkTypeEthernet);
         json.Close();

@@ -30,11 +30,4 @@ void AppendEveLine(const CrmOrigin& origin, const CrmReport& message, bool withP
 void AppendMalformedEveLine(const CrmOrigin& origin, const std::string& reason,
                             std::span<const std::byte> bytes, uint64_t seconds, std::string& to);
 
-// Generator and revision of a rule, as the text of the rule has them.
-struct RuleNumbers {
-    uint32_t generator = 1;  // rules of text that name none have this one
-    uint32_t revision = 0;
-};
-[[nodiscard]] RuleNumbers NumbersOfRule(std::string_view rule);
-
 }  // namespace tarnctl

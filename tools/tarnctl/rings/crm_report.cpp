@@ -44,12 +44,12 @@ std::string TakeChunk(Bytes& rest, const char* name, uint32_t type, size_t least
 
 // Takes the NUL-terminated text at the front off `rest`. False when no NUL ends it.
 bool TakeText(Bytes& rest, std::string& text) {
-    const auto end = std::find(rest.begin(), rest.end(), std::byte{0});
-    if (end == rest.end()) {
+    const auto* const start = reinterpret_cast<const char*>(rest.data());
+    const size_t length = strnlen(start, rest.size());
+    if (length == rest.size()) {
         return false;
     }
-    const auto length = static_cast<size_t>(end - rest.begin());
-    text.assign(reinterpret_cast<const char*>(rest.data()), length);
+    text.assign(start, length);
     rest = rest.subspan(length + 1);
     return true;
 }

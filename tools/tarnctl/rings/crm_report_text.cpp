@@ -4,15 +4,14 @@
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <vector>
 
 #include "quarantine/address_text.h"
+#include "tarnctl/common/json_text.h"
 #include "tarnctl/common/protocol_name.h"
 #include "tarnctl/common/text_forms.h"
 
@@ -39,96 +38,104 @@ bool IsIcmp(const EventReport& report) {
                                               : report.ipProtocol == IPPROTO_ICMP;
 }
 
-Json HexAsJson(std::span<const uint8_t> bytes) {
-    std::string text;
+void AddHex(JsonText& json, std::string_view name, std::span<const uint8_t> bytes) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string text = "\"";
     for (const uint8_t byte : bytes) {
-        std::array<char, 4> digits = {};
-        std::snprintf(digits.data(), digits.size(), "%02x", byte);
-        text += digits.data();
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 0xF];
     }
-    return text;
+    json.Raw(name, text + '"');
 }
 
-Json FieldsAsJson(const CrmReport& message) {
+void AddFields(JsonText& json, const CrmReport& message) {
     const EventReport& report = message.report;
-    return Json{
-        {"reportVersion", report.reportVersion},
-        {"icmpType", report.icmpType},
-        {"icmpCode", report.icmpCode},
-        {"intruderIpv6", Ipv6Text(report.intruderIpv6)},
-        {"intruderIp", Ipv4Text(htonl(report.intruderIp))},
-        {"sensorId", report.sensorId},
-        {"issueId", report.issueId},
-        {"filterId", report.filterId},
-        {"vlanId", report.vlanId},
-        {"victimIp", Ipv4Text(htonl(report.victimIp))},
-        {"victimIpv6", Ipv6Text(report.victimIpv6)},
-        {"victimPort", report.victimPort},
-        {"intruderPort", report.intruderPort},
-        {"lastVictimIp", Ipv4Text(htonl(report.lastVictimIp))},
-        {"sourceIp", Ipv4Text(htonl(report.sourceIp))},
-        {"destinationIp", Ipv4Text(htonl(report.destinationIp))},
-        {"destinationPort", report.destinationPort},
-        {"sourcePort", report.sourcePort},
-        {"sourceIpv6", Ipv6Text(report.sourceIpv6)},
-        {"destinationIpv6", Ipv6Text(report.destinationIpv6)},
-        {"lastVictimIpv6", Ipv6Text(report.lastVictimIpv6)},
-        {"startTime", report.startTime},
-        {"endTime", report.endTime},
-        {"count", report.count},
-        {"result", report.result},
-        {"eventType", report.eventType},
-        {"reportType", report.reportType},
-        {"adapterId", report.adapterId},
-        {"eventId", report.eventId},
-        {"throttleEventCount", report.throttleEventCount},
-        {"reserved172", report.reserved172},
-        {"validFields", report.validFields},
-        {"packetFlags", report.packetFlags},
-        {"frameNumber", report.frameNumber},
-        {"etherType", report.etherType},
-        {"ipProtocol", report.ipProtocol},
-        {"priority", report.priority},
-        {"reserved197", HexAsJson(report.reserved197)},
-        {"flow_id", report.flow_id},
-        {"reserved208", HexAsJson(report.reserved208)},
-        {"userString", message.userString},
-        {"reserved232", HexAsJson(report.reserved232)},
-    };
+    json.Open("report");
+    json.Number("reportVersion", report.reportVersion);
+    json.Number("icmpType", report.icmpType);
+    json.Number("icmpCode", report.icmpCode);
+    json.Ipv6("intruderIpv6", report.intruderIpv6);
+    json.Ipv4("intruderIp", report.intruderIp);
+    json.Number("sensorId", report.sensorId);
+    json.Number("issueId", report.issueId);
+    json.Number("filterId", report.filterId);
+    json.Number("vlanId", report.vlanId);
+    json.Ipv4("victimIp", report.victimIp);
+    json.Ipv6("victimIpv6", report.victimIpv6);
+    json.Number("victimPort", report.victimPort);
+    json.Number("intruderPort", report.intruderPort);
+    json.Ipv4("lastVictimIp", report.lastVictimIp);
+    json.Ipv4("sourceIp", report.sourceIp);
+    json.Ipv4("destinationIp", report.destinationIp);
+    json.Number("destinationPort", report.destinationPort);
+    json.Number("sourcePort", report.sourcePort);
+    json.Ipv6("sourceIpv6", report.sourceIpv6);
+    json.Ipv6("destinationIpv6", report.destinationIpv6);
+    json.Ipv6("lastVictimIpv6", report.lastVictimIpv6);
+    json.Number("startTime", report.startTime);
+    json.Number("endTime", report.endTime);
+    json.Number("count", report.count);
+    json.Number("result", report.result);
+    json.Number("eventType", report.eventType);
+    json.Number("reportType", report.reportType);
+    json.Number("adapterId", report.adapterId);
+    json.Number("eventId", report.eventId);
+    json.Number("throttleEventCount", report.throttleEventCount);
+    json.Number("reserved172", report.reserved172);
+    json.Number("validFields", report.validFields);
+    json.Number("packetFlags", report.packetFlags);
+    json.Number("frameNumber", report.frameNumber);
+    json.Number("etherType", report.etherType);
+    json.Number("ipProtocol", report.ipProtocol);
+    json.Number("priority", report.priority);
+    AddHex(json, "reserved197", report.reserved197);
+    json.Number("flow_id", report.flow_id);
+    AddHex(json, "reserved208", report.reserved208);
+    json.Number("userString", message.userString);
+    AddHex(json, "reserved232", report.reserved232);
+    json.Close();
 }
 
-Json PacketAsJson(const std::optional<CrmPacket>& packet) {
+void AddPacket(JsonText& json, const std::optional<CrmPacket>& packet) {
     if (!packet) {
-        return nullptr;
+        json.Raw("packet", "null");
+        return;
     }
-    return Json{
-        {"length", packet->info.uPacketLength},
-        {"capturedSize", packet->info.iCapturedSize},
-        {"time", TimeAsJson(packet->info.uSeconds, packet->info.uMicroseconds)},
-        {"frameNumber", packet->info.uFrameNumber},
-        {"reserved", packet->info.uReserved},
-        {"flags", packet->info.uFlags},
-        {"adapterId", packet->info.uAdapterID},
-        {"bytes", Base64(packet->bytes)},
-    };
+    json.Open("packet");
+    json.Number("length", packet->info.uPacketLength);
+    json.Raw("capturedSize", std::to_string(packet->info.iCapturedSize));
+    json.Raw("time", TimeAsJson(packet->info.uSeconds, packet->info.uMicroseconds).dump());
+    json.Number("frameNumber", packet->info.uFrameNumber);
+    json.Number("reserved", packet->info.uReserved);
+    json.Number("flags", packet->info.uFlags);
+    json.Number("adapterId", packet->info.uAdapterID);
+    json.Raw("bytes", '"' + Base64(packet->bytes) + '"');
+    json.Close();
 }
 
 // Pairs whose names are Unicode are an object that one can ask by name; a name that is not has no
 // place among JSON's names, and then all of them are listed.
-Json PairsAsJson(const CrmReport& message) {
-    Json object = Json::object();
-    Json list = Json::array();
-    bool allNamed = true;
-    for (const auto& [name, value] : message.pairs) {
-        const Json key = TextAsJson(name);
-        const Json text = TextAsJson(value);
-        list.push_back(Json{{"name", key}, {"value", text}});
-        allNamed = allNamed && key.is_string();
-        if (key.is_string()) {
-            object[name] = text;
-        }
+void AddPairs(JsonText& json, const CrmReport& message, std::string& to) {
+    const auto& pairs = message.pairs;
+    const bool isObject = std::all_of(pairs.begin(), pairs.end(),
+                                      [](const auto& pair) { return IsUtf8(pair.first); });
+    json.Raw("pairs", isObject ? "{" : "[");
+    bool isFirst = true;
+    for (const auto& [name, value] : pairs) {
+        to += isFirst ? "" : ",";
+        isFirst = false;
+        to += isObject ? "" : R"({"name":)";
+        AppendTextAsJson(to, name);
+        to += isObject ? ":" : R"(,"value":)";
+        AppendTextAsJson(to, value);
+        to += isObject ? "" : "}";
     }
-    return allNamed ? object : list;
+    to += isObject ? '}' : ']';
+}
+
+void AddText(JsonText& json, std::string_view name, std::string_view text, std::string& to) {
+    json.Raw(name, "");
+    AppendTextAsJson(to, text);
 }
 
 Color ColorOf(std::string_view severity) {
@@ -175,23 +182,27 @@ std::string ReportAsLine(const CrmReport& message, const Display& display) {
 }
 
 std::string ReportAsJson(const CrmOrigin& origin, const CrmReport& message) {
-    return Json{
-        {"channel", origin.channel},
-        {"ring", origin.ring},
-        {"time", TimeAsJson(message.report.startTime)},
-        {"name", TextAsJson(message.EventName())},
-        {"severity", TextAsJson(message.Severity())},
-        {"blocked", message.IsBlocked()},
-        {"blockedStatus", message.blockedStatus},
-        {"report", FieldsAsJson(message)},
-        {"nameValues", TextAsJson(message.nameValues)},
-        {"userResponse", TextAsJson(message.userResponse)},
-        {"userData", TextAsJson(message.userData)},
-        {"sensorName", TextAsJson(message.sensorName)},
-        {"pairs", PairsAsJson(message)},
-        {"packet", PacketAsJson(message.packet)},
-    }
-        .dump();
+    constexpr size_t kUsual = 4096;  // bytes, for a packet of a usual size
+    std::string text;
+    text.reserve(kUsual);
+    JsonText json(text);
+    json.Open();
+    json.Raw("channel", std::to_string(origin.channel));
+    json.Raw("ring", std::to_string(origin.ring));
+    json.Raw("time", TimeAsJson(message.report.startTime).dump());
+    AddText(json, "name", message.EventName(), text);
+    AddText(json, "severity", message.Severity(), text);
+    json.Raw("blocked", message.IsBlocked() ? "true" : "false");
+    json.Number("blockedStatus", message.blockedStatus);
+    AddFields(json, message);
+    AddText(json, "nameValues", message.nameValues, text);
+    AddText(json, "userResponse", message.userResponse, text);
+    AddText(json, "userData", message.userData, text);
+    AddText(json, "sensorName", message.sensorName, text);
+    AddPairs(json, message, text);
+    AddPacket(json, message.packet);
+    json.Close();
+    return text;
 }
 
 std::string MalformedReportAsJson(const CrmOrigin& origin, const std::string& reason,

@@ -215,8 +215,12 @@ bool RingWalker::IsStillThere(uint32_t at, uint32_t length) const {
     for (uint32_t done = 0; done < length; done += kShmRingWordSize, from += kShmRingWordSize) {
         from = from == m_size ? 0 : from;
         const uint32_t word = WordAt(from);
-        if (std::memcmp(m_body.data() + done, &word,
-                        std::min<size_t>(sizeof word, length - done)) != 0) {
+        const uint32_t left = length - done;
+        // A comparison of a whole word is an instruction, one of a part of it a call.
+        const bool isSame = left >= sizeof word
+                                ? std::memcmp(m_body.data() + done, &word, sizeof word) == 0
+                                : std::memcmp(m_body.data() + done, &word, left) == 0;
+        if (!isSame) {
             return false;
         }
     }

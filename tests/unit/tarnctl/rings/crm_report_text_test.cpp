@@ -100,6 +100,76 @@ TEST(ReportJson, HasEveryFieldOfTheReport) {
     EXPECT_EQ(0xFFFFFFFF, object["report"]["adapterId"]);
 }
 
+// The lines as they were when their readers were written.
+TEST(ReportJson, IsTheGoldenLine) {
+    CrmReport message = SampleReport();
+    message.report.startTime = 1763022257;
+    message.report.endTime = 1763022258;
+    message.report.flow_id = 0xFFFFFFFFFFFFFFFF;
+    message.report.reserved208[0] = 0xAB;
+    message.report.reserved197[2] = 0x0F;
+    message.report.intruderIpv6[0] = 0x20;
+    message.report.intruderIpv6[15] = 1;
+    message.userString = 7;
+    message.packet->info.uSeconds = 1763022257;
+    message.packet->info.uMicroseconds = 250001;
+    message.userResponse = "a\n\"b\\ \x7F \xC3\xA9";
+    message.sensorName = "\xFF";
+    message.pairs = {{"URL", "/\t\"x\""}, {"n\xC3\xA9", "\xFE"}};
+    EXPECT_EQ(R"({"channel":2,"ring":1,"time":1763022257,"name":"ET SCAN: probe","severity":")"
+              R"(high","blocked":true,"blockedStatus":5,"report":{"reportVersion":1,"icmpType)"
+              R"(":0,"icmpCode":0,"intruderIpv6":"2000::1","intruderIp":"10.1.2.3","sensorId")"
+              R"(:0,"issueId":2019401,"filterId":0,"vlanId":12,"victimIp":"192.168.1.20","vic)"
+              R"(timIpv6":"::","victimPort":80,"intruderPort":51234,"lastVictimIp":"0.0.0.0",)"
+              R"("sourceIp":"10.1.2.3","destinationIp":"192.168.1.20","destinationPort":80,"s)"
+              R"(ourcePort":51234,"sourceIpv6":"::","destinationIpv6":"::","lastVictimIpv6":")"
+              R"(::","startTime":1763022257,"endTime":1763022258,"count":1,"result":0,"eventT)"
+              R"(ype":6,"reportType":2,"adapterId":4294967295,"eventId":0,"throttleEventCount)"
+              R"(":0,"reserved172":0,"validFields":0,"packetFlags":0,"frameNumber":0,"etherTy)"
+              R"(pe":2048,"ipProtocol":6,"priority":1,"reserved197":"00000f","flow_id":184467)"
+              R"(44073709551615,"reserved208":"ab000000000000000000000000000000","userString")"
+              R"(:7,"reserved232":"000000000000000000000000000000000000000000000000"},"nameVa)"
+              R"(lues":"","userResponse":"a\n\"b\\ )"
+              "\x7F"
+              R"( )"
+              "\xC3\xA9"
+              R"(","userData":"ET SCAN: probe:high","sensorName":{"base64":"/w=="},"pairs":{")"
+              R"(URL":"/\t\"x\"","n)"
+              "\xC3\xA9"
+              R"(":{"base64":"/g=="}},"packet":{"length":4,"capturedSize":4,"time":1763022257)"
+              R"(.250001,"frameNumber":0,"reserved":0,"flags":0,"adapterId":0,"bytes":"3q2+7w)"
+              R"(=="}})",
+              ReportAsJson({2, 1}, message));
+
+    message.packet.reset();
+    message.report.startTime = 0;
+    message.pairs = {{"\xFF", "a"}, {"b", "c"}};
+    EXPECT_EQ(R"({"channel":2,"ring":1,"time":null,"name":"ET SCAN: probe","severity":"high",)"
+              R"("blocked":true,"blockedStatus":5,"report":{"reportVersion":1,"icmpType":0,"i)"
+              R"(cmpCode":0,"intruderIpv6":"2000::1","intruderIp":"10.1.2.3","sensorId":0,"is)"
+              R"(sueId":2019401,"filterId":0,"vlanId":12,"victimIp":"192.168.1.20","victimIpv)"
+              R"(6":"::","victimPort":80,"intruderPort":51234,"lastVictimIp":"0.0.0.0","sourc)"
+              R"(eIp":"10.1.2.3","destinationIp":"192.168.1.20","destinationPort":80,"sourceP)"
+              R"(ort":51234,"sourceIpv6":"::","destinationIpv6":"::","lastVictimIpv6":"::","s)"
+              R"(tartTime":0,"endTime":1763022258,"count":1,"result":0,"eventType":6,"reportT)"
+              R"(ype":2,"adapterId":4294967295,"eventId":0,"throttleEventCount":0,"reserved17)"
+              R"(2":0,"validFields":0,"packetFlags":0,"frameNumber":0,"etherType":2048,"ipPro)"
+              R"(tocol":6,"priority":1,"reserved197":"00000f","flow_id":18446744073709551615,)"
+              R"("reserved208":"ab000000000000000000000000000000","userString":7,"reserved232)"
+              R"(":"000000000000000000000000000000000000000000000000"},"nameValues":"","userR)"
+              R"(esponse":"a\n\"b\\ )"
+              "\x7F"
+              R"( )"
+              "\xC3\xA9"
+              R"(","userData":"ET SCAN: probe:high","sensorName":{"base64":"/w=="},"pairs":[{)"
+              R"("name":{"base64":"/w=="},"value":"a"},{"name":"b","value":"c"}],"packet":nul)"
+              R"(l})",
+              ReportAsJson({2, 1}, message));
+
+    message.pairs.clear();
+    EXPECT_THAT(ReportAsJson({2, 1}, message), EndsWith(R"("pairs":{},"packet":null})"));
+}
+
 TEST(ReportJson, HasStringsPairsAndPacket) {
     const json object = json::parse(ReportAsJson({3, 1}, SampleReport()));
     EXPECT_EQ(3, object["channel"]);

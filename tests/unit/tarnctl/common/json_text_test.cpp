@@ -1,4 +1,4 @@
-#include "tarnctl/crm/json_text.h"
+#include "tarnctl/common/json_text.h"
 
 #include <gtest/gtest.h>
 
@@ -33,6 +33,18 @@ TEST_F(JsonTextTest, SeparatesTheMembersOfEachObject) {
     m_json.Close();
     m_json.Number("e", 3);
     EXPECT_EQ(R"({"a":1,"b":{"c":18446744073709551615,"d":[2]},"e":3})", Finish());
+}
+
+TEST_F(JsonTextTest, WritesAddresses) {
+    constexpr std::array<uint8_t, 16> kNone = {};
+    constexpr std::array<uint8_t, 16> kSome = {0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0,
+                                               0,    0,    0,    0,    0, 0, 0, 1};
+    m_json.Open();
+    m_json.Ipv4("a", 0);
+    m_json.Ipv4("b", 0xFF0A64C8);
+    m_json.Ipv6("c", kNone);
+    m_json.Ipv6("d", kSome);
+    EXPECT_EQ(R"({"a":"0.0.0.0","b":"255.10.100.200","c":"::","d":"2001:db8::1"})", Finish());
 }
 
 TEST_F(JsonTextTest, LeavesOutWhatIsZeroOrEmpty) {

@@ -1,10 +1,11 @@
-#include "tarnctl/crm/json_text.h"
+#include "tarnctl/common/json_text.h"
 
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <nlohmann/json.hpp>
 
+#include "quarantine/address_text.h"
 #include "tarnctl/common/text_forms.h"
 
 namespace tarnctl {
@@ -23,16 +24,15 @@ bool IsPrintable(std::string_view text) {
 // A string of printable ASCII, in which only two letters are not their own.
 void AppendPrintable(std::string& to, std::string_view text) {
     to += '"';
-    while (true) {
-        const size_t plain = text.find_first_of("\"\\");
-        to += text.substr(0, plain);
-        if (plain == std::string_view::npos) {
-            break;
+    size_t done = 0;
+    for (size_t at = 0; at < text.size(); ++at) {
+        if (text[at] == '"' || text[at] == '\\') {
+            to.append(text, done, at - done);
+            to += '\\';
+            done = at;
         }
-        to += '\\';
-        to += text[plain];
-        text.remove_prefix(plain + 1);
     }
+    to.append(text, done);
     to += '"';
 }
 
@@ -60,9 +60,12 @@ void JsonText::Open(std::string_view name) {
 }
 
 void JsonText::Name(std::string_view name) {
-    m_to += m_to.back() == '{' ? "\"" : ",\"";
+    if (m_to.back() != '{') {
+        m_to += ',';
+    }
+    m_to += '"';
     m_to += name;
-    m_to += "\":";
+    m_to.append("\":", 2);
 }
 
 void JsonText::Number(std::string_view name, uint64_t value) {
@@ -99,6 +102,29 @@ void JsonText::TextUnlessEmpty(std::string_view name, std::string_view text) {
         Name(name);
         AppendTextAsJson(m_to, text);
     }
+}
+
+void JsonText::Ipv4(std::string_view name, uint32_t address) {
+    Name(name);
+    m_to += '"';
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        constexpr size_t kLongest = 3;  // digits of a byte
+        std::array<char, kLongest> digits;
+        const uint32_t byte = address >> shift & 0xFF;
+        m_to.append(digits.data(),
+                    std::to_chars(digits.data(), digits.data() + digits.size(), byte).ptr);
+        m_to += shift == 0 ? '"' : '.';
+    }
+}
+
+// Most reports have no address of the second kind.
+void JsonText::Ipv6(std::string_view name, std::span<const uint8_t, 16> address) {
+    const bool isZero =
+        std::all_of(address.begin(), address.end(), [](uint8_t byte) { return byte == 0; });
+    Name(name);
+    m_to += '"';
+    m_to += isZero ? "::" : Ipv6Text(address);
+    m_to += '"';
 }
 
 void JsonText::HexUnlessZero(std::string_view name, std::span<const uint8_t> bytes) {

@@ -38,6 +38,9 @@ class JsonText {
     void Text(std::string_view name, std::string_view text);
     // A string, or {"base64": ...} where the text is no UTF-8; nothing for an empty text.
     void TextUnlessEmpty(std::string_view name, std::string_view text);
+    // An IPv4 address in host byte order, and an IPv6 address.
+    void Ipv4(std::string_view name, uint32_t address);
+    void Ipv6(std::string_view name, std::span<const uint8_t, 16> address);
     // Two hexadecimal digits for each byte; nothing where all of them are 0.
     void HexUnlessZero(std::string_view name, std::span<const uint8_t> bytes);
 
