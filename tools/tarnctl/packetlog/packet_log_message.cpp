@@ -102,8 +102,19 @@ std::string CommentOn(const LogControlMessage_OffendingPacketCapture& message) {
     return comment;
 }
 
-void AddPacketCapture(std::span<const std::byte> datagram, ordered_json& fields,
-                      CapturedPacket& packet) {
+CapturedPacket PacketOf(const LogControlMessage_OffendingPacketCapture& message,
+                        std::span<const std::byte> datagram) {
+    return {message.uEventID,
+            message.uMaxFiles,
+            message.uMaxFileSize,
+            message.uSeconds,
+            message.uMicroseconds,
+            message.uPacketLength,
+            datagram.subspan(kControlDatagramBytes),
+            CommentOn(message)};
+}
+
+void AddPacketCapture(std::span<const std::byte> datagram, ordered_json& fields) {
     const auto message = As<LogControlMessage_OffendingPacketCapture>(datagram);
     AddLimits(message, fields);
     fields["packetHash"] = message.uPacketHash;
@@ -116,14 +127,6 @@ void AddPacketCapture(std::span<const std::byte> datagram, ordered_json& fields,
     fields["reserved"] = message.uReserved;
     fields["flags"] = message.uFlags;
     fields["adapterId"] = message.uAdapterID;
-    packet = {message.uEventID,
-              message.uMaxFiles,
-              message.uMaxFileSize,
-              message.uSeconds,
-              message.uMicroseconds,
-              message.uPacketLength,
-              datagram.subspan(kControlDatagramBytes),
-              CommentOn(message)};
 }
 
 void AddSettings(std::span<const std::byte> datagram, ordered_json& fields) {
@@ -132,8 +135,7 @@ void AddSettings(std::span<const std::byte> datagram, ordered_json& fields) {
     fields["interfaces"] = message.uInterfaces;
 }
 
-void AddBody(std::span<const std::byte> datagram, uint32_t type, ordered_json& fields,
-             CapturedPacket& packet) {
+void AddBody(std::span<const std::byte> datagram, uint32_t type, ordered_json& fields) {
     switch (type) {
         case kNewConnectionCapture:
             AddConnectionCapture(datagram, fields);
@@ -142,7 +144,7 @@ void AddBody(std::span<const std::byte> datagram, uint32_t type, ordered_json& f
             AddInterfaceCapture(datagram, fields);
             break;
         case kOffendingPacketCapture:
-            AddPacketCapture(datagram, fields, packet);
+            AddPacketCapture(datagram, fields);
             break;
         case kStartRollingPacketCapture:
         case kConfigureRollingPacketCapture:
@@ -200,8 +202,7 @@ std::string FieldsAsLine(const ordered_json& fields, const Display& display) {
     return line;
 }
 
-std::string DecodePacketLogMessage(std::span<const std::byte> datagram, PacketLogMessage& message,
-                                   const Display& display) {
+std::string CheckPacketLogMessage(std::span<const std::byte> datagram) {
     if (datagram.size() < kControlDatagramBytes) {
         return "shorter than " + std::to_string(kControlDatagramBytes) + " bytes";
     }
@@ -214,18 +215,30 @@ std::string DecodePacketLogMessage(std::span<const std::byte> datagram, PacketLo
         return "type " + std::to_string(head.uType) + " with a length of " +
                std::to_string(head.uLength) + " and not " + std::to_string(kind->length);
     }
-    std::string reason = CheckPayload(datagram, head.uType);
+    return CheckPayload(datagram, head.uType);
+}
+
+CapturedPacket PacketIn(std::span<const std::byte> datagram) {
+    return As<LogControlMessage>(datagram).uType == kOffendingPacketCapture
+               ? PacketOf(As<LogControlMessage_OffendingPacketCapture>(datagram), datagram)
+               : CapturedPacket();
+}
+
+std::string DecodePacketLogMessage(std::span<const std::byte> datagram, PacketLogMessage& message,
+                                   const Display& display) {
+    std::string reason = CheckPacketLogMessage(datagram);
     if (!reason.empty()) {
         return reason;
     }
+    const uint32_t type = As<LogControlMessage>(datagram).uType;
     ordered_json fields;
-    fields["type"] = head.uType;
-    fields["name"] = kind->name;
-    message.packet = {};
-    AddBody(datagram, head.uType, fields, message.packet);
+    fields["type"] = type;
+    fields["name"] = FindKind(type)->name;
+    AddBody(datagram, type, fields);
     message.line = FieldsAsLine(fields, display);
-    if (!message.packet.bytes.empty()) {
-        fields["packet"] = Base64(message.packet.bytes);
+    const CapturedPacket packet = PacketIn(datagram);
+    if (!packet.bytes.empty()) {
+        fields["packet"] = Base64(packet.bytes);
     }
     message.json = fields.dump();
     return {};

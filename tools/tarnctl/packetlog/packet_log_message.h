@@ -14,14 +14,19 @@
 
 namespace tarnctl {
 
-// What a datagram holds beside its text.
+// A datagram in words.
 struct PacketLogMessage {
-    std::string line;       // for a person; texts from outside as in ForTerminal
-    std::string json;       // one object with every field
-    CapturedPacket packet;  // of type 4; no bytes: there is none
+    std::string line;  // for a person; texts from outside as in ForTerminal
+    std::string json;  // one object with every field
 };
 
-// Empty, or the reason why this is no message. The packet's bytes stay those of the datagram.
+// Empty, or the reason why this is no message.
+[[nodiscard]] std::string CheckPacketLogMessage(std::span<const std::byte> datagram);
+
+// The packet of a message; no bytes: there is none. They stay those of the datagram.
+[[nodiscard]] CapturedPacket PacketIn(std::span<const std::byte> datagram);
+
+// Puts a message into words as well. Empty, or the reason why this is none.
 [[nodiscard]] std::string DecodePacketLogMessage(std::span<const std::byte> datagram,
                                                  PacketLogMessage& message,
                                                  const Display& display = {});
