@@ -123,6 +123,7 @@ class Lifecycle(harness.DaemonTest):
         ], harness.log_messages())
         self.assertEqual("tarn exiting", harness.log_messages()[-1])
         self.assertNotIn(NOT_FREED, harness.log_messages())
+        self.assertEqual([], [text for text in harness.log_messages() if "still alive" in text])
         if level <= 3:
             self.assert_logged_at(level, message)
         else:

@@ -291,6 +291,9 @@ TEST_F(EngineTest, StopsAnEventThreadThatShouldNotRunAndStartsItAgain) {
     };
     EXPECT_TRUE(has("1 Event thread is running which should not be. Try stop it to fix this."));
     EXPECT_TRUE(has("5 Want to start EVENT thread"));
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.starts_with("5 Event thread ") && line.ends_with(" exiting: 0");
+    })) << "the first run has ended by the stop";
 }
 
 // Two seconds before the cancel, two after it, and two until the engine gives the thread up.

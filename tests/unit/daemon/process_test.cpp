@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -99,6 +100,15 @@ TEST_F(ProcessTest, AnEmptyPidFileIsNoRunningCopy) {
     EXPECT_FALSE(IsProcessRunning("tarn", m_pidFile.c_str(), nullptr));
 }
 
+TEST_F(ProcessTest, ThePidFilesNumberIsDecimal) {
+    for (const char* text : {"010", "10x", " +10\n"}) {
+        WriteFile(text);
+        int pid = 0;
+        (void)IsProcessRunning("tarn", m_pidFile.c_str(), &pid);  // whether there is a process 10
+        EXPECT_EQ(10, pid) << text;
+    }
+}
+
 TEST_F(ProcessTest, OnlyTheFirst79BytesOfAPidFileCount) {
     WriteFile(std::string(79, ' ') + std::to_string(getpid()));
     EXPECT_FALSE(IsProcessRunning("tarn", m_pidFile.c_str(), nullptr));
@@ -172,7 +182,9 @@ TEST_F(ProcessTest, StoppingWaitsForTheEnd) {
 TEST_F(ProcessTest, StoppingGivesUpAfterItsTime) {
     const SleepingChild child(true);
     WriteFile(std::to_string(child.Pid()));
+    const auto started = std::chrono::steady_clock::now();
     EXPECT_FALSE(StopProcess("no-such-file-in-this-folder", m_pidFile.c_str(), 1));
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
 }
 
 TEST_F(ProcessTest, StoppingWithZeroSecondsFailsAtOnce) {

@@ -198,6 +198,7 @@ TEST_F(EventThreadTest, BlocksAndIgnoresTheSignalOfTheStackReport) {
 
 TEST_F(EventThreadTest, SuspendsAndResumes) {
     InitializeBridge();
+    const LogCapture log(vald::Log::kDebug);
     EventThread thread("eventthread", 0, 0);
     EXPECT_FALSE(thread.WaitSuspended(0));
     ASSERT_TRUE(thread.Start(false));
@@ -215,6 +216,10 @@ TEST_F(EventThreadTest, SuspendsAndResumes) {
     ExpectTheLoopToWork();
     StopAndJoin(thread);
     EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
+    const auto lines = log.Messages();
+    EXPECT_EQ(1, std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+                  return line.ends_with(" suspended.");
+              }));
 }
 
 TEST_F(EventThreadTest, StopWakesASuspendedThreadWhichLogsThatItResumed) {
