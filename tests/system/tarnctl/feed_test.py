@@ -246,7 +246,7 @@ class Feed(harness.DaemonTest):
         self.daemon().ready()
         self.write("u2.1", *map(self.alert, range(50)))
         self.write("u2.2", frame(72, b"other"))
-        shown = self.on_terminal(200, "--once")
+        shown = self.on_terminal(200, "--once", "--rate", "100")
         self.assertIn("\r\x1b[Ktarnctl feed: records of type 72 are skipped", shown)
 
     def test_without_a_terminal_it_shows_no_progress(self):

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <ostream>
@@ -21,6 +22,7 @@
 namespace tarnctl {
 namespace {
 
+using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
 // Records that are fed before reports and signals are looked at again.
@@ -40,12 +42,23 @@ constexpr milliseconds kLastReports{3000};
 // What is read last has no more to come when nothing came for so long.
 constexpr milliseconds kIdle{200};
 
-constexpr int kPollBlocked = 1;  // milliseconds; nothing wakes a writer when the ring moves
-constexpr int kPollUnderWay = 5;
-constexpr int kPollWaiting = 10;
-constexpr int kPollIdle = 250;
+// Nothing wakes a writer when the ring moves. A daemon that is busy is through with all that the
+// pipe holds, or the window, in a part of a millisecond.
+constexpr microseconds kPollBusy{100};
+constexpr milliseconds kBusy{5};  // since it has moved last
+constexpr milliseconds kPollBlocked{1};
+constexpr milliseconds kPollUnderWay{5};
+constexpr milliseconds kPollWaiting{10};
+constexpr milliseconds kPollIdle{250};
 
 constexpr const char* kRefeedEnding = ".refeed";
+
+// An interrupted or failed wait is over early; whoever waits looks again at what it waits for.
+void PollFor(std::span<pollfd> entries, microseconds time) {
+    const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(time);
+    const timespec limit = {.tv_sec = 0, .tv_nsec = nanoseconds.count()};
+    (void)ppoll(entries.data(), entries.size(), &limit, nullptr);
+}
 
 std::string OrElse(const std::string& text, const std::string& other) {
     return text.empty() ? other : text;
@@ -156,7 +169,7 @@ void Feeder::WaitForLastReports() {
     const auto deadline = Clock::now() + kLastReports;
     while (!m_underWay.IsEmpty() && !m_isFailed && Clock::now() < deadline) {
         LoopOnce(false);
-        (void)poll(nullptr, 0, kPollWaiting);
+        PollFor({}, kPollWaiting);
     }
 }
 
@@ -221,7 +234,10 @@ void Feeder::WaitForNews() {
     if (m_lastStep == Step::kGoesOn) {
         return;
     }
-    int time = m_lastStep == Step::kBlocked ? kPollBlocked : kPollIdle;
+    microseconds time = kPollIdle;
+    if (m_lastStep == Step::kBlocked) {
+        time = Clock::now() - m_stillSince < kBusy ? kPollBusy : kPollBlocked;
+    }
     const bool isAtEnd = m_lastStep == Step::kEnd;
     if (m_phase != Phase::kFeeding || m_counters.isHeld || m_guardIsLate || m_isUnsure ||
         (isAtEnd && m_underWay.IsEmpty() && m_options.once)) {
@@ -237,7 +253,7 @@ void Feeder::WaitForNews() {
     if (const int folder = Source().Folder().Descriptor(); folder != -1) {
         entries.push_back({folder, POLLIN, 0});
     }
-    (void)poll(entries.data(), entries.size(), time);
+    PollFor(entries, time);
     Source().Folder().TakeNews();
 }
 

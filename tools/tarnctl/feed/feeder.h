@@ -26,6 +26,7 @@
 #include "tarnctl/common/daemon_process.h"
 #include "tarnctl/common/entry_guard.h"
 #include "tarnctl/common/pacer.h"
+#include "tarnctl/common/processors.h"
 #include "tarnctl/common/progress_bar.h"
 #include "tarnctl/feed/alert_key.h"
 #include "tarnctl/feed/bookmark.h"
@@ -133,6 +134,7 @@ class Feeder {
     FeedFifo m_fifo;
     std::unique_ptr<ReportWatch> m_watch;
     ProcessEnd m_daemonEnd;
+    const Processors m_processors;
     Pacer m_pacer;
 
     Phase m_phase = Phase::kConnecting;

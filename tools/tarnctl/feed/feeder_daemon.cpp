@@ -95,6 +95,9 @@ void Feeder::Connect() {
         m_fifo.Close();
         return;
     }
+    if (daemon) {
+        m_processors.KeepOff(daemon->pid);
+    }
     if (!KnowEntries(daemon) || !AttachRing()) {
         return;
     }
@@ -244,7 +247,7 @@ void Feeder::KeepLost(std::vector<FedAlert> lost) {
         Tell("tarn makes no report of an alert of signature " +
              std::to_string(alert.key.signature) + "; it is rejected");
         ++m_counters.rejectedAlerts;
-        for (const auto& record : alert.records) {
+        for (const auto record : alert.records.All()) {
             (void)Reject(record);
         }
     }

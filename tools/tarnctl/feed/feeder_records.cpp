@@ -161,12 +161,12 @@ Feeder::Step Feeder::FeedAlert(uint32_t type, std::span<const std::byte> record)
         m_due.reset();
         ++m_counters.alerts;
         NoteFate(m_present->eventId, Fate::kFed);
-        FedAlert alert;
+        FedAlert alert = m_underWay.Blank();
         alert.key = m_present->key;
         alert.eventId = m_present->eventId;
         alert.position = Source().Here();
         alert.reportBytes = reportBytes;
-        alert.records.emplace_back(record.begin(), record.end());
+        alert.records.Add(record);
         m_underWay.Add(std::move(alert));
         m_present.reset();
         PassRecord();
@@ -264,7 +264,7 @@ bool Feeder::SendWaiting(std::span<const std::byte> record) {
 Feeder::Step Feeder::FeedAgain() {
     FedAlert& next = m_again.front();
     if (!m_guard.HasEntry(next.key.signature)) {
-        for (const auto& record : next.records) {
+        for (const auto record : next.records.All()) {
             if (Reject(record) != Step::kGoesOn) {
                 return Step::kBlocked;
             }
@@ -273,7 +273,7 @@ Feeder::Step Feeder::FeedAgain() {
         m_again.pop_front();
         return Step::kGoesOn;
     }
-    if (!MayFeed(next.reportBytes) || Send(next.records.front()) != Step::kGoesOn) {
+    if (!MayFeed(next.reportBytes) || Send(next.records.All().front()) != Step::kGoesOn) {
         return Step::kBlocked;
     }
     m_due.reset();
@@ -281,7 +281,8 @@ Feeder::Step Feeder::FeedAgain() {
     ++m_counters.fedAgain;
     // It is under way from its first record on. What of its packets cannot be sent now goes with it
     // when it is fed again.
-    const auto records = next.records;
+    const FedRecords kept = next.records;
+    const auto records = kept.All();
     m_underWay.Add(std::move(next));
     m_again.pop_front();
     for (size_t index = 1; index < records.size(); ++index) {

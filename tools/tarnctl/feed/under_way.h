@@ -16,7 +16,6 @@
 #include <deque>
 #include <optional>
 #include <span>
-#include <unordered_map>
 #include <vector>
 
 #include "tarnctl/feed/alert_key.h"
@@ -24,13 +23,25 @@
 
 namespace tarnctl {
 
+// Records as the sensor wrote them, header included, one behind the other.
+class FedRecords {
+  public:
+    void Add(std::span<const std::byte> record);
+    // The records in their order, as long as this object does not change.
+    [[nodiscard]] std::vector<std::span<const std::byte>> All() const;
+    void Clear() { m_bytes.clear(); }
+
+  private:
+    std::vector<std::byte> m_bytes;
+};
+
 struct FedAlert {
     AlertKey key;
     uint32_t eventId = 0;
     SpoolPosition position;    // of its first record
     uint64_t reportBytes = 0;  // at most what its report takes in the ring
     uint32_t losses = 0;       // times that a daemon that went on has made no report of it
-    std::vector<std::vector<std::byte>> records;  // the alert, then what belongs to it
+    FedRecords records;        // the alert, then what belongs to it
 };
 
 class UnderWay {
@@ -41,6 +52,8 @@ class UnderWay {
         kForeign,    // of an alert that somebody else has fed
     };
 
+    // An alert with nothing in it. It has the memory of one that is done with.
+    [[nodiscard]] FedAlert Blank();
     void Add(FedAlert alert);
     // Adds a record to the newest alert of this event id. False when there is none.
     bool Append(uint32_t eventId, std::span<const std::byte> record, uint64_t reportBytes);
@@ -71,8 +84,9 @@ class UnderWay {
 
     std::deque<FedAlert> m_alerts;  // in the order in which they were fed
     uint64_t m_reportBytes = 0;
-    std::deque<AlertKey> m_reported;  // oldest first
-    std::unordered_map<AlertKey, uint32_t, AlertKeyHash> m_reportedCounts;
+    std::vector<AlertKey> m_reported;  // at most kRemembered, a ring of them when there are so many
+    size_t m_oldest = 0;               // of the ring
+    std::vector<FedRecords> m_spare;   // memory of alerts that are done with
 };
 
 }  // namespace tarnctl

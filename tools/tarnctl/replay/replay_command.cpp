@@ -12,9 +12,11 @@
 #include "paths.h"
 #include "tarnctl/common/alert_fifo.h"
 #include "tarnctl/common/counted.h"
+#include "tarnctl/common/daemon_process.h"
 #include "tarnctl/common/exit_status.h"
 #include "tarnctl/common/number_checks.h"
 #include "tarnctl/common/pacer.h"
+#include "tarnctl/common/processors.h"
 #include "tarnctl/common/progress_bar.h"
 #include "tarnctl/common/record_file.h"
 #include "tarnctl/common/signals.h"
@@ -72,6 +74,9 @@ class Replay {
             !m_file.Rewind()) {
             m_error = m_file.Error();
         } else if (Accept(m_fifo.Open())) {
+            if (const auto daemon = FindDaemon(m_options.fifo)) {
+                Processors().KeepOff(daemon->pid);
+            }
             started = Clock::now();
             PlayAll();
         }

@@ -3,6 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <span>
+#include <vector>
+
+#include "support/unified2_records.h"
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -17,6 +23,13 @@ AlertKey Key(uint64_t second) {
     return key;
 }
 
+// A record with one byte of payload.
+std::vector<std::byte> Record(uint8_t payload) {
+    const u2test::Bytes frame = u2test::Framed(2, {payload});
+    const auto bytes = std::as_bytes(std::span(frame));
+    return {bytes.begin(), bytes.end()};
+}
+
 class UnderWayTest : public testing::Test {
   protected:
     void Add(uint64_t second, uint32_t eventId = 1, uint64_t offset = 0) {
@@ -25,7 +38,7 @@ class UnderWayTest : public testing::Test {
         alert.eventId = eventId;
         alert.position = {1, offset};
         alert.reportBytes = 100;
-        alert.records.push_back({std::byte{1}});
+        alert.records.Add(Record(1));
         m_underWay.Add(std::move(alert));
     }
     [[nodiscard]] std::vector<uint64_t> Lost() const {
@@ -114,11 +127,20 @@ TEST_F(UnderWayTest, ForgetsAlertsThatLookAlikeOneByOne) {
     EXPECT_EQ(Match::kDuplicate, m_underWay.Report(Key(0), m_lost));
 }
 
+TEST_F(UnderWayTest, BlankAlertHasNothingOfTheOneBefore) {
+    Add(1);
+    ASSERT_EQ(Match::kOurs, m_underWay.Report(Key(1), m_lost));
+    const FedAlert blank = m_underWay.Blank();
+    EXPECT_TRUE(blank.records.All().empty());
+    EXPECT_EQ(Key(0), blank.key);
+    EXPECT_EQ(0U, blank.reportBytes);
+}
+
 TEST_F(UnderWayTest, KeepsTheRecordsOfAnAlertTogether) {
     Add(1, 7);
     Add(2, 8);
     Add(3, 7);
-    const std::vector<std::byte> packet = {std::byte{5}, std::byte{6}};
+    const std::vector<std::byte> packet = Record(5);
     EXPECT_TRUE(m_underWay.Append(7, packet, 50));
     EXPECT_FALSE(m_underWay.Append(9, packet, 50));
     EXPECT_EQ(350U, m_underWay.ReportBytes());
@@ -126,9 +148,10 @@ TEST_F(UnderWayTest, KeepsTheRecordsOfAnAlertTogether) {
     EXPECT_FALSE(m_underWay.IsNewest(8));
     const std::vector<FedAlert> all = m_underWay.TakeAll();
     ASSERT_EQ(3U, all.size());
-    EXPECT_EQ(1U, all[0].records.size());
-    ASSERT_EQ(2U, all[2].records.size());
-    EXPECT_EQ(packet, all[2].records[1]);
+    EXPECT_EQ(1U, all[0].records.All().size());
+    const auto records = all[2].records.All();
+    ASSERT_EQ(2U, records.size());
+    EXPECT_TRUE(std::ranges::equal(packet, records[1]));
     EXPECT_EQ(0U, m_underWay.ReportBytes());
     EXPECT_FALSE(m_underWay.IsNewest(7));
 }
