@@ -225,21 +225,31 @@ TEST_F(EventThreadTest, SuspendsAndResumes) {
 TEST_F(EventThreadTest, StopWakesASuspendedThreadWhichLogsThatItResumed) {
     InitializeBridge();
     std::string self;
-    const auto lines = LevelledMessages([this, &self] {
+    const auto lines = LevelledMessages([&self] {
         EventThread thread("eventthread", 0, 0);
         ASSERT_TRUE(thread.Start(false));
         self = std::to_string(thread.Handle());
         thread.Suspend();
         ASSERT_TRUE(thread.WaitSuspended(kLongMs));
-        ASSERT_EQ(0, m_bridge->EnqueueEvent(new TestAlert(kKnown)));
         thread.Stop();
         ASSERT_TRUE(thread.Join(kLongMs, nullptr));
         EXPECT_EQ(EventThread::kExitStopped, thread.ExitCode());
-        EXPECT_EQ(0, TestAlert::s_reportsMade) << "the event stays in the ring";
     });
     for (const char* what : {" suspended.", " resumed.", " exiting: 0"}) {
         EXPECT_THAT(lines, testing::Contains("5 Event thread " + self + what));
     }
+}
+
+TEST_F(EventThreadTest, SuspendedThreadThatIsStoppedTakesNoMoreEvents) {
+    InitializeBridge();
+    EventThread thread("eventthread", 0, 0);
+    ASSERT_TRUE(thread.Start(false));
+    thread.Suspend();
+    ASSERT_TRUE(thread.WaitSuspended(kLongMs));
+    ASSERT_EQ(0, m_bridge->EnqueueEvent(new TestAlert(kKnown)));
+    thread.Stop();
+    ASSERT_TRUE(thread.Join(kLongMs, nullptr));
+    EXPECT_EQ(0, TestAlert::s_reportsMade) << "the event stays in the ring";
 }
 
 TEST_F(EventThreadTest, KeepsCpuZeroUnbound) {
